@@ -1,0 +1,211 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+
+#include "platform/critical_section.h"
+#include "trace/debug_trace_config.h"
+#include "trace/resident_memory.h"
+
+// The trace facility of the daemon and of every module that it hosts.
+//
+// Exactly one instance is used: the global `Debug`, which the executable exports, so that everybody writes into the
+// same files with the same level under the same lock. An entry goes to one of two targets: the memory-mapped ring
+// buffer (log.<app>_i while the application starts, log.<app>_a afterwards) or the size-limited log file log.<app>;
+// PrintAlways reaches both. docs/trace-files.md describes the files, docs/configuration.md where the settings come
+// from.
+//
+// Threads: every operation takes the object's own recursive lock except SetTarget and the tests of m_TraceActive and
+// m_TraceLevel; a stale read of those costs one entry at most.
+// Failures: a writer never lets one reach its caller. An entry that cannot be formatted or copied is dropped. Only the
+// forced unwinding of a cancelled thread passes through, with the lock given back.
+// Lifetime: `Debug` is constant-initialised and its storage is never torn down, so static objects of any binary may
+// trace at any time: before Init and after the end of main nothing is written.
+//
+// Modules call through the table of virtual operations. Their order and the layout of the public data members are a
+// binary interface: append, never reorder.
+class CDebug : public CDebugTraceConfig {
+ public:
+  constexpr CDebug() = default;
+  // As above, then Init when the name is non-empty; a failed Init is reported to syslog.
+  explicit CDebug(const char* appName);
+  virtual ~CDebug();
+  CDebug(const CDebug&) = delete;
+  CDebug& operator=(const CDebug&) = delete;
+
+  // This object is the master instance: always true.
+  virtual bool IsMaster() const;
+
+  // Reads the configuration, opens the log file and creates the start-up ring buffer. False when tracing is configured
+  // but the ring buffer could not be created (tracing is then off), and for a null name, which changes nothing.
+  // A second call starts anew: what was open is closed first.
+  virtual bool Init(const char* appName);
+
+  // Writes the message when its level is not above the current one. A null format writes nothing.
+  virtual void Print(unsigned int level, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
+
+  // Written whatever the level: to the ring buffer when that is the target, and always to the log file.
+  virtual void PrintAlways(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+  virtual void PrintAlways(unsigned int level, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
+
+  // As PrintAlways with the caller's own tag in place of the application name.
+  virtual void PrintAlwaysV(const char* fmt, va_list args, const char* tag) __attribute__((format(printf, 2, 0)));
+
+  // No level test; to the current target alone, with the caller's own tag.
+  virtual void ClientPrintV(const char* fmt, va_list args, const char* tag) __attribute__((format(printf, 2, 0)));
+
+  void PrintV(unsigned int level, const char* fmt, va_list args) __attribute__((format(printf, 3, 0)));
+
+  // Keeps the command line (borrowed, it must outlive the object) and writes it to both targets when argc > 0.
+  void SetMainParams(int argc, char** argv);
+
+  // Ends the start-up phase: the log file's start-up part is fixed, the start-up ring buffer is compressed with gzip
+  // and replaced by the run-time ring buffer.
+  void SetApplInitDone();
+
+  // true: back to the configured level and active; false: level 0 and inactive. The target stays. Always true.
+  bool ForceMaxDebug(bool on);
+
+  // Takes no lock.
+  void SetTarget(unsigned int target) { m_TraceTarget.store(target, std::memory_order_relaxed); }
+
+  // Appends "_" and the upper-cased name to the text in buf, at most size - 1 characters in all, always terminated.
+  // Nothing is appended for a null or empty name. "QN_X" and "ravd" => "QN_X_RAVD".
+  static void BuildAppVarName(char* buf, size_t size, const char* appName);
+
+  // Lower-cases in place and returns its argument; null stays null.
+  static char* StringToLower(char* text);
+
+  static constexpr unsigned int kTargetNone = 0;
+  static constexpr unsigned int kTargetLogFile = 1;
+  static constexpr unsigned int kTargetRingBuffer = 2;
+
+ protected:
+  friend struct CDebugCloser;
+
+  static constexpr size_t kPathSize = 256;
+  static constexpr size_t kSecondTextSize = 22;
+  static constexpr size_t kMaxHeader = 128;  // bytes of an entry's header
+  static constexpr size_t kMaxText = 1024;   // characters of an entry's text that always fit
+
+  // The steps of Init and of the destructor; the lock is held but in Close, which takes it.
+  void Close();
+  void SetApplicationName(const char* appName);
+  void StoreStartTime();
+  void SwitchTracingOff();
+  void ReadWeightOfApplication();
+
+  // Configuration
+  bool ReadDebugConfig(const char* appName);
+  void ReadApplicationSettings();
+  void ComputeEffectiveValues();
+  void UpdateConfiguration();  // looks at the followed files again when their time has come
+
+  // The writers; target 0 of PrintIt means the current one.
+  void PrintIt(unsigned int target, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
+  void PrintToLogFile(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+  void TraceToTarget(unsigned int target, const char* fmt, va_list args, const char* tag)
+      __attribute__((format(printf, 3, 0)));
+  void TraceToRingBuffer(const char* fmt, va_list args, const char* tag) __attribute__((format(printf, 2, 0)));
+  void TraceToLogFile(const char* fmt, va_list args, const char* tag) __attribute__((format(printf, 2, 0)));
+
+  // The parts of an entry. SetEntryHeader returns the header's length, at most size, and writes no terminator; size is
+  // kMaxHeader or more.
+  size_t SetEntryHeader(char* buffer, size_t size, const char* tag);
+  const char* TimeTextOfSecond(time_t second);
+  static const char* SkipLeadingNewlines(const char* fmt);
+
+  // Ring buffer
+  int64_t ComputeRingBufferSize();
+  bool InitStartUpRingBuffer();
+  bool InitRingBuffer(const char* path, int64_t length);
+  bool FillRingBuffer(int64_t length);
+  void CloseRingBuffer();
+  void AppendToRingBuffer(const char* entry, size_t length);
+  void CopyToRingBuffer(const char* entry, size_t length);
+  void WrapRingBuffer(const char* entry, size_t length);
+  void SwitchToRunTimeRingBuffer();
+
+  // Log file
+  void OpenLogFile();
+  void CloseLogFile();
+  void MarkEndOfStartUpPart();
+  void WriteToLogFile(const char* entry, size_t length);
+  void WrapLogFile(size_t headerLength);
+
+  // The header block of a file, line by line
+  void CaptureHeaderVariables();
+  void WriteLogHeader(unsigned int target);
+  void WriteCommandLine(unsigned int target);
+  void WriteVariables(unsigned int target);
+  void WriteIniValues(unsigned int target);
+  void WriteInternalValues(unsigned int target);
+
+  CCriticalSection m_CritSec;
+  uint32_t m_Pid = 0;
+  int m_Argc = 0;
+  char** m_Argv = nullptr;  // borrowed
+  char m_StartTime[32] = {};
+  std::atomic<uint32_t> m_TraceTarget = kTargetNone;
+  bool m_ApplInitDone = false;
+
+  // Ring buffer
+  int m_RingBufferFd = -1;
+  uint32_t m_RingBufferFactor = 0;
+  uint32_t m_RingBufferWeight = 0;
+  int64_t m_RingBufferSize = 0;
+  int64_t m_WriteOffset = 0;
+  int64_t m_WrapOffset = 0;  // behind the "Begin of RingBuffer" entry
+  char* m_Mapping = nullptr;
+  char m_RunTimePath[kPathSize] = {};
+  char m_StartUpPath[kPathSize] = {};
+
+  char m_InternalDebugBuffer[1312] = {};  // every entry is assembled here; only under the lock
+
+  // Copies of the configuration; all-ones = not given
+  uint32_t m_IniRingBufferSizeFactor = 0;
+  uint32_t m_IniRingBufferSizeWeight = 0;
+  uint32_t m_IniNoHeader = 0;
+  uint32_t m_IniDynamicUpdate = 0;
+  char m_IniDirectory[kPathSize] = {};
+  uint32_t m_MemoryTracesFlag = 0;  // non-zero: the resident memory stands in every entry header
+  char m_Directory[kPathSize] = {};
+  uint32_t m_NoHeader = 0;
+
+  // Log file
+  char m_EndMarker[64] = "## TRACE-END ##\n";
+  int64_t m_EndMarkerLength = 16;
+  char m_LogFilePath[kPathSize] = {};
+  FILE* m_LogFile = nullptr;
+  long m_WrapPosition = 0;
+  uint32_t m_MaxLogFileSize = 51200;  // bytes
+  uint32_t m_ByteCountAtInitEnd = 0;
+  uint32_t m_ByteCount = 0;
+  uint32_t m_WrapCycle = 0;
+
+  // Kept between entries, so that nothing is worked out anew for each of them
+  bool m_WritingHeader = false;  // the header block goes to the ring buffer
+  bool m_SecondIsKept = false;
+  time_t m_KeptSecond = 0;
+  char m_KeptSecondText[kSecondTextSize] = {};
+  ResidentMemory m_ResidentMemory;
+};
+
+// The one instance. Exported under its plain name.
+extern __attribute__((visibility("default"))) CDebug Debug;
+
+// Writes a message when tracing is on and the level passes. While tracing is off this costs the test of a bool, and no
+// argument is evaluated.
+#define TRACE(level, ...)                                                                       \
+  do {                                                                                          \
+    if (Debug.m_TraceActive.load(std::memory_order_relaxed)) Debug.Print((level), __VA_ARGS__); \
+  } while (false)
+
+#ifndef RAVD_CORE
+#include "trace/debug_module_calls.h"
+#endif

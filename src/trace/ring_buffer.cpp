@@ -1,0 +1,205 @@
+// The memory-mapped ring buffer of the trace object: creation, entries, wrap and the switch to the run-time file.
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <vector>
+
+#include "trace/debug.h"
+
+namespace {
+
+constexpr uint32_t kMaxFactor = 2;
+constexpr int64_t kSizeUnit = 256;       // pages per factor and weight
+constexpr int64_t kStartUpMultiple = 4;  // the start-up buffer against the run-time buffer
+constexpr size_t kFillerLine = 1024;     // bytes
+constexpr int64_t kBoundary = 1024;      // where the entries behind the header block begin
+constexpr size_t kLargestPart = 10;      // a text above a tenth of the buffer is cut
+constexpr size_t kFillerBlock = 64 * kFillerLine;
+constexpr size_t kRoomBesideText = 145;  // header, end of line and terminator of a long entry
+constexpr const char* kNoMemory = "\n## ERROR: No memory: Output Truncated!\n";
+constexpr const char* kTooBig = "\n## WARNING: TRACE-SIZE TOO BIG: Output Truncated!\n";
+
+bool WriteAll(int fd, const char* bytes, size_t count) {
+  while (count > 0) {
+    const ssize_t written = ::write(fd, bytes, count);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return false;
+    bytes += written;
+    count -= static_cast<size_t>(written);
+  }
+  return true;
+}
+
+}  // namespace
+
+int64_t CDebug::ComputeRingBufferSize() {
+  m_RingBufferFactor = std::min(m_RingBufferFactor, kMaxFactor);
+  const long page = ::sysconf(_SC_PAGESIZE);
+  return int64_t{page < 1 ? 4096 : page} * int64_t{m_RingBufferFactor * m_RingBufferWeight} * kSizeUnit;
+}
+
+bool CDebug::InitStartUpRingBuffer() {
+  char name[kPathSize];
+  std::snprintf(name, sizeof name, "%s", m_AppName != nullptr ? m_AppName : "");
+  StringToLower(name);
+  std::snprintf(m_RunTimePath, sizeof m_RunTimePath, "%s/log.%s_a", m_Directory, name);
+  std::snprintf(m_StartUpPath, sizeof m_StartUpPath, "%s/log.%s_i", m_Directory, name);
+  m_RingBufferSize *= kStartUpMultiple;
+  return InitRingBuffer(m_StartUpPath, m_RingBufferSize);
+}
+
+bool CDebug::InitRingBuffer(const char* path, int64_t length) {
+  m_RingBufferFd = ::open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0700);
+  if (m_RingBufferFd < 0) {
+    const int error = errno;
+    PrintToLogFile("\n### InitRingBuffer(): open of %s failed (errno=%d; %s) ###", path, error, std::strerror(error));
+    return false;
+  }
+  if (!FillRingBuffer(length)) {
+    // What was written so far may be what filled the disk.
+    if (::ftruncate(m_RingBufferFd, 0) != 0) PrintToLogFile("\n### %s could not be emptied ###", path);
+    CloseRingBuffer();
+    PrintToLogFile("\n### InitRingBuffer(): (2) write m_InternalDebugBuffer to %s failed ###", path);
+    return false;
+  }
+  void* mapping = ::mmap(nullptr, static_cast<size_t>(length), PROT_READ | PROT_WRITE, MAP_SHARED, m_RingBufferFd, 0);
+  if (mapping == MAP_FAILED) {
+    const int error = errno;
+    CloseRingBuffer();
+    PrintToLogFile("\n### InitRingBuffer(): mmap of %s failed (errno=%d; %s) ###", path, error, std::strerror(error));
+    return false;
+  }
+
+  m_Mapping = static_cast<char*>(mapping);
+  m_TraceTarget = kTargetRingBuffer;
+  m_WriteOffset = 0;
+  m_WrapOffset = 0;
+  WriteLogHeader(kTargetRingBuffer);
+  m_WriteOffset = (m_WriteOffset + 2 * kBoundary) & ~(kBoundary - 1);
+  PrintIt(kTargetRingBuffer, "\n### Begin of RingBuffer. ###");
+  m_WrapOffset = m_WriteOffset;
+  PrintIt(kTargetRingBuffer, "\n### Start of initialization. ###");
+  return true;
+}
+
+// Every 1 KiB of a new buffer is a line of its own: an entry header and underscores.
+bool CDebug::FillRingBuffer(int64_t length) {
+  char* line = m_InternalDebugBuffer;
+  const size_t header = SetEntryHeader(line, kMaxHeader, nullptr);
+  std::memset(line + header, '_', kFillerLine - 1 - header);
+  line[kFillerLine - 1] = '\n';
+
+  std::vector<char> block(kFillerBlock);
+  for (size_t at = 0; at < block.size(); at += kFillerLine)
+    std::memcpy(block.data() + at, line, kFillerLine);
+  constexpr auto kLine = static_cast<int64_t>(kFillerLine);
+  int64_t left = (length + kLine - 1) / kLine * kLine;
+  for (int64_t part = 0; left > 0; left -= part) {
+    part = std::min(left, static_cast<int64_t>(block.size()));
+    if (!WriteAll(m_RingBufferFd, block.data(), static_cast<size_t>(part))) return false;
+  }
+  return true;
+}
+
+void CDebug::CloseRingBuffer() {
+  if (m_Mapping != nullptr) ::munmap(m_Mapping, static_cast<size_t>(m_RingBufferSize));
+  if (m_RingBufferFd >= 0) ::close(m_RingBufferFd);
+  m_Mapping = nullptr;
+  m_RingBufferFd = -1;
+  m_WriteOffset = 0;
+}
+
+void CDebug::TraceToRingBuffer(const char* fmt, va_list args, const char* tag) {
+  if (fmt == nullptr || m_Mapping == nullptr) return;
+  char* entry = m_InternalDebugBuffer;
+  const size_t header = SetEntryHeader(entry, kMaxHeader, tag);
+  fmt = SkipLeadingNewlines(fmt);
+  va_list again;
+  va_copy(again, args);
+  const int result = std::vsnprintf(entry + header, kMaxText + 1, fmt, args);
+  size_t text = result > 0 ? static_cast<size_t>(result) : 0;
+
+  std::unique_ptr<char[]> copy;
+  if (text > kMaxText) {
+    const char* warning = kTooBig;
+    if (text <= static_cast<size_t>(m_RingBufferSize) / kLargestPart) {
+      copy.reset(new (std::nothrow) char[text + kRoomBesideText]);
+      warning = copy != nullptr ? nullptr : kNoMemory;
+    }
+    if (warning == nullptr) {
+      std::memcpy(copy.get(), entry, header);
+      const int whole = std::vsnprintf(copy.get() + header, text + 1, fmt, again);
+      text = std::min(text, whole > 0 ? static_cast<size_t>(whole) : 0);  // an argument may have changed meanwhile
+      entry = copy.get();
+    } else {
+      text = kMaxText + std::strlen(warning);
+      std::memcpy(entry + header + kMaxText, warning, std::strlen(warning));
+    }
+  }
+  va_end(again);
+
+  size_t length = header + text;
+  if (text == 0 || entry[length - 1] != '\n') entry[length++] = '\n';
+  AppendToRingBuffer(entry, length);
+}
+
+void CDebug::AppendToRingBuffer(const char* entry, size_t length) {
+  // The header block of a wrap ends where the entries begin; what would run into them is left out.
+  const int64_t headerEnd = m_WrapOffset != 0 ? m_WrapOffset : m_RingBufferSize / 2;
+  const int64_t end = m_WritingHeader ? headerEnd : m_RingBufferSize;
+  if (m_WriteOffset + static_cast<int64_t>(length) + m_EndMarkerLength <= end) {
+    CopyToRingBuffer(entry, length);
+  } else if (!m_WritingHeader) {
+    WrapRingBuffer(entry, length);
+  }
+}
+
+void CDebug::CopyToRingBuffer(const char* entry, size_t length) {
+  std::memcpy(m_Mapping + m_WriteOffset, entry, length);
+  m_WriteOffset += static_cast<int64_t>(length);
+  std::memcpy(m_Mapping + m_WriteOffset, m_EndMarker, static_cast<size_t>(m_EndMarkerLength));
+}
+
+void CDebug::WrapRingBuffer(const char* entry, size_t length) {
+  std::memset(m_Mapping + m_WriteOffset, '.', static_cast<size_t>(m_RingBufferSize - m_WriteOffset));
+  // The header is written through the line buffer that the entry may stand in.
+  char aside[sizeof m_InternalDebugBuffer];
+  if (entry == m_InternalDebugBuffer) {
+    std::memcpy(aside, entry, length);
+    entry = aside;
+  }
+  m_WriteOffset = 0;
+  WriteLogHeader(kTargetRingBuffer);
+  m_WriteOffset = m_WrapOffset;
+  CopyToRingBuffer(entry, length);
+}
+
+void CDebug::SwitchToRunTimeRingBuffer() {
+  PrintIt(kTargetRingBuffer, "\n### End of initialization. ###");
+  m_TraceActive = false;
+  CloseRingBuffer();
+
+  char command[kPathSize];
+  std::snprintf(command, sizeof command, "gzip -f %s 2>/dev/null", m_StartUpPath);
+  FILE* gzip = ::popen(command, "re");
+  if (gzip == nullptr) {
+    PrintToLogFile("\n### gziping of startup log file failed -> it doesn't matter ###");
+  } else {
+    ::pclose(gzip);
+  }
+
+  m_RingBufferSize /= kStartUpMultiple;
+  if (InitRingBuffer(m_RunTimePath, m_RingBufferSize)) {
+    m_TraceActive = true;
+  } else {
+    SwitchTracingOff();
+  }
+  m_ApplInitDone = true;
+}

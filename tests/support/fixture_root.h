@@ -1,0 +1,57 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <string_view>
+
+// A directory tree that a test fills and then enters as its root, so that the code under test opens its real absolute
+// paths and finds what the test wrote.
+//
+//   FixtureRoot root;
+//   root.WriteFile("/etc/pelrix/registry", "...");
+//   root.Run([] { CRegistry registry; EXPECT_EQ(...); });
+//
+// The tree lies below the system's temporary directory and is removed with the object. Paths are absolute as seen from
+// inside. The calling test must have one thread only when it calls Run.
+class FixtureRoot {
+ public:
+  enum Mounts : unsigned int {
+    kNone = 0,
+    kUsr = 1,      // /usr read-only with the links /bin, /sbin, /lib, /lib64, and /dev/null: commands run
+    kProc = 2,     // the machine's /proc, read-only where the kernel allows
+    kNetwork = 4,  // a network namespace of its own, with the loopback interface down
+  };
+
+  FixtureRoot();
+  ~FixtureRoot();
+  FixtureRoot(const FixtureRoot&) = delete;
+  FixtureRoot& operator=(const FixtureRoot&) = delete;
+
+  // Missing parent directories are made. A file that exists is replaced.
+  void WriteFile(std::string_view path, std::string_view content, mode_t mode = 0644) const;
+  void MakeDirectory(std::string_view path, mode_t mode = 0755) const;
+  void MakeLink(std::string_view path, const std::string& target) const;
+  // A regular file of that size with nothing stored in it, as a stand-in for a device such as /dev/mem.
+  void MakeSparseFile(std::string_view path, off_t size) const;
+  void WriteAt(std::string_view path, off_t offset, std::string_view bytes) const;
+  void Remove(std::string_view path) const;
+
+  bool Exists(std::string_view path) const;
+  std::string ReadFile(std::string_view path) const;
+  mode_t Mode(std::string_view path) const;
+  // Where the path lies on the machine.
+  std::filesystem::path HostPath(std::string_view path) const;
+
+  // Runs the body in a child process whose root is this tree. Assertions that fail inside print their message there
+  // and fail the calling test; so do a crash and a leak. Files that the body wrote can be read afterwards.
+  void Run(const std::function<void()>& body, unsigned int mounts = kNone) const;
+
+ private:
+  std::filesystem::path m_Path;
+};
+
+// Reads a whole file of the machine; fails the test when it cannot.
+std::string ReadWholeFile(const std::filesystem::path& path);

@@ -1,0 +1,64 @@
+#include "support/trace_capture.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include "trace/debug.h"
+
+namespace {
+
+constexpr const char* kDirectory = "/var/log/pelrix";
+constexpr const char* kLogFile = "/var/log/pelrix/log.test";
+constexpr const char* kTag = " !test          ";  // where the entry header ends
+
+std::vector<std::string> ReadTexts() {
+  std::ifstream file(kLogFile);
+  std::vector<std::string> texts;
+  for (std::string line; std::getline(file, line);) {
+    const size_t tag = line.find(kTag);
+    texts.push_back(tag == std::string::npos ? line : line.substr(tag + std::char_traits<char>::length(kTag)));
+  }
+  return texts;
+}
+
+}  // namespace
+
+TraceCapture::TraceCapture(unsigned int level) {
+  std::filesystem::create_directories(kDirectory);
+  ::setenv("QN_LOG_FILE_MAX_SIZE", "1000000000", 1);
+  EXPECT_TRUE(Debug.Init("test"));
+  Debug.SetTarget(CDebug::kTargetLogFile);
+  Debug.m_TraceLevelSaved = level;
+  Debug.ForceMaxDebug(true);
+  Clear();
+}
+
+TraceCapture::~TraceCapture() {
+  Debug.ForceMaxDebug(false);
+  Debug.SetTarget(CDebug::kTargetNone);
+}
+
+std::vector<std::string> TraceCapture::Lines() const {
+  std::vector<std::string> texts = ReadTexts();
+  texts.erase(texts.begin(), texts.begin() + static_cast<std::ptrdiff_t>(std::min(m_First, texts.size())));
+  return texts;
+}
+
+bool TraceCapture::Has(const std::string& line) const {
+  const std::vector<std::string> lines = Lines();
+  return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
+int TraceCapture::Count(const std::string& part) const {
+  const std::vector<std::string> lines = Lines();
+  return static_cast<int>(std::count_if(
+      lines.begin(), lines.end(), [&part](const std::string& line) { return line.find(part) != std::string::npos; }));
+}
+
+void TraceCapture::Clear() {
+  m_First = ReadTexts().size();
+}

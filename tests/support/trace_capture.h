@@ -1,0 +1,30 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+// Reads back what the code under test traced. Inside FixtureRoot::Run only:
+//
+//   TraceCapture trace(5);
+//   ... code under test ...
+//   EXPECT_TRUE(trace.Has("CFileLock::Lock     : nrRetries = 1"));
+//
+// Directs `Debug` to a log file of the fixture root, with that level and no limit of size.
+class TraceCapture {
+ public:
+  explicit TraceCapture(unsigned int level);
+  ~TraceCapture();
+  TraceCapture(const TraceCapture&) = delete;
+  TraceCapture& operator=(const TraceCapture&) = delete;
+
+  // The texts traced since construction or the last Clear, one per line of the file, without their entry headers.
+  std::vector<std::string> Lines() const;
+  // Whether a line is exactly this text.
+  bool Has(const std::string& line) const;
+  // How many lines contain the text.
+  int Count(const std::string& part) const;
+  void Clear();
+
+ private:
+  size_t m_First = 0;
+};
