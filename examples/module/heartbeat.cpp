@@ -58,7 +58,9 @@ __attribute__((visibility("default"))) bool ModuleStart() {
   return true;
 }
 
-__attribute__((visibility("default"))) void ModuleStop() { heartbeat.Stop(); }
+__attribute__((visibility("default"))) void ModuleStop() {
+  heartbeat.Stop();
+}
 
 __attribute__((visibility("default"))) void ModuleNotify(uint32_t event, void* data) {
   if (event == SW_NOTIFY_OS_SHUTDOWN) {

@@ -53,7 +53,8 @@ class ExampleSwitch : public ISwitch {
   bool LoadModules(const _ExtensionModuleLoaderConfig& config) override {
     const std::string directory = ModuleDirectory();
     TRACE(2, "\nExampleSwitch       : Load modules of %s (run mode %u)", directory.c_str(), config.RunMode);
-    for (const std::string& name : ListModules(directory)) Load(directory, name);
+    for (const std::string& name : ListModules(directory))
+      Load(directory, name);
     return true;
   }
 

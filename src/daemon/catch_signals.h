@@ -10,5 +10,6 @@ extern CEvent ExitEvent;
 // and SIGTERM tell the module switch (also when the whole system goes down) and set ExitEvent.
 //
 // Runs in ordinary thread context on the main thread, so it traces, reads files and calls the modules; a stop may take
-// three seconds when the run level file is missing. Any other signal is handled like a stop and then aborts the process.
+// three seconds when the run level file is missing. Any other signal is handled like a stop and then aborts the
+// process.
 void CatchSignals(int signal, CSwitchApi& switchApi);

@@ -15,8 +15,7 @@ struct RunModeRow {
 };
 
 constexpr std::array kRunModeRows = {
-    RunModeRow{"-agentless", RUNMODE_AGENTLESS,
-               "\n%s-MAIN::ParseCommandLine   : Agentsless mode due to -agentless"},
+    RunModeRow{"-agentless", RUNMODE_AGENTLESS, "\n%s-MAIN::ParseCommandLine   : Agentsless mode due to -agentless"},
     RunModeRow{"-vantle", RUNMODE_VANTLE, "\n%s-MAIN::ParseCommandLine   : VANTLE mode due to -vantle"},
     RunModeRow{"-tessel", RUNMODE_TESSEL, "\n%s-MAIN::ParseCommandLine   : TESSEL mode due to -tessel"},
     RunModeRow{"-tessel-agentless", RUNMODE_DORLAN,

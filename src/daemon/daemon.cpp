@@ -40,7 +40,8 @@ void ReserveStandardDescriptors() {
 void DetachStandardDescriptors() {
   const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
   if (null < 0) return;
-  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) ::dup2(null, fd);
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
+    ::dup2(null, fd);
   ::close(null);
 }
 
@@ -59,9 +60,7 @@ bool MoveToBackground(const char* program) {
 
 void LeaveSession() {
   ::setsid();
-  if (::chdir("/") != 0) {
-    // Stays where it was started.
-  }
+  [[maybe_unused]] const int staysWhereItWas = ::chdir("/");
   ::umask(kUmask);
 }
 
@@ -75,7 +74,8 @@ void IgnoreSignal(int signal) {
 sigset_t HandledSignals() {
   sigset_t signals;
   ::sigemptyset(&signals);
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGALRM}) ::sigaddset(&signals, signal);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGALRM})
+    ::sigaddset(&signals, signal);
   return signals;
 }
 
@@ -140,8 +140,12 @@ void WaitForSignals(CSwitchApi& switchApi) {
     const int error = ::sigwait(&signals, &signal);
     if (error != 0) {
       Debug.PrintAlways(0, "%s-MAIN: ## ERROR sigwait() failed (ret=%d) ##\n", kDaemonName, error);
-      Debug.PrintAlways(0, "%s-MAIN: ## ERROR This is Operating System BUG, since sigwait() should never return an error !!! ##\n", kDaemonName);
-      Debug.PrintAlways(0, "%s-MAIN: ## ERROR We do so as if SIGTERM has been sent to this process) --> Do Shutdown !!! ##\n", kDaemonName);
+      Debug.PrintAlways(
+          0, "%s-MAIN: ## ERROR This is Operating System BUG, since sigwait() should never return an error !!! ##\n",
+          kDaemonName);
+      Debug.PrintAlways(
+          0, "%s-MAIN: ## ERROR We do so as if SIGTERM has been sent to this process) --> Do Shutdown !!! ##\n",
+          kDaemonName);
       signal = SIGTERM;
     } else {
       Debug.PrintAlways(0, "\n%s-MAIN:  ... got signal %d", kDaemonName, signal);

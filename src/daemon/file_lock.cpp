@@ -24,7 +24,9 @@ std::string DirectoryOf(const std::string& fileName) {
   return slash == std::string::npos || slash == 0 ? fileName : fileName.substr(0, slash);
 }
 
-bool MakeDirectory(const std::string& path) { return ::mkdir(path.c_str(), kDirectoryMode) == 0 || errno == EEXIST; }
+bool MakeDirectory(const std::string& path) {
+  return ::mkdir(path.c_str(), kDirectoryMode) == 0 || errno == EEXIST;
+}
 
 // Waits until the lock is granted.
 bool LockExclusively(int fd) {

@@ -6,11 +6,11 @@
 // Lets only one process of a kind run: an exclusive advisory lock (flock) on a lock file that names its owner.
 //
 // The file's existence means nothing: a stale one is locked and reused. The lock belongs to the open file description,
-// so a child forked after Lock keeps it when the parent leaves without running the destructor; the file then still names
-// the parent. One thread only. Failures are results; the reasons are traced, and kept in LastError.
+// so a child forked after Lock keeps it when the parent leaves without running the destructor; the file then still
+// names the parent. One thread only. Failures are results; the reasons are traced, and kept in LastError.
 //
-// Several starters at once end with one holder: the file is deleted while its lock is still held, and a lock counts only
-// when the file at the path is still the one that was locked.
+// Several starters at once end with one holder: the file is deleted while its lock is still held, and a lock counts
+// only when the file at the path is still the one that was locked.
 class CFileLock {
  public:
   CFileLock() = default;

@@ -39,4 +39,6 @@ void WritePidFile() {
   ::syslog(LOG_ERR, "Cannot create ravd PID file %s for ravd PID %d (errno = %d)!", kPidFile, pid, error);
 }
 
-void RemovePidFile() { ::unlink(kPidFile); }
+void RemovePidFile() {
+  ::unlink(kPidFile);
+}

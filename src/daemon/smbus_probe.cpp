@@ -171,9 +171,10 @@ void DiscoverSmbusDriverInfo() {
   RequestHeader header{};
   DriverInfo info{};
   if (!QueryDriver(header, info)) {
-    Debug.PrintAlways(0,
-                      "%s-MAIN: INFO: smbus-driver is not available on this OS (But, don't worry about this, it might be OK on some OS systems!)\n",
-                      kDaemonName);
+    Debug.PrintAlways(
+        0,
+        "%s-MAIN: INFO: smbus-driver is not available on this OS (But, don't worry about this, it might be OK on some OS systems!)\n",
+        kDaemonName);
     return;
   }
   if (info.RequestorVersion < info.smbus_VersionCode) {

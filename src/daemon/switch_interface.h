@@ -2,10 +2,12 @@
 
 #include <cstdint>
 
-// What the daemon and the module switch library libswitch.so agree on. docs/module-writers-guide.md shows a whole module.
+// What the daemon and the module switch library libswitch.so agree on. docs/module-writers-guide.md shows a whole
+// module.
 //
 // The library is loaded with RTLD_NOW | RTLD_GLOBAL and exports three unmangled symbols:
-//   SW_QueryInterface  SwitchQueryInterfaceFunction; identifier 0 asks for the ISwitch, which is ready for use when true
+//   SW_QueryInterface  SwitchQueryInterfaceFunction; identifier 0 asks for the ISwitch, which is ready for use when
+//   true
 //                      comes back with a non-null pointer. Required.
 //   SW_Release         SwitchReferenceFunction; gives that reference back, called once when the daemon stops. Optional.
 //   SW_AddRef          SwitchReferenceFunction; never called by the daemon. Optional.
@@ -29,10 +31,11 @@ inline constexpr uint32_t SW_NOTIFY_STOP = 0x00020000;         // data: null; th
 inline constexpr uint32_t SW_NOTIFY_OS_SHUTDOWN = 0x00030000;  // data: int32_t*, 0 = the system halts, 6 = it reboots
 
 // The module switch as the daemon drives it, from its main thread alone:
-// LoadModules, StartModules (when loading succeeded), any number of NotifyEvent, StopModules, UnloadModules, SW_Release.
+// LoadModules, StartModules (when loading succeeded), any number of NotifyEvent, StopModules, UnloadModules,
+// SW_Release.
 //
-// The order of the operations is a binary interface: seventeen slots, of which the daemon calls five. A switch overrides
-// what it implements and leaves the reserved ones alone.
+// The order of the operations is a binary interface: seventeen slots, of which the daemon calls five. A switch
+// overrides what it implements and leaves the reserved ones alone.
 class ISwitch {
  public:
   virtual void AddRef() {}

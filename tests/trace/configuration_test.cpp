@@ -49,9 +49,11 @@ TEST(TraceConfiguration, SourcesAndTheirOrder) {
   for (const Row& row : kRows) {
     SCOPED_TRACE(row.name);
     const TraceRoot root;
-    for (const auto& [name, content] : row.files) root.WriteFile(std::string(TraceRoot::kConfig) + name, content);
+    for (const auto& [name, content] : row.files)
+      root.WriteFile(std::string(TraceRoot::kConfig) + name, content);
     root.Run([&row] {
-      for (const auto& [variable, value] : row.environment) ::setenv(variable, value, 1);
+      for (const auto& [variable, value] : row.environment)
+        ::setenv(variable, value, 1);
       ::setenv("TraceFileLimit", "1", 1);
       ::setenv("QN_LOG_RINGBUF_WEIGHT", "1", 1);
       EXPECT_TRUE(Debug.Init("ravd"));

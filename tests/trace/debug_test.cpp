@@ -15,7 +15,9 @@ using ::testing::MatchesRegex;
 
 namespace {
 
-std::string FirstLine(const std::string& text) { return text.substr(0, text.find('\n')); }
+std::string FirstLine(const std::string& text) {
+  return text.substr(0, text.find('\n'));
+}
 
 void PrintWithTag(const char* tag, const char* fmt, ...) {
   va_list args;
@@ -109,7 +111,8 @@ TEST(Debug, MemoryColumnIsTheResidentSizeOfTheStatusFile) {
         const size_t before = own.ReadKb();
         Debug.PrintAlways("here");
         // The descriptor of another process, or of nobody any more, is not asked again.
-        for (int fd = 3; fd < 20; ++fd) ::close(fd);
+        for (int fd = 3; fd < 20; ++fd)
+          ::close(fd);
         EXPECT_GE(own.ReadKb(), before / 2);
       },
       FixtureRoot::kProc);
@@ -186,11 +189,13 @@ TEST(Debug, CancelledWriterGivesTheLockBack) {
       ASSERT_EQ(pthread_create(
                     &writer, nullptr,
                     [](void*) -> void* {
-                      for (;;) Debug.PrintAlways("%s", "from a thread that is cancelled at its next flush");
+                      for (;;)
+                        Debug.PrintAlways("%s", "from a thread that is cancelled at its next flush");
                     },
                     nullptr),
                 0);
-      while (trace.Count("cancelled") < round + 1) std::this_thread::yield();
+      while (trace.Count("cancelled") < round + 1)
+        std::this_thread::yield();
       pthread_cancel(writer);
       void* result = nullptr;
       ASSERT_EQ(pthread_join(writer, &result), 0);

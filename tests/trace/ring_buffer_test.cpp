@@ -13,7 +13,9 @@ constexpr size_t kMarker = 16;
 constexpr const char* kDots = "................";
 
 // Prints an entry of exactly that many bytes, its end of line included.
-void PrintEntryOf(size_t bytes, char fill) { Debug.Print(1, "%s", std::string(bytes - kHeader - 1, fill).c_str()); }
+void PrintEntryOf(size_t bytes, char fill) {
+  Debug.Print(1, "%s", std::string(bytes - kHeader - 1, fill).c_str());
+}
 
 // Fills the start-up ring buffer so that an entry of `left` bytes just does not fit before the end any more.
 void FillUpTo(size_t offset, size_t end) {
@@ -28,7 +30,9 @@ void FillUpTo(size_t offset, size_t end) {
   PrintEntryOf(end - offset, 'l');
 }
 
-std::string ReadInside(const char* path) { return ReadWholeFile(path); }
+std::string ReadInside(const char* path) {
+  return ReadWholeFile(path);
+}
 
 }  // namespace
 
@@ -131,7 +135,8 @@ TEST(RingBuffer, HugeHeaderNeverLeavesItsPlace) {
     std::string argument(300000, 'a');
     std::vector<char*> argv(40, argument.data());
     Debug.SetMainParams(40, argv.data());
-    for (int entry = 0; entry < 8000; ++entry) PrintEntryOf(1000, static_cast<char>('a' + entry % 26));
+    for (int entry = 0; entry < 8000; ++entry)
+      PrintEntryOf(1000, static_cast<char>('a' + entry % 26));
     const std::string ring = ReadInside(TraceRoot::kStartUpRing);
     EXPECT_EQ(ring.compare(kHeader, 26, "ravd Command Line Options:"), 0);
     EXPECT_EQ(ring.compare(begin + 35, 14, "ravd          "), 0);

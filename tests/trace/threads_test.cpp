@@ -14,7 +14,8 @@ constexpr int kEntries = 400;
 
 void WriteEntries(int thread) {
   for (int entry = 0; entry < kEntries; ++entry) {
-    Debug.Print(1, "\nwriter %d entry %04d %s", thread, entry, std::string(50, static_cast<char>('a' + thread)).c_str());
+    Debug.Print(1, "\nwriter %d entry %04d %s", thread, entry,
+                std::string(50, static_cast<char>('a' + thread)).c_str());
     TRACE(9, "never written");
   }
 }
@@ -47,12 +48,15 @@ TEST(TraceThreads, EveryEntryIsWholeAndNoneIsLost) {
         ASSERT_TRUE(Debug.Init("ravd"));
         std::atomic<bool> stop = false;
         std::vector<std::thread> threads;
-        for (int thread = 0; thread < kThreads; ++thread) threads.emplace_back(WriteEntries, thread);
+        for (int thread = 0; thread < kThreads; ++thread)
+          threads.emplace_back(WriteEntries, thread);
         std::thread toggler([&stop] {
-          while (!stop) Debug.ForceMaxDebug(true);
+          while (!stop)
+            Debug.ForceMaxDebug(true);
         });
         Debug.SetApplInitDone();
-        for (std::thread& thread : threads) thread.join();
+        for (std::thread& thread : threads)
+          thread.join();
         stop = true;
         toggler.join();
         EXPECT_EQ(std::system("gzip -dc /var/log/pelrix/log.ravd_i.gz > /start-up"), 0);

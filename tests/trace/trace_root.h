@@ -28,7 +28,9 @@ class TraceRoot : public FixtureRoot {
 inline constexpr const char* kEndMarker = "## TRACE-END ##\n";
 
 // Where the newest entry ends: the last end marker of a ring buffer that did not wrap.
-inline size_t EndOfEntries(const std::string& ring) { return ring.rfind(kEndMarker); }
+inline size_t EndOfEntries(const std::string& ring) {
+  return ring.rfind(kEndMarker);
+}
 
 // The texts of all entries that contain the word, without their headers: "<time> [<thread>] ravd          <text>".
 inline std::string TextOf(const std::string& file, const std::string& word) {
