@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <ctime>
 #include <memory>
 #include <new>
@@ -14,6 +13,7 @@
 #include "platform/cancellation.h"
 #include "platform/critical_section.h"
 #include "platform/never_destroyed.h"
+#include "platform/owned_text.h"
 #include "platform/str_map.h"
 #include "trace/debug.h"
 
@@ -129,10 +129,8 @@ CEventData* NewEvent(bool initialState, bool manualReset) {
 }
 
 bool RegisterName(CEventData& event, const char* name) {
-  const size_t size = std::strlen(name) + 1;
-  event.name.reset(new (std::nothrow) char[size]);
+  event.name = CopyText(name);
   if (event.name == nullptr) return false;
-  std::memcpy(event.name.get(), name, size);
   const CCriticalSectionLock lock(g_NamedEvents.object);
   CStrMap::Entry* entry = g_NamedEvents.object.Insert(name);
   if (entry == nullptr) return false;
@@ -308,36 +306,32 @@ bool CEvent::Close() {
 }
 
 bool CEvent::Set() const {
+  return Signal(true);
+}
+
+bool CEvent::Pulse() const {
+  return Signal(false);
+}
+
+bool CEvent::Signal(bool stateAfter) const {
   if (!IsUsable()) return false;
   bool isWoken = false;
   bool hasWaiters = false;
   {
     const MutexLock lock(data->mutex);
     if (!lock.IsHeld()) return false;
-    TRACE(5, "Set event %p <%s> IsSignaled=%d --> IsSignaled=1\n", static_cast<void*>(data), data->NameText(),
-          data->Signaled());
-    data->SetSignaled(true);
+    if (stateAfter) {
+      TRACE(5, "Set event %p <%s> IsSignaled=%d --> IsSignaled=1\n", static_cast<void*>(data), data->NameText(),
+            data->Signaled());
+    } else {
+      TRACE(5, "Pulse event %p <%s> IsSignaled=%d --> IsSignaled=0\n", static_cast<void*>(data), data->NameText(),
+            data->Signaled());
+    }
+    data->SetSignaled(stateAfter);
     isWoken = data->WakeUp();
     hasWaiters = data->waiters > 0;
   }
   // From here on a woken thread may have destroyed this very handle. With nobody to run, a yield is only lost time.
-  if (hasWaiters) ::sched_yield();
-  return isWoken;
-}
-
-bool CEvent::Pulse() const {
-  if (!IsUsable()) return false;
-  bool isWoken = false;
-  bool hasWaiters = false;
-  {
-    const MutexLock lock(data->mutex);
-    if (!lock.IsHeld()) return false;
-    TRACE(5, "Pulse event %p <%s> IsSignaled=%d --> IsSignaled=0\n", static_cast<void*>(data), data->NameText(),
-          data->Signaled());
-    data->SetSignaled(false);
-    isWoken = data->WakeUp();
-    hasWaiters = data->waiters > 0;
-  }
   if (hasWaiters) ::sched_yield();
   return isWoken;
 }

@@ -71,6 +71,7 @@ class CEvent {
 
  private:
   bool IsUsable() const { return IsOpen() && data != nullptr; }
+  bool Signal(bool stateAfter) const;  // Set and Pulse
   void JoinOrCreate(bool initialState, bool manualReset, const char* name);
   CEventData* DropReference();
 
