@@ -2,25 +2,20 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
 #include <thread>
 
-TEST(CriticalSection, NestsAndKeepsOthersOut) {
+TEST(CriticalSection, StaysWithItsOwnerUntilLeftAsOftenAsEntered) {
   CCriticalSection section;
-  int counter = 0;
-  const auto work = [&] {
-    for (int round = 0; round < 2000; ++round) {
-      section.Enter();
-      section.Enter();
-      section.Leave();
-      ++counter;  // still entered once
-      section.Leave();
-      section.Leave();  // no longer the owner: must not let a third one in
-    }
-    const CCriticalSectionLock lock(section);
-    CCriticalSection::CleanupHandlerForCritSecMutex(&section);
-  };
-  std::thread threads[] = {std::thread(work), std::thread(work), std::thread(work)};
-  for (std::thread& thread : threads)
-    thread.join();
-  EXPECT_EQ(counter, 6000);
+  section.Enter();
+  section.Enter();
+  {
+    const std::jthread stranger([&section] { section.Leave(); });
+  }
+  section.Leave();
+  auto next = std::async(std::launch::async, [&section] { const CCriticalSectionLock lock(section); });
+  EXPECT_EQ(next.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout) << "still entered once";
+  section.Enter();
+  CCriticalSection::CleanupHandlerForCritSecMutex(&section);
+  next.wait();
 }
