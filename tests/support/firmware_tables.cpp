@@ -39,13 +39,13 @@ SmbiosTable& SmbiosTable::AddSlot(const SmbiosSlot& slot) {
   const std::string segment = LittleEndian(0, 2);
   return Add(9,
              designation + Byte(slot.type) + width + Byte(slot.usage) + length + LittleEndian(slot.id, 2) +
-                 characteristics + segment + Byte(slot.bus) + Byte(slot.device << 3U),
+                 characteristics + segment + Byte(slot.bus) + Byte(slot.device * 8U),
              {"Slot " + std::to_string(slot.id)});
 }
 
 SmbiosTable& SmbiosTable::AddOnboardDevice(uint8_t bus, uint8_t device) {
   const std::string designationTypeInstance = Byte(1) + Byte(0x85) + Byte(1);
-  return Add(41, designationTypeInstance + LittleEndian(0, 2) + Byte(bus) + Byte(device << 3U), {"Onboard LAN"});
+  return Add(41, designationTypeInstance + LittleEndian(0, 2) + Byte(bus) + Byte(device * 8U), {"Onboard LAN"});
 }
 
 std::string EntryPoint32(uint32_t tableAddress, uint16_t tableLength, uint16_t structures) {
@@ -66,7 +66,7 @@ std::string EntryPoint64(uint64_t tableAddress, uint32_t maximumSize) {
 std::string IrqRoutingTable(const std::vector<IrqSlot>& slots) {
   std::string bytes = "$PIR" + Byte(0) + Byte(1) + LittleEndian(32 + 16 * slots.size(), 2) + std::string(24, '\0');
   for (const IrqSlot& entry : slots)
-    bytes += Byte(entry.bus) + Byte(entry.device << 3U) + std::string(12, '\x60') + Byte(entry.slot) + Byte(0);
+    bytes += Byte(entry.bus) + Byte(entry.device * 8U) + std::string(12, '\x60') + Byte(entry.slot) + Byte(0);
   SetChecksum(bytes, 31, bytes.size());
   return bytes;
 }
