@@ -69,7 +69,7 @@ uint32_t ask_ipv4(const std::string& name, unsigned long code, std::string_view 
   return address.sin_addr.s_addr;
 }
 
-// Returns what the file holds, at most what the buffer has room for; fewer than 0 characters with errno on failure.
+// The number of characters read, at most what the buffer has room for; -1 with errno set on failure.
 ssize_t read_file(const std::string& path, std::span<char> buffer) {
   const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!file) return -1;
