@@ -59,12 +59,18 @@ class interface_change_listener {
 
   [[noreturn]] void receive_forever() {
     std::array<std::byte, libnetif_socket::receive_buffer_size> buffer;
+    // Once the kernel has dropped a change it drops all until everything that it kept is received. So the interfaces
+    // are looked at when nothing is left to receive, not when the kernel tells.
+    bool has_lost_changes = false;
     for (;;) {
       buffer.fill(std::byte{0});
-      const ssize_t size = m_changes.receive_datagram(buffer);
+      const ssize_t size = m_changes.receive_datagram(buffer, has_lost_changes ? MSG_DONTWAIT : 0);
       if (size >= 0) {
         report_changes(byte_span(buffer).first(static_cast<size_t>(size)));
       } else if (errno == ENOBUFS) {
+        has_lost_changes = true;
+      } else if (errno == EAGAIN && has_lost_changes) {
+        has_lost_changes = false;
         report_every_interface();
       } else {
         m_changes.report_error("Receiving interface change entry failed.");

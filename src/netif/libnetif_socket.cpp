@@ -82,10 +82,10 @@ void libnetif_socket::receive_netlink_message(netlink_message_handler handler, v
   }
 }
 
-ssize_t libnetif_socket::receive_datagram(std::span<std::byte> buffer) const {
+ssize_t libnetif_socket::receive_datagram(std::span<std::byte> buffer, int flags) const {
   ssize_t size = 0;
   do {
-    size = ::recv(m_owner.Get(), buffer.data(), buffer.size(), 0);
+    size = ::recv(m_owner.Get(), buffer.data(), buffer.size(), flags);
   } while (size < 0 && errno == EINTR);
   return size;
 }

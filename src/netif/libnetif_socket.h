@@ -48,8 +48,9 @@ class libnetif_socket {
   // stands in its datagram, "Received <name> reports error." with the error that it reports.
   void receive_netlink_message(netlink_message_handler handler, void* context, std::string_view name);
 
-  // Receives one datagram; an interrupted call is repeated. Returns its size, or -1 with errno set and the socket open.
-  ssize_t receive_datagram(std::span<std::byte> buffer) const;
+  // Receives one datagram with these flags of recv; an interrupted call is repeated. Returns its size, or -1 with errno
+  // set and the socket open.
+  ssize_t receive_datagram(std::span<std::byte> buffer, int flags = 0) const;
 
   // Asks for that much room for datagrams not yet received, as far as the system grants it. No failure.
   void enlarge_receive_buffer(int bytes) const;
