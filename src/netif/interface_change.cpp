@@ -2,6 +2,7 @@
 
 #include <array>
 #include <string_view>
+#include <utility>
 
 namespace libnetif {
 
@@ -64,7 +65,7 @@ bool parse_interface_change(const netlink_message& message, interface_change_eve
   for_each_attribute(skip_aligned(message.payload, row->header_size), [&](uint16_t type, byte_span payload) {
     if (type == row->name_attribute) found.name = name_in(payload);
   });
-  change = found;
+  change = std::move(found);
   return true;
 }
 

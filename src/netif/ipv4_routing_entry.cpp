@@ -2,6 +2,8 @@
 
 #include <sys/socket.h>
 
+#include <utility>
+
 namespace libnetif {
 
 namespace {
@@ -42,7 +44,7 @@ bool parse_ipv4_route(const netlink_message& message, ipv4_routing_entry& entry,
         break;
     }
   });
-  entry = found;
+  entry = std::move(found);
   interface_index = static_cast<int>(index);
   return true;
 }

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "netif/interface_name.h"
 #include "netif/libnetif_socket.h"
 
 namespace libnetif {
@@ -66,11 +67,9 @@ std::vector<network_interface> network_interface_manager::get_network_interfaces
 std::string network_interface_manager::get_network_interface_name_by_ipv4_index(int index) const {
   libnetif_socket socket;
   socket.create_ip_proto_socket(AF_INET);
-  ifreq request{};
-  request.ifr_ifindex = index;
-  socket.invoke_ioctl(SIOCGIFNAME, &request, "Retriving interface name by index failed.");
+  std::string name = read_interface_name(socket, index);
   socket.close_socket_descriptor();
-  return request.ifr_name;
+  return name;
 }
 
 pid_t network_interface_manager::add_network_interface_change_event(

@@ -1,11 +1,13 @@
 #include "netif/routing_table_manager.h"
 
-#include <map>
+#include <sys/socket.h>
+
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 
+#include "netif/interface_name.h"
 #include "netif/libnetif_socket.h"
-#include "netif/network_interface_manager.h"
 
 namespace libnetif {
 
@@ -28,16 +30,15 @@ void append_route(const netlink_message& message, void* context) {
 }
 
 void set_interface_names(route_list& routes) {
-  std::map<int, std::string> names{{0, ""}};
+  libnetif_socket socket;
+  socket.create_ip_proto_socket(AF_INET);
+  std::unordered_map<int, std::string> names{{0, ""}};
   for (size_t i = 0; i < routes.entries.size(); ++i) {
-    const int index = routes.interface_indexes[i];
-    auto known = names.find(index);
-    if (known == names.end()) {
-      const network_interface_manager manager;
-      known = names.emplace(index, manager.get_network_interface_name_by_ipv4_index(index)).first;
-    }
-    routes.entries[i].interface_name = known->second;
+    const auto [place, is_new] = names.try_emplace(routes.interface_indexes[i]);
+    if (is_new) place->second = read_interface_name(socket, place->first);
+    routes.entries[i].interface_name = place->second;
   }
+  socket.close_socket_descriptor();
 }
 
 }  // namespace

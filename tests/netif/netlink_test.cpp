@@ -1,4 +1,4 @@
-#include <sys/time.h>
+#include <thread>
 
 #include "netif/libnetif_socket.h"
 #include "netif/private_network.h"
@@ -78,12 +78,13 @@ TEST_F(Netlink, FailedCallsCloseTheSocketAndInterruptedOnesGoOn) {
               "Receiving test failed.\nError message: Bad file descriptor");
 
     struct sigaction action {};  // without SA_RESTART
-    action.sa_handler = [](int) {
-      if (static int calls = 0; ++calls == 3) Send(Message(NLMSG_DONE));
-    };
-    ::sigaction(SIGALRM, &action, nullptr);
-    const itimerval often{{0, 20000}, {0, 20000}};
-    ::setitimer(ITIMER_REAL, &often, nullptr);
+    action.sa_handler = [](int) {};
+    ::sigaction(SIGUSR1, &action, nullptr);
+    const std::jthread interrupter([receiver = ::pthread_self()] {
+      for (int i = 0; i < 5; ++i, ::usleep(20000))
+        ::pthread_kill(receiver, SIGUSR1);
+      Send(Message(NLMSG_DONE));
+    });
     EXPECT_EQ(FailureOf([&] { owner.receive_netlink_message(CollectType, nullptr, "test"); }), "");
   });
 }
