@@ -11,6 +11,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "netif/libnetif_exception.h"
@@ -101,7 +102,7 @@ std::string FindAddress(const std::vector<network_interface>& interfaces, int in
   int number = -1;
   for (const network_interface& interface : interfaces) {
     if (!IsEthernet(interface, ++number, version)) continue;
-    const std::string address = AddressOf(interface, number, version);
+    std::string address = AddressOf(interface, number, version);
     if (address.empty()) continue;
     if (usable++ != index) continue;
     TRACE(

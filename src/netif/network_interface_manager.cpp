@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cstring>
 #include <memory>
 
 #include "netif/interface_name.h"
