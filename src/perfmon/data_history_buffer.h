@@ -73,9 +73,7 @@ class CDataHistoryBuffer {
 
  private:
   // The lock is held.
-  bool Exists(int instance) const {
-    return instance >= 0 && static_cast<size_t>(instance) < m_Instances.size();
-  }
+  bool Exists(int instance) const { return instance >= 0 && static_cast<size_t>(instance) < m_Instances.size(); }
 
   // Doubles, but never past the maximum: plain growth of the vector would overshoot the bound.
   void Grow(std::vector<T>& elements) const {

@@ -63,7 +63,7 @@ uint32_t AddressOf(int socket, const std::string& name, unsigned long question) 
 }
 
 void FillInterface(int socket, const std::string& name, CNetworkInterfaceTable::interface& entry) {
-  CNetworkInterfaceTable::interface filled{};
+  CNetworkInterfaceTable::interface filled {};
   std::ranges::copy(name, filled.name);
   filled.address = AddressOf(socket, name, SIOCGIFADDR);
   filled.mask = AddressOf(socket, name, SIOCGIFNETMASK);

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "perfmon/sample_text.h"
+#include "platform/wait_result.h"
 #include "trace/debug.h"
 
 namespace {
@@ -25,7 +26,6 @@ constexpr size_t kNetDevSize = 8192;
 constexpr std::chrono::milliseconds kFirstInterval{250};
 constexpr unsigned long kThreadPriority = 63;
 constexpr unsigned int kStopTimeoutMs = 2000;
-constexpr int kTimedOut = 102;
 
 uint64_t NowMs() {
   using std::chrono::duration_cast;
@@ -52,7 +52,8 @@ CPerfMon::~CPerfMon() {
 
 bool CPerfMon::StartMonitoring(int mask, unsigned int updateTimeMs) {
   const CCriticalSectionLock lock(m_CritSec);
-  TRACE(4, "\nCPerfMon::Start     : Start performance monitoring, update time = %d msec.", static_cast<int>(updateTimeMs));
+  TRACE(4, "\nCPerfMon::Start     : Start performance monitoring, update time = %d msec.",
+        static_cast<int>(updateTimeMs));
   m_UpdateTime = updateTimeMs;
   if (m_Started) return true;
   ForgetLastSamples();
@@ -152,7 +153,7 @@ void CPerfMon::MonitorUntilStopped() {
     TRACE(4, "\nCPerfMon::Thread    : update snapshot data...");
     SnapshotData(m_MonitorMask);
     TRACE(4, "\nCPerfMon::Thread    : snapshot data updated, sleeping %d msec.", static_cast<int>(updateTime));
-    if (m_StopEvent.Wait(updateTime, false) != kTimedOut) return;
+    if (m_StopEvent.Wait(updateTime, false) != kWaitTimedOut) return;
   }
 }
 
@@ -219,7 +220,8 @@ bool CPerfMon::ReadSystem(_PerfDataSystem& ticks) {
   const std::string_view text = m_StatFile.Text();
   const int found = ParseCpuLine(text.substr(0, text.find('\n')), ticks);
   if (found == 4) return true;
-  TRACE(3, "CPerfData::GetSystemLoadSnapShot: cannot get System Load values from %s (ret=%d)\n", m_StatFile.Path(), found);
+  TRACE(3, "CPerfData::GetSystemLoadSnapShot: cannot get System Load values from %s (ret=%d)\n", m_StatFile.Path(),
+        found);
   return false;
 }
 
@@ -230,7 +232,8 @@ void CPerfMon::SnapshotNetwork() {
   if (count == 0) return;
   if (!m_NetDevFile.Start()) {
     const int error = errno;
-    TRACE(3, "CNetworkInterfaceStatistics::GetStatistikAtIndex: cannot open %s (errno=%d)\n", m_NetDevFile.Path(), error);
+    TRACE(3, "CNetworkInterfaceStatistics::GetStatistikAtIndex: cannot open %s (errno=%d)\n", m_NetDevFile.Path(),
+          error);
     return;
   }
   while (m_NetDevFile.More()) {

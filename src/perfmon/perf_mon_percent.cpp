@@ -101,7 +101,8 @@ bool CPerfMon::GetHistoryPercent(const CDataHistoryBuffer<T>& history, PercentRu
   CPercentSum sum(rule);
   int found = 0;
   for (int i = 0; i < count; ++i) {
-    found += history.Read(first + i, newestOnly, [&sum](const T& record) { sum.Add(std::bit_cast<PerfFields>(record)); });
+    found +=
+        history.Read(first + i, newestOnly, [&sum](const T& record) { sum.Add(std::bit_cast<PerfFields>(record)); });
   }
   // Histories that are emptied meanwhile count as far as they were there.
   percent = newestOnly ? sum.OverInstances(static_cast<size_t>(found)) : sum.OverElements();

@@ -60,7 +60,8 @@ bool ParseMemInfo(std::string_view text, MemInfo& info) {
   unsigned int found = 0;
   while (!text.empty() && found != kAll) {
     std::string_view line = TakeLine(text);
-    const auto row = std::ranges::find_if(kMemInfoRows, [line](const MemInfoRow& r) { return line.starts_with(r.key); });
+    const auto row =
+        std::ranges::find_if(kMemInfoRows, [line](const MemInfoRow& r) { return line.starts_with(r.key); });
     if (row == kMemInfoRows.end()) continue;
     line.remove_prefix(row->key.size());
     const std::optional<uint64_t> number = TakeNumber(line);
