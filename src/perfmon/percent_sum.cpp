@@ -20,7 +20,7 @@ void CPercentSum::Add(const PerfFields& fields) {
   if (denominator == 0) return;
   uint128 numerator = 0;
   for (size_t i = 0; i < fields.size(); ++i) {
-    if ((m_Rule.numerator >> i & 1U) != 0) numerator += fields[i];
+    if ((unsigned{m_Rule.numerator} >> i & 1U) != 0) numerator += fields[i];
   }
   m_Sum += numerator * kWhole / denominator;
 }
