@@ -20,7 +20,7 @@ constexpr const char* kProcMemInfo = "/proc/meminfo";
 constexpr const char* kProcStat = "/proc/stat";
 
 constexpr size_t kMemInfoSize = 4096;
-constexpr size_t kStatSize = 512;  // only the first line is wanted
+constexpr size_t kStatSize = 256;  // only the first line is wanted
 constexpr size_t kNetDevSize = 8192;
 
 constexpr std::chrono::milliseconds kFirstInterval{250};

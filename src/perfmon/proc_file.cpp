@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 bool CProcFile::Start() {
   m_Size = 0;
@@ -32,8 +33,10 @@ bool CProcFile::More() {
 }
 
 std::string_view CProcFile::Text() const {
-  const std::string_view text(m_Buffer.data(), m_Size);
-  return m_Ended ? text : text.substr(0, text.rfind('\n') + 1);
+  if (m_Ended) return {m_Buffer.data(), m_Size};
+  const void* newline = ::memrchr(m_Buffer.data(), '\n', m_Size);
+  if (newline == nullptr) return {};
+  return {m_Buffer.data(), static_cast<size_t>(static_cast<const char*>(newline) - m_Buffer.data()) + 1};
 }
 
 bool CProcFile::Open() {
