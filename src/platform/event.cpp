@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <ctime>
 #include <memory>
 #include <new>
@@ -14,12 +13,14 @@
 #include "platform/cancellation.h"
 #include "platform/critical_section.h"
 #include "platform/never_destroyed.h"
+#include "platform/owned_text.h"
 #include "platform/str_map.h"
 #include "trace/debug.h"
 
 // The event itself, owned jointly by its handles. The state is written under the mutex, save for atomic reads
 // elsewhere.
 struct CEventData {
+  void* Address() { return this; }  // for %p
   const char* NameText() const { return name != nullptr ? name.get() : "anon"; }
   bool Signaled() const { return IsSignaled.load(std::memory_order_acquire); }
   void SetSignaled(bool on) { IsSignaled.store(on, std::memory_order_release); }
@@ -86,26 +87,25 @@ int InitAttributes(pthread_condattr_t& attributes) {
 
 // Makes the three system objects; on failure none is left.
 bool InitSystemObjects(CEventData& event) {
-  void* address = &event;
   int result = InitAttributes(event.condAttr);
   if (result != 0) {
     TRACE(3,
           "pthread_condattr_setclock(): ## ERROR ##: Set CLOCK_MONOTONIC failed (ret=%d) for event %p <%s> "
           "(IsSignaled=%d)\n",
-          result, address, event.NameText(), event.Signaled());
+          result, event.Address(), event.NameText(), event.Signaled());
     return false;
   }
   result = pthread_cond_init(&event.cond, &event.condAttr);
   if (result != 0) {
     TRACE(3, "pthread_cond_init(), CLOCK_MONOTONIC: ## ERROR ##: failed (ret=%d) on event %p <%s> (IsSignaled=%d)\n",
-          result, address, event.NameText(), event.Signaled());
+          result, event.Address(), event.NameText(), event.Signaled());
     pthread_condattr_destroy(&event.condAttr);
     return false;
   }
   result = pthread_mutex_init(&event.mutex, nullptr);
   if (result != 0) {
     TRACE(3, "pthread_mutex_init(), CLOCK_MONOTONIC: ## ERROR ##: failed (ret=%d) on event %p <%s> (IsSignaled=%d)\n",
-          result, address, event.NameText(), event.Signaled());
+          result, event.Address(), event.NameText(), event.Signaled());
     pthread_cond_destroy(&event.cond);
     pthread_condattr_destroy(&event.condAttr);
     return false;
@@ -129,10 +129,8 @@ CEventData* NewEvent(bool initialState, bool manualReset) {
 }
 
 bool RegisterName(CEventData& event, const char* name) {
-  const size_t size = std::strlen(name) + 1;
-  event.name.reset(new (std::nothrow) char[size]);
+  event.name = CopyText(name);
   if (event.name == nullptr) return false;
-  std::memcpy(event.name.get(), name, size);
   const CCriticalSectionLock lock(g_NamedEvents.object);
   CStrMap::Entry* entry = g_NamedEvents.object.Insert(name);
   if (entry == nullptr) return false;
@@ -172,7 +170,7 @@ void DestroyEvent(CEventData* event) {
   if (event == nullptr) return;
   WaitUntilDeserted(*event);
   DestroySystemObjects(*event);
-  TRACE(5, "deleting event %p <%s> (IsSignaled=%d)\n", static_cast<void*>(event), event->NameText(), event->Signaled());
+  TRACE(5, "deleting event %p <%s> (IsSignaled=%d)\n", event->Address(), event->NameText(), event->Signaled());
   delete event;
 }
 
@@ -209,7 +207,7 @@ CEvent::CEvent(bool initialState, bool manualReset, const char* name) {
   }
   data = NewEvent(initialState, manualReset);
   if (data == nullptr) return;
-  TRACE(5, "creating event %p <%s> (IsSignaled=%d)\n", static_cast<void*>(data), data->NameText(), data->Signaled());
+  TRACE(5, "creating event %p <%s> (IsSignaled=%d)\n", data->Address(), data->NameText(), data->Signaled());
 }
 
 void CEvent::JoinOrCreate(bool initialState, bool manualReset, const char* name) {
@@ -225,14 +223,14 @@ void CEvent::JoinOrCreate(bool initialState, bool manualReset, const char* name)
     }
   }
   if (data == nullptr) return;
-  void* address = data;
   if (!joined) {
-    TRACE(5, "creating event %p <%s> (IsSignaled=%d)\n", address, data->NameText(), data->Signaled());
+    TRACE(5, "creating event %p <%s> (IsSignaled=%d)\n", data->Address(), data->NameText(), data->Signaled());
     return;
   }
-  TRACE(3, "refCount for event %p <%s> incremented (IsSignaled=%d)\n", address, data->NameText(), data->Signaled());
+  TRACE(3, "refCount for event %p <%s> incremented (IsSignaled=%d)\n", data->Address(), data->NameText(),
+        data->Signaled());
   if (data->Manual() != manualReset) {
-    TRACE(1, "WARNING: manual setting mismatch for event %p <%s>\n", address, data->NameText());
+    TRACE(1, "WARNING: manual setting mismatch for event %p <%s>\n", data->Address(), data->NameText());
   }
 }
 
@@ -257,8 +255,8 @@ CEvent& CEvent::operator=(const CEvent& other) {
     data = other.data;
     if (data != nullptr) {
       ++data->refCount;
-      TRACE(5, "incr refcount on event %p <%s> (IsSignaled=%d,IsManual=%d)\n", static_cast<void*>(data),
-            data->NameText(), data->Signaled(), data->Manual());
+      TRACE(5, "incr refcount on event %p <%s> (IsSignaled=%d,IsManual=%d)\n", data->Address(), data->NameText(),
+            data->Signaled(), data->Manual());
     }
   }
   DestroyEvent(last);
@@ -272,7 +270,7 @@ CEventData* CEvent::DropReference() {
   CEventData* event = std::exchange(data, nullptr);
   if (event == nullptr) return nullptr;
   if (--event->refCount > 0) {
-    TRACE(5, "decr refcount on event %p <%s> (IsSignaled=%d)\n", static_cast<void*>(event), event->NameText(),
+    TRACE(5, "decr refcount on event %p <%s> (IsSignaled=%d)\n", event->Address(), event->NameText(),
           event->Signaled());
     return nullptr;
   }
@@ -280,15 +278,19 @@ CEventData* CEvent::DropReference() {
   return event;
 }
 
+// The operations below take the event out of the handle once, on entry: while they run, a thread that they released may
+// already be destroying the handle.
+
 bool CEvent::Create(bool initialState, bool manualReset, const char*) {
-  if (!IsUsable()) return false;
-  const MutexLock lock(data->mutex);
-  if (!lock.IsHeld() || data->waiters > 0) return false;
-  if (data->Signaled() == initialState && data->Manual() == manualReset) return true;
+  CEventData* const event = UsableEvent();
+  if (event == nullptr) return false;
+  const MutexLock lock(event->mutex);
+  if (!lock.IsHeld() || event->waiters > 0) return false;
+  if (event->Signaled() == initialState && event->Manual() == manualReset) return true;
   TRACE(5, "Create event %p <%s>, changing attributes (IsSignaled=%d,IsManual=%d) --> (IsSignaled=%d,IsManual=%d)\n",
-        static_cast<void*>(data), data->NameText(), data->Signaled(), data->Manual(), initialState, manualReset);
-  data->IsManual.store(manualReset, std::memory_order_relaxed);
-  data->SetSignaled(initialState);
+        event->Address(), event->NameText(), event->Signaled(), event->Manual(), initialState, manualReset);
+  event->IsManual.store(manualReset, std::memory_order_relaxed);
+  event->SetSignaled(initialState);
   return true;
 }
 
@@ -297,77 +299,76 @@ bool CEvent::Open(const char*, uint32_t, bool) {
 }
 
 bool CEvent::Close() {
-  if (data == nullptr || closed.exchange(true)) return false;
-  TRACE(5, "Close event %p <%s> IsSignaled=%d --> IsSignaled=1\n", static_cast<void*>(data), data->NameText(),
-        data->Signaled());
-  {
-    const MutexLock lock(data->mutex);
-    data->SetSignaled(true);
-  }
-  return data->WakeUp();
+  CEventData* const event = data;
+  if (event == nullptr || closed.exchange(true)) return false;
+  TRACE(5, "Close event %p <%s> IsSignaled=%d --> IsSignaled=1\n", event->Address(), event->NameText(),
+        event->Signaled());
+  const MutexLock lock(event->mutex);
+  event->SetSignaled(true);
+  return event->WakeUp();
 }
 
 bool CEvent::Set() const {
-  if (!IsUsable()) return false;
-  bool isWoken = false;
-  bool hasWaiters = false;
-  {
-    const MutexLock lock(data->mutex);
-    if (!lock.IsHeld()) return false;
-    TRACE(5, "Set event %p <%s> IsSignaled=%d --> IsSignaled=1\n", static_cast<void*>(data), data->NameText(),
-          data->Signaled());
-    data->SetSignaled(true);
-    isWoken = data->WakeUp();
-    hasWaiters = data->waiters > 0;
-  }
-  // From here on a woken thread may have destroyed this very handle. With nobody to run, a yield is only lost time.
-  if (hasWaiters) ::sched_yield();
-  return isWoken;
+  return Signal(true);
 }
 
 bool CEvent::Pulse() const {
-  if (!IsUsable()) return false;
+  return Signal(false);
+}
+
+bool CEvent::Signal(bool stateAfter) const {
+  CEventData* const event = UsableEvent();
+  if (event == nullptr) return false;
   bool isWoken = false;
   bool hasWaiters = false;
   {
-    const MutexLock lock(data->mutex);
+    const MutexLock lock(event->mutex);
     if (!lock.IsHeld()) return false;
-    TRACE(5, "Pulse event %p <%s> IsSignaled=%d --> IsSignaled=0\n", static_cast<void*>(data), data->NameText(),
-          data->Signaled());
-    data->SetSignaled(false);
-    isWoken = data->WakeUp();
-    hasWaiters = data->waiters > 0;
+    if (stateAfter) {
+      TRACE(5, "Set event %p <%s> IsSignaled=%d --> IsSignaled=1\n", event->Address(), event->NameText(),
+            event->Signaled());
+    } else {
+      TRACE(5, "Pulse event %p <%s> IsSignaled=%d --> IsSignaled=0\n", event->Address(), event->NameText(),
+            event->Signaled());
+    }
+    event->SetSignaled(stateAfter);
+    isWoken = event->WakeUp();
+    hasWaiters = event->waiters > 0;
   }
+  // With nobody to run, a yield is only lost time.
   if (hasWaiters) ::sched_yield();
   return isWoken;
 }
 
 bool CEvent::Reset() const {
-  if (!IsUsable()) return false;
-  const MutexLock lock(data->mutex);
+  CEventData* const event = UsableEvent();
+  if (event == nullptr) return false;
+  const MutexLock lock(event->mutex);
   if (!lock.IsHeld()) return false;
-  TRACE(5, "Reset event %p <%s>: IsSignaled=%d --> IsSignaled=0\n", static_cast<void*>(data), data->NameText(),
-        data->Signaled());
-  data->SetSignaled(false);
+  TRACE(5, "Reset event %p <%s>: IsSignaled=%d --> IsSignaled=0\n", event->Address(), event->NameText(),
+        event->Signaled());
+  event->SetSignaled(false);
   return true;
 }
 
 bool CEvent::IsSet() const {
-  if (!IsUsable()) return false;
-  const bool isSignaled = data->Signaled();
-  TRACE(5, "Check event %p <%s> (IsSignaled=%d)\n", static_cast<void*>(data), data->NameText(), isSignaled);
+  CEventData* const event = UsableEvent();
+  if (event == nullptr) return false;
+  const bool isSignaled = event->Signaled();
+  TRACE(5, "Check event %p <%s> (IsSignaled=%d)\n", event->Address(), event->NameText(), isSignaled);
   return isSignaled;
 }
 
 int CEvent::Wait(uint32_t timeoutMs, bool) const {
-  if (!IsUsable()) return kWaitFailed;
-  const MutexLock lock(data->mutex);
+  CEventData* const event = UsableEvent();
+  if (event == nullptr) return kWaitFailed;
+  const MutexLock lock(event->mutex);
   if (!lock.IsHeld()) return kWaitFailed;
-  if (data->Signaled()) return data->Take();
-  // The deadline has passed as soon as it is computed, so neither the clock nor the condition is needed.
+  if (event->Signaled()) return event->Take();
+  // The deadline would have passed by the time it is looked at, so neither the clock nor the condition is needed.
   if (timeoutMs == 0) return kWaitTimedOut;
-  const Waiter waiter(*data);
-  const int result = Block(*data, timeoutMs);
-  if (result == 0 || data->Signaled()) return data->Take();
+  const Waiter waiter(*event);
+  const int result = Block(*event, timeoutMs);
+  if (result == 0 || event->Signaled()) return event->Take();
   return result == ETIMEDOUT ? kWaitTimedOut : kWaitFailed;
 }

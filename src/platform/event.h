@@ -16,7 +16,8 @@ struct CEventData;
 // Threads: any thread may use any handle. Destroying a handle, or assigning to it, needs it to oneself, as with any
 // object: nobody else may be about to enter an operation of that same handle. The end of the last handle waits, looking
 // once a second, until every thread has left Wait; so set an event before destroying it when somebody may wait on it
-// without limit. A thread that was woken may destroy the handle at once, even while the Set that woke it still returns.
+// without limit. A thread that was released may destroy the handle at once, even while the call that released
+// it still returns.
 // A thread may be cancelled inside Wait: it leaves the event as if it had timed out.
 //
 // Failure: results only, nothing is thrown. When the construction fails (memory, system limits) the handle has no
@@ -70,7 +71,8 @@ class CEvent {
   int Wait(uint32_t timeoutMs, bool alertable = false) const;
 
  private:
-  bool IsUsable() const { return IsOpen() && data != nullptr; }
+  CEventData* UsableEvent() const { return IsOpen() ? data : nullptr; }
+  bool Signal(bool stateAfter) const;  // Set and Pulse
   void JoinOrCreate(bool initialState, bool manualReset, const char* name);
   CEventData* DropReference();
 

@@ -6,13 +6,13 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
-#include <cstring>
 #include <memory>
 #include <new>
 #include <thread>
 #include <utility>
 
 #include "platform/never_destroyed.h"
+#include "platform/owned_text.h"
 #include "platform/str_map.h"
 
 // The semaphore itself, owned jointly by its handles.
@@ -47,11 +47,8 @@ bool DestroySemaphore(CSemaphoreData* semaphore) {
 
 // The lock of the registry is held.
 bool RegisterName(CSemaphoreData& semaphore, const char* name) {
-  const size_t size = std::strlen(name) + 1;
-  semaphore.name.reset(new (std::nothrow) char[size]);
-  if (semaphore.name == nullptr) return false;
-  std::memcpy(semaphore.name.get(), name, size);
-  CStrMap::Entry* entry = g_NamedSemaphores.object.Insert(name);
+  semaphore.name = CopyText(name);
+  CStrMap::Entry* entry = semaphore.name != nullptr ? g_NamedSemaphores.object.Insert(name) : nullptr;
   if (entry == nullptr) return false;
   entry->value = &semaphore;
   return true;

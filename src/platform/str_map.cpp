@@ -4,16 +4,7 @@
 #include <cstring>
 #include <new>
 
-namespace {
-
-char* CopyText(const char* text) {
-  const size_t size = std::strlen(text) + 1;
-  char* copy = new (std::nothrow) char[size];
-  if (copy != nullptr) std::memcpy(copy, text, size);
-  return copy;
-}
-
-}  // namespace
+#include "platform/owned_text.h"
 
 CStrMap::~CStrMap() {
   for (const Entry& entry : Entries())
@@ -37,15 +28,12 @@ CStrMap::Entry* CStrMap::Insert(const char* key) {
   const CCriticalSectionLock lock(*this);
   Entry* entry = LowerBound(key);
   if (IsAt(entry, key)) return entry;
-  char* name = CopyText(key);
-  if (name == nullptr || !Grow()) {
-    delete[] name;
-    return nullptr;
-  }
+  std::unique_ptr<char[]> name = CopyText(key);
+  if (name == nullptr || !Grow()) return nullptr;
   // The array is sorted, so making room at the right place leaves what sorting it again would.
   entry = LowerBound(key);
   std::copy_backward(entry, m_Entries + m_Count, m_Entries + m_Count + 1);
-  *entry = {name, nullptr, 0};
+  *entry = {name.release(), nullptr, 0};
   ++m_Count;
   return entry;
 }
