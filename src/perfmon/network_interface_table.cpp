@@ -110,16 +110,20 @@ unsigned char CNetworkInterfaceTable::GetInterface(unsigned int index, CNetworkI
     return kError;
   }
   unsigned int count = 0;
-  bool filled = false;
+  if (countOnly != 0) {
+    ForEachInterface(file.Text(), everyName, socket.Get(),
+                     [&count](const std::string&) { return ++count < kMaxCount; });
+    return static_cast<unsigned char>(count);
+  }
+  if (entry == nullptr) return 0;
+  unsigned char filled = 0;
   ForEachInterface(file.Text(), everyName, socket.Get(), [&](const std::string& name) {
-    const unsigned int number = count++;
-    if (countOnly != 0) return count < kMaxCount;
-    if (entry == nullptr || number < index) return entry != nullptr;
+    if (count++ < index) return true;
     FillInterface(socket.Get(), name, *entry);
-    filled = true;
+    filled = 1;
     return false;
   });
-  return static_cast<unsigned char>(countOnly != 0 ? count : unsigned{filled});
+  return filled;
 }
 
 bool CNetworkInterfaceTable::StrStartsWith(const char* text, const char* prefix) {
