@@ -77,7 +77,8 @@ class CPerfMon {
 
   // Sets up empty histories for the kinds in mask, takes two samples 250 ms apart, so that the differences of an
   // interval are there at once, and starts the thread. Returns whether the thread runs; when it does not, no history
-  // is left. With no kind that can be sampled (per-CPU alone, or network without an interface) no thread is started.
+  // is left. Nothing reaches back over the time without monitoring, but the interfaces stay those of the first count.
+  // With no kind that can be sampled (per-CPU alone, or network without an interface) no thread is started.
   // When already started, only the interval changes, from the next wait on. With an interval of 0 the thread ends at
   // once and SnapshotData alone adds samples; the object counts as started all the same.
   bool StartMonitoring(int mask, unsigned int updateTimeMs);
