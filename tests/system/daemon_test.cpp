@@ -32,6 +32,7 @@ class Daemon {
     ::prctl(PR_SET_CHILD_SUBREAPER, 1);  // a daemon in the background stays a child of this process
     ::setenv("LD_LIBRARY_PATH", "/lib-switch", 1);
     ::setenv("ODD_SWITCH", switchBehaviour.c_str(), 1);
+    ::setenv("QN_NICKNAME", "SLES12", 1);  // the run level file counts, with systemd on the machine or without
     m_Started = Spawn(std::move(arguments));
   }
 
