@@ -40,8 +40,11 @@ class LineReader {
       SkipUnwanted(wanted);
       const std::string_view rest(m_Block.get() + m_Begin, m_End - m_Begin);
       const size_t length = IniLineLength(rest);
-      const bool isComplete = length == kMaxIniLine || (length > 0 && rest[length - 1] == '\n');
-      if (!isComplete && Refill()) continue;
+      const bool isComplete = m_IsAtEnd || length == kMaxIniLine || (length > 0 && rest[length - 1] == '\n');
+      if (!isComplete) {
+        Refill();
+        continue;
+      }
       line = rest.substr(0, length);
       m_Begin += length;
       return length > 0;
@@ -66,14 +69,14 @@ class LineReader {
     return begin + (text.size() - begin) / kMaxIniLine * kMaxIniLine;
   }
 
-  // Makes the unread rest the beginning of the block and reads on. False at the end of the file and on failure.
-  bool Refill() {
+  // Makes the unread rest the beginning of the block and reads on.
+  void Refill() {
     std::memmove(m_Block.get(), m_Block.get() + m_Begin, m_End - m_Begin);
     m_End -= m_Begin;
     m_Begin = 0;
     const ssize_t count = ReadSome(m_Fd, m_Block.get() + m_End, kReadBlock - m_End);
     if (count > 0) m_End += static_cast<size_t>(count);
-    return count > 0;
+    m_IsAtEnd = count <= 0;
   }
 
   int m_Fd;
@@ -81,6 +84,7 @@ class LineReader {
   std::unique_ptr<char[]> m_Block = std::make_unique_for_overwrite<char[]>(kReadBlock);
   size_t m_Begin = 0;
   size_t m_End = 0;
+  bool m_IsAtEnd = false;  // of the file, or of what can be read of it
 };
 
 // The caller's buffer of at least one byte. Counts what should be stored and stores what fits.
