@@ -25,19 +25,26 @@ constexpr uint32_t kBufferStep = 1024;
 constexpr uint32_t kLargestBuffer = 63 * kBufferStep;
 constexpr mode_t kFileMode = 0644;
 
-// Which lines a reader wants to see. The others may be handed out or not.
-enum class Wanted { kHeaders, kHeadersAndKey, kAll };
+// Which lines a reader wants to see: tells where in a text the first one begins to be interesting.
+using Filter = size_t (*)(std::string_view text, std::string_view wanted);
+
+size_t FindAnyLine(std::string_view /*text*/, std::string_view /*wanted*/) {
+  return 0;
+}
+
+size_t FindAnyHeader(std::string_view text, std::string_view /*wanted*/) {
+  return text.find('[');
+}
 
 // Reads a file line by line, in large blocks, and passes over the lines that are not wanted.
 class LineReader {
  public:
-  // key may be null.
-  LineReader(int fd, const char* key) : m_Fd(fd), m_Key(key == nullptr ? "" : key) {}
+  explicit LineReader(int fd) : m_Fd(fd) {}
 
-  // The line is valid until the next call.
-  bool Next(std::string_view& line, Wanted wanted) {
+  // The next line that the filter wants, or an earlier one. Valid until the next call.
+  bool Next(std::string_view& line, Filter filter, std::string_view wanted = "") {
     for (;;) {
-      SkipUnwanted(wanted);
+      SkipUnwanted(filter, wanted);
       const std::string_view rest(m_Block.get() + m_Begin, m_End - m_Begin);
       const size_t length = IniLineLength(rest);
       const bool isComplete = m_IsAtEnd || length == kMaxIniLine || (length > 0 && rest[length - 1] == '\n');
@@ -52,15 +59,9 @@ class LineReader {
   }
 
  private:
-  void SkipUnwanted(Wanted wanted) {
+  void SkipUnwanted(Filter filter, std::string_view wanted) {
     const std::string_view rest(m_Block.get() + m_Begin, m_End - m_Begin);
-    const size_t place = Find(rest, wanted);
-    m_Begin += place < rest.size() ? StartOfLine(rest.substr(0, place)) : StartOfLine(rest);
-  }
-
-  size_t Find(std::string_view text, Wanted wanted) const {
-    if (wanted == Wanted::kAll || (wanted == Wanted::kHeadersAndKey && m_Key.empty())) return 0;
-    return wanted == Wanted::kHeaders ? text.find('[') : FindHeaderOrKey(text, m_Key);
+    m_Begin += StartOfLine(rest.substr(0, filter(rest, wanted)));
   }
 
   // Start of the line in which the text ends; the text itself begins with a line.
@@ -80,7 +81,6 @@ class LineReader {
   }
 
   int m_Fd;
-  std::string_view m_Key;
   std::unique_ptr<char[]> m_Block = std::make_unique_for_overwrite<char[]>(kReadBlock);
   size_t m_Begin = 0;
   size_t m_End = 0;
@@ -140,14 +140,14 @@ std::string_view NameInHeader(std::string_view header) {
 }
 
 void CollectSections(LineReader& reader, Result& result) {
-  for (std::string_view line; result.HasRoom() && reader.Next(line, Wanted::kHeaders);) {
+  for (std::string_view line; result.HasRoom() && reader.Next(line, FindAnyHeader);) {
     const IniLine parsed = ParseIniLine(line);
     if (parsed.kind == IniLine::kHeader) result.AddName(NameInHeader(parsed.header));
   }
 }
 
 bool EnterSection(LineReader& reader, std::string_view section) {
-  for (std::string_view line; reader.Next(line, Wanted::kHeaders);) {
+  for (std::string_view line; reader.Next(line, FindHeaderOf, section);) {
     const IniLine parsed = ParseIniLine(line);
     if (parsed.kind == IniLine::kHeader && IsIniHeaderOf(parsed.header, section)) return true;
   }
@@ -155,7 +155,7 @@ bool EnterSection(LineReader& reader, std::string_view section) {
 }
 
 void CollectKeys(LineReader& reader, Result& result) {
-  for (std::string_view line; result.HasRoom() && reader.Next(line, Wanted::kAll);) {
+  for (std::string_view line; result.HasRoom() && reader.Next(line, FindAnyLine);) {
     const IniLine parsed = ParseIniLine(line);
     if (parsed.kind == IniLine::kHeader) return;
     if (parsed.kind == IniLine::kEntry) result.AddName(parsed.key);
@@ -163,7 +163,8 @@ void CollectKeys(LineReader& reader, Result& result) {
 }
 
 void FindValue(LineReader& reader, std::string_view key, Result& result) {
-  for (std::string_view line; reader.Next(line, Wanted::kHeadersAndKey);) {
+  const Filter filter = key.empty() ? FindAnyLine : FindHeaderOrKey;
+  for (std::string_view line; reader.Next(line, filter, key);) {
     const IniLine parsed = ParseIniLine(line);
     if (parsed.kind == IniLine::kHeader) return;
     if (parsed.kind == IniLine::kEntry && parsed.key == key) return result.Add(parsed.value);
@@ -172,7 +173,7 @@ void FindValue(LineReader& reader, std::string_view key, Result& result) {
 
 void ReadProfile(int fd, const char* section, const char* key, Result& result) {
   if (!result.HasRoom()) return;
-  LineReader reader(fd, key);
+  LineReader reader(fd);
   if (section == nullptr) return CollectSections(reader, result);
   if (!EnterSection(reader, section)) return;
   if (key == nullptr) return CollectKeys(reader, result);

@@ -16,28 +16,30 @@ __m128i Load(const char* bytes) {
   return loaded;
 }
 
-// Compares 16 places at once: a place can be a hit when '[' stands there, or the key's first character with the key's
-// last one at its distance.
+// Compares 16 places at once: a place can be a hit when '[' stands there, or when the key's last two characters stand
+// at their distance from it. Keys that begin alike are common, those that end alike are not.
 class Probe {
  public:
   explicit Probe(std::string_view key)
       : m_Bracket(_mm_set1_epi8('[')),
-        m_First(_mm_set1_epi8(key.front())),
+        m_LastButOne(_mm_set1_epi8(key[key.size() < 2 ? 0 : key.size() - 2])),
         m_Last(_mm_set1_epi8(key.back())),
-        m_Distance(key.size() - 1) {}
+        m_DistanceToLastButOne(key.size() < 2 ? 0 : key.size() - 2),
+        m_DistanceToLast(key.size() - 1) {}
 
   __m128i Hits(const char* text) const {
-    const __m128i here = Load(text);
-    const __m128i there = Load(text + m_Distance);
-    return _mm_or_si128(_mm_cmpeq_epi8(here, m_Bracket),
-                        _mm_and_si128(_mm_cmpeq_epi8(here, m_First), _mm_cmpeq_epi8(there, m_Last)));
+    const __m128i isBracket = _mm_cmpeq_epi8(Load(text), m_Bracket);
+    const __m128i isLastButOne = _mm_cmpeq_epi8(Load(text + m_DistanceToLastButOne), m_LastButOne);
+    const __m128i isLast = _mm_cmpeq_epi8(Load(text + m_DistanceToLast), m_Last);
+    return _mm_or_si128(isBracket, _mm_and_si128(isLastButOne, isLast));
   }
 
  private:
   __m128i m_Bracket;
-  __m128i m_First;
+  __m128i m_LastButOne;
   __m128i m_Last;
-  size_t m_Distance;
+  size_t m_DistanceToLastButOne;
+  size_t m_DistanceToLast;
 };
 
 bool IsHit(std::string_view text, size_t place, std::string_view key) {
@@ -45,6 +47,14 @@ bool IsHit(std::string_view text, size_t place, std::string_view key) {
 }
 
 }  // namespace
+
+size_t FindHeaderOf(std::string_view text, std::string_view section) {
+  for (size_t place = text.find('['); place != std::string_view::npos; place = text.find('[', place + 1)) {
+    const std::string_view name = text.substr(place + 1);
+    if (name.size() <= section.size() || (name[section.size()] == ']' && name.starts_with(section))) return place;
+  }
+  return std::string_view::npos;
+}
 
 size_t FindHeaderOrKey(std::string_view text, std::string_view key) {
   const Probe probe(key);
