@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <tuple>
 
 #include "platform/directory.h"
 #include "platform/directory_list.h"
@@ -50,21 +51,16 @@ TEST(FileHelpers, DirectoriesAndLinks) {
 }
 
 TEST(FileHelpers, RegularExpressionGivesTheAskedForMatch) {
-  struct Row {
-    const char* pattern;
-    std::string text;
-    uint8_t occurrence;
-    std::string expected;
-  };
-  const Row rows[] = {{"[0-9]+", "a12b3c45", 1, "12"},
-                      {"[0-9]+", "a12b3c45", 2, "2"},
-                      {"[0-9]+", "a12b3c45", 9, "5"},
-                      {"[0-9]+", "a12b3c45", 0, "5"},
-                      {"x", "abc", 2, ""},
-                      {"b*", "ab", 0, ""},
-                      {"^[ab]", "ab", 2, "a"},
-                      {"x.", std::string(400, 'x') + "y", 0, "xx"},
-                      {"b.", std::string("a\0bc", 4), 1, "bc"}};
+  const std::tuple<const char*, std::string, uint8_t, std::string> rows[] = {
+      {"[0-9]+", "a12b3c45", 1, "12"},
+      {"[0-9]+", "a12b3c45", 2, "2"},
+      {"[0-9]+", "a12b3c45", 9, "5"},
+      {"[0-9]+", "a12b3c45", 0, "5"},
+      {"x", "abc", 2, ""},
+      {"b*", "ab", 0, ""},
+      {"^[ab]", "ab", 2, "a"},
+      {"x.", std::string(400, 'x') + "y", 0, "xx"},
+      {"b.", std::string("a\0bc", 4), 1, "bc"}};
   for (const auto& [pattern, text, occurrence, expected] : rows) {
     std::string result = "before";
     EXPECT_TRUE(CRegEx::GetRegexFromString(result, pattern, text, occurrence));

@@ -1,49 +1,28 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <map>
 #include <random>
 
 #include "platform/ini_file.h"
 #include "support/fixture_root.h"
 
-namespace {
-
 using Texts = std::vector<std::string>;
-using Entries = std::vector<std::pair<std::string, std::string>>;
-using Sections = std::vector<std::pair<std::string, Entries>>;  // what a file holds, in its order
+using Model = std::map<std::string, std::map<std::string, std::string>>;  // values by section and key
 
-template <typename List>
-auto Find(List& list, const std::string& name) {
-  return std::find_if(list.begin(), list.end(), [&name](const auto& item) { return item.first == name; });
-}
-
-template <typename List>
-typename List::value_type& FindOrAdd(List& list, const std::string& name) {
-  const auto place = Find(list, name);
-  return place != list.end() ? *place : list.emplace_back(name, typename List::value_type::second_type());
-}
-
-template <typename List>
-bool Erase(List& list, const std::string& name) {
-  return std::erase_if(list, [&name](const auto& item) { return item.first == name; }) > 0;
-}
-
-Sections ReadAll(const CIniFile& ini) {
+static Model ReadAll(const CIniFile& ini) {
   Texts names;
   ini.GetSections(names);
-  Sections all;
+  Model all;
   for (const std::string& section : names) {
     Texts keys;
     ini.GetEnums(keys, section.c_str());
-    Entries& entries = all.emplace_back(section, Entries()).second;
+    all[section];
     for (const std::string& key : keys) {
-      ini.GetString(entries.emplace_back(key, "").second, section.c_str(), key.c_str(), "");
+      ini.GetString(all[section][key], section.c_str(), key.c_str(), "");
     }
   }
   return all;
 }
-
-}  // namespace
 
 TEST(IniFileModel, EverythingWrittenReadsBackAndNothingElseChanges) {
   const Texts sections{"A", "B b", " C ", "[d", "Longer section name"};
@@ -55,7 +34,7 @@ TEST(IniFileModel, EverythingWrittenReadsBackAndNothingElseChanges) {
                    "; first\nearly=1\n\n[A]\n; about k\nk=1\n\n;two\nkey = 2 ; two\nno sign\n\n\n; about B\n[B b]\n"
                    "[ C ]\n\nk.1=\xFE\n;last" +
                        std::string(seed % 2, '\n'));
-    Sections model{{"A", {{"k", "1"}, {"key", "2"}}}, {"B b", {}}, {" C ", {{"k.1", "\xFE"}}}};
+    Model model{{"A", {{"k", "1"}, {"key", "2"}}}, {"B b", {}}, {" C ", {{"k.1", "\xFE"}}}};
     CIniFile ini;
     ASSERT_TRUE(ini.Open(root.HostPath("/model.ini").c_str(), true));
     for (int step = 0; step < 60; ++step) {
@@ -63,14 +42,14 @@ TEST(IniFileModel, EverythingWrittenReadsBackAndNothingElseChanges) {
       const std::string& key = keys[random() % keys.size()];
       const unsigned long action = random() % 10;
       if (action == 0) {
-        ASSERT_EQ(ini.DeleteSection(section.c_str()), Erase(model, section));
+        ASSERT_EQ(ini.DeleteSection(section.c_str()), model.erase(section) == 1);
       } else if (action < 3) {
-        const auto place = Find(model, section);
-        ASSERT_EQ(ini.DeleteKey(section.c_str(), key.c_str()), place != model.end() && Erase(place->second, key));
+        const bool isThere = model.contains(section) && model[section].erase(key) == 1;
+        ASSERT_EQ(ini.DeleteKey(section.c_str(), key.c_str()), isThere);
       } else {
         const std::string value = "v=[] #\x80" + std::string(random() % (step == 30 ? 990 : 30), 'x') + "]";
         ASSERT_TRUE(ini.SetString(section.c_str(), key.c_str(), value.c_str()));
-        FindOrAdd(FindOrAdd(model, section).second, key).second = value;
+        model[section][key] = value;
       }
       ASSERT_EQ(ReadAll(ini), model) << "seed " << seed << ", step " << step;
     }

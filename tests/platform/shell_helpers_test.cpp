@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
@@ -44,13 +43,6 @@ TEST(ShellCommand, OutputComesLineByLineWithinTheRoom) {
     EXPECT_FALSE(shell.CloseStream());
     EXPECT_EQ(shell.GetLastErrorStr(), "CloseStreamFailed");
     ::signal(SIGCHLD, SIG_DFL);
-    rlimit limit = {};
-    ::getrlimit(RLIMIT_NOFILE, &limit);
-    const rlimit none{0, limit.rlim_max};
-    ::setrlimit(RLIMIT_NOFILE, &none);
-    EXPECT_FALSE(shell.SendCommand());
-    EXPECT_EQ(shell.GetLastErrorStr(), "SendCommandFailed");
-    ::setrlimit(RLIMIT_NOFILE, &limit);
   };
   root.Run(body, FixtureRoot::kUsr);
 }
