@@ -96,8 +96,8 @@ class Result {
   bool HasRoom() const { return m_Length + 2 < m_Size; }
 
   void Add(std::string_view text) {
-    if (m_Length + 1 < m_Size)
-      std::memcpy(m_Buffer + m_Length, text.data(), std::min(text.size(), m_Size - 1 - m_Length));
+    const size_t begin = std::min(m_Length, m_Size - 1);
+    std::copy_n(text.data(), std::min(text.size(), m_Size - 1 - begin), m_Buffer + begin);
     m_Length += text.size();
   }
 
@@ -414,7 +414,7 @@ bool CIniFile::CopySection(const char* source, const char* target) const {
     std::string value;
     if (GetString(value, source, key.c_str(), "")) SetString(target, key.c_str(), value.c_str());
   }
-  return isOpen;
+  return IsUsable();
 }
 
 const char* CIniFile::GetEnum(const char* section) {

@@ -12,7 +12,8 @@
 //
 // A command line is split at white space into words, without quoting or escaping; the first word is the program, looked
 // up through PATH when it contains no '/'. A program that cannot be run counts as one that exited with status 255.
-// Unless inheritHandles is set, the child gets descriptors 0, 1 and 2 alone. It takes SIGINT, SIGTERM, SIGHUP and
+// Unless inheritHandles is set, the child gets descriptors 0, 1 and 2 alone (one that lies beyond the limit of open
+// files, because that was lowered later, is not looked for). It takes SIGINT, SIGTERM, SIGHUP and
 // SIGALRM even where the caller blocks them.
 //
 // A command given a directory is started while the whole process stands in it, and the process returns only after the
