@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "registry/registry_value.h"
+
+// The lines of a registry file, to and from entries. Pure functions; docs/registry-file.md shows the format.
+//
+//   Path=s=/opt/x         string           Port=d=3172          number, decimal
+//   Home=es=%HOME%/x      expandable       Data=b=0a ff 01      binary, each byte followed by one blank
+//   [Agent]               subkey; its own lines follow up to an empty line
+
+// What one read of a line takes at most, the newline included. A longer line comes in several pieces.
+inline constexpr size_t kRegistryLineLimit = 1023;
+
+struct RegistryLine {
+  enum class Kind { kSkipped, kValue, kSubKey };
+
+  Kind kind = Kind::kSkipped;
+  std::string_view name;
+  uint32_t type = kRegistryNone;
+  std::string_view data;  // of a value: what follows its marker
+};
+
+// Splits a line that is not empty, without its newline. The views point into the line.
+//   "[a]b]"   => subkey "a"               "A=s=b=c" => string "A", data "b=c"
+//   "A=x=1", "A" => skipped: an unknown marker, no marker
+RegistryLine ParseRegistryLine(std::string_view line);
+
+// Makes the value of a value line; line.data ends with a zero byte. False for a number without a digit.
+// A number is read as strtol does with base 10, bytes with base 16 (their low eight bits) until one fails to convert.
+bool MakeRegistryValue(const RegistryLine& line, CRegistryValue& value);
+
+// Appends the line of a value, newline included, or the line of a subkey. False when the entry has no line: without a
+// value, of another type.
+bool AppendRegistryLine(const RegistryEntry& entry, std::string& text);
+
+enum class RegistryFate {
+  kCarried,  // is read back as it is
+  kLost,     // is read back differently or not at all; nothing else suffers
+  kHarmful,  // its text would be taken for another entry, another key or the end of its key
+};
+
+// What becomes of an entry whose line this is, newline included, when the file is read again.
+RegistryFate FateOfRegistryLine(const RegistryEntry& entry, std::string_view line);
