@@ -13,11 +13,32 @@ namespace {
 
 static_assert(std::is_trivially_copyable_v<RegistryEntry>, "entries are moved as plain memory");
 
-// As CStrMap::compare; no stored name is null.
-int Compare(const char* stored, std::string_view name) {
-  const int order = std::strncmp(stored, name.data(), name.size());
+// The order of two words as the order of their bytes.
+int CompareWords(const char* left, const char* right) {
+  uint64_t leftWord = 0;
+  uint64_t rightWord = 0;
+  std::memcpy(&leftWord, left, sizeof leftWord);
+  std::memcpy(&rightWord, right, sizeof rightWord);
+  if (leftWord == rightWord) return 0;
+  return __builtin_bswap64(leftWord) < __builtin_bswap64(rightWord) ? -1 : 1;
+}
+
+// As CStrMap::compare: no name is null or has a zero byte inside. Names are short, so eight bytes at a time are done
+// before a library call has begun; the last eight overlap what was equal before.
+int Compare(const RegistryEntry& entry, std::string_view name) {
+  constexpr size_t kWord = sizeof(uint64_t);
+  const size_t count = std::min<size_t>(entry.nameLength, name.size());
+  int order = 0;
+  if (count < kWord) {
+    order = std::memcmp(entry.name, name.data(), count);
+  } else {
+    size_t at = 0;
+    for (; order == 0 && at + kWord < count; at += kWord)
+      order = CompareWords(entry.name + at, name.data() + at);
+    if (order == 0) order = CompareWords(entry.name + count - kWord, name.data() + count - kWord);
+  }
   if (order != 0) return order;
-  return stored[name.size()] != '\0' ? 1 : 0;
+  return entry.nameLength < name.size() ? -1 : static_cast<int>(entry.nameLength > name.size());
 }
 
 struct Place {
@@ -30,7 +51,7 @@ Place Search(const RegistryEntry* entries, uint32_t count, std::string_view name
   uint32_t last = count;
   while (first < last) {
     const uint32_t middle = first + (last - first) / 2;
-    const int order = Compare(entries[middle].name, name);
+    const int order = Compare(entries[middle], name);
     if (order == 0) return {middle, true};
     if (order < 0) {
       first = middle + 1;
@@ -68,13 +89,17 @@ CRegistryNode::Creation CRegistryNode::FindOrCreateSubKey(std::string_view name,
   }
   CRegistryValue value = CRegistryValue::SubKey(new CRegistryNode);
   CRegistryNodeRef created(reinterpret_cast<CRegistryNode*>(value.Word()));
-  if (!Exchange(name, value)) return Creation::kRefused;
+  if (!Store(name, value)) return Creation::kRefused;
   child = std::move(created);
   return Creation::kCreated;
 }
 
 bool CRegistryNode::Exchange(std::string_view name, CRegistryValue& value) {
   const CCriticalSectionLock lock(*this);
+  return Store(name, value);
+}
+
+bool CRegistryNode::Store(std::string_view name, CRegistryValue& value) {
   if (m_IsDeleted) return false;
   const bool isBehindLast = IsBehindLast(name);
   RegistryEntry* entry = isBehindLast ? nullptr : Find(name);
@@ -121,7 +146,7 @@ size_t CRegistryNode::PositionBehind(std::string_view name) {
 
 bool CRegistryNode::IsBehindLast(std::string_view name) const {
   if (m_SortedCount != Count()) return false;
-  return m_Count == 0 || Compare(m_Entries[m_Count - 1].name, name) < 0;
+  return m_Count == 0 || Compare(m_Entries[m_Count - 1], name) < 0;
 }
 
 // A new entry without a value; the caller knows that there is none of this name.
@@ -142,7 +167,7 @@ RegistryEntry& CRegistryNode::InsertEntry(std::string_view name, bool isBehindLa
     position = m_SortedCount + Search(m_Entries + m_SortedCount, Count() - m_SortedCount, name).position;
   }
   OpenGap(position);
-  m_Entries[position] = {copy.release(), 0, kRegistryNone};
+  m_Entries[position] = {copy.release(), 0, kRegistryNone, static_cast<uint32_t>(name.size())};
   return m_Entries[position];
 }
 
@@ -170,7 +195,7 @@ void CRegistryNode::MergeTail() {
   uint32_t end = Count();
   while (tailCount > 0) {
     const RegistryEntry& entry = tail[--tailCount];
-    const uint32_t position = Search(m_Entries, mainEnd, entry.name).position;
+    const uint32_t position = Search(m_Entries, mainEnd, entry.Name()).position;
     end -= mainEnd - position;
     Move(m_Entries + end, m_Entries + position, mainEnd - position);
     mainEnd = position;

@@ -63,6 +63,8 @@ class CRegistryNode : public CCriticalSection {
   // Removes the entry; removed then holds its value. False when there is none.
   bool Remove(std::string_view name, CRegistryValue& removed);
 
+  // As Exchange. Lock held, or the node is still unknown to others.
+  bool Store(std::string_view name, CRegistryValue& value);
   // Lock held. Null when there is no entry of that name.
   RegistryEntry* Find(std::string_view name);
   // Lock held. All entries in order.

@@ -12,14 +12,14 @@
 
 namespace {
 
-constexpr size_t kBlockSize = 256 * 1024;  // bytes of text that are gathered before they are written
-constexpr size_t kMaxTracedPath = 512;     // characters
+constexpr size_t kBlockSize = 64 * 1024;  // bytes of text that are gathered before they are written
+constexpr size_t kMaxTracedPath = 512;    // characters
 
 // One walk over a tree in the order of its file. Each level remembers how far its key was written; when the key
 // changed meanwhile, it goes on behind the name of the subkey that was written last.
 class Dump {
  public:
-  explicit Dump(FILE* file) : m_File(file) {}
+  explicit Dump(FILE* file) : m_File(file) { m_Text.Reserve(kBlockSize + kBlockSize / 4); }
 
   void Run(CRegistryNode& top) {
     for (Enter(CRegistryNodeRef(&top)); !m_Levels.empty();) {
@@ -27,10 +27,10 @@ class Dump {
       if (child) {
         Enter(std::move(child));
       } else {
-        m_Text.push_back('\n');
+        m_Text.Append('\n');
         m_Levels.pop_back();
       }
-      if (m_Text.size() >= kBlockSize) Write();
+      if (m_Text.Size() >= kBlockSize) Write();
     }
     Write();
   }
@@ -69,21 +69,20 @@ class Dump {
     while (level.position < entries.size()) {
       const RegistryEntry& entry = entries[level.position++];
       if (!entry.IsSubKey() || !AppendEntry(entry)) continue;
-      level.subKey = entry.name;
+      level.subKey = entry.Name();
       return CRegistryNodeRef(entry.Node());
     }
     return {};
   }
 
   bool AppendEntry(const RegistryEntry& entry) {
-    const size_t start = m_Text.size();
+    const size_t start = m_Text.Size();
     if (!AppendRegistryLine(entry, m_Text)) return false;
-    const std::string_view line = std::string_view(m_Text).substr(start);
-    const RegistryFate fate = FateOfRegistryLine(entry, line);
+    const RegistryFate fate = FateOfRegistryLine(entry, m_Text.From(start));
     if (fate == RegistryFate::kCarried) return true;
     TRACE(1, "CRegistry: ERROR: \"%s\" of key \"%s\" does not fit into the registry file and will be lost\n",
           entry.name, PathOfKey().c_str());
-    if (fate == RegistryFate::kHarmful) m_Text.resize(start);
+    if (fate == RegistryFate::kHarmful) m_Text.Cut(start);
     return fate != RegistryFate::kHarmful;
   }
 
@@ -96,23 +95,72 @@ class Dump {
   }
 
   void Write() {
-    std::fwrite(m_Text.data(), 1, m_Text.size(), m_File);
-    m_Text.clear();
+    std::fwrite(m_Text.From(0).data(), 1, m_Text.Size(), m_File);
+    m_Text.Cut(0);
   }
 
   FILE* m_File;
-  std::string m_Text;
+  RegistryText m_Text;
   std::vector<Level> m_Levels;
 };
 
-// Reads one line, or the next piece of an over-long one, and takes the newline off. A line ends at a zero byte, too.
-bool ReadLine(FILE* file, std::span<char> buffer, std::string_view& line) {
-  if (std::fgets(buffer.data(), static_cast<int>(buffer.size()), file) == nullptr) return false;
-  size_t length = std::strlen(buffer.data());
-  if (length > 0 && buffer[length - 1] == '\n') buffer[--length] = '\0';
-  line = {buffer.data(), length};
-  return true;
-}
+// The lines of a stream, read in blocks. Ends with the stream behind the last line that was taken, where it can be
+// positioned.
+class LineReader {
+ public:
+  explicit LineReader(FILE* file) : m_File(file), m_Buffer(std::make_unique_for_overwrite<char[]>(kReadSize + 1)) {}
+  ~LineReader() {
+    if (m_Begin < m_End) std::fseek(m_File, -static_cast<long>(m_End - m_Begin), SEEK_CUR);
+  }
+  LineReader(const LineReader&) = delete;
+  LineReader& operator=(const LineReader&) = delete;
+
+  // The next line without its newline, or the next piece of an over-long one. A line ends at a zero byte, too; a zero
+  // byte follows it. Valid until the next call. False at the end or on a read error.
+  bool Next(std::string_view& line) {
+    if (m_IsPiece) m_Buffer[m_Begin] = m_Replaced;
+    size_t length = FindEnd();
+    if (length == kNone && Refill()) length = FindEnd();
+    m_IsPiece = length == kNone;
+    if (m_IsPiece) length = std::min(m_End - m_Begin, kRegistryLineLimit);
+    if (m_IsPiece && length == 0) return false;
+
+    char* text = m_Buffer.get() + m_Begin;
+    m_Replaced = std::exchange(text[length], '\0');
+    m_Begin += length + (m_IsPiece ? 0 : 1);
+    line = {text, m_HasZeros ? std::strlen(text) : length};
+    return true;
+  }
+
+ private:
+  static constexpr size_t kReadSize = 64 * 1024;
+  static constexpr size_t kNone = std::string_view::npos;
+
+  size_t FindEnd() const {
+    const std::string_view rest(m_Buffer.get() + m_Begin, m_End - m_Begin);
+    return rest.substr(0, kRegistryLineLimit).find('\n');
+  }
+
+  // False when there was enough already.
+  bool Refill() {
+    if (m_End - m_Begin >= kRegistryLineLimit) return false;
+    std::memmove(m_Buffer.get(), m_Buffer.get() + m_Begin, m_End - m_Begin);
+    m_End -= std::exchange(m_Begin, 0);
+    char* fresh = m_Buffer.get() + m_End;
+    const size_t count = std::fread(fresh, 1, kReadSize - m_End, m_File);
+    m_HasZeros = m_HasZeros || std::memchr(fresh, '\0', count) != nullptr;
+    m_End += count;
+    return true;
+  }
+
+  FILE* m_File;
+  std::unique_ptr<char[]> m_Buffer;
+  size_t m_Begin = 0;
+  size_t m_End = 0;
+  bool m_HasZeros = false;
+  bool m_IsPiece = false;  // the last line ended without a newline,
+  char m_Replaced = '\0';  // and this stood where its zero byte is
+};
 
 // The keys that are open while a file is read. A key enters its parent when its content has ended.
 class Restore {
@@ -120,9 +168,9 @@ class Restore {
   explicit Restore(CRegistryNode& top) : m_Top(top) {}
 
   bool Run(FILE* file) {
-    char buffer[kRegistryLineLimit + 1];
+    LineReader lines(file);
     std::string_view line;
-    while (ReadLine(file, buffer, line)) {
+    while (lines.Next(line)) {
       if (!line.empty()) {
         Take(line);
       } else if (!CloseKey()) {
@@ -150,10 +198,17 @@ class Restore {
     }
     m_IsTaken = true;
     CRegistryValue value;
-    if (MakeRegistryValue(line, value)) Current().Exchange(line.name, value);
+    if (MakeRegistryValue(line, value)) Store(line.name, value);
   }
 
-  CRegistryNode& Current() { return m_Open.empty() ? m_Top : *m_Open.back().node; }
+  // Nobody else knows a key that is open.
+  void Store(std::string_view name, CRegistryValue& value) {
+    if (m_Open.empty()) {
+      m_Top.Exchange(name, value);
+    } else {
+      m_Open.back().node->Store(name, value);
+    }
+  }
 
   void OpenKey(std::string_view name) {
     auto* node = new CRegistryNode;
@@ -165,7 +220,7 @@ class Restore {
     if (m_Open.empty()) return false;
     Key key = std::move(m_Open.back());
     m_Open.pop_back();
-    Current().Exchange(key.name, key.value);
+    Store(key.name, key.value);
     return true;
   }
 

@@ -5,30 +5,39 @@
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 namespace {
 
-struct MarkerRow {
+constexpr std::string_view kStringMarker = "=s=";
+constexpr std::string_view kExpandMarker = "=es=";
+constexpr std::string_view kNumberMarker = "=d=";
+constexpr std::string_view kBinaryMarker = "=b=";
+constexpr size_t kMaxMarker = 4;   // characters, the brackets of a subkey included
+constexpr size_t kMaxNumber = 11;  // "-2147483648"
+
+// The type whose marker the text starts with, and the marker's length.
+struct Marker {
   uint32_t type;
-  std::string_view marker;
+  size_t length;
 };
 
-constexpr auto kMarkers = std::to_array<MarkerRow>({
-    {kRegistryString, "=s="},
-    {kRegistryExpandString, "=es="},
-    {kRegistryNumber, "=d="},
-    {kRegistryBinary, "=b="},
-});
-
-const MarkerRow* MarkerOfType(uint32_t type) {
-  const auto* row = std::ranges::find(kMarkers, type, &MarkerRow::type);
-  return row != kMarkers.end() ? row : nullptr;
+Marker FindMarker(std::string_view text) {
+  if (text.starts_with(kStringMarker)) return {kRegistryString, kStringMarker.size()};
+  if (text.starts_with(kNumberMarker)) return {kRegistryNumber, kNumberMarker.size()};
+  if (text.starts_with(kExpandMarker)) return {kRegistryExpandString, kExpandMarker.size()};
+  if (text.starts_with(kBinaryMarker)) return {kRegistryBinary, kBinaryMarker.size()};
+  return {kRegistryNone, 0};
 }
 
-bool MakeNumber(const char* text, CRegistryValue& value) {
-  char* end = nullptr;
-  const long number = std::strtol(text, &end, 10);
-  if (end == text) return false;
+// from_chars knows neither leading blanks nor a plus, and leaves a number that is too large alone.
+bool MakeNumber(std::string_view text, CRegistryValue& value) {
+  long number = 0;
+  if (std::from_chars(text.begin(), text.end(), number).ec != std::errc()) {
+    char* end = nullptr;
+    number = std::strtol(text.data(), &end, 10);
+    if (end == text.data()) return false;
+  }
   value = CRegistryValue::Number(static_cast<uint32_t>(number));
   return true;
 }
@@ -44,23 +53,39 @@ CRegistryValue MakeBlock(const char* text) {
   return CRegistryValue::Block({bytes.data(), count});
 }
 
-void AppendNumber(uint32_t number, std::string& text) {
-  char digits[16];
-  const auto result = std::to_chars(digits, digits + sizeof digits, static_cast<int32_t>(number));
-  text.append(digits, result.ptr);
+char* PutText(char* out, std::string_view text) {
+  std::memcpy(out, text.data(), text.size());
+  return out + text.size();
 }
 
-void AppendBlock(std::span<const unsigned char> bytes, std::string& text) {
+char* PutNumber(char* out, uint32_t number) {
+  return std::to_chars(out, out + kMaxNumber, static_cast<int32_t>(number)).ptr;
+}
+
+char* PutBlock(char* out, std::span<const unsigned char> bytes) {
   constexpr const char* kDigits = "0123456789abcdef";
   for (const unsigned char byte : bytes) {
-    const char group[] = {kDigits[byte >> 4], kDigits[byte & 0xF], ' '};
-    text.append(group, sizeof group);
+    *out++ = kDigits[byte >> 4];
+    *out++ = kDigits[byte & 0xF];
+    *out++ = ' ';
   }
+  return out;
+}
+
+// Room beside its data for the line of an entry of that name.
+size_t RoomForLine(const RegistryEntry& entry) {
+  return entry.nameLength + kMaxMarker + 1;
 }
 
 bool IsSameEntry(const RegistryLine& line, const RegistryEntry& entry) {
   const auto kind = entry.IsSubKey() ? RegistryLine::Kind::kSubKey : RegistryLine::Kind::kValue;
-  return line.kind == kind && line.name == entry.name && (entry.IsSubKey() || line.type == entry.type);
+  return line.kind == kind && line.name == entry.Name() && (entry.IsSubKey() || line.type == entry.type);
+}
+
+// The quick answer for nearly every entry.
+bool IsPlainValueLine(const RegistryEntry& entry, std::string_view line) {
+  return !entry.IsSubKey() && line.size() <= kRegistryLineLimit && line.front() != '[' &&
+         line.find('=') == entry.nameLength && line.find('\n') == line.size() - 1;
 }
 
 // Takes off what one read of a line would return.
@@ -72,6 +97,18 @@ std::string_view TakePiece(std::string_view& text) {
 
 }  // namespace
 
+RegistryText::~RegistryText() {
+  std::free(m_Bytes);
+}
+
+void RegistryText::Grow(size_t count) {
+  const size_t capacity = std::max(m_Size + count, 2 * m_Capacity);
+  void* bytes = std::realloc(m_Bytes, capacity);
+  if (bytes == nullptr) throw std::bad_alloc();
+  m_Bytes = static_cast<char*>(bytes);
+  m_Capacity = capacity;
+}
+
 RegistryLine ParseRegistryLine(std::string_view line) {
   if (line.starts_with('[')) {
     const size_t end = line.find(']');
@@ -81,40 +118,53 @@ RegistryLine ParseRegistryLine(std::string_view line) {
   const size_t nameEnd = line.find('=');
   if (nameEnd == std::string_view::npos) return {};
   const std::string_view rest = line.substr(nameEnd);
-  for (const MarkerRow& row : kMarkers) {
-    if (!rest.starts_with(row.marker)) continue;
-    return {RegistryLine::Kind::kValue, line.substr(0, nameEnd), row.type, rest.substr(row.marker.size())};
-  }
-  return {};
+  const Marker marker = FindMarker(rest);
+  if (marker.type == kRegistryNone) return {};
+  return {RegistryLine::Kind::kValue, line.substr(0, nameEnd), marker.type, rest.substr(marker.length)};
 }
 
 bool MakeRegistryValue(const RegistryLine& line, CRegistryValue& value) {
-  if (line.type == kRegistryNumber) return MakeNumber(line.data.data(), value);
+  if (line.type == kRegistryNumber) return MakeNumber(line.data, value);
   value = line.type == kRegistryBinary ? MakeBlock(line.data.data()) : CRegistryValue::Text(line.data, line.type);
   return true;
 }
 
-bool AppendRegistryLine(const RegistryEntry& entry, std::string& text) {
+bool AppendRegistryLine(const RegistryEntry& entry, RegistryText& text) {
   if (!entry.HoldsValue()) return false;
-  if (entry.IsSubKey()) {
-    text.append("[").append(entry.name).append("]\n");
-    return true;
+  char* out = nullptr;
+  switch (entry.type) {
+    case kRegistryString:
+    case kRegistryExpandString: {
+      const std::string_view data = entry.Text();
+      out = text.Reserve(RoomForLine(entry) + data.size());
+      out = PutText(PutText(out, entry.Name()), entry.type == kRegistryString ? kStringMarker : kExpandMarker);
+      out = PutText(out, data);
+      break;
+    }
+    case kRegistryBinary: {
+      const std::span<const unsigned char> data = entry.Block();
+      out = PutText(text.Reserve(RoomForLine(entry) + 3 * data.size()), entry.Name());
+      out = PutBlock(PutText(out, kBinaryMarker), data);
+      break;
+    }
+    case kRegistryNumber:
+      out = PutText(text.Reserve(RoomForLine(entry) + kMaxNumber), entry.Name());
+      out = PutNumber(PutText(out, kNumberMarker), entry.Number());
+      break;
+    case kRegistrySubKey:
+      out = PutText(PutText(text.Reserve(RoomForLine(entry)), "["), entry.Name());
+      *out++ = ']';
+      break;
+    default:
+      return false;
   }
-  const MarkerRow* row = MarkerOfType(entry.type);
-  if (row == nullptr) return false;
-  text.append(entry.name).append(row->marker);
-  if (entry.type == kRegistryNumber) {
-    AppendNumber(entry.Number(), text);
-  } else if (entry.type == kRegistryBinary) {
-    AppendBlock(entry.Block(), text);
-  } else {
-    text.append(entry.Text());
-  }
-  text.push_back('\n');
+  *out++ = '\n';
+  text.Commit(out);
   return true;
 }
 
 RegistryFate FateOfRegistryLine(const RegistryEntry& entry, std::string_view line) {
+  if (IsPlainValueLine(entry, line)) return RegistryFate::kCarried;
   const std::string_view first = TakePiece(line);
   const RegistryLine read = ParseRegistryLine(first);
   if (read.kind != RegistryLine::Kind::kSkipped && !IsSameEntry(read, entry)) return RegistryFate::kHarmful;

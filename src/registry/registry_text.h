@@ -2,12 +2,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
 #include <string_view>
 
 #include "registry/registry_value.h"
 
-// The lines of a registry file, to and from entries. Pure functions; docs/registry-file.md shows the format.
+// The lines of a registry file, to and from entries. Pure functions.
 //
 //   Path=s=/opt/x         string           Port=d=3172          number, decimal
 //   Home=es=%HOME%/x      expandable       Data=b=0a ff 01      binary, each byte followed by one blank
@@ -34,9 +33,39 @@ RegistryLine ParseRegistryLine(std::string_view line);
 // A number is read as strtol does with base 10, bytes with base 16 (their low eight bits) until one fails to convert.
 bool MakeRegistryValue(const RegistryLine& line, CRegistryValue& value);
 
+// Text that grows at its end. Not zero-terminated, not shared between threads; std::bad_alloc when it cannot grow.
+class RegistryText {
+ public:
+  RegistryText() = default;
+  ~RegistryText();
+  RegistryText(const RegistryText&) = delete;
+  RegistryText& operator=(const RegistryText&) = delete;
+
+  // Room for so many bytes behind the end; Commit makes what was written there part of the text.
+  char* Reserve(size_t count) {
+    if (m_Capacity - m_Size < count) Grow(count);
+    return m_Bytes + m_Size;
+  }
+  void Commit(const char* end) { m_Size = static_cast<size_t>(end - m_Bytes); }
+  void Append(char c) {
+    *Reserve(1) = c;
+    ++m_Size;
+  }
+  void Cut(size_t size) { m_Size = size; }
+  size_t Size() const { return m_Size; }
+  std::string_view From(size_t start) const { return {m_Bytes + start, m_Size - start}; }
+
+ private:
+  void Grow(size_t count);
+
+  char* m_Bytes = nullptr;
+  size_t m_Size = 0;
+  size_t m_Capacity = 0;
+};
+
 // Appends the line of a value, newline included, or the line of a subkey. False when the entry has no line: without a
 // value, of another type.
-bool AppendRegistryLine(const RegistryEntry& entry, std::string& text);
+bool AppendRegistryLine(const RegistryEntry& entry, RegistryText& text);
 
 enum class RegistryFate {
   kCarried,  // is read back as it is

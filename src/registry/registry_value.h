@@ -21,6 +21,9 @@ struct RegistryEntry {
   char* name;      // owned, made with new[]
   uintptr_t word;  // owned text, block or node, or the number itself; see RegistryType
   uint32_t type;
+  uint32_t nameLength;  // fills the third word
+
+  std::string_view Name() const { return {name, nameLength}; }
 
   // A number of 0 is a value, everything else needs something behind its word.
   bool HoldsValue() const { return type == kRegistryNumber || (type != kRegistryNone && word != 0); }
