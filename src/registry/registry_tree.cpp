@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <new>
+#include <utility>
 
 #include "platform/unique_fd.h"
 #include "registry/registry.h"
@@ -42,6 +44,22 @@ constexpr auto kRootKeys = std::to_array<RootKeyRow>({
     {"HKEY_CLASSES_ROOT", &CRegistry::HKEY_CLASSES_ROOT},
     {"HKEY_CURRENT_CONFIG", &CRegistry::HKEY_CURRENT_CONFIG},
 });
+
+// What a root key handle pointed to stays for good, deleted or not: plain copies of the handle may be anywhere.
+struct RetiredKey {
+  CRegistryNode* node;
+  RetiredKey* next;
+};
+
+constinit std::atomic<RetiredKey*> retiredKeys = nullptr;
+
+void SetRootKey(const RootKeyRow& row, CRegistryNode* node) {
+  CRegistryNode* old = std::exchange(*row.handle, node);
+  auto* retired = old != nullptr ? new (std::nothrow) RetiredKey{old, retiredKeys} : nullptr;
+  if (retired == nullptr) return;
+  while (!retiredKeys.compare_exchange_weak(retired->next, retired)) {
+  }
+}
 
 class File {
  public:
@@ -161,11 +179,10 @@ void CRegistry::SetupTree(bool forceSetup) {
   MIsSetup = true;
 }
 
-// What a handle points to stays for good: plain copies of it may be anywhere.
 void CRegistry::TakeRootKeys() {
   for (const RootKeyRow& row : kRootKeys) {
     CRegistryNodeRef key = MRootNode.FindSubKey(row.name);
-    if (key.Get() != *row.handle) *row.handle = key.Release();
+    if (key.Get() != *row.handle) SetRootKey(row, key.Release());
   }
 }
 
@@ -188,7 +205,7 @@ void CRegistry::RestoreRootEntries() {
 void CRegistry::ForgetRootKey(const CRegistryNode& parent, const CRegistryValue& removed) {
   if (&parent != &MRootNode || removed.Type() != kRegistrySubKey) return;
   for (const RootKeyRow& row : kRootKeys) {
-    if (reinterpret_cast<uintptr_t>(*row.handle) == removed.Word()) *row.handle = nullptr;
+    if (reinterpret_cast<uintptr_t>(*row.handle) == removed.Word()) SetRootKey(row, nullptr);
   }
 }
 

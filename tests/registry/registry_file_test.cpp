@@ -99,7 +99,7 @@ TEST(RegistryText, LinesAreReadAndWrittenBack) {
       {"b=d=4294967295\na=d=-2147483648\n=s=\n", "=s=\na=d=-2147483648\nb=d=-1\n\n"},
       {"[K]\nA=s=1\n\n[K]\nB=s=2\n\nK2=s=3\n", "K2=s=3\n[K]\nB=s=2\n\n\n"},
       {"[a]b]\nX=s=1", "[a]\nX=s=1\n\n\n"},
-      {std::string("A=s=x\0y\nB=s=z\n\0\nC=s=lost\n", 27), "A=s=x\nB=s=z\n\n"},
+      {std::string("A=s=x\0y\nB=s=z\n\0\nC=s=lost\n", 25), "A=s=x\nB=s=z\n\n"},
       {"\nA=s=1\n", "\n", false},
       // Two pieces: the second has no marker, starts a value, is empty and ends the node.
       {"A=s=" + z + "rest\nB=s=1\n", "A=s=" + z + "\nB=s=1\n\n"},
@@ -338,6 +338,10 @@ TEST(RegistryFile, KilledSaverLeavesTheLastOrTheNextState) {
       const pid_t saver = ::fork();
       if (saver == 0) SaveForEver(state, ends[1]);
       ::close(ends[1]);
+      // Every second time at least one state is saved, however slow the machine.
+      if (round % 2 == 0) {
+        ASSERT_GT(::read(ends[0], &state, sizeof state), 0) << "the saver ended";
+      }
       ::usleep(static_cast<useconds_t>(random() % 20000));
       ::kill(saver, SIGKILL);
       ::waitpid(saver, nullptr, 0);
@@ -348,6 +352,5 @@ TEST(RegistryFile, KilledSaverLeavesTheLastOrTheNextState) {
       ASSERT_TRUE(found == state || found == state + 1) << found << " where " << state << " was the last one saved";
       state = found;
     }
-    EXPECT_GT(state, 0U) << "no round came to a save";
   });
 }
