@@ -177,7 +177,7 @@ void CRegistryNode::OpenGap(uint32_t position) {
 }
 
 void CRegistryNode::Grow() {
-  const uint32_t capacity = Count() + std::max(kGrowth, Count() / 4);
+  const uint32_t capacity = Count() + std::max(kGrowth, Count() / 2);
   // realloc moves a large array by remapping its pages.
   void* entries = std::realloc(static_cast<void*>(m_Entries), capacity * sizeof(RegistryEntry));
   if (entries == nullptr) throw std::bad_alloc();

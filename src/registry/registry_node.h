@@ -77,7 +77,7 @@ class CRegistryNode : public CCriticalSection {
  private:
   friend class CRegistryNodeRef;
 
-  static constexpr uint32_t kGrowth = 16;        // entries; a large array grows by a quarter
+  static constexpr uint32_t kGrowth = 16;        // entries; a large array grows by half
   static constexpr uint32_t kDirectLimit = 512;  // up to this count every name is inserted at its place at once
   static constexpr uint32_t kTailLimit = 512;
 

@@ -40,7 +40,8 @@ class Dump {
     CRegistryNodeRef node;
     size_t position = 0;  // of the entry to look at next, as long as the version is the same
     uint64_t version = 0;
-    std::string subKey;  // the one that is being written
+    std::string subKey;        // the one that is being written,
+    bool isInSubKeys = false;  // if any is
   };
 
   void Enter(CRegistryNodeRef node) {
@@ -63,13 +64,14 @@ class Dump {
   CRegistryNodeRef NextSubKey(Level& level) {
     CRegistryNode& node = *level.node.Get();
     const CCriticalSectionLock lock(node);
-    if (level.version != node.Version()) level.position = node.PositionBehind(level.subKey);
+    if (level.version != node.Version()) level.position = level.isInSubKeys ? node.PositionBehind(level.subKey) : 0;
     const std::span<const RegistryEntry> entries = node.Entries();
     level.version = node.Version();
     while (level.position < entries.size()) {
       const RegistryEntry& entry = entries[level.position++];
       if (!entry.IsSubKey() || !AppendEntry(entry)) continue;
       level.subKey = entry.Name();
+      level.isInSubKeys = true;
       return CRegistryNodeRef(entry.Node());
     }
     return {};
@@ -77,7 +79,8 @@ class Dump {
 
   bool AppendEntry(const RegistryEntry& entry) {
     const size_t start = m_Text.Size();
-    if (!AppendRegistryLine(entry, m_Text)) return false;
+    const RegistryAppended appended = AppendRegistryLine(entry, m_Text);
+    if (appended != RegistryAppended::kUnsure) return appended == RegistryAppended::kCarried;
     const RegistryFate fate = FateOfRegistryLine(entry, m_Text.From(start));
     if (fate == RegistryFate::kCarried) return true;
     TRACE(1, "CRegistry: ERROR: \"%s\" of key \"%s\" does not fit into the registry file and will be lost\n",

@@ -58,6 +58,41 @@ char* PutText(char* out, std::string_view text) {
   return out + text.size();
 }
 
+constexpr uint64_t EachByte(unsigned char byte) {
+  return 0x0101010101010101U * byte;
+}
+
+// Not 0 when one of the eight bytes is this one.
+uint64_t FindByte(uint64_t word, unsigned char byte) {
+  word ^= EachByte(byte);
+  return (word - EachByte(1)) & ~word & EachByte(0x80);
+}
+
+// Copies a text and notices on the way whether one of two characters is in it. Names and values are short: this costs
+// less than the library's copy and its two searches. The last eight bytes overlap those before.
+char* PutAndWatch(char* out, std::string_view text, char first, char second, bool& isFound) {
+  const auto watched1 = static_cast<unsigned char>(first);
+  const auto watched2 = static_cast<unsigned char>(second);
+  const size_t size = text.size();
+  uint64_t word = 0;
+  if (size < sizeof word) {
+    for (const char c : text) {
+      isFound |= c == first || c == second;
+      *out++ = c;
+    }
+    return out;
+  }
+  uint64_t found = 0;
+  for (size_t at = 0; at < size; at += sizeof word) {
+    const size_t from = std::min(at, size - sizeof word);
+    std::memcpy(&word, text.data() + from, sizeof word);
+    std::memcpy(out + from, &word, sizeof word);
+    found |= FindByte(word, watched1) | FindByte(word, watched2);
+  }
+  isFound |= found != 0;
+  return out + size;
+}
+
 char* PutNumber(char* out, uint32_t number) {
   return std::to_chars(out, out + kMaxNumber, static_cast<int32_t>(number)).ptr;
 }
@@ -72,20 +107,34 @@ char* PutBlock(char* out, std::span<const unsigned char> bytes) {
   return out;
 }
 
-// Room beside its data for the line of an entry of that name.
+std::string_view MarkerOf(uint32_t type) {
+  switch (type) {
+    case kRegistryString:
+      return kStringMarker;
+    case kRegistryExpandString:
+      return kExpandMarker;
+    case kRegistryBinary:
+      return kBinaryMarker;
+    case kRegistryNumber:
+      return kNumberMarker;
+    default:
+      return {};
+  }
+}
+
+// Characters of a line beside its data.
 size_t RoomForLine(const RegistryEntry& entry) {
   return entry.nameLength + kMaxMarker + 1;
+}
+
+size_t RoomForData(const RegistryEntry& entry, std::string_view text) {
+  if (entry.type == kRegistryNumber) return kMaxNumber;
+  return entry.type == kRegistryBinary ? 3 * entry.Block().size() : text.size();
 }
 
 bool IsSameEntry(const RegistryLine& line, const RegistryEntry& entry) {
   const auto kind = entry.IsSubKey() ? RegistryLine::Kind::kSubKey : RegistryLine::Kind::kValue;
   return line.kind == kind && line.name == entry.Name() && (entry.IsSubKey() || line.type == entry.type);
-}
-
-// The quick answer for nearly every entry.
-bool IsPlainValueLine(const RegistryEntry& entry, std::string_view line) {
-  return !entry.IsSubKey() && line.size() <= kRegistryLineLimit && line.front() != '[' &&
-         line.find('=') == entry.nameLength && line.find('\n') == line.size() - 1;
 }
 
 // Takes off what one read of a line would return.
@@ -129,42 +178,34 @@ bool MakeRegistryValue(const RegistryLine& line, CRegistryValue& value) {
   return true;
 }
 
-bool AppendRegistryLine(const RegistryEntry& entry, RegistryText& text) {
-  if (!entry.HoldsValue()) return false;
-  char* out = nullptr;
-  switch (entry.type) {
-    case kRegistryString:
-    case kRegistryExpandString: {
-      const std::string_view data = entry.Text();
-      out = text.Reserve(RoomForLine(entry) + data.size());
-      out = PutText(PutText(out, entry.Name()), entry.type == kRegistryString ? kStringMarker : kExpandMarker);
-      out = PutText(out, data);
-      break;
-    }
-    case kRegistryBinary: {
-      const std::span<const unsigned char> data = entry.Block();
-      out = PutText(text.Reserve(RoomForLine(entry) + 3 * data.size()), entry.Name());
-      out = PutBlock(PutText(out, kBinaryMarker), data);
-      break;
-    }
-    case kRegistryNumber:
-      out = PutText(text.Reserve(RoomForLine(entry) + kMaxNumber), entry.Name());
-      out = PutNumber(PutText(out, kNumberMarker), entry.Number());
-      break;
-    case kRegistrySubKey:
-      out = PutText(PutText(text.Reserve(RoomForLine(entry)), "["), entry.Name());
-      *out++ = ']';
-      break;
-    default:
-      return false;
+RegistryAppended AppendRegistryLine(const RegistryEntry& entry, RegistryText& text) {
+  if (!entry.HoldsValue()) return RegistryAppended::kNothing;
+  if (entry.IsSubKey()) {
+    char* out = PutText(PutText(text.Reserve(RoomForLine(entry)), "["), entry.Name());
+    text.Commit(PutText(out, "]\n"));
+    return RegistryAppended::kUnsure;
+  }
+  if (MarkerOf(entry.type).empty()) return RegistryAppended::kNothing;
+  const std::string_view data = entry.IsText() ? std::string_view(entry.Text()) : std::string_view();
+  const size_t room = RoomForLine(entry) + RoomForData(entry, data);
+  char* const begin = text.Reserve(room);
+  bool isOdd = entry.nameLength > 0 && entry.name[0] == '[';
+  char* out = PutAndWatch(begin, entry.Name(), '=', '\n', isOdd);
+  out = PutText(out, MarkerOf(entry.type));
+  if (entry.type == kRegistryNumber) {
+    out = PutNumber(out, entry.Number());
+  } else if (entry.type == kRegistryBinary) {
+    out = PutBlock(out, entry.Block());
+  } else {
+    out = PutAndWatch(out, data, '\n', '\n', isOdd);
   }
   *out++ = '\n';
   text.Commit(out);
-  return true;
+  const bool isShort = static_cast<size_t>(out - begin) <= kRegistryLineLimit;
+  return isShort && !isOdd ? RegistryAppended::kCarried : RegistryAppended::kUnsure;
 }
 
 RegistryFate FateOfRegistryLine(const RegistryEntry& entry, std::string_view line) {
-  if (IsPlainValueLine(entry, line)) return RegistryFate::kCarried;
   const std::string_view first = TakePiece(line);
   const RegistryLine read = ParseRegistryLine(first);
   if (read.kind != RegistryLine::Kind::kSkipped && !IsSameEntry(read, entry)) return RegistryFate::kHarmful;

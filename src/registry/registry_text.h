@@ -63,9 +63,14 @@ class RegistryText {
   size_t m_Capacity = 0;
 };
 
-// Appends the line of a value, newline included, or the line of a subkey. False when the entry has no line: without a
-// value, of another type.
-bool AppendRegistryLine(const RegistryEntry& entry, RegistryText& text);
+enum class RegistryAppended {
+  kNothing,  // the entry has no line: without a value, or of another type
+  kCarried,  // the line is read back as it is
+  kUnsure,   // FateOfRegistryLine tells
+};
+
+// Appends the line of a value or of a subkey's name, newline included.
+RegistryAppended AppendRegistryLine(const RegistryEntry& entry, RegistryText& text);
 
 enum class RegistryFate {
   kCarried,  // is read back as it is

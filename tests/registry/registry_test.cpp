@@ -263,7 +263,7 @@ TEST_F(Registry, ThreadsReadWriteDeleteAndSaveAtOnce) {
     for (unsigned int thread = 0; thread < 4; ++thread) {
       threads.emplace_back([thread] {
         const std::string own = "Own" + std::to_string(thread);
-        for (unsigned int round = 0; round < 150; ++round) {
+        for (unsigned int round = 0; round < 60; ++round) {
           CRegistry registry;
           registry.CreateKey(CRegistry::HKEY_LOCAL_MACHINE, ("Shared\\" + own).c_str());
           registry.SetValue("Round", round);
@@ -283,5 +283,5 @@ TEST_F(Registry, ThreadsReadWriteDeleteAndSaveAtOnce) {
   });
   const std::string file = m_Root.ReadFile(kRegistry);
   for (const char* own : {"[Own0]", "[Own1]", "[Own2]", "[Own3]"})
-    EXPECT_NE(file.find(own + std::string("\nRound=d=149\n")), std::string::npos) << own;
+    EXPECT_NE(file.find(own + std::string("\nRound=d=59\n")), std::string::npos) << own;
 }
