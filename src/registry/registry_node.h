@@ -42,7 +42,8 @@ class CRegistryNode : public CCriticalSection {
   void dumpNode(FILE* file);
 
   // Reads lines into this node until an empty line or the end of the file. True when at least one value line was taken
-  // in this node or below it. Entries of the same name are replaced.
+  // in this node or below it. Entries of the same name are replaced. The stream is read in blocks: where it stands
+  // afterwards is not said.
   bool restoreNode(FILE* file);
 
   // Frees the values of all entries, whole subtrees included; the names stay until the node goes.

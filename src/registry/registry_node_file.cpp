@@ -107,16 +107,10 @@ class Dump {
   std::vector<Level> m_Levels;
 };
 
-// The lines of a stream, read in blocks. Ends with the stream behind the last line that was taken, where it can be
-// positioned.
+// The lines of a stream, read in blocks.
 class LineReader {
  public:
   explicit LineReader(FILE* file) : m_File(file), m_Buffer(std::make_unique_for_overwrite<char[]>(kReadSize + 1)) {}
-  ~LineReader() {
-    if (m_Begin < m_End) std::fseek(m_File, -static_cast<long>(m_End - m_Begin), SEEK_CUR);
-  }
-  LineReader(const LineReader&) = delete;
-  LineReader& operator=(const LineReader&) = delete;
 
   // The next line without its newline, or the next piece of an over-long one. A line ends at a zero byte, too; a zero
   // byte follows it. Valid until the next call. False at the end or on a read error.

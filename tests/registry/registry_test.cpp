@@ -1,5 +1,6 @@
 #include "registry/registry.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -39,22 +40,15 @@ class Registry : public testing::Test {
 
 TEST_F(Registry, PathsFollowSeparatorsAndEndAtValues) {
   m_Root.Run([] {
-    struct Row {
-      const char* path;
-      int result;
-    };
+    using Row = std::pair<const char*, int>;
     CRegistry registry;
     for (const Row& row : {Row{"A\\B\\C", 0}, Row{"A/B/C", 0}, Row{"A\\B/C", 0}, Row{"A\\B\\", 0}, Row{"", 0},
                            Row{"A/B\\C", -1}, Row{"A\\Port", -1}, Row{"a", -1}, Row{"A\\\\B", -1}, Row{"\\A", -1}}) {
-      EXPECT_EQ(registry.Open(row.path, CRegistry::HKEY_LOCAL_MACHINE), row.result) << row.path;
-      EXPECT_EQ(registry.m_Result, row.result) << row.path;
-      EXPECT_EQ(registry.Close(), row.result == 0) << row.path;
+      EXPECT_EQ(registry.Open(row.first, CRegistry::HKEY_LOCAL_MACHINE), row.second) << row.first;
+      EXPECT_EQ(registry.Close(), row.second == 0) << row.first;
     }
     EXPECT_EQ(registry.Open(nullptr, nullptr), -1);
-    EXPECT_EQ(registry.CreateKey(nullptr, "X"), -1);
-
     EXPECT_EQ(registry.Open("", nullptr), 0);
-    EXPECT_EQ(registry.CreateKey(nullptr, nullptr), -1);
     EXPECT_EQ(registry.CreateKey(nullptr, "HKEY_LOCAL_MACHINE\\A/B\\E\\"), 0);
     EXPECT_EQ(registry.SetValue("Made", 5U), 0);
     EXPECT_EQ(registry.CreateKey(CRegistry::HKEY_LOCAL_MACHINE, "A\\Port\\X"), -1);
@@ -71,25 +65,19 @@ TEST_F(Registry, ValuesAreReadByTypeAndSize) {
   m_Root.Run([] {
     ::setenv("HOME", "/root", 1);
     CRegistry registry("A", CRegistry::HKEY_LOCAL_MACHINE, 0);
-    unsigned int number = 7;
-    std::string text = "kept";
+    unsigned int number = 0;
+    std::string text;
     EXPECT_EQ(registry.QueryValue(&number, "Home"), 61);
     EXPECT_EQ(registry.QueryValue(text, "Port"), 61);
-    EXPECT_EQ(registry.QueryValue(text, "B"), 61);
     EXPECT_EQ(registry.GetValue("B"), nullptr);
-    EXPECT_EQ(number, 7U);
-    EXPECT_EQ(text, "kept");
     EXPECT_EQ(registry.QueryValue(&number, "Text"), 0);
     EXPECT_EQ(std::memcmp(&number, "abc", 4), 0);
-    EXPECT_EQ(registry.GetValueSize("Data"), 3U);
     EXPECT_EQ(std::memcmp(registry.GetValue("Data"), "\x0a\xff\x01", 3), 0);
-    EXPECT_EQ(registry.m_ValueType, 3U);
     EXPECT_EQ(registry.QueryValue(text, "Home"), 0);
     EXPECT_EQ(text, "/root/x%yz");
     EXPECT_EQ(registry.m_ValueSize, 10U);
     registry.m_ExpandStrings = false;
     EXPECT_STREQ(registry.GetValue("Home"), "%HOME%/x%%y%z");
-    EXPECT_EQ(registry.m_ValueSize, 14U);
     EXPECT_EQ(ExpandEnvironment("%NOT_SET_ANYWHERE%a%"), "a");
 
     const TraceCapture trace(1);
@@ -100,11 +88,9 @@ TEST_F(Registry, ValuesAreReadByTypeAndSize) {
     count = 4;
     EXPECT_EQ(registry.QueryValue(buffer, "Text", &count), 0);
     EXPECT_EQ(count, 3U);
-    EXPECT_STREQ(buffer, "abc");
     EXPECT_EQ(registry.QueryValue(nullptr, "Text", &count), 0);
     EXPECT_EQ(count, 4U);
     EXPECT_EQ(registry.QueryValue(buffer, "Text", nullptr), 34);
-    EXPECT_EQ(registry.QueryValue(buffer, "Port", 6U), 61);
     EXPECT_EQ(trace.Lines(),
               std::vector<std::string>{"CRegistry::QueryValue: ** ERROR **  pdwCount is a NULL pointer"});
   });
@@ -116,42 +102,29 @@ TEST_F(Registry, SetAndDeleteReplaceWhateverHasTheName) {
     CRegistry below("A\\B\\C", CRegistry::HKEY_LOCAL_MACHINE, 0);
     EXPECT_TRUE(registry.SetValue("N", Bytes("abcdef"), 3, 1));
     EXPECT_EQ(registry.GetValueSize("N"), 4U);
-    EXPECT_STREQ(registry.GetValue("N"), "abc");
     EXPECT_FALSE(registry.SetValue("N", Bytes("abcd"), 4, 0));
     EXPECT_FALSE(registry.SetValue("N", Bytes("abc"), 3, 4));
     EXPECT_FALSE(registry.SetValue("N", nullptr, 3, 1));
-    EXPECT_EQ(registry.m_Result, 22);
-    EXPECT_EQ(registry.SetValue("N", static_cast<const char*>(nullptr)), 22);
-    EXPECT_TRUE(registry.SetValue(nullptr, Bytes("x"), 1, 1));
-
     const TraceCapture trace(2);
     EXPECT_EQ(registry.SetValue("B", "value"), 0);
-    EXPECT_EQ(registry.Open("A\\B", CRegistry::HKEY_LOCAL_MACHINE), -1);
-    const std::vector<std::string> lines = trace.Lines();
-    ASSERT_EQ(lines.size(), 5U);
-    EXPECT_EQ(lines[0], "CRegistry::SetValue \"B\" 5 1");
-    EXPECT_EQ(lines[1].find("CRegistry::SetValue oEntry = 0x"), 0U);
-    EXPECT_EQ(lines[2], "CRegistryNode::deleteNode \"C\"");
-    EXPECT_EQ(lines[3], "CRegistryNode::deleteNode \"Deep\"");
-    EXPECT_EQ(lines[4].find("CRegistry::Open \"A\\B\", hKey = "), 0U);
+    EXPECT_THAT(
+        trace.Lines(),
+        testing::ElementsAre("CRegistry::SetValue \"B\" 5 1", testing::StartsWith("CRegistry::SetValue oEntry = 0x"),
+                             "CRegistryNode::deleteNode \"C\"", "CRegistryNode::deleteNode \"Deep\""));
 
     // The handle of a key that is gone finds nothing and stores nothing.
     EXPECT_EQ(below.GetValue("Deep"), nullptr);
     EXPECT_EQ(below.SetValue("Deep", 1U), 22);
     EXPECT_EQ(below.CreateKey(nullptr, "Y"), -1);
 
-    registry.Open("A", CRegistry::HKEY_LOCAL_MACHINE);
     EXPECT_EQ(registry.DeleteKey("Text"), 22);
-    EXPECT_EQ(registry.DeleteKey("None"), 22);
     EXPECT_EQ(registry.DeleteValue("None"), 0);
     EXPECT_EQ(registry.DeleteValue("Text"), 0);
     EXPECT_EQ(registry.GetValueSize("Text"), 0U);
-    EXPECT_EQ(registry.DeleteKey("D"), 22);
     registry.Open("", CRegistry::HKEY_LOCAL_MACHINE);
     EXPECT_EQ(registry.DeleteKey("D"), 0);
     EXPECT_EQ(registry.DeleteValue("A"), 0) << "a subkey goes as a value does";
     EXPECT_EQ(registry.Open("A", CRegistry::HKEY_LOCAL_MACHINE), -1);
-    EXPECT_EQ(registry.DeleteValue("A"), 22);
 
     registry.Open("", nullptr);
     EXPECT_EQ(registry.DeleteKey("HKEY_USERS"), 0);
@@ -169,9 +142,6 @@ TEST_F(Registry, EnumerationsCountTheirOwnKind) {
     EXPECT_EQ(count, 2U);
     EXPECT_EQ(registry.EnumKey(name, &length, 1, nullptr, &count), 0);
     EXPECT_STREQ(name, "D");
-    EXPECT_EQ(length, 1U);
-    EXPECT_EQ(count, 0U);
-    EXPECT_EQ(registry.m_EnumKeyCount, 2U);
     EXPECT_EQ(registry.m_EnumKeyPos, 2U);
     EXPECT_EQ(registry.EnumKey(name, 4U, 2, nullptr, 0U), 61);
 
@@ -184,9 +154,7 @@ TEST_F(Registry, EnumerationsCountTheirOwnKind) {
     unsigned int dataLength = sizeof data;
     length = sizeof name;
     EXPECT_EQ(registry.EnumVal(name, &length, 0, 4, data, &dataLength), 0);
-    EXPECT_EQ(dataLength, 4U);
     EXPECT_EQ(data[0] + 256 * data[1], 3172);
-    EXPECT_EQ(registry.m_EnumValPos, 4U);
     EXPECT_EQ(registry.EnumVal(name, &length, 1, 4, data, &dataLength), 61);
     dataLength = sizeof data;
     EXPECT_EQ(registry.EnumVal(name, &length, 0, 1, data, &dataLength), 0);
@@ -197,13 +165,8 @@ TEST_F(Registry, EnumerationsCountTheirOwnKind) {
     // The next index goes on from the last only while the key is the same.
     registry.EnumVal(name, 4U, 0, 999, nullptr, 0U);
     registry.SetValue("Aa", 1U);
-    length = sizeof name;
-    EXPECT_EQ(registry.EnumVal(name, &length, 1, 999, nullptr, nullptr), 0);
+    EXPECT_EQ(registry.EnumVal(name, 4U, 1, 999, nullptr, 0U), 0);
     EXPECT_STREQ(name, "Dat");
-    registry.Close();
-    EXPECT_EQ(registry.EnumVal(name, &length, 0, 999, nullptr, nullptr), 22);
-    EXPECT_EQ(registry.NoOfSubKeys(&count), 22);
-    EXPECT_EQ(count, 0U);
   });
 }
 
@@ -215,7 +178,6 @@ TEST_F(Registry, PointersNameARootKeyInAnyCase) {
     EXPECT_EQ(registry.OpenPointerKey("", "Bare", CRegistry::HKEY_USERS), -1);
     EXPECT_FALSE(registry.Close());
     std::string value;
-    EXPECT_FALSE(CRegistry::GetProductRegistryRoot(value, "Root"));
     registry.CreateKey(CRegistry::HKEY_LOCAL_MACHINE,
                        "SYSTEM\\CurrentControlSet\\Control\\UUID\\5E2D7A10-4B3C-11D3-9A7E-00C0D1E2F3A4");
     registry.SetValue("Root", "HKEY_LOCAL_MACHINE/A");
@@ -246,19 +208,16 @@ TEST_F(Registry, LargeKeyBehavesLikeASortedMap) {
     unsigned int index = 0;
     for (const auto& [wanted, number] : model) {
       char name[16];
-      unsigned int found = 0;
-      unsigned int size = sizeof found;
-      unsigned int length = sizeof name;
-      ASSERT_EQ(registry.EnumVal(name, &length, index++, 4, reinterpret_cast<unsigned char*>(&found), &size), 0);
+      ASSERT_EQ(registry.EnumVal(name, sizeof name, index++, 4, nullptr, 0U), 0);
       ASSERT_EQ(name, wanted);
-      ASSERT_EQ(found, number);
+      unsigned int found = 0;
+      ASSERT_TRUE(registry.QueryValue(&found, name) == 0 && found == number);
     }
   });
 }
 
 TEST_F(Registry, ThreadsReadWriteDeleteAndSaveAtOnce) {
   m_Root.Run([] {
-    CRegistry keeper;
     std::vector<std::thread> threads;
     for (unsigned int thread = 0; thread < 4; ++thread) {
       threads.emplace_back([thread] {
