@@ -12,8 +12,8 @@
 
 namespace {
 
-constexpr size_t kBlockSize = 64 * 1024;  // bytes of text that are gathered before they are written
-constexpr size_t kMaxTracedPath = 512;    // characters
+constexpr size_t kBlockSize = 1024 * 1024;  // bytes of text that are gathered before they are written
+constexpr size_t kMaxTracedPath = 512;      // characters
 
 // One walk over a tree in the order of its file. Each level remembers how far its key was written; when the key
 // changed meanwhile, it goes on behind the name of the subkey that was written last.

@@ -13,7 +13,6 @@ constexpr std::string_view kStringMarker = "=s=";
 constexpr std::string_view kExpandMarker = "=es=";
 constexpr std::string_view kNumberMarker = "=d=";
 constexpr std::string_view kBinaryMarker = "=b=";
-constexpr size_t kMaxMarker = 4;   // characters, the brackets of a subkey included
 constexpr size_t kMaxNumber = 11;  // "-2147483648"
 
 // The type whose marker the text starts with, and the marker's length.
@@ -63,33 +62,30 @@ constexpr uint64_t EachByte(unsigned char byte) {
 }
 
 // Not 0 when one of the eight bytes is this one.
-uint64_t FindByte(uint64_t word, unsigned char byte) {
-  word ^= EachByte(byte);
+uint64_t FindByte(uint64_t word, char byte) {
+  word ^= EachByte(static_cast<unsigned char>(byte));
   return (word - EachByte(1)) & ~word & EachByte(0x80);
 }
 
 // Copies a text and notices on the way whether one of two characters is in it. Names and values are short: this costs
 // less than the library's copy and its two searches. The last eight bytes overlap those before.
-char* PutAndWatch(char* out, std::string_view text, char first, char second, bool& isFound) {
-  const auto watched1 = static_cast<unsigned char>(first);
-  const auto watched2 = static_cast<unsigned char>(second);
+template <char first, char second>
+inline char* PutAndWatch(char* out, std::string_view text, uint64_t& found) {
   const size_t size = text.size();
   uint64_t word = 0;
   if (size < sizeof word) {
     for (const char c : text) {
-      isFound |= c == first || c == second;
+      found |= c == first || c == second ? 1U : 0U;
       *out++ = c;
     }
     return out;
   }
-  uint64_t found = 0;
   for (size_t at = 0; at < size; at += sizeof word) {
     const size_t from = std::min(at, size - sizeof word);
     std::memcpy(&word, text.data() + from, sizeof word);
     std::memcpy(out + from, &word, sizeof word);
-    found |= FindByte(word, watched1) | FindByte(word, watched2);
+    found |= FindByte(word, first) | FindByte(word, second);
   }
-  isFound |= found != 0;
   return out + size;
 }
 
@@ -107,29 +103,56 @@ char* PutBlock(char* out, std::span<const unsigned char> bytes) {
   return out;
 }
 
-std::string_view MarkerOf(uint32_t type) {
-  switch (type) {
-    case kRegistryString:
-      return kStringMarker;
-    case kRegistryExpandString:
-      return kExpandMarker;
-    case kRegistryBinary:
-      return kBinaryMarker;
-    case kRegistryNumber:
-      return kNumberMarker;
-    default:
-      return {};
+// The line of one value while it is written. Room is reserved for all of it at the start.
+class ValueLine {
+ public:
+  ValueLine(const RegistryEntry& entry, std::string_view marker, size_t dataSize, RegistryText& text)
+      : m_Text(text), m_Begin(text.Reserve(entry.nameLength + marker.size() + dataSize + 1)) {
+    if (entry.name[0] == '[') m_Found = 1;
+    Data() = PutText(PutAndWatch<'=', '\n'>(m_Begin, entry.Name(), m_Found), marker);
   }
+
+  char*& Data() { return m_End; }
+  void PutData(std::string_view data) { m_End = PutAndWatch<'\n', '\n'>(m_End, data, m_Found); }
+
+  RegistryAppended Finish() {
+    *m_End++ = '\n';
+    m_Text.Commit(m_End);
+    const bool isShort = static_cast<size_t>(m_End - m_Begin) <= kRegistryLineLimit;
+    return isShort && m_Found == 0 ? RegistryAppended::kCarried : RegistryAppended::kUnsure;
+  }
+
+ private:
+  RegistryText& m_Text;
+  char* m_Begin;
+  char* m_End = nullptr;
+  uint64_t m_Found = 0;  // not 0 when something in the line may be read as something else
+};
+
+RegistryAppended AppendText(const RegistryEntry& entry, std::string_view marker, RegistryText& text) {
+  const std::string_view data = entry.Text();
+  ValueLine line(entry, marker, data.size(), text);
+  line.PutData(data);
+  return line.Finish();
 }
 
-// Characters of a line beside its data.
-size_t RoomForLine(const RegistryEntry& entry) {
-  return entry.nameLength + kMaxMarker + 1;
+RegistryAppended AppendNumber(const RegistryEntry& entry, RegistryText& text) {
+  ValueLine line(entry, kNumberMarker, kMaxNumber, text);
+  line.Data() = PutNumber(line.Data(), entry.Number());
+  return line.Finish();
 }
 
-size_t RoomForData(const RegistryEntry& entry, std::string_view text) {
-  if (entry.type == kRegistryNumber) return kMaxNumber;
-  return entry.type == kRegistryBinary ? 3 * entry.Block().size() : text.size();
+RegistryAppended AppendBlock(const RegistryEntry& entry, RegistryText& text) {
+  const std::span<const unsigned char> bytes = entry.Block();
+  ValueLine line(entry, kBinaryMarker, 3 * bytes.size(), text);
+  line.Data() = PutBlock(line.Data(), bytes);
+  return line.Finish();
+}
+
+RegistryAppended AppendSubKey(const RegistryEntry& entry, RegistryText& text) {
+  char* out = PutText(PutText(text.Reserve(entry.nameLength + 3), "["), entry.Name());
+  text.Commit(PutText(out, "]\n"));
+  return RegistryAppended::kUnsure;
 }
 
 bool IsSameEntry(const RegistryLine& line, const RegistryEntry& entry) {
@@ -180,29 +203,20 @@ bool MakeRegistryValue(const RegistryLine& line, CRegistryValue& value) {
 
 RegistryAppended AppendRegistryLine(const RegistryEntry& entry, RegistryText& text) {
   if (!entry.HoldsValue()) return RegistryAppended::kNothing;
-  if (entry.IsSubKey()) {
-    char* out = PutText(PutText(text.Reserve(RoomForLine(entry)), "["), entry.Name());
-    text.Commit(PutText(out, "]\n"));
-    return RegistryAppended::kUnsure;
+  switch (entry.type) {
+    case kRegistryString:
+      return AppendText(entry, kStringMarker, text);
+    case kRegistryExpandString:
+      return AppendText(entry, kExpandMarker, text);
+    case kRegistryBinary:
+      return AppendBlock(entry, text);
+    case kRegistryNumber:
+      return AppendNumber(entry, text);
+    case kRegistrySubKey:
+      return AppendSubKey(entry, text);
+    default:
+      return RegistryAppended::kNothing;
   }
-  if (MarkerOf(entry.type).empty()) return RegistryAppended::kNothing;
-  const std::string_view data = entry.IsText() ? std::string_view(entry.Text()) : std::string_view();
-  const size_t room = RoomForLine(entry) + RoomForData(entry, data);
-  char* const begin = text.Reserve(room);
-  bool isOdd = entry.nameLength > 0 && entry.name[0] == '[';
-  char* out = PutAndWatch(begin, entry.Name(), '=', '\n', isOdd);
-  out = PutText(out, MarkerOf(entry.type));
-  if (entry.type == kRegistryNumber) {
-    out = PutNumber(out, entry.Number());
-  } else if (entry.type == kRegistryBinary) {
-    out = PutBlock(out, entry.Block());
-  } else {
-    out = PutAndWatch(out, data, '\n', '\n', isOdd);
-  }
-  *out++ = '\n';
-  text.Commit(out);
-  const bool isShort = static_cast<size_t>(out - begin) <= kRegistryLineLimit;
-  return isShort && !isOdd ? RegistryAppended::kCarried : RegistryAppended::kUnsure;
 }
 
 RegistryFate FateOfRegistryLine(const RegistryEntry& entry, std::string_view line) {

@@ -86,6 +86,7 @@ bool TraceFailure(const char* what, const char* path) {
 
 // Complete and on the disk when this is true.
 bool WriteContent(CRegistryNode& root, File& file, const char* path) {
+  std::setvbuf(file.Get(), nullptr, _IONBF, 0);  // the text comes in large blocks
   root.dumpNode(file.Get());
   if (std::fflush(file.Get()) != 0 || std::ferror(file.Get()) != 0) return TraceFailure("write", path);
   if (::fchmod(::fileno(file.Get()), kRegistryMode) != 0) return TraceFailure("change the mode of", path);
