@@ -39,7 +39,7 @@ class CDeviceBusIo : public CDeviceBusIoBase {
   const NameList& Names() const { return m_DeviceNameList; }
 
  private:
-  bool FindDevice(unsigned segment, unsigned bus, unsigned device, unsigned function, const char*& path);
+  bool FindDevice(unsigned segment, unsigned bus, unsigned device, unsigned function, const char*& path) const;
 
   NameList m_DeviceNameList;
   bool m_NameListBuilt = false;
