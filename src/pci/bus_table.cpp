@@ -152,7 +152,9 @@ BusTableEntry* BusAllocatePciEntry(const BusKey* key) {
   pci.revision = 0;
   pci.baseClass = 255;
   pci.selfTest = 3;
+  pci.interruptLine = 0;
   pci.childBus = -1;
+  pci.childBusType = 0;
   pci.vendorName.Empty();
   pci.subsystemVendorName.Empty();
   return entry;

@@ -152,6 +152,9 @@ struct BusComponent {
   CCountedString ids;
 };
 
+constexpr int64_t kMemoryOfPci = 2;  // BusMemory::kind
+constexpr int64_t kIrqLevel = 3;     // BusIrq::trigger
+
 struct BusTableEntry;
 
 // 1: the entry is greater than the key, 0: equal, -1: smaller.

@@ -20,12 +20,12 @@ constexpr const char* kLspci = "/sbin/lspci";
 constexpr const char* kLspciCommand = "/sbin/lspci -nn";
 constexpr size_t kMaxDescription = 97;
 
-// A function's IDs as one number.
+// By vendor and device ID.
 using DeviceNames = std::map<std::pair<unsigned, unsigned>, std::string>;
 
-std::string HexText(const char* format, unsigned value) {
+std::string HexText(unsigned value) {
   char text[16];
-  std::snprintf(text, sizeof text, format, value);
+  std::snprintf(text, sizeof text, "%04X", value);
   return text;
 }
 
@@ -88,10 +88,9 @@ const DeviceNames& GetDeviceNames() {
 bool FindAdapterNames(std::string_view text, unsigned vendor, unsigned device, int subsystem,
                       std::string_view& deviceName, std::string_view& vendorName) {
   constexpr std::string_view kVendorKey = "Vendor=";
-  const std::string header = HexText("[%04X]", vendor);
-  const std::string deviceKey = HexText("%04X", device) + "=";
-  const std::string exactKey =
-      subsystem < 0 ? "" : HexText("%04X", device) + HexText("%04X", static_cast<unsigned>(subsystem)) + "=";
+  const std::string header = "[" + HexText(vendor) + "]";
+  const std::string deviceKey = HexText(device) + "=";
+  const std::string exactKey = subsystem < 0 ? "" : HexText(device) + HexText(static_cast<unsigned>(subsystem)) + "=";
   std::string_view line;
   do {
     if (!NextLine(text, line)) return false;

@@ -75,6 +75,7 @@ bool ParseRangeLine(std::string_view line, RangeLine& out) {
   cursor.SkipBlanks();
   if (!cursor.Skip(':') || found.last < found.first) return false;
   found.name = TextCursor::Trim(cursor.Rest()).substr(0, kMaxName);
+  if (found.name.empty()) return false;
   out = found;
   return true;
 }

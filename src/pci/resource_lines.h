@@ -37,7 +37,7 @@ struct DmaLine {
 bool ParseDmaLine(std::string_view line, DmaLine& out);
 
 // /proc/ioports and /proc/iomem: "0070-0077 : rtc" => 0x70, 0x77, "rtc" (at most 255 characters). A range that ends
-// before it begins and an indented line, which lies inside the range above it, are none.
+// before it begins or has no name and an indented line, which lies inside the range above it, are none.
 struct RangeLine {
   uint64_t first = 0;
   uint64_t last = 0;
