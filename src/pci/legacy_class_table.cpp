@@ -159,6 +159,7 @@ constexpr auto kPciRows = std::to_array<PciRow>({
     {0xFF, kAny, kAny, kAnyId, kAnyId, "Other", kComponentOther},
 });
 static_assert(kPciRows.size() == 118);
+static_assert(kPciRows.back().baseClass == kAny, "the last row takes every class that has none of its own");
 
 struct IsaRow {
   std::string_view name;
@@ -217,7 +218,7 @@ LegacyClass FindLegacyPciClass(uint8_t baseClass, uint8_t subClass, uint8_t inte
            MatchesColumn(each.interface, kAny, interface) && MatchesColumn(each.vendorId, kAnyId, vendorId) &&
            MatchesColumn(each.deviceId, kAnyId, deviceId);
   });
-  return row == kPciRows.end() ? LegacyClass{} : LegacyClass{row->name, row->type};
+  return {row->name, row->type};
 }
 
 LegacyClass FindLegacyIsaClass(const char* name) {

@@ -8,11 +8,11 @@
 // resource files. Constant data, usable from any thread.
 
 struct LegacyClass {
-  const char* name = "";
-  BusComponentType type = kComponentOther;
+  const char* name;  // never null
+  BusComponentType type;
 };
 
-// The class of a PCI function. A class that the table does not know has no name and the type kComponentOther.
+// The class of a PCI function; "Other" with the type kComponentOther for a class that the table does not know.
 LegacyClass FindLegacyPciClass(uint8_t baseClass, uint8_t subClass, uint8_t interface, uint16_t vendorId,
                                uint16_t deviceId);
 
