@@ -40,7 +40,7 @@ void CDeviceIo::Close() {
   }
   if (m_Descriptor == -1) return;
   const int fd = std::exchange(m_Descriptor, -1);
-  SetLastError(::close(fd) == 0 ? 0 : errno);
+  m_LastError = ::close(fd) == 0 ? 0 : static_cast<uint32_t>(errno);
   TRACE(5, "\nCDeviceIo::Close: Device closed, fd=%d", fd);
 }
 
@@ -54,6 +54,18 @@ void CDeviceIo::CloseOfThread() {
 
 int CDeviceIo::GetDescriptor() const {
   return m_PerThread ? m_ExtensionData->GetDescriptor() : m_Descriptor;
+}
+
+uint32_t CDeviceIo::GetLastError() const {
+  return m_PerThread ? static_cast<uint32_t>(m_ExtensionData->GetLastError()) : m_LastError;
+}
+
+void CDeviceIo::SetLastError(int error) {
+  if (m_PerThread) {
+    m_ExtensionData->SetLastError(error);
+  } else {
+    m_LastError = static_cast<uint32_t>(error);
+  }
 }
 
 bool CDeviceIo::termHandling(int fd) {

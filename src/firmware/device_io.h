@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -27,8 +26,8 @@ class CDeviceIo {
 
   // -1 when closed; in per-thread mode the calling thread's.
   int GetDescriptor() const;
-  // errno of the last failed call, 0 when none failed since.
-  uint32_t GetLastError() const { return m_LastError.load(std::memory_order_relaxed); }
+  // errno of the last failed call, 0 when there was none; in per-thread mode the calling thread's.
+  uint32_t GetLastError() const;
   const std::string& GetDeviceName() const { return m_DeviceName; }
   // true: the destructor leaves the descriptor open.
   void SetKeepOpen(bool keepOpen) { m_KeepOpen = keepOpen; }
@@ -37,13 +36,13 @@ class CDeviceIo {
   static bool termHandling(int fd);
 
  protected:
-  void SetLastError(int error) { m_LastError.store(static_cast<uint32_t>(error), std::memory_order_relaxed); }
+  void SetLastError(int error);
 
  private:
   void CloseOfThread();
 
   int m_Descriptor = -1;
-  std::atomic<uint32_t> m_LastError = 0;
+  uint32_t m_LastError = 0;
   CDeviceIoExtensionData* m_ExtensionData = nullptr;  // per-thread mode only; deletes itself, see there
   const std::string m_DeviceName;
   const bool m_PerThread;

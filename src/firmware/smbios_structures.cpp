@@ -17,6 +17,7 @@ constexpr char kRule[] =
 static_assert(sizeof(kRule) == 116 + 1);
 
 constexpr size_t kErrorTextSize = 256;
+constexpr size_t kUsualListSize = 16;  // spares most types the growth of their list
 
 using Bytes = std::span<const unsigned char>;
 
@@ -114,7 +115,10 @@ bool WalkSmbiosStructures(Bytes table, SmbiosStructureIndex& index, unsigned int
     if (table.size() - at < sizeof(_DMI_20_HEADER)) return FailInHeader(table, at, walked, error);
     const auto* header = reinterpret_cast<const _DMI_20_HEADER*>(table.data() + at);
     SmbiosStructureList*& list = lists[header->type];
-    if (list == nullptr) list = &index[header->type];
+    if (list == nullptr) {
+      list = &index[header->type];
+      list->reserve(list->size() + kUsualListSize);
+    }
     list->push_back(header);
 
     const size_t strings = at + header->length;
