@@ -20,10 +20,10 @@ int CompareWords(const BusTableEntry& entry, const BusKey& key) {
   return 0;
 }
 
-// Nothing in front of the last insertion is greater than it, so it may stand for all of that when it is smaller than
-// the key; a walk over used entries needs it to be one of them.
+// Nothing in front of an entry is greater than it, so an entry that is smaller than the key may stand for all of that;
+// a walk over used entries needs it to be one of them.
 BusTableEntry* StartOfWalk(const BusTable& table, const BusKey& key, bool usedOnly) {
-  BusTableEntry* const hint = table.inserted;
+  BusTableEntry* const hint = table.walkFrom;
   const bool fits = hint != nullptr && (hint->used != 0 || !usedOnly) && hint->compare(*hint, key) < 0;
   return fits ? hint : table.first;
 }
@@ -124,7 +124,7 @@ void BusInsertTable(BusTable& table, BusTableEntry* entry) {
   while (after != nullptr && after != entry && after->compare(*after, entry->key) <= 0) {
     before = std::exchange(after, after->next);
   }
-  table.inserted = entry;
+  if (before != nullptr && before->compare(*before, entry->key) < 0) table.walkFrom = before;
   if (after == entry) return;
   entry->next = after;
   (before != nullptr ? before->next : table.first) = entry;

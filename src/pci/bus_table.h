@@ -186,7 +186,7 @@ struct BusTableEntry {
 // One table: a singly linked list in ascending key order.
 struct BusTable {
   BusTableEntry* first;
-  BusTableEntry* inserted;  // the entry of the last insertion: keys arrive mostly in order, so walks begin there
+  BusTableEntry* walkFrom;  // smaller than the last insertion: keys come mostly in order, so walks begin there
 };
 
 struct BusTables {

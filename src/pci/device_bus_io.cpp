@@ -20,26 +20,35 @@
 namespace {
 
 constexpr const char* kProcBusPci = "/proc/bus/pci";
-constexpr size_t kConfigSpaceSize = 4096;  // of PCI Express; no function has more
+
+// Longer names than that are neither buses nor functions.
+constexpr size_t kMaxName = 7;
 
 struct DirectoryEntry {
-  std::string name;
+  std::array<char, kMaxName + 1> name;
   unsigned char type;  // DT_*; DT_UNKNOWN and DT_LNK need a look at the file itself
+
+  std::string_view Name() const { return name.data(); }
 };
 
 struct CloseDirectory {
   void operator()(DIR* directory) const { ::closedir(directory); }
 };
 
-// Sorted by name, "." and ".." included. Traces when there are none.
+// Adds the entries with names short enough, sorted by name. False, with a trace, when the directory cannot be listed.
 bool ListDirectory(const std::string& path, std::vector<DirectoryEntry>& entries) {
+  bool any = false;
   errno = 0;
   if (const std::unique_ptr<DIR, CloseDirectory> directory{::opendir(path.c_str())}) {
-    while (const dirent* entry = ::readdir(directory.get()))
-      entries.push_back({entry->d_name, entry->d_type});
+    while (const dirent* entry = ::readdir(directory.get())) {
+      any = true;
+      const std::string_view name = entry->d_name;
+      if (name.size() > kMaxName) continue;
+      name.copy(entries.emplace_back(DirectoryEntry{{}, entry->d_type}).name.data(), kMaxName);
+    }
   }
   const int error = errno;
-  if (entries.empty()) {
+  if (!any) {
     TRACE(3, "BuildPciDeviceNameList  : scandir for directory %s failed; ## ERROR: errno=%d (%s)\n", path.c_str(),
           error, std::strerror(error));
     return false;
@@ -68,7 +77,9 @@ bool ParseFunctionName(std::string_view name, CPciAddress& address) {
          ParseHex(name.substr(3), address.function) && address.device <= 31 && address.function <= 7;
 }
 
-bool IsPciDevDirValid(const std::string& path) {
+// A type that the listing told needs no stat, here and below.
+bool IsPciDevDirValid(const std::string& path, unsigned char type) {
+  if (type == DT_DIR) return true;
   struct stat info {};
   if (::stat(path.c_str(), &info) == 0) return S_ISDIR(info.st_mode);
   const int error = errno;
@@ -78,7 +89,7 @@ bool IsPciDevDirValid(const std::string& path) {
 }
 
 bool IsPciDevFileValid(const std::string& path, unsigned char type) {
-  if (type == DT_REG) return true;  // nothing that a stat could add
+  if (type == DT_REG) return true;
   struct stat info {};
   if (::stat(path.c_str(), &info) == 0) return S_ISREG(info.st_mode);
   const int error = errno;
@@ -92,18 +103,12 @@ void AddFunctionsOfBus(const std::string& directory, CPciAddress address, CDevic
   std::vector<DirectoryEntry> entries;
   if (!ListDirectory(directory, entries)) return;
   for (const DirectoryEntry& entry : entries) {
-    if (!ParseFunctionName(entry.name, address)) continue;
-    std::string path = directory + "/" + entry.name;
+    if (!ParseFunctionName(entry.Name(), address)) continue;
+    std::string path;
+    path.reserve(directory.size() + 1 + entry.name.size());
+    path.append(directory).append("/").append(entry.Name());
     if (IsPciDevFileValid(path, entry.type)) names.insert_or_assign(names.end(), address, std::move(path));
   }
-}
-
-// Short reads of a configuration file mean that there is no more, so there is nothing to retry.
-bool ReadExactly(int fd, unsigned offset, unsigned length, unsigned char* buffer) {
-  std::array<unsigned char, kConfigSpaceSize> bytes;
-  if (length > bytes.size() || ::pread(fd, bytes.data(), length, offset) != static_cast<ssize_t>(length)) return false;
-  std::copy_n(bytes.begin(), length, buffer);
-  return true;
 }
 
 }  // namespace
@@ -111,6 +116,8 @@ bool ReadExactly(int fd, unsigned offset, unsigned length, unsigned char* buffer
 CDeviceBusIoBase::~CDeviceBusIoBase() {
   if (m_IsOpen) Close();
 }
+
+CDeviceBusIo::CDeviceBusIo() : CDeviceBusIoBase(kProcBusPci) {}
 
 CDeviceBusIo::~CDeviceBusIo() = default;
 
@@ -120,37 +127,46 @@ bool CDeviceBusIo::BuildPciDeviceNameList(NameList& names) {
   if (!ListDirectory(kProcBusPci, entries)) return false;
   for (const DirectoryEntry& entry : entries) {
     CPciAddress address;
-    if (!ParseBusName(entry.name, address)) continue;
-    const std::string directory = std::string(kProcBusPci) + "/" + entry.name;
-    if (IsPciDevDirValid(directory)) AddFunctionsOfBus(directory, address, names);
+    if (!ParseBusName(entry.Name(), address)) continue;
+    const std::string directory = std::string(kProcBusPci) + "/" + entry.name.data();
+    if (IsPciDevDirValid(directory, entry.type)) AddFunctionsOfBus(directory, address, names);
   }
   return true;
 }
 
-bool CDeviceBusIo::FindDevice(unsigned segment, unsigned bus, unsigned device, unsigned function,
-                              const char*& path) const {
-  if (segment > 0xFFFF || bus > 0xFF || device > 31 || function > 7) return false;
-  const auto found = m_DeviceNameList.find({static_cast<uint16_t>(segment), static_cast<uint8_t>(bus),
-                                            static_cast<uint8_t>(device), static_cast<uint8_t>(function)});
-  if (found == m_DeviceNameList.end()) return false;
-  path = found->second.c_str();
-  return true;
+const char* CDeviceBusIo::FindPath(unsigned segment, unsigned bus, unsigned device, unsigned function) {
+  if (segment > 0xFFFF || bus > 0xFF || device > 31 || function > 7) return nullptr;
+  const CPciAddress address = {static_cast<uint16_t>(segment), static_cast<uint8_t>(bus), static_cast<uint8_t>(device),
+                               static_cast<uint8_t>(function)};
+  if (m_Expected == m_DeviceNameList.end() || !(m_Expected->first == address)) {
+    m_Expected = m_DeviceNameList.find(address);
+  }
+  if (m_Expected == m_DeviceNameList.end()) return nullptr;
+  const char* const path = m_Expected->second.c_str();
+  ++m_Expected;
+  return path;
 }
 
 bool CDeviceBusIo::GetPciConfigSpace(unsigned segment, unsigned bus, unsigned device, unsigned function,
                                      unsigned offset, unsigned& length, unsigned char* buffer) {
   if (length == 0 || buffer == nullptr) return false;
-  if (!m_NameListBuilt) m_NameListBuilt = BuildPciDeviceNameList(m_DeviceNameList);
-  const char* path = nullptr;
-  if (!m_NameListBuilt || !FindDevice(segment, bus, device, function, path)) return false;
+  if (!m_NameListBuilt) {
+    m_NameListBuilt = BuildPciDeviceNameList(m_DeviceNameList);
+    m_IsOpen = m_NameListBuilt && Open(O_PATH | O_DIRECTORY);
+  }
+  const char* const path = m_NameListBuilt ? FindPath(segment, bus, device, function) : nullptr;
+  if (path == nullptr) return false;
 
   TRACE(4, "CDeviceBusIo::GetPciConfigSpace: open and read %s\n", path);
-  UniqueFd fd{::open(path, O_RDONLY | O_CLOEXEC)};
+  // From the open directory on, the way to the file is short.
+  const char* const nameInDirectory = path + std::string_view(kProcBusPci).size() + 1;
+  UniqueFd fd{::openat(GetDescriptor(), nameInDirectory, O_RDONLY | O_CLOEXEC)};
   if (!fd) {
     TRACE(4, "GetPciConfigSpace: cannot open %s\n", path);
     return false;
   }
-  const bool complete = ReadExactly(fd.Get(), offset, length, buffer);
+  // A short read means that the file ends there, so there is nothing to retry.
+  const bool complete = ::pread(fd.Get(), buffer, length, offset) == static_cast<ssize_t>(length);
   fd.Reset();
   if (!complete) {
     TRACE(3, "GetPciConfigSpace : read error from %s\n", path);

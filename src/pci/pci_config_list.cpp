@@ -1,5 +1,7 @@
 #include "pci/pci_config_list.h"
 
+#include <iterator>
+
 #include "pci/device_bus_io.h"
 #include "pci/pci_slot_map.h"
 #include "trace/debug.h"
@@ -86,16 +88,10 @@ bool ReadHeader(CDeviceBusIo& device, const CPciAddress& address, CPciCommonConf
 // The walk begins at 0000:00:00.0 whether that function exists or not.
 constexpr CPciAddress kFirstAddress = {0, 0, 0, 0};
 
-bool FindNext(const CDeviceBusIo::NameList& names, CPciAddress& address) {
-  auto next = names.find(address);
-  if (next != names.end()) {
-    ++next;
-  } else if (address == kFirstAddress) {
-    next = names.begin();
-  }
-  if (next == names.end()) return false;
-  address = next->first;
-  return true;
+// Position of the first function to read after that one.
+CDeviceBusIo::NameList::const_iterator SecondPosition(const CDeviceBusIo::NameList& names) {
+  const auto first = names.find(kFirstAddress);
+  return first == names.end() ? names.begin() : std::next(first);
 }
 
 }  // namespace
@@ -106,11 +102,15 @@ bool CPciConfigList::ScanPciSlots(CPciConfigList& list, bool withSlots) {
   CPciCommonConfigHeader header;
   CPciAddress address = kFirstAddress;
   int count = 0;
-  // A failure leaves the header zero, which is no function; the walk goes on behind it.
-  ReadHeader(device, address, header);
+  // A header of zeros is no function; the walk goes on behind it.
+  if (!ReadHeader(device, address, header)) header = {};
+  auto next = SecondPosition(device.Names());
   do {
     if (AddFunction(list, address, header, withSlots ? &slots : nullptr)) ++count;
-  } while (FindNext(device.Names(), address) && ReadHeader(device, address, header));
+    if (next == device.Names().end()) break;
+    address = next->first;
+    ++next;
+  } while (ReadHeader(device, address, header));
   TRACE(2, "\nCPciConfigList      : %d PCI devices detected!", count);
   return !list.empty();
 }

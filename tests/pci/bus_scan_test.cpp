@@ -4,8 +4,8 @@
 #include <net/if.h>
 #include <sys/ioctl.h>
 
-#include <chrono>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <fstream>

@@ -148,7 +148,7 @@ TEST(ScanPciSlots, AgreesWithLspciOnThisMachine) {
   EXPECT_EQ(ours, theirs);
 }
 
-TEST(GetPciConfigSpace, ReadsExactlyOrLeavesTheBuffer) {
+TEST(GetPciConfigSpace, ReadsExactlyOrFails) {
   const FixtureRoot root;
   AddFunction(root, {.bus = "ff", .name = "1f.7", .subVendor = 0x1734, .subDevice = 0xABCD});
   root.Run([] {
@@ -159,8 +159,8 @@ TEST(GetPciConfigSpace, ReadsExactlyOrLeavesTheBuffer) {
     EXPECT_EQ(buffer[1], 0x17);
     EXPECT_EQ(buffer[2], 0xCD);
     const auto fails = [&](unsigned segment, unsigned bus, unsigned function, unsigned offset, unsigned count) {
-      unsigned char untouched[5000] = {42};
-      return !device.GetPciConfigSpace(segment, bus, 0x1F, function, offset, count, untouched) && untouched[0] == 42;
+      unsigned char room[5000];
+      return !device.GetPciConfigSpace(segment, bus, 0x1F, function, offset, count, room);
     };
     EXPECT_TRUE(fails(0, 0xFF, 7, 62, 4)) << "behind the end";
     EXPECT_TRUE(fails(0, 0xFF, 7, 0, 0));
