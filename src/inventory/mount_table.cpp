@@ -35,6 +35,7 @@ constexpr unsigned int kSourceMask = 0xF;
 
 // A mount point of PATH_MAX characters may come with four characters for each.
 constexpr size_t kMountLineSize = 65536;
+constexpr size_t kMaxOutput = 65536;  // bytes of a tool's output that are looked at
 
 struct TypeFlagRow {
   std::string_view type;
@@ -43,10 +44,10 @@ struct TypeFlagRow {
 
 // The first hit counts.
 constexpr auto kTypeFlagRows = std::to_array<TypeFlagRow>({
-    {"ext", 0},         {"ext2", 0x4000}, {"minix", 0},  {"xiafs", 0x8000},  {"hpfs", 0x10},
-    {"msdos", 1},       {"umsdos", 1},    {"vfat", 1},   {"proc", 0},        {"nfs", 4},
-    {"iso9660", 0x40},  {"smbfs", 0},     {"ncpfs", 0},  {"affs", 0},        {"ufs", 0x200},
-    {"romfs", 0x2000},  {"sysv", 0x1000}, {"xenix", 0x1000}, {"coherent", 0x1000}, {"ntfs", 0x20},
+    {"ext", 0},        {"ext2", 0x4000}, {"minix", 0},      {"xiafs", 0x8000},    {"hpfs", 0x10},
+    {"msdos", 1},      {"umsdos", 1},    {"vfat", 1},       {"proc", 0},          {"nfs", 4},
+    {"iso9660", 0x40}, {"smbfs", 0},     {"ncpfs", 0},      {"affs", 0},          {"ufs", 0x200},
+    {"romfs", 0x2000}, {"sysv", 0x1000}, {"xenix", 0x1000}, {"coherent", 0x1000}, {"ntfs", 0x20},
 });
 
 struct VolumeTypeRow {
@@ -55,13 +56,12 @@ struct VolumeTypeRow {
 };
 
 constexpr auto kVolumeTypeRows = std::to_array<VolumeTypeRow>({
-    {"adfs", 2},     {"affs", 0},     {"autofs", 0},   {"btrfs", 2},    {"cifs", 0},     {"coda", 0},
-    {"coherent", 2}, {"cramfs", 16},  {"debugfs", 0},  {"devpts", 0},   {"efs", 2},      {"ext", 2},
-    {"ext2", 2},     {"ext3", 2},     {"ext4", 2},     {"hfs", 2},      {"hfsplus", 2},  {"hpfs", 2},
-    {"iso9660", 8},  {"jfs", 2},      {"minix", 2},    {"msdos", 1},    {"ncpfs", 2},    {"nfs", 4},
-    {"nfs4", 4},     {"ntfs", 2},     {"qnx4", 2},     {"ramfs", 16},   {"reiser4", 2},  {"reiserfs", 2},
-    {"romfs", 0},    {"smbfs", 4},    {"squashfs", 0}, {"sysv", 2},     {"ubifs", 0},    {"udf", 8},
-    {"ufs", 2},      {"umsdos", 0},   {"usbfs", 0},    {"vfat", 2},     {"xenix", 2},    {"xfs", 2},
+    {"adfs", 2},    {"affs", 0},     {"autofs", 0},  {"btrfs", 2}, {"cifs", 0},     {"coda", 0},  {"coherent", 2},
+    {"cramfs", 16}, {"debugfs", 0},  {"devpts", 0},  {"efs", 2},   {"ext", 2},      {"ext2", 2},  {"ext3", 2},
+    {"ext4", 2},    {"hfs", 2},      {"hfsplus", 2}, {"hpfs", 2},  {"iso9660", 8},  {"jfs", 2},   {"minix", 2},
+    {"msdos", 1},   {"ncpfs", 2},    {"nfs", 4},     {"nfs4", 4},  {"ntfs", 2},     {"qnx4", 2},  {"ramfs", 16},
+    {"reiser4", 2}, {"reiserfs", 2}, {"romfs", 0},   {"smbfs", 4}, {"squashfs", 0}, {"sysv", 2},  {"ubifs", 0},
+    {"udf", 8},     {"ufs", 2},      {"umsdos", 0},  {"usbfs", 0}, {"vfat", 2},     {"xenix", 2}, {"xfs", 2},
 });
 static_assert(kVolumeTypeRows.size() == 42 && std::ranges::is_sorted(kVolumeTypeRows, {}, &VolumeTypeRow::type));
 
@@ -310,15 +310,16 @@ int ReadVmfsList(const char* directory) {
 
 // The name comes from a directory and goes to a shell of root.
 bool IsPlainShellWord(std::string_view text) {
-  constexpr std::string_view kPlain =
-      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._:-+@,=%";
+  constexpr std::string_view kPlain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._:-+@,=%";
   return !text.empty() && text.front() != '-' && text.find_first_not_of(kPlain) == std::string_view::npos;
 }
 
 std::string ReadOutput(FILE* pipe) {
   std::string output;
   std::array<char, 512> part{};
-  while (const size_t size = std::fread(part.data(), 1, part.size(), pipe)) {
+  while (output.size() < kMaxOutput) {
+    const size_t size = std::fread(part.data(), 1, part.size(), pipe);
+    if (size == 0) break;
     output.append(part.data(), size);
   }
   return output;
@@ -341,8 +342,8 @@ void SetVmfsSizes(mount_entry& entry, const vmfs_usage& usage) {
   const double usedPercent = (usage.capacity - usage.available) * 100 / usage.capacity;
   entry.used_percent = static_cast<uint32_t>(std::min<uint64_t>(Round(usedPercent), 100));
   TRACE(3, "\nget_vmfs_data[%d %d %d %d %d %d]", static_cast<int>(entry.size), static_cast<int>(entry.blocks),
-        static_cast<int>(entry.block_size), static_cast<int>(entry.available_blocks),
-        static_cast<int>(entry.available), static_cast<int>(entry.used_percent));
+        static_cast<int>(entry.block_size), static_cast<int>(entry.available_blocks), static_cast<int>(entry.available),
+        static_cast<int>(entry.used_percent));
 }
 
 // ---- when to read
@@ -368,7 +369,7 @@ bool IsMountedListDue(time_t now, time_t& time) {
   State& table = Table();
   if (!IsOldEnough(table.mountedTime, now) || !GetModificationTime(kMtab, time)) return false;
   if (!IsKernelList(kMtab)) return time > table.mountedTime;
-  time = std::max(time, now);
+  time = now;
   return table.kernelList.HasChanged();
 }
 
@@ -479,9 +480,9 @@ int parse_vmfs_usage(std::string_view output, vmfs_usage& usage) {
     const std::string line(output.substr(0, output.find_first_of(kLineEnds)));
     output.remove_prefix(std::min(line.size() + 1, output.size()));
     vmfs_usage found;
-    const int items = std::sscanf(line.c_str(), "Capacity %lf (%d file blocks * %d), %lf (%d blocks) \n",
-                                  &found.capacity, &found.blocks, &found.block_size, &found.available,
-                                  &found.available_blocks);
+    const int items =
+        std::sscanf(line.c_str(), "Capacity %lf (%d file blocks * %d), %lf (%d blocks) \n", &found.capacity,
+                    &found.blocks, &found.block_size, &found.available, &found.available_blocks);
     if (items != 5 || !(found.capacity > 0)) continue;
     usage = found;
     return items;

@@ -46,9 +46,9 @@ struct mount_entry {
 int get_MountedFileSystems();
 
 // Reads again the sources that changed, each at the earliest 60 seconds after the modification time last seen of it,
-// and returns the number of mounted entries (VMFS included). The number does not cover the entries of the configured list.
-// /etc/mtab as a link to the kernel's own list: that has no modification time of use, so the kernel is asked whether
-// the mounts changed since the last look; the time of that look then stands for the modification time.
+// and returns the number of mounted entries (VMFS included). The number does not cover the entries of the configured
+// list. /etc/mtab as a link to the kernel's own list: that has no modification time of use, so the kernel is asked
+// whether the mounts changed since the last look; the time of that look then stands for the modification time.
 int build_fs_table();
 int build_fs_table(time_t now);
 

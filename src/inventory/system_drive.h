@@ -4,9 +4,12 @@
 #include <string>
 #include <vector>
 
+#include "inventory/scsi_address.h"
 #include "inventory/system_device.h"
 #include "pci/pci_address.h"
 #include "platform/critical_section.h"
+
+struct CScsiListDevice;
 
 // How a drive is attached. The numbers leave the library with the records and do not change.
 enum _DriveBusType : uint32_t {
@@ -28,17 +31,6 @@ enum _DriveBusType : uint32_t {
 
 // "SCSI" for 1 to "MMC" for 13, "N/A" for every other value.
 const char* StorageBusTypeToString(_DriveBusType busType);
-
-// Address of a device on a SCSI host.
-struct CScsiAddress {
-  static constexpr uint64_t kLength = 16;  // the length of an address that is set
-
-  uint64_t length = 0;  // 0: the drive has no SCSI address
-  uint8_t port = 0;     // number of the SCSI host
-  uint8_t path = 0;     // channel
-  uint8_t target = 0;
-  uint32_t lun = 0;
-};
 
 // Inventory record of one drive: a SCSI device that the kernel lists (disk, CD/DVD, optical drive, tape), a Fusion-io
 // card or an NVMe block device.
@@ -128,6 +120,7 @@ class CSystemDrive : public CSystemDevice {
 
   static constexpr uint32_t kNoDriveNumber = 0xFFFFFFFF;
 
+  static void AddScsiDrive(std::vector<CSystemDrive>& drives, const CScsiListDevice& device);
   void SetTypes(const std::string& typeText);
   void SetDiskTypes();
   // Numbers the drive and appends it; returns the new size of the vector.
