@@ -9,6 +9,7 @@
 #include <string>
 
 #include "inventory/mount_table.h"
+#include "inventory/vmfs_volume.h"
 
 namespace {
 

@@ -26,6 +26,9 @@ constexpr auto kBusTypeNames = std::to_array<const char*>({
 });
 static_assert(kBusTypeNames.size() == kBusTypeMmc + 1);
 
+constexpr const char kDriveText[] =
+    "Name:  \"%s\" Vendor: \"%s\" Rev: \"%s\" \nBus:   %s\nDevice No: %d - Type %d (%s) \nDevice Driver: %s \nDevice Object: %s \nDevice ID: %s";
+
 constexpr const char* kDriverNameProperty = "DriverName";
 
 bool Contains(const std::string& text, const char* part) {
@@ -162,10 +165,7 @@ std::string CSystemDrive::toString() const {
   const char* busType = StorageBusTypeToString(static_cast<_DriveBusType>(GetBusType()));
   const std::string vendor = GetVendorName();
   const auto print = [&](char* buffer, size_t size) {
-    return std::snprintf(buffer, size,
-                         "Name:  \"%s\" Vendor: \"%s\" Rev: \"%s\" \nBus:   %s\nDevice No: %d - Type %d (%s) \n"
-                         "Device Driver: %s \nDevice Object: %s \nDevice ID: %s",
-                         DeviceName.c_str(), vendor.c_str(), DeviceRevision.c_str(), busType,
+    return std::snprintf(buffer, size, kDriveText, DeviceName.c_str(), vendor.c_str(), DeviceRevision.c_str(), busType,
                          static_cast<int>(m_DriveNumber), static_cast<int>(m_TypeIndex), " ", "", ObjectName.c_str(),
                          DeviceIdText());
   };

@@ -2,6 +2,7 @@
 
 #include <string_view>
 
+#include "inventory/fs_type.h"
 #include "inventory/mount_table.h"
 #include "trace/debug.h"
 
