@@ -72,6 +72,7 @@ Response StandardInquiry(const CScsiInquiry& inquiry, const std::string& path) {
 
 }  // namespace
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the interface takes the path by value.
 void CScsiInquiry::ExecuteScsiInquiry(std::string path, void* buffer, unsigned char length, unsigned char* cdb,
                                       bool clusterFallback, unsigned int timeoutMs) const {
   std::array<unsigned char, 32> sense{};
