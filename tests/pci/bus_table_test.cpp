@@ -8,9 +8,16 @@
 
 namespace {
 
+// Entries are never freed; what a test allocates stays reachable here.
+BusTableEntry* Keep(BusTableEntry* entry) {
+  static auto& kept = *new std::vector<BusTableEntry*>;
+  kept.push_back(entry);
+  return entry;
+}
+
 BusTableEntry* NewFunction(int64_t bus, int64_t device) {
   const BusKey key = {kBusTypePci, bus, device, 1, 0};
-  return BusAllocateFunctionEntry(&key);
+  return Keep(BusAllocateFunctionEntry(&key));
 }
 
 std::vector<int64_t> Buses(const BusTable& table) {
@@ -36,7 +43,7 @@ class BusTableTest : public ::testing::Test {
 TEST_F(BusTableTest, StaysSortedWhateverTheOrderOfInsertion) {
   std::vector<BusTableEntry*> entries;
   for (const int64_t bus : {4, 2, 9, -3, 6, 2}) {
-    entries.push_back(BusAllocateFunctionEntry(nullptr));
+    entries.push_back(Keep(BusAllocateFunctionEntry(nullptr)));
     entries.back()->function.bus = bus;
     BusInsertTable(m_Table, entries.back());
   }
@@ -69,10 +76,10 @@ TEST_F(BusTableTest, SearchModes) {
 TEST_F(BusTableTest, AllocationReusesTheEntryOfTheKey) {
   BusTableEntry* const function = NewFunction(1, 2);
   BusInsertTable(m_Table, function);
-  BusTableEntry* const first = BusAllocateIrqEntry(function);
+  BusTableEntry* const first = Keep(BusAllocateIrqEntry(function));
   BusInsertTable(GetBusTables().irqs, first);
   first->irq.irq = 9;
-  BusTableEntry* const second = BusAllocateIrqEntry(function);
+  BusTableEntry* const second = Keep(BusAllocateIrqEntry(function));
   EXPECT_NE(first, second);
   EXPECT_EQ(second->irq.number, 2);
   EXPECT_EQ(second->owner, function);
@@ -82,26 +89,26 @@ TEST_F(BusTableTest, AllocationReusesTheEntryOfTheKey) {
   EXPECT_EQ(NewFunction(1, 2), function);
   EXPECT_EQ(function->used, 1U);
   EXPECT_TRUE(function->function.deviceName.IsEmpty());
-  EXPECT_EQ(BusAllocateIrqEntry(function), first) << "the numbers of the resources start anew";
+  EXPECT_EQ(Keep(BusAllocateIrqEntry(function)), first) << "the numbers of the resources start anew";
   EXPECT_EQ(first->irq.irq, -1);
   EXPECT_EQ(first->irq.sharing, kIrqSharingUnset);
 }
 
 TEST_F(BusTableTest, DefaultKeysAndValues) {
-  const BusTableEntry* const memory = BusAllocateMemoryEntry(nullptr);
+  const BusTableEntry* const memory = Keep(BusAllocateMemoryEntry(nullptr));
   EXPECT_EQ(memory->key.word1, 1);
   EXPECT_EQ(memory->key.word4, 1);
   EXPECT_EQ(memory->memory.kind, 1);
-  const BusTableEntry* const pci = BusAllocatePciEntry(nullptr);
+  const BusTableEntry* const pci = Keep(BusAllocatePciEntry(nullptr));
   EXPECT_EQ(pci->key.word0, 1);
   EXPECT_EQ(pci->key.word2, 1);
   EXPECT_EQ(pci->pci.baseClass, 255);
   const BusKey functionKey = {kBusTypePci, 1, 2, 7, 12};
-  const BusTableEntry* const component = BusAllocateComponentEntry(&functionKey);
+  const BusTableEntry* const component = Keep(BusAllocateComponentEntry(&functionKey));
   EXPECT_EQ(component->component.slot, -1);
   EXPECT_EQ(component->component.name.length, 0U) << "words behind the key do not reach the values";
-  EXPECT_EQ(BusAllocateDmaEntry(nullptr)->dma.channel, -1);
-  EXPECT_EQ(BusAllocatePortEntry(nullptr)->port.word7, 3);
+  EXPECT_EQ(Keep(BusAllocateDmaEntry(nullptr))->dma.channel, -1);
+  EXPECT_EQ(Keep(BusAllocatePortEntry(nullptr))->port.word7, 3);
 }
 
 TEST(CountedString, OwnsItsText) {
