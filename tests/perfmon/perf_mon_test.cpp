@@ -105,11 +105,19 @@ TEST(CPerfMon, TracesAndAnswersFromStartToStop) {
     unsigned char percent = 77;
     EXPECT_FALSE(monitor.GetUsagePercent(percent, CPerfMon::cpuUsed, 2, 0));
     EXPECT_EQ(percent, 77);
+    EXPECT_EQ(trace.Count("Start a thread, Prio=63, Suspend=0, StackSize=0x00000000, Waitable=1"), 1);
     trace.Clear();
     monitor.StopMonitoring();
     EXPECT_EQ(LinesOfMonitor(trace),
               "Stop performance monitoring|  monitoring thread terminated|  history data destroyed|");
-    // The thread of a second start goes on from sample to sample.
+    // What went on while nothing was monitored is in no sample.
+    WriteFile("/proc/stat", "cpu  220 10 120 850 0\n");
+    WriteFile("/proc/net/dev", "eth0: 8000000000 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16\n");
+    ASSERT_TRUE(monitor.StartMonitoring(CPerfMon::systemCpu | CPerfMon::network, 0));
+    EXPECT_EQ(Percents(monitor, {{0, 0}, {12, 0}}), "0/0 0/0 ");
+    monitor.StopMonitoring();
+    // The thread of a further start goes on from sample to sample.
+    trace.Clear();
     ASSERT_TRUE(monitor.StartMonitoring(CPerfMon::memory, 1));
     while (trace.Count("CPerfMon::Thread    : snapshot data updated, sleeping 1 msec.") < 3)
       std::this_thread::yield();

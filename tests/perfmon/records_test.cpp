@@ -58,6 +58,7 @@ TEST(NetDev, SampledNamesAndTheirCounters) {
 
 TEST(NetDev, RecordOfTwoReadings) {
   constexpr uint64_t kGbit = 131072000;
+  EXPECT_EQ(ReadLinkSpeed(-1, "lo"), kUnknownSpeed);
   for (const auto& [intervalMs, speed, before, after, expected] :
        std::vector<std::tuple<uint64_t, uint64_t, uint64_t, uint64_t, PerfFields>>{
            {250, kGbit, 100, 200, {kGbit, kGbit / 4, 400, 400}},
