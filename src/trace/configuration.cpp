@@ -50,12 +50,10 @@ uint32_t EffectiveValue(const char* variable, uint32_t iniValue, uint32_t defaul
 }  // namespace
 
 bool CDebug::ReadDebugConfig(const char* appName) {
+  ForgetConfiguration();
   const IniFileList files(kConfigDirectory);
   // A directory without any ini file is somebody's wish for no configuration at all, the environment included.
-  if (files.IsReadable() && files.Count() == 0) {
-    std::snprintf(m_Directory, sizeof m_Directory, "%s", kDefaultDirectory);
-    return true;
-  }
+  if (files.IsReadable() && files.Count() == 0) return true;
 
   m_IniRingBufferSizeFactor = m_IniRingBufferSizeWeight = m_IniNoHeader = m_MemoryTracesFlag = kNotGiven;
   m_IniDirectory[0] = '\0';
@@ -72,6 +70,20 @@ bool CDebug::ReadDebugConfig(const char* appName) {
   }
   ComputeEffectiveValues();
   return true;
+}
+
+// Back to what construction gives, with the default directory: a second Init owes nothing to the first.
+void CDebug::ForgetConfiguration() {
+  m_GlobalConfig.Forget();
+  m_AppConfig.Forget();
+  m_TraceLevel = m_TraceLevelSaved = m_FileDebugLevel = m_TraceFlags = 0;
+  m_IniRingBufferSizeFactor = m_IniRingBufferSizeWeight = m_IniNoHeader = m_IniDynamicUpdate = 0;
+  m_MemoryTracesFlag = m_NoHeader = 0;
+  m_RingBufferFactor = m_RingBufferWeight = 0;
+  m_DynamicUpdate = 0;
+  m_MaxLogFileSize = kDefaultMaxLogFileSize;
+  m_IniDirectory[0] = '\0';
+  std::snprintf(m_Directory, sizeof m_Directory, "%s", kDefaultDirectory);
 }
 
 void CDebug::ReadApplicationSettings() {

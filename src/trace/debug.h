@@ -102,6 +102,7 @@ class CDebug : public CDebugTraceConfig {
 
   // Configuration
   bool ReadDebugConfig(const char* appName);
+  void ForgetConfiguration();
   void ReadApplicationSettings();
   void ComputeEffectiveValues();
   void UpdateConfiguration();  // looks at the followed files again when their time has come

@@ -63,8 +63,9 @@ void CDebug::WrapLogFile(size_t headerLength) {
   }
   m_ByteCount = m_ByteCountAtInitEnd;
   ++m_WrapCycle;
-  const int text = std::snprintf(m_InternalDebugBuffer + headerLength, kMaxText,
-                                 "------ WRAP ----- Cycle=%u, CntInitEnd=%u, CurrentByteCnt=%u (MaxCnt=%u)\n",
-                                 m_WrapCycle, m_ByteCountAtInitEnd, m_ByteCountAtInitEnd, m_MaxLogFileSize);
+  const int text =
+      std::snprintf(m_InternalDebugBuffer + headerLength, kMaxText,
+                    "------ WRAP ----- Cycle=%d, CntInitEnd=%u, CurrentByteCnt=%u (MaxCnt=%u)\n",
+                    static_cast<int>(m_WrapCycle), m_ByteCountAtInitEnd, m_ByteCountAtInitEnd, m_MaxLogFileSize);
   WriteToLogFile(m_InternalDebugBuffer, headerLength + static_cast<size_t>(text));
 }
