@@ -1,0 +1,65 @@
+#include "firmware/device_io.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <future>
+#include <memory>
+#include <thread>
+
+namespace {
+
+bool IsOpen(int fd) {
+  return ::fcntl(fd, F_GETFD) != -1;
+}
+
+}  // namespace
+
+TEST(DeviceIo, ClosesUnlessToldToKeepOpen) {
+  int fd = -1;
+  for (const bool keepOpen : {false, true}) {
+    CDeviceIo device("/dev/null");
+    ASSERT_TRUE(device.Open(O_RDONLY));
+    EXPECT_EQ(::fcntl(device.GetDescriptor(), F_GETFD), FD_CLOEXEC);
+    device.SetKeepOpen(keepOpen);
+    fd = device.GetDescriptor();
+  }
+  EXPECT_TRUE(IsOpen(fd));
+  ::close(fd);
+  CDeviceIo missing("/nonexistent");
+  EXPECT_FALSE(missing.Open(O_RDONLY));
+  EXPECT_EQ(missing.GetLastError(), static_cast<uint32_t>(ENOENT));
+}
+
+TEST(DeviceIo, EveryThreadHasItsOwnDescriptor) {
+  auto device = std::make_unique<CDeviceIo>("/dev/null", true);
+  ASSERT_TRUE(device->Open(O_RDONLY));
+  const int mine = device->GetDescriptor();
+  std::promise<int> opened;
+  std::promise<void> end;
+  std::thread other([&] {
+    EXPECT_EQ(device->GetDescriptor(), -1);
+    EXPECT_TRUE(device->Open(O_RDONLY));
+    opened.set_value(device->GetDescriptor());
+    end.get_future().wait();
+  });
+  const int theirs = opened.get_future().get();
+  EXPECT_NE(theirs, mine);
+  device.reset();  // the record lives on for the other thread
+  EXPECT_FALSE(IsOpen(mine));
+  EXPECT_TRUE(IsOpen(theirs));
+  end.set_value();
+  other.join();
+  EXPECT_FALSE(IsOpen(theirs));
+}
+
+TEST(DeviceIo, ThreadSlotsAreGivenBack) {
+  for (int i = 0; i < PTHREAD_KEYS_MAX + 10; ++i) {
+    CDeviceIo device("/dev/null", true);
+    ASSERT_TRUE(device.Open(O_RDONLY)) << i;
+    device.Close();
+    EXPECT_EQ(device.GetDescriptor(), -1);
+  }
+}

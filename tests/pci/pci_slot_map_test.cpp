@@ -1,0 +1,150 @@
+#include "pci/pci_slot_map.h"
+
+#include <gtest/gtest.h>
+
+#include "support/firmware_tables.h"
+#include "support/fixture_root.h"
+#include "support/trace_capture.h"
+
+namespace {
+
+struct Machine {
+  Machine() { root.MakeSparseFile("/dev/mem", 0x100000); }
+
+  void WriteIrqTable(const std::string& table, off_t place = 0xF5550) const { root.WriteAt("/dev/mem", place, table); }
+  void WriteSmbios(const SmbiosTable& table) const {
+    root.WriteFile("/sys/firmware/dmi/tables/smbios_entry_point", EntryPoint64(1, 1));
+    root.WriteFile("/sys/firmware/dmi/tables/DMI", table.Bytes());
+  }
+
+  const FixtureRoot root;
+};
+
+// The slot of a device, -1 when none is found.
+int SlotOf(CPciSlotMap& map, unsigned int bus, unsigned int device) {
+  unsigned char slot = 99;
+  const bool found = map.GetPciSlotNumber(slot, bus, device, 0, 0);
+  if (!found) {
+    EXPECT_EQ(slot, 0);
+  }
+  return found ? slot : -1;
+}
+
+}  // namespace
+
+TEST(PciSlotData, TypeDecidesHowAnEntryMatches) {
+  for (unsigned int type = 0; type <= 0xFF; ++type) {
+    const PciSlotData entry{0x3B, 2, 4, static_cast<uint8_t>(type), 4};
+    const bool serial = (type >= 0x14 && type <= 0x23) || (type >= 0xA5 && type <= 0xB6);
+    EXPECT_EQ(entry.IsSerialBus(), serial) << type;
+    EXPECT_EQ(entry == (PciSlotData{0x3B, 3, 0, 2, 2}), serial) << type;
+    EXPECT_FALSE(entry.Matches(0x13B, 2));
+    const std::string kind = type <= 2 ? "Unknown bus type" : serial ? "Serial bus" : "Parallel bus";
+    EXPECT_EQ(entry.ToString(), "PciSlotData 3b:2.** --> Slot 4 (" + kind + ")");
+  }
+}
+
+TEST(PciSlotMap, IrqTableNumbersAndSmbiosCorrectsTypes) {
+  const Machine machine;
+  machine.WriteIrqTable(IrqRoutingTable({{0, 3, 0}, {5, 0, 7}, {6, 1, 8}}));
+  machine.WriteSmbios(
+      SmbiosTable().AddSlot({.id = 2, .type = 0x06, .bus = 6, .device = 9}).AddSlot({.bus = 5}).AddEnd());
+  machine.root.Run([] {
+    const TraceCapture trace(4);
+    CPciSlotMap map;
+    EXPECT_EQ(SlotOf(map, 5, 17), 7);  // serial now: the bus alone decides
+    EXPECT_EQ(SlotOf(map, 6, 1), 8);
+    EXPECT_EQ(SlotOf(map, 6, 9), -1);  // known to SMBIOS alone
+    EXPECT_EQ(SlotOf(map, 0, 3), 0);
+    EXPECT_EQ(trace.Count("Updated slot type:"), 1);
+    EXPECT_EQ(trace.Count("Could not match with any SMBios entry:"), 2);
+    EXPECT_TRUE(trace.Has("\tPciSlotData 5:0.** --> Slot 7 (Serial bus)"));
+    EXPECT_EQ(trace.Count("Attempt to get Slot Mapping from"), 2);  // gathered once
+  });
+}
+
+TEST(PciSlotMap, SmbiosAloneAndInUseSlotsWin) {
+  const Machine machine;
+  std::string shortSlot = std::string("\1\xA5\x0D\x04\4\x09\0\0\0\0\0\7", 12);  // ends behind its bus
+  machine.WriteSmbios(SmbiosTable()
+                          .AddSlot({.id = 1, .type = 0x06, .usage = 3, .bus = 2, .device = 1})
+                          .AddSlot({.id = 5, .type = 0x06, .bus = 2, .device = 1})
+                          .AddSlot({.id = 6, .usage = 5, .bus = 8})
+                          .AddSlot({.id = 7, .bus = 0xFF})
+                          .Add(9, shortSlot)
+                          .Add(41, "short")
+                          .AddOnboardDevice(4, 0)
+                          .AddSlot({.id = 3, .bus = 4})
+                          .AddOnboardDevice(9, 2)
+                          .AddEnd());
+  machine.root.Run([] {
+    const TraceCapture trace(4);
+    CPciSlotMap map;
+    EXPECT_EQ(SlotOf(map, 2, 1), 5);
+    EXPECT_EQ(SlotOf(map, 4, 0), 3);
+    EXPECT_EQ(SlotOf(map, 4, 31), 3);
+    EXPECT_EQ(SlotOf(map, 9, 2), 0);
+    for (const unsigned int bus : {7U, 8U, 0xFFU, 0x104U})
+      EXPECT_EQ(SlotOf(map, bus, 0), -1) << bus;
+    EXPECT_TRUE(trace.Has("CPciSlotMap::GetSlotMappingFromSMBIOS(): Success! Gathered 5 slots from SMBios"));
+  });
+}
+
+TEST(PciSlotMap, BrokenIrqTablesAreDiscardedWhole) {
+  const auto changed = [](size_t place, char value) {
+    std::string table = IrqRoutingTable({{5, 0, 7}});
+    table[place] = value;
+    if (place != 31) SetChecksum(table, 31, table.size());
+    return table;
+  };
+  struct Row {
+    off_t place;
+    std::string table;
+    std::string error;
+  };
+  const std::string start = "CDeviceBiosBase::GetRoutingTable   : ## ERROR! ";
+  const Row rows[] = {
+      {0xF0000, changed(31, 0x11), start + "Illegal checksum in PCI IRQ Routing Table (DD)"},
+      {0xF0000, changed(5, 11), start + "Illegal version number in PCI IRQ Routing Table (11.0)"},
+      {0xF0000, changed(4, 21), start + "Illegal version number in PCI IRQ Routing Table (1.21)"},
+      {0xF0000, changed(6, 0x28),
+       start + "PCI IRQ Routing Table size modulo sizeof (IRQ_ROUTING_TABLE_ENTRY) is not zero (8)"},
+      {0xF0000, changed(6, 0), start + "Illegal table size in PCI IRQ Routing Table (0)"},
+      {0xF0000, changed(6, 0x10), start + "Illegal table size in PCI IRQ Routing Table (16)"},
+      {0xF0100, changed(7, '\xFF'), start + "Illegal table size in PCI IRQ Routing Table (65328)"},
+      {0xFFFC0, changed(0, '$'),
+       start + "Illegal table size in PCI IRQ Routing Table (48)"},  // the last 32 bytes count
+      {0xFFFF0, changed(0, '$').substr(0, 16), start + "Illegal table size in PCI IRQ Routing Table (48)"},
+      {0xF0008, changed(0, '$'), "CPciSlotMap::GetSlotMappingFromIrqRoutingTable(): ERROR ## Empty IRQ Routing Table."},
+  };
+  for (const Row& row : rows) {
+    const Machine machine;
+    machine.WriteIrqTable(row.table, row.place);
+    machine.WriteSmbios(SmbiosTable().AddSlot({.id = 3, .bus = 5}).AddEnd());
+    machine.root.Run([&row] {
+      const TraceCapture trace(4);
+      CPciSlotMap map;
+      EXPECT_EQ(SlotOf(map, 5, 1), 3) << row.error;
+      EXPECT_TRUE(trace.Has(row.error)) << row.error;
+    });
+  }
+  const Machine machine;
+  machine.WriteIrqTable(changed(0, '$'), 0xFFFB0);
+  machine.root.Run([] {
+    CPciSlotMap map;
+    EXPECT_EQ(SlotOf(map, 5, 0), 7);
+  });
+}
+
+TEST(PciSlotMap, NothingIsAskedForOnce) {
+  const FixtureRoot root;
+  root.Run([] {
+    const TraceCapture trace(4);
+    CPciSlotMap map;
+    EXPECT_EQ(SlotOf(map, 0, 0), -1);
+    EXPECT_TRUE(trace.Has("CPciSlotMap::GetSlotMapping(): ERROR # No slot data found on this machine!"));
+    EXPECT_EQ(SlotOf(map, 0, 0), -1);
+    EXPECT_EQ(trace.Count("No slot data found on this machine!"), 1);
+    EXPECT_EQ(trace.Count("CPciSlotMap::GetPciSlotNumber() : ERROR ## Could not retrieve slot mapping."), 2);
+  });
+}
