@@ -1,6 +1,5 @@
 # Compiler and linker flags of every target, in one interface library.
 add_library(ravd_flags INTERFACE)
-target_compile_definitions(ravd_flags INTERFACE RAVD_CORE)
 target_compile_options(ravd_flags INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wformat=2 -Wnon-virtual-dtor
   -Woverloaded-virtual -Wold-style-cast -Wcast-align -Wnull-dereference -Wundef -Wvla
