@@ -16,9 +16,8 @@ struct CEventData;
 // Threads: any thread may use any handle. Destroying a handle, or assigning to it, needs it to oneself, as with any
 // object: nobody else may be about to enter an operation of that same handle. The end of the last handle waits, looking
 // once a second, until every thread has left Wait; so set an event before destroying it when somebody may wait on it
-// without limit. A thread that was released may destroy the handle at once, even while the call that released
-// it still returns.
-// A thread may be cancelled inside Wait: it leaves the event as if it had timed out.
+// without limit. A thread that was released may destroy the handle at once, even while the call that released it still
+// returns. A thread may be cancelled inside Wait: it leaves the event as if it had timed out.
 //
 // Failure: results only, nothing is thrown. When the construction fails (memory, system limits) the handle has no
 // event: every operation returns false or -1, and destruction does nothing.
