@@ -13,7 +13,7 @@
 
 #include "pci/fc_controllers.h"
 #include "pci/mac_information.h"
-#include "pci/pci_fixture.h"
+#include "support/pci_fixture.h"
 #include "pci/pci_function_scan.h"
 #include "pci/pci_names.h"
 #include "support/fake_ioctl.h"

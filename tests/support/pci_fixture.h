@@ -21,6 +21,8 @@ struct FunctionSpec {
   uint8_t selfTest = 0;
   uint8_t interruptLine = 0;
   uint8_t interruptPin = 0;
+  uint8_t revision = 0;
+  std::vector<uint32_t> addresses = {};  // base address registers
 };
 
 std::string BuildHeader(const FunctionSpec& spec);

@@ -1,4 +1,4 @@
-#include "pci/pci_fixture.h"
+#include "support/pci_fixture.h"
 
 #include <cstdio>
 
@@ -15,7 +15,10 @@ std::string BuildHeader(const FunctionSpec& spec) {
   std::string bytes(64, '\0');
   Put(bytes, 0, spec.vendor, 2);
   Put(bytes, 2, spec.device, 2);
+  Put(bytes, 8, spec.revision, 1);
   Put(bytes, 9, spec.classCode, 3);
+  for (size_t index = 0; index < spec.addresses.size(); ++index)
+    Put(bytes, 16 + 4 * index, spec.addresses[index], 4);
   Put(bytes, 14, spec.headerType, 1);
   Put(bytes, 15, spec.selfTest, 1);
   if ((spec.headerType & 1) != 0) {
