@@ -26,7 +26,7 @@ int CDeviceIoExtensionData::GetDescriptor() const {
 bool CDeviceIoExtensionData::SetDescriptor(int fd) {
   auto held = std::make_unique<Held>(Held{this, fd});
   if (!m_HasDescriptorSlot || pthread_setspecific(m_DescriptorSlot, held.get()) != 0) return false;
-  held.release();  // now the slot's
+  static_cast<void>(held.release());  // now the slot's
   const std::lock_guard lock(m_Mutex);
   ++m_OpenCount;
   return true;
@@ -46,7 +46,9 @@ int CDeviceIoExtensionData::GetLastError() const {
 }
 
 void CDeviceIoExtensionData::SetLastError(int error) {
-  if (m_HasErrorSlot) pthread_setspecific(m_ErrorSlot, reinterpret_cast<const void*>(static_cast<intptr_t>(error)));
+  if (!m_HasErrorSlot) return;
+  // The slot carries the number itself.
+  pthread_setspecific(m_ErrorSlot, reinterpret_cast<void*>(intptr_t{error}));  // NOLINT(performance-no-int-to-ptr)
 }
 
 void CDeviceIoExtensionData::ReleaseByOwner() {

@@ -5,7 +5,7 @@
 #include <span>
 #include <vector>
 
-// One entry of the PCI IRQ routing table (PCI IRQ Routing Table Specification 1.0). Bytes alone: no alignment.
+// One entry of the PCI IRQ routing table (PCI IRQ Routing Table 1.0). Bytes alone: no alignment.
 struct IRQ_ROUTING_TABLE_ENTRY {
   uint8_t bus;
   uint8_t deviceFunction;  // device in the bits 3-7

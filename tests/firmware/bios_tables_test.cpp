@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "support/firmware_tables.h"
 #include "support/fixture_root.h"
 #include "support/trace_capture.h"
@@ -12,7 +14,6 @@ constexpr const char* kSysfsEntryPoint = "/sys/firmware/dmi/tables/smbios_entry_
 constexpr const char* kSysfsTable = "/sys/firmware/dmi/tables/DMI";
 constexpr const char* kSystab = "/sys/firmware/efi/systab";
 constexpr const char* kEsxDevice = "/vmfs/devices/char/mem/smbios";
-constexpr const char* kNothing = "CBiosTables::GetSmbiosData() : ERROR ## No SMBios found!";
 
 const std::string& Table() {
   static const std::string table = SmbiosTable().Add(1, "body", {"maker"}).AddSlot({.bus = 5}).AddEnd().Bytes();
@@ -28,12 +29,9 @@ void Expect(const FixtureRoot& root, const std::string& header, const std::strin
     CDataStream foundData("old", 3);
     EXPECT_EQ(CBiosTables::GetSmbiosData(foundHeader, foundData), !data.empty());
     EXPECT_TRUE(trace.Has(line)) << line;
-    EXPECT_EQ(trace.Has(kNothing), data.empty());
-    const auto text = [](const CDataStream& stream) {
-      return std::string(stream.Bytes().begin(), stream.Bytes().end());
-    };
-    EXPECT_EQ(text(foundHeader), header.empty() ? "old" : header);
-    EXPECT_EQ(text(foundData), data.empty() ? "old" : data);
+    EXPECT_EQ(trace.Has("CBiosTables::GetSmbiosData() : ERROR ## No SMBios found!"), data.empty());
+    EXPECT_EQ(std::string(foundHeader.Bytes().begin(), foundHeader.Bytes().end()), header.empty() ? "old" : header);
+    EXPECT_EQ(std::string(foundData.Bytes().begin(), foundData.Bytes().end()), data.empty() ? "old" : data);
   });
 }
 
@@ -76,30 +74,24 @@ TEST(BiosTables, MemoryIsReadThroughTheSystemTable) {
 }
 
 TEST(BiosTables, MemoryThatCannotBeReadIsRefused) {
-  struct Row {
-    std::string entryPoint;
-    off_t memory;
-    const char* line;
-  };
-  const std::string noDevice =
-      "SMBiosTableFromMemory::GetBiosData() : ERROR # mmap failed : (errno=6) No such device or address";
-  const Row rows[] = {
-      {EntryPoint64(0xE1234, 100), 0xF0490, noDevice.c_str()},  // ends inside the entry point
-      {EntryPoint64(0xFFFF0, 100), 0x100000, noDevice.c_str()},
-      {EntryPoint64(0xFFFFFFFFFFFFF000, 0x1000), 0x100000,
-       "SMBiosTableFromMemory::GetBiosData() : ERROR # mmap failed : (errno=75) Value too large for defined data type"},
-      {EntryPoint64(0xE1234, 0xFFFFFFFF), 0x100000,  // would wrap when the offset in the page is added
-       "SMBiosTableFromMemory::GetBiosData() : ERROR # mmap failed : (errno=27) File too large"},
+  const std::string failed = "SMBiosTableFromMemory::GetBiosData() : ERROR # mmap failed : (errno=";
+  const std::string behindEnd = failed + "6) No such device or address";
+  const std::string tooWide = failed + "75) Value too large for defined data type";
+  const std::tuple<std::string, off_t, std::string> rows[] = {
+      {EntryPoint64(0xE1234, 100), 0xF0490, behindEnd},  // ends inside the entry point
+      {EntryPoint64(0xFFFF0, 100), 0x100000, behindEnd},
+      {EntryPoint64(0xFFFFFFFFFFFFF000, 0x1000), 0x100000, tooWide},
+      {EntryPoint64(0xE1234, 0xFFFFFFFF), 0x100000, failed + "27) File too large"},  // would wrap with its offset
       {EntryPoint64(0xE1234, 0), 0x100000, "SMBiosTableFromMemory::GetBiosData() : SMBios table NOT found in memory."},
   };
   const FixtureRoot root;
   root.WriteFile(kSystab, "SMBIOS3=0xf0480\n");
-  for (const Row& row : rows) {
-    WriteMemory(root, row.entryPoint, row.memory);
-    Expect(root, "", "", row.line);
+  for (const auto& [entryPoint, memory, line] : rows) {
+    WriteMemory(root, entryPoint, memory);
+    Expect(root, "", "", line);
   }
   root.WriteFile(kSystab, "SMBIOS3=0xfffffffffffff480\n");
-  Expect(root, "", "", rows[2].line);
+  Expect(root, "", "", tooWide);
   root.Remove("/dev/mem");
   Expect(root, "", "",
          "SMBiosTableFromMemory::GetBiosData() : ERROR # Couldn't open /dev/mem : No such file or directory");
@@ -114,12 +106,14 @@ TEST(BiosTables, EsxDeviceIsReadBehindItsEntryPoint) {
   Expect(root, entry, Table() + std::string(32, 'x'), "CBiosTables::GetSmbiosData() : ESXi specific SMBios found.");
 
   std::string longEntry = entry;
-  longEntry[5] = 90;  // the device ends before its own entry point
+  longEntry[5] = 90;
+  root.WriteFile(kEsxDevice, longEntry + std::string(90 - 31, 'x') + Table());
+  Expect(root, longEntry, Table(), "CBiosTables::GetSmbiosData() : ESXi specific SMBios found.");
+  // The device ends before its own entry point.
   const std::string failed =
       "GetBiosTableESX        : ERROR: read SMBIOS header from " + std::string(kEsxDevice) + " failed! ";
   root.WriteFile(kEsxDevice, longEntry + Table().substr(0, 40));
-  Expect(root, entry.substr(0, 5) + '\x5A' + entry.substr(6), "",
-         failed + "(len = 0, BytesToRead = 19), Reason: Success");
+  Expect(root, longEntry, "", failed + "(len = 0, BytesToRead = 19), Reason: Success");
   root.WriteFile(kEsxDevice, entry.substr(0, 30));
   Expect(root, "", "", failed + "(readlen = 30, hdrlen = 31), Reason: Success");
   root.WriteFile(kEsxDevice, entry + Table().substr(0, 20));

@@ -29,35 +29,20 @@ TEST(DataStream, ReadsWholeFiles) {
 }
 
 TEST(DataStream, DumpsLines) {
-  struct Row {
-    std::string data;
-    bool offset, ascii;
-    size_t perLine;
-    int unit;
-    const char* prefix;
-    const char* text;
-  };
-  const Row rows[] = {
-      {"AB\n", true, true, 2, 1, nullptr, "0000: 41 42   AB\n0002: 0A      . "},
-      {"AB\n", true, true, 3, 1, nullptr, "41 42 0A   AB."},  // a single line has no offset column
-      {"AB\n", true, true, 16, 1, "> ", "> 41 42 0A   AB."},  // and is not filled up
-      {"AB\n", false, true, 2, 1, "> ", "> 41 42   AB\n> 0A      . "},
-      {"A\0BCD", false, true, 4, 2, nullptr, "0041 4342   A.\n0044      D "},  // the last unit is cut short
-      {"ABCD\x7F", true, true, 4, 4, nullptr, "0000: 44434241 \n0004: 0000007F "},
-      {"ABC", false, true, 0, 7, nullptr, "41   A\n42   B\n43   C"},
-      {"", true, true, 16, 1, nullptr, ""},
-  };
-  for (Row row : rows) {
-    if (row.unit == 2) row.data = std::string("A\0BCD", 5);
+  const auto dump = [](const std::string& data, bool offset, bool ascii, size_t perLine, int unit, const char* prefix) {
     std::string out = "old";
-    CDataStream::DumpHex(out, row.data.data(), row.data.size(), row.offset, row.ascii, row.perLine, row.unit,
-                         row.prefix);
-    EXPECT_EQ(out, row.text);
-  }
+    CDataStream::DumpHex(out, data.data(), data.size(), offset, ascii, perLine, unit, prefix);
+    return out;
+  };
+  EXPECT_EQ(dump("AB\n", true, true, 2, 1, nullptr), "0000: 41 42   AB\n0002: 0A      . ");
+  EXPECT_EQ(dump("AB\n", true, true, 3, 1, nullptr), "41 42 0A   AB.");  // a single line has no offset column
+  EXPECT_EQ(dump("AB\n", true, true, 16, 1, "> "), "> 41 42 0A   AB.");  // and is not filled up
+  EXPECT_EQ(dump("AB\n", false, true, 2, 1, "> "), "> 41 42   AB\n> 0A      . ");
+  EXPECT_EQ(dump(std::string("A\0BCD", 5), false, true, 4, 2, nullptr), "0041 4342   A.\n0044      D ");
+  EXPECT_EQ(dump("ABCD\x7F", true, true, 4, 4, nullptr), "0000: 44434241 \n0004: 0000007F ");
+  EXPECT_EQ(dump("ABC", false, true, 0, 7, nullptr), "41   A\n42   B\n43   C");
+  EXPECT_EQ(dump(std::string(32, 'a'), true, false, 16, 1, nullptr).substr(54, 10), "\n0010: 61 ");
   std::string out;
   CDataStream::DumpHex(out, nullptr, 5, true, true, 16, 1, nullptr);
   EXPECT_EQ(out, "(null)");
-  const std::string two(32, 'a');
-  CDataStream::DumpHex(out, two.data(), two.size(), true, true, 16, 1, nullptr);
-  EXPECT_EQ(out.find("\n0010: 61 "), 6 + 48 + 2 + 16U);
 }

@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <tuple>
+#include <utility>
 
 #include "pci/pci_slot_map.h"
 #include "support/firmware_tables.h"
@@ -20,27 +22,19 @@ constexpr const char* kSysfsTable = "/sys/firmware/dmi/tables/DMI";
 struct Walk {
   explicit Walk(const std::string& bytes) : table(bytes.begin(), bytes.end()) {
     sound = WalkSmbiosStructures(table, index, walked, error);
-  }
-  // Structures of the index, each checked to lie in the table.
-  size_t CountIndexed() const {
-    size_t count = 0;
+    const unsigned char* end = table.data() + table.size();
     for (const auto& [type, list] : index) {
       for (const _DMI_20_HEADER* header : list) {
-        const auto at = static_cast<size_t>(reinterpret_cast<const unsigned char*>(header) - table.data());
-        EXPECT_LE(at + sizeof(_DMI_20_HEADER), table.size());
-        EXPECT_EQ(header->type, type);
-        if (sound) {
-          EXPECT_LE(header->FormattedArea().data() + header->length, table.data() + table.size());
-        }
-        ++count;
+        EXPECT_LE(header->FormattedArea().data() + (sound ? header->length : sizeof(*header)), end);
+        ++indexed;
       }
     }
-    return count;
   }
 
   const std::vector<unsigned char> table;
   SmbiosStructureIndex index;
   unsigned int walked = 0;
+  unsigned int indexed = 0;
   std::string error;
   bool sound = false;
 };
@@ -48,20 +42,14 @@ struct Walk {
 }  // namespace
 
 TEST(SmbiosWalk, StepsOverEveryKindOfStructure) {
-  const std::string table = SmbiosTable()
-                                .Add(0, std::string(20, '\1'))
-                                .Add(9, "body", {"one", "two", "three"})
-                                .Add(1, "")
-                                .Add(9, "")
-                                .AddEnd()
-                                .Bytes();
+  SmbiosTable table;
+  table.Add(0, std::string(20, '\1')).Add(9, "body", {"one", "two", "three"}).Add(1, "").Add(9, "").AddEnd();
   for (const char* behind : {"", "\x09\xFFignored"}) {
-    const Walk walk(table + behind);
+    const Walk walk(table.Bytes() + behind);
     EXPECT_TRUE(walk.sound) << walk.error;
     EXPECT_EQ(walk.walked, 5U);
-    EXPECT_EQ(walk.CountIndexed(), 5U);
+    EXPECT_EQ(walk.indexed, 5U);
     ASSERT_EQ(walk.index.at(9).size(), 2U);
-    EXPECT_EQ(walk.index.at(9)[0]->Handle(), 1U);
     EXPECT_EQ(walk.index.at(9)[1]->Handle(), 3U);
   }
   // Without an end-of-table structure the end of the table will do; lengths below 4 are taken as they are.
@@ -70,28 +58,22 @@ TEST(SmbiosWalk, StepsOverEveryKindOfStructure) {
 }
 
 TEST(SmbiosWalk, TruncatedTablesEndIt) {
-  const std::string sound = SmbiosTable().Add(1, "body", {"one"}).Add(2, "second").Bytes();
-  const std::string start = "## FATAL ERROR! SMBIOS structure pointer exceeds structure table end while ";
-  struct Row {
-    size_t size;
-    unsigned int walked;
-    std::string error;
+  const std::string table = SmbiosTable().Add(1, "body", {"one"}).Add(2, "second").Bytes();
+  const std::pair<size_t, const char*> rows[] = {
+      {2, "reading struct header!\n   struct[0], type=0x01, handle=0"},
+      {7, "going to struct end!\n   struct[0], last type=0x01, last handle=0\n   struct Offset 0x0000"},
+      {8, "when string table end found!\n   struct[0], type=0x01, handle=0\n   struct Offset 0x0000"},
+      {12, "when string table end found!\n   struct[0], type=0x01, handle=0\n   struct Offset 0x0000"},
+      {15, "reading struct header!\n   struct[1], type=0x02, handle=0"},
+      {20, "going to struct end!\n   struct[1], last type=0x02, last handle=1\n   struct Offset 0x000D"},
+      {table.size() - 1, "when string table end found!\n   struct[1], type=0x02, handle=1\n   struct Offset 0x000D"},
   };
-  const Row rows[] = {
-      {2, 0, "reading struct header!\n   struct[0], type=0x01, handle=0"},
-      {7, 0, "going to struct end!\n   struct[0], last type=0x01, last handle=0\n   struct Offset 0x0000"},
-      {8, 0, "when string table end found!\n   struct[0], type=0x01, handle=0\n   struct Offset 0x0000"},
-      {12, 0, "when string table end found!\n   struct[0], type=0x01, handle=0\n   struct Offset 0x0000"},
-      {15, 1, "reading struct header!\n   struct[1], type=0x02, handle=0"},
-      {20, 1, "going to struct end!\n   struct[1], last type=0x02, last handle=1\n   struct Offset 0x000D"},
-      {sound.size() - 1, 1, "when string table end found!\n   struct[1], type=0x02, handle=1\n   struct Offset 0x000D"},
-  };
-  for (const Row& row : rows) {
-    const Walk walk(sound.substr(0, row.size));
-    EXPECT_FALSE(walk.sound) << row.size;
-    EXPECT_EQ(walk.walked, row.walked) << row.size;
-    EXPECT_EQ(walk.error, start + row.error);
-    walk.CountIndexed();
+  for (const auto& [size, error] : rows) {
+    const Walk walk(table.substr(0, size));
+    EXPECT_FALSE(walk.sound) << size;
+    EXPECT_EQ(walk.walked, size < 13 ? 0U : 1U) << size;
+    EXPECT_EQ(walk.error,
+              std::string("## FATAL ERROR! SMBIOS structure pointer exceeds structure table end while ") + error);
   }
 }
 
@@ -101,10 +83,8 @@ TEST(SmbiosWalk, SurvivesMutatedTables) {
   const int mutations = wanted != nullptr ? std::atoi(wanted) : 2000;
   const FixtureRoot root;
   root.WriteFile(kSysfsEntryPoint, "x");
-  root.WriteFile(kSysfsTable, "x");
   root.Run([mutations] {
-    const std::string sound =
-        SmbiosTable().Add(1, "body", {"one"}).AddSlot({}).AddOnboardDevice(0, 3).AddSlot({.id = 2}).AddEnd().Bytes();
+    const std::string sound = SmbiosTable().AddSlot({}).AddOnboardDevice(0, 3).AddSlot({.id = 2}).AddEnd().Bytes();
     std::mt19937 random(1);
     int walkedWell = 0;
     for (int i = 0; i < mutations; ++i) {
@@ -113,7 +93,7 @@ TEST(SmbiosWalk, SurvivesMutatedTables) {
         table[random() % table.size()] = static_cast<char>(random());
       if (random() % 3 == 0) table.resize(1 + random() % table.size());
       const Walk walk(table);
-      EXPECT_EQ(walk.CountIndexed() == walk.walked, walk.sound || walk.error.find("header") != std::string::npos);
+      EXPECT_EQ(walk.indexed == walk.walked, walk.sound || walk.error.find("header") != std::string::npos);
       std::filesystem::remove(kSysfsTable);  // rewriting it in place would wait for the disk
       std::ofstream(kSysfsTable, std::ios::binary) << table;
       walkedWell += CPciSlotMap::GetSlotMappingFromSMBIOS().empty() ? 0 : 1;
@@ -124,32 +104,27 @@ TEST(SmbiosWalk, SurvivesMutatedTables) {
 }
 
 TEST(Smbios, RevisionComesFromTheAnchor) {
-  struct Row {
-    std::string header;
-    int major, minor;
-  };
-  const Row rows[] = {{EntryPoint32(1, 1, 1), 2, 8},
-                      {EntryPoint64(1, 1), 3, 2},
-                      {"UEFI\x04\x03", 3, 4},
-                      {"_SM_", 0, 0},
-                      {"_SM3x...", 0, 0},
-                      {std::string("UEFI\x04", 5), 0, 4}};
-  for (const Row& row : rows) {
+  const std::tuple<std::string, int, int> rows[] = {{EntryPoint32(1, 1, 1), 2, 8},
+                                                    {EntryPoint64(1, 1), 3, 2},
+                                                    {"UEFI\x04\x03", 3, 4},
+                                                    {"UEFI\x04", 0, 4},
+                                                    {"_SM_", 0, 0},
+                                                    {"_SM3x...", 0, 0}};
+  for (const auto& [header, major, minor] : rows) {
     const FixtureRoot root;
-    root.WriteFile(kSysfsEntryPoint, row.header);
+    root.WriteFile(kSysfsEntryPoint, header);
     root.WriteFile(kSysfsTable, SmbiosTable().AddEnd().Bytes());
-    root.Run([&row] {
+    root.Run([major = major, minor = minor] {
       const TraceCapture trace(1);
       CSMBios smbios;
       EXPECT_TRUE(smbios.connect());
-      EXPECT_EQ(smbios.getRevisionMajor(), row.major);
-      EXPECT_EQ(smbios.getRevisionMinor(), row.minor);
-      EXPECT_EQ(trace.Count("Invalid SMBios version! (no anchor string matched)"), row.major + row.minor == 0);
+      EXPECT_EQ(smbios.getRevisionMajor(), major);
+      EXPECT_EQ(smbios.getRevisionMinor(), minor);
+      EXPECT_EQ(trace.Count("Invalid SMBios version! (no anchor string matched)"), major + minor == 0);
       EXPECT_EQ(smbios.getStructureCount(), 1U);
       EXPECT_EQ(smbios.getStructuresByType(9), nullptr);
-      ASSERT_NE(smbios.getStructuresByType(127), nullptr);
+      EXPECT_NE(smbios.getStructuresByType(127), nullptr);
       smbios.disconnect();
-      EXPECT_FALSE(smbios.isConnected());
       EXPECT_EQ(smbios.getRevisionMajor() + smbios.getRevisionMinor(), 0);
       EXPECT_EQ(smbios.getStructuresByType(127), nullptr);
     });
@@ -164,13 +139,8 @@ TEST(Smbios, ShadowAreaIsTheLastSource) {
   std::string tooLong = entry;
   tooLong[5] = '\xFF';
   SetChecksum(tooLong, 4, tooLong.size());
-  struct Row {
-    off_t place;
-    std::string entry;
-    std::string error;  // "" = connected
-  };
-  const Row rows[] = {
-      {0xE0010, entry, ""},
+  const std::tuple<off_t, std::string, std::string> rows[] = {
+      {0xE0010, entry, ""},  // connected
       {0xFFFE0, entry, ""},
       {0xE0018, entry, "No SMBIOS structures found!"},  // not on a paragraph
       {0xFFFF0, entry.substr(0, 16), "No SMBIOS structures found!"},
@@ -182,21 +152,18 @@ TEST(Smbios, ShadowAreaIsTheLastSource) {
        "Remapping of SMBIOS structure memory failed (LastError = 0x00000006)!"},
       {0xE0010, EntryPoint32(0xF1234, 0, 3), "Remapping of SMBIOS structure memory failed (LastError = 0x00000000)!"},
   };
-  for (const Row& row : rows) {
+  for (const auto& [place, bytes, error] : rows) {
     const FixtureRoot root;
     root.MakeSparseFile("/dev/mem", 0x100000);
     root.WriteAt("/dev/mem", 0xF1234, table);
-    root.WriteAt("/dev/mem", row.place, row.entry);
-    root.Run([&row] {
+    root.WriteAt("/dev/mem", place, bytes);
+    root.Run([&error = error] {
       const TraceCapture trace(3);
       CSMBios smbios;
-      EXPECT_EQ(smbios.connect(), row.error.empty()) << row.place;
-      EXPECT_EQ(smbios.getLastErrorText(), row.error);
-      if (!row.error.empty()) {
-        EXPECT_TRUE(trace.Has("CSMBios (GetShadow) : ## ERROR! " + row.error));
-        EXPECT_TRUE(trace.Has("CSMBios (Connect)   : ## ERROR! Could not find any SMBIOS data!"));
-        return;
-      }
+      EXPECT_EQ(smbios.connect(), error.empty());
+      EXPECT_EQ(smbios.getLastErrorText(), error);
+      EXPECT_NE(trace.Has("CSMBios (GetShadow) : ## ERROR! " + error), error.empty());
+      if (!error.empty()) return;
       EXPECT_EQ(smbios.getRevisionMajor(), 2);
       EXPECT_EQ(smbios.getStructureCount(), 3U);  // the entry point's count stays, though there are two
       EXPECT_TRUE(

@@ -1,11 +1,15 @@
 #include "support/firmware_tables.h"
 
+#include <initializer_list>
 #include <numeric>
 
 namespace {
 
-std::string Byte(unsigned int value) {
-  return std::string(1, static_cast<char>(value));
+std::string FromBytes(std::initializer_list<unsigned int> values) {
+  std::string bytes;
+  for (const unsigned int value : values)
+    bytes += static_cast<char>(value);
+  return bytes;
 }
 
 }  // namespace
@@ -13,7 +17,7 @@ std::string Byte(unsigned int value) {
 std::string LittleEndian(uint64_t value, size_t bytes) {
   std::string text;
   for (size_t i = 0; i < bytes; ++i)
-    text += Byte(value >> (8 * i) & 0xFF);
+    text += static_cast<char>(value >> (8 * i));
   return text;
 }
 
@@ -24,49 +28,43 @@ void SetChecksum(std::string& bytes, size_t place, size_t length) {
 }
 
 SmbiosTable& SmbiosTable::Add(uint8_t type, const std::string& body, const std::vector<std::string>& strings) {
-  m_Bytes += Byte(type) + Byte(static_cast<unsigned int>(4 + body.size())) + LittleEndian(m_NextHandle++, 2) + body;
+  m_Bytes += FromBytes({type, static_cast<unsigned int>(4 + body.size())}) + LittleEndian(m_NextHandle++, 2) + body;
   for (const std::string& text : strings)
     m_Bytes += text + '\0';
   m_Bytes.append(strings.empty() ? 2 : 1, '\0');
   return *this;
 }
 
+// Designation, type, width, usage, length, number, characteristics, segment, bus, device and function.
 SmbiosTable& SmbiosTable::AddSlot(const SmbiosSlot& slot) {
-  const std::string designation = Byte(1);
-  const std::string width = Byte(0x0D);
-  const std::string length = Byte(4);
-  const std::string characteristics = LittleEndian(0x010C, 2);
-  const std::string segment = LittleEndian(0, 2);
-  return Add(9,
-             designation + Byte(slot.type) + width + Byte(slot.usage) + length + LittleEndian(slot.id, 2) +
-                 characteristics + segment + Byte(slot.bus) + Byte(slot.device * 8U),
-             {"Slot " + std::to_string(slot.id)});
+  return Add(9, FromBytes({1, slot.type, 13, slot.usage, 4, slot.id, 0, 12, 1, 0, 0, slot.bus, slot.device * 8U}),
+             {"Slot"});
 }
 
+// Designation, type, instance, segment, bus, device and function.
 SmbiosTable& SmbiosTable::AddOnboardDevice(uint8_t bus, uint8_t device) {
-  const std::string designationTypeInstance = Byte(1) + Byte(0x85) + Byte(1);
-  return Add(41, designationTypeInstance + LittleEndian(0, 2) + Byte(bus) + Byte(device * 8U), {"Onboard LAN"});
+  return Add(41, FromBytes({1, 0x85, 1, 0, 0, bus, device * 8U}), {"Onboard LAN"});
 }
 
 std::string EntryPoint32(uint32_t tableAddress, uint16_t tableLength, uint16_t structures) {
-  std::string bytes = "_SM_" + Byte(0) + Byte(31) + Byte(2) + Byte(8) + LittleEndian(64, 2) + std::string(6, '\0') +
-                      "_DMI_" + Byte(0) + LittleEndian(tableLength, 2) + LittleEndian(tableAddress, 4) +
-                      LittleEndian(structures, 2) + Byte(0x28);
+  std::string bytes = "_SM_" + FromBytes({0, 31, 2, 8, 64, 0, 0, 0, 0, 0, 0, 0}) + "_DMI_" + FromBytes({0}) +
+                      LittleEndian(tableLength, 2) + LittleEndian(tableAddress, 4) + LittleEndian(structures, 2) +
+                      FromBytes({0x28});
   SetChecksum(bytes, 4, bytes.size());
   return bytes;
 }
 
 std::string EntryPoint64(uint64_t tableAddress, uint32_t maximumSize) {
-  std::string bytes = "_SM3_" + Byte(0) + Byte(24) + Byte(3) + Byte(2) + Byte(0) + Byte(1) + Byte(0) +
-                      LittleEndian(maximumSize, 4) + LittleEndian(tableAddress, 8);
+  std::string bytes =
+      "_SM3_" + FromBytes({0, 24, 3, 2, 0, 1, 0}) + LittleEndian(maximumSize, 4) + LittleEndian(tableAddress, 8);
   SetChecksum(bytes, 5, bytes.size());
   return bytes;
 }
 
 std::string IrqRoutingTable(const std::vector<IrqSlot>& slots) {
-  std::string bytes = "$PIR" + Byte(0) + Byte(1) + LittleEndian(32 + 16 * slots.size(), 2) + std::string(24, '\0');
+  std::string bytes = "$PIR" + FromBytes({0, 1}) + LittleEndian(32 + 16 * slots.size(), 2) + std::string(24, '\0');
   for (const IrqSlot& entry : slots)
-    bytes += Byte(entry.bus) + Byte(entry.device * 8U) + std::string(12, '\x60') + Byte(entry.slot) + Byte(0);
+    bytes += FromBytes({entry.bus, entry.device * 8U}) + std::string(12, '\x60') + FromBytes({entry.slot, 0});
   SetChecksum(bytes, 31, bytes.size());
   return bytes;
 }

@@ -43,9 +43,7 @@ std::string EntryPoint32(uint32_t tableAddress, uint16_t tableLength, uint16_t s
 std::string EntryPoint64(uint64_t tableAddress, uint32_t maximumSize);
 
 struct IrqSlot {
-  uint8_t bus;
-  uint8_t device;
-  uint8_t slot;
+  uint8_t bus, device, slot;
 };
 
 // A "$PIR" table of version 1.0 with its checksum at offset 31.
