@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <utility>
 #include <vector>
 
 #include "pci/legacy_class_table.h"
@@ -27,7 +29,19 @@ BusKey KeyOf(int64_t bus) {
 // The tables live as long as the process; a test that fills them leaves them empty for the next one.
 class BusTableTest : public ::testing::Test {
  protected:
-  ~BusTableTest() override { GetBusTables() = {}; }
+  ~BusTableTest() override {
+    const BusTables& tables = GetBusTables();
+    for (const BusTable* table : {&tables.functions, &tables.pcis, &tables.memories, &tables.irqs, &tables.dmas,
+                                  &tables.ports, &tables.components}) {
+      for (BusTableEntry* entry = table->first; entry != nullptr;)
+        std::free(std::exchange(entry, entry->next));
+    }
+    GetBusTables() = {};
+  }
+  static BusTableEntry* Insert(BusTable& table, BusTableEntry* entry) {
+    BusInsertTable(table, entry);
+    return entry;
+  }
   BusTable& m_Table = GetBusTables().functions;
 };
 
@@ -69,10 +83,9 @@ TEST_F(BusTableTest, SearchModes) {
 TEST_F(BusTableTest, AllocationReusesTheEntryOfTheKey) {
   BusTableEntry* const function = NewFunction(1, 2);
   BusInsertTable(m_Table, function);
-  BusTableEntry* const first = BusAllocateIrqEntry(function);
-  BusInsertTable(GetBusTables().irqs, first);
+  BusTableEntry* const first = Insert(GetBusTables().irqs, BusAllocateIrqEntry(function));
   first->irq.irq = 9;
-  BusTableEntry* const second = BusAllocateIrqEntry(function);
+  BusTableEntry* const second = Insert(GetBusTables().irqs, BusAllocateIrqEntry(function));
   EXPECT_NE(first, second);
   EXPECT_EQ(second->irq.number, 2);
   EXPECT_EQ(second->owner, function);
@@ -88,20 +101,21 @@ TEST_F(BusTableTest, AllocationReusesTheEntryOfTheKey) {
 }
 
 TEST_F(BusTableTest, DefaultKeysAndValues) {
-  const BusTableEntry* const memory = BusAllocateMemoryEntry(nullptr);
+  BusTables& tables = GetBusTables();
+  const BusTableEntry* const memory = Insert(tables.memories, BusAllocateMemoryEntry(nullptr));
   EXPECT_EQ(memory->key.word1, 1);
   EXPECT_EQ(memory->key.word4, 1);
   EXPECT_EQ(memory->memory.kind, 1);
-  const BusTableEntry* const pci = BusAllocatePciEntry(nullptr);
+  const BusTableEntry* const pci = Insert(tables.pcis, BusAllocatePciEntry(nullptr));
   EXPECT_EQ(pci->key.word0, 1);
   EXPECT_EQ(pci->key.word2, 1);
   EXPECT_EQ(pci->pci.baseClass, 255);
   const BusKey functionKey = {kBusTypePci, 1, 2, 7, 12};
-  const BusTableEntry* const component = BusAllocateComponentEntry(&functionKey);
+  const BusTableEntry* const component = Insert(tables.components, BusAllocateComponentEntry(&functionKey));
   EXPECT_EQ(component->component.slot, -1);
   EXPECT_EQ(component->component.name.length, 0U) << "words behind the key do not reach the values";
-  EXPECT_EQ(BusAllocateDmaEntry(nullptr)->dma.channel, -1);
-  EXPECT_EQ(BusAllocatePortEntry(nullptr)->port.word7, 3);
+  EXPECT_EQ(Insert(tables.dmas, BusAllocateDmaEntry(nullptr))->dma.channel, -1);
+  EXPECT_EQ(Insert(tables.ports, BusAllocatePortEntry(nullptr))->port.word7, 3);
 }
 
 TEST(CountedString, OwnsItsText) {
