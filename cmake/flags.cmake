@@ -1,10 +1,9 @@
 # Compiler and linker flags of every target, in one interface library.
 add_library(ravd_flags INTERFACE)
-target_compile_definitions(ravd_flags INTERFACE RAVD_CORE)
 target_compile_options(ravd_flags INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wformat=2 -Wnon-virtual-dtor
   -Woverloaded-virtual -Wold-style-cast -Wcast-align -Wnull-dereference -Wundef -Wvla
-  -Wno-format-nonliteral -Wno-format-truncation
+  -Wno-format-nonliteral
   # PIC rather than PIE code: it needs no copy relocations, which would appear as exported data.
   -fPIC -fstack-protector-strong -fcf-protection=full -fno-omit-frame-pointer)
 target_link_options(ravd_flags INTERFACE -pie -Wl,-z,relro,-z,now,-z,noexecstack)
@@ -12,7 +11,8 @@ if(RAVD_WERROR)
   target_compile_options(ravd_flags INTERFACE -Werror)
 endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-  target_compile_options(ravd_flags INTERFACE -fstack-clash-protection -Wduplicated-cond -Wlogical-op)
+  target_compile_options(ravd_flags INTERFACE -fstack-clash-protection -Wduplicated-cond -Wlogical-op
+    -Wno-format-truncation)  # a text that is cut is cut by contract
   if(RAVD_SANITIZE)
     # The instrumented code makes GCC see null pointers where there are none.
     target_compile_options(ravd_flags INTERFACE -Wno-null-dereference -Wno-maybe-uninitialized)

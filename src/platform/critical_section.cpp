@@ -2,7 +2,7 @@
 
 CCriticalSection::~CCriticalSection() {
   if (!initialized) return;
-  if (count > 0 && owner.load(std::memory_order_relaxed) == pthread_self()) CleanupHandlerForCritSecMutex(this);
+  if (owner.load(std::memory_order_relaxed) == pthread_self() && count > 0) CleanupHandlerForCritSecMutex(this);
   pthread_mutex_destroy(&mutex);
 }
 

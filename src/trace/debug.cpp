@@ -1,6 +1,5 @@
 #include "trace/debug.h"
 
-#include <cxxabi.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -8,6 +7,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 
 // Storage that no static destructor tears down: whatever runs after the end of main finds a closed trace object
 // instead of a destroyed one.
@@ -40,9 +40,8 @@ void Guarded(Writer writer) {
   const int savedErrno = errno;
   try {
     writer();
-  } catch (abi::__forced_unwind&) {
-    throw;
   } catch (...) {
+    if (std::current_exception() == nullptr) throw;  // a forced unwinding is no exception of the language
   }
   errno = savedErrno;
 }

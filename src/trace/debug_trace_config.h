@@ -1,9 +1,9 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
-#include <string>
 
 // One trace configuration file that is followed: its text in memory and the section that was asked for.
 //
@@ -23,7 +23,7 @@ class CDebugTraceConfigFile {
   bool OpenSectionInIniFile(const char* section, const char* fileName, const char* directory);
 
   // Whether a file is followed: it was opened with success and has not vanished since.
-  bool IsFollowed() const { return !m_Path.empty(); }
+  bool IsFollowed() const { return m_Path[0] != '\0'; }
 
   // Looks at the followed file; true when it was modified since it was last read, whose new time and size are then
   // kept. A file that is gone is forgotten.
@@ -35,6 +35,9 @@ class CDebugTraceConfigFile {
   bool ReadText(const char* key, char* value, size_t size) const;
 
  private:
+  static constexpr size_t kPathSize = 512;  // a longer path is refused
+
+  bool Follow(const char* fileName, const char* directory);
   bool Load();
   bool CutEndOfFile();
   bool FindSection(const char* section);
@@ -44,7 +47,7 @@ class CDebugTraceConfigFile {
   char* m_Buffer = nullptr;        // whole file, its size + 16 bytes, zero-filled; owned (calloc)
   char* m_SectionStart = nullptr;  // behind the "]" of the section, null when none; points into m_Buffer
   char* m_SectionEnd = nullptr;    // where the section's text was cut
-  std::string m_Path;
+  char m_Path[kPathSize] = {};     // directory, "/", file name; empty when no file is followed
   int64_t m_Size = 0;
   time_t m_ModificationTime = 0;
 };

@@ -2,11 +2,11 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
+#include "platform/descriptor_io.h"
 #include "platform/unique_fd.h"
 #include "trace/debug_trace_config.h"
 
@@ -17,12 +17,10 @@ constexpr size_t kRoomBehindText = 16;
 constexpr size_t kNumberSize = 64;
 
 bool ReadExactly(int fd, char* bytes, size_t count) {
-  while (count > 0) {
-    const ssize_t got = ::read(fd, bytes, count);
-    if (got < 0 && errno == EINTR) continue;
+  for (size_t have = 0; have < count;) {
+    const ssize_t got = ReadSome(fd, bytes + have, count - have);
     if (got <= 0) return false;
-    bytes += got;
-    count -= static_cast<size_t>(got);
+    have += static_cast<size_t>(got);
   }
   return true;
 }
@@ -35,24 +33,28 @@ bool IsName(const char* begin, const char* end, const char* name) {
 }  // namespace
 
 bool CDebugTraceConfigFile::OpenSectionInIniFile(const char* section, const char* fileName, const char* directory) {
-  if (m_Path.empty() && fileName != nullptr && directory != nullptr) {
-    m_Path = std::string(directory) + "/" + fileName;
-    struct stat info {};
-    if (::stat(m_Path.c_str(), &info) != 0) {
-      Forget();
-      return false;
-    }
-    m_Size = info.st_size;
-    m_ModificationTime = info.st_mtime;
+  if (!IsFollowed() && !Follow(fileName, directory)) {
+    Forget();
+    return false;
   }
   if (section != nullptr && Load() && CutEndOfFile() && FindSection(section)) return true;
   Forget();
   return false;
 }
 
+bool CDebugTraceConfigFile::Follow(const char* fileName, const char* directory) {
+  if (fileName == nullptr || directory == nullptr) return false;
+  const int length = std::snprintf(m_Path, sizeof m_Path, "%s/%s", directory, fileName);
+  struct stat info {};
+  if (length < 0 || static_cast<size_t>(length) >= sizeof m_Path || ::stat(m_Path, &info) != 0) return false;
+  m_Size = info.st_size;
+  m_ModificationTime = info.st_mtime;
+  return true;
+}
+
 bool CDebugTraceConfigFile::WasModified() {
   struct stat info {};
-  if (::stat(m_Path.c_str(), &info) != 0) {
+  if (::stat(m_Path, &info) != 0) {
     Forget();
     return false;
   }
@@ -68,7 +70,7 @@ bool CDebugTraceConfigFile::Load() {
   m_Buffer = static_cast<char*>(std::calloc(1, static_cast<size_t>(m_Size) + kRoomBehindText));
   if (m_Buffer == nullptr) return false;
   // Non-blocking, so that a pipe under a configuration name cannot hold up the start.
-  const UniqueFd file(::open(m_Path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  const UniqueFd file(::open(m_Path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   return file && ReadExactly(file.Get(), m_Buffer, static_cast<size_t>(m_Size));
 }
 
@@ -125,7 +127,7 @@ bool CDebugTraceConfigFile::ReadText(const char* key, char* value, size_t size) 
 void CDebugTraceConfigFile::Forget() {
   std::free(m_Buffer);
   m_Buffer = m_SectionStart = m_SectionEnd = nullptr;
-  m_Path.clear();
+  m_Path[0] = '\0';
   m_Size = 0;
   m_ModificationTime = 0;
 }

@@ -1,9 +1,10 @@
 #include "trace/resident_memory.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <atomic>
 #include <charconv>
 #include <cstring>
 
@@ -12,6 +13,15 @@
 namespace {
 
 constexpr const char* kStatm = "/proc/self/statm";
+
+// How many forks lie between this process and the one that was started; asking the kernel for the PID at every entry
+// would cost a system call. Starts at 1: an object that has opened nothing yet holds 0.
+constinit std::atomic<unsigned int> forkGeneration = 1;
+
+void CountForks() {
+  [[maybe_unused]] static const int registered =
+      ::pthread_atfork(nullptr, nullptr, [] { forkGeneration.fetch_add(1, std::memory_order_relaxed); });
+}
 
 // "62541 2561 1780 83 0 1208 0" => 2561
 bool ParseResidentPages(const char* text, size_t length, size_t& pages) {
@@ -32,7 +42,8 @@ size_t ResidentMemory::ReadKb() {
 }
 
 bool ResidentMemory::ReadPages(size_t& pages) {
-  if ((m_Fd < 0 || m_Pid != ::getpid()) && !Open()) return false;
+  const unsigned int generation = forkGeneration.load(std::memory_order_relaxed);
+  if ((m_Fd < 0 || m_Generation != generation) && !Open()) return false;
   if (ReadKeptDescriptor(pages)) return true;
   // Somebody else closed the descriptor, and the number may be theirs by now: forget it without closing it.
   m_Fd = -1;
@@ -48,7 +59,8 @@ bool ResidentMemory::ReadKeptDescriptor(size_t& pages) {
 bool ResidentMemory::Open() {
   Close();
   m_Fd = ::open(kStatm, O_RDONLY | O_CLOEXEC);
-  m_Pid = ::getpid();
+  CountForks();
+  m_Generation = forkGeneration.load(std::memory_order_relaxed);
   m_PageKb = static_cast<size_t>(::sysconf(_SC_PAGESIZE)) / 1024;
   return m_Fd >= 0;
 }

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstddef>
 
 // The resident set size of the own process in kB, read anew for every question.
@@ -26,6 +24,6 @@ class ResidentMemory {
   bool Open();
 
   int m_Fd = -1;
-  pid_t m_Pid = 0;      // process that opened m_Fd
-  size_t m_PageKb = 0;  // size of a page in kB
+  unsigned int m_Generation = 0;  // counts forks: which process opened m_Fd
+  size_t m_PageKb = 0;            // size of a page in kB
 };

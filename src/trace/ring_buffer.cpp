@@ -11,6 +11,7 @@
 #include <new>
 #include <vector>
 
+#include "platform/descriptor_io.h"
 #include "trace/debug.h"
 
 namespace {
@@ -25,17 +26,6 @@ constexpr size_t kFillerBlock = 64 * kFillerLine;
 constexpr size_t kRoomBesideText = 145;  // header, end of line and terminator of a long entry
 constexpr const char* kNoMemory = "\n## ERROR: No memory: Output Truncated!\n";
 constexpr const char* kTooBig = "\n## WARNING: TRACE-SIZE TOO BIG: Output Truncated!\n";
-
-bool WriteAll(int fd, const char* bytes, size_t count) {
-  while (count > 0) {
-    const ssize_t written = ::write(fd, bytes, count);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return false;
-    bytes += written;
-    count -= static_cast<size_t>(written);
-  }
-  return true;
-}
 
 }  // namespace
 
@@ -100,10 +90,10 @@ bool CDebug::FillRingBuffer(int64_t length) {
   for (size_t at = 0; at < block.size(); at += kFillerLine)
     std::memcpy(block.data() + at, line, kFillerLine);
   constexpr auto kLine = static_cast<int64_t>(kFillerLine);
-  int64_t left = (length + kLine - 1) / kLine * kLine;
-  for (int64_t part = 0; left > 0; left -= part) {
-    part = std::min(left, static_cast<int64_t>(block.size()));
-    if (!WriteAll(m_RingBufferFd, block.data(), static_cast<size_t>(part))) return false;
+  const int64_t whole = (length + kLine - 1) / kLine * kLine;
+  for (int64_t at = 0; at < whole; at += static_cast<int64_t>(block.size())) {
+    const auto part = static_cast<size_t>(std::min(whole - at, static_cast<int64_t>(block.size())));
+    if (!WriteAllAt(m_RingBufferFd, {block.data(), part}, at)) return false;
   }
   return true;
 }

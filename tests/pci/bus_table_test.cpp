@@ -2,17 +2,22 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <utility>
 #include <vector>
 
 #include "pci/legacy_class_table.h"
 
 namespace {
 
+// Entries are never freed; what a test allocates stays reachable here.
+BusTableEntry* Keep(BusTableEntry* entry) {
+  static auto& kept = *new std::vector<BusTableEntry*>;
+  kept.push_back(entry);
+  return entry;
+}
+
 BusTableEntry* NewFunction(int64_t bus, int64_t device) {
   const BusKey key = {kBusTypePci, bus, device, 1, 0};
-  return BusAllocateFunctionEntry(&key);
+  return Keep(BusAllocateFunctionEntry(&key));
 }
 
 std::vector<int64_t> Buses(const BusTable& table) {
@@ -29,19 +34,7 @@ BusKey KeyOf(int64_t bus) {
 // The tables live as long as the process; a test that fills them leaves them empty for the next one.
 class BusTableTest : public ::testing::Test {
  protected:
-  ~BusTableTest() override {
-    const BusTables& tables = GetBusTables();
-    for (const BusTable* table : {&tables.functions, &tables.pcis, &tables.memories, &tables.irqs, &tables.dmas,
-                                  &tables.ports, &tables.components}) {
-      for (BusTableEntry* entry = table->first; entry != nullptr;)
-        std::free(std::exchange(entry, entry->next));
-    }
-    GetBusTables() = {};
-  }
-  static BusTableEntry* Insert(BusTable& table, BusTableEntry* entry) {
-    BusInsertTable(table, entry);
-    return entry;
-  }
+  ~BusTableTest() override { GetBusTables() = {}; }
   BusTable& m_Table = GetBusTables().functions;
 };
 
@@ -50,7 +43,7 @@ class BusTableTest : public ::testing::Test {
 TEST_F(BusTableTest, StaysSortedWhateverTheOrderOfInsertion) {
   std::vector<BusTableEntry*> entries;
   for (const int64_t bus : {4, 2, 9, -3, 6, 2}) {
-    entries.push_back(BusAllocateFunctionEntry(nullptr));
+    entries.push_back(Keep(BusAllocateFunctionEntry(nullptr)));
     entries.back()->function.bus = bus;
     BusInsertTable(m_Table, entries.back());
   }
@@ -83,9 +76,10 @@ TEST_F(BusTableTest, SearchModes) {
 TEST_F(BusTableTest, AllocationReusesTheEntryOfTheKey) {
   BusTableEntry* const function = NewFunction(1, 2);
   BusInsertTable(m_Table, function);
-  BusTableEntry* const first = Insert(GetBusTables().irqs, BusAllocateIrqEntry(function));
+  BusTableEntry* const first = Keep(BusAllocateIrqEntry(function));
+  BusInsertTable(GetBusTables().irqs, first);
   first->irq.irq = 9;
-  BusTableEntry* const second = Insert(GetBusTables().irqs, BusAllocateIrqEntry(function));
+  BusTableEntry* const second = Keep(BusAllocateIrqEntry(function));
   EXPECT_NE(first, second);
   EXPECT_EQ(second->irq.number, 2);
   EXPECT_EQ(second->owner, function);
@@ -95,27 +89,26 @@ TEST_F(BusTableTest, AllocationReusesTheEntryOfTheKey) {
   EXPECT_EQ(NewFunction(1, 2), function);
   EXPECT_EQ(function->used, 1U);
   EXPECT_TRUE(function->function.deviceName.IsEmpty());
-  EXPECT_EQ(BusAllocateIrqEntry(function), first) << "the numbers of the resources start anew";
+  EXPECT_EQ(Keep(BusAllocateIrqEntry(function)), first) << "the numbers of the resources start anew";
   EXPECT_EQ(first->irq.irq, -1);
   EXPECT_EQ(first->irq.sharing, kIrqSharingUnset);
 }
 
 TEST_F(BusTableTest, DefaultKeysAndValues) {
-  BusTables& tables = GetBusTables();
-  const BusTableEntry* const memory = Insert(tables.memories, BusAllocateMemoryEntry(nullptr));
+  const BusTableEntry* const memory = Keep(BusAllocateMemoryEntry(nullptr));
   EXPECT_EQ(memory->key.word1, 1);
   EXPECT_EQ(memory->key.word4, 1);
   EXPECT_EQ(memory->memory.kind, 1);
-  const BusTableEntry* const pci = Insert(tables.pcis, BusAllocatePciEntry(nullptr));
+  const BusTableEntry* const pci = Keep(BusAllocatePciEntry(nullptr));
   EXPECT_EQ(pci->key.word0, 1);
   EXPECT_EQ(pci->key.word2, 1);
   EXPECT_EQ(pci->pci.baseClass, 255);
   const BusKey functionKey = {kBusTypePci, 1, 2, 7, 12};
-  const BusTableEntry* const component = Insert(tables.components, BusAllocateComponentEntry(&functionKey));
+  const BusTableEntry* const component = Keep(BusAllocateComponentEntry(&functionKey));
   EXPECT_EQ(component->component.slot, -1);
   EXPECT_EQ(component->component.name.length, 0U) << "words behind the key do not reach the values";
-  EXPECT_EQ(Insert(tables.dmas, BusAllocateDmaEntry(nullptr))->dma.channel, -1);
-  EXPECT_EQ(Insert(tables.ports, BusAllocatePortEntry(nullptr))->port.word7, 3);
+  EXPECT_EQ(Keep(BusAllocateDmaEntry(nullptr))->dma.channel, -1);
+  EXPECT_EQ(Keep(BusAllocatePortEntry(nullptr))->port.word7, 3);
 }
 
 TEST(CountedString, OwnsItsText) {

@@ -97,6 +97,7 @@ FixtureRoot::FixtureRoot() {
   std::string pattern = (fs::temp_directory_path() / "ravd-root-XXXXXX").string();
   if (::mkdtemp(pattern.data()) == nullptr) std::abort();
   m_Path = pattern;
+  fs::permissions(m_Path, fs::perms(0755));  // a test may look at it as another user
 }
 
 FixtureRoot::~FixtureRoot() {

@@ -1,0 +1,135 @@
+// A module switch to copy: loads every module of the directory "modules" beside this library, starts and stops them,
+// passes the daemon's notifications on and unloads them in the opposite order.
+
+#include <dirent.h>
+#include <dlfcn.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "daemon/switch_interface.h"
+#include "switch/module.h"
+#include "trace/debug.h"
+
+namespace {
+
+using StartFunction = decltype(&ModuleStart);
+using StopFunction = decltype(&ModuleStop);
+using NotifyFunction = decltype(&ModuleNotify);
+
+struct Module {
+  std::string name;
+  void* library = nullptr;
+  StartFunction start = nullptr;
+  StopFunction stop = nullptr;
+  NotifyFunction notify = nullptr;  // may be null
+  bool running = false;
+};
+
+// "/usr/lib/ravd/libswitch.so" => "/usr/lib/ravd/modules"
+std::string ModuleDirectory() {
+  Dl_info info{};
+  if (dladdr(reinterpret_cast<void*>(&ModuleDirectory), &info) == 0) return "modules";
+  const std::string path = info.dli_fname;
+  const size_t slash = path.rfind('/');
+  return (slash == std::string::npos ? "." : path.substr(0, slash)) + "/modules";
+}
+
+std::vector<std::string> ListModules(const std::string& directory) {
+  std::vector<std::string> names;
+  const std::unique_ptr<DIR, int (*)(DIR*)> stream(opendir(directory.c_str()), closedir);
+  while (const dirent* entry = stream != nullptr ? readdir(stream.get()) : nullptr) {
+    const std::string name = entry->d_name;
+    if (name.size() > 3 && name.substr(name.size() - 3) == ".so") names.push_back(name);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+class ExampleSwitch : public ISwitch {
+ public:
+  bool LoadModules(const _ExtensionModuleLoaderConfig& config) override {
+    const std::string directory = ModuleDirectory();
+    TRACE(2, "\nExampleSwitch       : Load modules of %s (run mode %u)", directory.c_str(), config.RunMode);
+    for (const std::string& name : ListModules(directory))
+      Load(directory, name);
+    return true;
+  }
+
+  bool UnloadModules(uint32_t) override {
+    for (; !m_Modules.empty(); m_Modules.pop_back()) {
+      TRACE(2, "\nExampleSwitch       : Unload %s", m_Modules.back().name.c_str());
+      dlclose(m_Modules.back().library);
+    }
+    return true;
+  }
+
+  void StartModules() override {
+    for (Module& module : m_Modules) {
+      module.running = module.start();
+      TRACE(module.running ? 2U : 1U, "\nExampleSwitch       : %s %s", module.name.c_str(),
+            module.running ? "started" : "FAILED to start");
+    }
+  }
+
+  void StopModules() override {
+    for (auto module = m_Modules.rbegin(); module != m_Modules.rend(); ++module) {
+      if (!module->running) continue;
+      module->stop();
+      module->running = false;
+      TRACE(2, "\nExampleSwitch       : %s stopped", module->name.c_str());
+    }
+  }
+
+  void NotifyEvent(uint32_t event, void* data, void*) override {
+    for (const Module& module : m_Modules) {
+      if (module.running && module.notify != nullptr) module.notify(event, data);
+    }
+  }
+
+ private:
+  void Load(const std::string& directory, const std::string& name) {
+    Module module;
+    module.name = name;
+    module.library = dlopen((directory + "/" + name).c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (module.library == nullptr) {
+      TRACE(1, "\nExampleSwitch       : ERROR! %s", dlerror());
+      return;
+    }
+    module.start = reinterpret_cast<StartFunction>(dlsym(module.library, "ModuleStart"));
+    module.stop = reinterpret_cast<StopFunction>(dlsym(module.library, "ModuleStop"));
+    module.notify = reinterpret_cast<NotifyFunction>(dlsym(module.library, "ModuleNotify"));
+    if (module.start == nullptr || module.stop == nullptr) {
+      TRACE(1, "\nExampleSwitch       : ERROR! %s lacks ModuleStart or ModuleStop", name.c_str());
+      dlclose(module.library);
+      return;
+    }
+    m_Modules.push_back(module);
+  }
+
+  std::vector<Module> m_Modules;
+};
+
+ExampleSwitch& Switch() {
+  static ExampleSwitch instance;
+  return instance;
+}
+
+}  // namespace
+
+extern "C" {
+
+__attribute__((visibility("default"))) void SW_AddRef() {}
+
+__attribute__((visibility("default"))) void SW_Release() {
+  TRACE(3, "\nExampleSwitch       : reference given back");
+}
+
+__attribute__((visibility("default"))) bool SW_QueryInterface(uint32_t identifier, ISwitch** switchInterface) {
+  if (identifier != 0) return false;
+  *switchInterface = &Switch();
+  return true;
+}
+}

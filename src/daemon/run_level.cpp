@@ -1,0 +1,110 @@
+#include "daemon/run_level.h"
+
+#include <unistd.h>
+#include <utmp.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string_view>
+
+#include "daemon/daemon_name.h"
+#include "trace/debug.h"
+
+namespace {
+
+constexpr const char* kSystemctl = "/usr/bin/systemctl";
+constexpr const char* kRunLevelFile = "/etc/pelrix/RunLevel";
+constexpr const char* kRunLevelCommand = "/sbin/runlevel";
+constexpr std::array<std::string_view, 3> kReleasesWithRunLevelFile = {"RHEL7", "SLES12", "OL7"};
+
+constexpr int kUnknown = -1;
+constexpr int kSimpleStop = 5;
+constexpr int kTries = 3;
+
+struct CloseFile {
+  void operator()(FILE* file) const { std::fclose(file); }
+};
+struct ClosePipe {
+  void operator()(FILE* pipe) const { ::pclose(pipe); }
+};
+
+// The release that the environment names, "" when it names none.
+std::string_view IdentifyRelease() {
+  const char* nickname = std::getenv("QN_NICKNAME");
+  if (nickname == nullptr || *nickname == '\0') {
+    Debug.PrintAlways(0, "%s-MAIN: cannot identify OS (from QN_NICKNAME) on which we are running\n", kDaemonName);
+    return "";
+  }
+  TRACE(1, "%s-MAIN: we are runing on OS \"%s\"\n", kDaemonName, nickname);
+  return nickname;
+}
+
+bool UsesRunLevelFile(std::string_view release) {
+  if (::access(kSystemctl, F_OK) == 0) {
+    TRACE(1, "%s-MAIN: %s detected on this OS\n", kDaemonName, kSystemctl);
+    return true;
+  }
+  for (const std::string_view known : kReleasesWithRunLevelFile) {
+    if (release == known) return true;
+  }
+  TRACE(1, "%s-MAIN: try to indentify runlevel on older OS\n", kDaemonName);
+  return false;
+}
+
+int ReadRunLevelFile() {
+  std::unique_ptr<FILE, CloseFile> file;
+  for (int attempt = 0; attempt < kTries; ++attempt) {
+    file.reset(std::fopen(kRunLevelFile, "re"));
+    if (file != nullptr) break;
+    Debug.PrintAlways(0, "%s-MAIN: cannot open %s (try %d)\n", kDaemonName, kRunLevelFile, attempt);
+    ::sleep(1);
+  }
+  if (file == nullptr) {
+    Debug.PrintAlways(0, "%s-MAIN: this seems to be a simple stop of %s (not OS shutdown)\n", kDaemonName, kDaemonName);
+    return kSimpleStop;
+  }
+  int runLevel = kUnknown;
+  if (std::fscanf(file.get(), "%d", &runLevel) != 1) return kUnknown;
+  TRACE(1, "%s-MAIN: OS shutdown reguired: RunLevel = %d from %s\n", kDaemonName, runLevel, kRunLevelFile);
+  return runLevel == kRunLevelHalt || runLevel == kRunLevelReboot ? runLevel : kUnknown;
+}
+
+// The first run level record; its low byte is the character of the run level.
+std::optional<int> ReadLoginRecords() {
+  std::optional<int> runLevel;
+  ::setutent();
+  while (const utmp* record = ::getutent()) {
+    if (record->ut_type != RUN_LVL) continue;
+    runLevel = record->ut_pid % 256 - '0';
+    break;
+  }
+  ::endutent();
+  return runLevel;
+}
+
+// "N 5" => 5
+int AskRunLevelCommand() {
+  const std::unique_ptr<FILE, ClosePipe> pipe(::popen(kRunLevelCommand, "re"));
+  char line[64];
+  if (pipe == nullptr || std::fgets(line, sizeof line, pipe.get()) == nullptr) return kUnknown;
+  const char* blank = std::strchr(line, ' ');
+  return blank != nullptr ? blank[1] - '0' : kUnknown;
+}
+
+int AskOlderSystem() {
+  const std::optional<int> recorded = ReadLoginRecords();
+  return recorded && *recorded != kUnknown ? *recorded : AskRunLevelCommand();
+}
+
+}  // namespace
+
+int DetermineRunLevel() {
+  const std::string_view release = IdentifyRelease();
+  const int runLevel = UsesRunLevelFile(release) ? ReadRunLevelFile() : AskOlderSystem();
+  Debug.PrintAlways(0, "%s-MAIN: Current RunLevel = %d\n", kDaemonName, runLevel);
+  return runLevel;
+}

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "netif/netlink.h"
+
+namespace libnetif {
+
+// What a listener can be told about. The values are the rtnetlink multicast group bits and may be combined.
+enum class interface_change_event_type : uint32_t {
+  link_changes = 1,           // RTMGRP_LINK
+  ipv4_address_changes = 16,  // RTMGRP_IPV4_IFADDR
+};
+
+constexpr interface_change_event_type operator|(interface_change_event_type left, interface_change_event_type right) {
+  return static_cast<interface_change_event_type>(static_cast<uint32_t>(left) | static_cast<uint32_t>(right));
+}
+
+struct interface_change {
+  int interface_index = 0;
+  std::string name;  // as the message itself gives it; empty when it gives none
+};
+
+// True when the message reports a change of one of the wanted types, which is then in change. Otherwise change stays as
+// it was.
+bool parse_interface_change(const netlink_message& message, interface_change_event_type wanted,
+                            interface_change& change);
+
+}  // namespace libnetif

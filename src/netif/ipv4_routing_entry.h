@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "netif/netlink.h"
+
+namespace libnetif {
+
+// One route of the main IPv4 table. Addresses are in network byte order; 0 stands for an attribute that the route does
+// not have.
+struct ipv4_routing_entry {
+  uint32_t source = 0;  // preferred source address
+  uint32_t destination = 0;
+  // The number whose lowest bits are set, as many as the destination's prefix is long: in memory it reads as the dotted
+  // netmask when that length is a multiple of 8.
+  uint32_t netmask = 0;
+  uint32_t gateway = 0;
+  uint32_t metric = 0;
+  std::string interface_name;  // empty when the route names no single interface (blackhole, several next hops)
+
+  bool operator==(const ipv4_routing_entry&) const = default;
+};
+
+// True when the message is an IPv4 route of the main table. entry then holds everything but the interface name, for
+// which interface_index stands, 0 when the route has none. Otherwise both stay as they were. An attribute too short for
+// its value counts as missing, a prefix beyond 32 bits as 32.
+bool parse_ipv4_route(const netlink_message& message, ipv4_routing_entry& entry, int& interface_index);
+
+}  // namespace libnetif

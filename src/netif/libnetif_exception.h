@@ -1,0 +1,25 @@
+#pragma once
+
+#include <stdexcept>
+#include <string_view>
+
+namespace libnetif {
+
+// The one failure report of the network interface library.
+//
+// what() is the text of the operation, followed, where the system gave an error number, by "\nError message: " and the
+// system's text for that number: "Retriving interface mtu failed.\nError message: No such device".
+class libnetif_exception : public std::runtime_error {
+ public:
+  // A failure without an error number, such as an interface without an address of the wanted family.
+  explicit libnetif_exception(std::string_view text);
+  libnetif_exception(std::string_view text, int error_number);
+
+  // The number given at construction, 0 when there was none.
+  int error_number() const noexcept { return m_error_number; }
+
+ private:
+  int m_error_number = 0;
+};
+
+}  // namespace libnetif

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "netif/network_statistics.h"
+
+namespace libnetif {
+
+// The kernel's ARP hardware types that the library tells apart; every other type is unknown.
+enum class interface_hardware_type : uint16_t { unknown = 0, ethernet = 1, infiniband = 32, loopback = 772 };
+
+using ipv6_address = std::array<uint8_t, 16>;        // network order
+using infiniband_address = std::array<uint8_t, 20>;  // in the order of its text
+
+// One network interface of the host, known by its name.
+//
+// Nothing is cached: each property is read anew from the system on each call, through a socket that the call opens and
+// closes. So any thread may ask, and an interface that is gone or renamed meanwhile gives a failure.
+// Failures: libnetif_exception with the text given at the property and the system's error, after the socket is closed.
+// A name longer than the kernel's limit of 15 characters is cut to it in requests to the kernel.
+class network_interface {
+ public:
+  explicit network_interface(std::string name);
+
+  const std::string& get_name() const { return m_name; }
+
+  // "Retriving interface flags failed."
+  uint16_t get_flags() const;
+  // Whether any bit of the mask is set. Fails as get_flags does, and so do the five tests.
+  bool get_flag(uint16_t mask) const;
+  bool is_up() const;
+  bool is_running() const;
+  bool is_loopback() const;
+  bool is_broadcast_set() const;
+  bool is_multicast_support() const;
+
+  // Bytes. "Retriving interface mtu failed."
+  int get_mtu() const;
+  // "Retriving interface ipv4 index failed."
+  int get_ipv4_index() const;
+
+  // Network byte order. "Retriving interface ipv4 address failed." (an interface without an IPv4 address fails so; the
+  // other two name netmask and broadcast), or "This interface doesn't contain ipv4 address." for another family.
+  uint32_t get_ipv4_address() const;
+  uint32_t get_ipv4_netmask() const;
+  uint32_t get_ipv4_broadcast() const;
+
+  // The six bytes in the low 48 bits, the first one lowest. "Retriving interface ether address failed.", or
+  // "This interface doesn't contain ether hardrware address." for other hardware.
+  uint64_t get_ether_address() const;
+  // "Retriving interface infiniband address failed.", also when the address file cannot be read or understood, or
+  // "This interface doesn't contain infiniband hardrware address." for other hardware.
+  infiniband_address get_infiniband_address() const;
+  // "Retriving interface ether address failed."
+  interface_hardware_type get_hardware_type() const;
+
+  // Mbit/s; -1 when the driver does not support the request or does not know the speed.
+  // "Retriving interface max speed failed."
+  int get_max_speed() const;
+
+  // The first one of the interface, all zero when it has none. "Retriving interface ipv6 address failed."
+  ipv6_address get_ipv6_address() const;
+  ipv6_address get_ipv6_netmask() const;
+
+  // All zero when the interface vanishes between the look-up of its index ("Retriving interface ipv4 index failed.")
+  // and the answer. The other failures are those of a socket, with the name "network interface".
+  network_statistics get_network_statistics() const;
+
+ private:
+  std::string m_name;
+};
+
+// "80:00:02:08:fe:80:...:f1\n", twenty hexadecimal byte values => the twenty bytes. False for anything else; address
+// then stays as it was.
+bool parse_infiniband_address(std::string_view text, infiniband_address& address);
+
+}  // namespace libnetif

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+// The sample records of the performance monitor: four unsigned 64-bit numbers each, in an order that percentage rules
+// refer to by position.
+
+// Bytes. Virtual memory is physical memory and swap together.
+struct _PerfDataMemory {
+  uint64_t totalVirtual;
+  uint64_t usedVirtual;
+  uint64_t totalPhysical;
+  uint64_t usedPhysical;
+};
+
+// Clock ticks of all processors spent since the previous sample. user includes nice; total is user, system and idle.
+struct _PerfDataSystem {
+  uint64_t total;
+  uint64_t user;
+  uint64_t kernel;
+  uint64_t idle;
+};
+
+// As _PerfDataSystem, for one processor.
+struct _PerfDataCpu {
+  uint64_t total;
+  uint64_t user;
+  uint64_t kernel;
+  uint64_t idle;
+};
+
+struct _PerfDataNetwork {
+  uint64_t speed;     // bytes per second that the link carries; all-ones when unknown
+  uint64_t capacity;  // bytes that the link carries in the interval of the sample
+  uint64_t received;  // bytes per second
+  uint64_t sent;      // bytes per second
+};
+
+// What every record is for a percentage rule.
+using PerfFields = std::array<uint64_t, 4>;
+
+// Products and sums of 64-bit counters do not fit in 64 bits.
+__extension__ typedef unsigned __int128 uint128;
+
+// Cuts a wide result to what a record can hold.
+constexpr uint64_t Saturate(uint128 value) {
+  return value > UINT64_MAX ? UINT64_MAX : static_cast<uint64_t>(value);
+}

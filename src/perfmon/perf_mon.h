@@ -1,0 +1,164 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <vector>
+
+#include "perfmon/data_history_buffer.h"
+#include "perfmon/net_dev.h"
+#include "perfmon/network_interface_table.h"
+#include "perfmon/percent_sum.h"
+#include "perfmon/perf_data.h"
+#include "perfmon/proc_file.h"
+#include "platform/critical_section.h"
+#include "platform/event.h"
+#include "platform/thread.h"
+#include "platform/unique_fd.h"
+
+class CProcInfo;
+
+// Samples the load of the machine at a fixed interval in a thread of its own, keeps a bounded history per monitored
+// object and answers what percentage was used: at the latest sample, or on average over the history.
+//
+//   CPerfMon monitor(60);
+//   monitor.StartMonitoring(CPerfMon::systemCpu | CPerfMon::memory, 1000);
+//   unsigned char percent;
+//   if (monitor.GetCurrentPercent(CPerfMon::cpuUsed, percent, 0)) ...
+//
+// Threads: every operation may be called from any thread at any time. Starting and stopping wait for one another;
+// queries of system, network and memory values wait for neither.
+// Ownership: the object owns its thread, histories and the descriptors that it keeps open from sample to sample.
+// Failures: what cannot be read is traced and left out of the histories; a query that has no object to answer for
+// gives 0 % and false.
+// Not copyable; the monitoring thread holds the object's address.
+class CPerfMon {
+ public:
+  // The bits of the start mask, but for processes, which any bit of kProcessMask selects.
+  enum PerfMonitorType : unsigned int {
+    systemCpu = 1,
+    perCpu = 2,  // accepted and traced, but not sampled: its values have no instance
+    network = 4,
+    memory = 8,
+    processes = 16,
+  };
+  static constexpr unsigned int kProcessMask = 0xF800;
+
+  enum PerfMonitorValue : unsigned int {
+    cpuUsed = 0,
+    cpuIdle = 1,
+    cpuUser = 2,
+    cpuKernel = 3,
+    perCpuUsed = 4,
+    perCpuIdle = 5,
+    perCpuUser = 6,
+    perCpuKernel = 7,
+    memoryVirtual = 8,
+    memoryPhysical = 9,
+    networkTotal = 10,
+    networkSent = 11,
+    networkReceived = 12,
+    processFirst = 13,
+    processLast = 20,
+  };
+
+  // Modes of GetUsagePercent.
+  static constexpr int kModeCurrent = 0;
+  static constexpr int kModeAverage = 1;
+
+  static constexpr int kAllInstances = -1;
+
+  // historySize: elements kept per instance.
+  explicit CPerfMon(unsigned int historySize);
+  // Stops the monitoring.
+  ~CPerfMon();
+  CPerfMon(const CPerfMon&) = delete;
+  CPerfMon& operator=(const CPerfMon&) = delete;
+
+  // Sets up empty histories for the kinds in mask, takes two samples 250 ms apart, so that the differences of an
+  // interval are there at once, and starts the thread. Returns whether the thread runs; when it does not, no history
+  // is left. Nothing reaches back over the time without monitoring, but the interfaces stay those of the first count.
+  // With no kind that can be sampled (per-CPU alone, or network without an interface) no thread is started.
+  // When already started, only the interval changes, from the next wait on. With an interval of 0 the thread ends at
+  // once and SnapshotData alone adds samples; the object counts as started all the same.
+  bool StartMonitoring(int mask, unsigned int updateTimeMs);
+
+  // Wakes the thread, waits for it and empties the histories. A sample that runs is finished. May be called again.
+  void StopMonitoring();
+
+  bool IsStarted() const { return m_Started.load(std::memory_order_relaxed); }
+
+  // Takes one sample of the kinds in mask now. A kind that was not started is read, but has no history to enter.
+  void SnapshotData(unsigned int mask);
+
+  // Whether the value is one of that kind; false for anything that is not one kind.
+  static bool IsMonitorValue(PerfMonitorValue value, PerfMonitorType type);
+
+  // Percentage 0-100 of the newest sample, or over the whole history. instance: the interface number for network
+  // values, the process id for process values, 0 for the others; kAllInstances means all of them together.
+  // 0 % and true for an instance without samples. 0 % and false for an unknown value and for an instance that does not
+  // exist, kAllInstances without any instance included. No process is known, so process values are always the latter.
+  bool GetCurrentPercent(PerfMonitorValue value, unsigned char& percent, int instance);
+  bool GetAveragePercent(PerfMonitorValue value, unsigned char& percent, int instance);
+
+  // One of the above by its mode; with any other mode false, and percent is left as it was.
+  bool GetUsagePercent(unsigned char& percent, PerfMonitorValue value, int mode, int instance);
+
+ private:
+  static void* StartMonitoringThread(void* monitor);
+  void MonitorUntilStopped();
+
+  // Steps of StartMonitoring and StopMonitoring; m_CritSec is held.
+  void CreateHistories(unsigned int mask);
+  void CreateNetworkHistory();
+  void ForgetLastSamples();
+  bool HasHistory() const;
+  bool StartThread();
+  void DestroyHistories();
+
+  // Steps of a sample; m_SampleSection is held.
+  void SnapshotMemory();
+  void SnapshotSystem();
+  void SnapshotNetwork();
+  void SnapshotInterface(int number, const NetDevLine& line, uint64_t nowMs);
+  bool ReadMemory(_PerfDataMemory& record);
+  bool ReadSystem(_PerfDataSystem& ticks);
+  uint64_t LinkSpeed(std::string_view name);
+
+  bool GetPercent(PerfMonitorValue value, unsigned char& percent, int instance, bool newestOnly);
+  bool GetProcessPercent(unsigned char& percent, int instance);
+  template <typename T>
+  static bool GetHistoryPercent(const CDataHistoryBuffer<T>& history, PercentRule rule, unsigned char& percent,
+                                int instance, bool newestOnly);
+
+  // Starting and stopping hold this section throughout; it also guards the maps of the processes.
+  CCriticalSection m_CritSec;
+  std::map<uint32_t, CProcInfo*> m_Processes;  // by process id; nothing enters one
+  std::map<int, bool> m_ProcessFlags;
+
+  // Guarded by m_SampleSection.
+  std::vector<NetInterfaceState> m_Interfaces;  // known from the first start of network monitoring on
+  _PerfDataSystem m_LastTicks{};                // idle 0 = no sample yet
+
+  // Each has its own lock.
+  CDataHistoryBuffer<_PerfDataCpu> m_CpuHistory;
+  CDataHistoryBuffer<_PerfDataSystem> m_SystemHistory;
+  CDataHistoryBuffer<_PerfDataNetwork> m_NetworkHistory;
+  CDataHistoryBuffer<_PerfDataMemory> m_MemoryHistory;
+
+  CThread m_Thread;
+  CEvent m_StopEvent;
+
+  std::atomic<uint32_t> m_UpdateTime = 1000;  // ms
+  const uint32_t m_HistorySize;
+  std::atomic<bool> m_Started = false;
+  uint32_t m_MonitorMask = 0;       // written while no thread runs
+  bool m_MonitorProcesses = false;  // guarded by m_CritSec
+
+  // One sample at a time; taken after m_CritSec and before the lock of a history.
+  CCriticalSection m_SampleSection;
+  CProcFile m_MemInfoFile;
+  CProcFile m_StatFile;
+  CProcFile m_NetDevFile;
+  UniqueFd m_Socket;
+};

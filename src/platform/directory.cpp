@@ -1,0 +1,52 @@
+#include "platform/directory.h"
+
+#include <dirent.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+#include "trace/debug.h"
+
+namespace {
+
+struct CloseDirectory {
+  void operator()(DIR* directory) const { ::closedir(directory); }
+};
+
+struct FreeText {
+  void operator()(char* text) const { std::free(text); }
+};
+
+bool IsSelfOrParent(std::string_view name) {
+  return name == "." || name == "..";
+}
+
+}  // namespace
+
+bool CDirectory::GetDirectoryContent(std::vector<std::string>& entries, const std::string& directory, bool fullPath) {
+  const std::unique_ptr<DIR, CloseDirectory> stream(::opendir(directory.c_str()));  // close-on-exec by itself
+  int error = errno;
+  if (stream == nullptr) {
+    TRACE(1, "\nCDirectory::GetDirectoryContent :Cannot open directory: \"%s\". Error message: %s", directory.c_str(),
+          std::strerror(error));
+    return false;
+  }
+  std::string prefix;
+  if (fullPath) {
+    const std::unique_ptr<char, FreeText> canonical(::realpath(directory.c_str(), nullptr));
+    error = errno;
+    if (canonical == nullptr) {
+      TRACE(1, "\nCDirectory::GetDirectoryContent : Cannot get absolute directory of path: \"%s\". Error message: %s",
+            directory.c_str(), std::strerror(error));
+      return false;
+    }
+    prefix = std::string(canonical.get()) + "/";
+  }
+  while (const dirent* entry = ::readdir(stream.get())) {
+    if (!IsSelfOrParent(entry->d_name)) entries.push_back(prefix + entry->d_name);
+  }
+  return !entries.empty();
+}

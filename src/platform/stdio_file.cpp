@@ -1,0 +1,51 @@
+#include "platform/stdio_file.h"
+
+#include <fcntl.h>
+
+#include <string_view>
+
+#include "platform/descriptor_io.h"
+#include "platform/unique_fd.h"
+#include "trace/debug.h"
+
+namespace {
+
+void AppendLines(std::vector<std::string>& lines, std::string_view text) {
+  while (!text.empty()) {
+    const size_t length = text.find('\n');
+    lines.emplace_back(text.substr(0, length));
+    if (length == std::string_view::npos) return;
+    text.remove_prefix(length + 1);
+  }
+}
+
+}  // namespace
+
+bool CStdioFile::ReadFile(std::vector<std::string>& lines, const std::string& path) {
+  const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file) {
+    TRACE(1, "\nCStdioFile::ReadFile   : Cannot read file \"%s\"!\n", path.c_str());
+    return false;
+  }
+  std::string text;
+  ReadToEnd(file.Get(), text);
+  AppendLines(lines, text);
+  return true;
+}
+
+bool CStdioFile::GetLineFromFile(std::string& line, const std::string& path, uint8_t index) {
+  std::vector<std::string> lines;
+  if (!ReadFile(lines, path)) {
+    TRACE(1, "\nCStdioFile::GetLineFromFile  : Cannot read file \"%s\"!\n", path.c_str());
+    return false;
+  }
+  if (index >= lines.size()) {
+    TRACE(
+        1,
+        "\nCStdioFile::GetLineFromFile  : File has %d lines. Requested line index: %d does not exist (index is 0 based).\n",
+        static_cast<int>(lines.size()), index);
+    return false;
+  }
+  line = lines[index];
+  return true;
+}

@@ -1,0 +1,190 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "platform/critical_section.h"
+#include "registry/registry_node.h"
+#include "registry/registry_value.h"
+
+// Handle to the process-wide registry: a tree of keys with typed values, kept in the text file /etc/pelrix/registry.
+//
+// The first object of the process loads the tree, and the destruction of an object saves it when it has changed. An
+// object holds one current key, a copy of the value it read last and the state of its enumerations. Paths below a key
+// separate their components by backslashes; a rest without any backslash may use slashes. Names are case-sensitive.
+//
+//   CRegistry registry("SOFTWARE\\Agent", CRegistry::HKEY_LOCAL_MACHINE, 0);
+//   unsigned int port = 0;
+//   if (registry.QueryValue(&port, "Port") == CRegistry::kSuccess) ...
+//
+// Threads: an object belongs to one thread at a time; any number of objects may be at work at once. Each access to a
+// key takes that key's lock, one at a time. Loading and saving are serialised; a save locks each key only while its
+// entries are turned into text, and neither reading and writing nor opening further objects waits for the disk.
+// Ownership: the tree owns the keys. An object borrows its current key and keeps its memory from being freed: a key
+// that somebody else deletes becomes empty for good. Reads find nothing in it, SetValue and CreateKey fail. The same
+// holds for the root key handles and for what KeepKeyHandle gives away. Failure: by result code, which is also left in
+// m_Result; nothing throws. A name, path or text argument that is null counts as missing.
+class CRegistry {
+ public:
+  enum Result : int {
+    kSuccess = 0,
+    kNoKey = -1,  // key not found, a component of the path is a value, no parent key
+    kMissingArgument = 22,
+    kTooSmall = 34,  // character buffer of QueryValue too small, or without a count
+    kNoValue = 61,   // no such value, wrong type, or an index past the end
+  };
+
+  // Type filter of EnumVal that takes every value.
+  static constexpr unsigned int kAnyType = 999;
+
+  // The root keys; null when the tree that was loaded has no such key and after the key was deleted.
+  static CRegistryNode* HKEY_LOCAL_MACHINE;
+  static CRegistryNode* HKEY_CURRENT_USER;
+  static CRegistryNode* HKEY_USERS;
+  static CRegistryNode* HKEY_CLASSES_ROOT;
+  static CRegistryNode* HKEY_CURRENT_CONFIG;
+
+  CRegistry();
+  // hKey is looked at after the tree was loaded, so a root key handle may be given by the first object, too.
+  explicit CRegistry(CRegistryNode*& hKey);
+  CRegistry(const char* path, CRegistryNode*& hKey, int access);  // as Open; see m_Result
+  // Both objects have the same current key afterwards. What was read and enumerated is not copied.
+  CRegistry(CRegistry& other);
+  CRegistry& operator=(CRegistry& other);
+  ~CRegistry();
+
+  void InitClass();
+  // Gives up the current key and returns it. Its memory stays for good, so that it can be used as a parent key.
+  CRegistryNode* KeepKeyHandle();
+  // Forgets the current key; whether there was one.
+  bool Close();
+
+  // Keys. access, flag, reserved and reservedFlag mean nothing.
+
+  // A null parent stands for the root, whose subkeys are the root keys. On failure there is no current key.
+  int Open(const char* path, CRegistryNode* parent, int access = 0);
+  // Makes the keys of the path that are missing. A null parent stands for the current key. On failure the current key
+  // stays as it was, and so do the keys made on the way.
+  int CreateKey(CRegistryNode* parent, const char* path, bool flag = false, int access = 0);
+  int NoOfSubKeys(unsigned int* count);
+  // The name is cut to *nameLen - 1 characters and terminated; *nameLen is what was copied. A size of 0 copies nothing.
+  int EnumKey(char* name, unsigned int* nameLen, unsigned int index, char* className, unsigned int* classLen);
+  int EnumKey(char* name, unsigned int nameLen, unsigned int index, char* className, unsigned int classLen);
+  // With all that is below it.
+  int DeleteKey(const char* name);
+  // Opens the key whose path, from a root key name in any case on, is the text of a value.
+  int OpenPointerKey(const char* keyPath, const char* valueName, CRegistryNode* parent, int access = 0);
+  int OpenUUIDPointer(const char* valueName, CRegistryNode* parent, int access, const char* reserved,
+                      bool reservedFlag);
+  static bool GetProductRegistryRoot(std::string& value, const char* valueName);
+
+  // Values. A null node stands for the current key.
+
+  // Bytes, for texts with the terminating zero; 0 when there is no such value.
+  unsigned int GetValueSize(const char* name, CRegistryNode* node = nullptr);
+  // The value's bytes, texts with their zero, expandable texts expanded. Valid until the next read through this object
+  // or its end.
+  const char* GetValue(const char* name, CRegistryNode* node = nullptr);
+  // Any value of exactly four bytes counts as a number.
+  int QueryValue(unsigned int* number, const char* name, CRegistryNode* node = nullptr);
+  int QueryValue(std::string& text, const char* name, CRegistryNode* node = nullptr);
+  // *count: size of the buffer before, length of the text afterwards; its size with the zero for a null buffer. A text
+  // that does not fit is cut, without a zero, and *count stays.
+  int QueryValue(char* buffer, const char* name, unsigned int* count, CRegistryNode* node = nullptr);
+  int QueryValue(char* buffer, const char* name, unsigned int count, CRegistryNode* node = nullptr);
+
+  // Texts need no terminating zero. A null name stores nothing and succeeds.
+  bool SetValue(const char* name, const unsigned char* data, unsigned int size, unsigned int type,
+                CRegistryNode* node = nullptr);
+  int SetValue(const char* name, unsigned int number);
+  int SetValue(const char* name, const char* text);
+  // The name as in EnumKey. Texts are copied as by QueryValue with dataLen as its count, numbers when there is room for
+  // four bytes; *dataLen is 0 for everything else.
+  int EnumVal(char* name, unsigned int* nameLen, unsigned int index, unsigned int type, unsigned char* data,
+              unsigned int* dataLen);
+  int EnumVal(char* name, unsigned int nameLen, unsigned int index, unsigned int type, unsigned char* data,
+              unsigned int dataLen);
+  // A missing value is no failure. A subkey of that name goes with all that is below it.
+  int DeleteValue(const char* name);
+
+  // The process-wide tree
+
+  // Reads one file into the node. False when it cannot be opened or read, is empty or has no value line.
+  static bool ReadTree(const char* path, CRegistryNode& node);
+  // Loads the tree from the registry file, else from its backup, else from the default file, and sets the root keys.
+  // Does nothing when it was loaded before, unless forced: then the keys of the file replace those of the tree, and
+  // changes that were not saved are lost with them.
+  static void SetupTree(bool forceSetup);
+  // Writes the tree when it has changed: completely and down to the disk as registry.new, which then takes the place
+  // of the registry file, whose old content stays as its backup. When that fails, it is traced, the registry file is
+  // as it was, and the next save tries again - except when registry.new cannot be opened: then the changes count as
+  // saved until the next one.
+  static void SaveTree();
+
+  int m_Result;             // of the last operation
+  uint32_t m_ValueSize;     // of the value read last; after expansion without the terminating zero
+  uint32_t m_ValueType;     // of the value read last
+  bool m_ExpandStrings;     // expand texts of type 2 when they are read; set by the caller
+  uint32_t m_EnumKeyCount;  // after EnumKey: index + 1
+  uint32_t m_EnumKeyPos;    // and position of the entry + 1
+  uint32_t m_EnumValCount;  // after EnumVal: index + 1
+  uint32_t m_EnumValType;   // the filter
+  uint32_t m_EnumValPos;    // and position of the entry + 1
+
+ private:
+  // A copy that is made again and again: its memory is kept while it is large enough.
+  struct Buffer {
+    std::unique_ptr<char[]> bytes;
+    size_t capacity = 0;
+
+    char* Reserve(size_t size);
+    void Assign(const char* data, size_t size);
+    void Free();
+  };
+
+  void FreeClass();
+  void SetKey(CRegistryNodeRef key);
+  CRegistryNode* NodeOrCurrent(CRegistryNode* node) const { return node != nullptr ? node : m_hKey.Get(); }
+  int SetResult(int result) { return m_Result = result; }
+  int OpenPath(const char* path, CRegistryNode* parent);
+  int CreatePath(CRegistryNode* parent, std::string_view path);
+  const char* ReadValue(CRegistryNode& node, std::string_view name);
+  static bool StoreValue(CRegistryNode& node, const char* name, CRegistryValue& value);
+  int EnumKeyEntry(CRegistryNode& node, unsigned int index, char* name, unsigned int& nameLen);
+  int EnumValEntry(CRegistryNode& node, unsigned int index, unsigned int type, char* name, unsigned int& nameLen,
+                   unsigned char* data, unsigned int* dataLen);
+  void CopyEnumData(CRegistryNode& node, const RegistryEntry& entry, unsigned char* data, unsigned int* dataLen);
+
+  // The tree was changed, or a change was asked for.
+  static void MarkDirty();
+  // A tree without the first root key gets the entries of all root keys that it lacks.
+  static void RestoreRootEntries();
+  static bool LoadTree();
+  static void TakeRootKeys();
+  // After an entry was taken from a node: a root key that went with it leaves no handle behind.
+  static void ForgetRootKey(const CRegistryNode& parent, const CRegistryValue& removed);
+  static bool ReplaceRegistryFile();
+
+  static constexpr const char* MPRegistry = "/etc/pelrix/registry";
+  static constexpr const char* MPRegistryOld = "/etc/pelrix/registry.old";
+  static constexpr const char* MPRegistryTemp = "/etc/pelrix/registry.new";
+  static constexpr const char* MPRegistryDefault = "/etc/pelrix/registry.default";
+
+  // Never destroyed, so that objects of static storage may use the registry to the end.
+  static CRegistryNode& MRootNode;
+  static CCriticalSection& MClassLock;  // serialises SetupTree and SaveTree; taken before the lock of a node
+
+  static std::atomic<bool> MIsDirty;
+  static std::atomic<bool> MIsSetup;
+  static std::atomic<uint64_t> MChanges;  // counts the calls of MarkDirty: a save sees what came while it wrote
+  static bool MIsSaved;                   // the registry file is what this process wrote; guarded by the class lock
+
+  CRegistryNodeRef m_hKey;
+  Buffer m_ValueBuffer;
+  Buffer m_KeyPath;
+  uint64_t m_EnumKeyVersion;  // of the key's entries when EnumKey looked at them last, 0 = none: the next index goes
+  uint64_t m_EnumValVersion;  // on from there as long as they are the same
+};

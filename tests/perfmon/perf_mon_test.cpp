@@ -1,0 +1,237 @@
+#include "perfmon/perf_mon.h"
+
+#include <gtest/gtest.h>
+#include <linux/ethtool.h>
+#include <linux/sockios.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <numeric>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/fake_ioctl.h"
+#include "support/fixture_root.h"
+#include "support/trace_capture.h"
+
+namespace {
+
+constexpr auto kNetDev = "Inter-|\n face |bytes\n lo: 1\neth0: 100 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16\n";
+
+void WriteFile(const char* path, const std::string& text) {
+  std::ofstream(path, std::ios::trunc) << text;
+}
+
+// Every interface but en9 exists and runs at 1000 Mb/s.
+std::optional<int> AnswerForInterfaces(const std::string&, unsigned long request, void* argument) {
+  const auto* question = static_cast<const ifreq*>(argument);
+  if (request == SIOCGIFFLAGS) return std::string(question->ifr_name) == "en9" ? -ENODEV : 0;
+  if (request != SIOCETHTOOL) return std::nullopt;
+  ethtool_cmd_speed_set(reinterpret_cast<ethtool_cmd*>(question->ifr_data), 1000);
+  return 0;
+}
+
+// What the two queries answer, current/average; '!' for false. "50/25 0!/0! "
+std::string Percents(CPerfMon& monitor, const std::vector<std::pair<unsigned int, int>>& valuesAndInstances) {
+  std::string text;
+  for (const auto& [value, instance] : valuesAndInstances) {
+    for (const int mode : {0, 1}) {
+      unsigned char percent = 77;
+      const bool done = monitor.GetUsagePercent(percent, CPerfMon::PerfMonitorValue{value}, mode, instance);
+      text += std::to_string(percent) + (done ? "" : "!") + (mode == 0 ? "/" : " ");
+    }
+  }
+  return text;
+}
+
+// What was traced up to the end of the first sample, but for the thread: the texts behind the known names.
+std::string LinesOfMonitor(const TraceCapture& trace) {
+  std::string lines;
+  for (const std::string& line : trace.Lines()) {
+    for (const std::string name : {"CPerfMon::Start     : ", "CPerfMon::SnapData  : ", "CPerfMon::Stop      : ",
+                                   "CDataHistoryBuffer  : ", "CNetworkInterface", "GetInterface: "}) {
+      if (line.starts_with(name)) lines += line.substr(name.size()) + '|';
+    }
+    if (line.ends_with("finished")) break;
+  }
+  return lines;
+}
+
+template <typename Body>
+std::jthread Repeat(Body body) {
+  return std::jthread([body](const std::stop_token& stop) {
+    while (!stop.stop_requested())
+      body();
+  });
+}
+
+}  // namespace
+
+TEST(CPerfMon, TracesAndAnswersFromStartToStop) {
+  FixtureRoot root;
+  root.WriteFile("/proc/meminfo", "MemTotal: 8 kB\nMemFree: 6 kB\nSwapTotal: 8 kB\nSwapFree: 8 kB\n");
+  root.WriteFile("/proc/stat", "cpu  100 0 100 800 0\ncpu0 1 1 1 1\n");
+  root.WriteFile("/proc/net/dev", kNetDev);
+  root.Run([] {
+    const FakeIoctl interfaces(AnswerForInterfaces);
+    TraceCapture trace(5);
+    CPerfMon monitor(2);
+    ASSERT_TRUE(monitor.StartMonitoring(0xF80F, 0));
+    EXPECT_EQ(LinesOfMonitor(trace),
+              "Start performance monitoring, update time = 0 msec.|  - monitor memory usage|"
+              "  - create history buffer with 2 elements for 1 instances|  - monitor system utilization|"
+              "  - create history buffer with 2 elements for 1 instances|  - monitor CPU usage|"
+              "  - monitor network usage|INFO: LAN interface names: isOVM3 = false.|Table: GetNumberInterfaces() = 2|"
+              "  - create history buffer with 2 elements for 2 instances|  - monitor processes|"
+              "  update snapshot counters...|  - update memory usage|  - memory history: 1 entries|"
+              "  - update system usage|  - update CPU usage for 0 instances|  - update network usage for 2 instances|"
+              "Statistics::GetStatistikAtIndex: interface for Index=1 not found|  - update processes|"
+              "update snapshot data finished|");
+    EXPECT_TRUE(trace.Has("CPerfMon::SnapData  :   - system history: 1 entries"));
+    WriteFile("/proc/stat", "cpu  120 10 120 850 0\n");
+    WriteFile("/proc/net/dev", "eth0: 4000000000 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16\n");
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    monitor.SnapshotData(0xF80F);
+    EXPECT_TRUE(trace.Has("GetPerfDataSystem: Total=100, User=30, Kern=20, Idle=50"));
+    EXPECT_EQ(Percents(monitor, {{0, 0}, {1, -1}, {2, 0}, {3, 0}, {8, 0}, {9, 0}}),
+              "50/25 50/25 30/15 20/10 13/13 25/25 ");
+    EXPECT_EQ(trace.Count("CDataHistoryBuffer  : Requested item: Instance 0, Index 1 Max: Instance 1"), 12);
+    EXPECT_EQ(Percents(monitor, {{10, 0}, {11, 0}, {12, 0}, {12, 1}}), "100/100 0/0 100/100 0/0 ");
+    EXPECT_EQ(Percents(monitor, {{0, 1}, {12, 2}, {9, -2}, {4, 0}, {7, -1}, {13, 0}, {21, 0}}),
+              "0!/0! 0!/0! 0!/0! 0!/0! 0!/0! 0!/0! 0!/0! ");
+    unsigned char percent = 77;
+    EXPECT_FALSE(monitor.GetUsagePercent(percent, CPerfMon::cpuUsed, 2, 0));
+    EXPECT_EQ(percent, 77);
+    trace.Clear();
+    monitor.StopMonitoring();
+    EXPECT_EQ(LinesOfMonitor(trace),
+              "Stop performance monitoring|  monitoring thread terminated|  history data destroyed|");
+    // The thread of a second start goes on from sample to sample.
+    ASSERT_TRUE(monitor.StartMonitoring(CPerfMon::memory, 1));
+    while (trace.Count("CPerfMon::Thread    : snapshot data updated, sleeping 1 msec.") < 3)
+      std::this_thread::yield();
+    monitor.StopMonitoring();
+    EXPECT_EQ(trace.Count("exited, Return = 0x00000000##"), 1);
+  });
+}
+
+TEST(CPerfMon, UnreadableFilesAreTracedAndLeaveNoRecord) {
+  FixtureRoot root;
+  root.WriteFile("/proc/net/dev", kNetDev);
+  root.Run([] {
+    const FakeIoctl interfaces(AnswerForInterfaces);
+    const TraceCapture trace(3);
+    CPerfMon monitor(5);
+    EXPECT_FALSE(monitor.StartMonitoring(CPerfMon::perCpu | CPerfMon::processes, 1000));
+    EXPECT_TRUE(monitor.StartMonitoring(13, 0));
+    EXPECT_TRUE(trace.Has("CPerfData::GetMemoryDataSnapShot: cannot open /proc/meminfo (errno=2)"));
+    EXPECT_TRUE(trace.Has("CPerfData::GetSystemLoadSnapShot: cannot open /proc/stat (errno=2)"));
+    WriteFile("/proc/meminfo", "MemTotal: 1 kB\n");
+    WriteFile("/proc/stat", "cpu  1 2\n");
+    WriteFile("/proc/net/dev", "eth0: 1 2 3\n");
+    monitor.SnapshotData(13);
+    EXPECT_TRUE(trace.Has("CPerfData::GetMemoryDataSnapShot: cannot get all values from /proc/meminfo"));
+    EXPECT_TRUE(trace.Has("CPerfData::GetSystemLoadSnapShot: cannot get System Load values from /proc/stat (ret=2)"));
+    EXPECT_EQ(trace.Count("GetStatistikAtIndex: cannot get Network Load values from /proc/net/dev (ret=3)"), 1);
+    // A kept file that gives nothing is opened anew.
+    WriteFile("/proc/net/dev", "");
+    std::filesystem::remove("/proc/net/dev");
+    monitor.SnapshotData(4);
+    EXPECT_EQ(trace.Count("GetStatistikAtIndex: cannot open /proc/net/dev (errno=2)"), 1);
+    // What is wanted stands behind more text than one reading takes, and the last line has no end.
+    const std::string junk(100000, 'x');
+    WriteFile("/proc/meminfo", junk + "\nMemTotal: 100 kB\nMemFree: 50 kB\nSwapTotal: 0 kB\nSwapFree: 0");
+    monitor.SnapshotData(8);
+    EXPECT_EQ(Percents(monitor, {{9, 0}}), "50/50 ");
+  });
+}
+
+TEST(CNetworkInterfaceTable, CountsLanNamesThatTheKernelKnows) {
+  FixtureRoot root;
+  root.WriteFile("/proc/net/dev", "eth8: 1\neth9: 1\n lo: 1\neth0:123\n em1: 1\np2p1: 1\nen9: 1\n wlan0: 1 2\nps: 1\n");
+  root.Run([] {
+    const FakeIoctl interfaces(AnswerForInterfaces);
+    const TraceCapture trace(4);
+    EXPECT_EQ(CNetworkInterfaceTable::GetInterface(0, nullptr, 1), 4);
+    EXPECT_TRUE(trace.Has("GetInterface: Filtering out interface from line:  wlan0: 1 2"));
+    CNetworkInterfaceTable::interface entry {};
+    EXPECT_EQ(CNetworkInterfaceTable::GetInterface(3, &entry, 0), 1);
+    EXPECT_STREQ(entry.name, "p2p1");
+    setenv("QN_NICKNAME", "xOVM3y", 1);
+    EXPECT_EQ(CNetworkInterfaceTable::GetInterface(0, nullptr, 1), 6);
+    std::ofstream many("/proc/net/dev");
+    for (int line = 0; line < 300; ++line)
+      many << "eth" << line << ": 1" << std::endl;
+    EXPECT_EQ(CNetworkInterfaceTable::GetInterface(0, nullptr, 1), 254);
+    std::filesystem::remove("/proc/net/dev");
+    EXPECT_FALSE(CPerfMon(5).StartMonitoring(4, 1000));
+    EXPECT_TRUE(trace.Has("GetInterface: ERROR: cannot open /proc/net/dev"));
+  });
+}
+
+// The kernel gives a long list in several pieces.
+TEST(CPerfMon, SamplesAHundredRealInterfaces) {
+  const FixtureRoot root;
+  const auto body = [] {
+    const int others = CNetworkInterfaceTable::GetInterface(0, nullptr, 1);
+    const char* addPairs = "for i in $(seq 50); do echo link add eth$i type veth peer name en$i; done | ip -batch -";
+    if (std::system(addPairs) != 0) return WriteFile("/skipped", "");
+    CPerfMon monitor(5);
+    const TraceCapture trace(5);
+    ASSERT_TRUE(monitor.StartMonitoring(CPerfMon::network, 0));
+    EXPECT_EQ(Percents(monitor, {{10, others + 99}, {10, others + 100}}), "0/0 0!/0! ");
+    EXPECT_TRUE(trace.Has("CPerfMon::SnapData  :   - network history[99]: 1 entries"));
+    EXPECT_EQ(trace.Count("not found"), 2 * others);
+  };
+  root.Run(body, FixtureRoot::kUsr | FixtureRoot::kProc | FixtureRoot::kNetwork);
+  if (root.Exists("/skipped")) GTEST_SKIP() << "no virtual interfaces can be made here";
+}
+
+TEST(CProcFile, AForkedProcessReadsItsOwnFile) {
+  CProcFile file("/proc/self/stat", 4096);
+  const auto isOwn = [&file] { return file.Start() && file.Text().starts_with(std::to_string(getpid()) + " "); };
+  EXPECT_TRUE(isOwn());
+  if (fork() == 0) _exit(isOwn() ? 0 : 1);
+  int status = -1;
+  EXPECT_TRUE(wait(&status) > 0 && status == 0) << status;
+}
+
+TEST(CPerfMon, CpuLoadAgreesWithTheKernelsOwnCount) {
+  std::array<double, 4> before{}, after{};
+  const auto readTicks = [](std::array<double, 4>& ticks) {
+    std::ifstream stat("/proc/stat");
+    stat.ignore(4) >> ticks[0] >> ticks[1] >> ticks[2] >> ticks[3];
+  };
+  CPerfMon monitor(5);
+  ASSERT_TRUE(monitor.StartMonitoring(CPerfMon::systemCpu, 0));
+  const std::jthread load = Repeat([] {});
+  monitor.SnapshotData(CPerfMon::systemCpu);
+  readTicks(before);
+  std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+  monitor.SnapshotData(CPerfMon::systemCpu);
+  readTicks(after);
+  const double total = std::reduce(after.begin(), after.end()) - std::reduce(before.begin(), before.end());
+  unsigned char percent = 0;
+  EXPECT_TRUE(monitor.GetCurrentPercent(CPerfMon::cpuUsed, percent, 0));
+  EXPECT_NEAR(percent, 100 - 100 * (after[3] - before[3]) / total, 6);
+}
+
+// A stop that waited for the interval would not come back.
+TEST(CPerfMon, StopsAtOnceAndStartsAgainWhileOthersAsk) {
+  CPerfMon monitor(5);
+  const std::jthread reader = Repeat([&monitor] { Percents(monitor, {{0, -1}, {8, 0}, {9, -1}, {10, -1}, {13, 1}}); });
+  const std::jthread sampler = Repeat([&monitor] { monitor.SnapshotData(13); });
+  monitor.StopMonitoring();
+  ASSERT_TRUE(monitor.StartMonitoring(CPerfMon::memory, kWaitForever));
+  EXPECT_TRUE(monitor.StartMonitoring(CPerfMon::systemCpu, kWaitForever));
+  EXPECT_EQ(Percents(monitor, {{0, 0}}), "0!/0! ");
+  std::thread other([&monitor] { monitor.StopMonitoring(); });
+  monitor.StopMonitoring();
+  other.join();
+  EXPECT_FALSE(monitor.IsStarted());
+  ASSERT_TRUE(monitor.StartMonitoring(CPerfMon::systemCpu | CPerfMon::network, 1));
+  EXPECT_EQ(Percents(monitor, {{9, 0}}), "0!/0! ");
+}  // destroyed while monitoring

@@ -1,0 +1,124 @@
+#include "perfmon/sample_text.h"
+
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "perfmon/net_dev.h"
+#include "perfmon/perf_mon.h"
+
+static constexpr uint64_t kMax = UINT64_MAX;
+
+TEST(SampleText, MemInfoOfSeveralKernels) {
+  const std::vector<std::pair<std::string, PerfFields>> rows = {
+      {" total: used: free:\nMem:  1 2 3\nMemTotal:  100 kB\nMemFree:\t40 kB\nSwapTotal: 50 kB\nSwapFree: 20 kB\n",
+       {153600, 92160, 102400, 61440}},
+      {"SwapFree: 0\nSwapTotal: 0\nMemFree: 11\nMemAvailable: 9\nMemTotal: 10", {10240, 0, 10240, 0}},
+      {"MemTotal: 99999999999999999999 kB\nMemFree: 0\nSwapTotal: 1 kB\nSwapFree: 0\n", {kMax, kMax, kMax, kMax}},
+  };
+  for (const auto& [text, expected] : rows) {
+    MemInfo info{};
+    ASSERT_TRUE(ParseMemInfo(text, info)) << text;
+    EXPECT_EQ(std::bit_cast<PerfFields>(MakeMemoryRecord(info)), expected) << text;
+  }
+  for (const char* text : {"", "MemTotal: 1\nMemFree: 1\nSwapTotal: 1\nSwapFree: kB\n", "MemFree: 1\nSwapTotal: 1\n",
+                           "MemTotal:\n1\nMemFree: 1\nSwapTotal: 1\nSwapFree: 1\n"}) {
+    MemInfo info{};
+    EXPECT_FALSE(ParseMemInfo(text, info)) << text;
+  }
+}
+
+TEST(SampleText, CpuLineGivesTicksOrHowManyNumbersThereWere) {
+  const std::vector<std::tuple<std::string, int, PerfFields>> rows = {
+      {"cpu  10 2 3 100 7 0 1", 4, {115, 12, 3, 100}},
+      {"cpu 18446744073709551615 1 2 99999999999999999999", 4, {kMax, kMax, 2, kMax}},
+      {"cpu 1 2 x 4", 2, {}},
+      {"cpu0 1 2 3 4", 0, {}},
+  };
+  for (const auto& [line, found, expected] : rows) {
+    _PerfDataSystem ticks{};
+    EXPECT_EQ(ParseCpuLine(line, ticks), found) << line;
+    EXPECT_EQ(std::bit_cast<PerfFields>(ticks), expected) << line;
+  }
+  EXPECT_EQ(TicksBetween({100, 40, 20, 40}, {200, 70, 40, 39}).idle, 0U);
+}
+
+TEST(NetDev, SampledNamesAndTheirCounters) {
+  std::string_view text =
+      "Inter-| Receive\n face |bytes\n  lo: 1 2\neth0:5 6\n ifb0: 1\n  em1: 1\np1p1: 1\n  eth1:1: 9\nxbr0: 1\n"
+      " enp3s0: 7\n\tbond0: 8\nsha0:\nvswif0: 1\nbr-lan: 1\nxenbr0: 1\nmic0: 12 13";
+  std::string found;
+  for (NetDevLine line; TakeSampledInterface(text, line);)
+    found += std::string(line.name) + '=' + std::string(line.counters) + ';';
+  EXPECT_EQ(found, "eth0=5 6;eth1=1: 9;enp3s0= 7;bond0= 8;sha0=;vswif0= 1;br-lan= 1;xenbr0= 1;mic0= 12 13;");
+}
+
+TEST(NetDev, RecordOfTwoReadings) {
+  constexpr uint64_t kGbit = 131072000;
+  for (const auto& [intervalMs, speed, before, after, expected] :
+       std::vector<std::tuple<uint64_t, uint64_t, uint64_t, uint64_t, PerfFields>>{
+           {250, kGbit, 100, 200, {kGbit, kGbit / 4, 400, 400}},
+           {1000, kGbit, 4294967000, 200, {kGbit, kGbit, 496, 496}},  // wrapped at 2^32
+           {1000, kGbit, 4294967296, 200, {kGbit, kGbit, 0, 0}},      // reset
+           {500, kGbit, 0, kMax, {kGbit, kGbit / 2, kMax, kMax}},
+           {2000, kUnknownSpeed, 0, 8, {kMax, kMax, 4, 4}},
+           {0, kGbit, 0, 5, {}},
+           {kMax - 4999, kGbit, 0, 5, {}},  // the clock went back
+           {1000, 0, 0, 5, {}},
+       }) {
+    const auto counters = [](uint64_t bytes) { return NetCounters{bytes, 1, 2, 3, 4, 5, 6, 7, bytes}; };
+    _PerfDataNetwork record{};
+    MakeNetworkRecord({5000, counters(before), {}}, 5000 + intervalMs, counters(after), speed, record);
+    EXPECT_EQ(std::bit_cast<PerfFields>(record), expected) << before << " -> " << after;
+    EXPECT_FALSE(MakeNetworkRecord({}, 5000 + intervalMs, counters(after), speed, record));
+  }
+}
+
+TEST(DataHistoryBuffer, KeepsTheNewestElementsOfEachInstance) {
+  CDataHistoryBuffer<int> history;
+  const auto read = [&history](int instance, bool newestOnly) {
+    std::vector<int> elements;
+    const bool exists = history.Read(instance, newestOnly, [&elements](int element) { elements.push_back(element); });
+    return exists ? elements : std::vector<int>{-1};
+  };
+  EXPECT_EQ(history.Append(0, 1), 0);
+  history.Create(3, 2);
+  for (int sample = 1; sample <= 5; ++sample)
+    EXPECT_EQ(history.Append(0, sample), std::min(sample, 3));
+  EXPECT_EQ(history.Append(2, 1), 0);
+  EXPECT_EQ(read(0, false), (std::vector{3, 4, 5}));
+  EXPECT_EQ(read(0, true), std::vector{5});
+  EXPECT_EQ(read(1, true), std::vector<int>{});
+  EXPECT_EQ(read(2, false), std::vector{-1});
+}
+
+TEST(PercentSum, RoundsOnceAndCaps) {
+  using Row = std::tuple<std::vector<PerfFields>, int, int>;
+  for (const auto& [records, overInstances, overElements] : std::vector<Row>{
+           {{{uint64_t{8} << 30, 0, uint64_t{2} << 30, 0}}, 25, 25},
+           {{{100, 10, 0, 0}, {100, 20, 1, 0}}, 15, 16},  // 10 % and 21 %
+           {{{100000, 500, 0, 0}, {100000, 499, 0, 0}}, 0, 0},
+           {{{0, 5, 5, 5}, {10, 5, 5, 0}}, 50, 50},
+           {{{kMax, kMax / 4, kMax / 4, 0}, {kMax, 0, 0, kMax}}, 25, 25},
+           {{{1, kMax, kMax, 0}, {1, kMax, kMax, 0}}, 100, 100},
+           {{}, 0, 0},
+       }) {
+    CPercentSum sum({0b0110, 0});
+    for (const PerfFields& record : records)
+      sum.Add(record);
+    EXPECT_EQ(sum.OverInstances(records.size()), overInstances);
+    EXPECT_EQ(sum.OverElements(), overElements);
+  }
+}
+
+TEST(CPerfMon, EveryValueBelongsToOneKind) {
+  constexpr std::array kTypes{1, 1, 1, 1, 2, 2, 2, 2, 8, 8, 4, 4, 4, 16, 16, 16, 16, 16, 16, 16, 16, -1};
+  for (unsigned int pair = 0; pair < kTypes.size() * 33; ++pair) {
+    const auto [value, type] = std::pair{pair / 33, pair % 33};
+    EXPECT_EQ(CPerfMon::IsMonitorValue(CPerfMon::PerfMonitorValue{value}, CPerfMon::PerfMonitorType{type}),
+              kTypes[value] == static_cast<int>(type));
+  }
+}

@@ -1,0 +1,163 @@
+#include "platform/process.h"
+
+#include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+
+#include "support/fixture_root.h"
+
+namespace {
+
+constexpr unsigned int kCommands = FixtureRoot::kUsr | FixtureRoot::kProc;
+
+using Outcome = std::pair<bool, uint32_t>;  // result and exit code
+
+Outcome Execute(const std::string& command, const char* directory = nullptr, bool inheritHandles = false) {
+  uint32_t pid = 1, exitCode = 1;
+  const bool done = CProcess::ExecuteCmd(command, pid, exitCode, directory, false, inheritHandles);
+  return {done, exitCode};
+}
+
+void RefuseCloseRange() {
+  sock_filter rules[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, 0), BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_close_range, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS), BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+  const sock_fprog program{std::size(rules), rules};
+  ASSERT_EQ(::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+  ASSERT_EQ(::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
+}
+
+}  // namespace
+
+TEST(Process, FactsComeFromTheProcessDirectory) {
+  const FixtureRoot root;
+  root.WriteFile("/proc/7/status",
+                 "Name:\tx VmRSS: 9\nVmPeak:\t 3 MB\nVmSize:  2097152 kB\nVmRSS:\t10244 kB\nVmLib:\t1 GB\nVmSwap: 5\n");
+  root.WriteFile("/proc/8/status", "VmSize: 1 kB\nVmLib: 2 kB\nVmSwap:\n");
+  root.WriteFile("/proc/7/comm", "agent one\n");
+  root.MakeLink("/proc/7/exe", "/opt/a b (deleted)");
+  root.WriteFile("/proc/8/comm", "");
+  root.WriteFile("/proc/self/comm", "decoy\n");
+  root.Run([] {
+    uint64_t size = 0, peak = 1, swap = 1, fourth = 1, noLib = 1;
+    CProcess::GetProcessMemorySpecificInfo(7, size, "VmRSS:", CProcess::kilobytes);
+    EXPECT_EQ(size, 10244U);
+    CProcess::GetProcessMemorySpecificInfo(7, size, "VmRSS", CProcess::kilobytes);
+    CProcess::GetProcessMemorySpecificInfo(9, size, "VmRSS:", CProcess::bytes);
+    EXPECT_EQ(size, 10U);
+    EXPECT_TRUE(CProcess::GetProcessMemoryInfo(7, size, peak, swap, fourth, noLib));
+    EXPECT_EQ((std::vector{size, peak, swap, fourth, noLib}),
+              (std::vector<uint64_t>{2ULL << 30, 3 << 20, 5, 0, 1 << 30}));
+    EXPECT_FALSE(CProcess::GetProcessMemoryInfo(8, size, peak, swap, fourth, noLib));
+    EXPECT_EQ((std::vector{size, peak, swap, fourth, noLib}), (std::vector<uint64_t>{1024, 0, 0, 0, 0}));
+    std::string name, path;
+    EXPECT_TRUE(CProcess::GetProcessInfo(7, name, path));
+    EXPECT_EQ(name + "|" + path, "agent one|/opt/a b (deleted)");
+    EXPECT_FALSE(CProcess::GetProcessInfo(8, name, path) || CProcess::get_proc_file(7, nullptr, name));
+    EXPECT_EQ(name, "");
+    uint32_t pid = 0;
+    EXPECT_TRUE(CProcess::FindProcess(pid, "agent one"));
+    EXPECT_EQ(pid, 7U);
+    EXPECT_FALSE(CProcess::FindProcess(pid, "decoy") || CProcess::FindProcess(pid, nullptr));
+    EXPECT_EQ(pid, CProcess::kNone);
+  });
+}
+
+TEST(Process, ExitCodeTellsHowTheCommandEnded) {
+  const FixtureRoot root;
+  root.WriteFile("/bad/tool", "", 0644);
+  root.WriteFile("/good/tool", "test $# = 2 && test \"$1\" = \"'a\" && exit 7", 0755);  // no interpreter line
+  root.WriteFile("/killed", "#!/bin/sh\nkill -9 $$\n", 0755);
+  const auto body = [] {
+    ::setenv("PATH", "/none:/bad:/good:/usr/bin", 1);
+    const std::pair<const char*, Outcome> rows[] = {{"true", {true, 0}},
+                                                    {" \t false\n", {false, 1}},
+                                                    {"no-such-program", {false, 255}},
+                                                    {"", {false, 255}},
+                                                    {"/bad/tool", {false, 255}},
+                                                    {"tool 'a b'", {false, 7}},
+                                                    {"/killed", {false, CProcess::kNone}}};
+    for (const auto& [command, expected] : rows) {
+      EXPECT_EQ(Execute(command), expected) << command;
+    }
+    ::unsetenv("PATH");
+    EXPECT_TRUE(CProcess::ExecuteCmd("true", nullptr, false, false));
+  };
+  root.Run(body, kCommands);
+}
+
+TEST(Process, AsynchronousCommandsTakeSignalsAndAreWaitedFor) {
+  const FixtureRoot root;
+  const auto body = [] {
+    sigset_t all;
+    ::sigfillset(&all);
+    ::sigprocmask(SIG_SETMASK, &all, nullptr);
+    uint32_t pid = 0, exitCode = 0;
+    ASSERT_TRUE(CProcess::execute_command("false", pid, exitCode, nullptr, false, true, false));
+    EXPECT_EQ(exitCode, CProcess::kNone);
+    EXPECT_FALSE(CProcess::WaitForExit(pid, exitCode, 0) || exitCode != 1);
+    EXPECT_FALSE(CProcess::WaitForExit(pid, exitCode, 0) || exitCode != CProcess::kNone);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGALRM, SIGKILL}) {
+      ASSERT_TRUE(CProcess::ExecuteCmdAsync("sleep 600", pid, nullptr, false, false));
+      // What the system takes for "any child" and "everybody" must touch neither the child nor the caller.
+      for (const uint32_t many : {0U, CProcess::kNone, 0U - static_cast<uint32_t>(::getpgrp())}) {
+        EXPECT_FALSE(CProcess::TerminateProcess(many, 0) || CProcess::WaitForExit(many, exitCode, 0));
+      }
+      EXPECT_TRUE(signal == SIGKILL ? CProcess::TerminateProcess(pid, 0)
+                                    : ::kill(static_cast<pid_t>(pid), signal) == 0);
+      int status = 0;
+      ::waitpid(static_cast<pid_t>(pid), &status, 0);
+      EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == signal) << signal;
+    }
+    EXPECT_FALSE(CProcess::TerminateProcess(pid, 0));
+  };
+  root.Run(body, kCommands);
+}
+
+TEST(Process, ChildGetsNoDescriptorUnlessItInherits) {
+  const FixtureRoot root;
+  const auto body = [] {
+    const auto expectAsAskedFor = [](const char* fd, bool isInherited) {
+      EXPECT_EQ(Execute(std::string("test -e /proc/self/fd/") + fd, nullptr, isInherited).first, isInherited) << fd;
+    };
+    for (const bool hasCloseRange : {true, false}) {
+      if (!hasCloseRange) RefuseCloseRange();
+      for (const char* fd : {"3", "77", "900"}) {
+        ASSERT_GT(::dup2(0, std::atoi(fd)), 0);
+        expectAsAskedFor(fd, false);
+        expectAsAskedFor(fd, true);
+      }
+      EXPECT_TRUE(Execute("test -e /proc/self/fd/2").first);
+    }
+  };
+  root.Run(body, kCommands);
+}
+
+TEST(Process, DirectoryHoldsForTheCommandAlone) {
+  const FixtureRoot root;
+  root.MakeDirectory("/work/here");
+  const auto body = [] {
+    std::string current;
+    EXPECT_TRUE(CProcess::SetCurrentDir("/work"));
+    EXPECT_EQ(Execute("touch made", "here"), (Outcome{true, 0}));
+    EXPECT_EQ(Execute("touch /ran", "nowhere"), (Outcome{false, CProcess::kNone}));
+    EXPECT_TRUE(CProcess::GetCurrentDir(current));
+    EXPECT_EQ(current, "/work");
+    EXPECT_EQ(Execute("mv /work /moved", "/"), (Outcome{false, 0}));  // no way back
+    EXPECT_FALSE(CProcess::SetCurrentDir("") || CProcess::SetCurrentDir(nullptr));
+    EXPECT_TRUE(CProcess::SetCurrentDir("/moved/here") && std::remove("made") == 0 && ::rmdir("/moved/here") == 0);
+    EXPECT_FALSE(CProcess::GetCurrentDir(current));
+    EXPECT_EQ(Execute("touch /ran", "/"), (Outcome{false, CProcess::kNone}));
+    EXPECT_EQ(current, "/work");
+  };
+  root.Run(body, kCommands);
+  EXPECT_FALSE(root.Exists("/ran"));
+}

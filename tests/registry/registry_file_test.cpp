@@ -1,0 +1,335 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <random>
+#include <thread>
+
+#include "registry/registry.h"
+#include "support/failing_call.h"
+#include "support/fixture_root.h"
+#include "support/trace_capture.h"
+
+namespace {
+
+constexpr const char* kRegistry = "/etc/pelrix/registry";
+constexpr const char* kOld = "/etc/pelrix/registry.old";
+constexpr const char* kNew = "/etc/pelrix/registry.new";
+constexpr const char* kDefault = "/etc/pelrix/registry.default";
+
+std::string Dump(CRegistryNode& node) {
+  char* text = nullptr;
+  size_t size = 0;
+  FILE* file = ::open_memstream(&text, &size);
+  node.dumpNode(file);
+  std::fclose(file);
+  std::string dumped(text, size);
+  std::free(text);
+  return dumped;
+}
+
+bool Restore(CRegistryNode& node, std::string text) {
+  FILE* file = ::fmemopen(text.data(), text.size(), "r");
+  const bool isTaken = node.restoreNode(file);
+  std::fclose(file);
+  return isTaken;
+}
+
+std::string FileText(const std::string& content) {
+  return "[HKEY_LOCAL_MACHINE]\n" + content + "\n\n";
+}
+
+void LimitFileSize(rlim_t limit) {
+  const rlimit limits{limit, RLIM_INFINITY};
+  ::setrlimit(RLIMIT_FSIZE, &limits);
+}
+
+// A state of the store is one number that stands in every one of these values.
+constexpr int kStateValues = 20;
+
+std::string StateName(int value) {
+  return "Value" + std::to_string(value);
+}
+
+void SaveState(CRegistry& registry, unsigned int state) {
+  for (int value = 0; value < kStateValues; ++value)
+    registry.SetValue(StateName(value).c_str(), state);
+  CRegistry::SaveTree();
+}
+
+// What the next process would load.
+unsigned int StateOnDisk() {
+  CRegistryNode node;
+  EXPECT_TRUE(CRegistry::ReadTree(kRegistry, node) || CRegistry::ReadTree(kOld, node));
+  const CRegistryNodeRef key = node.FindSubKey("HKEY_LOCAL_MACHINE");
+  if (!key) return 0;
+  const CCriticalSectionLock lock(*key.Get());
+  const unsigned int state = key->Find(StateName(0))->Number();
+  for (int value = 1; value < kStateValues; ++value)
+    EXPECT_EQ(key->Find(StateName(value))->Number(), state) << "a mixture of two states";
+  return state;
+}
+
+// Saves one state after the other, from the one behind `state` on, and reports each that is done.
+[[noreturn]] void SaveForEver(unsigned int state, int report) {
+  CRegistry registry("", CRegistry::HKEY_LOCAL_MACHINE, 0);
+  while (true) {
+    SaveState(registry, ++state);
+    if (::write(report, &state, sizeof state) != static_cast<ssize_t>(sizeof state)) std::_Exit(1);
+  }
+}
+
+}  // namespace
+
+TEST(RegistryText, LinesAreReadAndWrittenBack) {
+  struct Row {
+    std::string read;
+    std::string written;
+    bool isTaken = true;
+  };
+  const std::string z(1023 - 4, 'z');
+  const Row rows[] = {
+      {"[HKEY_LOCAL_MACHINE]\nPath=s=/opt/x\n[Agent]\nPort=d=3172\n\n\n\n",
+       "[HKEY_LOCAL_MACHINE]\nPath=s=/opt/x\n[Agent]\nPort=d=3172\n\n\n\n"},
+      {"Port=d=abc\n", "\n"},
+      {"Data=b=0a ff 1\n", "Data=b=0a ff 01 \n\n"},
+      {"Data=b=\nE=b=0x1ff 2z 3\n", "Data=b=\nE=b=ff 02 \n\n"},
+      {"A=x=1\nA\n[A\n", "\n", false},
+      {"[A]\n\n[B]\n\n", "[A]\n\n[B]\n\n\n", false},
+      {"A=s=1\nA=d=  +7x\nA=es=2=s=3\n", "A=es=2=s=3\n\n"},
+      {"b=d=4294967295\na=d=-2147483648\n=s=\n", "=s=\na=d=-2147483648\nb=d=-1\n\n"},
+      {"[K]\nA=s=1\n\n[K]\nB=s=2\n\nK2=s=3\n", "K2=s=3\n[K]\nB=s=2\n\n\n"},
+      {"[a]b]\nX=s=1", "[a]\nX=s=1\n\n\n"},
+      {std::string("A=s=x\0y\nB=s=z\n\0\nC=s=lost\n", 25), "A=s=x\nB=s=z\n\n"},
+      {"\nA=s=1\n", "\n", false},
+      // Two pieces: the second has no marker, is a value, ends the node. The first has no room for its newline.
+      {"A=s=" + z + "rest\nB=s=1\n", "B=s=1\n\n"},
+      {"A=s=" + z + "B=s=1\n", "B=s=1\n\n"},
+      {"A=s=" + z + "\nB=s=1\n", "\n"},
+  };
+  for (const Row& row : rows) {
+    CRegistryNode node;
+    EXPECT_EQ(Restore(node, row.read), row.isTaken) << row.read;
+    EXPECT_EQ(Dump(node), row.written) << row.read;
+  }
+}
+
+TEST(RegistryText, DepthIsBoundByMemoryAlone) {
+  constexpr size_t kDepth = 1000000;
+  std::string text;
+  for (size_t level = 0; level < kDepth; ++level)
+    text += "[k]\n";
+  text += "V=d=1\n" + std::string(kDepth + 1, '\n');
+  // The usual stack, whatever the shell says.
+  std::thread([&text] {
+    CRegistryNode node;
+    EXPECT_TRUE(Restore(node, text));
+    EXPECT_EQ(Dump(node), text);
+    EXPECT_TRUE(Restore(node, "[k]\nV=d=2\n\n")) << "the deep subtree is replaced";
+    EXPECT_EQ(Dump(node), "[k]\nV=d=2\n\n\n");
+  }).join();
+}
+
+TEST(RegistryText, WhatALineCannotCarryIsTracedAndHarmsNothing) {
+  const FixtureRoot root;
+  root.WriteFile(kRegistry, FileText("Good=s=1\n[K]\nGood=s=1\n\n"));
+  root.Run([] {
+    CRegistry registry("K", CRegistry::HKEY_LOCAL_MACHINE, 0);
+    const std::pair<const char*, std::string> rows[] = {{"a=x", "1"},
+                                                        {"Good=s=x", "bad"},
+                                                        {"[x]", "1"},
+                                                        {"lines", "1\n\n[K]\nGood=s=bad"},
+                                                        {"line", "1\n2"},
+                                                        {"long", std::string(1500, 'x')},
+                                                        {"edge", std::string(1023 - 7, 'x')}};
+    for (const auto& [name, text] : rows)
+      registry.SetValue(name, text.c_str());
+    registry.SetValue("Good2", "2");
+    registry.CreateKey(nullptr, "a]b");
+    const TraceCapture trace(1);
+    CRegistry::SaveTree();
+    EXPECT_TRUE(
+        trace.Has("CRegistry: ERROR: \"a]b\" of key \"HKEY_LOCAL_MACHINE\\K\" does not fit into the registry "
+                  "file and will be lost"));
+    for (const auto& [name, text] : rows)
+      EXPECT_EQ(trace.Count("ERROR: \"" + std::string(name) + "\" of key"), 1) << name;
+    EXPECT_EQ(trace.Lines().size(), 8U);
+  });
+  EXPECT_EQ(
+      root.ReadFile(kRegistry),
+      FileText("Good=s=1\n[K]\nGood=s=1\nGood2=s=2\na=x=s=1\nline=s=1\n2\nlong=s=" + std::string(1500, 'x') + "\n\n"));
+}
+
+TEST(RegistryFile, LoadFallsBackAndTellsWhy) {
+  const FixtureRoot root;
+  root.WriteFile(kRegistry, "[HKEY_LOCAL_MACHINE]\n\n\n");
+  root.WriteFile(kOld, "");
+  root.Run([] {
+    const TraceCapture trace(1);
+    CRegistry registry("", CRegistry::HKEY_LOCAL_MACHINE, 0);
+    EXPECT_EQ(trace.Lines(),
+              (std::vector<std::string>{
+                  "CRegistry: WARNING: Node restoring from \"/etc/pelrix/registry\" failed - check the content of this "
+                  "file",
+                  "CRegistry: WARNING: Could not restore tree from \"/etc/pelrix/registry\", trying backup",
+                  "CRegistry: WARNING: The length of \"/etc/pelrix/registry.old\" is not sufficient",
+                  "CRegistry: WARNING: Could not restore tree from \"/etc/pelrix/registry.old\", trying default",
+                  "CRegistry: WARNING: Could not open \"/etc/pelrix/registry.default\"",
+                  "CRegistry: ERROR: Could not restore tree from \"/etc/pelrix/registry.default\", restoring failed"}));
+    EXPECT_EQ(CRegistry::HKEY_LOCAL_MACHINE, nullptr);
+    EXPECT_FALSE(CRegistry::ReadTree("/etc", *registry.KeepKeyHandle())) << "a read error";
+  });
+  root.WriteFile(kDefault, FileText("V=d=1\n"));
+  root.Run([] {
+    const TraceCapture trace(2);
+    CRegistry registry("", CRegistry::HKEY_LOCAL_MACHINE, 0);
+    EXPECT_EQ(registry.GetValueSize("V"), 4U);
+    EXPECT_EQ(trace.Count("CRegistry: SetupTree(): ForceSetup=0, MIsSetup=0, MIsDirty=0"), 1);
+  });
+}
+
+TEST(RegistryFile, FirstStartMakesTheRootKeys) {
+  const FixtureRoot root;
+  root.MakeDirectory("/etc/pelrix");
+  root.Run([] {
+    CRegistry first;
+    EXPECT_EQ(first.Open("", nullptr), 0);
+    EXPECT_EQ(first.CreateKey(nullptr, "HKEY_USERS\\X"), 0);
+    first.SetValue("V", 1U);
+    {
+      const TraceCapture trace(1);
+      CRegistry second("HKEY_USERS\\X", CRegistry::HKEY_LOCAL_MACHINE, 0);
+      EXPECT_TRUE(trace.Has("CRegistry::InitClass() : re-initialize the registry-tree"));
+      EXPECT_EQ(second.GetValueSize("V"), 4U) << "a key that was made stays";
+    }
+    first.SetValue("W", 2U);
+    CRegistry third("X", CRegistry::HKEY_USERS, 0);
+    EXPECT_EQ(third.m_Result, 0) << "the handle is looked at after the tree was set up";
+    EXPECT_EQ(third.GetValueSize("W"), 4U);
+    EXPECT_EQ(first.GetValueSize("W"), 4U) << "the handle lives on";
+  });
+  EXPECT_EQ(root.ReadFile(kRegistry), "[HKEY_USERS]\n[X]\nV=d=1\nW=d=2\n\n\n\n");
+}
+
+TEST(RegistryFile, SaveKeepsTheOldFileAndWritesOnce) {
+  const FixtureRoot root;
+  const std::string before = FileText("V=d=1\n");
+  root.WriteFile(kRegistry, before, 0600);
+  root.Run([] {
+    ::umask(077);
+    CRegistry registry("", CRegistry::HKEY_LOCAL_MACHINE, 0);
+    CRegistry::SaveTree();
+    EXPECT_NE(::access(kOld, F_OK), 0) << "nothing was changed";
+    registry.SetValue("V", 2U);
+    const TraceCapture trace(2);
+    CRegistry::SaveTree();
+    CRegistry::SaveTree();
+    EXPECT_EQ(trace.Lines(), std::vector<std::string>{"CRegistry::SaveTree MPRegistryTemp[/etc/pelrix/registry.new] \t "
+                                                      "MPRegistry[/etc/pelrix/registry]"});
+  });
+  EXPECT_EQ(root.ReadFile(kOld), before);
+  EXPECT_EQ(root.ReadFile(kRegistry), FileText("V=d=2\n"));
+  EXPECT_EQ(root.Mode(kRegistry) & 07777U, 0644U);
+  EXPECT_FALSE(root.Exists(kNew));
+}
+
+TEST(RegistryFile, FailedWriteAtAnyByteChangesNothingAndIsTriedAgain) {
+  const FixtureRoot root;
+  const std::string before = FileText("State=d=1\n");
+  const std::string after = FileText("State=d=2\n");
+  root.WriteFile(kRegistry, before);
+  root.WriteFile(kOld, "old");
+  root.Run([&] {
+    ::signal(SIGXFSZ, SIG_IGN);
+    CRegistry registry("", CRegistry::HKEY_LOCAL_MACHINE, 0);
+    registry.SetValue("State", 2U);
+    for (rlim_t limit = 0; limit < after.size(); ++limit) {
+      LimitFileSize(limit);
+      CRegistry::SaveTree();
+      LimitFileSize(RLIM_INFINITY);
+      ASSERT_EQ(ReadWholeFile(kRegistry), before) << limit;
+      ASSERT_EQ(ReadWholeFile(kOld), "old") << limit;
+    }
+  });
+  EXPECT_EQ(root.ReadFile(kRegistry), after);
+  EXPECT_EQ(root.ReadFile(kOld), before);
+}
+
+TEST(RegistryFile, FailedStepLeavesAStoreThatLoadsAndIsTriedAgain) {
+  using Row = std::tuple<const char*, int, unsigned int>;
+  for (const auto& [function, call, onDisk] :
+       {Row{"fsync", 1, 1}, Row{"fclose", 1, 1}, Row{"rename", 1, 1}, Row{"rename", 2, 1}, Row{"fsync", 2, 2}}) {
+    const FixtureRoot root;
+    root.WriteFile(kRegistry, FileText("V=d=0\n"));
+    root.Run([&, function = function, call = call, onDisk = onDisk] {
+      SCOPED_TRACE(function + std::to_string(call));
+      CRegistry registry("", CRegistry::HKEY_LOCAL_MACHINE, 0);
+      SaveState(registry, 1);
+      const TraceCapture trace(2);
+      {
+        const FailingCall failure(function, call);
+        SaveState(registry, 2);
+        EXPECT_TRUE(failure.HasHappened());
+      }
+      EXPECT_EQ(trace.Count("CRegistry: ERROR: Cannot "), 1);
+      EXPECT_EQ(trace.Count("SaveTree MPRegistryTemp"), 0) << "success was reported";
+      EXPECT_EQ(StateOnDisk(), onDisk);
+      CRegistry::SaveTree();
+      EXPECT_EQ(trace.Count("SaveTree MPRegistryTemp"), 1) << "tried again";
+      EXPECT_EQ(StateOnDisk(), 2U);
+    });
+  }
+}
+
+TEST(RegistryFile, TempFileThatCannotBeOpenedIsNotTriedAgain) {
+  const FixtureRoot root;
+  root.WriteFile(kRegistry, FileText("V=d=1\n"));
+  root.MakeDirectory(kNew);
+  root.Run([] {
+    CRegistry registry("", CRegistry::HKEY_LOCAL_MACHINE, 0);
+    registry.SetValue("V", 2U);
+    const TraceCapture trace(2);
+    CRegistry::SaveTree();
+    CRegistry::SaveTree();
+    EXPECT_EQ(trace.Count("CRegistry: ERROR: Cannot open \"/etc/pelrix/registry.new\" for writing"), 1);
+  });
+}
+
+// RAVD_CRASH_ROUNDS sets another number of rounds.
+TEST(RegistryFile, KilledSaverLeavesTheLastOrTheNextState) {
+  const char* wanted = std::getenv("RAVD_CRASH_ROUNDS");
+  const int rounds = wanted != nullptr ? std::atoi(wanted) : 100;
+  const FixtureRoot root;
+  std::string values;
+  for (int value = 0; value < kStateValues; ++value)
+    values += StateName(value) + "=d=0\n";
+  root.WriteFile(kRegistry, FileText(values));
+  root.Run([rounds] {
+    std::mt19937 random(std::random_device{}());
+    unsigned int state = 0;
+    for (int round = 0; round < rounds; ++round) {
+      int ends[2];
+      ASSERT_EQ(::pipe(ends), 0);
+      const pid_t saver = ::fork();
+      if (saver == 0) SaveForEver(state, ends[1]);
+      ::close(ends[1]);
+      // Every second time at least one state is saved, however slow the machine.
+      if (round % 2 == 0) {
+        ASSERT_GT(::read(ends[0], &state, sizeof state), 0) << "the saver ended";
+      }
+      ::usleep(static_cast<useconds_t>(random() % 20000));
+      ::kill(saver, SIGKILL);
+      ::waitpid(saver, nullptr, 0);
+      while (::read(ends[0], &state, sizeof state) > 0) {
+      }
+      ::close(ends[0]);
+      const unsigned int found = StateOnDisk();
+      ASSERT_TRUE(found == state || found == state + 1) << found << " where " << state << " was the last one saved";
+      state = found;
+    }
+  });
+}

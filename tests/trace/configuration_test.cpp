@@ -1,0 +1,124 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <utime.h>
+
+#include <vector>
+
+#include "trace/trace_root.h"
+
+namespace {
+
+struct Row {
+  const char* name;
+  std::vector<std::pair<const char*, const char*>> files;
+  std::vector<std::pair<const char*, const char*>> environment;
+  unsigned int level;
+  unsigned int flags;
+};
+
+const Row kRows[] = {
+    {"no directory, no variables", {}, {}, 0, 0},
+    {"environment alone", {}, {{"QN_LOG_DEBUG_LEVEL", "2"}}, 2, 0},
+    {"environment is decimal", {}, {{"QN_LOG_DEBUG_LEVEL", "0x10"}}, 0, 0},
+    {"no end mark", {{"a.ini", "[ravd]\nFileDebugLevel=3\n"}}, {}, 0, 0},
+    {"end mark", {{"a.ini", "[ravd]\nFileDebugLevel=3\n[endoffile]"}}, {}, 3, 0},
+    {"any case", {{"a.ini", "[RAVD]\nFileDebugLevel=3\nfiledebuglevel=4\n[EndOfFile]"}}, {}, 3, 0},
+    {"hexadecimal and octal", {{"a.ini", "[ravd]\nFileDebugLevel = 0x10\nTraceFlags=010\n[EndOfFile]"}}, {}, 16, 8},
+    {"key inside a word", {{"a.ini", "[ravd]\n;MyFileDebugLevel 9\n=4\n[EndOfFile]"}}, {}, 4, 0},
+    {"not a number", {{"a.ini", "[ravd]\nFileDebugLevel=high\nTraceFlags=7\n[EndOfFile]"}}, {}, 0, 7},
+    {"other section ends it", {{"a.ini", "[ravd]\nTraceFlags=1\n[b]\nFileDebugLevel=5\n[EndOfFile]"}}, {}, 0, 1},
+    {"first file wins",
+     {{"b.ini", "[ravd]\nFileDebugLevel=5\n[EndOfFile]"}, {"a.ini.old", "[ravd]\nFileDebugLevel=2\n[EndOfFile]"}},
+     {},
+     2,
+     0},
+    {"bad file is passed over",
+     {{"a.ini", "[ravd\nFileDebugLevel=2\n"}, {"b.ini", "[x][ravd]FileDebugLevel=6\n[EndOfFile]"}},
+     {},
+     6,
+     0},
+    {"environment wins", {{"a.ini", "[ravd]\nFileDebugLevel=5\n[EndOfFile]"}}, {{"QN_LOG_DEBUG_LEVEL", "2"}}, 2, 0},
+    {"no ini name, no configuration", {{"readme.txt", ""}}, {{"QN_LOG_DEBUG_LEVEL", "2"}}, 0, 0},
+    {"unclosed section", {{"a.ini", "[x]\n[ravd\n FileDebugLevel=2 \n[EndOfFile]"}}, {}, 0, 0},
+    {"empty file", {{"a.ini", ""}}, {}, 0, 0},
+};
+
+}  // namespace
+
+TEST(TraceConfiguration, SourcesAndTheirOrder) {
+  for (const Row& row : kRows) {
+    SCOPED_TRACE(row.name);
+    const TraceRoot root;
+    for (const auto& [name, content] : row.files)
+      root.WriteFile(std::string(TraceRoot::kConfig) + name, content);
+    root.Run([&row] {
+      for (const auto& [variable, value] : row.environment)
+        ::setenv(variable, value, 1);
+      ::setenv("TraceFileLimit", "1", 1);
+      ::setenv("QN_LOG_RINGBUF_WEIGHT", "1", 1);
+      EXPECT_TRUE(Debug.Init("ravd"));
+      EXPECT_EQ(Debug.m_TraceLevel, row.level) << row.name;
+      EXPECT_EQ(Debug.m_TraceLevelSaved, row.level) << row.name;
+      EXPECT_EQ(Debug.m_TraceFlags, row.flags) << row.name;
+      EXPECT_EQ(Debug.m_TraceActive, row.level != 0) << row.name;
+    });
+  }
+}
+
+TEST(TraceConfiguration, DirectoryAndHeaderSwitch) {
+  const TraceRoot root;
+  root.MakeDirectory("/my dir ");
+  root.WriteFile(std::string(TraceRoot::kConfig) + "global_trace.ini",
+                 "[GlobalDebugSettings]\nDynamicUpdate=0\n[ravd]\nRingBufferDirectory= /my dir \nNoHeaderToStderr=0\n"
+                 "MemoryTracesFlag=0\n[EndOfFile]\n");
+  root.Run([] {
+    ::setenv("AgentShut", "yes %s", 1);
+    EXPECT_TRUE(Debug.Init("ravd"));
+  });
+  const std::string log = root.ReadFile("/my dir /log.ravd");
+  EXPECT_EQ(TextOf(log, "RingBufferDirectory  "), "RingBufferDirectory        : /my dir ");
+  EXPECT_EQ(TextOf(log, "AgentShut"), "AgentShut=yes %s");
+  EXPECT_EQ(TextOf(log, "QN_LOG_RINGBUF_WEIGHT_RAVD"), "QN_LOG_RINGBUF_WEIGHT_RAVD=NotSet");
+  EXPECT_EQ(TextOf(log, "RingBufferSizeFactor"), "RingBufferSizeFactor       : -1");
+  EXPECT_EQ(TextOf(log, "End of header"), "# End of header.");
+  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 80);
+}
+
+TEST(TraceConfiguration, NoConfigurationWritesTheHeaderToTheLogFile) {
+  const TraceRoot root;
+  root.MakeDirectory(TraceRoot::kConfig);
+  root.Run([] { EXPECT_TRUE(Debug.Init("ravd")); });
+  EXPECT_EQ(TextOf(root.ReadFile(TraceRoot::kLog), "Trace Target"), "Trace Target               : 0");
+}
+
+TEST(TraceConfiguration, ChangedFilesAreFollowedWhileItRuns) {
+  const TraceRoot root;
+  root.ConfigureRing("5");
+  root.WriteFile(std::string(TraceRoot::kConfig) + "global_trace.ini",
+                 "[GlobalDebugSettings]\nDynamicUpdate=1\n[EndOfFile]\n");
+  const std::string file = root.HostPath(std::string(TraceRoot::kConfig) + "ravd.ini");
+  const utimbuf past = {1000, 1000};
+  ASSERT_EQ(::utime(file.c_str(), &past), 0);
+  root.Run([] {
+    const std::string inside = std::string(TraceRoot::kConfig) + "ravd.ini";
+    ::setenv("QN_LOG_DEBUG_LEVEL", "2", 1);
+    ASSERT_TRUE(Debug.Init("ravd"));
+    Debug.Print(9, "looks at the files");
+    EXPECT_EQ(Debug.m_TraceLevel, 2U);
+    FILE* changed = std::fopen(inside.c_str(), "w");
+    std::fputs("[ravd]\nFileDebugLevel=4\nTraceFlags=3\n[EndOfFile]\n", changed);
+    std::fclose(changed);
+    for (int tries = 0; tries < 400 && Debug.m_TraceLevel != 4; ++tries) {
+      Debug.Print(9, "looks again a second later");
+      ::usleep(10000);
+    }
+    EXPECT_EQ(Debug.m_TraceLevel, 4U);
+    EXPECT_EQ(Debug.m_TraceLevelSaved, 4U);
+    EXPECT_EQ(Debug.m_TraceFlags, 3U);
+    // A file that is gone is forgotten, and what it said stays.
+    ::unlink(inside.c_str());
+    ::usleep(1100000);
+    Debug.Print(9, "looks for the last time");
+    EXPECT_EQ(Debug.m_TraceLevel, 4U);
+  });
+}

@@ -1,0 +1,57 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "trace/trace_root.h"
+
+namespace {
+
+constexpr size_t kHeader = 62;  // of an entry, with the memory column
+
+void PrintEntryOf(size_t bytes, char fill) {
+  Debug.PrintAlways("%s", std::string(bytes - kHeader - 1, fill).c_str());
+}
+
+}  // namespace
+
+TEST(LogFile, WrapsBehindItsStartUpPart) {
+  const TraceRoot root;
+  root.Run([] {
+    ::setenv("QN_LOG_FILE_MAX_SIZE", "1000", 1);
+    ASSERT_TRUE(Debug.Init("ravd"));
+    PrintEntryOf(300, 's');
+    Debug.SetApplInitDone();
+    PrintEntryOf(400, 'a');
+    PrintEntryOf(300, 'b');  // exactly the maximum: no wrap yet
+    EXPECT_EQ(ReadWholeFile(TraceRoot::kLog).size(), 1000U);
+    PrintEntryOf(100, 'c');
+    std::string log = ReadWholeFile(TraceRoot::kLog);
+    EXPECT_EQ(log.size(), 1100U);
+    EXPECT_EQ(log.substr(298, 2), "s\n");
+    EXPECT_EQ(TextOf(log, "WRAP"), "------ WRAP ----- Cycle=1, CntInitEnd=300, CurrentByteCnt=300 (MaxCnt=1000)");
+    PrintEntryOf(100, 'd');
+    log = ReadWholeFile(TraceRoot::kLog);
+    const size_t wrapLine = log.find('\n', 300) + 1;
+    EXPECT_EQ(log.substr(wrapLine + 98, 2), "d\n");
+    EXPECT_EQ(log.substr(log.size() - 2), "c\n");
+    // The wrap line counts: what is left of 1000 and one byte more.
+    PrintEntryOf(1000 - wrapLine - 100, 'e');
+    EXPECT_THAT(ReadWholeFile(TraceRoot::kLog), ::testing::Not(::testing::HasSubstr("Cycle=2")));
+    PrintEntryOf(70, 'f');
+    EXPECT_EQ(TextOf(ReadWholeFile(TraceRoot::kLog), "WRAP"),
+              "------ WRAP ----- Cycle=2, CntInitEnd=300, CurrentByteCnt=300 (MaxCnt=1000)");
+  });
+}
+
+TEST(LogFile, WrapsToItsBeginningWhileStarting) {
+  const TraceRoot root;
+  root.Run([] {
+    ::setenv("QN_LOG_FILE_MAX_SIZE", "300", 1);
+    ASSERT_TRUE(Debug.Init("ravd"));
+    PrintEntryOf(301, 'a');
+    PrintEntryOf(70, 'b');
+    Debug.PrintAlways("%c", 0);  // even a NUL does not swallow the end of line
+  });
+  const std::string log = root.ReadFile(TraceRoot::kLog);
+  EXPECT_EQ(log.find("------ WRAP ----- Cycle=1, CntInitEnd=0, CurrentByteCnt=0 (MaxCnt=300)\n"), kHeader);
+  EXPECT_NE(log.find(std::string("\0\n", 2)), std::string::npos);
+}

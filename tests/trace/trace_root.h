@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdlib>
+#include <string>
+
+#include "support/fixture_root.h"
+#include "trace/debug.h"
+
+// A fixture root with the trace directory and, where a test wants them, trace configuration files.
+class TraceRoot : public FixtureRoot {
+ public:
+  static constexpr const char* kConfig = "/etc/norrow/QuennetSuite/TraceConfig/";
+  static constexpr const char* kLog = "/var/log/pelrix/log.ravd";
+  static constexpr const char* kStartUpRing = "/var/log/pelrix/log.ravd_i";
+  static constexpr const char* kRunTimeRing = "/var/log/pelrix/log.ravd_a";
+
+  TraceRoot() { MakeDirectory("/var/log/pelrix"); }
+
+  // A ring buffer of 1 MiB (4 MiB while starting) at this level, without the memory column.
+  void ConfigureRing(const std::string& level, const std::string& more = "") const {
+    WriteFile(std::string(kConfig) + "ravd.ini", "[ravd]\nFileDebugLevel=" + level +
+                                                     "\nRingBufferSizeFactor=1\nRingBufferSizeWeight=1\n"
+                                                     "MemoryTracesFlag=0\n" +
+                                                     more + "[EndOfFile]\n");
+  }
+};
+
+inline constexpr const char* kEndMarker = "## TRACE-END ##\n";
+
+// Where the newest entry ends: the last end marker of a ring buffer that did not wrap.
+inline size_t EndOfEntries(const std::string& ring) {
+  return ring.rfind(kEndMarker);
+}
+
+// The texts of all entries that contain the word, without their headers: "<time> [<thread>] ravd          <text>".
+inline std::string TextOf(const std::string& file, const std::string& word) {
+  const size_t at = file.find(word);
+  if (at == std::string::npos) return "";
+  const size_t begin = file.rfind('\n', at) == std::string::npos ? 0 : file.rfind('\n', at) + 1;
+  const size_t tag = file.find("ravd          ", begin);
+  return file.substr(tag + 14, file.find('\n', at) - tag - 14);
+}
