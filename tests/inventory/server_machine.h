@@ -18,11 +18,11 @@
 class ServerMachine : public DriveMachine {
  public:
   // address: "0001:81:00.0"; the segment stands in the name of the bus directory only.
-  void Add(const std::string& address, FunctionSpec spec, const char* driver = "") {
+  void Add(const std::string& address, FunctionDescription description, const char* driver = "") {
     const std::string segment = address.substr(0, 4);
-    spec.bus = (segment == "0000" ? "" : segment + ":") + address.substr(5, 2);
-    spec.name = address.substr(8);
-    AddFunction(*this, spec);
+    description.bus = (segment == "0000" ? "" : segment + ":") + address.substr(5, 2);
+    description.name = address.substr(8);
+    AddFunction(*this, description);
     const unsigned long function = std::stoul(address.substr(8, 2), nullptr, 16) * 8 + std::stoul(address.substr(11));
     char key[16];
     std::snprintf(key, sizeof key, "%02lx", function);
