@@ -23,7 +23,8 @@
 // Threads: every operation takes the object's own recursive lock except SetTarget and the tests of m_TraceActive and
 // m_TraceLevel; a stale read of those costs one entry at most.
 // Failures: a writer never lets one reach its caller. An entry that cannot be formatted or copied is dropped. Only the
-// forced unwinding of a cancelled thread passes through, with the lock given back.
+// forced unwinding of a cancelled thread passes through, with the lock given back. A ring buffer file that somebody cuts
+// short switches tracing off with one line in syslog.
 // Lifetime: `Debug` is constant-initialised and its storage is never torn down, so static objects of any binary may
 // trace at any time: before Init and after the end of main nothing is written.
 //
@@ -130,6 +131,7 @@ class CDebug : public CDebugTraceConfig {
   void AppendToRingBuffer(const char* entry, size_t length);
   void CopyToRingBuffer(const char* entry, size_t length);
   void WrapRingBuffer(const char* entry, size_t length);
+  void LoseRingBuffer();
   void SwitchToRunTimeRingBuffer();
 
   // Log file

@@ -1,17 +1,25 @@
 // The log file of the trace object: plain text, limited in size, wrapping to the end of its start-up part.
 
+#include <fcntl.h>
 #include <syslog.h>
 
 #include <algorithm>
 #include <cerrno>
 
+#include "platform/regular_file.h"
 #include "trace/debug.h"
+
+namespace {
+
+constexpr mode_t kLogFileMode = 0666;  // before the umask
+
+}  // namespace
 
 void CDebug::OpenLogFile() {
   char name[kPathSize];
   std::snprintf(name, sizeof name, "%s", m_AppName != nullptr ? m_AppName : "");
   std::snprintf(m_LogFilePath, sizeof m_LogFilePath, "%s/log.%s", m_Directory, StringToLower(name));
-  m_LogFile = std::fopen(m_LogFilePath, "w+e");
+  m_LogFile = OpenRegularStream(m_LogFilePath, O_RDWR | O_CREAT | O_TRUNC, kLogFileMode, "w+");
   if (m_LogFile == nullptr) syslog(LOG_ERR, "ERROR: Error during opening %s --> proceed without it\n", m_LogFilePath);
   m_WrapPosition = 0;
   m_ByteCountAtInitEnd = 0;

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,9 +10,12 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <string_view>
 #include <vector>
 
 #include "platform/descriptor_io.h"
+#include "platform/mapped_copy.h"
+#include "platform/regular_file.h"
 #include "trace/debug.h"
 
 namespace {
@@ -46,7 +50,7 @@ bool CDebug::InitStartUpRingBuffer() {
 }
 
 bool CDebug::InitRingBuffer(const char* path, int64_t length) {
-  m_RingBufferFd = ::open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0700);
+  m_RingBufferFd = OpenRegularFile(path, O_RDWR | O_CREAT | O_TRUNC, 0700).Release();
   if (m_RingBufferFd < 0) {
     const int error = errno;
     PrintToLogFile("\n### InitRingBuffer(): open of %s failed (errno=%d; %s) ###", path, error, std::strerror(error));
@@ -67,6 +71,7 @@ bool CDebug::InitRingBuffer(const char* path, int64_t length) {
     return false;
   }
 
+  mapped_copy::CatchLostPages();
   m_Mapping = static_cast<char*>(mapping);
   m_TraceTarget = kTargetRingBuffer;
   m_WriteOffset = 0;
@@ -76,7 +81,7 @@ bool CDebug::InitRingBuffer(const char* path, int64_t length) {
   PrintIt(kTargetRingBuffer, "\n### Begin of RingBuffer. ###");
   m_WrapOffset = m_WriteOffset;
   PrintIt(kTargetRingBuffer, "\n### Start of initialization. ###");
-  return true;
+  return m_Mapping != nullptr;
 }
 
 // Every 1 KiB of a new buffer is a line of its own: an entry header and underscores.
@@ -152,13 +157,15 @@ void CDebug::AppendToRingBuffer(const char* entry, size_t length) {
 }
 
 void CDebug::CopyToRingBuffer(const char* entry, size_t length) {
-  std::memcpy(m_Mapping + m_WriteOffset, entry, length);
+  if (m_Mapping == nullptr) return;
+  const std::string_view marker(m_EndMarker, static_cast<size_t>(m_EndMarkerLength));
+  if (!mapped_copy::Put(m_Mapping + m_WriteOffset, {entry, length}, marker)) return LoseRingBuffer();
   m_WriteOffset += static_cast<int64_t>(length);
-  std::memcpy(m_Mapping + m_WriteOffset, m_EndMarker, static_cast<size_t>(m_EndMarkerLength));
 }
 
 void CDebug::WrapRingBuffer(const char* entry, size_t length) {
-  std::memset(m_Mapping + m_WriteOffset, '.', static_cast<size_t>(m_RingBufferSize - m_WriteOffset));
+  const auto left = static_cast<size_t>(m_RingBufferSize - m_WriteOffset);
+  if (!mapped_copy::Fill(m_Mapping + m_WriteOffset, '.', left)) return LoseRingBuffer();
   // The header is written through the line buffer that the entry may stand in.
   char aside[sizeof m_InternalDebugBuffer];
   if (entry == m_InternalDebugBuffer) {
@@ -169,6 +176,14 @@ void CDebug::WrapRingBuffer(const char* entry, size_t length) {
   WriteLogHeader(kTargetRingBuffer);
   m_WriteOffset = m_WrapOffset;
   CopyToRingBuffer(entry, length);
+}
+
+// The file behind the mapping was cut short: there is nothing left to write to.
+void CDebug::LoseRingBuffer() {
+  SwitchTracingOff();
+  CloseRingBuffer();
+  syslog(LOG_ERR, "ERROR: %s was cut short --> tracing is switched off\n",
+         m_ApplInitDone ? m_RunTimePath : m_StartUpPath);
 }
 
 void CDebug::SwitchToRunTimeRingBuffer() {
