@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/cancellation.h"
 #include "trace/debug.h"
 
 namespace {
@@ -109,18 +110,19 @@ void CDebug::ComputeEffectiveValues() {
 }
 
 void CDebug::UpdateConfiguration() {
+  const CancellationBlock block;  // a thread that ended half way would lose the change for good
   const time_t now = time(nullptr);
   if (m_LastConfigCheck <= now && now < m_LastConfigCheck + m_DynamicUpdate) return;
   m_LastConfigCheck = now;
 
   if (m_GlobalConfig.IsFollowed() && m_GlobalConfig.WasModified() &&
       m_GlobalConfig.OpenSectionInIniFile(kGlobalSection, nullptr, nullptr) &&
-      m_GlobalConfig.ReadNumber("DynamicUpdate", m_IniDynamicUpdate)) {
+      m_GlobalConfig.ReadNumber("DynamicUpdate", m_IniDynamicUpdate) && m_IniDynamicUpdate != kNotGiven) {
     m_DynamicUpdate = static_cast<int32_t>(m_IniDynamicUpdate);
   }
   if (m_AppConfig.IsFollowed() && m_AppConfig.WasModified() &&
       m_AppConfig.OpenSectionInIniFile(m_AppName != nullptr ? m_AppName : "", nullptr, nullptr)) {
-    if (m_AppConfig.ReadNumber("FileDebugLevel", m_FileDebugLevel)) {
+    if (m_AppConfig.ReadNumber("FileDebugLevel", m_FileDebugLevel) && m_FileDebugLevel != kNotGiven) {
       m_TraceLevel = m_FileDebugLevel;
       m_TraceLevelSaved = m_FileDebugLevel;
     }

@@ -126,6 +126,7 @@ class CDebug : public CDebugTraceConfig {
   int64_t ComputeRingBufferSize();
   bool InitStartUpRingBuffer();
   bool InitRingBuffer(const char* path, int64_t length);
+  bool ReportOpenFailure(const char* path, int error);  // always false
   bool FillRingBuffer(int64_t length);
   void CloseRingBuffer();
   void AppendToRingBuffer(const char* entry, size_t length);
@@ -192,6 +193,7 @@ class CDebug : public CDebugTraceConfig {
   uint32_t m_WrapCycle = 0;
 
   // Kept between entries, so that nothing is worked out anew for each of them
+  int64_t m_HeaderEnd = 0;       // where the header block of the ring buffer has to end
   bool m_WritingHeader = false;  // the header block goes to the ring buffer
   bool m_SecondIsKept = false;
   time_t m_KeptSecond = 0;

@@ -11,15 +11,17 @@
 
 namespace {
 
-constexpr mode_t kLogFileMode = 0666;  // before the umask
+constexpr mode_t kLogFileMode = 0640;  // before the umask, which is not the daemon's own yet
 
 }  // namespace
 
 void CDebug::OpenLogFile() {
   char name[kPathSize];
   std::snprintf(name, sizeof name, "%s", m_AppName != nullptr ? m_AppName : "");
-  std::snprintf(m_LogFilePath, sizeof m_LogFilePath, "%s/log.%s", m_Directory, StringToLower(name));
-  m_LogFile = OpenRegularStream(m_LogFilePath, O_RDWR | O_CREAT | O_TRUNC, kLogFileMode, "w+");
+  const int length = std::snprintf(m_LogFilePath, sizeof m_LogFilePath, "%s/log.%s", m_Directory, StringToLower(name));
+  if (static_cast<size_t>(length) < sizeof m_LogFilePath) {
+    m_LogFile = OpenRegularStream(m_LogFilePath, O_RDWR | O_CREAT | O_TRUNC, kLogFileMode, "w+");
+  }
   if (m_LogFile == nullptr) syslog(LOG_ERR, "ERROR: Error during opening %s --> proceed without it\n", m_LogFilePath);
   m_WrapPosition = 0;
   m_ByteCountAtInitEnd = 0;
@@ -34,7 +36,7 @@ void CDebug::CloseLogFile() {
 
 void CDebug::MarkEndOfStartUpPart() {
   if (m_LogFile == nullptr) return;
-  m_WrapPosition = std::ftell(m_LogFile);
+  m_WrapPosition = std::max(std::ftell(m_LogFile), 0L);
   m_ByteCountAtInitEnd = static_cast<uint32_t>(m_WrapPosition);
 }
 

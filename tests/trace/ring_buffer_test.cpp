@@ -200,18 +200,20 @@ TEST(RingBuffer, FailuresAreReportedInTheLogFileAndSwitchTracingOff) {
 TEST(RingBuffer, FileThatIsCutShortSwitchesTracingOff) {
   const TraceRoot root;
   root.ConfigureRing("1");
-  root.Run([] {
-    ASSERT_TRUE(Debug.Init("ravd"));
-    ASSERT_EQ(::truncate(TraceRoot::kStartUpRing, 0), 0);
-    Debug.Print(1, "into a page that is gone");
-    EXPECT_FALSE(Debug.m_TraceActive);
-    EXPECT_EQ(Debug.m_TraceLevel, 0U);
-    Debug.PrintAlways("the process lives");
-    EXPECT_EQ(TextOf(ReadInside(TraceRoot::kLog), "lives"), "the process lives");
-    ASSERT_TRUE(Debug.Init("ravd"));
-    Debug.Print(1, "and may start anew");
-    EXPECT_EQ(TextOf(ReadInside(TraceRoot::kStartUpRing), "anew"), "and may start anew");
-  });
+  root.Run(
+      [] {
+        ASSERT_TRUE(Debug.Init("ravd"));
+        ASSERT_EQ(::truncate(TraceRoot::kStartUpRing, 0), 0);
+        Debug.Print(1, "into a page that is gone");
+        EXPECT_FALSE(Debug.m_TraceActive);
+        EXPECT_EQ(Debug.m_TraceLevel, 0U);
+        Debug.PrintAlways("the process lives");
+        EXPECT_EQ(TextOf(ReadInside(TraceRoot::kLog), "lives"), "the process lives");
+        ASSERT_TRUE(Debug.Init("ravd"));
+        Debug.Print(1, "and may start anew");
+        EXPECT_EQ(TextOf(ReadInside(TraceRoot::kStartUpRing), "anew"), "and may start anew");
+      },
+      FixtureRoot::kProc);
 }
 
 TEST(RingBuffer, NothingIsWrittenThroughLinksAndPipes) {
