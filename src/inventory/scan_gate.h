@@ -25,5 +25,5 @@ class CSystemDeviceScan::GateHold {
   bool WaitForGate(unsigned int timeoutMs, bool stopsOnExit) const;
 
   CSystemDeviceScan& m_Scan;
-  std::unique_lock<std::timed_mutex> m_Lists;
+  std::unique_lock<TimedLock> m_Lists;
 };

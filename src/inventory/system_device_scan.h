@@ -12,6 +12,7 @@
 #include "inventory/system_drive.h"
 #include "inventory/system_partition.h"
 #include "inventory/system_volume.h"
+#include "inventory/timed_lock.h"
 #include "pci/pci_config_list.h"
 #include "platform/critical_section.h"
 #include "platform/event.h"
@@ -141,7 +142,7 @@ class CSystemDeviceScan {
   std::atomic<bool> m_Terminating = false;  // never cleared
 
   // Lock order: gate, m_ListLock, m_ThreadLock; the lock of the PCI list and those of the shared tables come last.
-  std::timed_mutex m_ListLock;  // held by whoever got the gate; keeps others out when Terminate has opened it early
+  TimedLock m_ListLock;  // held by whoever got the gate; keeps others out when Terminate has opened it early
   mutable CCriticalSection m_ThreadLock;
   std::mutex m_CallLock;  // guards m_PendingCalls
   std::condition_variable m_CallEnded;
