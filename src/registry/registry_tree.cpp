@@ -137,6 +137,7 @@ std::atomic<bool> CRegistry::MIsDirty = false;
 std::atomic<bool> CRegistry::MIsSetup = false;
 std::atomic<uint64_t> CRegistry::MChanges = 0;
 bool CRegistry::MIsSaved = false;
+bool CRegistry::MIsUnread = false;
 
 bool CRegistry::ReadTree(const char* path, CRegistryNode& node) {
   if (path == nullptr) {
@@ -161,12 +162,21 @@ bool CRegistry::ReadTree(const char* path, CRegistryNode& node) {
   return true;
 }
 
+// A file that could not be read for lack of memory or descriptors may be perfectly good.
+bool CRegistry::LoadFile(const char* path) {
+  errno = 0;
+  if (ReadTree(path, MRootNode)) return true;
+  if (errno == ENOMEM || errno == EMFILE || errno == ENFILE) MIsUnread = true;
+  return false;
+}
+
 bool CRegistry::LoadTree() {
-  if (ReadTree(MPRegistry, MRootNode)) return true;
+  MIsUnread = false;
+  if (LoadFile(MPRegistry)) return true;
   TRACE(1, "CRegistry: WARNING: Could not restore tree from \"%s\", trying backup\n", MPRegistry);
-  if (ReadTree(MPRegistryOld, MRootNode)) return true;
+  if (LoadFile(MPRegistryOld)) return true;
   TRACE(1, "CRegistry: WARNING: Could not restore tree from \"%s\", trying default\n", MPRegistryOld);
-  if (ReadTree(MPRegistryDefault, MRootNode)) return true;
+  if (LoadFile(MPRegistryDefault)) return true;
   TRACE(1, "CRegistry: ERROR: Could not restore tree from \"%s\", restoring failed\n", MPRegistryDefault);
   return false;
 }
@@ -183,6 +193,7 @@ void CRegistry::SetupTree(bool forceSetup) {
     if (!isLoaded && !MIsSetup) return;
     TakeRootKeys();
   } catch (const std::exception&) {
+    MIsUnread = true;
     TRACE(2, "CRegistry: SetupTree(): ## ERROR during Setup\n");
   }
   MIsSetup = true;
@@ -227,6 +238,10 @@ void CRegistry::SaveTree() {
   if (!MIsDirty) return;
   const CCriticalSectionLock lock(MClassLock);
   if (!MIsDirty) return;
+  if (MIsUnread) {
+    TRACE(1, "CRegistry: ERROR: The registry could not be read whole and is not written\n");
+    return;
+  }
   const uint64_t changes = MChanges;
   if (!ReplaceRegistryFile()) return;
   MIsDirty = false;

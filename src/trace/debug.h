@@ -82,6 +82,9 @@ class CDebug : public CDebugTraceConfig {
   // Lower-cases in place and returns its argument; null stays null.
   static char* StringToLower(char* text);
 
+  // Where the trace files are; set by Init.
+  const char* Directory() const { return m_Directory; }
+
   static constexpr unsigned int kTargetNone = 0;
   static constexpr unsigned int kTargetLogFile = 1;
   static constexpr unsigned int kTargetRingBuffer = 2;
