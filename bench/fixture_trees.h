@@ -37,15 +37,15 @@ class FixtureTrees {
 
   // Missing directories are made. Before the first Enter only.
   void Write(long size, const std::string& path, const std::string& content) const {
-    const std::filesystem::path file = m_Root.string() + "/" + std::to_string(size) + path;
+    const std::filesystem::path file = Path(size) + path;
     std::filesystem::create_directories(file.parent_path());
     std::ofstream(file, std::ios::binary) << content;
   }
 
-  bool Enter(long size) const {
-    const std::string tree = m_Root.string() + "/" + std::to_string(size);
-    return Leave() && ::chroot(tree.c_str()) == 0 && ::chdir("/") == 0;
-  }
+  bool Enter(long size) const { return Leave() && ::chroot(Path(size).c_str()) == 0 && ::chdir("/") == 0; }
+
+  // Where a tree lies while none is entered, for this process and those that it starts.
+  std::string Path(long size) const { return m_Root.string() + "/" + std::to_string(size); }
 
   // Back to the machine's own root.
   bool Leave() const { return ::fchdir(m_MachineRoot) == 0 && ::chroot(".") == 0; }

@@ -8,27 +8,45 @@ constexpr unsigned int kExitCheckMs = 50;
 
 }  // namespace
 
-CSystemDeviceScan::GateHold::GateHold(CSystemDeviceScan& scan, unsigned int timeoutMs, bool stopsOnExit)
-    : m_Scan(scan), m_Lists(scan.m_ListLock, std::defer_lock) {
-  {
-    const std::lock_guard lock(m_Scan.m_CallLock);
-    ++m_Scan.m_PendingCalls;
-  }
-  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-  if (!WaitForGate(timeoutMs, stopsOnExit)) return;
-  if (!m_Lists.try_lock_until(deadline)) m_Scan.m_ScanGate.Set();
+bool CSystemDeviceScan::ListsHold::Take(Clock::time_point deadline, bool stopsOnExit) {
+  std::unique_lock lock(m_Scan.m_CallLock);
+  const auto canGoOn = [&] { return !m_Scan.m_ListsHeld || (stopsOnExit && m_Scan.m_ExitRequested); };
+  if (!m_Scan.m_CallsChanged.wait_until(lock, deadline, canGoOn) || m_Scan.m_ListsHeld) return false;
+  m_Scan.m_ListsHeld = true;
+  m_IsHeld = true;
+  return true;
 }
 
-// The object may be destroyed as soon as the lock of the counter is free.
-CSystemDeviceScan::GateHold::~GateHold() {
-  GiveBack();
+void CSystemDeviceScan::ListsHold::GiveBack() {
+  if (!m_IsHeld) return;
+  m_IsHeld = false;
   const std::lock_guard lock(m_Scan.m_CallLock);
-  if (--m_Scan.m_PendingCalls == 0) m_Scan.m_CallEnded.notify_all();
+  m_Scan.m_ListsHeld = false;
+  m_Scan.m_CallsChanged.notify_all();
+}
+
+CSystemDeviceScan::GateHold::PendingCall::PendingCall(CSystemDeviceScan& scan) : m_Scan(scan) {
+  const std::lock_guard lock(m_Scan.m_CallLock);
+  ++m_Scan.m_PendingCalls;
+}
+
+// The object may be destroyed as soon as the lock is free.
+CSystemDeviceScan::GateHold::PendingCall::~PendingCall() {
+  const std::lock_guard lock(m_Scan.m_CallLock);
+  --m_Scan.m_PendingCalls;
+  m_Scan.m_CallsChanged.notify_all();
+}
+
+CSystemDeviceScan::GateHold::GateHold(CSystemDeviceScan& scan, unsigned int timeoutMs, bool stopsOnExit)
+    : m_Scan(scan), m_Call(scan), m_Lists(scan) {
+  const auto deadline = ListsHold::Clock::now() + std::chrono::milliseconds(timeoutMs);
+  if (!WaitForGate(timeoutMs, stopsOnExit)) return;
+  if (!m_Lists.Take(deadline, stopsOnExit)) m_Scan.m_ScanGate.Set();
 }
 
 void CSystemDeviceScan::GateHold::GiveBack() {
-  if (!m_Lists.owns_lock()) return;
-  m_Lists.unlock();
+  if (!m_Lists.IsHeld()) return;
+  m_Lists.GiveBack();
   m_Scan.m_ScanGate.Set();
 }
 

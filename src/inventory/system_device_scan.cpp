@@ -47,21 +47,26 @@ CSystemDeviceScan::~CSystemDeviceScan() {
 
 void CSystemDeviceScan::WaitForPendingCalls() {
   std::unique_lock lock(m_CallLock);
-  m_CallEnded.wait(lock, [this] { return m_PendingCalls == 0; });
+  m_CallsChanged.wait(lock, [this] { return m_PendingCalls == 0; });
 }
 
 void CSystemDeviceScan::ClassCopy(const CSystemDeviceScan& other) {
   TRACE(5, "\nCSystemDeviceScan   : -> ClassCopy()");
   StopUpdateThread(kStopTimeoutMs);
-  if (this != &other) {
-    const CCriticalSectionLock lock(other.m_PciConfigList.Lock());
-    m_Adapters = other.m_Adapters;
-    m_Volumes = other.m_Volumes;
-    m_PciConfigList = other.m_PciConfigList;
-    m_ScanFlags = other.m_ScanFlags.load();
-  }
+  if (this != &other) CopyLists(other);
   StartUpdateThread();
   TRACE(5, "\nCSystemDeviceScan   : <- ClassCopy()");
+}
+
+// The update thread of the other object may be at work.
+void CSystemDeviceScan::CopyLists(const CSystemDeviceScan& other) {
+  ListsHold lists(other);
+  if (!lists.Take(ListsHold::Clock::now() + std::chrono::milliseconds(kQueryTimeoutMs), false)) return;
+  m_Adapters = other.m_Adapters;
+  m_Volumes = other.m_Volumes;
+  const CCriticalSectionLock lock(other.m_PciConfigList.Lock());
+  m_PciConfigList = other.m_PciConfigList;
+  m_ScanFlags = other.m_ScanFlags.load();
 }
 
 int CSystemDeviceScan::ScanHardware(int flags, bool startUpdateThread, unsigned int timeoutMs,
@@ -223,7 +228,11 @@ int CSystemDeviceScan::StopUpdateThread(unsigned int timeoutMs) {
     return 1;
   }
   TRACE(3, "\nCSystemDeviceScan   : Signale \"Exit\" to update thread");
-  m_ExitRequested = true;
+  {
+    const std::lock_guard callLock(m_CallLock);
+    m_ExitRequested = true;
+    m_CallsChanged.notify_all();
+  }
   m_ExitEvent.Set();
   const int seconds = static_cast<int>(timeoutMs / 1000);
   TRACE(3, "\nCSystemDeviceScan   : Wait %d seconds for thread termination ...", seconds);

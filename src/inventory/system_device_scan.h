@@ -12,7 +12,6 @@
 #include "inventory/system_drive.h"
 #include "inventory/system_partition.h"
 #include "inventory/system_volume.h"
-#include "inventory/timed_lock.h"
 #include "pci/pci_config_list.h"
 #include "platform/critical_section.h"
 #include "platform/event.h"
@@ -48,7 +47,7 @@ class CSystemDeviceScan {
 
   // Copies adapters, volumes, PCI functions and the scan flags; drives stay what they were. Gate, thread and locks are
   // each object's own: the update thread of this object is stopped, and started when the flags allow it. Takes no gate,
-  // so neither object may be in use by another thread.
+  // so neither object may be in use by another thread, the update thread of the other object excepted.
   void ClassCopy(const CSystemDeviceScan& other);
 
   // Scans what the flags ask for, -1 being everything, in the order PCI functions, adapters, drives, volumes; lists of
@@ -114,6 +113,7 @@ class CSystemDeviceScan {
 
  private:
   class GateHold;
+  class ListsHold;
 
   static constexpr unsigned int kQueryTimeoutMs = 90'000;
 
@@ -121,13 +121,14 @@ class CSystemDeviceScan {
   void WatchPartitions();
   void UpdateVolumes();
   bool ScanVolumes(bool forUpdateThread);
+  void CopyLists(const CSystemDeviceScan& other);
   void RunSteps(int flags);
   void ScanPciFunctions();
   void AddToDriveMap(CSystemDrive& drive);
   bool IsUpdateThreadAlive() const;
   void WaitForPendingCalls();
 
-  // Guarded by the gate and m_ListLock.
+  // Guarded by the gate and m_ListsHeld.
   CSystemAdapterList m_Adapters;
   std::vector<CSystemDrive> m_Drives;
   std::vector<CSystemVolume> m_Volumes;
@@ -141,10 +142,11 @@ class CSystemDeviceScan {
   std::atomic<bool> m_ExitRequested = false;
   std::atomic<bool> m_Terminating = false;  // never cleared
 
-  // Lock order: gate, m_ListLock, m_ThreadLock; the lock of the PCI list and those of the shared tables come last.
-  TimedLock m_ListLock;  // held by whoever got the gate; keeps others out when Terminate has opened it early
+  // Order of locks: gate, m_ListsHeld, m_ThreadLock, m_CallLock; those of the shared tables and of the PCI list stand
+  // alone.
   mutable CCriticalSection m_ThreadLock;
-  std::mutex m_CallLock;  // guards m_PendingCalls
-  std::condition_variable m_CallEnded;
-  unsigned int m_PendingCalls = 0;  // calls that wait for the gate or hold it
+  mutable std::mutex m_CallLock;  // guards the three below
+  mutable std::condition_variable m_CallsChanged;
+  mutable bool m_ListsHeld = false;  // by the call that got the gate, or by a copy being made
+  unsigned int m_PendingCalls = 0;   // calls that wait for the gate or hold it
 };

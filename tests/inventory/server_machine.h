@@ -4,6 +4,7 @@
 #include <linux/sockios.h>
 #include <net/if.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <span>
@@ -13,19 +14,23 @@
 #include "inventory/fake_drives.h"
 #include "inventory/system_adapter.h"
 #include "support/pci_fixture.h"
+#include "support/trace_capture.h"
 
 // A machine with adapters and drives, and what belongs to a function beside its configuration header.
 class ServerMachine : public DriveMachine {
  public:
-  // address: "0001:81:00.0"; the segment stands in the name of the bus directory only.
-  void Add(const std::string& address, FunctionDescription description, const char* driver = "") {
-    const std::string segment = address.substr(0, 4);
-    description.bus = (segment == "0000" ? "" : segment + ":") + address.substr(5, 2);
-    description.name = address.substr(8);
-    AddFunction(*this, description);
-    const unsigned long function = std::stoul(address.substr(8, 2), nullptr, 16) * 8 + std::stoul(address.substr(11));
+  // "0001:81:00.0", vendor and device as 0x808637D1, base class, subclass and interface as 0x020000
+  void Add(const std::string& address, uint32_t ids, uint32_t classCode, const char* driver = "",
+           FunctionDescription function = {}) {
+    function.bus = (address.starts_with("0000") ? "" : address.substr(0, 5)) + address.substr(5, 2);
+    function.name = address.substr(8);
+    function.vendor = static_cast<uint16_t>(ids >> 16);
+    function.device = static_cast<uint16_t>(ids);
+    function.classCode = classCode;
+    AddFunction(*this, function);
+    const unsigned long place = std::stoul(address.substr(8, 2), nullptr, 16) * 8 + std::stoul(address.substr(11));
     char key[16];
-    std::snprintf(key, sizeof key, "%02lx", function);
+    std::snprintf(key, sizeof key, "%02lx", place);
     m_Drivers += address.substr(5, 2) + key + "\t80860000\t0";
     for (int field = 0; field < 14; ++field)
       m_Drivers += "\t               0";
@@ -65,14 +70,32 @@ inline std::optional<int> AnswerEthtool(unsigned long request, void* argument) {
   return 0;
 }
 
+inline const FakeIoctl::Handler kEthtool = [](const std::string&, unsigned long request, void* argument) {
+  return AnswerEthtool(request, argument);
+};
+
 inline std::string Hex(std::span<const unsigned char> bytes) {
   std::string text;
-  for (const unsigned char byte : bytes) {
-    char digits[3];
-    std::snprintf(digits, sizeof digits, "%02x", byte);
-    text += digits;
-  }
+  CDataStream::DumpHex(text, bytes.data(), bytes.size(), false, false, 16, 1, nullptr);
+  std::erase(text, ' ');
+  return bytes.empty() ? "" : text;
+}
+
+inline std::string Text(const TraceCapture& trace) {
+  std::string text;
+  for (const std::string& line : trace.Lines())
+    text += line + "\n";
   return text;
+}
+
+// The first line of the text that was not traced, "" when all were.
+inline std::string FirstMissing(const TraceCapture& trace, const std::string& text) {
+  const std::vector<std::string> lines = trace.Lines();
+  std::istringstream wanted(text);
+  for (std::string line; std::getline(wanted, line);) {
+    if (std::ranges::find(lines, line) == lines.end()) return line;
+  }
+  return "";
 }
 
 // Every field that a scan fills.
