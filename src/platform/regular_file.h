@@ -10,8 +10,8 @@
 // traces; any thread may call it. Always close-on-exec. On failure there is no descriptor and errno tells why.
 
 // Opens a regular file; a pipe or a device at the path is refused (ENOTSUP) without waiting for its other side. For
-// writing, a symbolic link at the path (ELOOP) and a file that has further names (EMLINK) are refused, too, and the file
-// is emptied only after that. flags as for open, mode for a file that is made, before the umask.
+// writing, a symbolic link at the path (ELOOP) and a file that has further names (EMLINK) are refused, too, and the
+// file is emptied only after that. flags as for open, mode for a file that is made, before the umask.
 UniqueFd OpenRegularFile(const char* path, int flags, mode_t mode = 0);
 
 // The same as a stream, for the mode of fdopen that fits the flags; null on failure.

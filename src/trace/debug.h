@@ -23,10 +23,10 @@
 // Threads: every operation takes the object's own recursive lock except SetTarget and the tests of m_TraceActive and
 // m_TraceLevel; a stale read of those costs one entry at most.
 // Failures: a writer never lets one reach its caller. An entry that cannot be formatted or copied is dropped. Only the
-// forced unwinding of a cancelled thread passes through, with the lock given back. A ring buffer file that somebody cuts
-// short switches tracing off with one line in syslog.
-// Lifetime: `Debug` is constant-initialised and its storage is never torn down, so static objects of any binary may
-// trace at any time: before Init and after the end of main nothing is written.
+// forced unwinding of a cancelled thread passes through, with the lock given back. A ring buffer file that somebody
+// cuts short switches tracing off with one line in syslog. Lifetime: `Debug` is constant-initialised and its storage is
+// never torn down, so static objects of any binary may trace at any time: before Init and after the end of main nothing
+// is written.
 //
 // Modules call through the table of virtual operations. Their order and the layout of the public data members are a
 // binary interface: append, never reorder.

@@ -111,7 +111,7 @@ struct Arena {
 struct SwitchRow {
   const char* library;
   const char* behaviour;
-  int status;       // of the daemon that is told to stop: exit status, or the signal that ends it
+  int status;  // of the daemon that is told to stop: exit status, or the signal that ends it
   bool isSignal;
   bool getsReady;
 };
@@ -227,8 +227,8 @@ TEST(Prove, Signals) {
     // The stop is traced at level 2 when the last toggle left the trace on.
     const std::string ring = ReadWholeFile("/var/log/pelrix/log.ravd_a");
     EXPECT_EQ(CountIn(ring, "OnExitService      : Stopping all modules") != 0, toggled % 2 == 0);
-    Figure("%d signals sent, %d toggles and %d alarms taken, descriptors level, trace state right, stopped with 0", signals,
-           toggled, CountIn(log, "caught -> ignoring"));
+    Figure("%d signals sent, %d toggles and %d alarms taken, descriptors level, trace state right, stopped with 0",
+           signals, toggled, CountIn(log, "caught -> ignoring"));
   });
 }
 
@@ -249,8 +249,10 @@ TEST(Prove, KilledStart) {
       if (call.name == "rt_sigtimedwait") break;
       if (step++ % Rounds(1, 7) != 0) continue;
       const std::string inject = "inject=" + call.name + ":signal=SIGKILL:when=" + std::to_string(call.number);
-      const int status = RunCommand({"/usr/bin/timeout", "10", "/usr/bin/strace", "-o", "/calls", "-e", inject, "/ravd", "-n"});
-      ASSERT_TRUE(status == -SIGKILL || status == 128 + SIGKILL) << status << " " << inject << "\n" << ReadWholeFile("/stderr");
+      const int status =
+          RunCommand({"/usr/bin/timeout", "10", "/usr/bin/strace", "-o", "/calls", "-e", inject, "/ravd", "-n"});
+      ASSERT_TRUE(status == -SIGKILL || status == 128 + SIGKILL) << status << " " << inject << "\n"
+                                                                 << ReadWholeFile("/stderr");
       ++kills;
     }
     ASSERT_NO_FATAL_FAILURE(StartAndStop());
@@ -277,7 +279,8 @@ TEST(Prove, WritableDirectories) {
     root.Run([writable] {
       StartAndStop();
       EXPECT_EQ(CountIn(Log(), "WARNING: "), 1) << Log();
-      EXPECT_EQ(CountIn(Log(), std::string("RAVD-MAIN: WARNING: ") + writable + " is writable for others than root\n"), 1);
+      EXPECT_EQ(CountIn(Log(), std::string("RAVD-MAIN: WARNING: ") + writable + " is writable for others than root\n"),
+                1);
     });
   }
   Figure("%zu directories that others may write to: one warning each", std::size(kPlaces));

@@ -72,15 +72,19 @@ int SaveNextState() {
   ::_exit(isDone ? 0 : 1);
 }
 
-const std::string kIniBefore = "[A]\n\nfirst=1\n\n[B]\n\nkey=old value\nother=2\n\n[C]\n\nlast=" + std::string(300, 'l') + "\n";
+const std::string kIniBefore =
+    "[A]\n\nfirst=1\n\n[B]\n\nkey=old value\nother=2\n\n[C]\n\nlast=" + std::string(300, 'l') + "\n";
 
 struct IniChange {
   const char* section;
   const char* key;
   std::string value;
 };
-const IniChange kIniChanges[] = {{"B", "key", std::string(500, 'v')}, {"B", "key", "v"}, {"B", "more", "x"},
-                                 {"C", "last", "short"},              {"D", "new", "x"}};
+const IniChange kIniChanges[] = {{"B", "key", std::string(500, 'v')},
+                                 {"B", "key", "v"},
+                                 {"B", "more", "x"},
+                                 {"C", "last", "short"},
+                                 {"D", "new", "x"}};
 
 [[noreturn]] void EditIni(const IniChange& change) {
   ::getppid();
@@ -282,7 +286,8 @@ TEST(Prove, RegistrySaveFaults) {
       [] {
         const int faults = ForEachFault("save", Errors(), PrepareRegistry, CheckSave);
         EXPECT_GT(faults, 100);
-        Figure("%d failing system calls of a save: the old or the new tree, none reported as done that was not", faults);
+        Figure("%d failing system calls of a save: the old or the new tree, none reported as done that was not",
+               faults);
       },
       FixtureRoot::kUsr | FixtureRoot::kProc);
 }
@@ -291,10 +296,11 @@ TEST(Prove, RegistrySaveKills) {
   const FaultRoot root;
   root.Run(
       [] {
-        const int kills = ForEachFault("save", {"signal=SIGKILL"}, PrepareRegistry, [](int status, const std::string& what) {
-          ASSERT_EQ(status, -SIGKILL) << what << "\n" << ReadWholeFile("/stderr");
-          CheckSave(status, what);
-        });
+        const int kills =
+            ForEachFault("save", {"signal=SIGKILL"}, PrepareRegistry, [](int status, const std::string& what) {
+              ASSERT_EQ(status, -SIGKILL) << what << "\n" << ReadWholeFile("/stderr");
+              CheckSave(status, what);
+            });
         EXPECT_GT(kills, 8);
         Figure("killed at each of %d system calls of a save: a complete tree, and the next save works", kills);
       },
@@ -312,7 +318,8 @@ TEST(Prove, RegistryFullDisk) {
           PrepareRegistry();
           FILE* filler = std::fopen("/etc/pelrix/filler", "we");
           const std::string page(4096, 'f');
-          for (size_t left = 64; left > room && std::fwrite(page.data(), 1, page.size(), filler) == page.size(); left -= 4)
+          for (size_t left = 64; left > room && std::fwrite(page.data(), 1, page.size(), filler) == page.size();
+               left -= 4)
             std::fflush(filler);
           std::fclose(filler);
           const int status = RunCommand({"/prove", "worker", "save"});
@@ -350,7 +357,8 @@ TEST(Prove, RegistryPowerLoss) {
           ASSERT_FALSE(HasFailure());
         }
         EXPECT_GT(states, 100);
-        Figure("%d states after a power failure: each loads a complete tree, after a finished save the new one", states);
+        Figure("%d states after a power failure: each loads a complete tree, after a finished save the new one",
+               states);
       },
       FixtureRoot::kUsr | FixtureRoot::kProc);
 }
@@ -398,9 +406,10 @@ TEST(Prove, IniFaults) {
           torn += isWhole ? 0 : 1;
         }
         EXPECT_GT(faults, 100);
-        Figure("%d failing calls leave the file as it was; window of a kill: %d of %d calls, %d of %d kills of a program "
-               "that does nothing but edit",
-               faults, mixed, kills, torn, rounds);
+        Figure(
+            "%d failing calls leave the file as it was; window of a kill: %d of %d calls, %d of %d kills of a program "
+            "that does nothing but edit",
+            faults, mixed, kills, torn, rounds);
       },
       FixtureRoot::kUsr | FixtureRoot::kProc);
 }

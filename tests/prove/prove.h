@@ -33,7 +33,8 @@ struct SystemCall {
   int number;  // how many of that name up to this one
   std::string line;
 };
-// The calls of an strace output file between the first and the last getppid, or behind the first call that has the text.
+// The calls of an strace output file between the first and the last getppid, or behind the first call that has the
+// text.
 std::vector<SystemCall> ReadCalls(const char* path, const char* from = nullptr);
 
 // Runs of this program under strace: the part between two calls of getppid is what faults are injected into.

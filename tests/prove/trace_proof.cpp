@@ -84,8 +84,8 @@ std::map<int, size_t> WholeEntries(const std::string& ring) {
     const auto number = static_cast<int>(std::strtol(ring.c_str() + at + 7, &next, 10));
     const long length = std::strtol(next, &next, 10);
     if (length < 0) continue;
-    const std::string tail = std::string(static_cast<size_t>(length), static_cast<char>('a' + number % 26)) + "#" +
-                             std::to_string(number);
+    const std::string tail =
+        std::string(static_cast<size_t>(length), static_cast<char>('a' + number % 26)) + "#" + std::to_string(number);
     if (end - at > tail.size() && ring.compare(end - tail.size(), tail.size(), tail) == 0) found[number] = end;
   }
   return found;
@@ -202,8 +202,8 @@ TEST(Prove, RandomEntries) {
       const size_t length = kind < 2 ? random() % text.size() : kind < 30 ? random() % 2000 : random() % 150;
       const size_t from = random() % (text.size() - length);
       if (kind % 7 == 0) {
-        Debug.PrintAlways("%*d %.3f %.*s", static_cast<int>(kind), entry, static_cast<double>(kind) / 7, static_cast<int>(length),
-                          text.data() + from);
+        Debug.PrintAlways("%*d %.3f %.*s", static_cast<int>(kind), entry, static_cast<double>(kind) / 7,
+                          static_cast<int>(length), text.data() + from);
       } else {
         Debug.Print(static_cast<unsigned int>(kind % 5), "%.*s", static_cast<int>(length), text.data() + from);
       }
@@ -259,8 +259,8 @@ TEST(Prove, RingReader) {
 }
 
 TEST(Prove, TextSafety) {
-  static constexpr const char* kNasty[] = {"%n%n%s%s", "\033[2J\033]0;x\007", "two\nlines", "%*.*d%99999999d", "\xff\xfe\x80",
-                                           "## TRACE-END ##\n", "%1$n"};
+  static constexpr const char* kNasty[] = {"%n%n%s%s",     "\033[2J\033]0;x\007", "two\nlines", "%*.*d%99999999d",
+                                           "\xff\xfe\x80", "## TRACE-END ##\n",   "%1$n"};
   const TraceRoot root;
   root.ConfigureRing("1");
   root.Run([] {
