@@ -15,6 +15,7 @@
 #include <sstream>
 
 extern "C" __attribute__((weak)) int __lsan_do_recoverable_leak_check();
+extern "C" __attribute__((weak)) void __gcov_dump();
 
 namespace fs = std::filesystem;
 
@@ -83,10 +84,11 @@ void MountInto(const std::string& root, unsigned int mounts) {
   const bool failed = ::testing::Test::HasFailure();
   std::fflush(nullptr);
   int status = failed ? kAssertionFailed : 0;
-  // The leak checker needs the machine's own /proc.
-  if (__lsan_do_recoverable_leak_check != nullptr && ::fchdir(oldRoot) == 0 && ::chroot(".") == 0 &&
-      __lsan_do_recoverable_leak_check() != 0) {
-    status = kLeaked;
+  // The leak checker needs the machine's own /proc, the coverage its own build directory.
+  if ((__lsan_do_recoverable_leak_check != nullptr || __gcov_dump != nullptr) && ::fchdir(oldRoot) == 0 &&
+      ::chroot(".") == 0) {
+    if (__gcov_dump != nullptr) __gcov_dump();
+    if (__lsan_do_recoverable_leak_check != nullptr && __lsan_do_recoverable_leak_check() != 0) status = kLeaked;
   }
   std::_Exit(status);
 }
