@@ -4,31 +4,24 @@
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <unistd.h>
 
 #include <array>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
+#include "fixture_trees.h"
 #include "pci/device_bus_io.h"
 #include "pci/pci_config_list.h"
 #include "pci/pci_function_scan.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-
 constexpr int kFunctionsPerBus = 16;
 constexpr std::array kSizes = {100, 250, 500, 1000};
 
-fs::path s_Trees;
-int s_MachineRoot = -1;
+const FixtureTrees* s_Trees = nullptr;
 
 std::string FunctionPath(int index) {
   char path[64];
@@ -39,35 +32,22 @@ std::string FunctionPath(int index) {
 
 // Every eighth function is a network controller, the rest are memory controllers; all have one memory range.
 void MakeTree(int count) {
-  const fs::path tree = s_Trees / std::to_string(count);
   std::string devices;
   for (int index = 0; index < count; ++index) {
-    const fs::path file = tree.string() + FunctionPath(index);
-    fs::create_directories(file.parent_path());
     std::string header(256, '\0');
     header.replace(0, 4, "\x86\x80\x01\x10");
     header[11] = index % 8 == 0 ? '\x02' : '\x05';
-    std::ofstream(file, std::ios::binary) << header;
+    s_Trees->Write(count, FunctionPath(index), header);
     char line[128];
     std::snprintf(line, sizeof line, "%02x%02x\t80861001\tb\t%x\t0\t0\t0\t0\t0\t0\n", index / kFunctionsPerBus,
                   index % kFunctionsPerBus / 2 * 8 + index % 2, 0xD0000000U + static_cast<unsigned>(index) * 4096);
     devices += line;
   }
-  std::ofstream(tree / "proc/bus/pci/devices") << devices;
-}
-
-bool EnterNamespaces() {
-  const int flags = CLONE_NEWNS | (::geteuid() != 0 ? CLONE_NEWUSER : 0);
-  if (::unshare(flags) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0) return true;
-  std::perror("private mounts");
-  return false;
+  s_Trees->Write(count, "/proc/bus/pci/devices", devices);
 }
 
 bool Enter(benchmark::State& state) {
-  const fs::path tree = s_Trees / std::to_string(state.range(0));
-  if (::fchdir(s_MachineRoot) == 0 && ::chroot(".") == 0 && ::chroot(tree.c_str()) == 0 && ::chdir("/") == 0) {
-    return true;
-  }
+  if (s_Trees->Enter(state.range(0))) return true;
   state.SkipWithError("the tree cannot be entered");
   return false;
 }
@@ -131,17 +111,10 @@ BENCHMARK(LegacyTables)->Apply(Sizes);
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
-  std::string pattern = (fs::temp_directory_path() / "ravd-bench-pci-XXXXXX").string();
-  if (!EnterNamespaces() || ::mkdtemp(pattern.data()) == nullptr) return 1;
-  s_Trees = pattern;
-  // Files in memory, so that neither a disk nor its file system is measured.
-  if (::mount("tmpfs", s_Trees.c_str(), "tmpfs", 0, nullptr) != 0) std::perror("tmpfs");
+  const FixtureTrees trees;
+  s_Trees = &trees;
   for (const int size : kSizes)
     MakeTree(size);
-  s_MachineRoot = ::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   benchmark::RunSpecifiedBenchmarks();
-  if (::fchdir(s_MachineRoot) != 0 || ::chroot(".") != 0) return 1;
-  ::umount2(s_Trees.c_str(), MNT_DETACH);
-  fs::remove_all(s_Trees);
   return 0;
 }

@@ -20,6 +20,11 @@ class CSystemDevice : public CPnpDevice {
   // device ID stay what they were.
   void ClassCopy(const CSystemDevice& other);
 
+  // Adds a record of every ISA device of the legacy bus tables to the map, under its device ID, "ISAPNP\\" and the PnP
+  // ID of the device; one that the map has under that ID gets the new fields. The first call in the process builds the
+  // tables. Returns the size of the map. One thread at a time, since the tables are shared by the whole process.
+  static int ScanDeviceData(std::map<std::string, CSystemDevice>& devices, bool unused);
+
   std::string VendorName;
   std::string DeviceRevision;
   std::string SerialNumber;  // drives

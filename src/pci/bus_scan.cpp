@@ -1,8 +1,5 @@
 #include "pci/bus_scan.h"
 
-#include <set>
-#include <vector>
-
 #include "pci/isa_device_scan.h"
 #include "pci/mac_information.h"
 #include "pci/pci_function_scan.h"
@@ -51,13 +48,11 @@ void TraceUnused(const BusTables& tables) {
 // An entry is marked as shared when a later one has its number. The last entry of a number is not, so that a client
 // who counts the marks does not count one IRQ line twice.
 void SetIrqSharing(const BusTable& table) {
-  std::vector<BusTableEntry*> entries;
-  for (BusTableEntry* entry = table.first; entry != nullptr; entry = entry->next)
-    entries.push_back(entry);
-  std::set<int64_t> later;
-  for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
-    BusIrq& irq = (*entry)->irq;
-    irq.sharing = later.insert(irq.irq).second ? kIrqNotShared : kIrqShared;
+  for (BusTableEntry* entry = table.first; entry != nullptr; entry = entry->next) {
+    const BusTableEntry* later = entry->next;
+    while (later != nullptr && later->irq.irq != entry->irq.irq)
+      later = later->next;
+    entry->irq.sharing = later != nullptr ? kIrqShared : kIrqNotShared;
   }
 }
 

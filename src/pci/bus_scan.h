@@ -3,7 +3,7 @@
 #include "pci/bus_table.h"
 
 // The legacy inventory of buses and their resources: who fills the tables and walks them. All of this runs on one
-// thread at a time and throws nothing but std::bad_alloc.
+// thread at a time and throws nothing; what there is no memory for is left out.
 
 // One build pass: scans PCI functions, ISA devices and network interfaces, creates or refreshes their entries, leaves
 // the entries that were not seen again unused (ISA devices stay), and works out which IRQs are shared.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -159,10 +160,12 @@ bool ForEachLine(const char* path, bool (*parse)(std::string_view, Line&), void 
 
 }  // namespace
 
-bool ScanIsaDevices() {
+bool ScanIsaDevices() try {
   TRACE(2, "Collect ISA (=non-PCI) devices from %s ....\n", kInterrupts);
   const bool interrupts = ForEachLine(kInterrupts, ParseInterruptLine, AddInterrupt);
   const bool channels = ForEachLine(kDma, ParseDmaLine, AddDmaChannel);
   const bool ports = ForEachLine(kIoPorts, ParseRangeLine, AddPortRange);
   return interrupts || channels || ports;
+} catch (const std::bad_alloc&) {
+  return false;
 }

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 #include <vector>
 
 #include "pci/bus_table.h"
@@ -244,7 +245,7 @@ bool ParsePciAddress(std::string_view path, CPciAddress& out) {
   return found.IsValid();
 }
 
-void BusGetMACInformation() {
+void BusGetMACInformation() try {
   TRACE(3, "Retrieve Ethernet  MAC information ...\n");
   std::vector<std::string> names;
   if (!FindNicNames(names) && !FindVmwareNames(names)) {
@@ -254,4 +255,6 @@ void BusGetMACInformation() {
   }
   for (const std::string& name : names)
     AddInterface(name);
+} catch (const std::bad_alloc&) {
+  return;
 }

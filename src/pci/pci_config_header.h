@@ -4,7 +4,7 @@
 #include <cstdint>
 
 // The first 64 bytes of a function's configuration space as the hardware stores them: little-endian, type 0 and type 1
-// headers of the PCI Local Bus Specification. A new one is all zero. A plain value: it may be copied byte by byte, and
+// headers of PCI Local Bus 3.0, 6.1. A new one is all zero. A plain value: it may be copied byte by byte, and
 // every accessor reads inside the 64 bytes.
 class CPciCommonConfigHeader {
  public:

@@ -1,6 +1,7 @@
 #include "pci/pci_config_list.h"
 
 #include <iterator>
+#include <new>
 
 #include "pci/device_bus_io.h"
 #include "pci/pci_slot_map.h"
@@ -96,7 +97,7 @@ CDeviceBusIo::NameList::const_iterator SecondPosition(const CDeviceBusIo::NameLi
 
 }  // namespace
 
-bool CPciConfigList::ScanPciSlots(CPciConfigList& list, bool withSlots) {
+bool CPciConfigList::ScanPciSlots(CPciConfigList& list, bool withSlots) try {
   CDeviceBusIo device;
   SlotFinder slots;
   CPciCommonConfigHeader header;
@@ -112,5 +113,7 @@ bool CPciConfigList::ScanPciSlots(CPciConfigList& list, bool withSlots) {
     ++next;
   } while (ReadHeader(device, address, header));
   TRACE(2, "\nCPciConfigList      : %d PCI devices detected!", count);
+  return !list.empty();
+} catch (const std::bad_alloc&) {
   return !list.empty();
 }

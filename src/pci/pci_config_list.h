@@ -38,8 +38,8 @@ class CPciConfigList : public std::map<CPciAddress, CPciSlotData> {
   // its slot number from the firmware's slot table, or inherits that of the bridge in front of it; without, every slot
   // is -1. True when the list holds at least one entry.
   //
-  // Takes no lock and throws nothing but std::bad_alloc. Functions that do not answer are left out; a header that
-  // cannot be read ends the scan with what was gathered so far, except that of 0000:00:00.0.
+  // Takes no lock and throws nothing. Functions that do not answer are left out; a header that cannot be read, except
+  // that of 0000:00:00.0, ends the scan with what was gathered so far, and so does a lack of memory.
   static bool ScanPciSlots(CPciConfigList& list, bool withSlots);
 
   CCriticalSection& Lock() const { return m_Lock; }

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -282,7 +283,7 @@ void CutMemoryRanges() {
 
 }  // namespace
 
-bool ScanPciFunctions() {
+bool ScanPciFunctions() try {
   TRACE(2, "Scanning PCI devices ...\n");
   RefreshFcControllers(std::chrono::steady_clock::now());
   LineReader devices = LineReader::OpenFile(kDevices);
@@ -293,6 +294,8 @@ bool ScanPciFunctions() {
   }
   CutMemoryRanges();
   return true;
+} catch (const std::bad_alloc&) {
+  return false;
 }
 
 int8_t GetPciSlotNumber(unsigned bus, unsigned device) {

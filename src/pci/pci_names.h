@@ -9,7 +9,8 @@
 // not know, from the output of "/sbin/lspci -nn".
 //
 // The list that lspci gives is read once in the life of the process, whether lspci exists or not; the adapter name file
-// is read at each look-up. One thread at a time. What is missing is traced and counts as not found.
+// is read at each look-up. One thread at a time. What is missing is traced and counts as not found; only
+// std::bad_alloc is thrown.
 
 // Device and vendor name of a function; subsystem is the subsystem ID or -1. True when the device has a name. The
 // vendor name is set as soon as the vendor is known, even where the device is not; a name that is not found is "".

@@ -4,11 +4,13 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <functional>
 #include <map>
 #include <string>
 
 #include "support/fake_ioctl.h"
+#include "support/fixture_root.h"
 
 // Device nodes that answer INQUIRY: by default as the table says, with an error for nodes that it does not have.
 struct FakeDrive {
@@ -37,4 +39,29 @@ class FakeDrives {
 
  private:
   FakeIoctl m_Ioctl;
+};
+
+inline constexpr const char kListFormat[] =
+    "Host: %s\n  Vendor: %-8s Model: %-16s Rev: %-4s\n  Type:   %-17s                ANSI  SCSI revision: 05\n";
+
+// A machine with SCSI devices as the kernel lists them.
+class DriveMachine : public FixtureRoot {
+ public:
+  void ListText(const std::string& text) { WriteFile("/proc/scsi/scsi", m_List += text); }
+  // As the kernel prints a device: "scsi0 Channel: 02 Id: 00 Lun: 00".
+  void List(const char* address, const char* vendor, const char* model, const char* revision, const char* type) {
+    char text[512];
+    std::snprintf(text, sizeof text, kListFormat, address, vendor, model, revision, type);
+    ListText(text);
+  }
+  // The class entry as a link, with the device directory behind it.
+  void AddLinked(const std::string& address, const std::string& path) const {
+    const std::string target = "devices/" + path + "/scsi_device/" + address;
+    MakeDirectory("/sys/" + target + "/device");
+    MakeLink("/sys/class/scsi_device/" + address, "../../" + target);
+  }
+  static std::string Device(const std::string& address) { return "/sys/class/scsi_device/" + address + "/device"; }
+
+ private:
+  std::string m_List = "Attached devices:\n";
 };

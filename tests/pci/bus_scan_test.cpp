@@ -13,10 +13,10 @@
 
 #include "pci/fc_controllers.h"
 #include "pci/mac_information.h"
-#include "pci/pci_fixture.h"
 #include "pci/pci_function_scan.h"
 #include "pci/pci_names.h"
 #include "support/fake_ioctl.h"
+#include "support/pci_fixture.h"
 #include "support/trace_capture.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "pci/device_bus_io.h"
-#include "pci/pci_fixture.h"
+#include "support/pci_fixture.h"
 #include "support/trace_capture.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #include "support/fixture_root.h"
 
 // One PCI function of a made-up machine, described by the fields of its configuration header.
-struct FunctionSpec {
+struct FunctionDescription {
   std::string bus = "00";     // name of the bus directory
   std::string name = "00.0";  // name of the configuration file
   uint16_t vendor = 0x8086;
@@ -21,18 +21,20 @@ struct FunctionSpec {
   uint8_t selfTest = 0;
   uint8_t interruptLine = 0;
   uint8_t interruptPin = 0;
+  uint8_t revision = 0;
+  std::vector<uint32_t> addresses = {};  // base address registers
 };
 
-std::string BuildHeader(const FunctionSpec& spec);
-void AddFunction(const FixtureRoot& root, const FunctionSpec& spec);
+std::string BuildHeader(const FunctionDescription& function);
+void AddFunction(const FixtureRoot& root, const FunctionDescription& function);
 
 // A PCI system slot in use, as the firmware describes it.
-struct SlotSpec {
+struct SlotDescription {
   uint8_t number;
   uint8_t bus;
   uint8_t device;
 };
-void WriteSlotTable(const FixtureRoot& root, const std::vector<SlotSpec>& slots);
+void WriteSlotTable(const FixtureRoot& root, const std::vector<SlotDescription>& slots);
 
 // A line of /proc/bus/pci/devices with the addresses of the first base registers.
 std::string DevicesLine(unsigned bus, unsigned device, unsigned function, unsigned vendor, unsigned deviceId,

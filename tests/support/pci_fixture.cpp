@@ -1,4 +1,4 @@
-#include "pci/pci_fixture.h"
+#include "support/pci_fixture.h"
 
 #include <cstdio>
 
@@ -11,33 +11,36 @@ void Put(std::string& bytes, size_t offset, uint32_t value, size_t size) {
 
 }  // namespace
 
-std::string BuildHeader(const FunctionSpec& spec) {
+std::string BuildHeader(const FunctionDescription& function) {
   std::string bytes(64, '\0');
-  Put(bytes, 0, spec.vendor, 2);
-  Put(bytes, 2, spec.device, 2);
-  Put(bytes, 9, spec.classCode, 3);
-  Put(bytes, 14, spec.headerType, 1);
-  Put(bytes, 15, spec.selfTest, 1);
-  if ((spec.headerType & 1) != 0) {
-    Put(bytes, 24, spec.primaryBus, 1);
-    Put(bytes, 25, spec.secondaryBus, 1);
+  Put(bytes, 0, function.vendor, 2);
+  Put(bytes, 2, function.device, 2);
+  Put(bytes, 8, function.revision, 1);
+  Put(bytes, 9, function.classCode, 3);
+  for (size_t index = 0; index < function.addresses.size(); ++index)
+    Put(bytes, 16 + 4 * index, function.addresses[index], 4);
+  Put(bytes, 14, function.headerType, 1);
+  Put(bytes, 15, function.selfTest, 1);
+  if ((function.headerType & 1) != 0) {
+    Put(bytes, 24, function.primaryBus, 1);
+    Put(bytes, 25, function.secondaryBus, 1);
   }
-  Put(bytes, 44, spec.subVendor, 2);
-  Put(bytes, 46, spec.subDevice, 2);
-  Put(bytes, 60, spec.interruptLine, 1);
-  Put(bytes, 61, spec.interruptPin, 1);
+  Put(bytes, 44, function.subVendor, 2);
+  Put(bytes, 46, function.subDevice, 2);
+  Put(bytes, 60, function.interruptLine, 1);
+  Put(bytes, 61, function.interruptPin, 1);
   return bytes;
 }
 
-void AddFunction(const FixtureRoot& root, const FunctionSpec& spec) {
-  root.WriteFile("/proc/bus/pci/" + spec.bus + "/" + spec.name, BuildHeader(spec));
+void AddFunction(const FixtureRoot& root, const FunctionDescription& function) {
+  root.WriteFile("/proc/bus/pci/" + function.bus + "/" + function.name, BuildHeader(function));
 }
 
-void WriteSlotTable(const FixtureRoot& root, const std::vector<SlotSpec>& slots) {
+void WriteSlotTable(const FixtureRoot& root, const std::vector<SlotDescription>& slots) {
   constexpr uint8_t kPciSlot = 6;
   constexpr uint8_t kInUse = 4;
   std::string table;
-  for (const SlotSpec& slot : slots) {
+  for (const SlotDescription& slot : slots) {
     std::string structure(17, '\0');
     Put(structure, 0, 9, 1);  // type: system slot
     Put(structure, 1, 17, 1);
