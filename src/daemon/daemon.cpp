@@ -17,6 +17,7 @@
 #include "daemon/command_line.h"
 #include "daemon/daemon_name.h"
 #include "daemon/file_lock.h"
+#include "daemon/notify.h"
 #include "daemon/pid_file.h"
 #include "daemon/smbus_probe.h"
 #include "daemon/switch_api.h"
@@ -201,6 +202,7 @@ int RunDaemon(int argc, char** argv) {
   WritePidFile();
   StartModules(switchApi, config);
   FinishStart();
+  NotifyReady();
 
   WaitForSignals(switchApi);
 
