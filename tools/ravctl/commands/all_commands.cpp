@@ -4,6 +4,7 @@
 
 #include "ravctl/commands/daemon_status.h"
 #include "ravctl/commands/doctor.h"
+#include "ravctl/commands/trace.h"
 
 namespace ravctl {
 
@@ -11,6 +12,7 @@ namespace {
 
 // One line a command; the help shows them in this order.
 constexpr auto kCommands = std::to_array<void (*)(CLI::App&)>({
+    RegisterTrace,
     RegisterDaemon,
     RegisterDoctor,
 });

@@ -95,7 +95,9 @@ Json Table::ToJson() const {
 Output::Output(OutputOptions options)
     : m_Options(std::move(options)),
       m_IsTerminal(::isatty(STDOUT_FILENO) == 1),
-      m_HasColors(!m_Options.json && WantsColors(m_Options.color, m_IsTerminal)) {}
+      m_HasColors(!m_Options.json && WantsColors(m_Options.color, m_IsTerminal)) {
+  m_Buffer.reserve(2 * kBufferSize);
+}
 
 Output::~Output() {
   Flush();
@@ -153,8 +155,6 @@ void Output::BeginStream(const Schema& schema) {
 
 void Output::Write(std::string_view textOrElement) {
   if (IsJson() && !std::exchange(m_IsFirstElement, false)) m_Buffer += ",\n";
-  // What is large goes out as it stands.
-  if (m_Buffer.size() + textOrElement.size() > kBufferSize) Flush();
   m_Buffer += textOrElement;
   if (m_Buffer.size() > kBufferSize) Flush();
 }

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <numeric>
 #include <utility>
 
@@ -66,7 +68,19 @@ void AppendSafe(std::string& out, std::string_view text, bool keepControls) {
 }  // namespace
 
 bool IsPrintable(std::string_view text) {
-  return std::ranges::all_of(text, [](char character) { return character >= 0x20 && character < 0x7F; });
+  // Eight bytes at a time: a byte below the blank borrows, DEL carries and a byte above has the high bit itself. What
+  // spills into the neighbours does so only where a byte is found already.
+  constexpr uint64_t kOnes = 0x0101010101010101;
+  uint64_t found = 0;
+  size_t at = 0;
+  for (; at + sizeof(uint64_t) <= text.size(); at += sizeof(uint64_t)) {
+    uint64_t bytes;
+    std::memcpy(&bytes, text.data() + at, sizeof bytes);
+    found |= (bytes - kOnes * 0x20) | (bytes + kOnes) | bytes;
+  }
+  for (; at < text.size(); ++at)
+    found |= text[at] < 0x20 || text[at] == 0x7F ? 0x80U : 0U;
+  return (found & (kOnes * 0x80)) == 0;
 }
 
 void AppendPrintable(std::string& out, std::string_view text) {
