@@ -4,6 +4,8 @@
 
 #include "ravctl/commands/daemon_status.h"
 #include "ravctl/commands/doctor.h"
+#include "ravctl/commands/module.h"
+#include "ravctl/commands/shell_texts.h"
 #include "ravctl/commands/trace.h"
 
 namespace ravctl {
@@ -12,9 +14,11 @@ namespace {
 
 // One line a command; the help shows them in this order.
 constexpr auto kCommands = std::to_array<void (*)(CLI::App&)>({
-    RegisterTrace,
-    RegisterDaemon,
-    RegisterDoctor,
+    RegisterTrace,   //
+    RegisterDaemon,  //
+    RegisterModule,  //
+    RegisterDoctor,  //
+    RegisterShellTexts,
 });
 
 }  // namespace

@@ -32,7 +32,9 @@ void FindHeader(std::string_view content, TraceLayout& layout) {
   std::optional<size_t> arguments;  // of the command line that stands right before it
   size_t end = 0;
   ForEachEntry(content.substr(0, kHeaderSearch), [&](std::string_view whole) {
-    const std::string_view text = ParseEntry(whole).text;
+    // The last line of the block has the end marker behind it, a line of its own.
+    std::string_view text = ParseEntry(whole).text;
+    text = text.substr(0, text.find('\n'));
     const size_t at = OffsetOf(content, whole);
     if (text == kHeaderFirst) {
       start = arguments.value_or(at);
