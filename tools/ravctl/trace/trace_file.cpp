@@ -119,7 +119,7 @@ TracePaths PathsOf(const std::string& directory, const std::string& application)
 }
 
 bool IsPath(const TraceSource& source) {
-  return source.what.find('/') != std::string::npos || Exists(source.what);
+  return source.what.find('/') != std::string::npos || (source.what.starts_with("log.") && Exists(source.what));
 }
 
 std::string DirectoryOf(const TraceSource& source) {

@@ -49,7 +49,7 @@ struct TracePaths {
 };
 TracePaths PathsOf(const std::string& directory, const std::string& application);
 
-// What to read: a file by its path (what holds a '/' or names a file here) or an application by its name.
+// What to read: a file by its path (what holds a '/', or names a file log.* here) or an application by its name.
 struct TraceSource {
   std::string what = "ravd";
   std::string directory;  // instead of the configured one when not empty
