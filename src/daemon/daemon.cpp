@@ -20,6 +20,7 @@
 #include "daemon/pid_file.h"
 #include "daemon/smbus_probe.h"
 #include "daemon/switch_api.h"
+#include "daemon/trusted_paths.h"
 #include "trace/debug.h"
 
 namespace {
@@ -196,6 +197,7 @@ int RunDaemon(int argc, char** argv) {
   if (config.RunMode == RUNMODE_NORMAL) DiscoverSmbusDriverInfo();
   CSwitchApi switchApi;
   if (!LoadSwitch(switchApi)) return 1;
+  WarnOfWritablePaths(switchApi);
   WritePidFile();
   StartModules(switchApi, config);
   FinishStart();

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/regular_file.h"
 #include "trace/debug.h"
 
 namespace {
@@ -92,7 +93,7 @@ bool CFileLock::IsLockable(int nrRetries) {
     return true;
   }
   TRACE(3, "\nCFileLock::Lock     : lockfile %s EXISTS!\n", lockFileName);
-  fd = ::open(lockFileName, O_RDONLY | O_CLOEXEC);
+  fd = OpenRegularFile(lockFileName, O_RDONLY | O_NOFOLLOW).Release();
   if (fd < 0) {
     LastError = errno;
     TRACE(3, "\nCFileLock::Lock     : Could NOT open lockfile %s\n", lockFileName);
@@ -126,16 +127,15 @@ bool CFileLock::TryProbe(int nrRetries) {
 }
 
 void CFileLock::ReadOwner() {
-  const int file = ::open(lockFileName, O_RDONLY | O_CLOEXEC);
-  if (file < 0) {
+  const UniqueFd file = OpenRegularFile(lockFileName, O_RDONLY | O_NOFOLLOW);
+  if (!file) {
     LastError = errno;
     return;
   }
   char text[kMaxOwnerInfo];
-  const ssize_t length = ::read(file, text, sizeof text);
+  const ssize_t length = ::read(file.Get(), text, sizeof text);
   if (length < 0) LastError = errno;
   ownerInfo.assign(text, length > 0 ? static_cast<size_t>(length) : 0);
-  ::close(file);
 }
 
 bool CFileLock::TakeLock(const char* ownerName) {
@@ -151,17 +151,16 @@ bool CFileLock::TakeLock(const char* ownerName) {
 }
 
 bool CFileLock::OpenLocked() {
-  const int file = ::open(lockFileName, O_RDWR | O_CREAT | O_CLOEXEC, kFileMode);
-  if (file < 0) {
+  UniqueFd file = OpenRegularFile(lockFileName, O_RDWR | O_CREAT, kFileMode);
+  if (!file) {
     LastError = errno;
     return false;
   }
-  if (!LockExclusively(file)) {
+  if (!LockExclusively(file.Get())) {
     LastError = errno;
-    ::close(file);
     return false;
   }
-  fd = file;
+  fd = file.Release();
   isOpen = isLocked = true;
   return true;
 }

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "daemon/daemon_name.h"
-#include "platform/unique_fd.h"
+#include "platform/regular_file.h"
 #include "trace/debug.h"
 
 namespace {
@@ -18,7 +18,7 @@ constexpr mode_t kPidFileMode = 0666;  // before the umask
 
 // 0, or the errno of what failed.
 int WriteFile(const std::string& text) {
-  const UniqueFd file(::open(kPidFile, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kPidFileMode));
+  const UniqueFd file = OpenRegularFile(kPidFile, O_WRONLY | O_CREAT | O_TRUNC, kPidFileMode);
   if (!file) return errno;
   const ssize_t written = ::write(file.Get(), text.data(), text.size());
   if (written < 0) return errno;

@@ -1,5 +1,6 @@
 #include "daemon/run_level.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 #include <utmp.h>
 
@@ -12,6 +13,7 @@
 #include <string_view>
 
 #include "daemon/daemon_name.h"
+#include "platform/regular_file.h"
 #include "trace/debug.h"
 
 namespace {
@@ -58,7 +60,7 @@ bool UsesRunLevelFile(std::string_view release) {
 int ReadRunLevelFile() {
   std::unique_ptr<FILE, CloseFile> file;
   for (int attempt = 0; attempt < kTries; ++attempt) {
-    file.reset(std::fopen(kRunLevelFile, "re"));
+    file.reset(OpenRegularStream(kRunLevelFile, O_RDONLY, 0, "r"));
     if (file != nullptr) break;
     Debug.PrintAlways(0, "%s-MAIN: cannot open %s (try %d)\n", kDaemonName, kRunLevelFile, attempt);
     ::sleep(1);

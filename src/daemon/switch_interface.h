@@ -6,9 +6,8 @@
 // module.
 //
 // The library is loaded with RTLD_NOW | RTLD_GLOBAL and exports three unmangled symbols:
-//   SW_QueryInterface  SwitchQueryInterfaceFunction; identifier 0 asks for the ISwitch, which is ready for use when
-//   true
-//                      comes back with a non-null pointer. Required.
+//   SW_QueryInterface  SwitchQueryInterfaceFunction; identifier 0 asks for the ISwitch, which is ready for use when it
+//                      returns true with a non-null pointer. Required.
 //   SW_Release         SwitchReferenceFunction; gives that reference back, called once when the daemon stops. Optional.
 //   SW_AddRef          SwitchReferenceFunction; never called by the daemon. Optional.
 

@@ -1,5 +1,6 @@
 #include "firmware/data_stream.h"
 
+#include <algorithm>
 #include <array>
 #include <exception>
 #include <fstream>

@@ -9,13 +9,13 @@ namespace libnetif {
 namespace {
 
 std::optional<int> index_of_link(byte_span payload) {
-  const auto link = read_prefix<ifinfomsg>(payload);
-  return link ? std::optional<int>(link->ifi_index) : std::nullopt;
+  ifinfomsg link;
+  return read_prefix(payload, link) ? std::optional<int>(link.ifi_index) : std::nullopt;
 }
 
 std::optional<int> index_of_address(byte_span payload) {
-  const auto address = read_prefix<ifaddrmsg>(payload);
-  return address ? std::optional<int>(static_cast<int>(address->ifa_index)) : std::nullopt;
+  ifaddrmsg address;
+  return read_prefix(payload, address) ? std::optional<int>(static_cast<int>(address.ifa_index)) : std::nullopt;
 }
 
 struct change_message {

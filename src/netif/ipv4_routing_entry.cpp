@@ -2,7 +2,7 @@
 
 #include <sys/socket.h>
 
-#include <utility>
+#include <array>
 
 namespace libnetif {
 
@@ -16,36 +16,20 @@ uint32_t netmask_of(unsigned int prefix_length) {
 }  // namespace
 
 bool parse_ipv4_route(const netlink_message& message, ipv4_routing_entry& entry, int& interface_index) {
-  const auto route = read_prefix<rtmsg>(message.payload);
-  if (message.type != RTM_NEWROUTE || !route) return false;
-  if (route->rtm_family != AF_INET || route->rtm_table != RT_TABLE_MAIN) return false;
-  ipv4_routing_entry found;
-  found.netmask = netmask_of(route->rtm_dst_len);
-  uint32_t index = 0;
-  for_each_attribute(skip_aligned(message.payload, sizeof(rtmsg)), [&](uint16_t type, byte_span payload) {
-    const uint32_t value = read_prefix<uint32_t>(payload).value_or(0);
-    switch (type) {
-      case RTA_DST:
-        found.destination = value;
-        break;
-      case RTA_OIF:
-        index = value;
-        break;
-      case RTA_GATEWAY:
-        found.gateway = value;
-        break;
-      case RTA_PRIORITY:
-        found.metric = value;
-        break;
-      case RTA_PREFSRC:
-        found.source = value;
-        break;
-      default:
-        break;
-    }
+  rtmsg route;
+  if (message.type != RTM_NEWROUTE || !read_prefix(message.payload, route)) return false;
+  if (route.rtm_family != AF_INET || route.rtm_table != RT_TABLE_MAIN) return false;
+  std::array<uint32_t, RTA_PREFSRC + 1> values{};  // by attribute type
+  for_each_attribute(skip_aligned(message.payload, sizeof route), [&values](uint16_t type, byte_span payload) {
+    if (type < values.size()) read_prefix(payload, values[type]);
   });
-  entry = std::move(found);
-  interface_index = static_cast<int>(index);
+  entry.source = values[RTA_PREFSRC];
+  entry.destination = values[RTA_DST];
+  entry.netmask = netmask_of(route.rtm_dst_len);
+  entry.gateway = values[RTA_GATEWAY];
+  entry.metric = values[RTA_PRIORITY];
+  entry.interface_name.clear();
+  interface_index = static_cast<int>(values[RTA_OIF]);
   return true;
 }
 

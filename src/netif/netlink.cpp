@@ -8,26 +8,26 @@ namespace {
 
 // The kernel reports errors as negative numbers. Unsigned arithmetic, because the lowest one has no positive twin.
 int error_number_of(byte_span payload) {
-  const std::optional<int32_t> reported = read_prefix<int32_t>(payload);
-  return reported ? static_cast<int>(0U - static_cast<uint32_t>(*reported)) : EBADMSG;
+  uint32_t reported = 0;
+  return read_prefix(payload, reported) ? static_cast<int>(0U - reported) : EBADMSG;
 }
 
 }  // namespace
 
 netlink_datagram_result walk_netlink_datagram(byte_span datagram, netlink_message_handler handler, void* context) {
   netlink_datagram_result result;
-  while (const std::optional<nlmsghdr> header = read_prefix<nlmsghdr>(datagram)) {
-    const size_t length = header->nlmsg_len;
+  for (nlmsghdr header; read_prefix(datagram, header);) {
+    const size_t length = header.nlmsg_len;
     if (length < sizeof(nlmsghdr) || length > datagram.size()) break;
     const byte_span payload = datagram.subspan(sizeof(nlmsghdr), length - sizeof(nlmsghdr));
-    if (header->nlmsg_type == NLMSG_ERROR) {
+    if (header.nlmsg_type == NLMSG_ERROR) {
       result.error = error_number_of(payload);
       break;
     }
-    if (header->nlmsg_type == NLMSG_DONE) {
+    if (header.nlmsg_type == NLMSG_DONE) {
       result.done = true;
-    } else if (header->nlmsg_type != NLMSG_NOOP) {
-      handler({header->nlmsg_type, payload}, context);
+    } else if (header.nlmsg_type != NLMSG_NOOP) {
+      handler({header.nlmsg_type, payload}, context);
     }
     datagram = skip_aligned(datagram, length);
   }

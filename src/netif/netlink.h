@@ -35,14 +35,13 @@ struct netlink_datagram_result {
 // as EBADMSG.
 netlink_datagram_result walk_netlink_datagram(byte_span datagram, netlink_message_handler handler, void* context);
 
-// The leading bytes as a T; nothing when there are too few.
+// Copies the leading bytes into value. False when there are too few; value then stays as it was.
 template <typename T>
-std::optional<T> read_prefix(byte_span bytes) {
+bool read_prefix(byte_span bytes, T& value) {
   static_assert(std::is_trivially_copyable_v<T>);
-  if (bytes.size() < sizeof(T)) return std::nullopt;
-  T value;
-  std::memcpy(&value, bytes.data(), sizeof value);
-  return value;
+  if (bytes.size() < sizeof(T)) return false;
+  std::memcpy(&value, bytes.data(), sizeof(T));
+  return true;
 }
 
 // What follows a message or an attribute of that length: both start at multiples of four bytes.
@@ -54,10 +53,10 @@ inline byte_span skip_aligned(byte_span bytes, size_t length) {
 // Calls visit(type, payload) for each attribute. Ends at one that is shorter than its header or longer than the rest.
 template <typename Visitor>
 void for_each_attribute(byte_span bytes, Visitor visit) {
-  while (const std::optional<rtattr> attribute = read_prefix<rtattr>(bytes)) {
-    const size_t length = attribute->rta_len;
+  for (rtattr attribute; read_prefix(bytes, attribute);) {
+    const size_t length = attribute.rta_len;
     if (length < sizeof(rtattr) || length > bytes.size()) return;
-    visit(attribute->rta_type, bytes.subspan(sizeof(rtattr), length - sizeof(rtattr)));
+    visit(attribute.rta_type, bytes.subspan(sizeof(rtattr), length - sizeof(rtattr)));
     bytes = skip_aligned(bytes, length);
   }
 }

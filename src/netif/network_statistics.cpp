@@ -15,17 +15,19 @@ struct traffic_counters {
 }  // namespace
 
 bool parse_link_statistics(const netlink_message& message, int interface_index, network_statistics& statistics) {
-  const auto link = read_prefix<ifinfomsg>(message.payload);
-  if (message.type != RTM_NEWLINK || !link || link->ifi_index != interface_index) return false;
-  std::optional<traffic_counters> counters;
-  for_each_attribute(skip_aligned(message.payload, sizeof(ifinfomsg)), [&counters](uint16_t type, byte_span payload) {
-    if (type == IFLA_STATS) counters = read_prefix<traffic_counters>(payload);
+  ifinfomsg link;
+  if (message.type != RTM_NEWLINK || !read_prefix(message.payload, link)) return false;
+  if (link.ifi_index != interface_index) return false;
+  traffic_counters counters;
+  bool found = false;
+  for_each_attribute(skip_aligned(message.payload, sizeof link), [&](uint16_t type, byte_span payload) {
+    if (type == IFLA_STATS) found = read_prefix(payload, counters);
   });
-  if (!counters) return false;
-  statistics = {.tx_bytes = counters->tx_bytes,
-                .rx_bytes = counters->rx_bytes,
-                .tx_packets = counters->tx_packets,
-                .rx_packets = counters->rx_packets};
+  if (!found) return false;
+  statistics = {.tx_bytes = counters.tx_bytes,
+                .rx_bytes = counters.rx_bytes,
+                .tx_packets = counters.tx_packets,
+                .rx_packets = counters.rx_packets};
   return true;
 }
 

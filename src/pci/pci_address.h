@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <tuple>
 
 // Address of one PCI function. A new one is unset: bus, device and function 0xFF make an address invalid.
 //
@@ -13,16 +12,18 @@ struct CPciAddress {
   uint8_t device = 0xFF;
   uint8_t function = 0xFF;
 
-  constexpr bool IsValid() const { return bus != 0xFF || device != 0xFF || function != 0xFF; }
+  constexpr bool IsValid() const { return (bus & device & function) != 0xFF; }
+
+  // All fields as one number, in the order of the comparison.
+  constexpr uint64_t Packed() const {
+    return uint64_t{segment} << 24 | uint64_t{bus} << 16 | uint64_t{device} << 8 | function;
+  }
 };
 
 constexpr bool operator<(const CPciAddress& left, const CPciAddress& right) {
-  if (!left.IsValid() || !right.IsValid()) return false;
-  return std::tie(left.segment, left.bus, left.device, left.function) <
-         std::tie(right.segment, right.bus, right.device, right.function);
+  return left.Packed() < right.Packed() && left.IsValid() && right.IsValid();
 }
 
 constexpr bool operator==(const CPciAddress& left, const CPciAddress& right) {
-  return left.IsValid() && right.IsValid() && left.segment == right.segment && left.bus == right.bus &&
-         left.device == right.device && left.function == right.function;
+  return left.Packed() == right.Packed() && left.IsValid();
 }

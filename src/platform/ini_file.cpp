@@ -15,6 +15,7 @@
 #include "platform/descriptor_io.h"
 #include "platform/ini_search.h"
 #include "platform/ini_text.h"
+#include "platform/regular_file.h"
 #include "platform/unique_fd.h"
 #include "trace/debug.h"
 
@@ -300,7 +301,7 @@ uint32_t CIniFile::GetPrivateProfileString(const char* section, const char* key,
                                            uint32_t size, const char* fileName) {
   if (buffer == nullptr || fileName == nullptr || size == 0) return 0;
   Result result(buffer, size);
-  const UniqueFd file(::open(fileName, O_RDONLY | O_CLOEXEC));
+  const UniqueFd file = OpenRegularFile(fileName, O_RDONLY);
   if (file) {
     ReadProfile(file.Get(), section, key, result);
   } else {
@@ -322,7 +323,7 @@ int CIniFile::WritePrivateProfileString(const char* section, const char* key, co
   }
   TRACE(4, "WritePrivateProfileString(%s, %s, %s, %s)\n", section, key == nullptr ? "<nil>" : key,
         value == nullptr ? "<nil>" : value, fileName);
-  const UniqueFd file(::open(fileName, O_RDWR | O_CLOEXEC));
+  const UniqueFd file(::open(fileName, O_RDWR | O_NONBLOCK | O_CLOEXEC));
   const int error = errno;
   if (!file && error != ENOENT) {
     TraceAppendError(fileName);
@@ -352,7 +353,7 @@ const char* CIniFile::GetFileName() const {
 }
 
 bool CIniFile::Open(bool mustExist) {
-  isOpen = fileName != nullptr && (!mustExist || UniqueFd(::open(fileName.get(), O_RDONLY | O_CLOEXEC)));
+  isOpen = fileName != nullptr && (!mustExist || OpenRegularFile(fileName.get(), O_RDONLY));
   return isOpen;
 }
 

@@ -121,7 +121,7 @@ class CRegistry {
   // Writes the tree when it has changed: completely and down to the disk as registry.new, which then takes the place
   // of the registry file, whose old content stays as its backup. When that fails, it is traced, the registry file is
   // as it was, and the next save tries again - except when registry.new cannot be opened: then the changes count as
-  // saved until the next one.
+  // saved until the next one. A tree that could not be loaded whole for lack of memory or descriptors is never written.
   static void SaveTree();
 
   int m_Result;             // of the last operation
@@ -163,6 +163,7 @@ class CRegistry {
   // A tree without the first root key gets the entries of all root keys that it lacks.
   static void RestoreRootEntries();
   static bool LoadTree();
+  static bool LoadFile(const char* path);
   static void TakeRootKeys();
   // After an entry was taken from a node: a root key that went with it leaves no handle behind.
   static void ForgetRootKey(const CRegistryNode& parent, const CRegistryValue& removed);
@@ -180,6 +181,7 @@ class CRegistry {
   static std::atomic<bool> MIsDirty;
   static std::atomic<bool> MIsSetup;
   static std::atomic<uint64_t> MChanges;  // counts the calls of MarkDirty: a save sees what came while it wrote
+  static bool MIsUnread;                  // a file that exists was not read whole: nothing is saved; same lock
   static bool MIsSaved;                   // the registry file is what this process wrote; guarded by the class lock
 
   CRegistryNodeRef m_hKey;

@@ -12,6 +12,7 @@
 #include <new>
 #include <utility>
 
+#include "platform/regular_file.h"
 #include "platform/unique_fd.h"
 #include "registry/registry.h"
 #include "trace/debug.h"
@@ -19,6 +20,7 @@
 namespace {
 
 constexpr const char* kDirectory = "/etc/pelrix";
+constexpr mode_t kTempMode = 0666;  // before the umask, until it is complete
 constexpr mode_t kRegistryMode = 0644;
 
 // Constructed at compile time and left alone at the end of the process.
@@ -63,7 +65,7 @@ void SetRootKey(const RootKeyRow& row, CRegistryNode* node) {
 
 class File {
  public:
-  File(const char* path, const char* mode) : m_File(std::fopen(path, mode)) {}
+  explicit File(FILE* file) : m_File(file) {}
   ~File() { Close(); }
   File(const File&) = delete;
   File& operator=(const File&) = delete;
@@ -82,6 +84,12 @@ bool TraceFailure(const char* what, const char* path) {
   const int error = errno;
   TRACE(1, "CRegistry: ERROR: Cannot %s \"%s\" (errno=%d; %s)\n", what, path, error, std::strerror(error));
   return false;
+}
+
+// A new file always: what an interrupted save, or somebody else, left at the path is taken away, not written to.
+FILE* MakeTempFile(const char* path) {
+  ::unlink(path);
+  return OpenRegularStream(path, O_WRONLY | O_CREAT | O_EXCL, kTempMode, "w");
 }
 
 // Complete and on the disk when this is true.
@@ -129,13 +137,14 @@ std::atomic<bool> CRegistry::MIsDirty = false;
 std::atomic<bool> CRegistry::MIsSetup = false;
 std::atomic<uint64_t> CRegistry::MChanges = 0;
 bool CRegistry::MIsSaved = false;
+bool CRegistry::MIsUnread = false;
 
 bool CRegistry::ReadTree(const char* path, CRegistryNode& node) {
   if (path == nullptr) {
     TRACE(1, "CRegistry: ERROR: Empty file path");
     return false;
   }
-  const File file(path, "re");
+  const File file(OpenRegularStream(path, O_RDONLY, 0, "r"));
   if (file.Get() == nullptr) {
     TRACE(1, "CRegistry: WARNING: Could not open \"%s\"\n", path);
     return false;
@@ -153,12 +162,21 @@ bool CRegistry::ReadTree(const char* path, CRegistryNode& node) {
   return true;
 }
 
+// A file that could not be read for lack of memory or descriptors may be perfectly good.
+bool CRegistry::LoadFile(const char* path) {
+  errno = 0;
+  if (ReadTree(path, MRootNode)) return true;
+  if (errno == ENOMEM || errno == EMFILE || errno == ENFILE) MIsUnread = true;
+  return false;
+}
+
 bool CRegistry::LoadTree() {
-  if (ReadTree(MPRegistry, MRootNode)) return true;
+  MIsUnread = false;
+  if (LoadFile(MPRegistry)) return true;
   TRACE(1, "CRegistry: WARNING: Could not restore tree from \"%s\", trying backup\n", MPRegistry);
-  if (ReadTree(MPRegistryOld, MRootNode)) return true;
+  if (LoadFile(MPRegistryOld)) return true;
   TRACE(1, "CRegistry: WARNING: Could not restore tree from \"%s\", trying default\n", MPRegistryOld);
-  if (ReadTree(MPRegistryDefault, MRootNode)) return true;
+  if (LoadFile(MPRegistryDefault)) return true;
   TRACE(1, "CRegistry: ERROR: Could not restore tree from \"%s\", restoring failed\n", MPRegistryDefault);
   return false;
 }
@@ -175,6 +193,7 @@ void CRegistry::SetupTree(bool forceSetup) {
     if (!isLoaded && !MIsSetup) return;
     TakeRootKeys();
   } catch (const std::exception&) {
+    MIsUnread = true;
     TRACE(2, "CRegistry: SetupTree(): ## ERROR during Setup\n");
   }
   MIsSetup = true;
@@ -219,6 +238,10 @@ void CRegistry::SaveTree() {
   if (!MIsDirty) return;
   const CCriticalSectionLock lock(MClassLock);
   if (!MIsDirty) return;
+  if (MIsUnread) {
+    TRACE(1, "CRegistry: ERROR: The registry could not be read whole and is not written\n");
+    return;
+  }
   const uint64_t changes = MChanges;
   if (!ReplaceRegistryFile()) return;
   MIsDirty = false;
@@ -227,7 +250,7 @@ void CRegistry::SaveTree() {
 
 // True when nothing is left to be tried again.
 bool CRegistry::ReplaceRegistryFile() {
-  File file(MPRegistryTemp, "we");
+  File file(MakeTempFile(MPRegistryTemp));
   if (file.Get() == nullptr) {
     TRACE(1, "CRegistry: ERROR: Cannot open \"%s\" for writing\n", MPRegistryTemp);
     return true;

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/cancellation.h"
 #include "trace/debug.h"
 
 namespace {
@@ -50,12 +51,10 @@ uint32_t EffectiveValue(const char* variable, uint32_t iniValue, uint32_t defaul
 }  // namespace
 
 bool CDebug::ReadDebugConfig(const char* appName) {
+  ForgetConfiguration();
   const IniFileList files(kConfigDirectory);
   // A directory without any ini file is somebody's wish for no configuration at all, the environment included.
-  if (files.IsReadable() && files.Count() == 0) {
-    std::snprintf(m_Directory, sizeof m_Directory, "%s", kDefaultDirectory);
-    return true;
-  }
+  if (files.IsReadable() && files.Count() == 0) return true;
 
   m_IniRingBufferSizeFactor = m_IniRingBufferSizeWeight = m_IniNoHeader = m_MemoryTracesFlag = kNotGiven;
   m_IniDirectory[0] = '\0';
@@ -72,6 +71,20 @@ bool CDebug::ReadDebugConfig(const char* appName) {
   }
   ComputeEffectiveValues();
   return true;
+}
+
+// Back to what construction gives, with the default directory: a second Init owes nothing to the first.
+void CDebug::ForgetConfiguration() {
+  m_GlobalConfig.Forget();
+  m_AppConfig.Forget();
+  m_TraceLevel = m_TraceLevelSaved = m_FileDebugLevel = m_TraceFlags = 0;
+  m_IniRingBufferSizeFactor = m_IniRingBufferSizeWeight = m_IniNoHeader = m_IniDynamicUpdate = 0;
+  m_MemoryTracesFlag = m_NoHeader = 0;
+  m_RingBufferFactor = m_RingBufferWeight = 0;
+  m_DynamicUpdate = 0;
+  m_MaxLogFileSize = kDefaultMaxLogFileSize;
+  m_IniDirectory[0] = '\0';
+  std::snprintf(m_Directory, sizeof m_Directory, "%s", kDefaultDirectory);
 }
 
 void CDebug::ReadApplicationSettings() {
@@ -97,18 +110,19 @@ void CDebug::ComputeEffectiveValues() {
 }
 
 void CDebug::UpdateConfiguration() {
+  const CancellationBlock block;  // a thread that ended half way would lose the change for good
   const time_t now = time(nullptr);
   if (m_LastConfigCheck <= now && now < m_LastConfigCheck + m_DynamicUpdate) return;
   m_LastConfigCheck = now;
 
   if (m_GlobalConfig.IsFollowed() && m_GlobalConfig.WasModified() &&
       m_GlobalConfig.OpenSectionInIniFile(kGlobalSection, nullptr, nullptr) &&
-      m_GlobalConfig.ReadNumber("DynamicUpdate", m_IniDynamicUpdate)) {
+      m_GlobalConfig.ReadNumber("DynamicUpdate", m_IniDynamicUpdate) && m_IniDynamicUpdate != kNotGiven) {
     m_DynamicUpdate = static_cast<int32_t>(m_IniDynamicUpdate);
   }
   if (m_AppConfig.IsFollowed() && m_AppConfig.WasModified() &&
       m_AppConfig.OpenSectionInIniFile(m_AppName != nullptr ? m_AppName : "", nullptr, nullptr)) {
-    if (m_AppConfig.ReadNumber("FileDebugLevel", m_FileDebugLevel)) {
+    if (m_AppConfig.ReadNumber("FileDebugLevel", m_FileDebugLevel) && m_FileDebugLevel != kNotGiven) {
       m_TraceLevel = m_FileDebugLevel;
       m_TraceLevelSaved = m_FileDebugLevel;
     }

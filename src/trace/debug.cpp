@@ -9,6 +9,8 @@
 #include <cstring>
 #include <exception>
 
+#include "platform/cancellation.h"
+
 // Storage that no static destructor tears down: whatever runs after the end of main finds a closed trace object
 // instead of a destroyed one.
 union CDebugStorage {
@@ -74,6 +76,7 @@ bool CDebug::IsMaster() const {
 
 bool CDebug::Init(const char* appName) {
   if (appName == nullptr) return false;
+  const CancellationBlock block;
   const CCriticalSectionLock lock(m_CritSec);
   CloseRingBuffer();
   CloseLogFile();
@@ -150,6 +153,7 @@ void CDebug::SetMainParams(int argc, char** argv) {
 
 void CDebug::SetApplInitDone() {
   Guarded([&] {
+    const CancellationBlock block;
     const CCriticalSectionLock lock(m_CritSec);
     MarkEndOfStartUpPart();
     if (m_TraceTarget == kTargetRingBuffer) SwitchToRunTimeRingBuffer();

@@ -23,9 +23,10 @@
 // Threads: every operation takes the object's own recursive lock except SetTarget and the tests of m_TraceActive and
 // m_TraceLevel; a stale read of those costs one entry at most.
 // Failures: a writer never lets one reach its caller. An entry that cannot be formatted or copied is dropped. Only the
-// forced unwinding of a cancelled thread passes through, with the lock given back.
-// Lifetime: `Debug` is constant-initialised and its storage is never torn down, so static objects of any binary may
-// trace at any time: before Init and after the end of main nothing is written.
+// forced unwinding of a cancelled thread passes through, with the lock given back. A ring buffer file that somebody
+// cuts short switches tracing off with one line in syslog. Lifetime: `Debug` is constant-initialised and its storage is
+// never torn down, so static objects of any binary may trace at any time: before Init and after the end of main nothing
+// is written.
 //
 // Modules call through the table of virtual operations. Their order and the layout of the public data members are a
 // binary interface: append, never reorder.
@@ -81,6 +82,9 @@ class CDebug : public CDebugTraceConfig {
   // Lower-cases in place and returns its argument; null stays null.
   static char* StringToLower(char* text);
 
+  // Where the trace files are; set by Init.
+  const char* Directory() const { return m_Directory; }
+
   static constexpr unsigned int kTargetNone = 0;
   static constexpr unsigned int kTargetLogFile = 1;
   static constexpr unsigned int kTargetRingBuffer = 2;
@@ -102,6 +106,7 @@ class CDebug : public CDebugTraceConfig {
 
   // Configuration
   bool ReadDebugConfig(const char* appName);
+  void ForgetConfiguration();
   void ReadApplicationSettings();
   void ComputeEffectiveValues();
   void UpdateConfiguration();  // looks at the followed files again when their time has come
@@ -124,11 +129,13 @@ class CDebug : public CDebugTraceConfig {
   int64_t ComputeRingBufferSize();
   bool InitStartUpRingBuffer();
   bool InitRingBuffer(const char* path, int64_t length);
+  bool ReportOpenFailure(const char* path, int error);  // always false
   bool FillRingBuffer(int64_t length);
   void CloseRingBuffer();
   void AppendToRingBuffer(const char* entry, size_t length);
   void CopyToRingBuffer(const char* entry, size_t length);
   void WrapRingBuffer(const char* entry, size_t length);
+  void LoseRingBuffer();
   void SwitchToRunTimeRingBuffer();
 
   // Log file
@@ -189,6 +196,7 @@ class CDebug : public CDebugTraceConfig {
   uint32_t m_WrapCycle = 0;
 
   // Kept between entries, so that nothing is worked out anew for each of them
+  int64_t m_HeaderEnd = 0;       // where the header block of the ring buffer has to end
   bool m_WritingHeader = false;  // the header block goes to the ring buffer
   bool m_SecondIsKept = false;
   time_t m_KeptSecond = 0;

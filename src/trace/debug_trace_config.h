@@ -22,6 +22,9 @@ class CDebugTraceConfigFile {
   // fileName and directory may be null. On any failure the object is empty again.
   bool OpenSectionInIniFile(const char* section, const char* fileName, const char* directory);
 
+  // Frees the text and follows no file any more.
+  void Forget();
+
   // Whether a file is followed: it was opened with success and has not vanished since.
   bool IsFollowed() const { return m_Path[0] != '\0'; }
 
@@ -42,8 +45,6 @@ class CDebugTraceConfigFile {
   bool CutEndOfFile();
   bool FindSection(const char* section);
   const char* FindValue(const char* key) const;
-  void Forget();
-
   char* m_Buffer = nullptr;        // whole file, its size + 16 bytes, zero-filled; owned (calloc)
   char* m_SectionStart = nullptr;  // behind the "]" of the section, null when none; points into m_Buffer
   char* m_SectionEnd = nullptr;    // where the section's text was cut

@@ -2,11 +2,11 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/descriptor_io.h"
 #include "platform/unique_fd.h"
 #include "trace/debug_trace_config.h"
 
@@ -17,12 +17,10 @@ constexpr size_t kRoomBehindText = 16;
 constexpr size_t kNumberSize = 64;
 
 bool ReadExactly(int fd, char* bytes, size_t count) {
-  while (count > 0) {
-    const ssize_t got = ::read(fd, bytes, count);
-    if (got < 0 && errno == EINTR) continue;
+  for (size_t have = 0; have < count;) {
+    const ssize_t got = ReadSome(fd, bytes + have, count - have);
     if (got <= 0) return false;
-    bytes += got;
-    count -= static_cast<size_t>(got);
+    have += static_cast<size_t>(got);
   }
   return true;
 }

@@ -86,6 +86,8 @@ size_t CDebug::SetEntryHeader(char* buffer, size_t size, const char* tag) {
 }
 
 const char* CDebug::SkipLeadingNewlines(const char* fmt) {
-  const char* text = fmt + std::strspn(fmt, "\n");
+  const char* text = fmt;
+  while (*text == '\n')
+    ++text;
   return *text != '\0' ? text : fmt;
 }

@@ -1,17 +1,27 @@
 // The log file of the trace object: plain text, limited in size, wrapping to the end of its start-up part.
 
+#include <fcntl.h>
 #include <syslog.h>
 
 #include <algorithm>
 #include <cerrno>
 
+#include "platform/regular_file.h"
 #include "trace/debug.h"
+
+namespace {
+
+constexpr mode_t kLogFileMode = 0640;  // before the umask, which is not the daemon's own yet
+
+}  // namespace
 
 void CDebug::OpenLogFile() {
   char name[kPathSize];
   std::snprintf(name, sizeof name, "%s", m_AppName != nullptr ? m_AppName : "");
-  std::snprintf(m_LogFilePath, sizeof m_LogFilePath, "%s/log.%s", m_Directory, StringToLower(name));
-  m_LogFile = std::fopen(m_LogFilePath, "w+e");
+  const int length = std::snprintf(m_LogFilePath, sizeof m_LogFilePath, "%s/log.%s", m_Directory, StringToLower(name));
+  if (static_cast<size_t>(length) < sizeof m_LogFilePath) {
+    m_LogFile = OpenRegularStream(m_LogFilePath, O_RDWR | O_CREAT | O_TRUNC, kLogFileMode, "w+");
+  }
   if (m_LogFile == nullptr) syslog(LOG_ERR, "ERROR: Error during opening %s --> proceed without it\n", m_LogFilePath);
   m_WrapPosition = 0;
   m_ByteCountAtInitEnd = 0;
@@ -26,7 +36,7 @@ void CDebug::CloseLogFile() {
 
 void CDebug::MarkEndOfStartUpPart() {
   if (m_LogFile == nullptr) return;
-  m_WrapPosition = std::ftell(m_LogFile);
+  m_WrapPosition = std::max(std::ftell(m_LogFile), 0L);
   m_ByteCountAtInitEnd = static_cast<uint32_t>(m_WrapPosition);
 }
 
@@ -63,8 +73,9 @@ void CDebug::WrapLogFile(size_t headerLength) {
   }
   m_ByteCount = m_ByteCountAtInitEnd;
   ++m_WrapCycle;
-  const int text = std::snprintf(m_InternalDebugBuffer + headerLength, kMaxText,
-                                 "------ WRAP ----- Cycle=%u, CntInitEnd=%u, CurrentByteCnt=%u (MaxCnt=%u)\n",
-                                 m_WrapCycle, m_ByteCountAtInitEnd, m_ByteCountAtInitEnd, m_MaxLogFileSize);
+  const int text =
+      std::snprintf(m_InternalDebugBuffer + headerLength, kMaxText,
+                    "------ WRAP ----- Cycle=%d, CntInitEnd=%u, CurrentByteCnt=%u (MaxCnt=%u)\n",
+                    static_cast<int>(m_WrapCycle), m_ByteCountAtInitEnd, m_ByteCountAtInitEnd, m_MaxLogFileSize);
   WriteToLogFile(m_InternalDebugBuffer, headerLength + static_cast<size_t>(text));
 }

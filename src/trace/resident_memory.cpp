@@ -43,7 +43,9 @@ size_t ResidentMemory::ReadKb() {
 
 bool ResidentMemory::ReadPages(size_t& pages) {
   const unsigned int generation = forkGeneration.load(std::memory_order_relaxed);
-  if ((m_Fd < 0 || m_Generation != generation) && !Open()) return false;
+  // After a fork the number may be anything of the child's own by now: it is forgotten without closing it.
+  if (m_Generation != generation) m_Fd = -1;
+  if (m_Fd < 0 && !Open()) return false;
   if (ReadKeptDescriptor(pages)) return true;
   // Somebody else closed the descriptor, and the number may be theirs by now: forget it without closing it.
   m_Fd = -1;

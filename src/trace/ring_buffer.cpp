@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,8 +10,12 @@
 #include <cstring>
 #include <memory>
 #include <new>
-#include <vector>
+#include <string_view>
 
+#include "platform/cancellation.h"
+#include "platform/descriptor_io.h"
+#include "platform/mapped_copy.h"
+#include "platform/regular_file.h"
 #include "trace/debug.h"
 
 namespace {
@@ -26,17 +31,6 @@ constexpr size_t kRoomBesideText = 145;  // header, end of line and terminator o
 constexpr const char* kNoMemory = "\n## ERROR: No memory: Output Truncated!\n";
 constexpr const char* kTooBig = "\n## WARNING: TRACE-SIZE TOO BIG: Output Truncated!\n";
 
-bool WriteAll(int fd, const char* bytes, size_t count) {
-  while (count > 0) {
-    const ssize_t written = ::write(fd, bytes, count);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return false;
-    bytes += written;
-    count -= static_cast<size_t>(written);
-  }
-  return true;
-}
-
 }  // namespace
 
 int64_t CDebug::ComputeRingBufferSize() {
@@ -50,17 +44,22 @@ bool CDebug::InitStartUpRingBuffer() {
   std::snprintf(name, sizeof name, "%s", m_AppName != nullptr ? m_AppName : "");
   StringToLower(name);
   std::snprintf(m_RunTimePath, sizeof m_RunTimePath, "%s/log.%s_a", m_Directory, name);
-  std::snprintf(m_StartUpPath, sizeof m_StartUpPath, "%s/log.%s_i", m_Directory, name);
+  const int length = std::snprintf(m_StartUpPath, sizeof m_StartUpPath, "%s/log.%s_i", m_Directory, name);
   m_RingBufferSize *= kStartUpMultiple;
+  // A path that was cut would be that of another file, of the log file even.
+  if (static_cast<size_t>(length) >= sizeof m_StartUpPath) return ReportOpenFailure(m_StartUpPath, ENAMETOOLONG);
   return InitRingBuffer(m_StartUpPath, m_RingBufferSize);
 }
 
+bool CDebug::ReportOpenFailure(const char* path, int error) {
+  PrintToLogFile("\n### InitRingBuffer(): open of %s failed (errno=%d; %s) ###", path, error, std::strerror(error));
+  return false;
+}
+
 bool CDebug::InitRingBuffer(const char* path, int64_t length) {
-  m_RingBufferFd = ::open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0700);
+  m_RingBufferFd = OpenRegularFile(path, O_RDWR | O_CREAT | O_TRUNC, 0700).Release();
   if (m_RingBufferFd < 0) {
-    const int error = errno;
-    PrintToLogFile("\n### InitRingBuffer(): open of %s failed (errno=%d; %s) ###", path, error, std::strerror(error));
-    return false;
+    return ReportOpenFailure(path, errno);
   }
   if (!FillRingBuffer(length)) {
     // What was written so far may be what filled the disk.
@@ -77,16 +76,19 @@ bool CDebug::InitRingBuffer(const char* path, int64_t length) {
     return false;
   }
 
+  mapped_copy::CatchLostPages();
   m_Mapping = static_cast<char*>(mapping);
   m_TraceTarget = kTargetRingBuffer;
   m_WriteOffset = 0;
   m_WrapOffset = 0;
+  m_HeaderEnd = length / 2;
   WriteLogHeader(kTargetRingBuffer);
   m_WriteOffset = (m_WriteOffset + 2 * kBoundary) & ~(kBoundary - 1);
+  m_HeaderEnd = m_WriteOffset;
   PrintIt(kTargetRingBuffer, "\n### Begin of RingBuffer. ###");
   m_WrapOffset = m_WriteOffset;
   PrintIt(kTargetRingBuffer, "\n### Start of initialization. ###");
-  return true;
+  return m_Mapping != nullptr;
 }
 
 // Every 1 KiB of a new buffer is a line of its own: an entry header and underscores.
@@ -96,14 +98,16 @@ bool CDebug::FillRingBuffer(int64_t length) {
   std::memset(line + header, '_', kFillerLine - 1 - header);
   line[kFillerLine - 1] = '\n';
 
-  std::vector<char> block(kFillerBlock);
-  for (size_t at = 0; at < block.size(); at += kFillerLine)
-    std::memcpy(block.data() + at, line, kFillerLine);
+  const std::unique_ptr<char[]> block(new (std::nothrow) char[kFillerBlock]);
+  if (block == nullptr) return false;
+  for (size_t at = 0; at < kFillerBlock; at += kFillerLine)
+    std::memcpy(block.get() + at, line, kFillerLine);
+  constexpr auto kBlock = static_cast<int64_t>(kFillerBlock);
   constexpr auto kLine = static_cast<int64_t>(kFillerLine);
-  int64_t left = (length + kLine - 1) / kLine * kLine;
-  for (int64_t part = 0; left > 0; left -= part) {
-    part = std::min(left, static_cast<int64_t>(block.size()));
-    if (!WriteAll(m_RingBufferFd, block.data(), static_cast<size_t>(part))) return false;
+  const int64_t whole = (length + kLine - 1) / kLine * kLine;
+  for (int64_t at = 0; at < whole; at += kBlock) {
+    const auto part = static_cast<size_t>(std::min(whole - at, kBlock));
+    if (!WriteAllAt(m_RingBufferFd, {block.get(), part}, at)) return false;
   }
   return true;
 }
@@ -151,9 +155,8 @@ void CDebug::TraceToRingBuffer(const char* fmt, va_list args, const char* tag) {
 }
 
 void CDebug::AppendToRingBuffer(const char* entry, size_t length) {
-  // The header block of a wrap ends where the entries begin; what would run into them is left out.
-  const int64_t headerEnd = m_WrapOffset != 0 ? m_WrapOffset : m_RingBufferSize / 2;
-  const int64_t end = m_WritingHeader ? headerEnd : m_RingBufferSize;
+  // The header block of a wrap ends where the "Begin" entry stands; what would run into that is left out.
+  const int64_t end = m_WritingHeader ? m_HeaderEnd : m_RingBufferSize;
   if (m_WriteOffset + static_cast<int64_t>(length) + m_EndMarkerLength <= end) {
     CopyToRingBuffer(entry, length);
   } else if (!m_WritingHeader) {
@@ -162,13 +165,16 @@ void CDebug::AppendToRingBuffer(const char* entry, size_t length) {
 }
 
 void CDebug::CopyToRingBuffer(const char* entry, size_t length) {
-  std::memcpy(m_Mapping + m_WriteOffset, entry, length);
+  if (m_Mapping == nullptr) return;
+  const std::string_view marker(m_EndMarker, static_cast<size_t>(m_EndMarkerLength));
+  if (!mapped_copy::Put(m_Mapping + m_WriteOffset, {entry, length}, marker)) return LoseRingBuffer();
   m_WriteOffset += static_cast<int64_t>(length);
-  std::memcpy(m_Mapping + m_WriteOffset, m_EndMarker, static_cast<size_t>(m_EndMarkerLength));
 }
 
 void CDebug::WrapRingBuffer(const char* entry, size_t length) {
-  std::memset(m_Mapping + m_WriteOffset, '.', static_cast<size_t>(m_RingBufferSize - m_WriteOffset));
+  const CancellationBlock block;  // a thread that ended half way would leave the next one in the header block
+  const auto left = static_cast<size_t>(m_RingBufferSize - m_WriteOffset);
+  if (!mapped_copy::Fill(m_Mapping + m_WriteOffset, '.', left)) return LoseRingBuffer();
   // The header is written through the line buffer that the entry may stand in.
   char aside[sizeof m_InternalDebugBuffer];
   if (entry == m_InternalDebugBuffer) {
@@ -181,14 +187,26 @@ void CDebug::WrapRingBuffer(const char* entry, size_t length) {
   CopyToRingBuffer(entry, length);
 }
 
+// The file behind the mapping was cut short: there is nothing left to write to.
+void CDebug::LoseRingBuffer() {
+  SwitchTracingOff();
+  CloseRingBuffer();
+  syslog(LOG_ERR, "ERROR: %s was cut short --> tracing is switched off\n",
+         m_ApplInitDone ? m_RunTimePath : m_StartUpPath);
+}
+
 void CDebug::SwitchToRunTimeRingBuffer() {
+  if (m_ApplInitDone) return;
   PrintIt(kTargetRingBuffer, "\n### End of initialization. ###");
+  m_ApplInitDone = true;
+  if (m_Mapping == nullptr) return;  // lost with that entry
   m_TraceActive = false;
   CloseRingBuffer();
 
   char command[kPathSize];
-  std::snprintf(command, sizeof command, "gzip -f %s 2>/dev/null", m_StartUpPath);
-  FILE* gzip = ::popen(command, "re");
+  const int length = std::snprintf(command, sizeof command, "gzip -f %s 2>/dev/null", m_StartUpPath);
+  // A command that was cut would name another file.
+  FILE* gzip = static_cast<size_t>(length) < sizeof command ? ::popen(command, "re") : nullptr;
   if (gzip == nullptr) {
     PrintToLogFile("\n### gziping of startup log file failed -> it doesn't matter ###");
   } else {
@@ -201,5 +219,4 @@ void CDebug::SwitchToRunTimeRingBuffer() {
   } else {
     SwitchTracingOff();
   }
-  m_ApplInitDone = true;
 }

@@ -116,9 +116,15 @@ TEST(BiosTables, EsxDeviceIsReadBehindItsEntryPoint) {
   Expect(root, longEntry, "", failed + "(len = 0, BytesToRead = 19), Reason: Success");
   root.WriteFile(kEsxDevice, entry.substr(0, 30));
   Expect(root, "", "", failed + "(readlen = 30, hdrlen = 31), Reason: Success");
-  root.WriteFile(kEsxDevice, entry + Table().substr(0, 20));
-  Expect(root, entry, "",
-         "GetBiosTableESX        : ERROR: read SMBIOS Table from " + std::string(kEsxDevice) +
-             " failed! (len = 20, TableLen = " + std::to_string(Table().size()) +
-             "), Reason: no sufficiant data available");
+  for (const auto length : {Table().size(), size_t{0}}) {
+    const std::string head = EntryPoint32(0, static_cast<uint16_t>(length), 3);
+    root.WriteFile(kEsxDevice, head + Table().substr(0, length / 2));
+    Expect(root, head, "",
+           "GetBiosTableESX        : ERROR: read SMBIOS Table from " + std::string(kEsxDevice) +
+               " failed! (len = " + std::to_string(length / 2) + ", TableLen = " + std::to_string(length) +
+               "), Reason: no sufficiant data available");
+  }
+  root.Remove(kEsxDevice);
+  root.MakeDirectory(kEsxDevice);
+  Expect(root, "", "", failed + "(readlen = -1, hdrlen = 0), Reason: Is a directory");
 }

@@ -37,6 +37,9 @@ TEST(DeviceBios, MapsFromThePageStart) {
     ASSERT_NE(writable, nullptr);
     std::memcpy(writable, "HELLO", 5);
     EXPECT_EQ(trace.Count("## WARNING! Mapped physical memory already existing"), 1);
+    EXPECT_EQ(device.MapPhysicalMemory(0, 0xF0123, 0, false), nullptr);  // forgets the mapping
+    ASSERT_NE(device.MapPhysicalMemory(0, 0xF0123, 5, false), nullptr);
+    EXPECT_EQ(trace.Count("## WARNING! Mapped physical memory already existing"), 1);
   });
   EXPECT_EQ(root.ReadFile("/dev/mem").substr(0xF0123, 5), "HELLO");
 }

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <future>
@@ -36,6 +37,21 @@ TEST(DeviceIo, EveryThreadHasItsOwnDescriptor) {
   end.set_value();
   other.join();
   EXPECT_FALSE(IsOpen(theirs));
+}
+
+TEST(DeviceIo, KeepsItsDescriptorWhenTold) {
+  int kept = -1;
+  {
+    CDeviceIo device("/dev/null");
+    ASSERT_TRUE(device.Open(O_RDONLY));
+    device.Close();
+    EXPECT_EQ(device.GetDescriptor(), -1);
+    ASSERT_TRUE(device.Open(O_RDONLY));
+    kept = device.GetDescriptor();
+    device.SetKeepOpen(true);
+  }
+  EXPECT_TRUE(IsOpen(kept));
+  ::close(kept);
 }
 
 TEST(DeviceIo, ThreadSlotsAreGivenBack) {

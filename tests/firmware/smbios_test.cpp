@@ -131,9 +131,24 @@ TEST(Smbios, RevisionComesFromTheAnchor) {
   }
 }
 
+TEST(Smbios, CorruptTableDoesNotConnect) {
+  const FixtureRoot root;
+  root.WriteFile(kSysfsEntryPoint, "x");
+  root.WriteFile(kSysfsTable, SmbiosTable().AddSlot({}).Bytes() + "cut");
+  root.Run([] {
+    CSMBios smbios;
+    EXPECT_FALSE(smbios.connect());
+    EXPECT_EQ(smbios.getStructuresByType(9), nullptr);
+    EXPECT_NE(smbios.getLastErrorText(), "");
+  });
+}
+
 TEST(Smbios, ShadowAreaIsTheLastSource) {
   const std::string table = SmbiosTable().Add(1, "body", {"one"}).AddEnd().Bytes();
   const std::string entry = EntryPoint32(0xF1234, static_cast<uint16_t>(table.size()), 3);
+  std::string olderEntry = entry;  // its sum covers no more than its length says
+  olderEntry[5] = 30;
+  SetChecksum(olderEntry, 4, 30);
   std::string badSum = entry;
   ++badSum[10];
   std::string tooLong = entry;
@@ -141,7 +156,7 @@ TEST(Smbios, ShadowAreaIsTheLastSource) {
   SetChecksum(tooLong, 4, tooLong.size());
   const std::tuple<off_t, std::string, std::string> rows[] = {
       {0xE0010, entry, ""},  // connected
-      {0xFFFE0, entry, ""},
+      {0xFFFE0, olderEntry, ""},
       {0xE0018, entry, "No SMBIOS structures found!"},  // not on a paragraph
       {0xFFFF0, entry.substr(0, 16), "No SMBIOS structures found!"},
       {0xE0010, badSum + '\0' + entry, "No SMBIOS structures found!"},  // the first one decides
@@ -157,11 +172,13 @@ TEST(Smbios, ShadowAreaIsTheLastSource) {
     root.MakeSparseFile("/dev/mem", 0x100000);
     root.WriteAt("/dev/mem", 0xF1234, table);
     root.WriteAt("/dev/mem", place, bytes);
-    root.Run([&error = error] {
+    const bool candidate = place % 16 == 0 && place != 0xFFFF0 && bytes.starts_with("_SM_");
+    root.Run([candidate, &error = error] {
       const TraceCapture trace(3);
       CSMBios smbios;
       EXPECT_EQ(smbios.connect(), error.empty());
       EXPECT_EQ(smbios.getLastErrorText(), error);
+      EXPECT_EQ(trace.Count("ScanForSignature    : SMBIOS signature \"_SM_\" found"), candidate);
       EXPECT_NE(trace.Has("CSMBios (GetShadow) : ## ERROR! " + error), error.empty());
       if (!error.empty()) return;
       EXPECT_EQ(smbios.getRevisionMajor(), 2);

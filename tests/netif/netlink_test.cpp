@@ -65,6 +65,21 @@ TEST_F(Netlink, DatagramsAreReceivedUntilDone) {
   });
 }
 
+TEST_F(Netlink, RequestIsAHeaderAndAZeroedPayload) {
+  Run([] {
+    libnetif_socket receiver, socket;
+    receiver.create_netlink_socket();
+    receiver.bind_netlink_socket(kAddress, "test");
+    socket.create_netlink_socket();
+    ::connect(socket.descriptor(), reinterpret_cast<const sockaddr*>(&kAddress), sizeof kAddress);
+    socket.send_netlink_message(12, 26, "test");
+    std::array<std::byte, 64> request;
+    const std::string expected = Bytes(nlmsghdr{28, 26, 0x0101, 0, static_cast<uint32_t>(::getpid())});
+    EXPECT_EQ(receiver.receive_datagram(request), 28);
+    EXPECT_EQ(Bytes(request).substr(0, 28), expected + std::string(12, '\0'));
+  });
+}
+
 TEST_F(Netlink, FailedCallsCloseTheSocketAndInterruptedOnesGoOn) {
   Run([] {
     libnetif_socket owner, socket;

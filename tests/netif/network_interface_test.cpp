@@ -1,5 +1,6 @@
 #include <arpa/inet.h>
 #include <dlfcn.h>
+#include <linux/ethtool.h>
 #include <linux/sockios.h>
 #include <net/if.h>
 
@@ -110,14 +111,27 @@ TEST_F(NetworkInterface, FailuresCarryTheirTextAndLeaveNoDescriptorWhileInterfac
   });
 }
 
+TEST(NetworkStatistics, CountersAreThoseOfTheLinkOfTheIndex) {
+  // The link with its index, then the attribute of the counters.
+  const uint32_t words[] = {0, 7, 0, 0, 20 | IFLA_STATS << 16, 1, 2, 3, 4};
+  const netlink_message message{RTM_NEWLINK, std::as_bytes(std::span(words))};
+  network_statistics found;
+  EXPECT_FALSE(parse_link_statistics(message, 6, found));
+  EXPECT_TRUE(parse_link_statistics(message, 7, found));
+  EXPECT_EQ(found, (network_statistics{.tx_bytes = 4, .rx_bytes = 3, .tx_packets = 2, .rx_packets = 1}));
+}
+
 TEST_F(NetworkInterface, InfinibandAddressComesFromItsFile) {
   const std::string good = "80:00:02:08:fe:80:00:00:00:00:00:00:00:02:c9:03:00:0e:0a:F1";
   root.WriteFile("/sys/class/net/ib0/address", good + "\n");
   Run([] {
     const FakeIoctl driver([](const std::string&, unsigned long request, void* argument) {
-      static_cast<ifreq*>(argument)->ifr_hwaddr.sa_family = 32;
-      return request == SIOCGIFHWADDR ? 0 : -EINVAL;
+      auto* answer = static_cast<ifreq*>(argument);
+      if (request == SIOCGIFHWADDR) answer->ifr_hwaddr.sa_family = 32;
+      if (request == SIOCETHTOOL) ethtool_cmd_speed_set(reinterpret_cast<ethtool_cmd*>(answer->ifr_data), 200000);
+      return 0;
     });
+    EXPECT_EQ(network_interface("ib0").get_max_speed(), 200000);
     EXPECT_EQ(network_interface("ib0").get_infiniband_address()[19], 0xF1);
     EXPECT_NE(FailureOf([] { network_interface("ib1").get_infiniband_address(); }), "");
   });

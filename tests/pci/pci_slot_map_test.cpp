@@ -40,19 +40,22 @@ TEST(PciSlotData, TypeDecidesHowAnEntryMatches) {
 
 TEST(PciSlotMap, IrqTableNumbersAndSmbiosCorrectsTypes) {
   const FixtureRoot root;
-  const SmbiosTable smbios = SmbiosTable().AddSlot({.type = 6, .bus = 6, .device = 9}).AddSlot({.bus = 5}).AddEnd();
+  SmbiosTable smbios;
+  smbios.AddSlot({.type = 6, .bus = 6, .device = 9}).AddSlot({.type = 6, .usage = 3, .bus = 5, .device = 3});
+  smbios.AddSlot({.bus = 5}).AddEnd();
   // The routing table lies as far back as it may.
-  WriteTables(root, 0xFFF90, IrqRoutingTable({{0, 3, 0}, {5, 3, 7}, {6, 1, 8}}), smbios);
+  WriteTables(root, 0xFFF80, IrqRoutingTable({{0, 3, 0}, {5, 3, 7}, {5, 4, 9}, {6, 1, 8}}), smbios);
   root.Run([] {
     const TraceCapture trace(4);
     CPciSlotMap map;
-    EXPECT_EQ(SlotOf(map, 5, 17), 7);  // serial now: the bus alone decides
+    EXPECT_EQ(SlotOf(map, 5, 17), 9);  // serial now: the bus alone decides; 7 stays parallel
+    EXPECT_EQ(SlotOf(map, 5, 3), 7);   // the first one: the types alone come from SMBIOS, not the usage
     EXPECT_EQ(SlotOf(map, 6, 1), 8);
     EXPECT_EQ(SlotOf(map, 6, 9), -1);  // known to SMBIOS alone
     EXPECT_EQ(SlotOf(map, 0, 3), 0);
-    EXPECT_EQ(trace.Count("Updated slot type:"), 1);
+    EXPECT_EQ(trace.Count("Updated slot type:"), 2);
     EXPECT_EQ(trace.Count("Could not match with any SMBios entry:"), 2);
-    EXPECT_TRUE(trace.Has("\tPciSlotData 5:3.** --> Slot 7 (Serial bus)"));
+    EXPECT_TRUE(trace.Has("\tPciSlotData 5:4.** --> Slot 9 (Serial bus)"));
     EXPECT_EQ(trace.Count("Attempt to get Slot Mapping from"), 2);  // gathered once
   });
 }
@@ -87,7 +90,8 @@ TEST(PciSlotMap, BrokenIrqTablesAreDiscardedWhole) {
   };
   const std::string start = "CDeviceBiosBase::GetRoutingTable   : ## ERROR! ";
   const std::tuple<off_t, std::string, std::string> rows[] = {
-      {0xF0000, changed(31, 0x11), start + "Illegal checksum in PCI IRQ Routing Table (DD)"},
+      {0xF0000, changed(31, 0x11) + IrqRoutingTable({{5, 1, 8}}),  // the first one decides
+       start + "Illegal checksum in PCI IRQ Routing Table (DD)"},
       {0xF0000, changed(5, 11), start + "Illegal version number in PCI IRQ Routing Table (11.0)"},
       {0xF0000, changed(4, 21), start + "Illegal version number in PCI IRQ Routing Table (1.21)"},
       {0xF0000, changed(6, 0x28),

@@ -105,13 +105,28 @@ TEST(CPerfMon, TracesAndAnswersFromStartToStop) {
     unsigned char percent = 77;
     EXPECT_FALSE(monitor.GetUsagePercent(percent, CPerfMon::cpuUsed, 2, 0));
     EXPECT_EQ(percent, 77);
+    EXPECT_EQ(trace.Count("Start a thread, Prio=63, Suspend=0, StackSize=0x00000000, Waitable=1"), 1);
     trace.Clear();
     monitor.StopMonitoring();
     EXPECT_EQ(LinesOfMonitor(trace),
               "Stop performance monitoring|  monitoring thread terminated|  history data destroyed|");
-    // The thread of a second start goes on from sample to sample.
+    // What went on while nothing was monitored is in no sample.
+    WriteFile("/proc/stat", "cpu  220 10 120 850 0\n");
+    WriteFile("/proc/net/dev", "eth0: 8000000000 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16\n");
+    ASSERT_TRUE(monitor.StartMonitoring(CPerfMon::systemCpu | CPerfMon::network, 0));
+    EXPECT_EQ(Percents(monitor, {{0, 0}, {12, 0}}), "0/0 0/0 ");
+    WriteFile("/proc/net/dev", "eth0: 8000000000 2 3 4 5 6 7 8 4000000009 10 11 12 13 14 15 16\n");
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    monitor.SnapshotData(CPerfMon::network);
+    EXPECT_EQ(Percents(monitor, {{10, 0}, {11, 0}, {12, 0}}), "100/100 100/100 0/0 ");
+    monitor.StopMonitoring();
+    // The thread of a further start goes on from sample to sample and takes up a new interval.
+    trace.Clear();
     ASSERT_TRUE(monitor.StartMonitoring(CPerfMon::memory, 1));
     while (trace.Count("CPerfMon::Thread    : snapshot data updated, sleeping 1 msec.") < 3)
+      std::this_thread::yield();
+    ASSERT_TRUE(monitor.StartMonitoring(CPerfMon::memory, 2));
+    while (!trace.Has("CPerfMon::Thread    : snapshot data updated, sleeping 2 msec."))
       std::this_thread::yield();
     monitor.StopMonitoring();
     EXPECT_EQ(trace.Count("exited, Return = 0x00000000##"), 1);
@@ -151,17 +166,20 @@ TEST(CPerfMon, UnreadableFilesAreTracedAndLeaveNoRecord) {
 
 TEST(CNetworkInterfaceTable, CountsLanNamesThatTheKernelKnows) {
   FixtureRoot root;
-  root.WriteFile("/proc/net/dev", "eth8: 1\neth9: 1\n lo: 1\neth0:123\n em1: 1\np2p1: 1\nen9: 1\n wlan0: 1 2\nps: 1\n");
+  root.WriteFile("/proc/net/dev",
+                 "eth8: 1\neth9: 1\n lo: 1\neth0:123\n em1: 1\np2p1: 1\nen9: 1\n wlan0: 1 2\nps: 1\nbond0: 1\nsha0: 1\n"
+                 "vswif0: 1\nbr0: 1\nxenbr0: 1\nen1: 1\nmic0: 1\n");
   root.Run([] {
     const FakeIoctl interfaces(AnswerForInterfaces);
     const TraceCapture trace(4);
-    EXPECT_EQ(CNetworkInterfaceTable::GetInterface(0, nullptr, 1), 4);
+    EXPECT_EQ(CNetworkInterfaceTable::GetInterface(0, nullptr, 1), 11);
+    EXPECT_EQ(ReadLinkSpeed(0, "eth0"), 131072000U);
     EXPECT_TRUE(trace.Has("GetInterface: Filtering out interface from line:  wlan0: 1 2"));
     CNetworkInterfaceTable::interface entry {};
     EXPECT_EQ(CNetworkInterfaceTable::GetInterface(3, &entry, 0), 1);
     EXPECT_STREQ(entry.name, "p2p1");
     setenv("QN_NICKNAME", "xOVM3y", 1);
-    EXPECT_EQ(CNetworkInterfaceTable::GetInterface(0, nullptr, 1), 6);
+    EXPECT_EQ(CNetworkInterfaceTable::GetInterface(0, nullptr, 1), 13);
     std::ofstream many("/proc/net/dev");
     for (int line = 0; line < 300; ++line)
       many << "eth" << line << ": 1" << std::endl;

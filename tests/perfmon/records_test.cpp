@@ -58,11 +58,13 @@ TEST(NetDev, SampledNamesAndTheirCounters) {
 
 TEST(NetDev, RecordOfTwoReadings) {
   constexpr uint64_t kGbit = 131072000;
+  EXPECT_EQ(ReadLinkSpeed(-1, "lo"), kUnknownSpeed);
   for (const auto& [intervalMs, speed, before, after, expected] :
        std::vector<std::tuple<uint64_t, uint64_t, uint64_t, uint64_t, PerfFields>>{
            {250, kGbit, 100, 200, {kGbit, kGbit / 4, 400, 400}},
            {1000, kGbit, 4294967000, 200, {kGbit, kGbit, 496, 496}},  // wrapped at 2^32
-           {1000, kGbit, 4294967296, 200, {kGbit, kGbit, 0, 0}},      // reset
+           {1000, kGbit, 4294967295, 4, {kGbit, kGbit, 5, 5}},
+           {1000, kGbit, 4294967296, 200, {kGbit, kGbit, 0, 0}},  // reset
            {500, kGbit, 0, kMax, {kGbit, kGbit / 2, kMax, kMax}},
            {2000, kUnknownSpeed, 0, 8, {kMax, kMax, 4, 4}},
            {0, kGbit, 0, 5, {}},

@@ -145,6 +145,7 @@ TEST(Daemon, ForegroundRunFromStartToStop) {
                       "RAVD-MAIN: running as x86_64 (64-Bit) process; Build on SLES11 GA x86_64 (64-Bit)\n",
                       "odd: constructed",
                       "odd: load flags=1 mode=5 master=1\n",
+                      "odd: start\n",
                       "RAVD-MAIN: ## Done initializing ##\n",
                       "RAVD-MAIN:  Waiting for signals...\n",
                       "RAVD-MAIN:  ... got signal 14\n",

@@ -91,6 +91,21 @@ TEST(TraceConfiguration, NoConfigurationWritesTheHeaderToTheLogFile) {
   EXPECT_EQ(TextOf(root.ReadFile(TraceRoot::kLog), "Trace Target"), "Trace Target               : 0");
 }
 
+TEST(TraceConfiguration, SecondInitOwesNothingToTheFirst) {
+  const TraceRoot root;
+  root.ConfigureRing("3", "TraceFlags=5\n");
+  root.Run([] {
+    EXPECT_TRUE(Debug.Init("ravd"));
+    EXPECT_EQ(Debug.m_TraceLevel, 3U);
+    EXPECT_TRUE(Debug.Init("other"));
+    EXPECT_EQ(Debug.m_TraceLevel, 0U);
+    EXPECT_EQ(Debug.m_TraceFlags, 0U);
+    EXPECT_FALSE(Debug.m_TraceActive);
+    EXPECT_TRUE(Debug.Init("RAVD"));
+    EXPECT_EQ(Debug.m_TraceLevel, 3U);
+  });
+}
+
 TEST(TraceConfiguration, ChangedFilesAreFollowedWhileItRuns) {
   const TraceRoot root;
   root.ConfigureRing("5");

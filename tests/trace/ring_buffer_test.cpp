@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <csignal>
 
@@ -193,4 +195,41 @@ TEST(RingBuffer, FailuresAreReportedInTheLogFileAndSwitchTracingOff) {
               "### InitRingBuffer(): (2) write m_InternalDebugBuffer to /var/log/pelrix/log.ravd_i failed ###");
   });
   EXPECT_EQ(root.ReadFile(TraceRoot::kStartUpRing), "");
+}
+
+TEST(RingBuffer, FileThatIsCutShortSwitchesTracingOff) {
+  const TraceRoot root;
+  root.ConfigureRing("1");
+  root.Run(
+      [] {
+        ASSERT_TRUE(Debug.Init("ravd"));
+        ASSERT_EQ(::truncate(TraceRoot::kStartUpRing, 0), 0);
+        Debug.Print(1, "into a page that is gone");
+        EXPECT_FALSE(Debug.m_TraceActive);
+        EXPECT_EQ(Debug.m_TraceLevel, 0U);
+        Debug.PrintAlways("the process lives");
+        EXPECT_EQ(TextOf(ReadInside(TraceRoot::kLog), "lives"), "the process lives");
+        ASSERT_TRUE(Debug.Init("ravd"));
+        Debug.Print(1, "and may start anew");
+        EXPECT_EQ(TextOf(ReadInside(TraceRoot::kStartUpRing), "anew"), "and may start anew");
+      },
+      FixtureRoot::kProc);
+}
+
+TEST(RingBuffer, NothingIsWrittenThroughLinksAndPipes) {
+  const TraceRoot root;
+  root.ConfigureRing("1");
+  root.WriteFile("/victim", "precious");
+  root.MakeLink(TraceRoot::kLog, "/victim");
+  root.MakeLink(TraceRoot::kStartUpRing, "/victim");
+  root.Run([] {
+    EXPECT_FALSE(Debug.Init("ravd"));
+    ::unlink(TraceRoot::kStartUpRing);
+    ASSERT_EQ(::link("/victim", TraceRoot::kStartUpRing), 0);
+    EXPECT_FALSE(Debug.Init("ravd"));
+    ::unlink(TraceRoot::kStartUpRing);
+    ASSERT_EQ(::mkfifo(TraceRoot::kStartUpRing, 0600), 0);
+    EXPECT_FALSE(Debug.Init("ravd"));
+  });
+  EXPECT_EQ(root.ReadFile("/victim"), "precious");
 }

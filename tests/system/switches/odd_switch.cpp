@@ -27,7 +27,7 @@ class OddSwitch : public ISwitch {
     if (Does("throw")) throw 1;
     return true;
   }
-  void StartModules() override { Debug.Print(0, "odd: start"); }
+  void StartModules() override { Debug.PrintAlways(0, "odd: start"); }
   void StopModules() override { Debug.PrintAlways(0, "odd: stop"); }
   void NotifyEvent(uint32_t event, void* data, void* reserved) override {
     Debug.PrintAlways(0, "odd: notify %08X level %d %d", event, data != nullptr ? *static_cast<int32_t*>(data) : -99,

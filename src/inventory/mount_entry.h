@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+
+// Where an entry of the mount table comes from.
+constexpr uint32_t kMountedList = 1;
+constexpr uint32_t kConfiguredList = 2;
+constexpr uint32_t kVmfsList = 4;
+
+// One heap block: this header, then the three texts, each NUL-terminated.
+struct mount_entry {
+  uint64_t device_length;
+  const char* device;  // mount source; "" for VMFS
+  uint64_t mount_point_length;
+  const char* mount_point;
+  uint64_t type_length;
+  const char* type;
+  uint32_t type_flags;  // 0 for a type without a flag
+  uint32_t mounted;     // 1 for entries of the mounted list and VMFS
+  uint64_t blocks;
+  uint64_t available_blocks;
+  uint64_t size;        // KiB
+  uint32_t block_size;  // units of 512 bytes
+  uint32_t source;      // kMountedList, kConfiguredList or kVmfsList
+  uint64_t available;   // KiB
+  uint32_t used_percent;
+  mount_entry* next;  // null for the last entry
+};

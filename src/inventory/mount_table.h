@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdio>
+#include <ctime>
+
+#include "inventory/mount_entry.h"
+
+// The process-wide table of file systems: the mounted ones (/etc/mtab), the configured ones (/etc/fstab) and, on ESX
+// hosts, the VMFS volumes (/vmfs).
+//
+// Entries are ordered by source and within a source by mount point. They belong to the table and live until their
+// source is read again; nothing frees the table at exit. All state is static and unguarded: one thread at a time, which
+// the inventory ensures by its access gate.
+//
+// NFS mounts are left out before anybody asks for their size, so a server that does not answer holds nobody up.
+// Failures show in the results; a source that cannot be read keeps its previous entries.
+
+// Flags of get_mount_table beside the source: leave out a mount point that the table already has.
+constexpr unsigned int kOnlyNewMountPoints = 0x100;
+
+// build_fs_table, its result kept as the number of file systems.
+int get_MountedFileSystems();
+
+// Reads again the sources that changed, each at the earliest 60 seconds after the modification time last seen, and
+// returns the count: the entries of the mounted list when that was last read and what each reading of VMFS since then
+// added. The configured list does not count.
+//
+// /etc/mtab may be a link to the kernel's own list. That has no modification time of use, so the kernel is asked
+// whether the mounts changed since the last look, and the time of that look stands for the modification time.
+int build_fs_table();
+int build_fs_table(time_t now);
+
+// Reads one source: flags are the source, and for the configured list kOnlyNewMountPoints; entries with the option
+// "noauto" are left out of the configured list. Returns the number of entries added, -1 when the file cannot be opened.
+int get_mount_table(const char* file, unsigned int flags);
+
+// As get_mount_table for the mounted and the configured list, from an open mount table. The stream stays open.
+int read_mount_table(FILE* table, unsigned int flags);
+
+// The entry at that position, from 0, with its size figures brought up to date when it is mounted; null past the end.
+// Borrowed until its source is read again.
+mount_entry* get_fs_table(int index);

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <vector>
+
+#include "inventory/system_adapter.h"
+
+// The adapters of a machine in scan order. A value without a lock of its own.
+class CSystemAdapterList : public std::vector<CSystemAdapter> {
+ public:
+  // The first adapter at that address. An invalid address is nobody's: ISA devices are not found by it.
+  bool GetAdapter(CSystemAdapter& adapter, const CPciAddress& address) const;
+
+  // The first adapter with that device ID, upper and lower case being the same. Null and "" find nothing, not even an
+  // adapter without an ID.
+  bool FindAdapter(CSystemAdapter& adapter, const char* deviceId) const;
+};

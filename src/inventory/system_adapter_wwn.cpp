@@ -1,0 +1,77 @@
+// The Fibre Channel query of CSystemAdapter.
+
+#include <cstdio>
+
+#include "inventory/system_adapter.h"
+#include "pci/fc_controllers.h"
+#include "platform/directory.h"
+#include "platform/file.h"
+#include "platform/reg_ex.h"
+#include "platform/stdio_file.h"
+#include "trace/debug.h"
+
+namespace {
+
+constexpr const char* kFcHosts = "/sys/class/fc_host/";
+constexpr const char* kPortName = "/port_name";
+constexpr const char* kPciAddressPattern =
+    "[a-f0-9][a-f0-9][a-f0-9][a-f0-9]:[a-f0-9][a-f0-9]:[a-f0-9][a-f0-9].[a-f0-9]";
+constexpr uint8_t kSerialBus = 0x0C;
+constexpr uint8_t kFibreChannel = 0x04;
+
+std::string AddressText(const CPciAddress& address) {
+  char text[40] = {};
+  std::snprintf(text, sizeof text, "%04x:%02x:%02x.%d", address.segment, address.bus, address.device, address.function);
+  return text;
+}
+
+// The host whose link names that address first. An address further down the link does not count.
+bool FindHost(const std::vector<std::string>& hosts, const std::string& address, std::string& host) {
+  for (const std::string& each : hosts) {
+    std::string target;
+    std::string match;
+    if (!CFile::GetSymbolicLink(target, kFcHosts + each) ||
+        !CRegEx::GetRegexFromString(match, kPciAddressPattern, target, 1) || match != address) {
+      continue;
+    }
+    host = each;
+    return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+bool CSystemAdapter::GetNodeWWN(CWWN& wwn) {
+  if (m_NodeWwn.value == CWWN() && !ReadNodeWwn(AddressText(m_SlotData.address))) return false;
+  wwn = m_NodeWwn.value;
+  return true;
+}
+
+bool CSystemAdapter::ReadNodeWwn(const std::string& address) {
+  if (m_SlotData.header.BaseClass() != kSerialBus || m_SlotData.header.SubClass() != kFibreChannel) {
+    TRACE(1, "CSystemAdapter: '%s' is NOT a FC-Controller.\n", address.c_str());
+    return false;
+  }
+  std::vector<std::string> hosts;
+  if (!CDirectory::GetDirectoryContent(hosts, kFcHosts, false)) {
+    TRACE(1, "CSystemAdapter: Cannot collect elements from  directory '%s' to get wwn of  FC-Controller '%s'.\n",
+          kFcHosts, address.c_str());
+    return false;
+  }
+  std::string host;
+  if (!FindHost(hosts, address, host)) {
+    TRACE(1, "CSystemAdapter: Cannot get wwn for FC-Controller '%s'.\n", address.c_str());
+    return false;
+  }
+  const std::string path = kFcHosts + host + kPortName;
+  std::string line;
+  if (!CStdioFile::GetLineFromFile(line, path, 0) || !ParseWwn(line, m_NodeWwn.value.bytes)) {
+    TRACE(1, "CSystemAdapter: Cannot get wwn from '%s' for FC-Controller: '%s'.\n", path.c_str(), address.c_str());
+    return false;
+  }
+  const auto& bytes = m_NodeWwn.value.bytes;
+  TRACE(1, "CSystemAdapter: %s is a FC-Controller. WWN: %02x%02x%02x%02x%02x%02x%02x%02x\n", address.c_str(), bytes[0],
+        bytes[1], bytes[2], bytes[3], bytes[4], bytes[5], bytes[6], bytes[7]);
+  return true;
+}

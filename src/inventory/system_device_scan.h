@@ -1,0 +1,152 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "inventory/system_adapter_list.h"
+#include "inventory/system_drive.h"
+#include "inventory/system_partition.h"
+#include "inventory/system_volume.h"
+#include "pci/pci_config_list.h"
+#include "platform/critical_section.h"
+#include "platform/event.h"
+#include "platform/thread.h"
+
+// Options of a scan. Nothing reads them yet; a client may pass null.
+struct _ScanOptions;
+
+// Takes and holds a snapshot of the machine's hardware: the PCI functions, the adapters, the drives and the mounted
+// volumes. A background thread can keep the volumes fresh, once a minute.
+//
+// Threads: any thread may call any operation but the assignment, and but the single steps, which are for ScanHardware.
+// Scans and queries hold a gate, so that a query never sees a half-built list; the PCI slot queries use the lock of the
+// PCI list instead and wait while that is rebuilt. The gate is not re-entrant. Scans of several objects take turns
+// where they use what the whole process shares (mount table, bus tables).
+// Time: a query waits up to 90 seconds for the gate; a scan or Terminate as long as its caller says. One that gets no
+// gate traces a warning and gives false, 0 or -1 with outputs and lists untouched.
+// Failures: results only. ScanHardware catches every exception; a query may throw std::bad_alloc and leaves the gate
+// free.
+// Destruction ends the update thread and waits for the calls that are under way. None may be made from then on.
+class CSystemDeviceScan {
+ public:
+  static constexpr int SCAN_ADAPTERS = 0x1;
+  static constexpr int SCAN_DRIVES = 0x2;
+  static constexpr int SCAN_UPDATE_THREAD = 0x4;  // the update thread may run
+  static constexpr int SCAN_VOLUMES = 0x8;
+
+  CSystemDeviceScan();
+  // A new object with lists of its own; see ClassCopy.
+  CSystemDeviceScan(const CSystemDeviceScan& other);
+  CSystemDeviceScan& operator=(const CSystemDeviceScan& other);
+  ~CSystemDeviceScan();
+
+  // Copies adapters, volumes, PCI functions and the scan flags; drives stay what they were. Gate, thread and locks are
+  // each object's own: the update thread of this object is stopped, and started when the flags allow it. Takes no gate,
+  // so neither object may be in use by another thread, the update thread of the other object excepted.
+  void ClassCopy(const CSystemDeviceScan& other);
+
+  // Scans what the flags ask for, -1 being everything, in the order PCI functions, adapters, drives, volumes; lists of
+  // what they do not ask for stay. A running update thread is stopped, and started at the end if the caller asks for it
+  // and the flags allow it. 0 when done; -1 when the time is up or a step threw, and the lists then hold what the steps
+  // left. After Terminate nothing is scanned, which counts as done.
+  int ScanHardware(int flags, bool startUpdateThread, unsigned int timeoutMs, _ScanOptions* options);
+  int ScanDevices(int flags, bool startUpdateThread, unsigned int timeoutMs);
+  // Everything; the update thread goes on when it was alive.
+  int RescanHardware(unsigned int timeoutMs, _ScanOptions* options);
+
+  unsigned int GetAdapterCount();
+  bool GetAdapter(CSystemAdapter& adapter, int index);
+  // Upper and lower case of the ID are the same; null and "" find nothing.
+  bool FindAdapter(CSystemAdapter& adapter, const char* deviceId);
+  bool FindAdapter(CSystemAdapter& adapter, const CPciAddress& address);
+  // The adapter that the drive is attached to.
+  bool GetHostAdapter(CSystemAdapter& adapter, const CSystemDrive& drive);
+  // The drives attached to the adapter, in scan order. The list is emptied once the gate is held. True when there is
+  // one.
+  bool GetHostDrives(CSystemDriveList& drives, CSystemAdapter& adapter);
+  // Always false: no relation between adapters is held.
+  bool GetParentAdapter(const CSystemAdapter& adapter, CSystemAdapter& parent);
+
+  // Drives are reached through GetHostDrives and partitions not at all: these find nothing, and leave their outputs.
+  int GetDriveCount();
+  bool GetDrive(CSystemDrive& drive, int index);
+  int GetPartitionCount();
+  bool GetPartition(CSystemPartition& partition, int index);
+  int GetDiskPartitions(CSystemPartitionList& partitions, CSystemDrive& drive);
+
+  // Scans the volumes anew.
+  int GetVolumeCount();
+  // From the volumes of the last scan.
+  bool GetVolume(CSystemVolume& volume, int index);
+  bool ScanVolumes();
+
+  // True when the copy has an entry. No lock of the copy is taken.
+  bool GetPciSlotConfig(CPciConfigList& list);
+  bool GetPciSlotData(CPciSlotData& data, const CPciAddress& address);
+  // The first function in address order with these IDs. 0xFFFF as subsystem or subsystem vendor matches any.
+  bool GetPciSlotData(CPciSlotData& data, unsigned short deviceId, unsigned short vendorId, unsigned short subDeviceId,
+                      unsigned short subVendorId);
+  // The highest bus number plus one; 0 without functions.
+  unsigned int GetNumberPciBusses();
+
+  // Always 1. Does nothing when the flags of the last scan forbid the thread or it is alive.
+  int StartUpdateThread();
+  // Wakes the thread and waits for its end, which a volume scan under way can delay beyond the time given. 1 when it
+  // has ended or did not run.
+  int StopUpdateThread(unsigned int timeoutMs);
+  // Stops the update thread, lets pending calls end and makes every later scan skip its steps. The gate is free
+  // afterwards even when the time is up; the lists stay protected from whoever comes in before the pending call has
+  // ended. Result of giving the gate back.
+  int Terminate(unsigned int timeoutMs);
+
+  // The steps of ScanHardware, which holds the gate for them. True when an adapter was found.
+  bool ScanSystemAdapters();
+  bool ScanSystemDrives();
+  bool ScanSystemVolumes();
+  // Finds nothing; true.
+  bool ScanSystemPartitions();
+
+ private:
+  class GateHold;
+  class ListsHold;
+
+  static constexpr unsigned int kQueryTimeoutMs = 90'000;
+
+  static void* LaunchAsThread_WatchPartitions(void* scan);
+  void WatchPartitions();
+  void UpdateVolumes();
+  bool ScanVolumes(bool forUpdateThread);
+  void CopyLists(const CSystemDeviceScan& other);
+  void RunSteps(int flags);
+  void ScanPciFunctions();
+  void AddToDriveMap(CSystemDrive& drive);
+  bool IsUpdateThreadAlive() const;
+  void WaitForPendingCalls();
+
+  // Guarded by the gate and m_ListsHeld.
+  CSystemAdapterList m_Adapters;
+  std::vector<CSystemDrive> m_Drives;
+  std::vector<CSystemVolume> m_Volumes;
+  CPciConfigList m_PciConfigList;                               // guarded by its own lock
+  std::map<std::string, std::vector<CSystemDrive>> m_DriveMap;  // by class GUID text; "" for a drive without ID
+
+  CEvent m_ScanGate{true, false};
+  CThread m_UpdateThread;  // guarded by m_ThreadLock
+  CEvent m_ExitEvent{false, true};
+  std::atomic<int32_t> m_ScanFlags = 0;  // of the last ScanHardware
+  std::atomic<bool> m_ExitRequested = false;
+  std::atomic<bool> m_Terminating = false;  // never cleared
+
+  // Order of locks: gate, m_ListsHeld, m_ThreadLock, m_CallLock; those of the shared tables and of the PCI list stand
+  // alone.
+  mutable CCriticalSection m_ThreadLock;
+  mutable std::mutex m_CallLock;  // guards the three below
+  mutable std::condition_variable m_CallsChanged;
+  mutable bool m_ListsHeld = false;  // by the call that got the gate, or by a copy being made
+  unsigned int m_PendingCalls = 0;   // calls that wait for the gate or hold it
+};

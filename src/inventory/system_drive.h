@@ -1,0 +1,143 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "inventory/scsi_address.h"
+#include "inventory/system_device.h"
+#include "pci/pci_address.h"
+#include "platform/critical_section.h"
+
+struct CScsiListDevice;
+
+// How a drive is attached. The numbers leave the library with the records and do not change.
+enum _DriveBusType : uint32_t {
+  kBusTypeUnknown = 0,
+  kBusTypeScsi = 1,
+  kBusTypeAtapi = 2,
+  kBusTypeAta = 3,
+  kBusType1394 = 4,
+  kBusTypeSsa = 5,
+  kBusTypeFibre = 6,
+  kBusTypeUsb = 7,
+  kBusTypeRaid = 8,
+  kBusTypeIscsi = 9,
+  kBusTypeSas = 10,
+  kBusTypeSata = 11,
+  kBusTypeSd = 12,
+  kBusTypeMmc = 13,
+};
+
+// "SCSI" for 1 to "MMC" for 13, "N/A" for every other value.
+const char* StorageBusTypeToString(_DriveBusType busType);
+
+// Inventory record of one drive: a SCSI device that the kernel lists (disk, CD/DVD, optical drive, tape), a Fusion-io
+// card or an NVMe block device.
+//
+// A value, used by one thread at a time. Copies are whole, the device ID duplicated, except that every record has a
+// lock of its own. Scanning needs root for the serial numbers; what cannot be found out stays empty or unset, and a
+// source that is missing does not keep the others from being read. Nothing here throws but std::bad_alloc.
+class CSystemDrive : public CSystemDevice {
+ public:
+  CSystemDrive() = default;
+  // The ID is copied; null leaves it unset.
+  explicit CSystemDrive(const char* deviceId);
+  // The second text is not used.
+  CSystemDrive(const char* deviceId, const char* unused);
+  CSystemDrive(const CSystemDrive& other);
+  CSystemDrive& operator=(const CSystemDrive& other);
+  ~CSystemDrive() override;
+
+  // Bus type, device type, drive number as known to GetDriveNo and the three flags back to their initial values.
+  void ClassInit();
+  // Copies the names (device, vendor, revision), both addresses, the numbers, the flags and the device object name;
+  // device ID, serial number, OS device name and all else stay.
+  void ClassCopy(const CSystemDrive& other);
+
+  // Appends the SCSI devices, then the Fusion-io cards, then the NVMe devices. The flags are not used.
+  static void ScanSystemDrives(std::vector<CSystemDrive>& drives, bool unused1, bool unused2);
+  static void ScanScsiDrives(std::vector<CSystemDrive>& drives);
+  static void ScanSSDDrives(std::vector<CSystemDrive>& drives);
+  static void ScanIntelSSDDevices(std::vector<CSystemDrive>& drives);
+  // Scans nothing; always true.
+  static bool ScanDrives(std::vector<CSystemDrive>& drives, const char* unused);
+  // No effect.
+  void ScanStorageDeviceProperties() {}
+
+  // The vendor text as stored, trailing blanks included, but "Western Digital" for exactly "WDC" and "Seagate" for
+  // exactly "ST". The second form stores the text in its argument and returns that.
+  std::string GetVendorName() const;
+  std::string& GetVendorName(std::string& name) const;
+  // The property "DriverName", "" when there is none; stored in the argument and returned.
+  std::string& GetDriverName(std::string& name) const;
+  const std::string& GetFunctionalDeviceObjectName() const { return m_DeviceObjectName; }
+
+  // Parts of the SCSI address, 0 without one.
+  int GetChannel() const;
+  int GetPortNo() const;
+  int GetTargetId() const;
+  int GetLun() const;
+  // False without a SCSI address; the output then stays as it was.
+  bool GetScsiAddress(CScsiAddress& address) const;
+  // Address of the host adapter; invalid when it could not be determined.
+  CPciAddress GetPciAddress() const { return m_PciAddress; }
+
+  int GetDriveNo() const;     // -1 until the drive has been added to a vector by a scan
+  int GetBusType() const;     // _DriveBusType
+  int GetDeviceType() const;  // SCSI peripheral device type; 0x1F = unknown
+
+  bool IsScsiDrive() const;
+  bool IsAtapiCompatible() const;
+  bool IsCdRomDrive() const;
+  // False for CD-ROM drives on SCSI and for the virtual drives of remote consoles and virtual machines there.
+  bool IsDiskDrive() const;
+  bool IsMediaRemoveable() const { return m_MediaRemovable; }
+  bool IsFixedDrive() const { return !m_MediaRemovable; }
+  bool IsHotplugDevice() const { return m_Hotplug; }
+  bool IsMpdDrive() const { return m_MultipathDrive; }
+  bool IsTapeDrive() const { return false; }
+  bool IsFloppyDrive() const { return false; }
+
+  // Several lines for people.
+  std::string toString() const;
+  // Traces the record at that level; nothing while tracing is off.
+  static void Dump(int level, CSystemDrive& drive);
+
+  // For a client whose threads share one record. The record itself and the scanners never take it.
+  CCriticalSection& GetLock() const { return m_Lock; }
+
+ private:
+  static constexpr uint32_t kTypeOther = 0;
+  static constexpr uint32_t kTypeDirectAccess = 1;
+  static constexpr uint32_t kTypeCdRom = 2;
+  static constexpr uint32_t kTypeOptical = 3;
+
+  static constexpr uint32_t kDeviceDisk = 0;
+  static constexpr uint32_t kDeviceCdRom = 5;
+  static constexpr uint32_t kDeviceOptical = 7;
+  static constexpr uint32_t kDeviceUnknown = 0x1F;
+
+  static constexpr uint32_t kNoDriveNumber = 0xFFFFFFFF;
+
+  static void AddScsiDrive(std::vector<CSystemDrive>& drives, const CScsiListDevice& device);
+  void SetTypes(const std::string& typeText);
+  void SetDiskTypes();
+  // Numbers the drive and appends it; returns the new size of the vector.
+  static int Append(std::vector<CSystemDrive>& drives, CSystemDrive& drive);
+
+  CPciAddress m_PciAddress;
+  CScsiAddress m_ScsiAddress;
+  bool m_MultipathDrive = false;
+  mutable CCriticalSection m_Lock;
+  std::string m_DeviceObjectName;  // block or tape device
+  uint32_t m_DriveNumber = 0;      // position in the vector when added, from 1
+  uint32_t m_TypeIndex = kTypeOther;
+  _DriveBusType m_BusType = kBusTypeUnknown;
+  uint32_t m_DeviceType = kDeviceUnknown;
+  uint32_t m_UniqueDriveNumber = kNoDriveNumber;  // the drive number once added
+  bool m_MediaRemovable = false;
+  bool m_Hotplug = false;
+};
+
+using CSystemDriveList = std::vector<CSystemDrive>;

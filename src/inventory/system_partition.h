@@ -1,0 +1,8 @@
+#pragma once
+
+#include <vector>
+
+// Record of one partition. The inventory takes none: the queries that give partitions find nothing.
+class CSystemPartition {};
+
+using CSystemPartitionList = std::vector<CSystemPartition>;

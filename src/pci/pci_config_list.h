@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "pci/pci_address.h"
+#include "pci/pci_config_header.h"
+#include "platform/critical_section.h"
+
+// One scanned PCI function.
+struct CPciSlotData {
+  CPciAddress address;
+  CPciCommonConfigHeader header;
+  int32_t slot = -1;  // system slot number, -1 = not known
+  // Empty after the scan; whoever names adapters fills them.
+  std::string vendorName;
+  std::string deviceName;
+};
+
+// The PCI functions of the machine, one entry per function, in address order.
+//
+// The list carries a recursive lock and the flag whether it is in use; neither is taken here, so that a user who needs
+// several operations to belong together takes the lock around them. Copies take the entries and the flag; each list
+// keeps its own lock. Never insert an invalid address: it has no place in the order.
+class CPciConfigList : public std::map<CPciAddress, CPciSlotData> {
+ public:
+  CPciConfigList() = default;
+  CPciConfigList(const CPciConfigList& other) : map(other), m_LockEnabled(other.m_LockEnabled) {}
+  CPciConfigList& operator=(const CPciConfigList& other) {
+    map::operator=(other);
+    m_LockEnabled = other.m_LockEnabled;
+    return *this;
+  }
+
+  // Reads the configuration header of every function that the kernel shows below /proc/bus/pci and adds a record of it
+  // to the list, replacing one with the same address; what else the list holds stays. With slots, each function gets
+  // its slot number from the firmware's slot table, or inherits that of the bridge in front of it; without, every slot
+  // is -1. True when the list holds at least one entry.
+  //
+  // Takes no lock and throws nothing. Functions that do not answer are left out; a header that cannot be read, except
+  // that of 0000:00:00.0, ends the scan with what was gathered so far, and so does a lack of memory.
+  static bool ScanPciSlots(CPciConfigList& list, bool withSlots);
+
+  CCriticalSection& Lock() const { return m_Lock; }
+  bool m_LockEnabled = true;
+
+ private:
+  mutable CCriticalSection m_Lock;
+};

@@ -1,0 +1,355 @@
+#include "pci/bus_scan.h"
+
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <string>
+
+#include "pci/fc_controllers.h"
+#include "pci/mac_information.h"
+#include "pci/pci_function_scan.h"
+#include "pci/pci_names.h"
+#include "support/fake_ioctl.h"
+#include "support/pci_fixture.h"
+#include "support/trace_capture.h"
+
+namespace {
+
+constexpr const char* kDevices = "/proc/bus/pci/devices";
+
+// Inside the fixture root, where the paths are the code's own.
+void Write(const std::string& path, const std::string& text) {
+  std::ofstream(path, std::ios::trunc) << text;
+}
+
+BusTableEntry* Find(const BusTable& table, const BusKey& key) {
+  return BusSearchTable(table, 0, key, false);
+}
+
+BusTableEntry* FindFunction(int bus, int device, int function) {
+  return Find(GetBusTables().functions, {kBusTypePci, bus + 1, device, function + 1, 0});
+}
+
+BusTableEntry* FindIsa(const std::string& name) {
+  for (BusTableEntry* entry = GetBusTables().functions.first; entry != nullptr; entry = entry->next) {
+    if (entry->function.busType == kBusTypeIsa && name == entry->function.deviceName.Text()) return entry;
+  }
+  return nullptr;
+}
+
+int Count(const BusTable& table) {
+  int count = 0;
+  for (const BusTableEntry* entry = table.first; entry != nullptr; entry = entry->next)
+    ++count;
+  return count;
+}
+
+std::string HexOf(const BusHardwareAddress& address) {
+  std::string text;
+  for (uint32_t index = 0; index < address.length; ++index) {
+    char byte[3];
+    std::snprintf(byte, sizeof byte, "%02x", address.bytes[index]);
+    text += byte;
+  }
+  return text;
+}
+
+// A bridge, a NIC and a Fibre Channel adapter with two functions behind it.
+void MakeMachine(const FixtureRoot& root) {
+  AddFunction(root, {.name = "1c.0", .classCode = 0x060400, .headerType = 0x81, .secondaryBus = 5});
+  AddFunction(root, {.bus = "02",
+                     .device = 0x1041,
+                     .classCode = 0x020000,
+                     .subVendor = 0x1734,
+                     .subDevice = 0x11B2,
+                     .selfTest = 0x80,
+                     .interruptLine = 11,
+                     .interruptPin = 1});
+  AddFunction(root, {.bus = "05", .vendor = 0x10DF, .device = 0xF100, .classCode = 0x0C0400, .headerType = 0x80});
+  AddFunction(root, {.bus = "05", .name = "00.1", .vendor = 0x10DF, .device = 0xF101, .classCode = 0x0C0400});
+  root.WriteFile(kDevices,
+                 DevicesLine(0, 0x1C, 0, 0x8086, 0x0D57, 0, {}) +
+                     DevicesLine(2, 0, 0, 0x8086, 0x1041, 11, {0x12DF240004, 0, 0xF001}) +
+                     DevicesLine(5, 0, 0, 0x10DF, 0xF100, 11, {}) + DevicesLine(5, 0, 1, 0x10DF, 0xF101, 12, {0xE000}) +
+                     DevicesLine(9, 0, 0, 0x1111, 0x2222, 13, {0xD000}) + "no line\n" + std::string(3000, '0') + "\n");
+  root.WriteFile(
+      "/etc/pelrix/Adapter.ini",
+      "; [8086]\n[1734]\nVendor= Quennet \n[8086]\n; a comment\nVendor=Acme\n1041=NIC\n104111B2= NIC with RAID "
+      "\n[8087]\nVendor=x\n1041=y\n");
+  root.MakeDirectory("/sys/devices/pci0000:00/0000:05:00.0/host7/fc_host/host7");
+  root.MakeLink("/sys/bus/pci/devices/0000:05:00.0", "../../../devices/pci0000:00/0000:05:00.0");
+  root.WriteFile("/sys/class/fc_host/host7/port_name", "0x10000090fa534f0a\n");
+  root.WriteFile("/sys/class/net/eth0/address", "52:54:00:0a:0b:fc\n");
+  root.MakeLink("/sys/class/net/eth0/device", "../../../0000:02:00.0");
+  root.MakeLink("/sys/class/net/eth0/driver", "../../../drivers/e1000e");
+  root.WriteFile("/sbin/lspci", "#!/bin/sh\necho '05:00.0 Fibre Channel [0c04]: Light Pulse [10df:f100] (rev 03)'\n",
+                 0755);
+  WriteSlotTable(root, {{3, 0, 0x1C}});
+}
+
+}  // namespace
+
+TEST(BusBuildTables, PciFunctionsWithTheirResources) {
+  const FixtureRoot root;
+  MakeMachine(root);
+  root.Run(
+      [] {
+        const TraceCapture trace(4);
+        BusBuildTables();
+        const BusTables& tables = GetBusTables();
+        const BusFunction& nic = FindFunction(2, 0, 0)->function;
+        EXPECT_STREQ(nic.className.Text(), "Ethernet controller");
+        EXPECT_EQ(nic.type, kComponentNetwork);
+        EXPECT_STREQ(nic.deviceName.Text(), "NIC with RAID");
+        EXPECT_STREQ(nic.path.Text(), "/proc/bus/pci/02/00.0");
+        EXPECT_EQ(HexOf(nic.hardwareAddress), "5254000a0bfc");
+        EXPECT_TRUE(trace.Has("PCI device 02:00.0: 8086:1041 1734:11b2 NIC with RAID (Acme)"));
+        EXPECT_TRUE(trace.Has("... found PCI address 02:00.0 and driver 'e1000e' for eth0"));
+
+        const BusPci& pci = Find(tables.pcis, {3, 0, 1, 0, 0})->pci;
+        EXPECT_EQ(pci.selfTest, 1);
+        EXPECT_EQ(pci.interruptLine, 11);
+        EXPECT_EQ(pci.subsystemId, 0x11B2);
+        EXPECT_EQ(pci.childBus, -1);
+        EXPECT_STREQ(pci.subsystemVendorName.Text(), "Quennet");
+        const BusMemory& memory = Find(tables.memories, {kBusTypePci, 3, 0, 1, 1})->memory;
+        EXPECT_EQ(memory.addressLow, 0xDF240000);
+        EXPECT_EQ(memory.addressHigh, 0x12);
+        EXPECT_EQ(memory.length, 16);
+        EXPECT_EQ(Find(tables.ports, {kBusTypePci, 3, 0, 1, 1})->port.first, 0xF000);
+
+        EXPECT_EQ(FindFunction(0, 0x1C, 0)->function.slot, 3);
+        const BusPci& bridge = Find(tables.pcis, {1, 0x1C, 1, 0, 0})->pci;
+        EXPECT_EQ(bridge.childBus, 6);
+        EXPECT_EQ(bridge.childBusType, 5);
+        EXPECT_TRUE(trace.Has("Bridge device:  Primary   bus index: 0"));
+        EXPECT_EQ(tables.highestPciDevice, 0x1C);
+
+        EXPECT_EQ(HexOf(FindFunction(5, 0, 0)->function.hardwareAddress), "10000090fa534f0a");
+        EXPECT_STREQ(FindFunction(5, 0, 0)->function.vendorName.Text(), "");
+        EXPECT_STREQ(FindFunction(5, 0, 1)->function.vendorName.Text(), "10DF");
+        const BusTableEntry* const component = Find(tables.components, {kBusTypePci, 6, 0, 0, 0});
+        EXPECT_STREQ(component->component.name.Text(), "10DF - F101") << "the last function names the device";
+        EXPECT_STREQ(component->component.ids.Text(), "10DF / F101");
+        EXPECT_EQ(Count(tables.components), 3);
+
+        EXPECT_EQ(FindFunction(9, 0, 0), nullptr);
+        EXPECT_TRUE(trace.Has("Error 2 opening /proc/bus/pci/09/00.0"));
+        EXPECT_EQ(Find(tables.irqs, {0, 1, 0, 1, 1})->irq.irq, 13) << "resources without an owner are kept";
+        EXPECT_EQ(Find(tables.irqs, {kBusTypePci, 3, 0, 1, 1})->irq.sharing, kIrqShared);
+        EXPECT_EQ(Find(tables.irqs, {kBusTypePci, 6, 0, 1, 1})->irq.sharing, kIrqNotShared);
+      },
+      FixtureRoot::kUsr);
+}
+
+TEST(BusBuildTables, ASecondPassRefreshesTheEntries) {
+  const FixtureRoot root;
+  MakeMachine(root);
+  root.WriteFile("/proc/interrupts", "  11:  5  XT-PIC  eth0\n  14:  5  XT-PIC  ide0\n");
+  root.Run(
+      [] {
+        const TraceCapture trace(4);
+        BusTableEntry* const first = BusGetNextTableEntry(0);
+        EXPECT_EQ(first, FindIsa("ide0"));
+        const BusTableEntry* const nic = FindFunction(2, 0, 0);
+        const int memories = Count(GetBusTables().memories);
+        Write(kDevices, DevicesLine(2, 0, 0, 0x8086, 0x1041, 10, {0xDF300004}));
+        Write("/sys/class/fc_host/host7/port_name", "0x01\n");
+        BusBuildTables();
+        EXPECT_EQ(FindFunction(2, 0, 0), nic);
+        EXPECT_EQ(Count(GetBusTables().memories), memories);
+        EXPECT_EQ(Find(GetBusTables().memories, {kBusTypePci, 3, 0, 1, 1})->memory.addressLow, 0xDF300000);
+        EXPECT_EQ(Find(GetBusTables().irqs, {kBusTypePci, 3, 0, 1, 1})->irq.irq, 10);
+        EXPECT_EQ(FindFunction(5, 0, 0)->used, 0U);
+        EXPECT_EQ(first->used, 1U) << "ISA devices stay";
+        for (const char* line : {"Unused Function 5.6.0.1!", "Unused Pci 6.0.1!", "Unused Memory 5.6.0.2.1!",
+                                 "Unused Irq 5.6.0.1.1!", "Unused Port 5.3.0.1.1!", "Unused Component 5.6.0!"}) {
+          EXPECT_TRUE(trace.Has(line)) << line;
+        }
+        EXPECT_EQ(trace.Count("ScanFCC"), 1) << "the Fibre Channel cache is not read twice within 120 seconds";
+        EXPECT_EQ(BusGetNextTableEntry(0), first);
+        int walked = 1;
+        while (BusGetNextTableEntry(1) != nullptr)
+          ++walked;
+        EXPECT_EQ(walked, Count(GetBusTables().functions));
+        EXPECT_EQ(BusGetNextTableEntry(1), nullptr);
+      },
+      FixtureRoot::kUsr);
+}
+
+TEST(BusBuildTables, AnEmptyMachineEndsQuietly) {
+  const FixtureRoot root;
+  root.Run([] {
+    const TraceCapture trace(4);
+    EXPECT_EQ(BusGetNextTableEntry(1), nullptr);
+    EXPECT_EQ(BusGetNextTableEntry(0), nullptr);
+    EXPECT_FALSE(ScanPciFunctions());
+    unsigned char wwn[8] = {1};
+    EXPECT_FALSE(IsFCController(0, 0, 0, 0, wwn, sizeof wwn));
+    EXPECT_EQ(wwn[0], 0);
+    EXPECT_TRUE(trace.Has("IsFCController: the list ListOfFCControllers is empty --> no FC-Controlers discovered"));
+    EXPECT_TRUE(trace.Has("TolvBusGetMACInformation(): No matches found! Returning GLOB_NOMATCH..."));
+    EXPECT_TRUE(trace.Has("... no paths /sys/class/net/vmnic*. Use kernel 2.4 procedures"));
+    char name[8] = "x";
+    EXPECT_FALSE(GetPciDeviceName(1, 2, name, sizeof name));
+    EXPECT_FALSE(GetPciDeviceName(1, 3, name, sizeof name));
+    EXPECT_STREQ(name, "");
+    EXPECT_EQ(trace.Count("## ERROR! /sbin/lspci dos not exist on this system!"), 1);
+    EXPECT_EQ(GetPciSlotNumber(1, 2), 0);
+    EXPECT_TRUE(trace.Has("slot number for 01:02 not found, assuming SlotNo=0"));
+  });
+}
+
+TEST(FcControllers, AreReadAnewAfterTwoMinutes) {
+  const FixtureRoot root;
+  MakeMachine(root);
+  root.Run(
+      [] {
+        using std::chrono::seconds;
+        const auto start = std::chrono::steady_clock::now();
+        RefreshFcControllers(start);
+        unsigned char wwn[10] = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1};
+        EXPECT_FALSE(IsFCController(1, 5, 0, 0, wwn, 4)) << "another domain";
+        EXPECT_TRUE(IsFCController(0, 5, 0, 0, wwn, sizeof wwn));
+        EXPECT_EQ(wwn[4], 0xFA);
+        EXPECT_EQ(wwn[9], 0);
+        Write("/sys/class/fc_host/host7/port_name", "21\n");
+        FcWwn found;
+        RefreshFcControllers(start + seconds(119));
+        EXPECT_TRUE(AdapterIsFCController(5, 0, 0, found));
+        EXPECT_EQ(found[7], 0x0A);
+        RefreshFcControllers(start + seconds(120));
+        EXPECT_TRUE(AdapterIsFCController(5, 0, 0, found));
+        EXPECT_EQ(found[7], 0x21);
+      },
+      FixtureRoot::kUsr);
+}
+
+TEST(ScanIsaDevices, OneDeviceCollectsItsResources) {
+  const FixtureRoot root;
+  AddFunction(root, {.name = "03.0", .classCode = 0x020000});
+  root.WriteFile(kDevices, DevicesLine(0, 3, 0, 0x8086, 1, 11, {0xC001}));
+  root.WriteFile(
+      "/proc/interrupts",
+      "           CPU0       CPU1\n  7:  1  2  IO-APIC-level  parport0\n 11:  1  2  IO-APIC-level  usb, eth12x\n"
+      "  9:  1  2  XT-PIC\n NMI:  1  2  Non-maskable interrupts\n 12:  1  0  XT-PIC  odd one\n");
+  root.WriteFile("/proc/dma", " 3: parport0\n 4: cascade\n x: y\n");
+  root.WriteFile("/proc/ioports",
+                 "0000-0cf7 : PCI Bus 0000:00\n  0000-001f : dma1\n0378-037a : parport0\n0400-0410 : Intel PMC\n"
+                 "c000-cfff : 0000:00:03.0\n0500-04ff : bad\n");
+  root.Run([] {
+    const TraceCapture trace(3);
+    BusBuildTables();
+    const BusTables& tables = GetBusTables();
+    const BusTableEntry* const parport = FindIsa("parport0");
+    ASSERT_NE(parport, nullptr);
+    EXPECT_STREQ(parport->function.className.Text(), "Parallel port");
+    EXPECT_EQ(parport->function.slot, -1);
+    const BusKey key = {kBusTypeIsa, 1, 0, parport->function.number, 1};
+    EXPECT_EQ(Find(tables.irqs, key)->irq.trigger, kIrqLevel);
+    EXPECT_EQ(Find(tables.dmas, key)->dma.width, 2);
+    EXPECT_EQ(Find(tables.ports, key)->port.length, 3);
+    EXPECT_EQ(parport->counters[kResourceIrq] + parport->counters[kResourceDma] + parport->counters[kResourcePort], 3);
+    EXPECT_STREQ(FindIsa("odd one")->function.className.Text(), "Unknown Device");
+
+    EXPECT_TRUE(trace.Has("Device column for IRQ 9 is empty, entry ignored"));
+    EXPECT_TRUE(trace.Has("Add device eth12 for NIC with IRQ 11"));
+    EXPECT_EQ(trace.Count("Assign IRQ 11"), 0) << "it belongs to a PCI function";
+    EXPECT_TRUE(trace.Has("Assign DMA 4 to cascade"));
+    EXPECT_TRUE(trace.Has("Skip I/O port range 0000-0cf7 for PCI Bus 0000:00"));
+    EXPECT_TRUE(trace.Has("Skipped I/O port range '0400-0410 : Intel PMC'"));
+    EXPECT_EQ(Find(tables.ports, {kBusTypePci, 1, 3, 1, 1})->port.length, 256) << "refreshed from the port list";
+    EXPECT_EQ(Count(tables.ports), 2);
+  });
+}
+
+TEST(ScanPciFunctions, MemoryRangesEndWhereAnotherDeviceBegins) {
+  const FixtureRoot root;
+  AddFunction(root, {.name = "03.0"});
+  AddFunction(root, {.name = "03.1"});
+  AddFunction(root, {.name = "04.0"});
+  root.WriteFile(kDevices, DevicesLine(0, 3, 1, 1, 1, 0, {0x1040}) + DevicesLine(0, 4, 0, 1, 1, 0, {0x1080, 0x1000}));
+  root.Run([] {
+    const BusKey key = {kBusTypePci, 1, 3, 1, 0};
+    BusTableEntry* const entry = BusAllocateMemoryEntry(BusAllocateFunctionEntry(&key));
+    entry->memory.kind = kMemoryOfPci;
+    entry->memory.addressLow = 0x1000;
+    entry->memory.length = 0x100;
+    BusInsertTable(GetBusTables().memories, entry);
+    EXPECT_TRUE(ScanPciFunctions());
+    EXPECT_EQ(entry->memory.length, 0x80) << "not cut by its own device, nor by the same start";
+    EXPECT_EQ(Find(GetBusTables().memories, {kBusTypePci, 1, 4, 1, 1})->memory.length, 16);
+  });
+}
+
+TEST(ScanPciFunctions, VmwareVectorsReplaceIrqs) {
+  const FixtureRoot root;
+  root.WriteFile(kDevices, DevicesLine(1, 0, 0, 0x1000, 0x1960, 9, {}) + DevicesLine(1, 1, 0, 0x1000, 0x0408, 9, {}));
+  root.WriteFile("/proc/vmware/pci", "Bus:Sl.F Vend:Dvid\n001:00.0 1000:1960 1014:0260 RAID megaraid 0a/9/0x79 C\n");
+  root.Run([] {
+    const TraceCapture trace(3);
+    ScanPciFunctions();
+    EXPECT_TRUE(trace.Has("    On VMware: Replaced real IRQ 9 by IRQ vector 0x79 for PCI Id 1000:1960"));
+    EXPECT_TRUE(trace.Has("    On VMware: Could not replace real IRQ 9 by IRQ vector for PCI Id 1000:0408"));
+    EXPECT_EQ(GetBusTables().irqs.first->irq.irq, 0x79);
+  });
+}
+
+TEST(BusGetMACInformation, InterfacesWithoutPciAddressMatchByIrq) {
+  for (const bool sysfs : {true, false}) {
+    const FixtureRoot root;
+    AddFunction(root, {.name = "03.0", .classCode = 0x020000});
+    root.WriteFile(kDevices, DevicesLine(0, 3, 0, 0x8086, 1, 11, {}));
+    root.WriteFile("/proc/net/dev", "Inter-|   Receive\n face |bytes\n    lo: 0 0\n  net7: 1 2\n");
+    if (sysfs) {
+      root.WriteFile("/sys/class/net/p1s0/address", "02:00:00:00:00:07\n");
+      root.WriteFile("/sys/class/net/p1s0/device/irq", "11\n");
+      root.WriteFile("/sys/class/net/p2s0/address", "02:zz\n");
+    }
+    root.Run([] {
+      const FakeIoctl kernel([](const std::string&, unsigned long request, void* argument) -> std::optional<int> {
+        auto* const interface = static_cast<ifreq*>(argument);
+        if (std::string(interface->ifr_name) != "net7") return -ENODEV;
+        if (request == SIOCGIFHWADDR) std::memcpy(interface->ifr_hwaddr.sa_data, "\x02\0\0\0\0\x07", 6);
+        if (request == SIOCGIFMAP) interface->ifr_map.irq = 11;
+        return 0;
+      });
+      BusBuildTables();
+      EXPECT_EQ(HexOf(FindFunction(0, 3, 0)->function.hardwareAddress), "020000000007");
+    });
+  }
+}
+
+TEST(BusParsers, NamesAndAddresses) {
+  LspciLine device;
+  const std::string text = "00:03.0 Ethernet controller [0200]: " + std::string(90, 'x') + " [1af4:1041] (rev 01)";
+  ASSERT_TRUE(ParseLspciLine(text, device));
+  EXPECT_EQ(device.vendor, 0x1AF4U);
+  EXPECT_EQ(device.device, 0x1041U);
+  EXPECT_EQ(device.description, text.substr(8, 97));
+  for (const char* bad : {"", "[1:2]", "00:03.0", "00:03.0 x [12", "00:03.0 x [0200] [rev]"}) {
+    EXPECT_FALSE(ParseLspciLine(bad, device)) << bad;
+  }
+
+  PhysicalNicParser parser;
+  PhysicalNic nic;
+  int records = 0;
+  for (const char* line : {"  device = \"vmnic0\",", "pci = \"0000:02:00.0\"", "  driver = \"ne1000\"",
+                           "driver = \"late\"", "device = \"vmnic1\"", "driver = \"cut", "pci = \"02:00.1\""}) {
+    if (parser.AddLine(line, nic)) ++records;
+  }
+  EXPECT_EQ(records, 1);
+  EXPECT_EQ(nic.driver, "ne1000");
+  CPciAddress address;
+  EXPECT_TRUE(ParsePciAddress("../02:1f.1", address));
+  EXPECT_EQ(address, (CPciAddress{0, 2, 0x1F, 1}));
+  EXPECT_FALSE(ParsePciAddress("../../virtio2", address));
+  FcController controller;
+  EXPECT_FALSE(ParseFcHostPath("0:0:0.0/host1", controller)) << "the address has a fixed length";
+}

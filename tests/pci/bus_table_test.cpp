@@ -1,0 +1,157 @@
+#include "pci/bus_table.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "pci/legacy_class_table.h"
+
+namespace {
+
+// Entries are never freed; what a test allocates stays reachable here.
+BusTableEntry* Keep(BusTableEntry* entry) {
+  static auto& kept = *new std::vector<BusTableEntry*>;
+  kept.push_back(entry);
+  return entry;
+}
+
+BusTableEntry* NewFunction(int64_t bus, int64_t device) {
+  const BusKey key = {kBusTypePci, bus, device, 1, 0};
+  return Keep(BusAllocateFunctionEntry(&key));
+}
+
+std::vector<int64_t> Buses(const BusTable& table) {
+  std::vector<int64_t> buses;
+  for (const BusTableEntry* entry = table.first; entry != nullptr; entry = entry->next)
+    buses.push_back(entry->function.bus);
+  return buses;
+}
+
+BusKey KeyOf(int64_t bus) {
+  return {kBusTypePci, bus, 0, 1, 0};
+}
+
+// The tables live as long as the process; a test that fills them leaves them empty for the next one.
+class BusTableTest : public ::testing::Test {
+ protected:
+  ~BusTableTest() override { GetBusTables() = {}; }
+  BusTable& m_Table = GetBusTables().functions;
+};
+
+}  // namespace
+
+TEST_F(BusTableTest, StaysSortedWhateverTheOrderOfInsertion) {
+  std::vector<BusTableEntry*> entries;
+  for (const int64_t bus : {4, 2, 9, -3, 6, 2}) {
+    entries.push_back(Keep(BusAllocateFunctionEntry(nullptr)));
+    entries.back()->function.bus = bus;
+    BusInsertTable(m_Table, entries.back());
+  }
+  EXPECT_EQ(Buses(m_Table), (std::vector<int64_t>{-3, 2, 2, 4, 6, 9}));
+  EXPECT_EQ(m_Table.first->next, entries[1]) << "equal keys stay in the order of insertion";
+  for (BusTableEntry* entry : entries)
+    BusInsertTable(m_Table, entry);
+  EXPECT_EQ(Buses(m_Table).size(), 6U) << "nothing is inserted twice";
+}
+
+TEST_F(BusTableTest, SearchModes) {
+  BusTableEntry* entries[4];
+  for (const int64_t bus : {0, 1, 2, 3}) {
+    entries[bus] = NewFunction(10 * bus, 0);
+    BusInsertTable(m_Table, entries[bus]);
+  }
+  entries[1]->used = 0;
+  entries[3]->used = 0;
+  EXPECT_EQ(BusSearchTable(m_Table, 0, KeyOf(20), false), entries[2]);
+  EXPECT_EQ(BusSearchTable(m_Table, 0, KeyOf(15), false), nullptr);
+  EXPECT_EQ(BusSearchTable(m_Table, 0, KeyOf(10), true), nullptr);
+  EXPECT_EQ(BusSearchTable(m_Table, 1, KeyOf(10), false), entries[2]);
+  EXPECT_EQ(BusSearchTable(m_Table, 1, KeyOf(20), true), nullptr);
+  EXPECT_EQ(BusSearchTable(m_Table, -1, KeyOf(15), false), entries[1]);
+  EXPECT_EQ(BusSearchTable(m_Table, -1, KeyOf(15), true), entries[0]);
+  EXPECT_EQ(BusSearchTable(m_Table, -1, KeyOf(99), true), entries[2]);
+  EXPECT_EQ(BusSearchTable(m_Table, -1, KeyOf(-1), false), nullptr);
+}
+
+TEST_F(BusTableTest, AllocationReusesTheEntryOfTheKey) {
+  BusTableEntry* const function = NewFunction(1, 2);
+  BusInsertTable(m_Table, function);
+  BusTableEntry* const first = Keep(BusAllocateIrqEntry(function));
+  BusInsertTable(GetBusTables().irqs, first);
+  first->irq.irq = 9;
+  BusTableEntry* const second = Keep(BusAllocateIrqEntry(function));
+  EXPECT_NE(first, second);
+  EXPECT_EQ(second->irq.number, 2);
+  EXPECT_EQ(second->owner, function);
+
+  function->function.deviceName.Assign("left over");
+  function->used = 0;
+  EXPECT_EQ(NewFunction(1, 2), function);
+  EXPECT_EQ(function->used, 1U);
+  EXPECT_TRUE(function->function.deviceName.IsEmpty());
+  EXPECT_EQ(Keep(BusAllocateIrqEntry(function)), first) << "the numbers of the resources start anew";
+  EXPECT_EQ(first->irq.irq, -1);
+  EXPECT_EQ(first->irq.sharing, kIrqSharingUnset);
+}
+
+TEST_F(BusTableTest, DefaultKeysAndValues) {
+  const BusTableEntry* const memory = Keep(BusAllocateMemoryEntry(nullptr));
+  EXPECT_EQ(memory->key.word1, 1);
+  EXPECT_EQ(memory->key.word4, 1);
+  EXPECT_EQ(memory->memory.kind, 1);
+  const BusTableEntry* const pci = Keep(BusAllocatePciEntry(nullptr));
+  EXPECT_EQ(pci->key.word0, 1);
+  EXPECT_EQ(pci->key.word2, 1);
+  EXPECT_EQ(pci->pci.baseClass, 255);
+  const BusKey functionKey = {kBusTypePci, 1, 2, 7, 12};
+  const BusTableEntry* const component = Keep(BusAllocateComponentEntry(&functionKey));
+  EXPECT_EQ(component->component.slot, -1);
+  EXPECT_EQ(component->component.name.length, 0U) << "words behind the key do not reach the values";
+  EXPECT_EQ(Keep(BusAllocateDmaEntry(nullptr))->dma.channel, -1);
+  EXPECT_EQ(Keep(BusAllocatePortEntry(nullptr))->port.word7, 3);
+}
+
+TEST(CountedString, OwnsItsText) {
+  CCountedString text = {};
+  EXPECT_TRUE(text.Assign("one") && text.Concatenate(" two") && text.Concatenate(nullptr));
+  EXPECT_STREQ(text.Text(), "one two");
+  EXPECT_EQ(text.length, 7U);
+  CCountedString holder = text;
+  text.Invalidate();
+  EXPECT_STREQ(text.Text(), "");
+  holder.Empty();
+  EXPECT_EQ(holder.text, nullptr);
+}
+
+TEST(LegacyClasses, TheFirstRowThatMatchesWins) {
+  struct Row {
+    uint8_t baseClass, subClass, interface;
+    uint16_t vendor;
+    const char* name;
+    int64_t type;
+  };
+  for (const Row& row : std::initializer_list<Row>{
+           {0x02, 0x00, 0x00, 1, "Ethernet controller", kComponentNetwork},
+           {0x02, 0x07, 0x00, 1, "Network controller", kComponentNetwork},
+           {0x03, 0x00, 0x01, 1, "8514 compatible controller", kComponentDisplay},
+           {0x03, 0x00, 0x02, 1, "VGA compatible controller", kComponentDisplay},
+           {0x06, 0x04, 0x01, 1, "PCI-to-PCI bridge (subtractive)", kComponentBridge},
+           {0x06, 0x09, 0x80, 1, "PCI/Host bridge (transparent)", kComponentBridge},
+           {0x07, 0x01, 0xFE, 1, "IEEE1284 target device", kComponentParallel},
+           {0x09, 0x04, 0x10, 1, "Game controller", kComponentSerial},
+           {0x0C, 0x00, 0x00, 1, "Firewire (IEEE 1394)", kComponentStorage},
+           {0x0C, 0x03, 0x30, 1, "USB controller", kComponentOther},
+           {0x0C, 0x04, 0x00, 1, "Fibre Channel", kComponentSerial},
+           {0x0E, 0x00, 0x00, 0x1044, "I2O raid controller", kComponentStorage},
+           {0x0E, 0x00, 0x00, 0x1045, "I2O controller", kComponentOther},
+           {0x0F, 0x00, 0x00, 1, "Satellite communication controller", kComponentOther},
+           {0x12, 0x00, 0x00, 1, "Other", kComponentOther},
+       }) {
+    const LegacyClass found = FindLegacyPciClass(row.baseClass, row.subClass, row.interface, row.vendor, 0x1234);
+    EXPECT_STREQ(found.name, row.name);
+    EXPECT_EQ(found.type, row.type) << row.name;
+  }
+  EXPECT_STREQ(FindLegacyIsaClass("dma page reg").name, "ISA DMA");
+  EXPECT_EQ(FindLegacyIsaClass("aha152x").type, kComponentStorage);
+  EXPECT_STREQ(FindLegacyIsaClass("rtc1").name, "Unknown Device");
+}

@@ -1,0 +1,202 @@
+#include "pci/pci_config_list.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <string>
+
+#include "pci/device_bus_io.h"
+#include "support/pci_fixture.h"
+#include "support/trace_capture.h"
+
+namespace {
+
+std::string Text(const CPciAddress& address) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%04x:%02x:%02x.%x", address.segment, address.bus, address.device, address.function);
+  return text;
+}
+
+// "0000:00:1c.0 slot 3", one per function in the order of the list
+std::vector<std::string> Scan(bool withSlots = true) {
+  CPciConfigList list;
+  const bool any = CPciConfigList::ScanPciSlots(list, withSlots);
+  EXPECT_EQ(any, !list.empty());
+  std::vector<std::string> found;
+  for (const auto& [address, data] : list) {
+    EXPECT_EQ(address, data.address);
+    found.push_back(Text(address) + " slot " + std::to_string(data.slot));
+  }
+  return found;
+}
+
+using Functions = std::vector<std::string>;
+
+constexpr uint8_t kBridge = 0x01;
+constexpr uint8_t kMultiFunctionBridge = 0x81;
+
+}  // namespace
+
+TEST(ScanPciSlots, FunctionsBehindBridgesInheritTheSlot) {
+  const FixtureRoot root;
+  AddFunction(root, {});
+  AddFunction(root, {.name = "1c.0", .classCode = 0x060400, .headerType = kMultiFunctionBridge, .secondaryBus = 5});
+  AddFunction(root, {.name = "1d.0", .classCode = 0x060400, .headerType = kBridge, .secondaryBus = 9});
+  AddFunction(root, {.bus = "05", .name = "00.0", .classCode = 0x020000, .headerType = 0x80});
+  AddFunction(root, {.bus = "05", .name = "00.1", .classCode = 0x020000, .headerType = 0x80});
+  AddFunction(root, {.bus = "05", .name = "01.0", .headerType = kBridge, .primaryBus = 5, .secondaryBus = 6});
+  AddFunction(root, {.bus = "06", .name = "1f.7"});
+  AddFunction(root, {.bus = "06", .name = "02.0"});
+  AddFunction(root, {.bus = "09", .name = "00.0"});
+  AddFunction(root, {.bus = "0001:0a", .name = "00.0"});
+  WriteSlotTable(root, {{3, 0, 0x1C}, {4, 6, 2}, {0, 0, 0}});
+  root.Run([] {
+    const TraceCapture trace(4);
+    EXPECT_EQ(Scan(),
+              (Functions{"0000:00:00.0 slot 0", "0000:00:1c.0 slot 3", "0000:00:1d.0 slot -1", "0000:05:00.0 slot 3",
+                         "0000:05:00.1 slot 3", "0000:05:01.0 slot 3", "0000:06:02.0 slot 4", "0000:06:1f.7 slot 3",
+                         "0000:09:00.0 slot -1", "0001:0a:00.0 slot -1"}));
+    EXPECT_TRUE(trace.Has("CPciConfigList      : ## Found PCI Device (Segment 1 Bus 10, Device 0 Function 0) ##"));
+    EXPECT_TRUE(trace.Has("CPciConfigList      :    Sub Class     : 0x04     PCI-to-PCI bridge"));
+    EXPECT_TRUE(trace.Has("CPciConfigList      :    Brigde device:  Primary bus index  : 5"));
+    EXPECT_TRUE(trace.Has("CPciConfigList      : Pci bridge device at slot 3 created bus no 6"));
+    EXPECT_TRUE(trace.Has("CPciConfigList      : No entry found in PCI bridge mapping table!"));
+    EXPECT_TRUE(trace.Has("CPciConfigList      : 10 PCI devices detected!"));
+  });
+}
+
+TEST(ScanPciSlots, OnlyWellFormedNamesAreFunctions) {
+  const FixtureRoot root;
+  AddFunction(root, {.bus = "0000:02", .name = "1f.7"});
+  for (const char* bus : {"0", "2g", "0x", "000002", "0000.02", "10000:02", ".2", "devices"}) {
+    AddFunction(root, {.bus = bus});
+  }
+  for (const char* name : {"00.0x", "20.0", "00.8", "0.0", "00:0", "0g.0", "+1.0"}) {
+    AddFunction(root, {.bus = "0000:02", .name = name});
+  }
+  root.WriteFile("/proc/bus/pci/03", "a file");
+  root.MakeDirectory("/proc/bus/pci/0000:02/01.0");
+  root.MakeLink("/proc/bus/pci/0000:02/02.0", "missing");
+  root.MakeLink("/proc/bus/pci/0000:02/03.0", "1f.7");
+  root.MakeLink("/proc/bus/pci/04", "missing");
+  root.Run([] {
+    const TraceCapture trace(3);
+    EXPECT_EQ(Scan(false), (Functions{"0000:02:03.0 slot -1", "0000:02:1f.7 slot -1"}));
+    EXPECT_TRUE(
+        trace.Has("IsPciDevFileValid  : stat() for /proc/bus/pci/0000:02/02.0 failed errno=2 (No such file or "
+                  "directory)--> ignoring"));
+    EXPECT_TRUE(
+        trace.Has("IsPciDevDirValid  : stat() for /proc/bus/pci/04 failed errno=2 (No such file or "
+                  "directory)--> ignoring"));
+    EXPECT_TRUE(trace.Has("CPciConfigList      : Invalid PCI device configuration! (Vendor: 0x0 Device: 0x0)"));
+    EXPECT_EQ(trace.Count("Slot          : N/A"), 2);
+  });
+}
+
+TEST(ScanPciSlots, OnlyTheFirstFunctionMayFail) {
+  const FixtureRoot root;
+  root.WriteFile("/proc/bus/pci/00/00.0", BuildHeader({}).substr(0, 63));
+  AddFunction(root, {.name = "01.0"});
+  AddFunction(root, {.name = "02.0", .vendor = 0xFFFF, .device = 0xFFFF});
+  AddFunction(root, {.name = "03.0", .device = 0});
+  AddFunction(root, {.name = "04.0"});
+  root.WriteFile("/proc/bus/pci/00/05.0", "short");
+  AddFunction(root, {.name = "06.0"});
+  root.Run([] {
+    const TraceCapture trace(4);
+    EXPECT_EQ(Scan(false), (Functions{"0000:00:01.0 slot -1", "0000:00:04.0 slot -1"}));
+    EXPECT_EQ(trace.Count("Invalid PCI device configuration!"), 3);
+    EXPECT_TRUE(trace.Has("GetPciConfigSpace : read error from /proc/bus/pci/00/05.0"));
+    EXPECT_EQ(trace.Count("open and read /proc/bus/pci/00/06.0"), 0);
+    EXPECT_EQ(trace.Count("open and read"), 6) << "no header is read twice";
+  });
+}
+
+TEST(ScanPciSlots, AMachineWithoutPciGivesAnEmptyList) {
+  const FixtureRoot root;
+  root.Run([] {
+    const TraceCapture trace(3);
+    EXPECT_EQ(Scan(), Functions{});
+    EXPECT_TRUE(
+        trace.Has("BuildPciDeviceNameList  : scandir for directory /proc/bus/pci failed; ## ERROR: errno=2 "
+                  "(No such file or directory)"));
+    EXPECT_TRUE(trace.Has("CPciConfigList      : 0 PCI devices detected!"));
+  });
+}
+
+TEST(ScanPciSlots, AgreesWithLspciOnThisMachine) {
+  if (::access("/usr/bin/lspci", X_OK) != 0) GTEST_SKIP() << "lspci is not installed";
+  if (::access("/proc/bus/pci", R_OK) != 0) GTEST_SKIP() << "the kernel shows no PCI bus";
+  CPciConfigList list;
+  CPciConfigList::ScanPciSlots(list, false);
+  Functions ours;
+  for (const auto& [address, data] : list) {
+    char text[64];
+    std::snprintf(text, sizeof text, "%s %02x%02x: %04x:%04x", Text(address).c_str(), data.header.BaseClass(),
+                  data.header.SubClass(), data.header.VendorId(), data.header.DeviceId());
+    ours.push_back(text);
+  }
+  Functions theirs;
+  FILE* output = ::popen("/usr/bin/lspci -n -D", "re");
+  for (char line[256]; std::fgets(line, sizeof line, output) != nullptr;) {
+    theirs.push_back(std::string(line).substr(0, std::string("0000:00:00.0 0600: 8086:0d57").size()));
+  }
+  ::pclose(output);
+  std::sort(theirs.begin(), theirs.end());
+  EXPECT_EQ(ours, theirs);
+}
+
+TEST(GetPciConfigSpace, ReadsExactlyOrFails) {
+  const FixtureRoot root;
+  AddFunction(root, {.bus = "ff", .name = "1f.7", .subVendor = 0x1734, .subDevice = 0xABCD});
+  root.Run([] {
+    CDeviceBusIo device;
+    unsigned char buffer[8] = {1, 2, 3, 4};
+    unsigned length = 4;
+    EXPECT_TRUE(device.GetPciConfigSpace(0, 0xFF, 0x1F, 7, 44, length, buffer));
+    EXPECT_EQ(buffer[1], 0x17);
+    EXPECT_EQ(buffer[2], 0xCD);
+    const auto fails = [&](unsigned segment, unsigned bus, unsigned function, unsigned offset, unsigned count) {
+      unsigned char room[5000];
+      return !device.GetPciConfigSpace(segment, bus, 0x1F, function, offset, count, room);
+    };
+    EXPECT_TRUE(fails(0, 0xFF, 7, 62, 4)) << "behind the end";
+    EXPECT_TRUE(fails(0, 0xFF, 7, 0, 0));
+    EXPECT_TRUE(fails(0, 0xFF, 7, 0, 4999));
+    EXPECT_TRUE(fails(1, 0xFF, 7, 0, 4)) << "another segment";
+    EXPECT_TRUE(fails(0x10000, 0xFF, 7, 0, 4)) << "numbers are not cut";
+    EXPECT_TRUE(fails(0, 0x1FF, 7, 0, 4));
+    EXPECT_FALSE(device.GetPciConfigSpace(0, 0xFF, 0xFF, 0xFF, 0, length, buffer)) << "the invalid address";
+    EXPECT_FALSE(device.GetPciConfigSpace(0, 0xFF, 0x1F, 7, 0, length, nullptr));
+  });
+}
+
+TEST(PciConfigHeader, ClassNames) {
+  struct Row {
+    uint32_t classCode;
+    const char* base;
+    const char* sub;
+  };
+  for (const Row& row : std::initializer_list<Row>{
+           {0x000200, "Unknown", "Unknown"},
+           {0x010800, "Mass storage controller", "Mass storage controller"},
+           {0x030000, "Display controller", "VGA compatible controller"},
+           {0x030002, "Display controller", "8514 compatible controller"},
+           {0x070003, "Simple communication controller", "Serial port"},
+           {0x070102, "Simple communication controller", "ECP 1.X compliant parallel port"},
+           {0x080302, "System peripheral", "RTC"},
+           {0x0A0100, "Docking station", "Docking station"},
+           {0x0B3000, "Processor", "Processor"},
+           {0x0B4000, "Processor", "Co-processor"},
+           {0x0C0330, "Serial bus controller", "Universal Serial Bus (USB)"},
+           {0xFF0000, "Other", "Other"},
+           {0x120000, "Unknown", "Unknown"},
+       }) {
+    CPciCommonConfigHeader header;
+    BuildHeader({.classCode = row.classCode}).copy(reinterpret_cast<char*>(header.bytes), sizeof header.bytes);
+    EXPECT_STREQ(CPciCommonConfigHeader::GetPciBaseClassDescription(header), row.base) << row.classCode;
+    EXPECT_STREQ(CPciCommonConfigHeader::GetPciSubClassDescription(header), row.sub) << row.classCode;
+  }
+}

@@ -1,0 +1,109 @@
+#include "prove/prove.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
+
+namespace {
+
+std::atomic<int> syslogLines = 0;
+
+}  // namespace
+
+extern "C" void syslog(int, const char*, ...) {
+  ++syslogLines;
+}
+extern "C" void __syslog_chk(int, int, const char*, ...) {
+  ++syslogLines;
+}
+
+int TakeSyslogLines() {
+  return syslogLines.exchange(0);
+}
+
+bool IsShort() {
+  const char* form = std::getenv("RAVD_PROVE");
+  return form != nullptr && std::strcmp(form, "short") == 0;
+}
+
+void Figure(const char* fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  std::printf("figure: ");
+  std::vprintf(fmt, args);
+  std::printf("\n");
+  va_end(args);
+  std::fflush(stdout);
+}
+
+pid_t Start(const std::vector<std::string>& command) {
+  const pid_t child = ::fork();
+  if (child != 0) return child;
+  ::close(STDERR_FILENO);
+  ::open("/stderr", O_CREAT | O_TRUNC | O_WRONLY, 0644);
+  std::vector<char*> argv;
+  for (const std::string& argument : command)
+    argv.push_back(const_cast<char*>(argument.c_str()));
+  argv.push_back(nullptr);
+  ::execv(argv[0], argv.data());
+  ::_exit(127);
+}
+
+bool WaitUntil(const std::function<bool()>& condition, int seconds) {
+  for (int tries = 0; tries < seconds * 500; ++tries) {
+    if (condition()) return true;
+    ::usleep(2000);
+  }
+  return false;
+}
+
+int WaitFor(pid_t child, int seconds) {
+  int status = 0;
+  if (WaitUntil([&] { return ::waitpid(child, &status, WNOHANG) == child; }, seconds)) return status;
+  ADD_FAILURE() << "process " << child << " does not end";
+  ::kill(child, SIGKILL);
+  ::waitpid(child, &status, 0);
+  return status;
+}
+
+int RunCommand(const std::vector<std::string>& command) {
+  const int status = WaitFor(Start(command));
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+std::vector<SystemCall> ReadCalls(const char* path, const char* from) {
+  std::ifstream file(path);
+  std::map<std::string, int> numbers;
+  std::vector<SystemCall> calls;
+  bool isInside = false;
+  for (std::string line; std::getline(file, line);) {
+    line.erase(0, line.find_first_not_of("0123456789 "));
+    const std::string name = line.substr(0, line.find('('));
+    if (name.empty() || name.find_first_not_of("abcdefghijklmnopqrstuvwxyz_0123456789") != std::string::npos) continue;
+    const int number = ++numbers[name];
+    if (from == nullptr && name == "getppid") {
+      if (isInside) break;
+      isInside = true;
+      continue;
+    }
+    isInside = isInside || (from != nullptr && line.find(from) != std::string::npos);
+    if (isInside) calls.push_back({name, number, line});
+  }
+  return calls;
+}
+
+int main(int argc, char** argv) {
+  if (argc == 3 && std::strcmp(argv[1], "worker") == 0) return RunWorker(argv[2]);
+  testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+// What the proofs share. A proof is a test case of its own that ends with one figure; RAVD_PROVE=short in the
+// environment makes it brief.
+
+bool IsShort();
+inline int Rounds(int whole, int brief) {
+  return IsShort() ? brief : whole;
+}
+
+// Prints the line that the runner shows.
+void Figure(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
+// Starts the program with these arguments, its standard error in /stderr; the child's PID.
+pid_t Start(const std::vector<std::string>& command);
+// The wait status of the child; fails the test when it has not ended after that many seconds, and kills it.
+int WaitFor(pid_t child, int seconds = 20);
+int RunCommand(const std::vector<std::string>& command);
+bool WaitUntil(const std::function<bool()>& condition, int seconds = 20);
+
+// Lines that went to syslog since the last call.
+int TakeSyslogLines();
+
+// One system call of a program's run, as strace saw it.
+struct SystemCall {
+  std::string name;
+  int number;  // how many of that name up to this one
+  std::string line;
+};
+// The calls of an strace output file between the first and the last getppid, or behind the first call that has the
+// text.
+std::vector<SystemCall> ReadCalls(const char* path, const char* from = nullptr);
+
+// Runs of this program under strace: the part between two calls of getppid is what faults are injected into.
+int RunWorker(const std::string& name);

@@ -1,0 +1,288 @@
+// The trace while its files are damaged, filled with random entries and read by others.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <map>
+#include <random>
+#include <thread>
+
+#include "platform/unique_fd.h"
+#include "prove/prove.h"
+#include "trace/trace_root.h"
+
+namespace {
+
+constexpr size_t kMiB = 1024 * 1024;
+
+// Runs the damage while four threads write; true when tracing is still on afterwards.
+bool SurvivesWhileFourWrite(const std::function<void()>& damage) {
+  std::atomic<bool> stop = false;
+  std::vector<std::thread> writers;
+  for (int writer = 0; writer < 4; ++writer) {
+    writers.emplace_back([&stop, writer] {
+      for (int entry = 0; !stop; ++entry) {
+        TRACE(1, "writer %d entry %d %s", writer, entry, std::string(static_cast<size_t>(entry % 2000), 'x').c_str());
+        if (entry % 64 == 0) Debug.PrintAlways(0, "writer %d", writer);
+      }
+    });
+  }
+  ::usleep(20000);
+  damage();
+  ::usleep(100000);
+  stop = true;
+  for (std::thread& writer : writers)
+    writer.join();
+  const bool isOn = Debug.m_TraceActive;
+  Debug.PrintAlways(0, "still there");
+  Debug.ForceMaxDebug(false);
+  Debug.ForceMaxDebug(true);
+  TRACE(1, "and again");
+  return isOn;
+}
+
+struct Damage {
+  const char* name;
+  const char* path;
+  void (*act)(const char* path);
+  bool isShrunk;
+};
+
+void Replace(const char* path) {
+  ::unlink(path);
+  std::fclose(std::fopen(path, "we"));
+}
+
+const Damage kDamages[] = {
+    {"emptied", nullptr, [](const char* path) { EXPECT_EQ(::truncate(path, 0), 0); }, true},
+    {"cut to a page", nullptr, [](const char* path) { EXPECT_EQ(::truncate(path, 4096), 0); }, true},
+    {"cut in half", nullptr, [](const char* path) { EXPECT_EQ(::truncate(path, kMiB / 2 + 1), 0); }, true},
+    {"removed", nullptr, [](const char* path) { EXPECT_EQ(::unlink(path), 0); }, false},
+    {"replaced", nullptr, Replace, false},
+    {"grown", nullptr, [](const char* path) { EXPECT_EQ(::truncate(path, 8 * kMiB), 0); }, false},
+    {"log emptied", TraceRoot::kLog, [](const char* path) { EXPECT_EQ(::truncate(path, 0), 0); }, false},
+    {"log removed", TraceRoot::kLog, [](const char* path) { EXPECT_EQ(::unlink(path), 0); }, false},
+    {"log replaced", TraceRoot::kLog, Replace, false},
+};
+
+std::atomic<int> strangeFaults = 0;
+
+// The numbers of the whole entries "entry N <fill>" that end before the cut, with where they end.
+std::map<int, size_t> WholeEntries(const std::string& ring) {
+  std::map<int, size_t> found;
+  for (size_t at = ring.find(" entry "); at != std::string::npos; at = ring.find(" entry ", at + 1)) {
+    const size_t end = ring.find('\n', at);
+    if (end == std::string::npos) break;
+    char* next = nullptr;
+    const auto number = static_cast<int>(std::strtol(ring.c_str() + at + 7, &next, 10));
+    const long length = std::strtol(next, &next, 10);
+    if (length < 0) continue;
+    const std::string tail =
+        std::string(static_cast<size_t>(length), static_cast<char>('a' + number % 26)) + "#" + std::to_string(number);
+    if (end - at > tail.size() && ring.compare(end - tail.size(), tail.size(), tail) == 0) found[number] = end;
+  }
+  return found;
+}
+
+}  // namespace
+
+TEST(Prove, TraceFilesDamaged) {
+  const int rounds = Rounds(20, 2);
+  int done = 0;
+  for (int round = 0; round < rounds; ++round) {
+    for (const Damage& damage : kDamages) {
+      const TraceRoot root;
+      root.ConfigureRing("1");
+      root.Run([&damage] {
+        SCOPED_TRACE(damage.name);
+        ASSERT_TRUE(Debug.Init("ravd"));
+        Debug.SetApplInitDone();
+        TakeSyslogLines();
+        const char* path = damage.path != nullptr ? damage.path : TraceRoot::kRunTimeRing;
+        EXPECT_EQ(SurvivesWhileFourWrite([&] { damage.act(path); }), !damage.isShrunk);
+        EXPECT_EQ(TakeSyslogLines(), damage.isShrunk ? 1 : 0);
+        EXPECT_TRUE(Debug.Init("ravd")) << "a new start traces again";
+        EXPECT_TRUE(Debug.m_TraceActive);
+      });
+      ASSERT_FALSE(HasFailure());
+      ++done;
+    }
+  }
+  Figure("%d damaged files under four writers: all lived, a ring that shrank is one syslog line and tracing off", done);
+}
+
+TEST(Prove, TraceDiskFull) {
+  const TraceRoot root;
+  root.ConfigureRing("1");
+  root.Run([] {
+    int off = 0;
+    for (const char* size : {"size=64k", "size=2m", "size=4200k", "size=5200k"}) {
+      ASSERT_EQ(::mount("tmpfs", "/var/log/pelrix", "tmpfs", 0, size), 0);
+      ::setenv("QN_LOG_FILE_MAX_SIZE", "100000000", 1);
+      Debug.Init("ravd");
+      SurvivesWhileFourWrite([] { Debug.SetApplInitDone(); });
+      off += Debug.m_TraceLevelSaved == 0 ? 1 : 0;
+      Debug.Init("");
+      ::umount2("/var/log/pelrix", MNT_DETACH);
+    }
+    EXPECT_EQ(off, 3);
+    Figure("4 full disks under four writers: all lived, %d without room for a ring buffer", off);
+  });
+}
+
+// Only the fault of a copy is caught: everything else ends the process or reaches the handler that was there before.
+TEST(Prove, StrangeBusErrors) {
+  const TraceRoot root;
+  root.ConfigureRing("1");
+  root.WriteFile("/other", "");
+  const auto fault = [] {
+    const UniqueFd file(::open("/other", O_RDWR | O_CLOEXEC));
+    auto* mapping = static_cast<volatile char*>(::mmap(nullptr, 4096, PROT_READ, MAP_SHARED, file.Get(), 0));
+    return mapping[0];
+  };
+  root.Run([&fault] {
+    for (const bool isSent : {false, true}) {
+      const pid_t child = ::fork();
+      if (child == 0) {
+        Debug.Init("ravd");
+        if (isSent) ::raise(SIGBUS);
+        if (!isSent) fault();
+        ::_exit(0);
+      }
+      const int status = WaitFor(child);
+      EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGBUS) << status;
+    }
+    struct sigaction action {};
+    action.sa_handler = [](int) {
+      ++strangeFaults;
+      EXPECT_EQ(::truncate("/other", 4096), 0);
+    };
+    ::sigaction(SIGBUS, &action, nullptr);
+    ASSERT_TRUE(Debug.Init("ravd"));
+    EXPECT_EQ(fault(), 0);
+    ::raise(SIGBUS);
+    EXPECT_EQ(strangeFaults, 2);
+    Figure("3 other bus errors went where they had gone before");
+  });
+}
+
+TEST(Prove, RandomEntries) {
+  const TraceRoot root;
+  root.ConfigureRing("3");
+  root.Run([] {
+    ASSERT_TRUE(Debug.Init("ravd"));
+    Debug.SetApplInitDone();
+    const int entries = Rounds(10000000, 500000);
+    std::string ring = ReadWholeFile(TraceRoot::kRunTimeRing);
+    const size_t begin = ring.find("### Begin of RingBuffer. ###\n") + 29;
+    const UniqueFd file(::open(TraceRoot::kRunTimeRing, O_RDONLY | O_CLOEXEC));
+    std::mt19937 random(1);
+    std::string text(200000, '\0');
+    for (char& character : text)
+      character = static_cast<char>(random() % 255 + 1);
+    const auto check = [&](const std::string& newest) {
+      struct stat info {};
+      ::fstat(file.Get(), &info);
+      ASSERT_EQ(static_cast<size_t>(info.st_size), kMiB) << "something behind the end";
+      ASSERT_EQ(::pread(file.Get(), ring.data(), kMiB, 0), static_cast<ssize_t>(kMiB));
+      ASSERT_EQ(ring.compare(49, 20, "Quennet Environment:"), 0);
+      ASSERT_LT(ring.find("# End of header.\n"), begin);
+      ASSERT_EQ(ring.compare(begin - 29, 29, "### Begin of RingBuffer. ###\n"), 0);
+      ASSERT_NE(ring.find(newest + "\n## TRACE-END ##\n", begin), std::string::npos) << newest;
+    };
+    for (int entry = 0; entry < entries; ++entry) {
+      const size_t kind = random() % 1000;
+      const size_t length = kind < 2 ? random() % text.size() : kind < 30 ? random() % 2000 : random() % 150;
+      const size_t from = random() % (text.size() - length);
+      if (kind % 7 == 0) {
+        Debug.PrintAlways("%*d %.3f %.*s", static_cast<int>(kind), entry, static_cast<double>(kind) / 7,
+                          static_cast<int>(length), text.data() + from);
+      } else {
+        Debug.Print(static_cast<unsigned int>(kind % 5), "%.*s", static_cast<int>(length), text.data() + from);
+      }
+      if (entry % 5000 == 0) {
+        const std::string newest = "newest entry " + std::to_string(entry);
+        Debug.Print(1, "%s", newest.c_str());
+        ASSERT_NO_FATAL_FAILURE(check(newest));
+      }
+    }
+    Figure("%d random entries: header intact, newest entry before the marker, nothing behind the end", entries);
+  });
+}
+
+TEST(Prove, RingReader) {
+  const TraceRoot root;
+  root.ConfigureRing("1");
+  root.Run([] {
+    ASSERT_TRUE(Debug.Init("ravd"));
+    Debug.SetApplInitDone();
+    std::atomic<int> written = 0;
+    std::atomic<bool> stop = false;
+    std::thread writer([&] {
+      std::mt19937 random(2);
+      for (int number = 1; !stop; ++number) {
+        const int length = static_cast<int>(random() % 150);
+        const std::string fill(static_cast<size_t>(length), static_cast<char>('a' + number % 26));
+        Debug.Print(1, " entry %d %d %s#%d", number, length, fill.c_str(), number);
+        written = number;
+        if (number % 16 == 0) ::usleep(50);
+      }
+    });
+    const int snapshots = Rounds(10000, 500);
+    std::mt19937 random(3);
+    size_t required = 0;
+    for (int snapshot = 0; snapshot < snapshots && !testing::Test::HasFailure(); ++snapshot) {
+      const int before = written;
+      std::string ring = ReadWholeFile(TraceRoot::kRunTimeRing);
+      const int after = written;
+      const std::map<int, size_t> whole = WholeEntries(ring);
+      // 1 MiB holds more than 4,000 entries of up to 220 bytes; what was overwritten while reading is gone.
+      for (int number = std::max(1, after - 4000); number <= before; ++number, ++required)
+        ASSERT_TRUE(whole.contains(number)) << number << " of " << before << " to " << after;
+      ring.resize(random() % ring.size());
+      const std::map<int, size_t> cut = WholeEntries(ring);
+      for (const auto& [number, end] : whole)
+        ASSERT_EQ(cut.contains(number), end < ring.size()) << number;
+    }
+    stop = true;
+    writer.join();
+    EXPECT_GT(required, static_cast<size_t>(snapshots));
+    Figure("%d snapshots and cuts of a live ring: all %zu complete entries found", snapshots, required);
+  });
+}
+
+TEST(Prove, TextSafety) {
+  static constexpr const char* kNasty[] = {"%n%n%s%s",     "\033[2J\033]0;x\007", "two\nlines", "%*.*d%99999999d",
+                                           "\xff\xfe\x80", "## TRACE-END ##\n",   "%1$n"};
+  const TraceRoot root;
+  root.ConfigureRing("1");
+  root.Run([] {
+    int texts = 0;
+    for (const char* nasty : kNasty) {
+      ::setenv("QN_NICKNAME", nasty, 1);
+      ::setenv("AgentShut", nasty, 1);
+      ::setenv("QN_LOG_NOHDR_TOSDTERR", "0", 1);
+      char* argv[] = {const_cast<char*>(nasty)};
+      Debug.SetMainParams(1, argv);
+      ASSERT_TRUE(Debug.Init("ravd"));
+      Debug.PrintAlways(0, "outside: %s", nasty);
+      const std::string argument = std::string("argv[0] = \"") + nasty + "\"\n";
+      for (const char* path : {TraceRoot::kLog, TraceRoot::kStartUpRing}) {
+        const std::string file = ReadWholeFile(path);
+        const std::string end = std::string(nasty) + (std::string(nasty).ends_with("\n") ? "" : "\n");
+        for (const std::string& text : {argument, "QN_NICKNAME=" + end, "AgentShut=" + end, "outside: " + end}) {
+          EXPECT_NE(file.find(text), std::string::npos) << path << ": " << text;
+          ++texts;
+        }
+      }
+    }
+    Figure("%d hostile texts from command line, environment and callers printed as text", texts);
+  });
+}
