@@ -1,12 +1,12 @@
 #include "ravctl/trace/trace_file.h"
 
-#include <archive.h>
-#include <archive_entry.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <zlib.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 
@@ -25,8 +25,20 @@ constexpr size_t kLargestTrace = size_t{8} << 30;  // bytes unpacked; a packed f
 constexpr size_t kFirstBlock = size_t{4} << 20;
 constexpr std::string_view kGzipMagic = "\x1f\x8b";
 
-struct ArchiveDeleter {
-  void operator()(archive* reader) const { archive_read_free(reader); }
+// The state of an unpacking.
+class Inflater {
+ public:
+  Inflater() { m_IsGood = inflateInit2(&m_Stream, 16 + MAX_WBITS) == Z_OK; }
+  ~Inflater() { inflateEnd(&m_Stream); }
+  Inflater(const Inflater&) = delete;
+  Inflater& operator=(const Inflater&) = delete;
+
+  bool IsGood() const { return m_IsGood; }
+  z_stream& Stream() { return m_Stream; }
+
+ private:
+  z_stream m_Stream{};
+  bool m_IsGood = false;
 };
 
 bool Exists(const std::string& path) {
@@ -66,34 +78,42 @@ void TraceFile::ReadPlain(int fd, size_t size) {
   }
 }
 
+void TraceFile::Grow(size_t& room) {
+  auto larger = std::make_unique_for_overwrite<char[]>(room * 2);
+  std::memcpy(larger.get(), m_Bytes.get(), m_Size);
+  m_Bytes = std::move(larger);
+  room *= 2;
+}
+
+// With the compression library itself rather than an archive reader, which drops the last block of a cut file.
 void TraceFile::Unpack(int fd) {
-  const std::unique_ptr<archive, ArchiveDeleter> reader(archive_read_new());
-  archive_entry* entry = nullptr;
-  archive_read_support_filter_gzip(reader.get());
-  archive_read_support_format_raw(reader.get());
-  if (archive_read_open_fd(reader.get(), fd, 1 << 16) != ARCHIVE_OK ||
-      archive_read_next_header(reader.get(), &entry) != ARCHIVE_OK) {
-    const char* why = archive_error_string(reader.get());
-    throw CommandError(ExitCode::kInputDamaged, "cannot unpack the trace", m_Path, why != nullptr ? why : "");
-  }
+  Inflater inflater;
+  if (!inflater.IsGood()) throw std::bad_alloc();
+  z_stream& stream = inflater.Stream();
+  std::array<char, 1 << 16> packed{};
   size_t room = kFirstBlock;
   m_Bytes = std::make_unique_for_overwrite<char[]>(room);
-  for (;;) {
-    if (m_Size == room) {
-      room *= 2;
-      auto larger = std::make_unique_for_overwrite<char[]>(room);
-      std::memcpy(larger.get(), m_Bytes.get(), m_Size);
-      m_Bytes = std::move(larger);
-    }
-    const la_ssize_t got =
-        archive_read_data(reader.get(), m_Bytes.get() + m_Size, std::min(room - m_Size, kFirstBlock));
-    if (got == 0) return;
-    if (got < 0) {
-      const char* why = archive_error_string(reader.get());
-      m_Damage = why != nullptr ? why : "damaged";
+  for (int result = Z_OK; result != Z_STREAM_END;) {
+    const ssize_t got = stream.avail_in == 0 ? ReadSome(fd, packed.data(), packed.size()) : 1;
+    if (got < 0) throw SystemFailure("cannot read the trace", m_Path, errno);
+    if (got == 0) {
+      m_Damage = "its end is missing";
       return;
     }
-    m_Size += static_cast<size_t>(got);
+    if (stream.avail_in == 0) {
+      stream.next_in = reinterpret_cast<Bytef*>(packed.data());
+      stream.avail_in = static_cast<uInt>(got);
+    }
+    if (m_Size == room) Grow(room);
+    const auto free = static_cast<uInt>(std::min(room - m_Size, kFirstBlock));
+    stream.next_out = reinterpret_cast<Bytef*>(m_Bytes.get() + m_Size);
+    stream.avail_out = free;
+    result = inflate(&stream, Z_NO_FLUSH);
+    m_Size += free - stream.avail_out;
+    if (result != Z_OK && result != Z_STREAM_END && result != Z_BUF_ERROR) {
+      m_Damage = stream.msg != nullptr ? stream.msg : "damaged";
+      return;
+    }
     if (m_Size > kLargestTrace) throw CommandError(ExitCode::kInputDamaged, "larger than a trace can be", m_Path, "");
   }
 }

@@ -29,6 +29,7 @@ class TraceFile {
  private:
   void ReadPlain(int fd, size_t size);
   void Unpack(int fd);
+  void Grow(size_t& room);
 
   std::string m_Path;
   std::unique_ptr<char[]> m_Bytes;
