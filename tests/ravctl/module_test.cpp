@@ -1,0 +1,156 @@
+// The module commands on the example switch, and the tool beside a running daemon.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <filesystem>
+
+#include "ravctl/commands/all_commands.h"
+#include "ravctl/core/command.h"
+#include "ravctl/ravctl_runner.h"
+
+using ::testing::HasSubstr;
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class SwitchRoot : public ToolRoot {
+ public:
+  SwitchRoot() {
+    MakeDirectory("/switch");
+    const fs::path library(EXAMPLE_SWITCH_LIBRARY);
+    fs::copy(library.parent_path(), HostPath("/switch"),
+             fs::copy_options::recursive | fs::copy_options::overwrite_existing);
+    fs::copy_file(RAVD_BINARY, HostPath("/ravd"));
+  }
+};
+
+const nlohmann::json& Find(const nlohmann::json& rows, const char* check) {
+  static const nlohmann::json none = {{"finding", ""}, {"good", nullptr}};
+  for (const nlohmann::json& row : rows) {
+    if (row["check"] == check) return row;
+  }
+  return none;
+}
+
+}  // namespace
+
+TEST(ModuleCheck, InterfaceAndWriters) {
+  const SwitchRoot machine;
+  nlohmann::json rows = machine.Json({"module", "check", "/switch/libswitch.so"}, 0)["data"];
+  EXPECT_EQ(Find(rows, "SW_QueryInterface")["finding"], "exported");
+  EXPECT_EQ(Find(rows, "interface")["good"], true);
+  fs::permissions(machine.HostPath("/switch"), fs::perms::all);
+  rows = machine.Json({"module", "check", "--no-load", "/switch/libswitch.so"}, 1)["data"];
+  EXPECT_EQ(Find(rows, "writable")["finding"], "/switch by everybody");
+  EXPECT_EQ(Find(rows, "interface")["good"], nullptr);
+
+  // A module is no switch; other files are no libraries, cut ones included.
+  rows = machine.Json({"module", "check", "/switch/modules/heartbeat.so"}, 1)["data"];
+  EXPECT_EQ(Find(rows, "SW_QueryInterface")["good"], false);
+  machine.WriteFile("/text.so", "text");
+  EXPECT_EQ(machine.Ravctl({"module", "check", "/text.so"}).status, 5);
+  EXPECT_EQ(machine.Ravctl({"module", "check", "/none.so"}).status, 4);
+  const std::string library = machine.ReadFile("/switch/libswitch.so");
+  for (size_t length = 16; length < library.size(); length += library.size() / 23) {
+    machine.WriteFile("/cut.so", library.substr(0, length));
+    const ToolResult result = machine.Ravctl({"module", "check", "/cut.so"});
+    EXPECT_TRUE(result.status == 1 || result.status == 5) << length << ": " << result.status << result.err;
+  }
+}
+
+TEST(ModuleRun, StepsAndTrace) {
+  const SwitchRoot machine;
+  const nlohmann::json run = machine.Json({"module", "run", "/switch/libswitch.so", "-s", "1"})["data"];
+  EXPECT_EQ(run["steps"].size(), 8U);
+  EXPECT_THAT(run["trace"].dump(), HasSubstr("Heartbeat           : beat 1"));
+  const ToolResult killed = machine.Ravctl({"module", "run", "/switch/libswitch.so", "-s", "60", "--timeout", "1"});
+  EXPECT_EQ(killed.status, 1);
+  EXPECT_THAT(killed.out, HasSubstr("ok   modules started\nFAIL killed: not done after 1 s\n"));
+  EXPECT_THAT(killed.out, HasSubstr("heartbeat.so started"));
+  EXPECT_EQ(machine.Json({"module", "run", "/ravctl"}, 1)["data"]["good"], false);
+}
+
+TEST(RunningDaemon, StatusToggleAndTrace) {
+  const SwitchRoot machine;
+  machine.MakeDirectory("/var/run");
+  machine.MakeDirectory("/var/log/pelrix");
+  machine.Run(
+      [] {
+        const pid_t daemon = ::fork();
+        if (daemon == 0) {
+          for (const char* variable : {"LD_LIBRARY_PATH=/switch", "QN_LOG_DEBUG_LEVEL=5", "TraceFileLimit=1",
+                                       "QN_LOG_RINGBUF_WEIGHT=1", "QN_LOG_RINGBUF_DIR=/var/log/pelrix"})
+            ::putenv(const_cast<char*>(variable));
+          ::execl("/ravd", "ravd", "-n", nullptr);
+          ::_exit(127);
+        }
+        for (int tries = 0; tries < 1000 && ::access("/var/log/pelrix/log.ravd_a", F_OK) != 0; ++tries)
+          ::usleep(10000);
+        ::usleep(300000);
+        const auto run = [](const std::vector<std::string>& arguments, const std::string& name) {
+          int status = 0;
+          ::waitpid(StartRavctl(arguments, "/" + name), &status, 0);
+          EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << ReadWholeFile("/" + name + ".err");
+        };
+        run({"daemon", "status", "--json"}, "status");
+        run({"trace", "toggle", "--json"}, "off");
+        run({"trace", "toggle", "--json"}, "on");
+        run({"trace", "config", "--json"}, "config");
+        run({"trace", "show", "-g", "Start all modules"}, "show");
+        ::kill(daemon, SIGTERM);
+        ::waitpid(daemon, nullptr, 0);
+      },
+      FixtureRoot::kUsr | FixtureRoot::kProc);
+  const auto parse = [&machine](const char* path) {
+    nlohmann::json object = nlohmann::json::parse(machine.ReadFile(path), nullptr, false);
+    ExpectValid(object);
+    return object["data"];
+  };
+  EXPECT_EQ(parse("/status")["running"], true);
+  EXPECT_EQ(parse("/status")["executable"].is_string(), true);
+  EXPECT_EQ(parse("/off")["tracing"], false);
+  EXPECT_EQ(parse("/on")["tracing"], true);
+  EXPECT_EQ(parse("/config")["environment"], "process " + parse("/status")["pid"].dump());
+  EXPECT_EQ(parse("/config")["tracing"], true);
+  EXPECT_THAT(machine.ReadFile("/show"), HasSubstr("RAVD-MAIN: Start all modules  ...\n"));
+}
+
+// The help, the manual page and the completion are made from one table; this walks it.
+TEST(ShellTexts, NoCommandAndNoOptionIsMissing) {
+  const ToolRoot machine;
+  const std::string completion = machine.Ravctl({"completion"}).out;
+  const std::string manual = machine.Ravctl({"man"}).out;
+  CLI::App root;
+  ravctl::RegisterAllCommands(root);
+  size_t options = 0;
+  const std::function<void(const CLI::App&)> check = [&](const CLI::App& command) {
+    const std::string name = ravctl::FullName(command);
+    EXPECT_THAT(completion, HasSubstr("\"" + name + "\") words=\""));
+    const size_t words = completion.find("\"" + name + "\") words=\"");
+    const std::string line = " " + completion.substr(words, completion.find('\n', words) - words);
+    const size_t section = manual.find(".SS ravctl " + name + "\n");
+    const std::string page = manual.substr(std::min(section, manual.size()));
+    for (const CLI::Option* option : command.get_options()) {
+      for (const std::string& longName : option->get_lnames()) {
+        ++options;
+        EXPECT_THAT(line, HasSubstr("--" + longName)) << name;
+        std::string roff = "--" + longName;
+        for (size_t dash = roff.find('-'); dash != std::string::npos; dash = roff.find('-', dash + 2))
+          roff.insert(dash, "\\");
+        if (ravctl::RunFunctionOf(command) != nullptr) {
+          EXPECT_THAT(page.substr(0, page.find(".SS", 4)), HasSubstr(roff)) << name;
+        }
+      }
+    }
+    for (const CLI::App* below : command.get_subcommands([](const CLI::App*) { return true; }))
+      check(*below);
+  };
+  check(root);
+  EXPECT_GT(options, 40U);
+}

@@ -1,0 +1,365 @@
+// The trace commands on files that the trace object wrote, and on what crashes and cuts leave of them.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <fstream>
+
+#include "ravctl/ravctl_runner.h"
+#include "ravctl/trace/trace_entry.h"
+#include "ravctl/trace/trace_layout.h"
+#include "trace/debug.h"
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+namespace {
+
+constexpr const char* kDirectory = "/var/log/pelrix";
+constexpr const char* kRing = "/var/log/pelrix/log.ravd_a";
+constexpr size_t kRingSize = 1 << 20;
+
+void SetTraceVariables(bool hasRing) {
+  ::setenv("QN_LOG_RINGBUF_DIR", kDirectory, 1);
+  ::setenv("QN_LOG_DEBUG_LEVEL", hasRing ? "5" : "0", 1);
+  ::setenv("TraceFileLimit", "1", 1);
+  ::setenv("QN_LOG_RINGBUF_WEIGHT", "1", 1);
+}
+
+// A machine on which an application "ravd" traced that many numbered entries after its start-up.
+class TraceRoot : public ToolRoot {
+ public:
+  explicit TraceRoot(int entries, bool hasRing = true) {
+    MakeDirectory(kDirectory);
+    Run(
+        [=] {
+          SetTraceVariables(hasRing);
+          CDebug debug("ravd");
+          debug.PrintAlways("\nExample : starting");
+          debug.SetApplInitDone();
+          for (int number = 0; number < entries; ++number) {
+            debug.PrintAlways("\nExample : number %d %s", number,
+                              std::string(static_cast<size_t>(number % 7), 'x').c_str());
+            // A log file tells its newest entry by the times alone.
+            if (!hasRing && number % 100 == 0) ::usleep(1500);
+          }
+        },
+        kUsr);
+  }
+};
+
+// The numbers of the entries that the layout of the content finds, in its order.
+std::vector<int> Numbers(std::string_view content) {
+  std::vector<int> numbers;
+  for (const std::string_view part : ravctl::FindLayout(content).parts) {
+    ravctl::ForEachEntry(part, [&numbers](std::string_view whole) {
+      const size_t at = whole.find("number ");
+      if (at != std::string_view::npos) numbers.push_back(std::atoi(whole.data() + at + 7));
+      return true;
+    });
+  }
+  return numbers;
+}
+
+void ExpectCountsUpTo(const std::vector<int>& numbers, int last) {
+  ASSERT_FALSE(numbers.empty());
+  EXPECT_EQ(numbers.back(), last);
+  for (size_t index = 1; index < numbers.size(); ++index)
+    ASSERT_EQ(numbers[index], numbers[index - 1] + 1);
+}
+
+std::string Line(const char* second, const std::string& text) {
+  return std::string("2026-01-02 03:04:") + second + ".000 [0000ABCD] ravd          " + text + "\n";
+}
+
+}  // namespace
+
+TEST(TraceEntry, IsTakenApart) {
+  const auto parse = [](const char* line) { return ravctl::ParseEntry(line); };
+  ravctl::TraceEntry entry = parse("2024-05-06 10:11:12.345 [1A2B3C40]    10244 KB !ravd          RAVD-MAIN: Load\n");
+  EXPECT_EQ(entry.thread, "1A2B3C40");
+  EXPECT_EQ(entry.memoryKb, 10244U);
+  EXPECT_EQ(entry.tag, "ravd");
+  EXPECT_EQ(entry.text, "RAVD-MAIN: Load");
+  entry = parse("2024-05-06 10:11:12.345 [1A2B3C40] a-rather-long-tag 5 KB !x\nmore\n");
+  EXPECT_EQ(entry.memoryKb, std::nullopt);
+  EXPECT_EQ(entry.tag, "a-rather-long-tag");
+  EXPECT_EQ(entry.text, "5 KB !x\nmore");
+  entry = parse("2024-05-06 10:11:12.345 [1A2B3C40] ravd\n");
+  EXPECT_EQ(entry.tag, "ravd");
+  EXPECT_EQ(entry.text, "");
+}
+
+TEST(TraceLayout, OrderOverWraps) {
+  // No wrap, one, and several; the last entry exactly at the end of the buffer among them.
+  for (const int entries : {0, 1, 4000, 9000, 25000}) {
+    const TraceRoot machine(entries);
+    const std::string ring = machine.ReadFile(kRing);
+    const ravctl::TraceLayout layout = ravctl::FindLayout(ring);
+    EXPECT_TRUE(layout.hasHeaderEnd);
+    EXPECT_EQ(layout.hasWrapped, entries > 10000) << entries;
+    ASSERT_TRUE(layout.marker.has_value());
+    if (entries > 0) ExpectCountsUpTo(Numbers(ring), entries - 1);
+    if (entries == 4000) {
+      EXPECT_EQ(Numbers(ring).size(), 4000U);
+    }
+  }
+}
+
+TEST(TraceLayout, CutAnywhereKeepsEveryCompleteEntry) {
+  for (const int entries : {3000, 25000}) {
+    const TraceRoot machine(entries);
+    const std::string ring = machine.ReadFile(kRing);
+    const size_t begin = ravctl::FindLayout(ring).wrapOffset;
+    for (size_t length = 0; length <= kRingSize; length += 9973) {
+      const std::string_view cut = std::string_view(ring).substr(0, length);
+      // What stands completely in the piece, found another way.
+      size_t expected = 0;
+      for (size_t at = cut.find(" number ", begin); at != std::string_view::npos; at = cut.find(" number ", at + 1)) {
+        const size_t start = cut.rfind('\n', at);
+        const bool isEntry = start != std::string_view::npos && ravctl::StartsEntry(cut.substr(start + 1));
+        if (isEntry && cut.find('\n', at) != std::string_view::npos) ++expected;
+      }
+      ASSERT_EQ(Numbers(cut).size(), expected) << entries << " entries, cut to " << length;
+      // Without its front too: what is left is found, in order within each cycle.
+      Numbers(std::string_view(ring).substr(length));
+    }
+  }
+}
+
+TEST(TraceLayout, CrashWithinAnEntry) {
+  const TraceRoot machine(25000);
+  std::string ring = machine.ReadFile(kRing);
+  const size_t marker = *ravctl::FindLayout(ring).marker;
+  const std::vector<int> whole = Numbers(ring);
+  // Killed between an entry and its marker: the entry overwrites the marker and tears an older one.
+  const std::string entry = ring.substr(ring.rfind('\n', marker - 2) + 1, marker - ring.rfind('\n', marker - 2) - 1);
+  std::string time = entry.substr(0, 23);
+  ring.replace(marker, entry.size(), entry.substr(0, entry.find("number ")) + "number 25000 \n");
+  const std::vector<int> after = Numbers(ring);
+  EXPECT_EQ(after.back(), 25000);
+  EXPECT_NEAR(static_cast<double>(after.size()), static_cast<double>(whole.size()), 2.0);
+}
+
+TEST(TraceLayout, TextThatLooksLikeTheMarker) {
+  std::string ring = Line("01", "### Begin of RingBuffer. ###") + Line("02", "a\n## TRACE-END ##") + Line("03", "b");
+  ring += "## TRACE-END ##\nremains\n" + Line("00", "old") + "....";
+  std::vector<std::string> texts;
+  for (const std::string_view part : ravctl::FindLayout(ring).parts) {
+    ravctl::ForEachEntry(part, [&texts](std::string_view whole) {
+      texts.emplace_back(ravctl::ParseEntry(whole).text);
+      return true;
+    });
+  }
+  EXPECT_THAT(texts, ElementsAre("old", "a\n## TRACE-END ##", "b"));
+}
+
+TEST(TraceLayout, LogFileOverItsWraps) {
+  for (const int entries : {100, 1500, 4000}) {
+    const TraceRoot machine(entries, false);
+    const std::string log = machine.ReadFile("/var/log/pelrix/log.ravd");
+    ExpectCountsUpTo(Numbers(log), entries - 1);
+    EXPECT_THAT(machine.Ravctl({"trace", "show", "-d", kDirectory}).out, HasSubstr("Example : starting\n"));
+  }
+}
+
+TEST(TraceShow, FiltersAndTheirNegations) {
+  const ToolRoot machine;
+  const std::string file = Line("01", "one ERROR") + Line("02", "two\x1b[2J") +
+                           "2026-01-02 03:04:03.500 [00001234] other         Three\nfour\n" + Line("59", "five");
+  machine.WriteFile("/t/log.x", file);
+  struct Row {
+    std::vector<std::string> arguments;
+    const char* texts;  // of the entries, each with a bar behind it
+  };
+  const Row rows[] = {
+      {{}, "one ERROR|two\x1b[2J|Three\nfour|five|"},
+      {{"-n", "2"}, "Three\nfour|five|"},
+      {{"-g", "ERROR", "-g", "five"}, "one ERROR|five|"},
+      {{"--not-text", "ERROR"}, "two\x1b[2J|Three\nfour|five|"},
+      {{"-i", "-g", "three"}, "Three\nfour|"},
+      {{"--tag", "other"}, "Three\nfour|"},
+      {{"--not-tag", "other", "-n", "1"}, "five|"},
+      {{"-t", "abcd", "--until", "03:04:02"}, "one ERROR|two\x1b[2J|"},
+      {{"--not-thread", "0x0000ABCD"}, "Three\nfour|"},
+      {{"--since", "2026-01-02 03:04:02", "--until", "2026-01-02T03:04:03"}, "two\x1b[2J|Three\nfour|"},
+      {{"--not-time", "03:04:02..03:04:10"}, "one ERROR|five|"},
+  };
+  for (const Row& row : rows) {
+    std::vector<std::string> arguments = {"trace", "show", "/t/log.x"};
+    arguments.insert(arguments.end(), row.arguments.begin(), row.arguments.end());
+    std::string texts;
+    const nlohmann::json answer = machine.Json(arguments);
+    for (const nlohmann::json& entry : answer["data"])
+      texts += entry["text"].get<std::string>() + "|";
+    EXPECT_EQ(texts, row.texts) << ::testing::PrintToString(row.arguments);
+  }
+  EXPECT_EQ(machine.Ravctl({"trace", "show", "/t/log.x", "-o", "tag,text", "-n", "3"}).out,
+            "TAG           TEXT\nravd          two\\x1b[2J\nother         Three\\x0afour\nravd          five\n");
+  EXPECT_THAT(machine.Ravctl({"trace", "show", "/t/log.x"}).out, HasSubstr("two\\x1b[2J\n"));
+  EXPECT_EQ(machine.Json({"trace", "show", "/t/log.x", "-g", "nothing"}, 1)["data"].size(), 0U);
+}
+
+TEST(TraceShow, PackedStartUpAndDamage) {
+  const TraceRoot machine(10);
+  const char* packed = "/var/log/pelrix/log.ravd_i.gz";
+  const nlohmann::json all = machine.Json({"trace", "show", "-d", kDirectory});
+  ASSERT_GT(all["data"].size(), 13U);  // both rings
+  EXPECT_EQ(all["data"][0]["text"], "### Start of initialization. ###");
+  EXPECT_EQ(machine.Json({"trace", "show", packed})["data"][1]["text"], "Example : starting");
+  EXPECT_EQ(machine.Json({"trace", "verify", "-d", kDirectory})["data"][0]["good"], true);
+  EXPECT_EQ(machine.Json({"trace", "stats", "-d", kDirectory, "-p", "run"})["data"][0]["entries"], 11);
+  bool hasDirectory = false;
+  const nlohmann::json header = machine.Json({"trace", "header", "-d", kDirectory});
+  for (const nlohmann::json& row : header["data"])
+    hasDirectory = hasDirectory || (row["name"] == "Ring Buffer Directory" && row["value"] == kDirectory);
+  EXPECT_TRUE(hasDirectory);
+
+  machine.WriteFile(packed, machine.ReadFile(packed).substr(0, machine.ReadFile(packed).size() / 2));
+  const nlohmann::json cut = machine.Json({"trace", "show", packed}, 5);
+  ASSERT_GT(cut["data"].size(), 1U);
+  EXPECT_EQ(cut["data"][1]["text"], "Example : starting");
+  EXPECT_EQ(cut["warnings"].size(), 1U);
+  machine.WriteFile(kRing, machine.ReadFile(kRing).substr(0, 20000));
+  machine.Json({"trace", "verify", kRing}, 5);
+}
+
+TEST(TraceCommands, FaultsAreOneLineWithTheirStatus) {
+  struct Row {
+    std::vector<std::string> arguments;
+    int status;
+    const char* line;
+  };
+  const Row rows[] = {
+      {{"show", "/none"},
+       4,
+       "ravctl: trace show: cannot open the trace: /none: No such file or directory (check the path)\n"},
+      {{"show", "/tmp"}, 4, "ravctl: trace show: not a regular file: /tmp (name a trace file or an application)\n"},
+      {{"show", "mytool"},
+       4,
+       "ravctl: trace show: cannot look into: /var/log/pelrix: No such file or directory (check the path)\n"},
+      {{"show", "/t", "-t", "xyz"},
+       2,
+       "ravctl: trace show: not a thread: xyz (give its up to eight hexadecimal digits: 1A2B3C40)\n"},
+      {{"show", "/t", "--since", "noon"},
+       2,
+       "ravctl: trace show: not a time: noon (give 2024-05-06 10:11:12, 10:11, or 5m for 5 minutes ago)\n"},
+      {{"show", "/t", "-o", "txt"},
+       2,
+       "ravctl: trace show: no such column: txt (known: time, thread, memory, tag, text)\n"},
+      {{"toggle"}, 6, "ravctl: trace toggle: the daemon does not run: /var/run/ravd.pid (start it first)\n"},
+      {{"level", "9"}, 2, "ravctl: LEVEL: Value 9 not in range 0 to 6: trace level (see ravctl trace level --help)\n"},
+      {{"shw"}, 2, "ravctl: unknown command: shw (did you mean show?)\n"},
+  };
+  const ToolRoot machine;
+  machine.WriteFile("/t", Line("01", "one"));
+  for (Row row : rows) {
+    row.arguments.insert(row.arguments.begin(), "trace");
+    const ToolResult result = machine.Ravctl(row.arguments);
+    EXPECT_EQ(result.err, row.line);
+    EXPECT_EQ(result.status, row.status) << row.line;
+    EXPECT_EQ(result.out, "") << row.line;
+  }
+}
+
+TEST(TraceConfig, ValueSourceAndIgnoredFiles) {
+  const ToolRoot machine;
+  const std::string directory = "/etc/norrow/QuennetSuite/TraceConfig/";
+  machine.WriteFile(directory + "a.ini", "[ravd]\nFileDebugLevel=3\n");  // no end
+  machine.WriteFile(directory + "b.ini", "[RAVD]\nFileDebugLevel = 0x4\nRingBufferSizeFactor=7\n[EndOfFile]\n");
+  machine.WriteFile(directory + "c.ini", "[ravd]\nFileDebugLevel=5\n[EndOfFile]\n");
+  const auto setting = [](const nlohmann::json& answer, const char* name) {
+    for (const nlohmann::json& row : answer["data"]["settings"]) {
+      if (row["name"] == name) return row;
+    }
+    return nlohmann::json();
+  };
+  nlohmann::json answer = machine.Json({"trace", "config"}, 0, {"QN_LOG_RINGBUF_WEIGHT=2", "QN_LOG_FILE_MAX_SIZE=1"});
+  EXPECT_EQ(setting(answer, "level")["value"], "4");
+  EXPECT_EQ(setting(answer, "level")["from"], directory + "b.ini: FileDebugLevel");
+  EXPECT_EQ(setting(answer, "ring_buffer_factor")["comment"], "counts as 2");
+  EXPECT_EQ(setting(answer, "ring_buffer_weight")["source"], "environment");
+  EXPECT_EQ(setting(answer, "ring_buffer_size")["value"], "4194304");
+  EXPECT_EQ(setting(answer, "directory")["source"], "default");
+  EXPECT_EQ(answer["data"]["tracing"], true);
+  EXPECT_EQ(answer["data"]["files"][0]["reason"], "its last bracketed name is not [EndOfFile]");
+  EXPECT_EQ(answer["data"]["files"][2]["reason"], "b.ini comes first");
+
+  EXPECT_EQ(machine.Json({"trace", "level", "6"})["data"]["effective_level"], 6);
+  EXPECT_EQ(machine.ReadFile(directory + "b.ini"), "[RAVD]\nFileDebugLevel = 6\nRingBufferSizeFactor=7\n[EndOfFile]\n");
+  EXPECT_EQ(machine.Json({"trace", "level", "2", "--app", "tool"})["data"]["effective_level"], 2);
+  EXPECT_EQ(machine.ReadFile(directory + "tool_trace.ini"), "[tool]\nFileDebugLevel=2\n\n[EndOfFile]\n");
+}
+
+TEST(TraceFollow, LivingRingOverWrapsAndRestarts) {
+  const ToolRoot machine;
+  machine.MakeDirectory(kDirectory);
+  machine.Run(
+      [] {
+        const pid_t follower = StartRavctl({"trace", "follow", "-n", "0", "-d", kDirectory}, "/out");
+        for (int run = 0; run < 2; ++run) {
+          const pid_t writer = ::fork();
+          if (writer == 0) {
+            SetTraceVariables(true);
+            CDebug debug("ravd");
+            debug.SetApplInitDone();
+            // Two wraps and more, in bursts.
+            for (int number = 0; number < 24000; ++number) {
+              debug.Print(1, "number %d", number);
+              if (number % 500 == 0) ::usleep(40000);
+            }
+            ::usleep(700000);
+            ::_exit(0);
+          }
+          ::waitpid(writer, nullptr, 0);
+        }
+        ::kill(follower, SIGTERM);
+        ::waitpid(follower, nullptr, 0);
+      },
+      FixtureRoot::kUsr);
+  std::vector<int> numbers;
+  std::ifstream lines(machine.HostPath("/out"));
+  for (std::string line; std::getline(lines, line);) {
+    const size_t at = line.find("number ");
+    if (at != std::string::npos) numbers.push_back(std::atoi(line.c_str() + at + 7));
+  }
+  ASSERT_EQ(numbers.size(), 48000U) << machine.ReadFile("/out.err");
+  for (size_t index = 0; index < numbers.size(); ++index)
+    ASSERT_EQ(numbers[index], static_cast<int>(index % 24000));
+}
+
+TEST(TraceFollow, EndsWithTheProcessAndItsLastWords) {
+  const ToolRoot machine;
+  machine.MakeDirectory(kDirectory);
+  machine.Run(
+      [] {
+        int gate[2];
+        ASSERT_EQ(::pipe(gate), 0);
+        const pid_t writer = ::fork();
+        if (writer == 0) {
+          SetTraceVariables(false);
+          CDebug debug("ravd");
+          char go = 0;
+          if (::read(gate[0], &go, 1) != 1) ::_exit(1);
+          debug.PrintAlways("last words");
+          ::_exit(0);
+        }
+        const pid_t follower = StartRavctl(
+            {"trace", "follow", "-d", kDirectory, "-p", "log", "--json", "--pid", std::to_string(writer)}, "/out");
+        ::usleep(200000);
+        ASSERT_EQ(::write(gate[1], "x", 1), 1);
+        ::waitpid(writer, nullptr, 0);
+        int status = 0;
+        ::waitpid(follower, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+      },
+      FixtureRoot::kUsr);
+  const nlohmann::json line = nlohmann::json::parse(machine.ReadFile("/out"), nullptr, false);
+  ASSERT_FALSE(line.is_discarded()) << machine.ReadFile("/out");
+  ExpectValid(line);
+  EXPECT_EQ(line["data"]["text"], "last words");
+}

@@ -1,0 +1,31 @@
+#include "ravctl/commands/all_commands.h"
+
+#include <array>
+
+#include "ravctl/commands/daemon_status.h"
+#include "ravctl/commands/doctor.h"
+#include "ravctl/commands/module.h"
+#include "ravctl/commands/shell_texts.h"
+#include "ravctl/commands/trace.h"
+
+namespace ravctl {
+
+namespace {
+
+// One line a command; the help shows them in this order.
+constexpr auto kCommands = std::to_array<void (*)(CLI::App&)>({
+    RegisterTrace,   //
+    RegisterDaemon,  //
+    RegisterModule,  //
+    RegisterDoctor,  //
+    RegisterShellTexts,
+});
+
+}  // namespace
+
+void RegisterAllCommands(CLI::App& root) {
+  for (const auto& registerCommand : kCommands)
+    registerCommand(root);
+}
+
+}  // namespace ravctl

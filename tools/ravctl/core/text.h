@@ -1,0 +1,33 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace ravctl {
+
+// Text from outside made fit for a terminal: control characters (those of 8 bits too), DEL and bytes that are no UTF-8
+// are shown as \xNN, byte by byte. Everything else stays as it is.
+//   "a\tb\x1b[0m" => "a\x09b\x1b[0m" (as visible characters)
+std::string Printable(std::string_view text);
+// Appends to out; for output that is written entry by entry.
+void AppendPrintable(std::string& out, std::string_view text);
+// Whether Printable would change nothing.
+bool IsPrintable(std::string_view text);
+
+// Text from outside made fit for a JSON string: bytes that are no UTF-8 become the visible characters \xNN; control
+// characters stay, JSON has its own way to write them.
+std::string ValidUtf8(std::string_view text);
+// Appends text as a JSON string with its quotes.
+void AppendJsonString(std::string& out, std::string_view text);
+
+// The candidate that a mistyped word most probably meant, empty when none is near.
+std::string NearestMatch(std::string_view word, const std::vector<std::string>& candidates);
+
+// "1536" => "1.5K"; powers of 1024.
+std::string HumanSize(unsigned long long bytes);
+
+// "a,b,,c" => {"a", "b", "c"}
+std::vector<std::string> SplitList(std::string_view text, char separator = ',');
+
+}  // namespace ravctl

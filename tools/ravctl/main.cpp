@@ -1,0 +1,5 @@
+#include "ravctl/core/tool.h"
+
+int main(int argc, char** argv) {
+  return ravctl::RunTool(argc, argv);
+}

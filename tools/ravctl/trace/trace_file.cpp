@@ -1,0 +1,175 @@
+#include "ravctl/trace/trace_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "platform/descriptor_io.h"
+#include "platform/unique_fd.h"
+#include "ravctl/core/command_error.h"
+#include "ravctl/core/output.h"
+#include "ravctl/trace/trace_entry.h"
+#include "ravctl/trace/trace_settings.h"
+
+namespace ravctl {
+
+namespace {
+
+constexpr size_t kLargestTrace = size_t{8} << 30;  // bytes unpacked; a packed file that holds more is none of ours
+constexpr size_t kFirstBlock = size_t{4} << 20;
+constexpr std::string_view kGzipMagic = "\x1f\x8b";
+
+// The state of an unpacking.
+class Inflater {
+ public:
+  Inflater() { m_IsGood = inflateInit2(&m_Stream, 16 + MAX_WBITS) == Z_OK; }
+  ~Inflater() { inflateEnd(&m_Stream); }
+  Inflater(const Inflater&) = delete;
+  Inflater& operator=(const Inflater&) = delete;
+
+  bool IsGood() const { return m_IsGood; }
+  z_stream& Stream() { return m_Stream; }
+
+ private:
+  z_stream m_Stream{};
+  bool m_IsGood = false;
+};
+
+bool Exists(const std::string& path) {
+  return ::access(path.c_str(), F_OK) == 0;
+}
+
+}  // namespace
+
+TraceFile::TraceFile(std::string path) : m_Path(std::move(path)) {
+  const UniqueFd file(::open(m_Path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (!file) throw SystemFailure("cannot open the trace", m_Path, errno);
+  struct stat info {};
+  if (::fstat(file.Get(), &info) != 0) throw SystemFailure("cannot read the trace", m_Path, errno);
+  if (!S_ISREG(info.st_mode)) {
+    throw CommandError(ExitCode::kInputMissing, "not a regular file", m_Path, "name a trace file or an application");
+  }
+  char magic[2] = {};
+  const ssize_t got = ::pread(file.Get(), magic, sizeof magic, 0);
+  if (got == 2 && std::string_view(magic, 2) == kGzipMagic) {
+    Unpack(file.Get());
+  } else {
+    ReadPlain(file.Get(), static_cast<size_t>(info.st_size));
+  }
+  m_Layout = FindLayout(Content());
+}
+
+void TraceFile::ReadPlain(int fd, size_t size) {
+  if (size > kLargestTrace) throw CommandError(ExitCode::kInputDamaged, "larger than a trace can be", m_Path, "");
+  m_Bytes = std::make_unique_for_overwrite<char[]>(size);
+  Progress progress("reading " + m_Path, size);
+  while (m_Size < size) {
+    const ssize_t got = ReadSome(fd, m_Bytes.get() + m_Size, std::min(size - m_Size, kFirstBlock * 4));
+    if (got < 0) throw SystemFailure("cannot read the trace", m_Path, errno);
+    if (got == 0) break;
+    m_Size += static_cast<size_t>(got);
+    progress.Update(m_Size);
+  }
+}
+
+void TraceFile::Grow(size_t& room) {
+  auto larger = std::make_unique_for_overwrite<char[]>(room * 2);
+  std::memcpy(larger.get(), m_Bytes.get(), m_Size);
+  m_Bytes = std::move(larger);
+  room *= 2;
+}
+
+// With the compression library itself rather than an archive reader, which drops the last block of a cut file.
+void TraceFile::Unpack(int fd) {
+  Inflater inflater;
+  if (!inflater.IsGood()) throw std::bad_alloc();
+  z_stream& stream = inflater.Stream();
+  std::array<char, 1 << 16> packed{};
+  size_t room = kFirstBlock;
+  m_Bytes = std::make_unique_for_overwrite<char[]>(room);
+  for (int result = Z_OK; result != Z_STREAM_END;) {
+    const ssize_t got = stream.avail_in == 0 ? ReadSome(fd, packed.data(), packed.size()) : 1;
+    if (got < 0) throw SystemFailure("cannot read the trace", m_Path, errno);
+    if (got == 0) {
+      m_Damage = "its end is missing";
+      return;
+    }
+    if (stream.avail_in == 0) {
+      stream.next_in = reinterpret_cast<Bytef*>(packed.data());
+      stream.avail_in = static_cast<uInt>(got);
+    }
+    if (m_Size == room) Grow(room);
+    const auto free = static_cast<uInt>(std::min(room - m_Size, kFirstBlock));
+    stream.next_out = reinterpret_cast<Bytef*>(m_Bytes.get() + m_Size);
+    stream.avail_out = free;
+    result = inflate(&stream, Z_NO_FLUSH);
+    m_Size += free - stream.avail_out;
+    if (result != Z_OK && result != Z_STREAM_END && result != Z_BUF_ERROR) {
+      m_Damage = stream.msg != nullptr ? stream.msg : "damaged";
+      return;
+    }
+    if (m_Size > kLargestTrace) throw CommandError(ExitCode::kInputDamaged, "larger than a trace can be", m_Path, "");
+  }
+}
+
+std::string_view TraceFile::FirstTime() const {
+  std::string_view time = m_Layout.beginLine.substr(0, kTimeLength);
+  if (time.empty()) {
+    ForEachEntry(Content(), [&time](std::string_view whole) {
+      time = whole.substr(0, kTimeLength);
+      return false;
+    });
+  }
+  return time;
+}
+
+TracePaths PathsOf(const std::string& directory, const std::string& application) {
+  std::string name = application;
+  std::ranges::transform(name, name.begin(), [](char letter) {
+    return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
+  });
+  const std::string log = directory + "/log." + name;
+  return {log, log + "_i", log + "_i.gz", log + "_a"};
+}
+
+bool IsPath(const TraceSource& source) {
+  return source.what.find('/') != std::string::npos || (source.what.starts_with("log.") && Exists(source.what));
+}
+
+std::string DirectoryOf(const TraceSource& source) {
+  if (!source.directory.empty()) return source.directory;
+  return TraceSettings(source.what).Directory();
+}
+
+std::vector<TraceFile> ReadTraceFiles(const TraceSource& source) {
+  std::vector<TraceFile> files;
+  if (IsPath(source)) {
+    files.emplace_back(source.what);
+    return files;
+  }
+  const std::string directory = DirectoryOf(source);
+  const TracePaths paths = PathsOf(directory, source.what);
+  const std::string start = Exists(paths.start) ? paths.start : paths.startPacked;
+  const bool wantsStart = source.part == TracePart::kRings || source.part == TracePart::kStart;
+  const bool wantsRun = source.part == TracePart::kRings || source.part == TracePart::kRun;
+  if (wantsStart && Exists(start)) files.emplace_back(start);
+  if (wantsRun && Exists(paths.run)) files.emplace_back(paths.run);
+  const bool wantsLog = source.part == TracePart::kLog || (source.part == TracePart::kRings && files.empty());
+  if (wantsLog && Exists(paths.log)) files.emplace_back(paths.log);
+  if (files.empty()) {
+    if (::access(directory.c_str(), X_OK) != 0) throw SystemFailure("cannot look into", directory, errno);
+    throw CommandError(ExitCode::kInputMissing, "no trace of " + source.what, directory,
+                       "ravctl trace config tells where it traces and whether it does");
+  }
+  // While the application starts, the run-time ring buffer is still that of its former run.
+  std::ranges::stable_sort(files, {}, [](const TraceFile& file) { return file.FirstTime(); });
+  return files;
+}
+
+}  // namespace ravctl

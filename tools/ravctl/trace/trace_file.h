@@ -1,0 +1,68 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ravctl/trace/trace_layout.h"
+
+namespace ravctl {
+
+// A trace file read into memory; a compressed one (.gz) is unpacked by its content, whatever its name is.
+//
+// It is read rather than mapped: a daemon that starts cuts the old file to nothing, and a mapping of it would take the
+// tool down. Large files cost their size in memory.
+class TraceFile {
+ public:
+  // Throws CommandError when the file cannot be opened or read, or is larger than a trace can be.
+  explicit TraceFile(std::string path);
+
+  const std::string& Path() const { return m_Path; }
+  std::string_view Content() const { return {m_Bytes.get(), m_Size}; }
+  const TraceLayout& Layout() const { return m_Layout; }
+  // What kept a compressed file from being unpacked to its end; empty when nothing did.
+  const std::string& Damage() const { return m_Damage; }
+  // "2024-05-06 10:11:12.345" of the first entry that stands in the file, header included; empty when there is none.
+  std::string_view FirstTime() const;
+
+ private:
+  void ReadPlain(int fd, size_t size);
+  void Unpack(int fd);
+  void Grow(size_t& room);
+
+  std::string m_Path;
+  std::unique_ptr<char[]> m_Bytes;
+  size_t m_Size = 0;
+  TraceLayout m_Layout;
+  std::string m_Damage;
+};
+
+// Which files of an application.
+enum class TracePart { kRings, kStart, kRun, kLog };
+
+// The files of an application, in its trace directory.
+struct TracePaths {
+  std::string log;          // log.<app>
+  std::string start;        // log.<app>_i
+  std::string startPacked;  // log.<app>_i.gz
+  std::string run;          // log.<app>_a
+};
+TracePaths PathsOf(const std::string& directory, const std::string& application);
+
+// What to read: a file by its path (what holds a '/', or names a file log.* here) or an application by its name.
+struct TraceSource {
+  std::string what = "ravd";
+  std::string directory;  // instead of the configured one when not empty
+  TracePart part = TracePart::kRings;
+};
+
+// The directory in which the source's application traces, as configured.
+std::string DirectoryOf(const TraceSource& source);
+bool IsPath(const TraceSource& source);
+
+// The files of the source, oldest first. For the rings of an application: its start-up and its run-time ring buffer,
+// and where there is neither, its log file. Throws CommandError when there is none or one cannot be read.
+std::vector<TraceFile> ReadTraceFiles(const TraceSource& source);
+
+}  // namespace ravctl

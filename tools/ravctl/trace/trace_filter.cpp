@@ -1,0 +1,135 @@
+#include "ravctl/trace/trace_filter.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <ctime>
+
+#include "ravctl/core/command_error.h"
+
+namespace ravctl {
+
+namespace {
+
+constexpr std::string_view kTimeForm = "dddd-dd-dd dd:dd:dd.ddd";
+constexpr size_t kDateLength = 11;  // with the blank behind it
+
+// Whether the text is a beginning of the form, with digits where it says d.
+bool HasForm(std::string_view text, std::string_view form) {
+  return text.size() <= form.size() && std::equal(text.begin(), text.end(), form.begin(), [](char given, char wanted) {
+           return wanted == 'd' ? given >= '0' && given <= '9' : given == wanted;
+         });
+}
+
+std::string TimeAgo(long seconds) {
+  const time_t then = std::time(nullptr) - seconds;
+  tm local{};
+  std::array<char, 32> text{};
+  localtime_r(&then, &local);
+  std::strftime(text.data(), text.size(), "%F %T", &local);
+  return text.data();
+}
+
+bool Contains(std::string_view text, const std::string& part, bool ignoresCase) {
+  if (!ignoresCase) return text.find(part) != std::string_view::npos;
+  return std::ranges::search(
+             text, part,
+             [](char a, char b) {
+               return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
+             }).begin() != text.end() ||
+         part.empty();
+}
+
+bool IsThread(std::string_view thread, const std::string& wanted) {
+  return thread.size() == wanted.size() && ::strncasecmp(thread.data(), wanted.data(), thread.size()) == 0;
+}
+
+// "1a2b" => "00001a2b", so that a thread may be given without its zeros.
+void CompleteThreads(std::vector<std::string>& threads) {
+  for (std::string& thread : threads) {
+    const std::string given = thread;
+    if (thread.starts_with("0x")) thread.erase(0, 2);
+    const bool isHex = !thread.empty() && thread.size() <= 8 &&
+                       std::ranges::all_of(thread, [](unsigned char digit) { return std::isxdigit(digit) != 0; });
+    if (!isHex) {
+      throw CommandError(ExitCode::kUsage, "not a thread", given, "give its up to eight hexadecimal digits: 1A2B3C40");
+    }
+    thread.insert(0, 8 - thread.size(), '0');
+  }
+}
+
+}  // namespace
+
+std::string CompleteTime(const std::string& given, std::string_view newestTime) {
+  std::string time = given;
+  if (time.size() > 10 && time[10] == 'T') time[10] = ' ';
+  if (time.size() >= 4 && HasForm(time, kTimeForm)) return time;
+  if (time.size() >= 2 && time.find(':') != std::string::npos && HasForm(time, kTimeForm.substr(kDateLength))) {
+    return std::string(newestTime.substr(0, kDateLength)) + time;
+  }
+  constexpr std::string_view kUnits = "smhd";
+  constexpr std::array<long, 4> kSeconds = {1, 60, 3600, 86400};
+  const size_t unit = time.empty() ? std::string_view::npos : kUnits.find(time.back());
+  const bool isNumber = time.size() > 1 && time.size() < 8 && std::all_of(time.begin(), time.end() - 1, [](char digit) {
+                          return digit >= '0' && digit <= '9';
+                        });
+  if (unit != std::string_view::npos && isNumber) return TimeAgo(std::stol(time) * kSeconds[unit]);
+  throw CommandError(ExitCode::kUsage, "not a time", given, "give 2024-05-06 10:11:12, 10:11, or 5m for 5 minutes ago");
+}
+
+bool TraceFilter::TimeRange::Contains(std::string_view time) const {
+  return time >= from && (to.empty() || time.substr(0, to.size()) <= to);
+}
+
+void TraceFilter::AddOptions(CLI::App& command) {
+  const auto list = [&command](const char* name, std::vector<std::string>& values, const char* type, const char* text) {
+    command.add_option(name, values, text)->type_name(type)->expected(1)->take_all();
+  };
+  command.add_option("--since", m_Since, "From that time on: 2024-05-06 10:11, 10:11, or 5m for 5 minutes ago")
+      ->type_name("TIME");
+  command.add_option("--until", m_Until, "Up to that time, all of it included")->type_name("TIME");
+  list("--not-time", m_NotTimes, "FROM..TO", "Not in that time; may be repeated, as all that follow");
+  list("-t,--thread", m_Threads, "HEX", "Of that thread");
+  list("--not-thread", m_NotThreads, "HEX", "Not of that thread");
+  list("--tag", m_Tags, "TAG", "Of that application or module");
+  list("--not-tag", m_NotTags, "TAG", "Not of that application or module");
+  list("-g,--text", m_Texts, "TEXT", "With that text");
+  list("--not-text", m_NotTexts, "TEXT", "Without that text");
+  command.add_flag("-i,--ignore-case", m_IgnoresCase, "Upper and lower case are the same in texts");
+}
+
+void TraceFilter::Prepare(std::string_view newestTime) {
+  if (!m_Since.empty()) m_Time.from = CompleteTime(m_Since, newestTime);
+  if (!m_Until.empty()) m_Time.to = CompleteTime(m_Until, newestTime);
+  m_NotTimeRanges.clear();
+  for (const std::string& range : m_NotTimes) {
+    const size_t dots = range.find("..");
+    if (dots == std::string::npos) {
+      throw CommandError(ExitCode::kUsage, "not a range of times", range, "give FROM..TO, for example 10:11..10:15");
+    }
+    const std::string from = range.substr(0, dots);
+    const std::string to = range.substr(dots + 2);
+    m_NotTimeRanges.push_back(
+        {from.empty() ? "" : CompleteTime(from, newestTime), to.empty() ? "" : CompleteTime(to, newestTime)});
+  }
+  CompleteThreads(m_Threads);
+  CompleteThreads(m_NotThreads);
+  m_IsEmpty = m_Since.empty() && m_Until.empty() && m_NotTimes.empty() && m_Threads.empty() && m_NotThreads.empty() &&
+              m_Tags.empty() && m_NotTags.empty() && m_Texts.empty() && m_NotTexts.empty();
+}
+
+bool TraceFilter::Matches(const TraceEntry& entry) const {
+  const auto isThread = [&entry](const std::string& wanted) { return IsThread(entry.thread, wanted); };
+  const auto isTag = [&entry](const std::string& wanted) { return entry.tag == wanted; };
+  const auto hasText = [this, &entry](const std::string& part) { return Contains(entry.text, part, m_IgnoresCase); };
+  const auto isInRange = [&entry](const TimeRange& range) { return range.Contains(entry.time); };
+  return m_Time.Contains(entry.time) && std::ranges::none_of(m_NotTimeRanges, isInRange) &&
+         (m_Threads.empty() || std::ranges::any_of(m_Threads, isThread)) &&
+         std::ranges::none_of(m_NotThreads, isThread) && (m_Tags.empty() || std::ranges::any_of(m_Tags, isTag)) &&
+         std::ranges::none_of(m_NotTags, isTag) && (m_Texts.empty() || std::ranges::any_of(m_Texts, hasText)) &&
+         std::ranges::none_of(m_NotTexts, hasText);
+}
+
+}  // namespace ravctl
