@@ -48,7 +48,7 @@ every_option_is_told() {
 every_name_exists() {
   local document name
   for document in README.md CONTRIBUTING.md docs/*.md; do
-    for name in $(grep -oE '\b(docs|src|examples|packaging|tests|fuzz|bench)/[A-Za-z0-9_/.-]+\.(md|h|cpp|sh|ini|conf)\b' \
+    for name in $(grep -oP '(?<![\w/.-])(docs|src|examples|packaging|tests|fuzz|bench)/[\w/.-]+\.(md|h|cpp|sh|ini|conf)\b' \
       "$document"); do
       [ -e "$name" ] || fail "$document names $name"
     done
