@@ -1,11 +1,10 @@
 #include "inventory/fs_size.h"
 
-#include <sys/statvfs.h>
-
 #include <algorithm>
 #include <limits>
 #include <string_view>
 
+#include "inventory/fs_answer.h"
 #include "trace/debug.h"
 
 namespace {
@@ -45,7 +44,7 @@ uint32_t get_used_percent(uint64_t blocks, uint64_t available) {
 
 void set_fs_sizes(mount_entry& entry) {
   struct statvfs info {};
-  if (::statvfs(entry.mount_point, &info) != 0) {
+  if (!ask_fs_info(entry, info)) {
     SetNothingAvailable(entry);
     return;
   }
@@ -58,7 +57,7 @@ void set_fs_sizes(mount_entry& entry) {
 
 void refresh_fs_sizes(mount_entry& entry) {
   struct statvfs info {};
-  if (::statvfs(entry.mount_point, &info) != 0) {
+  if (!ask_fs_info(entry, info)) {
     SetNothingAvailable(entry);
     return;
   }

@@ -4,8 +4,8 @@
 
 #include "inventory/mount_entry.h"
 
-// Size figures of mounted file systems. Asking a mount point for its size blocks for as long as its file system takes
-// to answer. One that cannot be asked counts as full: 100 % used with nothing available.
+// Size figures of mounted file systems. One that cannot be asked, or does not answer within a second (fs_answer.h),
+// counts as full: 100 % used with nothing available.
 
 // All figures of a new entry.
 void set_fs_sizes(mount_entry& entry);
