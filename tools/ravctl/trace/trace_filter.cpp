@@ -34,12 +34,10 @@ std::string TimeAgo(long seconds) {
 
 bool Contains(std::string_view text, const std::string& part, bool ignoresCase) {
   if (!ignoresCase) return text.find(part) != std::string_view::npos;
-  return std::ranges::search(
-             text, part,
-             [](char a, char b) {
-               return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
-             }).begin() != text.end() ||
-         part.empty();
+  const auto isSame = [](char a, char b) {
+    return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
+  };
+  return std::search(text.begin(), text.end(), part.begin(), part.end(), isSame) != text.end() || part.empty();
 }
 
 bool IsThread(std::string_view thread, const std::string& wanted) {
