@@ -2,6 +2,7 @@
 
 #include <array>
 
+#include "ravctl/commands/bundle.h"
 #include "ravctl/commands/daemon_status.h"
 #include "ravctl/commands/doctor.h"
 #include "ravctl/commands/module.h"
@@ -18,6 +19,7 @@ constexpr auto kCommands = std::to_array<void (*)(CLI::App&)>({
     RegisterDaemon,  //
     RegisterModule,  //
     RegisterDoctor,  //
+    RegisterBundle,  //
     RegisterShellTexts,
 });
 
