@@ -49,7 +49,6 @@ BundleWriter::BundleWriter(std::string path) : m_Path(std::move(path)) {
   if (writer == nullptr) throw std::bad_alloc();
   const bool isReady =
       ::archive_write_set_format_pax_restricted(writer) == ARCHIVE_OK &&
-      ::archive_write_set_options(writer, "hdrcharset=BINARY") == ARCHIVE_OK &&
       (isGzip ? ::archive_write_add_filter_gzip(writer) : ::archive_write_add_filter_zstd(writer)) == ARCHIVE_OK &&
       ::archive_write_open_fd(writer, m_File.Get()) == ARCHIVE_OK;
   Require(isReady, m_Path);

@@ -6,6 +6,7 @@
 #include "ravctl/bundle/bundle_writer.h"
 #include "ravctl/bundle/machine_files.h"
 #include "ravctl/bundle/manifest.h"
+#include "ravctl/bundle/redact_entries.h"
 #include "ravctl/core/command.h"
 #include "ravctl/core/text.h"
 
@@ -49,8 +50,9 @@ ExitCode RunBundle(const BundleOptions& options, Output& out) {
   }
   BundleOrigin origin = DescribeOrigin();
   origin.hasTraces = options.trace;
-  origin.isRedacted = options.redact;
-  const CapturedEntry manifest = MakeManifest(origin, capture.Entries(), capture.Missing());
+  std::vector<Uncaptured> missing = capture.Missing();
+  if (options.redact) RedactAll(capture.Entries(), missing, origin);
+  const CapturedEntry manifest = MakeManifest(origin, capture.Entries(), missing);
   const uint64_t packed = WriteEntries(writer, capture.Entries(), manifest);
   WarnAboutMissing(capture.Missing(), out);
   out.Print({"bundle"},
