@@ -5,6 +5,7 @@
 #include "ravctl/commands/bundle.h"
 #include "ravctl/commands/daemon_status.h"
 #include "ravctl/commands/doctor.h"
+#include "ravctl/commands/inventory.h"
 #include "ravctl/commands/module.h"
 #include "ravctl/commands/shell_texts.h"
 #include "ravctl/commands/trace.h"
@@ -16,6 +17,7 @@ namespace {
 // One line a command; the help shows them in this order.
 constexpr auto kCommands = std::to_array<void (*)(CLI::App&)>({
     RegisterTrace,   //
+    RegisterInventory,
     RegisterDaemon,  //
     RegisterModule,  //
     RegisterDoctor,  //
