@@ -5,6 +5,7 @@
 #include "ravctl/commands/daemon_status.h"
 #include "ravctl/commands/doctor.h"
 #include "ravctl/commands/module.h"
+#include "ravctl/commands/net.h"
 #include "ravctl/commands/shell_texts.h"
 #include "ravctl/commands/trace.h"
 
@@ -17,6 +18,7 @@ constexpr auto kCommands = std::to_array<void (*)(CLI::App&)>({
     RegisterTrace,   //
     RegisterDaemon,  //
     RegisterModule,  //
+    RegisterNet,     //
     RegisterDoctor,  //
     RegisterShellTexts,
 });
