@@ -182,9 +182,7 @@ void AddNetWatch(CLI::App& net) {
   CLI::App& watch = AddCommand(
       net,
       {"watch",
-       "Show changes of the network interfaces as they happen: interfaces that come and go, their state, hardware "
-       "address, MTU, speed and addresses. The kernel is asked for changes of links and IPv4 addresses; a change of an "
-       "IPv6 address alone shows with the next of these.",
+       "Show changes of the network interfaces as they happen (of IPv6 addresses, together with the next other one)",
        {{"ravctl net watch --timeout 60", "for a minute; status 1 when nothing changed"},
         {"ravctl net watch -i eth0 --count 1 --json --timeout 5", "the next change of eth0, as a JSON object"}}},
       [options](Output& out) { return RunWatch(*options, out); });
