@@ -6,6 +6,7 @@
 #include "ravctl/commands/doctor.h"
 #include "ravctl/commands/module.h"
 #include "ravctl/commands/net.h"
+#include "ravctl/commands/perf.h"
 #include "ravctl/commands/shell_texts.h"
 #include "ravctl/commands/trace.h"
 
@@ -19,6 +20,7 @@ constexpr auto kCommands = std::to_array<void (*)(CLI::App&)>({
     RegisterDaemon,  //
     RegisterModule,  //
     RegisterNet,     //
+    RegisterPerf,    //
     RegisterDoctor,  //
     RegisterShellTexts,
 });
