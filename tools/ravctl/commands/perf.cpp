@@ -28,9 +28,10 @@ std::string PercentText(const Json& percent) {
   return percent.dump() + "%";
 }
 
-Color LoadColor(const Json& percent) {
-  if (!percent.is_number()) return Color::kNone;
-  const int value = percent.get<int>();
+Color LoadColor(const Json& row, const std::string& key) {
+  const auto percent = row.find(key);
+  if (percent == row.end() || !percent->is_number()) return Color::kNone;
+  const int value = percent->get<int>();
   return value >= 90 ? Color::kRed : value >= 70 ? Color::kYellow : Color::kNone;
 }
 
@@ -71,7 +72,7 @@ Table ObjectTable(const PerfSample& sample) {
                 .heading = "USED",
                 .isRight = true,
                 .format = PercentText,
-                .color = [](const Json& row) { return LoadColor(row["used"]); }},
+                .color = [](const Json& row) { return LoadColor(row, "used"); }},
                {.key = "detail", .heading = "DETAIL"}});
   const auto add = [&table](const char* object, const std::string& name, const Json& used, const std::string& detail) {
     table.Add({{"object", object}, {"name", name}, {"used", used}, {"detail", detail}});
@@ -101,7 +102,7 @@ StreamTable::WideColumn PercentColumn(const std::string& key, const std::string&
            .isRight = true,
            .isUsual = isUsual,
            .format = PercentText,
-           .color = [key](const Json& row) { return key == "idle" ? Color::kNone : LoadColor(row[key]); }},
+           .color = [key](const Json& row) { return key == "idle" ? Color::kNone : LoadColor(row, key); }},
           4};
 }
 
@@ -207,7 +208,8 @@ void RegisterPerf(CLI::App& root) {
       ->type_name("SECONDS")
       ->check(CLI::Range(0.1, 86400.0).description(""));
   perf.add_option("-n,--count", options->count, "A row for each of so many samples; 0 goes on until Ctrl-C")
-      ->type_name("N");
+      ->type_name("N")
+      ->check(CLI::NonNegativeNumber.description(""));
   perf.add_option("-i,--interface", options->interfaces, "Only these network interfaces, of those that are sampled")
       ->type_name("NAME")
       ->expected(1)

@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <chrono>
 
 #include "perfmon/sample_text.h"
@@ -15,7 +16,8 @@ namespace {
 constexpr const char* kProcMemInfo = "/proc/meminfo";
 constexpr size_t kMemInfoSize = 4096;
 constexpr size_t kNetDevSize = 8192;
-constexpr unsigned int kMonitored = CPerfMon::systemCpu | CPerfMon::memory | CPerfMon::network;
+constexpr unsigned int kMonitored = CPerfMon::systemCpu | CPerfMon::memory;
+constexpr uint64_t kMostPercent = 100;
 
 uint64_t NowMs() {
   using namespace std::chrono;
@@ -30,6 +32,18 @@ Json OrNull(const std::optional<T>& value) {
 template <typename Record, typename Value>
 Json OrNull(const std::optional<Record>& record, Value Record::*member) {
   return record ? Json((*record).*member) : Json();
+}
+
+void AddRates(const _PerfDataNetwork& record, NetworkLoad& load) {
+  load.received = record.received;
+  load.sent = record.sent;
+  if (!load.speed) return;
+  const auto percent = [&record](uint128 bytes) {
+    return static_cast<int>(Saturate(std::min<uint128>((bytes * 100 + record.speed / 2) / record.speed, kMostPercent)));
+  };
+  load.percentReceived = percent(record.received);
+  load.percentSent = percent(record.sent);
+  load.percent = percent(uint128{record.received} + record.sent);
 }
 
 }  // namespace
@@ -99,30 +113,21 @@ void PerfSampler::ReadMemory(PerfSample& sample) {
   sample.virtualMemory = {Percent(CPerfMon::memoryVirtual, 0), record.totalVirtual, record.usedVirtual};
 }
 
-// The monitor numbers the interfaces as they come here.
+// The monitor's own percentage of a link sets the bytes of a second against what the link carries in the whole
+// interval, so it holds for intervals of a second alone.
 void PerfSampler::ReadNetwork(PerfSample& sample) {
   std::string_view text = ReadWhole(m_NetDevFile);
   const uint64_t nowMs = NowMs();
   if (!m_Socket) m_Socket.Reset(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   std::map<std::string, NetInterfaceState, std::less<>> interfaces;
-  NetDevLine line;
-  for (int number = 0; TakeSampledInterface(text, line); ++number) {
+  for (NetDevLine line; TakeSampledInterface(text, line);) {
     NetworkLoad load{.name = std::string(line.name)};
     NetInterfaceState state{.sampleTimeMs = nowMs};
-    const uint64_t speed = ReadLinkSpeed(m_Socket.Get(), line.name);
     if (ParseNumbers(line.counters, state.counters) != static_cast<int>(state.counters.size())) continue;
+    const uint64_t speed = ReadLinkSpeed(m_Socket.Get(), line.name);
+    if (speed != kUnknownSpeed) load.speed = speed;
     _PerfDataNetwork record{};
-    if (MakeNetworkRecord(m_Interfaces[load.name], nowMs, state.counters, speed, record)) {
-      load.received = record.received;
-      load.sent = record.sent;
-    }
-    unsigned char percent = 0;
-    if (speed != kUnknownSpeed && m_Monitor.GetCurrentPercent(CPerfMon::networkTotal, percent, number)) {
-      load.speed = speed;
-      load.percent = percent;
-      load.percentReceived = Percent(CPerfMon::networkReceived, number);
-      load.percentSent = Percent(CPerfMon::networkSent, number);
-    }
+    if (MakeNetworkRecord(m_Interfaces[load.name], nowMs, state.counters, speed, record)) AddRates(record, load);
     interfaces[load.name] = state;
     sample.network.push_back(load);
   }

@@ -41,7 +41,7 @@ struct PerfSample {
 };
 
 // Takes samples through the performance monitor of the library, which answers percentages, and the amounts behind them
-// through the readers that the monitor stands on. One thread; each sample is made in the call.
+// and the traffic through the readers that the monitor stands on. One thread; each sample is made in the call.
 class PerfSampler {
  public:
   // Reads for the first time, which takes a quarter of a second: the first sample covers the time from its end on.

@@ -15,10 +15,9 @@ namespace {
 
 constexpr size_t kHistory = 3600;  // samples
 constexpr auto kSamplesAColumn = std::to_array<size_t>({1, 2, 5, 10, 30, 60});
-constexpr int kLabelWidth = 9;
+constexpr int kLabelWidth = 10;
 constexpr int kNameWidth = 8;
 constexpr int kTextWidth = 20;
-constexpr int kMostGraphLines = 16;
 
 void Append(std::deque<double>& values, double value) {
   if (values.size() == kHistory) values.pop_front();
@@ -172,7 +171,7 @@ std::vector<PerfView::Block> PerfView::Blocks() const {
 std::string PerfView::Heading(int columns) const {
   const double shown = m_Interval * static_cast<double>(kSamplesAColumn[m_Zoom]) * (columns - kLabelWidth - 1);
   const std::string time = m_Newest.time.empty() ? "" : m_Newest.time.substr(11, 8);
-  std::string left = HostName() + "  " + time + "  " + Duration(shown) + " min shown";
+  std::string left = HostName() + "  " + time + "  last " + Duration(shown) + " min";
   const std::string right = "+ - zoom  q quits";
   const int room = columns - static_cast<int>(DisplayWidth(left)) - static_cast<int>(right.size());
   return room >= 2 ? left + std::string(static_cast<size_t>(room), ' ') + right : left;
@@ -185,8 +184,8 @@ void PerfView::Draw(Screen& screen) const {
   const int room = std::max(screen.Lines() - 1, 0);
   const int count = static_cast<int>(blocks.size());
   // All with graphs where each has two lines for them below its title, all in a line each otherwise.
-  const int lines = room >= 3 * count ? std::min(room / count, kMostGraphLines + 1) : 1;
-  int spare = lines > 1 && lines <= kMostGraphLines ? room - lines * count : 0;
+  const int lines = room >= 3 * count ? room / count : 1;
+  int spare = lines > 1 ? room - lines * count : 0;
   int line = 1;
   for (const Block& block : blocks) {
     const bool isLastLine = line == screen.Lines() - 1;
@@ -229,7 +228,7 @@ void PerfView::DrawGraph(Screen& screen, const Graph& graph, int line, int lines
   const double peak = columns.empty() ? 0.0 : *std::ranges::max_element(columns);
   const double top = graph.isPercent ? 100.0 : RoundedTop(peak);
   const std::string scale =
-      graph.isPercent ? graph.label : Padded(graph.label, 3, false) + HumanSize(static_cast<uint64_t>(top)) + "/s";
+      graph.isPercent ? graph.label : Padded(graph.label, 4, false) + HumanSize(static_cast<uint64_t>(top)) + "/s";
   const std::vector<std::string> bars = DrawBars(columns, top, static_cast<size_t>(std::max(lines, 0)), m_Style);
   for (int number = 0; number < lines; ++number) {
     screen.Put(line + number, 0, Color::kGray, Padded(number == 0 ? scale : "", kLabelWidth, true));
