@@ -7,6 +7,8 @@
 #include "ravctl/commands/doctor.h"
 #include "ravctl/commands/inventory.h"
 #include "ravctl/commands/module.h"
+#include "ravctl/commands/net.h"
+#include "ravctl/commands/perf.h"
 #include "ravctl/commands/shell_texts.h"
 #include "ravctl/commands/trace.h"
 
@@ -20,6 +22,8 @@ constexpr auto kCommands = std::to_array<void (*)(CLI::App&)>({
     RegisterInventory,
     RegisterDaemon,  //
     RegisterModule,  //
+    RegisterNet,     //
+    RegisterPerf,    //
     RegisterDoctor,  //
     RegisterBundle,  //
     RegisterShellTexts,
