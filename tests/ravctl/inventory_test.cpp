@@ -35,7 +35,7 @@ TEST(Inventory, TreeLinksAdaptersDrivesAndVolumes) {
   EXPECT_THAT(Values(data["adapters"], "driver"), ElementsAre("igb", "megaraid_sas", "nvme"));
   EXPECT_THAT(Values(data["drives"], "type"), ElementsAre("disk", "tape", "disk"));
   EXPECT_THAT(Values(data["drives"], "adapter"), ElementsAre("0000:18:00.0", "-", "0000:5e:00.0"));
-  EXPECT_THAT(Values(data["volumes"], "drive"), ElementsAre("/dev/sda", "/dev/nvme0n1", "-", "-"));
+  EXPECT_THAT(Values(data["volumes"], "drive"), ElementsAre("/dev/nvme0n1", "-", "-", "/dev/sda"));
 }
 
 TEST(Inventory, FiltersKeepWhatMatchesAndWhatItHangsOn) {
@@ -54,7 +54,7 @@ TEST(Inventory, FiltersKeepWhatMatchesAndWhatItHangsOn) {
       {{"volumes", "--drive", "/dev/sda"}, "mount_point", {"/system"}},
       {{"volumes", "--type", "proc"}, "mount_point", {}},
       {{"volumes", "--type", "proc", "--all"}, "mount_point", {"/proc"}},
-      {{"volumes", "--kind", "local", "-m", "/d*"}, "mount_point", {"/system", "/data", "/other"}},
+      {{"volumes", "--kind", "local", "-m", "/d*"}, "mount_point", {"/data", "/other", "/system"}},
   };
   const ToolRoot machine;
   ServerTree().Install(machine);

@@ -6,6 +6,7 @@
 #include "ravctl/commands/doctor.h"
 #include "ravctl/commands/inventory.h"
 #include "ravctl/commands/module.h"
+#include "ravctl/commands/pci.h"
 #include "ravctl/commands/shell_texts.h"
 #include "ravctl/commands/trace.h"
 
@@ -17,6 +18,7 @@ namespace {
 constexpr auto kCommands = std::to_array<void (*)(CLI::App&)>({
     RegisterTrace,   //
     RegisterInventory,
+    RegisterPci,
     RegisterDaemon,  //
     RegisterModule,  //
     RegisterDoctor,  //
