@@ -33,6 +33,12 @@ struct SmbiosImage {
   size_t used = 0;                          // bytes of the table that the structures take
   std::string error;                        // of the walk, one line; empty when it reached the end
 
+  SmbiosImage() = default;
+  SmbiosImage(const SmbiosImage&) = delete;
+  SmbiosImage& operator=(const SmbiosImage&) = delete;
+  SmbiosImage(SmbiosImage&&) = default;
+  SmbiosImage& operator=(SmbiosImage&&) = default;
+
   bool IsDamaged() const { return !error.empty(); }
 };
 
