@@ -7,8 +7,10 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <initializer_list>
-#include <set>
+#include <memory>
+#include <span>
 
 #include "platform/descriptor_io.h"
 #include "platform/unique_fd.h"
@@ -36,26 +38,27 @@ using Names = std::initializer_list<std::string_view>;
 
 // How the records of one kind are told apart and compared.
 struct Kind {
-  const char* name;       // "adapter"
-  const char* list;       // its key in the data
-  const char* place;      // where the record sits
-  const char* otherPlace; // the place where that one is null
+  const char* name;        // "adapter"
+  const char* list;        // its key in the data
+  const char* place;       // where the record sits
+  const char* otherPlace;  // the place where that one is null
   const char* title;
   std::array<const char*, 3> identity;  // what goes along with the device; the first that is known counts
   const char* model;                    // what devices of one model share
+  std::array<const char*, 2> derived;   // fields made of others or of the order of the scan
 };
 
 constexpr auto kKinds = std::to_array<Kind>({
-    {"adapter", "adapters", "address", "name", "name", {"permanent_mac", "mac", "wwn"}, "id"},
-    {"drive", "drives", "scsi", "device", "name", {"serial", nullptr, nullptr}, "id"},
-    {"volume", "volumes", "mount_point", "device", "device", {nullptr, nullptr, nullptr}, "device"},
+    {"adapter", "adapters", "address", "name", "name", {"permanent_mac", "mac", "wwn"}, "id", {"name", "id"}},
+    {"drive", "drives", "scsi", "device", "name", {"serial", nullptr, nullptr}, "id", {"number", "id"}},
+    {"volume", "volumes", "mount_point", "device", "device", {nullptr, nullptr, nullptr}, "device", {nullptr, nullptr}},
 });
 
 // How full a volume is changes all the time.
 constexpr auto kUsageFields = std::to_array<std::string_view>({"available_kb", "used_percent", "available_blocks"});
 
-// Names that contain the place or stand for it, and so tell nothing of their own.
-constexpr auto kPlaceFields = std::to_array<std::string_view>({"name", "number"});
+// What goes with the place: no news of a device that moved.
+constexpr auto kPlaceFields = std::to_array<std::string_view>({"os_device", "irq", "ports", "memory"});
 
 // What a device or the running kernel has to be asked for: one side may not know it, which is no change.
 constexpr auto kLiveFields = std::to_array<std::string_view>(
@@ -113,8 +116,9 @@ int ReportTree(const std::string& path, int reportFd) {
     report["code"] = static_cast<int>(error.Code());
     report["error"] = error.what();
   }
+  const std::unique_ptr<std::FILE, decltype([](std::FILE* file) { std::fclose(file); })> pipe(::fdopen(reportFd, "w"));
   const std::string text = report.dump(-1, ' ', false, Json::error_handler_t::replace);
-  return WriteAll(reportFd, text) ? 0 : 1;
+  return pipe != nullptr && std::fwrite(text.data(), text.size(), 1, pipe.get()) == 1 ? 0 : 1;
 }
 
 // Entering a tree is for good, so a child does it.
@@ -123,8 +127,7 @@ Json ReadTree(const std::string& path) {
     throw CommandError(ExitCode::kUsage, "a captured tree cannot be entered from another one", path,
                        "leave --sysroot out");
   }
-  const ChildResult child =
-      RunInChild(kTreeSeconds, [&path](int reportFd) { return ReportTree(path, reportFd); });
+  const ChildResult child = RunInChild(kTreeSeconds, [&path](int reportFd) { return ReportTree(path, reportFd); });
   const Json report = Json::parse(child.report, nullptr, false);
   if (child.isTimeout || report.is_discarded() || !report.is_object()) {
     throw CommandError(ExitCode::kInputDamaged, child.isTimeout ? "reading took too long" : "it could not be read",
@@ -136,8 +139,12 @@ Json ReadTree(const std::string& path) {
   return report["data"];
 }
 
+bool IsLive(const std::string& operand) {
+  return operand == kLive || operand == "-";
+}
+
 Json ReadSide(const std::string& operand, Output& out) {
-  if (operand == kLive || operand == "-") {
+  if (IsLive(operand)) {
     const InventoryRecords records = ReadInventory(kAllRecords);
     WarnAboutRights(records, out);
     return records.ToJson();
@@ -167,12 +174,16 @@ Json PlaceOf(const Json& record, const Kind& kind) {
   return place.is_null() ? Field(record, kind.otherPlace) : place;
 }
 
-// Null when the record has none.
-const Json& IdentityOf(const Json& record, const Kind& kind) {
+enum class Likeness { kSame, kOther, kUnknown };
+
+// By the first identity that both records know.
+Likeness CompareIdentity(const Json& left, const Json& right, const Kind& kind) {
   for (const char* key : kind.identity) {
-    if (!Field(record, key).is_null()) return Field(record, key);
+    const Json& identity = Field(left, key);
+    if (identity.is_null() || Field(right, key).is_null()) continue;
+    return identity == Field(right, key) ? Likeness::kSame : Likeness::kOther;
   }
-  return Field(record, nullptr);
+  return Likeness::kUnknown;
 }
 
 Json Shown(const Json& value) {
@@ -211,12 +222,10 @@ class Comparison {
     return !place.is_null() && place == PlaceOf(right, *m_Kind);
   }
   bool IsSameDevice(const Json& left, const Json& right) const {
-    const Json& identity = IdentityOf(left, *m_Kind);
-    return !identity.is_null() && identity == IdentityOf(right, *m_Kind);
+    return CompareIdentity(left, right, *m_Kind) == Likeness::kSame;
   }
-  // Two that are both known cannot be the same under another identity.
   bool MayBeSame(const Json& left, const Json& right) const {
-    return IdentityOf(left, *m_Kind).is_null() || IdentityOf(right, *m_Kind).is_null();
+    return CompareIdentity(left, right, *m_Kind) == Likeness::kUnknown;
   }
   bool IsSameModel(const Json& left, const Json& right) const {
     const Json& model = Field(left, m_Kind->model);
@@ -244,14 +253,21 @@ class Comparison {
     if (isMoved) Add("moved", right, m_Kind->place, Shown(oldPlace), Shown(newPlace));
     for (const auto& [key, value] : right.items()) {
       const Json& old = Field(left, key.c_str());
-      if (old == value || key == m_Kind->place || (isMoved && (key == m_Kind->otherPlace || Has(kPlaceFields, key)))) {
-        continue;
+      if (old != value && left.contains(key) && IsNews(key, isMoved, old.is_null() || value.is_null())) {
+        Add("changed", right, key.c_str(), Shown(old), Shown(value));
       }
-      if (Has(kLiveFields, key) && (old.is_null() || value.is_null())) continue;
-      if (Has(kUsageFields, key) && !m_WithUsage) continue;
-      if (!left.contains(key)) continue;  // saved by a version that did not have it
-      Add("changed", right, key.c_str(), Shown(old), Shown(value));
     }
+  }
+
+  // isOneSided: one of the two does not know the field.
+  bool IsNews(const std::string& key, bool isMoved, bool isOneSided) const {
+    if (key == m_Kind->place ||
+        std::ranges::any_of(m_Kind->derived, [&key](const char* name) { return name != nullptr && key == name; })) {
+      return false;
+    }
+    if (isMoved && (key == m_Kind->otherPlace || Has(kPlaceFields, key))) return false;
+    if (isOneSided && Has(kLiveFields, key)) return false;
+    return m_WithUsage || !Has(kUsageFields, key);
   }
 
   void Add(const char* change, const Json& record, const char* field, Json before, Json after) {
@@ -283,9 +299,21 @@ class Comparison {
                  {.key = "new", .heading = "NEW"}}};
 };
 
+// The scan leaves its mark on the process, such as the table of mounts, and a child would take it over: the live
+// machine comes last.
+std::array<Json, 2> ReadSides(const Options& options, Output& out) {
+  const std::array<const std::string*, 2> operands = {&options.before, &options.after};
+  std::array<Json, 2> sides;
+  for (const bool wantsLive : {false, true}) {
+    for (size_t side = 0; side < operands.size(); ++side) {
+      if (IsLive(*operands[side]) == wantsLive) sides[side] = WithoutKernelVolumes(ReadSide(*operands[side], out));
+    }
+  }
+  return sides;
+}
+
 ExitCode RunDiff(const Options& options, Output& out) {
-  const Json before = WithoutKernelVolumes(ReadSide(options.before, out));
-  const Json after = options.after == options.before ? before : WithoutKernelVolumes(ReadSide(options.after, out));
+  const auto [before, after] = ReadSides(options, out);
   Comparison comparison(options.withUsage);
   for (const Kind& kind : kKinds)
     comparison.Compare(kind, before[kind.list], after[kind.list]);

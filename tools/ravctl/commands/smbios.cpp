@@ -15,6 +15,7 @@
 #include "firmware/little_endian.h"
 #include "firmware/smbios_structures.h"
 #include "firmware/smbios_tables.h"
+#include "platform/descriptor_io.h"
 #include "platform/unique_fd.h"
 #include "ravctl/core/command.h"
 #include "ravctl/core/text.h"
@@ -212,15 +213,10 @@ void WriteNewFile(const std::string& path, Bytes bytes) {
     throw CommandError(ExitCode::kUsage, "the file exists and is not overwritten", path, "choose another name");
   }
   if (!file) throw SystemFailure("cannot create", path, error);
-  for (size_t at = 0; at < bytes.size();) {
-    const ssize_t written = ::write(file.Get(), bytes.data() + at, bytes.size() - at);
+  if (!WriteAllAt(file.Get(), {reinterpret_cast<const char*>(bytes.data()), bytes.size()}, 0)) {
     const int failure = errno;
-    if (written < 0 && failure == EINTR) continue;
-    if (written <= 0) {
-      ::unlink(path.c_str());
-      throw SystemFailure("cannot write", path, failure);
-    }
-    at += static_cast<size_t>(written);
+    ::unlink(path.c_str());
+    throw SystemFailure("cannot write", path, failure);
   }
 }
 
