@@ -16,6 +16,7 @@ class ServerTree : public ServerMachine {
     Add("0000:17:00.0", 0x80861521, 0x020000, "igb", {.headerType = 0x80, .subVendor = 0x1734, .subDevice = 1});
     Add("0000:18:00.0", 0x10000016, 0x010400, "megaraid_sas");
     Add("0000:5e:00.0", 0x144DA808, 0x010802, "nvme");
+    MakeDirectory("/sys/bus/pci/devices");
     AddInterface("eth7", "02:00:00:00:00:01", "../../../0000:17:00.0");
     WriteFile("/etc/pelrix/Adapter.ini", "[8086]\nVendor=Kestrel\n1521=Quad \x1b[31mPort\n");
     List("scsi0 Channel: 02 Id: 00 Lun: 00", "RAVEN", "RAID 5 Volume", "1.03", "Direct-Access");

@@ -9,7 +9,10 @@
 #include "ravctl/commands/module.h"
 #include "ravctl/commands/net.h"
 #include "ravctl/commands/perf.h"
+#include "ravctl/commands/pci.h"
 #include "ravctl/commands/shell_texts.h"
+#include "ravctl/commands/slots.h"
+#include "ravctl/commands/smbios.h"
 #include "ravctl/commands/trace.h"
 
 namespace ravctl {
@@ -18,8 +21,11 @@ namespace {
 
 // One line a command; the help shows them in this order.
 constexpr auto kCommands = std::to_array<void (*)(CLI::App&)>({
-    RegisterTrace,   //
+    RegisterTrace,  //
     RegisterInventory,
+    RegisterPci,
+    RegisterSlots,
+    RegisterSmbios,
     RegisterDaemon,  //
     RegisterModule,  //
     RegisterNet,     //

@@ -390,6 +390,7 @@ void RegisterInventory(CLI::App& root) {
   AddAdapters(inventory);
   AddDrives(inventory);
   AddVolumes(inventory);
+  AddInventoryDiff(inventory);
 }
 
 }  // namespace ravctl

@@ -16,6 +16,7 @@
 #include <array>
 #include <cerrno>
 #include <cstddef>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string_view>
@@ -204,6 +205,17 @@ void ShowTree(int tree, int root, const SystemParts& system) {
 
 // ---- what would tell about this machine all the same
 
+// The variables that configure the library are settings of this machine.
+void ForgetVariables() {
+  std::vector<std::string> names;
+  for (char** variable = environ; *variable != nullptr; ++variable) {
+    const std::string_view text = *variable;
+    if (text.starts_with("QN_") || text.starts_with("TraceFileLimit=")) names.emplace_back(text.substr(0, text.find('=')));
+  }
+  for (const std::string& name : names)
+    ::unsetenv(name.c_str());
+}
+
 // statfs and fstatfs see the file system that holds the tree.
 void RefuseFileSystemCalls() {
   const auto refuse = static_cast<uint32_t>(SECCOMP_RET_ERRNO) | ENOSYS;
@@ -235,7 +247,7 @@ UniqueFd OpenTree(const std::string& path, bool& isDirectory) {
 
 // The bundle's files in memory of their own.
 UniqueFd Unpack(int bundle, const std::string& path) {
-  UniqueFd tree = MountMemory(kLargestBundle + kLargestManifest, kMostEntries);
+  UniqueFd tree = MountMemory(kLargestBundle + kLargestManifest, 2 * kMostEntries);
   UnpackBundle(bundle, path, tree.Get());
   return tree;
 }
@@ -254,6 +266,7 @@ void EnterSysroot(const std::string& directoryOrBundle) {
   const UniqueFd root = MountMemory(kRootSize, kRootFiles);
   ShowTree(tree.Get(), root.Get(), system);
   Require(::fchdir(root.Get()) == 0 && ::chroot(".") == 0 && ::chdir("/") == 0, "chroot");
+  ForgetVariables();
   RefuseFileSystemCalls();
   isInSysroot = true;
 }

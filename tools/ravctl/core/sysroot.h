@@ -12,6 +12,7 @@ namespace ravctl {
 // - a bundle is unpacked into memory and vanishes with the process
 // - device files of the tree are plain files or cannot be opened: no ioctl reaches a device of this machine
 // - the network namespace is an empty one; statfs and statvfs fail with ENOSYS
+// - the environment variables that configure the library are gone
 // - nothing in the tree can be executed: /usr, /bin, /sbin and /lib are always those of this machine, for the commands
 //   that the library runs, and so is /dev/null
 //

@@ -238,8 +238,9 @@ InventoryRecords ReadInventory(unsigned int parts) {
 }
 
 bool IsKernelVolume(const Json& volume) {
-  const Json& type = volume["type"];
-  return type.is_string() && std::ranges::find(kKernelTypes, type.get_ref<const std::string&>()) != kKernelTypes.end();
+  const auto type = volume.find("type");
+  return type != volume.end() && type->is_string() &&
+         std::ranges::find(kKernelTypes, type->get_ref<const std::string&>()) != kKernelTypes.end();
 }
 
 void WarnAboutRights(const InventoryRecords& records, Output& out) {
