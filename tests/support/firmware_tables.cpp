@@ -50,6 +50,9 @@ std::string EntryPoint32(uint32_t tableAddress, uint16_t tableLength, uint16_t s
   std::string bytes = "_SM_" + FromBytes({0, 31, 2, 8, 64, 0, 0, 0, 0, 0, 0, 0}) + "_DMI_" + FromBytes({0}) +
                       LittleEndian(tableLength, 2) + LittleEndian(tableAddress, 4) + LittleEndian(structures, 2) +
                       FromBytes({0x28});
+  std::string intermediate = bytes.substr(16);
+  SetChecksum(intermediate, 5, intermediate.size());
+  bytes.replace(16, intermediate.size(), intermediate);
   SetChecksum(bytes, 4, bytes.size());
   return bytes;
 }

@@ -1,0 +1,170 @@
+// ravctl smbios over sound and damaged tables.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "ravctl/tool_machine.h"
+#include "support/firmware_tables.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+constexpr const char* kEntryPoint = "/sys/firmware/dmi/tables/smbios_entry_point";
+constexpr const char* kTable = "/sys/firmware/dmi/tables/DMI";
+
+std::string Bytes(std::initializer_list<unsigned int> values) {
+  std::string bytes;
+  for (const unsigned int value : values)
+    bytes += static_cast<char>(value);
+  return bytes;
+}
+
+// The system, a memory module and a slot.
+SmbiosTable SoundTable() {
+  const std::string uuid = Bytes({0x33, 0x22, 0x11, 0x00, 0x55, 0x44, 0x77, 0x66, 8, 9, 10, 11, 12, 13, 14, 15});
+  const std::string module = LittleEndian(0x1000, 2) + LittleEndian(0xFFFE, 2) + LittleEndian(72, 2) +
+                             LittleEndian(64, 2) + LittleEndian(0x7FFF, 2) + Bytes({9, 0, 1, 0, 26, 0, 0}) +
+                             LittleEndian(3200, 2) + Bytes({2, 0, 0, 3, 0}) + LittleEndian(65536, 4) +
+                             LittleEndian(2933, 2);
+  SmbiosTable table;
+  table.Add(1, Bytes({1, 2, 0, 3}) + uuid + Bytes({6, 0, 0}), {"Kestrel", "Server \x1b[2J", "S-77"});
+  table.Add(17, module, {"DIMM A1", "Raven", "RV-64G"});
+  table.AddSlot({.id = 4, .type = 0xAA, .bus = 0x17});
+  return table;
+}
+
+void Write(const ToolRoot& machine, const std::string& table, const std::string& entryPoint = "") {
+  machine.WriteFile(kTable, table);
+  machine.WriteFile(kEntryPoint,
+                    entryPoint.empty() ? EntryPoint64(0, static_cast<uint32_t>(table.size())) : entryPoint);
+}
+
+TEST(Smbios, ListAndShow) {
+  const ToolRoot machine;
+  Write(machine, SoundTable().Add(200, "\x01\x02", {"own"}).AddEnd().Bytes());
+  EXPECT_EQ(machine.Ravctl({"smbios", "list"}).out,
+            "HANDLE TYPE LENGTH NAME               FIRST STRING\n"
+            "0x0000    1     27 System Information Kestrel\n"
+            "0x0001   17     34 Memory Device      DIMM A1\n"
+            "0x0002    9     17 System Slot        Slot\n"
+            "0x0003  200      6 OEM-specific       own\n"
+            "0x0004  127      4 End Of Table       -\n");
+  const std::string system = machine.Ravctl({"smbios", "show", "1"}).out;
+  EXPECT_THAT(system, HasSubstr("0x0000  System Information  (type 1, 27 bytes)\n  Manufacturer   Kestrel\n"));
+  EXPECT_THAT(system, HasSubstr("  Product Name   Server \\x1b[2J\n  Version        -\n  Serial Number  S-77\n"));
+  EXPECT_THAT(system, HasSubstr("  UUID           00112233-4455-6677-0809-0a0b0c0d0e0f\n"));
+  EXPECT_THAT(machine.Ravctl({"smbios", "show", "0x0003"}).out,
+              HasSubstr("String 1   own\n  Bytes      C80603000102\n"));
+
+  const nlohmann::json module = machine.Json({"smbios", "show", "memory dev"})["data"][0];
+  const auto value = [&module](const std::string& name) {
+    for (const nlohmann::json& field : module["fields"]) {
+      if (field["name"] == name) return field["value"].is_null() ? "-" : field["value"].get<std::string>();
+    }
+    return std::string("no such field");
+  };
+  EXPECT_EQ(value("Size") + "|" + value("Extended Size") + "|" + value("Type") + "|" + value("Speed"),
+            "-|64G|DDR4|3200 MT/s");
+  EXPECT_EQ(value("Array Handle") + "|" + value("Total Width") + "|" + value("Part Number"), "0x1000|72 bit|RV-64G");
+  EXPECT_EQ(value("Configured Voltage"), "no such field");  // behind the end of the structure
+}
+
+TEST(Smbios, DumpWritesNewFilesOfTheCallerAlone) {
+  const ToolRoot machine;
+  const std::string table = SoundTable().AddEnd().Bytes();
+  Write(machine, table);
+  EXPECT_EQ(machine.Ravctl({"smbios", "dump", "--raw", "/tmp/t", "--entry-point", "/tmp/e"}).status, 0);
+  EXPECT_EQ(machine.ReadFile("/tmp/t"), table);
+  EXPECT_EQ(machine.ReadFile("/tmp/e"), machine.ReadFile(kEntryPoint));
+  EXPECT_EQ(machine.Mode("/tmp/t") & 07777, 0600U);
+  const ToolResult again = machine.Ravctl({"smbios", "dump", "--raw", "/tmp/t"});
+  EXPECT_EQ(again.status, 2);
+  EXPECT_EQ(again.err, "ravctl: smbios dump: the file exists and is not overwritten: /tmp/t (choose another name)\n");
+  EXPECT_THAT(machine.Ravctl({"smbios", "dump"}).out, HasSubstr("0000: 5F 53 4D 33 5F"));
+  EXPECT_EQ(machine.Json({"smbios", "dump"})["data"]["table"].get<std::string>().size(), 2 * table.size());
+}
+
+TEST(Smbios, VerifyFindsEveryDamage) {
+  const std::string sound = SoundTable().AddEnd().Bytes();
+  const std::string entry32 = EntryPoint32(0, static_cast<uint16_t>(sound.size()), 4);
+  const auto changed = [](std::string bytes, size_t at, char value) {
+    bytes[at] = value;
+    return bytes;
+  };
+  struct Row {
+    std::string table, entryPoint;
+    int status;
+    const char* finding;  // of the first line that is not ok
+  };
+  const Row rows[] = {
+      {sound, "", 0, nullptr},
+      {sound, entry32, 0, nullptr},
+      {sound, EntryPoint32(0, static_cast<uint16_t>(sound.size()), 5), 5, "announced 5 structures, found 4"},
+      {sound, EntryPoint32(0, 9, 4), 5, "announced 9 bytes, found "},
+      {sound, EntryPoint64(0, 40), 5, "announced at most 40 bytes, found "},
+      {sound, changed(entry32, 30, 0), 5, "the bytes sum to 0x"},
+      {sound, changed(entry32, 5, 99), 5, "says 99 bytes, 31 found"},
+      {sound, "_XX_" + entry32.substr(4), 5, "neither _SM_ nor _SM3_"},
+      {sound.substr(0, 60), "", 5, "SMBIOS structure pointer exceeds structure table end"},
+      {SoundTable().Bytes(), "", 5, "the table does not end with a structure of type 127"},
+      {changed(sound, 1, 3), "", 5, "says 3 bytes, less than its header"},
+      {sound + "rest", EntryPoint64(0, 500), 0, "4 bytes behind the last structure"},
+      {SmbiosTable().Add(1, Bytes({9, 0, 0, 0}), {"one"}).AddEnd().Bytes(), "", 0,
+       "a field names string 9, there are 1"},
+      {changed(sound, sound.size() - 4, 0), "", 0, "2 structures have this handle"},
+  };
+  for (const Row& row : rows) {
+    const ToolRoot machine;
+    Write(machine, row.table, row.entryPoint);
+    const nlohmann::json answer = machine.Json({"smbios", "verify"}, row.status);
+    std::string findings;
+    for (const nlohmann::json& line : answer["data"]) {
+      if (line["health"] != "ok") findings += line["finding"].get<std::string>() + "\n";
+    }
+    EXPECT_THAT(findings, row.finding == nullptr ? ::testing::Matcher<std::string>("") : HasSubstr(row.finding));
+  }
+}
+
+TEST(Smbios, WhatCouldBeReadIsShownAndFaultsAreOneLine) {
+  const ToolRoot machine;
+  const std::string sound = SoundTable().AddEnd().Bytes();
+  Write(machine, sound.substr(0, 60));
+  const nlohmann::json answer = machine.Json({"smbios", "list"}, 5);
+  EXPECT_THAT(Values(answer["data"], "type"), ElementsAre("1", "17"));
+  EXPECT_EQ(answer["warnings"][0]["what"], "the SMBIOS table is damaged");
+
+  struct Row {
+    std::vector<std::string> arguments;
+    int status;
+    const char* line;
+  };
+  const Row rows[] = {
+      {{"smbios", "show", "0x10000"},
+       2,
+       "ravctl: smbios show: no handle, type or name of a type: 0x10000 (a handle is 0x0011, a type 17)\n"},
+      {{"smbios", "list", "256"},
+       2,
+       "ravctl: smbios list: no handle, type or name of a type: 256 (a handle is 0x0011, a type 17)\n"},
+      {{"smbios", "list", "Procesor"},
+       2,
+       "ravctl: smbios list: no handle, type or name of a type: Procesor (did you mean 'Processor'?)\n"},
+      {{"smbios", "dump", "--raw", "/none/t"},
+       4,
+       "ravctl: smbios dump: cannot create: /none/t: No such file or directory (check the path)\n"},
+  };
+  for (const Row& row : rows) {
+    const ToolResult result = machine.Ravctl(row.arguments);
+    EXPECT_EQ(result.status, row.status) << result.err;
+    EXPECT_EQ(result.err, row.line);
+  }
+  Write(machine, sound);
+  EXPECT_EQ(machine.Ravctl({"smbios", "show", "baseboard"}).status, 1);
+  const ToolRoot bare;
+  EXPECT_EQ(bare.Ravctl({"smbios", "list"}).err,
+            "ravctl: smbios list: this machine has no SMBIOS data: /sys/firmware/dmi/tables/DMI (virtual machines may "
+            "have none)\n");
+}
+
+}  // namespace

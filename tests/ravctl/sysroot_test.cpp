@@ -1,0 +1,181 @@
+// Answers for a captured tree: what of this machine may be seen, and what a bundle may do.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <sys/statvfs.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <functional>
+
+#include "ravctl/archive_file.h"
+#include "ravctl/core/sysroot.h"
+#include "ravctl/ravctl_runner.h"
+
+using ::testing::HasSubstr;
+
+namespace {
+
+constexpr const char* kConfiguration = "etc/norrow/QuennetSuite/TraceConfig/ravd_trace.ini";
+constexpr const char* kSection = "[ravd]\nFileDebugLevel=4\n[EndOfFile]\n";
+
+std::string LevelOf(const nlohmann::json& answer) {
+  return answer["data"]["settings"][0]["value"];
+}
+
+}  // namespace
+
+TEST(Sysroot, ShowsTheTreeAndNothingOfThisMachine) {
+  const ToolRoot machine;
+  machine.WriteFile("/this-machine", "");
+  machine.WriteFile("/tree/etc/name", "tree");
+  machine.WriteFile("/tree/dev/mem", "memory");
+  machine.WriteFile("/tree/usr/bin/true", "#!/bin/sh\nexit 7\n", 0755);
+  machine.WriteFile("/tree/tool", "#!/bin/sh\nexit 0\n", 0755);
+  machine.MakeLink("/tree/up", "../../this-machine");
+  machine.Run(
+      [] {
+        ravctl::EnterSysroot("/tree");
+        EXPECT_TRUE(ravctl::IsInSysroot());
+        EXPECT_EQ(ReadWholeFile("/etc/name"), "tree");
+        EXPECT_EQ(ReadWholeFile("/dev/mem"), "memory");
+        EXPECT_NE(::access("/this-machine", F_OK), 0);
+        EXPECT_NE(::access("/up", F_OK), 0);
+        // Read-only, without a network, a file system or a program of its own.
+        EXPECT_EQ(::open("/etc/name", O_WRONLY), -1);
+        EXPECT_EQ(errno, EROFS);
+        EXPECT_EQ(::if_nametoindex("eth0"), 0U);
+        struct statvfs info {};
+        EXPECT_EQ(::statvfs("/etc", &info), -1);
+        EXPECT_EQ(errno, ENOSYS);
+        EXPECT_EQ(::access("/tool", X_OK), -1);
+        EXPECT_EQ(std::system("/usr/bin/true 2>/dev/null"), 0);
+        EXPECT_EQ(std::system("/tool 2>/dev/null") >> 8, 126);
+      },
+      FixtureRoot::kUsr);
+  EXPECT_FALSE(machine.Exists("/tree/bin")) << "the tree was changed";
+}
+
+TEST(Sysroot, AnswersFromDirectoryAndBundleAndForUsers) {
+  const ToolRoot machine;
+  machine.WriteFile(std::string("/tree/") + kConfiguration, kSection);
+  machine.WriteFile("/tree.tar.gz", ArchiveFile().File(std::string("./") + kConfiguration, kSection).Bytes());
+  for (const char* tree : {"/tree", "/tree.tar.gz"}) {
+    // The environment is that of another machine.
+    const nlohmann::json answer = machine.Json({"trace", "config", "--sysroot", tree}, 0, {"QN_LOG_DEBUG_LEVEL=6"});
+    EXPECT_EQ(LevelOf(answer), "4");
+    EXPECT_EQ(answer["root"], tree);
+  }
+  if (::geteuid() != 0) return;
+  const std::string command = "setpriv --reuid 65534 --regid 65534 --clear-groups " RAVCTL_BINARY
+                              " trace config --sysroot " +
+                              machine.HostPath("/tree").string() + " > " + machine.HostPath("/out").string() + " 2>&1";
+  const int status = std::system(command.c_str()) >> 8;
+  const std::string text = machine.ReadFile("/out");
+  if (status == 3) GTEST_SKIP() << text;
+  EXPECT_EQ(status, 0) << text;
+  EXPECT_THAT(text, HasSubstr("FileDebugLevel"));
+}
+
+TEST(Sysroot, RefusesWhatIsNoTreeAndWhatChangesAnything) {
+  struct Row {
+    std::vector<std::string> arguments;
+    int status;
+    const char* line;
+  };
+  const Row rows[] = {
+      {{"doctor", "--sysroot", "/none"},
+       4,
+       "ravctl: doctor: cannot open the tree: /none: No such file or directory (check the path)\n"},
+      {{"doctor", "--sysroot", "/dev/null"},
+       4,
+       "ravctl: doctor: neither a directory nor a bundle: /dev/null (see ravctl bundle --help)\n"},
+      {{"--sysroot", "/tree", "trace", "level", "3"},
+       2,
+       "ravctl: trace level: it does more than read a captured tree: --sysroot /tree (leave the option out)\n"},
+      {{"--sysroot", "/tree", "bundle", "/x.tar.gz"},
+       2,
+       "ravctl: bundle: it does more than read a captured tree: --sysroot /tree (leave the option out)\n"},
+      {{"doctor", "--sysroot"}, 2, "ravctl: --sysroot: 1 required TREE missing: doctor (see ravctl doctor --help)\n"},
+  };
+  const ToolRoot machine;
+  machine.MakeDirectory("/tree");
+  for (const Row& row : rows) {
+    const ToolResult result = machine.Ravctl(row.arguments);
+    EXPECT_EQ(result.status, row.status) << row.line;
+    EXPECT_EQ(result.err, row.line);
+    EXPECT_EQ(result.out, "");
+  }
+}
+
+TEST(Sysroot, HostileBundlesAreRefused) {
+  const auto good = [] { return ArchiveFile().File("etc/a", std::string(5000, 'a')).File("etc/b", "b").Bytes(); };
+  const auto manifest = [](const std::string& entry) {
+    return R"({"schema":"ravctl/bundle-manifest","version":1,"entries":[)" + entry + "]}";
+  };
+  struct Row {
+    const char* name;
+    std::function<std::string()> make;
+    const char* why;
+  };
+  const Row rows[] = {
+      {"dots", [] { return ArchiveFile().File("../x", "").Bytes(); }, "leads out of the tree or is none: ../x"},
+      {"inner dots", [] { return ArchiveFile().File("etc/../../x", "").Bytes(); }, "leads out of the tree or is none"},
+      {"absolute", [] { return ArchiveFile().File("/x", "").Bytes(); }, "leads out of the tree or is none: /x"},
+      {"link out", [] { return ArchiveFile().Link("etc/l", "../../x").Bytes(); }, "a link that leads out of the tree"},
+      {"through a link", [] { return ArchiveFile().Link("etc", "/tmp").File("etc/x", "").Bytes(); },
+       "a path through what is no directory: etc/x"},
+      {"over a link", [] { return ArchiveFile().Link("x", "/tmp/x").File("x", "").Bytes(); },
+       "two entries of one path"},
+      {"hard link", [] { return ArchiveFile().File("a", "").HardLink("b", "a").Bytes(); }, "a hard link: b"},
+      {"device", [] { return ArchiveFile().Device("dev/mem").Bytes(); }, "neither file, directory nor link: dev/mem"},
+      {"sparse", [] { return ArchiveFile().Sparse("etc/pelrix/registry", size_t{1} << 29).Bytes(); },
+       "a file that is too large"},
+      {"entries",
+       [] {
+         ArchiveFile file;
+         for (int number = 0; number <= 100000; ++number)
+           file.Directory("d" + std::to_string(number));
+         return file.Bytes();
+       },
+       "too many entries"},
+      {"deep",
+       [] {
+         std::string path = "d";
+         for (int depth = 0; depth < 100; ++depth)
+           path += "/d";
+         return ArchiveFile().File(path, "").Bytes();
+       },
+       "leads out of the tree or is none"},
+      {"cut", [&] { return good().substr(0, good().size() - 20); }, "the bundle is damaged"},
+      {"text", [] { return std::string(10000, 'x'); }, "it is cut short, or neither tar.gz nor tar.zst"},
+      {"empty", [] { return std::string(); }, "the bundle is damaged"},
+      {"changed",
+       [&] {
+         return ArchiveFile()
+             .File("etc/a", "a")
+             .File("manifest.json", manifest(R"({"path":"etc/a","type":"file","size":1,"crc32":1})"))
+             .Bytes();
+       },
+       "it holds another etc/a than it says"},
+      {"incomplete",
+       [&] { return ArchiveFile().File("manifest.json", manifest(R"({"path":"etc/a","type":"file"})")).Bytes(); },
+       "it lacks etc/a"},
+      {"manifest", [] { return ArchiveFile().File("manifest.json", R"([{"schema":5}])").Bytes(); },
+       "its manifest is none"},
+  };
+  const ToolRoot machine;
+  machine.WriteFile("/bundle", good());
+  EXPECT_EQ(machine.Ravctl({"trace", "config", "--sysroot", "/bundle"}).status, 0);
+  for (const Row& row : rows) {
+    machine.WriteFile("/bundle", row.make());
+    const ToolResult result = machine.Ravctl({"trace", "config", "--sysroot", "/bundle"});
+    EXPECT_EQ(result.status, 5) << row.name << result.err;
+    EXPECT_THAT(result.err, HasSubstr(row.why)) << row.name;
+    EXPECT_EQ(result.out, "") << row.name;
+    EXPECT_FALSE(machine.Exists("/x") || machine.Exists("/tmp/x")) << row.name;
+  }
+}

@@ -1,0 +1,61 @@
+// slots: the card slots of the machine as its firmware describes them.
+
+#include "ravctl/commands/slots.h"
+
+#include "ravctl/core/command.h"
+#include "ravctl/hardware/record.h"
+#include "ravctl/hardware/slot_records.h"
+
+namespace ravctl {
+
+namespace {
+
+struct Options {
+  RecordFilter filter;
+  bool withOnboard = false;
+};
+
+std::string Number(const Json& number) {
+  return number == 0 ? "onboard" : number.dump();
+}
+
+ExitCode RunSlots(const Options& options, Output& out) {
+  const Json all = ReadSlotRecords(options.withOnboard);
+  WarnWithoutSlots(out);
+  if (all.empty() && out.Warnings() == 0) out.Warn("no table of the firmware describes a slot", "SMBIOS and $PIR");
+  const Json slots = options.filter.Select(all);
+  Table table({{.key = "number", .heading = "SLOT", .format = Number},
+               {.key = "designation", .heading = "DESIGNATION"},
+               {.key = "type", .heading = "TYPE"},
+               {.key = "usage", .heading = "USE"},
+               {.key = "address", .heading = "ADDRESS"},
+               {.key = "card", .heading = "CARD"},
+               {.key = "sources", .heading = "SAID BY"},
+               {.key = "width", .heading = "WIDTH", .isUsual = false},
+               {.key = "length", .heading = "LENGTH", .isUsual = false},
+               {.key = "functions", .heading = "FUNCTIONS", .isUsual = false},
+               {.key = "is_onboard", .heading = "ONBOARD", .isUsual = false}});
+  for (const Json& slot : slots)
+    table.Add(slot);
+  out.Print({"slots"}, table);
+  return table.Size() > 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
+}
+
+}  // namespace
+
+void RegisterSlots(CLI::App& root) {
+  auto options = std::make_shared<Options>();
+  CLI::App& slots = AddCommand(root,
+                               {"slots",
+                                "Show the card slots, what is in them, and which firmware table says so",
+                                {{"ravctl slots", "number, type, use and card of each slot"},
+                                 {"ravctl slots --usage Available", "where a card could go"},
+                                 {"ravctl slots --onboard -o +functions", "the devices of the board too"}}},
+                               [options](Output& out) { return RunSlots(*options, out); });
+  slots.add_flag("--onboard", options->withOnboard, "The devices of the board too, which have no slot");
+  options->filter.AddOption(slots, "--usage", "usage", "Only in this use: 'In use', Available, Unavailable");
+  options->filter.AddOption(slots, "--type", "type", "Only of this type: 'PCIe*'");
+  options->filter.AddMatchOption(slots);
+}
+
+}  // namespace ravctl

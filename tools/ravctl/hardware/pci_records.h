@@ -1,0 +1,21 @@
+#pragma once
+
+#include <vector>
+
+#include "ravctl/core/output.h"
+
+namespace ravctl {
+
+// The PCI functions in address order as JSON objects, as schemas/pci.json describes them: what their header says, the
+// driver, the slot and where its number comes from, and the bridge in front.
+Json ReadPciRecords();
+
+// The records in the order of a tree, each behind the bridge in front of it. A bridge that stands behind itself in a
+// damaged machine is shown once.
+struct PciTreeRow {
+  const Json* record;
+  std::optional<size_t> parent;  // index of a row before this one
+};
+std::vector<PciTreeRow> BuildPciTree(const Json& records);
+
+}  // namespace ravctl
