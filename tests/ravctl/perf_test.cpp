@@ -43,7 +43,8 @@ void Fill(const ToolRoot& machine) {
   machine.WriteFile("/proc/net/dev", NetDev(1000, 2000));
 }
 
-// What a terminal of that size shows, for the control sequences that the tool is expected to send.
+// What a terminal of that size shows from the first erasing of the whole screen on, for the control sequences that the
+// tool is expected to send. What comes before was drawn for the size before.
 class Picture {
  public:
   Picture(size_t lines, size_t columns) : m_Cells(lines, std::vector<std::string>(columns, " ")) {}
@@ -83,6 +84,7 @@ class Picture {
   }
 
   void Apply(const std::string& sequence) {
+    if (!m_IsErased && sequence != "\x1b[2J") return;
     if (sequence[0] != '\x1b') return Put(sequence);
     if (sequence[1] != '[' || sequence[2] == '?' || sequence[2] == '>') return;
     const int first = std::atoi(sequence.c_str() + 2);
@@ -120,6 +122,7 @@ class Picture {
         if (first == 0) Blank(m_Line, m_Column, m_Cells[0].size());
         break;
       case 'J':
+        m_IsErased = m_IsErased || first == 2;
         for (size_t line = first == 2 ? 0 : m_Line; line < m_Cells.size(); ++line)
           Blank(line, line == m_Line && first == 0 ? m_Column : 0, m_Cells[0].size());
         break;
@@ -158,6 +161,7 @@ class Picture {
   size_t m_Line = 0, m_Column = 0;
   std::string m_Rest, m_Last;
   bool m_HasColors = false;
+  bool m_IsErased = false;
 };
 
 // Opened on the machine outside, because a fixture has none.

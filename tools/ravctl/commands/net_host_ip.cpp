@@ -97,7 +97,8 @@ void AddNetHostIp(CLI::App& net) {
                  {"host-ip",
                   "Show which addresses stand for this machine, and why these",
                   {{"ravctl net host-ip", "the interfaces in the order of the choice, and what became of each"},
-                   {"ravctl net host-ip -4 --short", "the IPv4 address alone, for a script; status 1 without one"}}},
+                   {"ravctl net host-ip -4 --short", "the IPv4 address alone, for a script; status 1 without one"}},
+                  Effect::kChanges},
                  [options](Output& out) { return RunHostIp(*options, out); });
   hostIp.add_option("--index", options->index, "Which of the usable addresses, from 0 (usually 0)")
       ->type_name("N")

@@ -105,7 +105,8 @@ void AddNetList(CLI::App& net) {
                   "List the network interfaces: state, hardware, addresses and traffic",
                   {{"ravctl net list", "all of them, with what passed through since they came up"},
                    {"ravctl net list --up --rates", "what passes through those that are up, over a second"},
-                   {"ravctl net list 'e*' -o name,rx_errors,tx_errors", "errors of those named e..."}}},
+                   {"ravctl net list 'e*' -o name,rx_errors,tx_errors", "errors of those named e..."}},
+                  Effect::kChanges},
                  [options](Output& out) { return RunList(*options, out); });
   list.add_option("PATTERN", options->patterns, "Only interfaces of these names; * and ? stand for others");
   list.add_flag("--up", options->onlyUp, "Only interfaces that are up and connected");

@@ -53,7 +53,8 @@ void AddNetRoutes(CLI::App& net) {
                  {"routes",
                   "List the routes of the main IPv4 table",
                   {{"ravctl net routes", "in the order of the kernel"},
-                   {"ravctl net routes -i eth0 -o destination,gateway", "where eth0 leads, in two columns"}}},
+                   {"ravctl net routes -i eth0 -o destination,gateway", "where eth0 leads, in two columns"}},
+                  Effect::kChanges},
                  [interface](Output& out) { return RunRoutes(*interface, out); });
   routes.add_option("-i,--interface", *interface, "Only routes through this interface")->type_name("NAME");
 }

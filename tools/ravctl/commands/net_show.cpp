@@ -93,7 +93,8 @@ void AddNetShow(CLI::App& net) {
       net,
       {"show",
        "Show every property of one network interface",
-       {{"ravctl net show lo", "as a list"}, {"ravctl net show lo --json", "as an object with the same names"}}},
+       {{"ravctl net show lo", "as a list"}, {"ravctl net show lo --json", "as an object with the same names"}},
+       Effect::kChanges},
       [name](Output& out) { return RunShow(*name, out); });
   show.add_option("NAME", *name, "The interface")->required();
 }

@@ -184,7 +184,8 @@ void AddNetWatch(CLI::App& net) {
       {"watch",
        "Show changes of the network interfaces as they happen (of IPv6 addresses, together with the next other one)",
        {{"ravctl net watch --timeout 60", "for a minute; status 1 when nothing changed"},
-        {"ravctl net watch -i eth0 --count 1 --json --timeout 5", "the next change of eth0, as a JSON object"}}},
+        {"ravctl net watch -i eth0 --count 1 --json --timeout 5", "the next change of eth0, as a JSON object"}},
+       Effect::kChanges},
       [options](Output& out) { return RunWatch(*options, out); });
   watch.add_option("-i,--interface", options->interface, "Only changes of this interface")->type_name("NAME");
   watch.add_option("-n,--count", options->count, "End after so many changes")

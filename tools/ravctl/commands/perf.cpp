@@ -202,7 +202,8 @@ void RegisterPerf(CLI::App& root) {
                   {{"ravctl perf", "over half a second"},
                    {"ravctl perf --interval 5 --json", "over five seconds, as an object"},
                    {"ravctl perf --interval 1 --count 3", "three rows, one a second"},
-                   {"ravctl perf --count 2 -o time,cpu,memory,received,sent", "two rows of chosen columns"}}},
+                   {"ravctl perf --count 2 -o time,cpu,memory,received,sent", "two rows of chosen columns"}},
+                  Effect::kChanges},
                  [options](Output& out) { return RunPerf(*options, out); });
   perf.add_option("--interval", options->interval, "Seconds that a sample covers (0.5, with --count 1)")
       ->type_name("SECONDS")

@@ -125,7 +125,8 @@ void AddPerfTop(CLI::App& perf) {
                              {"top",
                               "Draw the load of the last minutes in the terminal: processors, memory and network",
                               {{"ravctl perf top", "a sample a second; q quits, - and + show more or less time"},
-                               {"ravctl perf top --interval 5 -i eth0", "one in five seconds, of one interface"}}},
+                               {"ravctl perf top --interval 5 -i eth0", "one in five seconds, of one interface"}},
+                              Effect::kChanges},
                              [options](Output& out) { return RunTop(*options, out); });
   top.add_option("--interval", options->interval, "Seconds between two samples (1)")
       ->type_name("SECONDS")

@@ -89,6 +89,7 @@ void Screen::Resize() {
   winsize size{};
   if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0 && size.ws_col > 0) {
     ::resizeterm(size.ws_row, size.ws_col);
+    ::clearok(curscr, true);  // what the terminal made of the old picture is unknown
   }
 }
 
