@@ -5,6 +5,7 @@
 #include "ravctl/commands/bundle.h"
 #include "ravctl/commands/daemon_status.h"
 #include "ravctl/commands/doctor.h"
+#include "ravctl/commands/ini.h"
 #include "ravctl/commands/inventory.h"
 #include "ravctl/commands/module.h"
 #include "ravctl/commands/net.h"
@@ -20,6 +21,7 @@ namespace {
 constexpr auto kCommands = std::to_array<void (*)(CLI::App&)>({
     RegisterTrace,   //
     RegisterInventory,
+    RegisterIni,     //
     RegisterDaemon,  //
     RegisterModule,  //
     RegisterNet,     //
