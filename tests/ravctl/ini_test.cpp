@@ -84,8 +84,8 @@ TEST(Ini, GetAndSections) {
       {{kFile, "One", "empty", "--default", "9"}, 0, "9\n", ""},
       {{kFile, "Two", "e"}, 0, "\\x1b[31m\\xff\n", ""},
       {{kFile, "Two", "e", "--raw"}, 0, "\x1b[31m\xff\n", ""},
-      {{kFile, "One", "aa"}, 1, "", "ravctl: no such key: /etc/a.ini: [One] aa (did you mean a?)\n"},
-      {{kFile, "Ohne", "a"}, 1, "", "ravctl: no such section: /etc/a.ini: [Ohne] (did you mean [One]?)\n"},
+      {{kFile, "One", "aa"}, 1, "", "ravctl: warning: no such key: /etc/a.ini: [One] aa (did you mean a?)\n"},
+      {{kFile, "Ohne", "a"}, 1, "", "ravctl: warning: no such section: /etc/a.ini: [Ohne] (did you mean [One]?)\n"},
       {{"/no", "One", "a"}, 4, "", "ravctl: ini get: cannot open: /no: No such file or directory (check the path)\n"},
       {{"/no", "One", "a", "--default", "9"}, 0, "9\n", ""},
       {{"/dev/null", "One", "a"}, 4, "", "ravctl: ini get: cannot open: /dev/null: Operation not supported\n"},
@@ -120,7 +120,7 @@ TEST(Ini, SectionsAgreeWithTheLibrary) {
     std::string value;
     ini.GetString(value, row["section"].get<std::string>().c_str(), row["key"].get<std::string>().c_str(), "");
     EXPECT_EQ(row["read"], row["value"] == value && row["line"] != 8) << row;
-    read += row["read"] ? 1 : 0;
+    read += row["read"] ? 1U : 0U;
   }
   EXPECT_EQ(read, 4U) << keys;
 }
@@ -147,7 +147,8 @@ TEST(Ini, CheckTellsDamageFromOddities) {
   for (const Row& row : rows) {
     machine.WriteFile(kFile, row.content);
     std::string findings;
-    for (const nlohmann::json& finding : machine.Json({"ini", "check", kFile}, row.status)["data"]) {
+    const nlohmann::json answer = machine.Json({"ini", "check", kFile}, row.status);
+    for (const nlohmann::json& finding : answer["data"]) {
       findings += std::to_string(finding["line"].get<int>()) + ' ' + finding["severity"].get<std::string>() + ' ' +
                   finding["kind"].get<std::string>() + '\n';
     }
@@ -256,7 +257,7 @@ TEST(Ini, RefusesWhatAReaderWouldNotGet) {
     EXPECT_EQ(machine.ReadFile(kFile), content) << row.err;
   }
   EXPECT_EQ(machine.Ravctl({"ini", "del", kFile, "A", "k"}).err,
-            "ravctl: a further key of that name is read now: /etc/a.ini: [A] k=2 (delete it as well)\n");
+            "ravctl: warning: a further key of that name is read now: /etc/a.ini: [A] k=2 (delete it as well)\n");
   EXPECT_THAT(machine.Ravctl({"ini", "del", kFile, "D"}).err, HasSubstr("a further section of that name is read now"));
 }
 
