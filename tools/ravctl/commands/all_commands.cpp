@@ -5,11 +5,13 @@
 #include "ravctl/commands/bundle.h"
 #include "ravctl/commands/daemon_status.h"
 #include "ravctl/commands/doctor.h"
+#include "ravctl/commands/ini.h"
 #include "ravctl/commands/inventory.h"
 #include "ravctl/commands/module.h"
 #include "ravctl/commands/net.h"
-#include "ravctl/commands/perf.h"
 #include "ravctl/commands/pci.h"
+#include "ravctl/commands/perf.h"
+#include "ravctl/commands/registry.h"
 #include "ravctl/commands/shell_texts.h"
 #include "ravctl/commands/slots.h"
 #include "ravctl/commands/smbios.h"
@@ -21,17 +23,19 @@ namespace {
 
 // One line a command; the help shows them in this order.
 constexpr auto kCommands = std::to_array<void (*)(CLI::App&)>({
-    RegisterTrace,  //
+    RegisterDaemon,
+    RegisterTrace,
+    RegisterModule,
     RegisterInventory,
     RegisterPci,
     RegisterSlots,
     RegisterSmbios,
-    RegisterDaemon,  //
-    RegisterModule,  //
-    RegisterNet,     //
-    RegisterPerf,    //
-    RegisterDoctor,  //
-    RegisterBundle,  //
+    RegisterPerf,
+    RegisterNet,
+    RegisterRegistry,
+    RegisterIni,
+    RegisterBundle,
+    RegisterDoctor,
     RegisterShellTexts,
 });
 
