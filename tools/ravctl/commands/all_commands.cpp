@@ -2,9 +2,13 @@
 
 #include <array>
 
+#include "ravctl/commands/bundle.h"
 #include "ravctl/commands/daemon_status.h"
 #include "ravctl/commands/doctor.h"
+#include "ravctl/commands/inventory.h"
 #include "ravctl/commands/module.h"
+#include "ravctl/commands/net.h"
+#include "ravctl/commands/perf.h"
 #include "ravctl/commands/shell_texts.h"
 #include "ravctl/commands/trace.h"
 
@@ -15,9 +19,13 @@ namespace {
 // One line a command; the help shows them in this order.
 constexpr auto kCommands = std::to_array<void (*)(CLI::App&)>({
     RegisterTrace,   //
+    RegisterInventory,
     RegisterDaemon,  //
     RegisterModule,  //
+    RegisterNet,     //
+    RegisterPerf,    //
     RegisterDoctor,  //
+    RegisterBundle,  //
     RegisterShellTexts,
 });
 

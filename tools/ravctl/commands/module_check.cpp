@@ -239,7 +239,8 @@ void AddModuleCheck(CLI::App& module) {
       {"check",
        "Check a module switch library: symbols, interface, and who may write to it; exit status 1 when a check fails",
        {{"ravctl module check /usr/lib/ravd/libswitch.so", "loads it in a child and looks at its interface"},
-        {"ravctl module check --no-load ./libswitch.so", "without running any of its code"}}},
+        {"ravctl module check --no-load ./libswitch.so", "without running any of its code"}},
+       Effect::kChanges},
       [options](Output& out) { return RunCheck(options->library, options->loads, out); });
   check.add_option("LIB", options->library, "The library")->required();
   check.add_flag("--no-load{false}", options->loads, "Read the file only, run nothing of it");

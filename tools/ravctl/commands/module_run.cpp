@@ -183,7 +183,8 @@ void AddModuleRun(CLI::App& module) {
                  {"run",
                   "Load, start, stop and unload a module switch in a child, as the daemon does, and show its trace",
                   {{"ravctl module run ./libswitch.so", "let its modules run for two seconds"},
-                   {"ravctl module run ./libswitch.so --seconds 60 --timeout 90", "a longer run with a longer limit"}}},
+                   {"ravctl module run ./libswitch.so --seconds 60 --timeout 90", "a longer run with a longer limit"}},
+                  Effect::kChanges},
                  [options](Output& out) { return RunRun(*options, out); });
   run.add_option("LIB", options->library, "The library")->required();
   run.add_option("-s,--seconds", options->seconds, "How long the modules run (usually 2)")->type_name("N");

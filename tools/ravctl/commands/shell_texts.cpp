@@ -112,7 +112,7 @@ void AppendCommand(const CLI::App& command, std::string& text) {
   if (RunFunctionOf(command) != nullptr) {
     text += ".SS ravctl " + Roff(FullName(command)) + "\n" + Roff(command.get_description()) + ".\n";
     AppendOptions(command, text);
-    for (const Example& example : ExamplesOf(command))
+    for (const Example& example : TextOf(command).examples)
       text += ".PP\n.nf\n    " + Roff(example.command) + "\n.fi\n.RS 8\n" + Roff(example.meaning) + "\n.RE\n";
   }
   for (const CLI::App* below : Below(command))

@@ -191,7 +191,8 @@ void AddTraceToggle(CLI::App& trace) {
   AddCommand(trace,
              {"toggle",
               "Switch the trace of the running daemon on or off (SIGHUP)",
-              {{"ravctl trace toggle", "off when it is on, on with the configured level when it is off"}}},
+              {{"ravctl trace toggle", "off when it is on, on with the configured level when it is off"}},
+              Effect::kChanges},
              [](Output& out) { return RunToggle(out); });
 }
 
@@ -206,7 +207,8 @@ void AddTraceLevel(CLI::App& trace) {
                  {"level",
                   "Write the trace level into the configuration, and say when it takes effect",
                   {{"ravctl trace level 5", "of the daemon: 1 errors, 2 steps, 3 details ... 6 everything"},
-                   {"ravctl trace level 0 --app mytool", "of another application: off"}}},
+                   {"ravctl trace level 0 --app mytool", "of another application: off"}},
+                  Effect::kChanges},
                  [options](Output& out) { return RunLevel(options->application, options->level, out); });
   level.add_option("LEVEL", options->level, "0 to 6")->required()->check(CLI::Range(0, 6).description(""));
   level.add_option("--app", options->application, "Application, usually ravd")->type_name("NAME");

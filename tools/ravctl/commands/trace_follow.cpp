@@ -222,7 +222,8 @@ void AddTraceFollow(CLI::App& trace) {
                   "Show the newest entries of a trace and go on with what is added, over wraps and restarts",
                   {{"ravctl trace follow", "the daemon's ring buffers, until Ctrl-C"},
                    {"ravctl trace follow -n 0 -g ERROR --json", "errors from now on, one JSON object a line"},
-                   {"ravctl trace follow --pid 1234", "until process 1234 has ended"}}},
+                   {"ravctl trace follow --pid 1234", "until process 1234 has ended"}},
+                  Effect::kChanges},
                  [options](Output& out) { return RunFollow(*options, out); });
   AddSourceOptions(follow, options->source);
   options->filter.AddOptions(follow);

@@ -9,7 +9,7 @@ namespace {
 
 struct CommandRecord {
   RunFunction run;
-  std::vector<Example> examples;
+  CommandText text;
 };
 
 std::map<const CLI::App*, CommandRecord>& Records() {
@@ -37,7 +37,7 @@ CLI::App& AddCommand(CLI::App& parent, const CommandText& text, RunFunction run)
   if (text.examples.empty()) throw std::logic_error("no example for the command " + text.name);
   CLI::App& command = AddSubcommand(parent, text.name, text.summary);
   command.footer(Footer(text.examples));
-  Records()[&command] = {std::move(run), text.examples};
+  Records()[&command] = {std::move(run), text};
   return command;
 }
 
@@ -50,10 +50,10 @@ const RunFunction* RunFunctionOf(const CLI::App& command) {
   return found != Records().end() ? &found->second.run : nullptr;
 }
 
-const std::vector<Example>& ExamplesOf(const CLI::App& command) {
-  static const std::vector<Example> none;
+const CommandText& TextOf(const CLI::App& command) {
+  static const CommandText none;
   const auto found = Records().find(&command);
-  return found != Records().end() ? found->second.examples : none;
+  return found != Records().end() ? found->second.text : none;
 }
 
 std::string FullName(const CLI::App& command) {

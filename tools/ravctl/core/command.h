@@ -43,10 +43,19 @@ struct Example {
   std::string meaning;  // "the newest 20 entries"
 };
 
+enum class Effect {
+  kReads,    // it answers for a captured tree as well
+  kChanges,  // it changes, starts or waits for something of the running machine: --sysroot is refused
+};
+
 struct CommandText {
   std::string name;
   std::string summary;  // "Show the entries of a trace file"
   std::vector<Example> examples;
+  Effect effect = Effect::kReads;
+  // What of the answer the kernel tells by calls alone, so that a captured tree cannot hold it: "drive inquiries".
+  // With --sysroot it is warned of.
+  std::string liveOnly = {};
 };
 
 // Runs after the command line was understood. Failures are thrown as CommandError.
@@ -59,8 +68,8 @@ CLI::App& AddGroup(CLI::App& parent, const std::string& name, const std::string&
 
 // The function of a command, null for a bare group.
 const RunFunction* RunFunctionOf(const CLI::App& command);
-// The examples of a command.
-const std::vector<Example>& ExamplesOf(const CLI::App& command);
+// The text that a command was added with, an empty one for a bare group.
+const CommandText& TextOf(const CLI::App& command);
 
 // "trace show" for the command below the root.
 std::string FullName(const CLI::App& command);

@@ -7,11 +7,17 @@
 
 #include "ravctl/commands/all_commands.h"
 #include "ravctl/core/command.h"
+#include "ravctl/core/sysroot.h"
 #include "ravctl/core/text.h"
 
 namespace ravctl {
 
 namespace {
+
+struct GlobalOptions {
+  OutputOptions output;
+  std::string sysroot;  // empty: this machine
+};
 
 int Status(ExitCode code) {
   return static_cast<int>(code);
@@ -22,7 +28,8 @@ int Report(ExitCode code, const std::string& line) {
   return Status(code);
 }
 
-void AddGlobalOptions(CLI::App& root, OutputOptions& options) {
+void AddGlobalOptions(CLI::App& root, GlobalOptions& global) {
+  OutputOptions& options = global.output;
   root.add_flag("--json", options.json,
                 "One JSON object {schema, version, root, data, warnings}; one a line from "
                 "what follows or watches");
@@ -40,6 +47,9 @@ void AddGlobalOptions(CLI::App& root, OutputOptions& options) {
       ->type_name("WHEN")
       ->check(CLI::IsMember({"auto", "always", "never"}).description(""));
   root.add_flag("--no-headings", options.noHeadings, "Tables without their first line");
+  root.add_option("--sysroot", global.sysroot,
+                  "Answer for another machine, from its files: a directory or a bundle (see ravctl bundle)")
+      ->type_name("TREE");
   root.set_version_flag("-V,--version", std::string("ravctl ") + RAVCTL_VERSION, "Show the version");
   root.set_help_flag("-h,--help", "Show the help of the command");
 }
@@ -117,12 +127,26 @@ int Parse(CLI::App& root, int argc, char** argv, bool& isDone) {
   return 0;
 }
 
-int Run(CLI::App& root, const OutputOptions& options) {
+void EnterTree(const CommandText& command, const std::string& tree, Output& out) {
+  if (command.effect != Effect::kReads) {
+    throw CommandError(ExitCode::kUsage, "it does more than read a captured tree", "--sysroot " + tree,
+                       "leave the option out");
+  }
+  EnterSysroot(tree);
+  out.SetRoot(tree);
+  if (!command.liveOnly.empty()) {
+    out.Warn("a captured tree cannot hold what only a running kernel tells", command.liveOnly,
+             "ask on the machine itself");
+  }
+}
+
+int Run(CLI::App& root, const GlobalOptions& options) {
   const CLI::App& command = Chosen(root);
   const RunFunction* run = RunFunctionOf(command);
   if (run == nullptr) return ReportMissingCommand(command);
-  Output out(options);
+  Output out(options.output);
   try {
+    if (!options.sysroot.empty()) EnterTree(TextOf(command), options.sysroot, out);
     return Status((*run)(out));
   } catch (const CommandError& error) {
     out.Flush();
@@ -141,7 +165,7 @@ int RunTool(int argc, char** argv) {
     root.footer(
         "Exit status: 0 done, 1 nothing or a difference found, 2 usage, 3 permission, 4 input missing,\n"
         "5 input damaged, 6 daemon not running, 70 internal.\nravctl COMMAND --help tells more and gives examples.");
-    OutputOptions options;
+    GlobalOptions options;
     AddGlobalOptions(root, options);
     RegisterAllCommands(root);
     bool isDone = false;

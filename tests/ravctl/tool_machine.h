@@ -1,0 +1,46 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "inventory/server_machine.h"
+#include "ravctl/ravctl_runner.h"
+
+// A server with a card behind a bridge, a RAID controller with a disk, an NVMe drive and what is mounted of them. The
+// hardware is written to a tree of its own, which the tool's root takes over by Install.
+class ServerTree : public ServerMachine {
+ public:
+  ServerTree() {
+    WriteSlotTable(*this, {{3, 0x18, 0}, {4, 0x00, 1}});
+    Add("0000:00:01.0", 0x80862030, 0x060400, "", {.headerType = 0x81, .secondaryBus = 0x17});
+    Add("0000:17:00.0", 0x80861521, 0x020000, "igb", {.headerType = 0x80, .subVendor = 0x1734, .subDevice = 1});
+    Add("0000:18:00.0", 0x10000016, 0x010400, "megaraid_sas");
+    Add("0000:5e:00.0", 0x144DA808, 0x010802, "nvme");
+    AddInterface("eth7", "02:00:00:00:00:01", "../../../0000:17:00.0");
+    WriteFile("/etc/pelrix/Adapter.ini", "[8086]\nVendor=Kestrel\n1521=Quad \x1b[31mPort\n");
+    List("scsi0 Channel: 02 Id: 00 Lun: 00", "RAVEN", "RAID 5 Volume", "1.03", "Direct-Access");
+    AddLinked("0:2:0:0", "pci0000:17/0000:18:00.0/host0/target0:2:0/0:2:0:0");
+    MakeDirectory(Device("0:2:0:0") + "/block/sda");
+    List("scsi1 Channel: 00 Id: 03 Lun: 00", "KESTREL", "UBRIUM-TD4", "97F9", "Sequential-Access");
+    MakeLink("/sys/class/scsi_device/1:0:3:0/device/tape", "scsi_tape/st0");
+    MakeLink("/sys/block/nvme0n1", "../devices/pci0000:5d/0000:5e:00.0/nvme/nvme0/nvme0n1");
+    WriteFile("/etc/mtab",
+              "/dev/sda1 /system ext4 rw 0 0\n/dev/nvme0n1p2 /data xfs rw 0 0\nproc /proc proc rw 0 0\n"
+              "/dev/sdaa1 /other ext4 rw 0 0\n");
+  }
+
+  // Copies the tree below that place of the tool's root.
+  void Install(const ToolRoot& tool, const std::string& place = "/") const {
+    namespace fs = std::filesystem;
+    fs::copy(HostPath("/"), tool.HostPath(place),
+             fs::copy_options::recursive | fs::copy_options::copy_symlinks | fs::copy_options::overwrite_existing);
+  }
+};
+
+// The values of a key, null as "-".
+inline std::vector<std::string> Values(const nlohmann::json& rows, const char* key) {
+  std::vector<std::string> values;
+  for (const nlohmann::json& row : rows)
+    values.push_back(row[key].is_string() ? row[key].get<std::string>() : row[key].is_null() ? "-" : row[key].dump());
+  return values;
+}
