@@ -9,6 +9,7 @@
 #include "ravctl/commands/module.h"
 #include "ravctl/commands/net.h"
 #include "ravctl/commands/perf.h"
+#include "ravctl/commands/registry.h"
 #include "ravctl/commands/shell_texts.h"
 #include "ravctl/commands/trace.h"
 
@@ -21,6 +22,7 @@ constexpr auto kCommands = std::to_array<void (*)(CLI::App&)>({
     RegisterTrace,   //
     RegisterInventory,
     RegisterDaemon,  //
+    RegisterRegistry,
     RegisterModule,  //
     RegisterNet,     //
     RegisterPerf,    //
