@@ -14,7 +14,9 @@ cd "$source"
 packages=$source/build/package
 work=$source/build/install-test
 root=$work/root
+kit=$root/root/kit  # what was built from the development package
 given_root=${1:-}
+guide=docs/module-writers-guide.md
 version=$(sed -n 's/^project(ravd VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 next=${version%.*}.$((${version##*.} + 1))
 tools=(g++ cmake make pkg-config)
@@ -90,10 +92,14 @@ make_root() {
   from=$(mirror)
   command -v debootstrap >/dev/null || skip "no debootstrap and no root given"
   [ -n "$suite" ] && [ -n "$from" ] || skip "the sources of apt-get do not tell where to get a root from"
-  mkdir -p "$work/cache" "$root"
-  said=$(unshare --mount debootstrap --variant=minbase --include=systemd-sysv --cache-dir="$work/cache" \
-    "$suite" "$root" "$from" 2>&1) || skip "debootstrap does not work here: ${said##*$'\n'}"
-  cp "$root"/var/cache/apt/archives/*.deb "$work/cache/" 2>/dev/null || true
+  mkdir -p "$work/cache"
+  if [ ! -e "$work/base.made" ]; then
+    rm -rf "$work/base"
+    said=$(unshare --mount debootstrap --variant=minbase --include=systemd-sysv --cache-dir="$work/cache" \
+      "$suite" "$work/base" "$from" 2>&1) || skip "debootstrap does not work here: ${said##*$'\n'}"
+    touch "$work/base.made"
+  fi
+  cp -a "$work/base" "$root"
 }
 
 # A command in the root before it runs: with the network of this machine, for what is downloaded.
@@ -227,29 +233,24 @@ documented() { # command
   said=$(inside sh -euc "cd /root/source; $1" 2>&1) || fail "'$1' fails: $said"
 }
 
-# The same for one that ends with a status of its own.
-documented_with_status() { # status, command
-  local said status=0
-  said=$(inside sh -uc "cd /root/source; $2" 2>&1) || status=$?
-  [ $status = "$1" ] || fail "'$2' ends with $status: $said"
-}
-
 # --- The steps -----------------------------------------------------------------------------------------------------------
 
-# With nothing of ravd but its development package: both ways to find it, and the test of the template.
+console_blocks() { # document
+  awk '/^```console$/ { open = 1; next } /^```$/ { open = 0 } open' "$1"
+}
+
+# With nothing of ravd but its development package: what the guide tells, which finds it through cmake and pkg-config.
 kit_builds_modules() {
   prepare sh -euc "cd /root/source/build/package
     apt-get install -y -qq --no-install-recommends ./ravd-dev_*.deb ${tools[*]}" >"$work/apt.log" 2>&1 ||
     fail "$(tail -n 5 "$work/apt.log")"
   prepare sh -euc '! dpkg-query -W ravd ravctl 2>/dev/null | grep "[0-9]"
-    examples=/usr/share/doc/ravd-dev/examples
     mkdir /root/kit && cd /root/kit
-    cmake -S $examples -B cmake && cmake --build cmake && (cd cmake && ctest --output-on-failure)
-    [ "$(pkg-config --modversion ravd)" = '"$version"' ] && [ "$(pkg-config --variable=moduledir ravd)" = /usr/lib/ravd ]
-    g++ -std=c++20 -shared -fPIC $(pkg-config --cflags ravd) -I$examples $examples/switch/example_switch.cpp -o libswitch.so' \
+    '"$(console_blocks "$guide")"'
+    [ "$(pkg-config --modversion ravd)" = '"$version"' ] && [ "$(pkg-config --variable=moduledir ravd)" = /usr/lib/ravd ]' \
     >"$work/kit.log" 2>&1 || fail "the kit: $(tail -n 20 "$work/kit.log")"
-  "$here/module-symbols.sh" "$root/root/kit/libswitch.so" "$root/root/kit/cmake/lib/libswitch.so" \
-    "$root/root/kit/cmake/lib/modules/heartbeat.so"
+  "$here/module-symbols.sh" "$kit/libswitch.so" "$kit/heartbeat.so" "$kit/my-modules/build/lib/libswitch.so" \
+    "$kit/my-modules/build/lib/modules/heartbeat.so"
   say "modules built from ravd-dev alone, through cmake and through pkg-config"
 }
 
@@ -306,7 +307,7 @@ waits_for_its_switch() {
 
 put_switch() {
   inside sh -euc 'cp /root/kit/libswitch.so /usr/lib/ravd/
-    mkdir -p /usr/lib/ravd/modules && cp /root/kit/cmake/lib/modules/heartbeat.so /usr/lib/ravd/modules/'
+    mkdir -p /usr/lib/ravd/modules && cp /root/kit/my-modules/build/lib/modules/heartbeat.so /usr/lib/ravd/modules/'
   documented "sed -i 's/^FileDebugLevel=.*/FileDebugLevel=3/' /etc/norrow/QuennetSuite/TraceConfig/ravd.ini"
 }
 
