@@ -96,28 +96,38 @@ in_fixture() { # prefix, seconds, script
     exec bash -e /tmp/script' fixture "$1" "$source" "$3" "$work/stage"
 }
 
-# Each command shows itself, so that the one that failed is known.
+# Each command shows itself, so that the one that failed is known. The module in the README is what its commands build.
 run_document() { # prefix, document
   { echo 'set -xo pipefail'; blocks sh "$2"; } >"$work/script"
   [ "$(wc -l <"$work/script")" -gt 1 ] || return 0
   [ "$2" != README.md ] || {
-    { echo 'cat >my_module.cpp <<"END_OF_MODULE"'; blocks cpp README.md; echo END_OF_MODULE; blocks sh README.md; } >"$work/script"
-    declare -f documented >>"$work/script"
-    # Ctrl-C after a while; what the module of the README traces has to be in what is shown.
+    {
+      echo 'cat >my_module.cpp <<"END_OF_MODULE"'
+      blocks cpp README.md
+      echo END_OF_MODULE
+      blocks sh README.md
+      declare -f documented
+    } >"$work/script"
     cat >>"$work/script" <<'SCRIPT'
 documented './dev run'
 SCRIPT
   }
-  in_fixture "$1" 120 "$work/script" >"$work/said" 2>&1 || fail "$2: $(tail -n 15 "$work/said")"
+  in_fixture "$1" 150 "$work/script" >"$work/said" 2>&1 || fail "$2: $(tail -n 15 "$work/said")"
   [ "$2" != README.md ] || grep -F 'MyModule            : still here' "$work/said" >/dev/null ||
     fail "./dev run does not show the module of the README: $(tail -n 15 "$work/said")"
 }
 
-# In the fixture: a command that runs until Ctrl-C.
+# In the fixture: a command that runs until Ctrl-C, here until its module traces.
 documented() {
   local status=0
-  timeout -s INT --foreground 10 bash -c "trap '' HUP; exec $1" || status=$?
-  [ $status = 0 ] || [ $status = 124 ] || { echo "$1 ended with $status"; exit 1; }
+  env --default-signal=INT $1 >/tmp/shown 2>&1 &
+  for _ in $(seq 1000); do
+    ! grep -F 'MyModule            : still here' /tmp/shown >/dev/null && kill -0 $! && sleep 0.1 || break
+  done
+  kill -INT $!
+  wait $! || status=$?
+  cat /tmp/shown
+  [ $status = 0 ] || { echo "$1 ended with $status"; exit 1; }
 }
 
 every_block_is_marked

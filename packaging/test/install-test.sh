@@ -59,10 +59,10 @@ trap clean_up EXIT
 
 # Those of the tree as it stands; built again when a source is newer.
 build_packages() {
-  local newer
-  newer=$(git ls-files -z --cached --others --exclude-standard 2>/dev/null |
-    xargs -0 -I{} find {} -maxdepth 0 -newer "$packages/ravd_${version}_amd64.deb" 2>/dev/null | head -n 1 || true)
-  if [ ! -e "$packages/ravd_${version}_amd64.deb" ] || [ -n "$newer" ]; then
+  local newest
+  newest=$(git ls-files -z --cached --others --exclude-standard -- . ':!tests' ':!fuzz' ':!bench' ':!packaging/test' ':!.ci' \
+    ':!README.md' ':!CONTRIBUTING.md' 2>/dev/null | xargs -0r stat -c %Y | sort -n | tail -n 1 || true)
+  if [ "$(stat -c %Y "$packages/ravd_${version}_amd64.deb" 2>/dev/null || echo 0)" -lt "${newest:-1}" ]; then
     packaging/build-packages.sh >"$work/package.log" 2>&1 || fail "$(tail -n 20 "$work/package.log")"
   fi
   if [ ! "$packages/next/ravd_${next}_amd64.deb" -nt "$packages/ravd_${version}_amd64.deb" ]; then
