@@ -1,33 +1,63 @@
 #!/usr/bin/env bash
 # Builds the Debian packages of this tree in build/package. Called by ./dev package, which installs what it needs.
+# "build-packages.sh next" builds them once more as the version after this one, in build/package/next, from the tree that
+# the first call has left: what changes from one release to the next at least, for a test of the upgrade.
 set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")/.."
 
 version=$(sed -n 's/^project(ravd VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 out=build/package
-tree=$out/ravd-$version
+tree=$out/tree
+
+fail() {
+  echo "package: $*" >&2
+  exit 1
+}
 
 # debian/changelog: the newest entry of CHANGELOG.md, whose heading is "## VERSION (DATE)".
-changelog() {
-  local heading
-  heading=$(grep -m1 '^## ' CHANGELOG.md)
-  [ "${heading% (*}" = "## $version" ] || { echo "package: CHANGELOG.md begins with $heading, not $version" >&2; exit 1; }
-  local day=${heading##*(}
-  printf 'ravd (%s) unstable; urgency=medium\n\n' "$version"
-  sed -n '/^## /,$p' CHANGELOG.md | sed '1d' | sed '/^## /,$d; /^$/d' | sed ':join; N; s/\n  / /; tjoin; P; D' |
+changelog() { # version
+  local heading day
+  heading=$(grep -m1 '^## ' "$tree/CHANGELOG.md")
+  [ "${heading% (*}" = "## $1" ] || fail "CHANGELOG.md begins with $heading, not $1"
+  day=${heading##*(}
+  printf 'ravd (%s) unstable; urgency=medium\n\n' "$1"
+  sed -n '/^## /,$p' "$tree/CHANGELOG.md" | sed '1d' | sed '/^## /,$d; /^$/d' |
+    sed ':join; N; s/\n  / /; tjoin; P; D' |
     while read -r _ item; do fold -s -w 74 <<<"$item" | sed '1s/^/  * /; 2,$s/^/    /; s/ $//'; done
   printf '\n -- %s  %s\n' "$(sed -n 's/^Maintainer: //p' packaging/debian/control)" "$(date -u -R -d "${day%)}")"
 }
 
-rm -rf "$out"
-mkdir -p "$tree"
-if git rev-parse --git-dir >/dev/null 2>&1; then
-  git ls-files -z --cached --others --exclude-standard
-else
-  find . \( -name build -o -name .git \) -prune -o -type f -print0
-fi | tar --null --files-from=- -cf - | tar -xf - -C "$tree"
-cp -r packaging/debian "$tree/debian"
-changelog >"$tree/debian/changelog"
-(cd "$tree" && dpkg-buildpackage -b -us -uc)
-rm -rf "$tree"
-ls "$out"/*.deb
+copy_sources() {
+  rm -rf "$out"
+  mkdir -p "$tree"
+  if git rev-parse --git-dir >/dev/null 2>&1; then
+    git ls-files -z --cached --others --exclude-standard
+  else
+    find . \( -name build -o -name .git \) -prune -o -type f -print0
+  fi | tar --null --files-from=- -cf - | tar -xf - -C "$tree"
+}
+
+build_packages() { # version, where they go, options of dpkg-buildpackage
+  rm -rf "$tree/debian"
+  cp -r packaging/debian "$tree/debian"
+  changelog "$1" >"$tree/debian/changelog"
+  (cd "$tree" && dpkg-buildpackage -b -us -uc "${@:3}")
+  mkdir -p "$2"
+  [ "$2" = "$out" ] || mv "$out"/*_"$1"_* "$2"
+  ls "$2"/*.deb
+}
+
+case "${1:-}" in
+'')
+  copy_sources
+  build_packages "$version" "$out"
+  ;;
+next)
+  [ -d "$tree" ] || fail "build the packages of this version first"
+  next=${version%.*}.$((${version##*.} + 1))
+  sed -i "s/^project(ravd VERSION [0-9.]*/project(ravd VERSION $next/" "$tree/CMakeLists.txt"
+  grep -q "^## $next " "$tree/CHANGELOG.md" || sed -i "0,/^## /s/^## $version \(.*\)/## $next \1\n\n- What comes after $version.\n\n&/" "$tree/CHANGELOG.md"
+  build_packages "$next" "$out/next" -nc
+  ;;
+*) fail "usage: build-packages.sh [next]" ;;
+esac

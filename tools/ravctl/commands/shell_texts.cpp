@@ -3,6 +3,9 @@
 
 #include "ravctl/commands/shell_texts.h"
 
+#include <array>
+#include <string_view>
+
 #include "ravctl/core/command.h"
 
 namespace ravctl {
@@ -94,6 +97,23 @@ std::string Roff(const std::string& text) {
   return out;
 }
 
+// A paragraph in lines of the length that manual pages keep to.
+std::string Filled(std::string_view paragraph) {
+  constexpr size_t kLineLength = 72;
+  std::string lines;
+  size_t column = 0;
+  while (!paragraph.empty()) {
+    const std::string_view word = paragraph.substr(0, paragraph.find_first_of(" \n"));
+    paragraph.remove_prefix(std::min(word.size() + 1, paragraph.size()));
+    if (word.empty()) continue;
+    const bool isNewLine = column + 1 + word.size() > kLineLength;
+    if (!lines.empty()) lines += isNewLine ? '\n' : ' ';
+    column = isNewLine ? word.size() : column + 1 + word.size();
+    lines += word;
+  }
+  return Roff(lines);
+}
+
 void AppendOptions(const CLI::App& command, std::string& text) {
   for (const CLI::Option* option : command.get_options()) {
     std::string names;
@@ -104,33 +124,88 @@ void AppendOptions(const CLI::App& command, std::string& text) {
     const bool isPositional = names.empty();
     if (isPositional) names = "\\fI" + Roff(option->get_name()) + "\\fR";
     if (!isPositional && option->get_items_expected() > 0) names += " \\fI" + Roff(option->get_type_name()) + "\\fR";
-    text += ".TP\n" + names + "\n" + Roff(option->get_description()) + "\n";
+    text += ".TP\n" + names + "\n" + Filled(option->get_description()) + "\n";
   }
 }
 
 void AppendCommand(const CLI::App& command, std::string& text) {
   if (RunFunctionOf(command) != nullptr) {
-    text += ".SS ravctl " + Roff(FullName(command)) + "\n" + Roff(command.get_description()) + ".\n";
+    text += ".SS ravctl " + Roff(FullName(command)) + "\n" + Filled(command.get_description() + ".") + "\n";
     AppendOptions(command, text);
     for (const Example& example : TextOf(command).examples)
-      text += ".PP\n.nf\n    " + Roff(example.command) + "\n.fi\n.RS 8\n" + Roff(example.meaning) + "\n.RE\n";
+      text += ".PP\n.nf\n    " + Roff(example.command) + "\n.fi\n.RS 8\n" + Filled(example.meaning) + "\n.RE\n";
   }
   for (const CLI::App* below : Below(command))
     AppendCommand(*below, text);
 }
 
+// What a section lists: "\fB/etc/pelrix/registry\fR" and what it is.
+struct Item {
+  std::string_view name;
+  std::string_view meaning;
+};
+
+constexpr auto kFiles = std::to_array<Item>({
+    {"/var/log/pelrix", "trace files, unless the trace configuration names another directory; see ravd-trace(5)"},
+    {"/etc/norrow/QuennetSuite/TraceConfig", "trace configuration; see ravd-trace-config(5)"},
+    {"/etc/pelrix/registry", "registry store of the modules; see ravd-registry(5)"},
+    {"/etc/pelrix/Adapter.ini", "names of adapters; see ravd-ini(5)"},
+    {"/var/run/ravd.pid", "process of the running daemon"},
+    {"/var/lock/ravd.lock", "lock of the running daemon"},
+});
+
+constexpr auto kEnvironment = std::to_array<Item>({
+    {"NO_COLOR", "when set and not empty, tables have no colors unless --color asks for them"},
+    {"TERM", "\"dumb\" means no colors"},
+    {"LD_LIBRARY_PATH", "where module check and module run look for the libraries that a module needs"},
+    {"QN_LOG_RINGBUF_DIR",
+     "directory of the trace files while no daemon runs; this and the other trace settings are described in "
+     "ravd-trace-config(5)"},
+});
+
+constexpr auto kExitStatus = std::to_array<Item>({
+    {"0", "done"},
+    {"1", "nothing or a difference found"},
+    {"2", "usage: the command line is wrong"},
+    {"3", "permission: the caller may not do that"},
+    {"4", "input missing: a file does not exist or cannot be read"},
+    {"5", "input damaged; what could be read was printed"},
+    {"6", "the daemon is not running"},
+    {"70", "internal: a fault of the tool itself"},
+});
+
+constexpr auto kExamples = std::to_array<Item>({
+    {"ravctl daemon status", "does the daemon run, since when, with which switch"},
+    {"ravctl doctor", "check everything that the daemon needs"},
+    {"ravctl trace show --since 5m -g ERROR", "errors of the last five minutes"},
+    {"ravctl trace stats --json | jq .data", "the same trace in figures, for a script"},
+});
+
+template <size_t kCount>
+void AppendItems(const char* heading, const std::array<Item, kCount>& items, std::string& text) {
+  text += std::string(".SH ") + heading + "\n";
+  for (const Item& item : items)
+    text += ".TP\n\\fB" + Roff(std::string(item.name)) + "\\fR\n" + Filled(item.meaning) + "\n";
+}
+
 std::string ManualPage(const CLI::App& root) {
   std::string text =
-      ".TH RAVCTL 1 \"\" \"ravd " + std::string(RAVCTL_VERSION) +
+      ".TH RAVCTL 1 \"" RAVCTL_DATE "\" \"ravd " RAVCTL_VERSION
       "\" \"User Commands\"\n"
-      ".SH NAME\nravctl \\- look at and steer what the ravd daemon and its library know of a machine\n"
+      ".SH NAME\nravctl \\- client of the service daemon ravd and of its library\n"
       ".SH SYNOPSIS\n.B ravctl\n[\\fIglobal options\\fR] \\fICOMMAND\\fR [\\fISUB\\fR] [\\fIoptions\\fR]\n"
       ".SH DESCRIPTION\n" +
-      Roff(root.get_description()) + "\n.SH GLOBAL OPTIONS\n";
+      Filled(root.get_description()) + "\n.SH GLOBAL OPTIONS\n";
   AppendOptions(root, text);
   text += ".SH COMMANDS\n";
   AppendCommand(root, text);
-  return text + ".SH EXIT STATUS\n" + Roff(root.get_footer()) + "\n.SH SEE ALSO\n.BR ravd (8)\n";
+  AppendItems("ENVIRONMENT", kEnvironment, text);
+  AppendItems("FILES", kFiles, text);
+  AppendItems("EXIT STATUS", kExitStatus, text);
+  AppendItems("EXAMPLES", kExamples, text);
+  return text +
+         ".SH SEE ALSO\n.BR ravd (8),\n.BR ravd\\-ini (5),\n.BR ravd\\-registry (5),\n.BR ravd\\-trace (5),\n"
+         ".BR ravd\\-trace\\-config (5)\n";
 }
 
 }  // namespace

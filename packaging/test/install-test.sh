@@ -1,0 +1,466 @@
+#!/usr/bin/env bash
+# install-test.sh [ROOT]: from this tree to an installed, running, upgraded, stopped and purged service in a clean root,
+# made with debootstrap or copied from the directory ROOT. Called by ./dev install-test, as root.
+#
+# Everything happens in namespaces of its own below build/install-test. The service manager of the root runs there as
+# process 1; where it cannot, or with BY_HAND=1, this script starts the service the way the unit tells and listens for its
+# readiness itself. Ends with 77 where the machine does not allow it, with the reason.
+set -Eeuo pipefail
+trap 'echo "install: \"$BASH_COMMAND\" in line $LINENO failed" >&2' ERR
+here=$(cd "$(dirname "$(readlink -f "$0")")" && pwd)
+source=${here%/packaging/test}
+cd "$source"
+
+packages=$source/build/package
+work=$source/build/install-test
+root=$work/root
+kit=$root/root/kit  # what was built from the development package
+given_root=${1:-}
+guide=docs/module-writers-guide.md
+version=$(sed -n 's/^project(ravd VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
+next=${version%.*}.$((${version##*.} + 1))
+tools=(g++ cmake make pkg-config)
+most_exposure=30     # tenths
+most_stop_tenths=25  # a stop that waits for the run level file takes three seconds
+init=                # process 1 of the root as this machine numbers it
+starter=
+group=
+
+say() { echo "install: $*"; }
+
+skip() {
+  echo "install: skipped: $*" >&2
+  exit 77
+}
+
+fail() {
+  echo "install: $*" >&2
+  if [ -n "$init" ]; then
+    inside systemctl status --no-pager -l ravd >&2 || true
+    inside tail -n 20 /var/log/pelrix/log.ravd >&2 || true
+  fi
+  exit 1
+}
+
+stop_root() {
+  [ -n "$starter" ] || return 0
+  kill -KILL "$starter" 2>/dev/null || true
+  wait "$starter" 2>/dev/null || true
+  starter=
+}
+
+clean_up() {
+  stop_root
+  leave_group
+}
+trap clean_up EXIT
+
+# --- What is tested: packages and a clean root ---------------------------------------------------------------------------
+
+# Those of the tree as it stands; built again when a source is newer.
+build_packages() {
+  local newest
+  newest=$(git ls-files -z --cached --others --exclude-standard -- . ':!tests' ':!fuzz' ':!bench' ':!packaging/test' ':!.ci' \
+    ':!README.md' ':!CONTRIBUTING.md' 2>/dev/null | xargs -0r stat -c %Y | sort -n | tail -n 1 || true)
+  if [ "$(stat -c %Y "$packages/ravd_${version}_amd64.deb" 2>/dev/null || echo 0)" -lt "${newest:-1}" ]; then
+    packaging/build-packages.sh >"$work/package.log" 2>&1 || fail "$(tail -n 20 "$work/package.log")"
+  fi
+  if [ ! "$packages/next/ravd_${next}_amd64.deb" -nt "$packages/ravd_${version}_amd64.deb" ]; then
+    packaging/build-packages.sh next >"$work/package.log" 2>&1 || fail "$(tail -n 20 "$work/package.log")"
+  fi
+}
+
+packages_are_clean() {
+  command -v lintian >/dev/null || fail "lintian is not installed"
+  lintian --allow-root --fail-on error --tag-display-limit 0 "$packages"/*.changes || fail "lintian: see above"
+}
+
+# Where this machine gets its own packages from.
+mirror() {
+  cat /etc/apt/sources.list.d/*.sources /etc/apt/sources.list 2>/dev/null |
+    sed -n 's/^URIs: *\([^ ]*\).*/\1/p; s/^deb \(\[[^]]*\] \)\?\([^ ]*\) .*/\2/p' | sed -n 1p || true
+}
+
+make_root() {
+  rm -rf "$root"
+  if [ -n "$given_root" ]; then
+    cp -a "$given_root" "$root"
+    return
+  fi
+  local suite from said
+  suite=$(. /etc/os-release && echo "${VERSION_CODENAME:-}")
+  from=$(mirror)
+  command -v debootstrap >/dev/null || skip "no debootstrap and no root given"
+  [ -n "$suite" ] && [ -n "$from" ] || skip "the sources of apt-get do not tell where to get a root from"
+  mkdir -p "$work/cache"
+  if [ ! -e "$work/base.made" ]; then
+    rm -rf "$work/base"
+    said=$(unshare --mount debootstrap --variant=minbase --include=systemd-sysv --cache-dir="$work/cache" \
+      "$suite" "$work/base" "$from" 2>&1) || skip "debootstrap does not work here: ${said##*$'\n'}"
+    touch "$work/base.made"
+  fi
+  cp -a "$work/base" "$root"
+}
+
+# A command in the root before it runs: with the network of this machine, for what is downloaded.
+prepare() {
+  unshare --mount --pid --fork --kill-child --ipc "$here/boot-root.sh" "$root" "$@"
+}
+
+fill_root() {
+  rm -f "$root/etc/fstab"
+  mkdir -p "$root/root/source/build" "$root/var/cache/apt/archives/partial"
+  cp -r "$packages" "$root/root/source/build/package"
+  rm -rf "$root/root/source/build/package/tree"
+  cp -n "$work/cache"/*.deb "$root/var/cache/apt/archives/" 2>/dev/null || true
+  prepare sh -euc "echo 'APT::Keep-Downloaded-Packages \"true\";' >/etc/apt/apt.conf.d/keep
+    apt-get update -qq
+    cd /root/source/build/package
+    apt-get install -y -qq --no-install-recommends --download-only ./ravd_*.deb ./ravctl_*.deb ${tools[*]}" >"$work/apt.log" 2>&1 ||
+    fail "$(tail -n 5 "$work/apt.log")"
+  cp -n "$root"/var/cache/apt/archives/*.deb "$work/cache/" 2>/dev/null || true
+}
+
+# --- The root as a running machine ---------------------------------------------------------------------------------------
+
+# A control group of our own, which the root takes for the whole hierarchy.
+make_group() {
+  local mounted
+  mounted=$(awk '$3 == "cgroup2" { print $2; exit }' /proc/mounts)
+  [ -n "$mounted" ] || return 1
+  group=$mounted$(sed -n 's/^0::\(.*\)/\1/p' /proc/self/cgroup | sed 's#/$##')/ravd-install-test-$$
+  mkdir "$group" 2>/dev/null || { group=; return 1; }
+}
+
+leave_group() {
+  [ -n "$group" ] && [ -d "$group" ] || return 0
+  for _ in $(seq 50); do
+    find "$group" -depth -type d -exec rmdir {} + 2>/dev/null && break
+    sleep 0.1
+  done
+  group=
+}
+
+start_root() { # program...
+  (
+    [ -z "$group" ] || echo $BASHPID >"$group/cgroup.procs"
+    exec unshare --mount --pid --fork --kill-child --uts --ipc --net --cgroup "$here/boot-root.sh" "$root" "$@"
+  ) >"$work/console" 2>&1 </dev/null &
+  starter=$!
+  init=
+  for _ in $(seq 100); do
+    init=$(tr -d ' ' <"/proc/$starter/task/$starter/children" 2>/dev/null || true)
+    [ -z "$init" ] || [ "$(cat "/proc/$init/comm" 2>/dev/null)" != "$(basename "$1")" ] || return 0
+    sleep 0.1
+  done
+  return 1
+}
+
+inside() { nsenter --target "$init" --mount --uts --ipc --net --pid --cgroup --root --wd env -i container=private \
+  PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root DEBIAN_FRONTEND=noninteractive "$@"; }
+
+boot() {
+  by_hand=${BY_HAND:+as asked}
+  [ -n "$group" ] || make_group || by_hand="no control group of its own"
+  if [ -z "$by_hand" ]; then
+    if start_root /lib/systemd/systemd; then
+      for _ in $(seq 200); do
+        case "$(inside systemctl is-system-running 2>/dev/null || true)" in
+        running | degraded) say "booted, systemd is process 1"; return ;;
+        esac
+        sleep 0.1
+      done
+    fi
+    by_hand="systemd does not come up: $(tail -n 1 "$work/console")"
+    stop_root
+  fi
+  start_root /bin/sh -c 'while :; do sleep 1; done' || skip "no private namespaces: $(tail -n 1 "$work/console")"
+  say "NO service manager in the root ($by_hand): the service is started by hand, from what the unit tells"
+}
+
+power_off() {
+  inside systemctl poweroff 2>/dev/null || true
+  for _ in $(seq 100); do
+    kill -0 "$starter" 2>/dev/null || { init=; wait "$starter" 2>/dev/null || true; return 0; }
+    sleep 0.1
+  done
+  fail "the root does not go down"
+}
+
+# --- The service, by the service manager or by hand ----------------------------------------------------------------------
+
+# Runs ExecStart with the environment of the unit and waits until it tells READY=1.
+start_by_hand() {
+  inside sh -euc '
+    unit=/lib/systemd/system/ravd.service
+    set -a; eval "$(sed -n "s/^Environment=//p" $unit)"; . /etc/default/ravd; set +a
+    export NOTIFY_SOCKET=/run/notify
+    rm -f $NOTIFY_SOCKET
+    exec perl -MSocket -e "
+      socket(S, AF_UNIX, SOCK_DGRAM, 0) && bind(S, sockaddr_un(q(/run/notify))) or die;
+      defined(my \$child = fork) or die;
+      if (!\$child) { close STDOUT; open STDOUT, q(>/dev/null); exec @ARGV or die }
+      alarm 20;
+      while (defined recv(S, my \$text, 4096, 0)) { exit 0 if \$text =~ /^READY=1\$/m }" \
+      $(sed -n "s/^ExecStart=//p" $unit | sed "s/\$RAVD_OPTIONS/${RAVD_OPTIONS:-}/")'
+}
+
+service() { # start, stop, restart
+  if [ -z "$by_hand" ]; then inside systemctl "$1" ravd; return; fi
+  [ "$1" = start ] || inside sh -c 'MAINPID=$(cat /var/run/ravd.pid 2>/dev/null) $(sed -n "s/^ExecStop=//p" \
+    /lib/systemd/system/ravd.service)'
+  [ "$1" = stop ] || start_by_hand
+}
+
+service_pid() { inside cat /var/run/ravd.pid 2>/dev/null; }
+
+# What the newest run has traced.
+traced() { # text
+  inside sh -c 'cat /var/log/pelrix/log.ravd_a; gzip -dc /var/log/pelrix/log.ravd_i.gz 2>/dev/null' | grep -aF "$1" >/dev/null
+}
+
+traces_soon() { # text
+  for _ in $(seq 50); do
+    ! traced "$1" || return 0
+    sleep 0.1
+  done
+  fail "no trace of: $1"
+}
+
+# A command of the documents, run as it stands there. packaging/test/command-checks.sh looks for it here.
+documented() { # command
+  local said
+  said=$(inside sh -euc "cd /root/source; $1" 2>&1) || fail "'$1' fails: $said"
+}
+
+# --- The steps -----------------------------------------------------------------------------------------------------------
+
+console_blocks() { # document
+  awk '/^```console$/ { open = 1; next } /^```$/ { open = 0 } open' "$1"
+}
+
+# With nothing of ravd but its development package: what the guide tells, which finds it through cmake and pkg-config.
+kit_builds_modules() {
+  prepare sh -euc "cd /root/source/build/package
+    apt-get install -y -qq --no-install-recommends ./ravd-dev_*.deb ${tools[*]}" >"$work/apt.log" 2>&1 ||
+    fail "$(tail -n 5 "$work/apt.log")"
+  prepare sh -euc '! dpkg-query -W ravd ravctl 2>/dev/null | grep "[0-9]"
+    mkdir /root/kit && cd /root/kit
+    '"$(console_blocks "$guide")"'
+    [ "$(pkg-config --modversion ravd)" = '"$version"' ] && [ "$(pkg-config --variable=moduledir ravd)" = /usr/lib/ravd ]' \
+    >"$work/kit.log" 2>&1 || fail "the kit: $(tail -n 20 "$work/kit.log")"
+  "$here/module-symbols.sh" "$kit/libswitch.so" "$kit/heartbeat.so" "$kit/my-modules/build/lib/libswitch.so" \
+    "$kit/my-modules/build/lib/modules/heartbeat.so"
+  say "modules built from ravd-dev alone, through cmake and through pkg-config"
+}
+
+# Everything that is there, with owner and mode, but for the books of the package tools and of the service manager.
+snapshot() { # file
+  inside find / -xdev \( -path /root/source -o -path /root/kit -o -path /var/cache -o -path /var/lib/apt \
+    -o -path /var/lib/dpkg -o -path /var/log/apt -o -path /var/log/journal -o -path /var/lib/systemd/random-seed \) -prune \
+    -o ! -type d -printf '%p %u %g %m\n' -o -printf '%p/ %u %g %m\n' |
+    grep -vE '^/(var/log/(dpkg|alternatives|wtmp|lastlog|btmp)|etc/(ld.so.cache|machine-id)|var/lib/systemd/(timers|catalog))' |
+    sort >"$1"
+}
+
+ravd_needs_no_library() {
+  local new
+  new=$(inside sh -euc 'cd /root/source/build/package; apt-get install -s --no-install-recommends ./ravd_*.deb' |
+    awk '$1 == "Inst" { print $2 }' | tr '\n' ' ')
+  [ "$new" = "ravd " ] || fail "installing ravd brings $new"
+}
+
+has() { # path, type, mode
+  local found
+  found=$(inside stat -c '%F %a %U:%G' "$1") || fail "$1 is not there"
+  [ "$found" = "$2 $3 root:root" ] || fail "$1 is $found instead of $2 $3"
+}
+
+files_are_right() {
+  has /usr/sbin/ravd 'regular file' 755
+  has /usr/bin/ravctl 'regular file' 755
+  has /usr/libexec/ravd/ravd-stop 'regular file' 755
+  has /usr/lib/ravd directory 755
+  has /usr/lib/tmpfiles.d/ravd.conf 'regular file' 644
+  has /lib/systemd/system/ravd.service 'regular file' 644
+  has /etc/default/ravd 'regular file' 644
+  has /etc/pelrix directory 755
+  has /etc/norrow/QuennetSuite/TraceConfig directory 755
+  has /etc/norrow/QuennetSuite/TraceConfig/ravd.ini 'regular file' 644
+  has /var/log/pelrix directory 750
+  has /usr/share/man/man1/ravctl.1.gz 'regular file' 644
+  has /usr/share/man/man8/ravd.8.gz 'regular file' 644
+  has /usr/share/bash-completion/completions/ravctl 'regular file' 644
+  local wrong
+  wrong=$(inside sh -c 'dpkg -L ravd ravd-dev ravctl | grep . | sort -u | xargs -d "\n" -I{} find {} -maxdepth 0 \
+    \( ! -user root -o ! -group root -o -perm /7022 \) ! -type l')
+  [ -z "$wrong" ] || fail "owner or mode of $wrong"
+  "$here/hardening.sh" "$root/usr/sbin/ravd" "$root/usr/bin/ravctl" >/dev/null || fail "hardening: see above"
+  say "files, owners, modes and hardening are right"
+}
+
+waits_for_its_switch() {
+  [ -z "$by_hand" ] || return 0
+  [ "$(inside systemctl is-enabled ravd)" = enabled ] || fail "the service is not enabled"
+  [ "$(inside systemctl show -P ConditionResult ravd)" = no ] || fail "the service started without a switch"
+}
+
+put_switch() {
+  inside sh -euc 'cp /root/kit/libswitch.so /usr/lib/ravd/
+    mkdir -p /usr/lib/ravd/modules && cp /root/kit/my-modules/build/lib/modules/heartbeat.so /usr/lib/ravd/modules/'
+  documented "sed -i 's/^FileDebugLevel=.*/FileDebugLevel=3/' /etc/norrow/QuennetSuite/TraceConfig/ravd.ini"
+}
+
+service_starts() {
+  if [ -z "$by_hand" ]; then documented 'systemctl start ravd'; else start_by_hand || fail "not ready in 20 seconds"; fi
+  [ -n "$(service_pid)" ] || fail "ready, but there is no PID file"
+  traces_soon 'Heartbeat           : beat'
+  traced 'RAVD-MAIN' || fail "the daemon itself does not trace"
+  [ -n "$by_hand" ] || [ "$(inside systemctl show -P MainPID ravd)" = "$(service_pid)" ] || fail "the wrong main process"
+  say "the service is ready and the module built from the package traces into it"
+}
+
+service_is_confined() {
+  [ -z "$by_hand" ] || return 0
+  local said
+  said=$(inside systemd-analyze verify --man=no ravd.service 2>&1) || fail "$said"
+  said=$(inside systemd-analyze security --no-pager --threshold=$most_exposure ravd.service) || fail "${said##*$'\n'}"
+  say "${said##*→ }"
+  said=$(inside sh -c 'grep -h ^NoNewPrivs:.1 /proc/$(cat /var/run/ravd.pid)/status; ! nsenter -m -t \
+    $(cat /var/run/ravd.pid) touch /usr/written 2>/dev/null || echo written')
+  [ "$said" = "NoNewPrivs:	1" ] || fail "the running service is not confined: $said"
+}
+
+documents_hold() {
+  documented 'ravctl daemon status'
+  documented "ravctl trace show -n 20"
+  [ -z "$by_hand" ] || return 0
+  documented 'systemctl status ravd'
+  documented 'systemctl kill -s HUP ravd'
+  documented 'journalctl -u ravd'
+  documented 'systemd-analyze security ravd'
+  documented 'mkdir -p /etc/systemd/system/ravd.service.d'
+  documented 'cp /usr/share/doc/ravd/examples/ravd-open.conf /etc/systemd/system/ravd.service.d/'
+  documented 'systemctl daemon-reload'
+  documented 'systemctl restart ravd'
+  inside sh -euc 'nsenter -m -t $(cat /var/run/ravd.pid) touch /usr/written; rm /usr/written' || fail "the drop-in does not open"
+  inside sh -euc 'rm -r /etc/systemd/system/ravd.service.d; systemctl daemon-reload; systemctl restart ravd'
+}
+
+service_stops() {
+  local pid started tenths
+  pid=$(service_pid)
+  started=$(date +%s%N)
+  if [ -z "$by_hand" ]; then documented 'systemctl stop ravd'; else service stop; fi
+  tenths=$((($(date +%s%N) - started) / 100000000))
+  ! inside test -d "/proc/$pid/exe" || fail "process $pid is still there"
+  [ $tenths -lt $most_stop_tenths ] || fail "the stop took $tenths tenths of a second"
+  [ "$(inside cat /etc/pelrix/RunLevel)" = 5 ] || fail "run level $(inside cat /etc/pelrix/RunLevel)"
+  inside sh -c '[ ! -e /var/run/ravd.pid ] && [ ! -e /var/lock/ravd.lock ]' || fail "PID or lock file is left"
+  [ -n "$by_hand" ] || [ "$(inside systemctl show -P Result ravd)" = success ] || fail "the stop did not succeed"
+  traces_soon 'Heartbeat           : thread ends'
+  say "the service stopped in $tenths tenths of a second, run level file written"
+}
+
+service_comes_back_after_a_crash() {
+  [ -z "$by_hand" ] || return 0
+  local pid
+  pid=$(service_pid)
+  inside kill -SEGV "$pid"
+  for _ in $(seq 100); do
+    if inside systemctl -q is-active ravd && [ "$(service_pid)" != "$pid" ]; then say "a crash is followed by a new start"; return; fi
+    sleep 0.1
+  done
+  fail "no new start after a crash"
+}
+
+upgrade_keeps_it_running() {
+  local pid banner
+  pid=$(service_pid)
+  inside sh -euc "cd /root/source/build/package/next
+    apt-get install -y -qq ./ravd_*.deb ./ravctl_*.deb ./ravd-dev_*.deb" >"$work/apt.log" 2>&1 || fail "$(cat "$work/apt.log")"
+  [ -z "$by_hand" ] || service restart
+  [ "$(inside dpkg-query -W -f '${Version}' ravd)" = "$next" ] || fail "not upgraded"
+  [ "$(inside ravctl --version)" = "ravctl $next" ] || fail "ravctl is not upgraded"
+  [ -n "$(service_pid)" ] && [ "$(service_pid)" != "$pid" ] || fail "the upgrade did not start the new daemon"
+  banner=$(echo "$next" | sed -E 's/\.([0-9])$/-0\1/; s/\.([0-9]+)$/-\1/')
+  traces_soon "$banner"
+  traces_soon 'Heartbeat           : beat'
+  inside grep '^FileDebugLevel=3' /etc/norrow/QuennetSuite/TraceConfig/ravd.ini >/dev/null || fail "configuration lost"
+  say "upgraded to $next while it ran, configuration kept"
+}
+
+# Modules learn that the machine goes down; the next boot starts the service and forgets the run level.
+machine_goes_down_and_up() {
+  [ -z "$by_hand" ] || return 0
+  power_off
+  [ "$(cat "$root/etc/pelrix/RunLevel")" = 0 ] || fail "run level at power off: $(cat "$root/etc/pelrix/RunLevel")"
+  grep -a 'Heartbeat           : the system goes down, run level 0' "$root/var/log/pelrix/log.ravd_a" >/dev/null ||
+    fail "the module did not learn of the shutdown"
+  boot
+  inside systemctl -q is-active ravd || fail "not started at boot"
+  inside test ! -e /etc/pelrix/RunLevel || fail "the run level is left after the boot"
+  say "power off told to the module as run level 0; started again at boot"
+}
+
+removed_and_purged() {
+  local pid
+  pid=$(service_pid)
+  documented 'apt-get remove -y ravd ravctl ravd-dev'
+  if [ -z "$by_hand" ]; then
+    ! inside test -e "/proc/$pid" || fail "removed, but process $pid runs"
+  else
+    inside kill "$pid"
+    for _ in $(seq 50); do inside test -e /var/run/ravd.pid || break; sleep 0.1; done
+  fi
+  inside test ! -e /usr/sbin/ravd || fail "removed, but there is a daemon"
+  inside test -e /var/log/pelrix/log.ravd || fail "a removal takes the traces away"
+  inside test -e /etc/norrow/QuennetSuite/TraceConfig/ravd.ini || fail "a removal takes the configuration away"
+  inside test -e /usr/lib/ravd/libswitch.so || fail "a removal takes the suite's library away"
+  inside rm -r /usr/lib/ravd
+  documented 'apt-get purge -y ravd'
+}
+
+nothing_is_left() {
+  snapshot "$work/after"
+  diff "$work/before" "$work/after" >"$work/difference" || fail "left behind: $(cat "$work/difference")"
+  say "removed and purged: nothing is left"
+}
+
+[ "$(id -u)" = 0 ] || skip "not root"
+unshare --mount --pid --fork --kill-child --uts --ipc --net --cgroup true 2>/dev/null || skip "no private namespaces here"
+mkdir -p "$work"
+timed() {
+  local start=$SECONDS
+  "$@"
+  [ $((SECONDS - start)) -lt 3 ] || say "$1 took $((SECONDS - start)) s"
+}
+timed build_packages
+timed packages_are_clean
+timed make_root
+timed fill_root
+timed kit_builds_modules
+# What the packages bring as dependencies is part of the machine before them.
+prepare sh -euc 'apt-get purge -y -qq ravd-dev; cd /root/source/build/package
+  apt-get install -y -qq --no-install-recommends $(apt-get install -s --no-install-recommends ./ravctl_*.deb |
+    awk "\$1 == \"Inst\" && \$2 !~ /^rav/ { print \$2 }")' >"$work/apt.log" 2>&1 || fail "$(tail -n 5 "$work/apt.log")"
+timed boot
+snapshot "$work/before"
+ravd_needs_no_library
+documented 'apt-get install -y ./build/package/ravd_*.deb ./build/package/ravctl_*.deb'
+documented 'apt-get install -y ./build/package/ravd-dev_*.deb'
+timed files_are_right
+waits_for_its_switch
+put_switch
+timed service_starts
+timed service_is_confined
+timed documents_hold
+timed service_stops
+service start
+timed service_comes_back_after_a_crash
+timed upgrade_keeps_it_running
+timed machine_goes_down_and_up
+timed removed_and_purged
+timed nothing_is_left
+[ -n "$by_hand" ] || power_off
+say "passed in $SECONDS s"
