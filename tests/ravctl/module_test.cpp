@@ -129,22 +129,24 @@ TEST(ShellTexts, NoCommandAndNoOptionIsMissing) {
   CLI::App root;
   ravctl::RegisterAllCommands(root);
   size_t options = 0;
+  const auto escaped = [](std::string roff) {
+    for (size_t dash = roff.find('-'); dash != std::string::npos; dash = roff.find('-', dash + 2))
+      roff.insert(dash, "\\");
+    return roff;
+  };
   const std::function<void(const CLI::App&)> check = [&](const CLI::App& command) {
     const std::string name = ravctl::FullName(command);
     EXPECT_THAT(completion, HasSubstr("\"" + name + "\") words=\""));
     const size_t words = completion.find("\"" + name + "\") words=\"");
     const std::string line = " " + completion.substr(words, completion.find('\n', words) - words);
-    const size_t section = manual.find(".SS ravctl " + name + "\n");
+    const size_t section = manual.find(".SS ravctl " + escaped(name) + "\n");
     const std::string page = manual.substr(std::min(section, manual.size()));
     for (const CLI::Option* option : command.get_options()) {
       for (const std::string& longName : option->get_lnames()) {
         ++options;
         EXPECT_THAT(line, HasSubstr("--" + longName)) << name;
-        std::string roff = "--" + longName;
-        for (size_t dash = roff.find('-'); dash != std::string::npos; dash = roff.find('-', dash + 2))
-          roff.insert(dash, "\\");
         if (ravctl::RunFunctionOf(command) != nullptr) {
-          EXPECT_THAT(page.substr(0, page.find(".SS", 4)), HasSubstr(roff)) << name;
+          EXPECT_THAT(page.substr(0, page.find(".SS", 4)), HasSubstr(escaped("--" + longName))) << name;
         }
       }
     }

@@ -2,11 +2,14 @@
 
 #include <array>
 
+#include "ravctl/commands/bundle.h"
 #include "ravctl/commands/daemon_status.h"
 #include "ravctl/commands/doctor.h"
 #include "ravctl/commands/inventory.h"
 #include "ravctl/commands/module.h"
+#include "ravctl/commands/net.h"
 #include "ravctl/commands/pci.h"
+#include "ravctl/commands/perf.h"
 #include "ravctl/commands/shell_texts.h"
 #include "ravctl/commands/slots.h"
 #include "ravctl/commands/smbios.h"
@@ -25,7 +28,10 @@ constexpr auto kCommands = std::to_array<void (*)(CLI::App&)>({
     RegisterSmbios,
     RegisterDaemon,  //
     RegisterModule,  //
+    RegisterNet,     //
+    RegisterPerf,    //
     RegisterDoctor,  //
+    RegisterBundle,  //
     RegisterShellTexts,
 });
 

@@ -46,13 +46,6 @@ std::string CellText(const Json& value) {
   }
 }
 
-std::string CellText(const Column& column, const Json& row) {
-  const auto found = row.find(column.key);
-  if (found == row.end() || found->is_null()) return "-";
-  const std::string text = column.format ? Printable(column.format(*found)) : CellText(*found);
-  return text.empty() ? "-" : text;
-}
-
 long long NowMs() {
   using namespace std::chrono;
   return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
@@ -78,6 +71,13 @@ std::string Dump(const Json& value) {
 }
 
 }  // namespace
+
+std::string CellText(const Column& column, const Json& row) {
+  const auto found = row.find(column.key);
+  if (found == row.end() || found->is_null()) return "-";
+  const std::string text = column.format ? Printable(column.format(*found)) : CellText(*found);
+  return text.empty() ? "-" : text;
+}
 
 size_t Table::Add(Json row, std::optional<size_t> parent) {
   m_IsTree = m_IsTree || parent.has_value();
@@ -212,8 +212,7 @@ std::string Output::Colored(Color color, std::string_view text) const {
   return ColorSequence(color) + std::string(text) + std::string(kReset);
 }
 
-std::vector<size_t> Output::ChosenColumns(const Table& table) const {
-  const std::vector<Column>& columns = table.Columns();
+std::vector<size_t> Output::ChosenColumns(const std::vector<Column>& columns) const {
   std::vector<size_t> chosen;
   const bool isOnTop = m_Options.columns.starts_with('+');
   if (m_Options.columns.empty() || isOnTop) {
@@ -240,7 +239,7 @@ std::vector<size_t> Output::ChosenColumns(const Table& table) const {
 }
 
 void Output::PrintTable(const Table& table) {
-  const std::vector<size_t> chosen = ChosenColumns(table);
+  const std::vector<size_t> chosen = ChosenColumns(table.Columns());
   const std::unique_ptr<libscols_table, TableDeleter> lines(scols_new_table());
   if (lines == nullptr) throw std::bad_alloc();
   scols_table_enable_noencoding(lines.get(), 1);  // the texts are fit for a terminal already

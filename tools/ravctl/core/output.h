@@ -41,6 +41,9 @@ struct Column {
   std::function<Color(const Json& row)> color = {};
 };
 
+// The cell of a row as it is shown, fit for a terminal.
+std::string CellText(const Column& column, const Json& row);
+
 // Rows of equal shape, one JSON object each. A row may hold keys beyond the columns: they reach JSON alone. With
 // parents the rows form a tree, drawn in the first column that is shown. Strings from outside go in as they are.
 class Table {
@@ -115,6 +118,9 @@ class Output {
   void Warn(std::string_view what, std::string_view where = {}, std::string_view toDo = {});
   size_t Warnings() const { return m_Warnings.size(); }
 
+  // The columns that -o chose, or the usual ones, by their numbers. Throws CommandError for a name that is none.
+  std::vector<size_t> ChosenColumns(const std::vector<Column>& columns) const;
+
   // The text in that colour, or as it is when there are no colours.
   std::string Colored(Color color, std::string_view text) const;
   static const char* ColorSequence(Color color);
@@ -122,7 +128,6 @@ class Output {
  private:
   Json Envelope(const Schema& schema) const;
   void PrintTable(const Table& table);
-  std::vector<size_t> ChosenColumns(const Table& table) const;
 
   OutputOptions m_Options;
   std::string m_Root = "/";

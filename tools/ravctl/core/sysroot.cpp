@@ -22,6 +22,8 @@
 #include <vector>
 
 #include "platform/unique_fd.h"
+#include "ravctl/bundle/bundle_format.h"
+#include "ravctl/bundle/bundle_reader.h"
 #include "ravctl/core/command_error.h"
 
 namespace ravctl {
@@ -39,6 +41,10 @@ constexpr auto kSystemDirectories =
 
 constexpr uint64_t kTreeAttributes = MOUNT_ATTR_RDONLY | MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOEXEC;
 constexpr uint64_t kSystemAttributes = MOUNT_ATTR_RDONLY | MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV;
+
+// Of the root that is put together: places to mount at, and links.
+constexpr uint64_t kRootSize = uint64_t{16} << 20;
+constexpr uint64_t kRootFiles = 65536;
 
 bool isInSysroot = false;
 
@@ -91,11 +97,13 @@ void EnterNamespaces() {
 
 // A file system in memory, mounted over the root of the namespace (which the process's own root stays below) and known
 // by its descriptor.
-UniqueFd MountMemory(const char* size, const char* files) {
+UniqueFd MountMemory(uint64_t size, uint64_t files) {
   const UniqueFd context(::fsopen("tmpfs", FSOPEN_CLOEXEC));
   Require(static_cast<bool>(context), "fsopen");
-  for (const auto& [key, value] : {std::pair{"mode", "0755"}, {"size", size}, {"nr_inodes", files}})
-    Require(::fsconfig(context.Get(), FSCONFIG_SET_STRING, key, value, 0) == 0, key);
+  const std::pair<const char*, std::string> options[] = {
+      {"mode", "0755"}, {"size", std::to_string(size)}, {"nr_inodes", std::to_string(files)}};
+  for (const auto& [key, value] : options)
+    Require(::fsconfig(context.Get(), FSCONFIG_SET_STRING, key, value.c_str(), 0) == 0, key);
   Require(::fsconfig(context.Get(), FSCONFIG_CMD_CREATE, nullptr, nullptr, 0) == 0, "tmpfs");
   UniqueFd memory(::fsmount(context.Get(), FSMOUNT_CLOEXEC, MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOEXEC));
   Require(memory && ::move_mount(memory.Get(), "", AT_FDCWD, "/", MOVE_MOUNT_F_EMPTY_PATH) == 0, "fsmount");
@@ -214,22 +222,36 @@ void RefuseFileSystemCalls() {
           "seccomp");
 }
 
-UniqueFd OpenDirectory(const std::string& path) {
-  UniqueFd tree(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!tree) throw SystemFailure("cannot open the tree", path, errno);
+UniqueFd OpenTree(const std::string& path, bool& isDirectory) {
+  UniqueFd tree(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  struct stat info {};
+  if (!tree || ::fstat(tree.Get(), &info) != 0) throw SystemFailure("cannot open the tree", path, errno);
+  isDirectory = S_ISDIR(info.st_mode);
+  if (!isDirectory && !S_ISREG(info.st_mode)) {
+    throw CommandError(ExitCode::kInputMissing, "neither a directory nor a bundle", path, "see ravctl bundle --help");
+  }
+  return tree;
+}
+
+// The bundle's files in memory of their own.
+UniqueFd Unpack(int bundle, const std::string& path) {
+  UniqueFd tree = MountMemory(kLargestBundle + kLargestManifest, kMostEntries);
+  UnpackBundle(bundle, path, tree.Get());
   return tree;
 }
 
 }  // namespace
 
 void EnterSysroot(const std::string& directoryOrBundle) {
-  OpenDirectory(directoryOrBundle);
+  bool isDirectory = false;
+  OpenTree(directoryOrBundle, isDirectory);
   EnterNamespaces();
   // What is opened in the namespace can be shown again in it; what was open before cannot.
-  const UniqueFd tree = OpenDirectory(directoryOrBundle);
+  UniqueFd tree = OpenTree(directoryOrBundle, isDirectory);
   const SystemParts system;
   KeepMountsPrivate();
-  const UniqueFd root = MountMemory("16m", "65536");
+  if (!isDirectory) tree = Unpack(tree.Get(), directoryOrBundle);
+  const UniqueFd root = MountMemory(kRootSize, kRootFiles);
   ShowTree(tree.Get(), root.Get(), system);
   Require(::fchdir(root.Get()) == 0 && ::chroot(".") == 0 && ::chdir("/") == 0, "chroot");
   RefuseFileSystemCalls();

@@ -1,0 +1,94 @@
+// bundle: captures what the library reads of this machine, for --sysroot elsewhere.
+
+#include "ravctl/commands/bundle.h"
+
+#include "ravctl/bundle/bundle_format.h"
+#include "ravctl/bundle/bundle_writer.h"
+#include "ravctl/bundle/machine_files.h"
+#include "ravctl/bundle/manifest.h"
+#include "ravctl/bundle/redact_entries.h"
+#include "ravctl/core/command.h"
+#include "ravctl/core/text.h"
+
+namespace ravctl {
+
+namespace {
+
+struct BundleOptions {
+  std::string out;
+  bool redact = false;
+  bool trace = false;
+};
+
+uint64_t WriteEntries(BundleWriter& writer, const std::vector<CapturedEntry>& entries, const CapturedEntry& manifest) {
+  uint64_t bytes = 0;
+  for (const CapturedEntry& entry : entries)
+    bytes += entry.content.size();
+  Progress progress("packing", bytes);
+  uint64_t done = 0;
+  for (const CapturedEntry& entry : entries) {
+    writer.Add(entry);
+    progress.Update(done += entry.content.size());
+  }
+  writer.Add(manifest);
+  return writer.Finish();
+}
+
+void WarnAboutMissing(const std::vector<Uncaptured>& missing, Output& out) {
+  for (const Uncaptured& each : missing) {
+    out.Warn("not in the bundle", each.path + ": " + each.reason, each.needsRoot ? "run as root to have it" : "");
+  }
+}
+
+ExitCode RunBundle(const BundleOptions& options, Output& out) {
+  BundleWriter writer(options.out);
+  Capture capture;
+  CaptureMachine(options.trace, capture);
+  if (capture.Entries().size() >= kMostEntries) {
+    throw CommandError(ExitCode::kInternal, "more files than a bundle holds", std::to_string(capture.Entries().size()),
+                       "please report it");
+  }
+  BundleOrigin origin = DescribeOrigin();
+  origin.hasTraces = options.trace;
+  std::vector<Uncaptured> missing = capture.Missing();
+  if (options.redact) RedactAll(capture.Entries(), missing, origin);
+  const CapturedEntry manifest = MakeManifest(origin, capture.Entries(), missing);
+  const uint64_t packed = WriteEntries(writer, capture.Entries(), manifest);
+  WarnAboutMissing(capture.Missing(), out);
+  out.Print({"bundle"},
+            Printable(options.out) + ": " + std::to_string(capture.Entries().size()) + " entries, " +
+                HumanSize(capture.Bytes()) + " captured, " + HumanSize(packed) + " packed" +
+                (options.redact ? ", redacted" : "") + "\n",
+            {{"bundle", options.out},
+             {"entries", capture.Entries().size()},
+             {"captured", capture.Bytes()},
+             {"packed", packed},
+             {"redacted", options.redact},
+             {"traces", options.trace},
+             {"missing", ToJson(capture.Missing())},
+             {"live_only", LiveOnlyAnswers()}});
+  return ExitCode::kDone;
+}
+
+}  // namespace
+
+void RegisterBundle(CLI::App& root) {
+  auto options = std::make_shared<BundleOptions>();
+  CLI::App& bundle = AddCommand(
+      root,
+      {"bundle",
+       "Capture what the library reads of this machine, for --sysroot on another one",
+       {{"ravctl bundle server7.tar.zst", "as root: everything but the traces; as another user what is readable"},
+        {"ravctl bundle --trace --redact case4711.tar.gz", "with the traces, to be given away"},
+        {"ravctl --sysroot server7.tar.zst doctor", "look at it, anywhere"}},
+       Effect::kChanges},
+      [options](Output& out) { return RunBundle(*options, out); });
+  bundle.add_option("OUT", options->out, "The new file; its ending .tar.gz or .tar.zst tells the packing")->required();
+  bundle.add_flag(
+      "--redact", options->redact,
+      "Replace serial numbers, MAC and IP addresses, WWNs, UUIDs and host names by tokens that are the same "
+      "throughout the bundle");
+  bundle.add_flag("--trace", options->trace, "The trace files as well");
+}
+
+}  // namespace ravctl
