@@ -117,6 +117,8 @@ TEST(InventoryDiff, EveryKindOfChangeFromEverySource) {
   for (const char* from : {"live", "-", "/before.json"})
     EXPECT_EQ(machine.Ravctl({"inventory", "diff", from, "/after", "--no-headings"}, {}, kNetwork).out, trees.out);
   EXPECT_EQ(machine.Json({"inventory", "diff", "/after", "/before"}, 1)["data"].size(), 9U);
+  ASSERT_EQ(machine.Ravctl({"bundle", "/bundle.tar.gz"}, {}, kNetwork).status, 0);
+  EXPECT_EQ(machine.Ravctl({"inventory", "diff", "/bundle.tar.gz", "/after", "--no-headings"}).out, trees.out);
 }
 
 TEST(InventoryDiff, SidesThatCannotBeRead) {
@@ -134,7 +136,7 @@ TEST(InventoryDiff, SidesThatCannotBeRead) {
   };
   const Row rows[] = {
       {"/none", 4, "cannot open: /none"},
-      {"/text", 4, "/text"},
+      {"/text", 5, "the bundle is damaged: /text"},
       {"/cut.json", 5, "neither JSON nor a captured tree: /cut.json"},
       {"/other.json", 5, "not an inventory: /other.json"},
       {"/odd.json", 5, "not an inventory: /odd.json"},
