@@ -87,7 +87,6 @@ constexpr auto kFiles = std::to_array<FileRow>({
     {"/proc/net/dev"},
     {"/proc/stat"},
     {"/proc/meminfo"},
-    {"/proc/uptime"},
     // configuration
     {"/etc/pelrix", CaptureKind::kName},
     {"/etc/pelrix/registry*"},

@@ -36,18 +36,20 @@ pid_t ParsePid(std::string_view text) {
   return result.ec == std::errc() && pid > 0 ? pid : 0;
 }
 
-// Start of the process in seconds since 1970: field 22 of its stat file counts clock ticks from the system's start.
+// Start of the process in seconds since 1970: field 22 of its stat file counts clock ticks from the start of the
+// system, which the kernel tells as a time of its own. So the answer is the same whenever the files are looked at.
 int64_t StartTime(pid_t pid) {
+  constexpr std::string_view kSystemStart = "\nbtime ";
   int error = 0;
   const std::string stat = ReadSmallFile(("/proc/" + std::to_string(pid) + "/stat").c_str(), error);
-  const std::string uptime = ReadSmallFile("/proc/uptime", error);
+  const std::string system = ReadSmallFile("/proc/stat", error);
+  const size_t start = system.find(kSystemStart);
   size_t at = stat.rfind(')');
   for (int field = 2; field < 22 && at != std::string::npos; ++field)
     at = stat.find(' ', at + 1);
-  if (at == std::string::npos || uptime.empty()) return 0;
-  const auto ticks = static_cast<double>(std::strtoull(stat.c_str() + at, nullptr, 10));
-  const double age = std::strtod(uptime.c_str(), nullptr) - ticks / static_cast<double>(::sysconf(_SC_CLK_TCK));
-  return static_cast<int64_t>(static_cast<double>(std::time(nullptr)) - age);
+  if (at == std::string::npos || start == std::string::npos) return 0;
+  const auto ticks = static_cast<int64_t>(std::strtoull(stat.c_str() + at, nullptr, 10));
+  return std::strtoll(system.c_str() + start + kSystemStart.size(), nullptr, 10) + ticks / ::sysconf(_SC_CLK_TCK);
 }
 
 std::string LocalTime(int64_t seconds) {

@@ -1,15 +1,22 @@
 #include "ravctl/commands/doctor.h"
 
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
 
+#include "platform/directory.h"
 #include "ravctl/commands/daemon_status.h"
+#include "ravctl/commands/smbios.h"
+#include "ravctl/commands/trace.h"
 #include "ravctl/core/command.h"
+#include "ravctl/core/sysroot.h"
 #include "ravctl/core/text.h"
+#include "ravctl/trace/trace_settings.h"
 
 namespace ravctl {
 
@@ -38,9 +45,80 @@ std::vector<Finding> CheckKernelFiles() {
   return findings;
 }
 
+// What the daemon believes or runs belongs to root and is written by nobody else.
+void CheckWriters(const std::string& path, std::vector<Finding>& findings) {
+  struct stat info {};
+  if (::lstat(path.c_str(), &info) != 0) {
+    if (errno != ENOENT) findings.push_back({Health::kUnknown, path, std::strerror(errno), "run as root"});
+    return;
+  }
+  if (S_ISLNK(info.st_mode)) {
+    findings.push_back({Health::kWarning, path, "a link: whoever can change its target decides", "use a plain file"});
+  } else if ((info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    findings.push_back({Health::kBad, path, "others than its owner may write to it", "chmod go-w " + path});
+  } else if (info.st_uid != 0 && !IsInSysroot()) {
+    // A captured tree does not keep owners.
+    findings.push_back({Health::kBad, path, "belongs to user " + std::to_string(info.st_uid), "chown root " + path});
+  }
+}
+
+std::vector<Finding> CheckPermissions() {
+  std::vector<Finding> findings;
+  for (const char* directory : {"/etc/pelrix", kTraceConfigDirectory, "/var/log/pelrix"}) {
+    const size_t before = findings.size();
+    CheckWriters(directory, findings);
+    std::vector<std::string> names;
+    CDirectory::GetDirectoryContent(names, directory, false);
+    std::ranges::sort(names);
+    for (const std::string& name : names)
+      CheckWriters(std::string(directory) + "/" + name, findings);
+    if (findings.size() == before && ::access(directory, F_OK) == 0) {
+      findings.push_back({Health::kGood, directory, "written by its owner alone", ""});
+    }
+  }
+  return findings;
+}
+
+std::vector<Finding> CheckTraces() {
+  const std::vector<TraceFile> files = ReadTraceFiles(TraceSource());
+  bool isGood = true;
+  const Table table = VerifyTraces(files, isGood);
+  std::vector<Finding> findings;
+  for (size_t row = 0; row < table.Size(); ++row) {
+    const Json& each = table.Row(row);
+    if (each["good"]) continue;
+    findings.push_back({Health::kBad, each["file"],
+                        each["check"].get<std::string>() + ": " + each["finding"].get<std::string>(),
+                        "the next start of the daemon makes it anew"});
+  }
+  for (const TraceFile& file : files) {
+    if (isGood) findings.push_back({Health::kGood, file.Path(), "sound", ""});
+  }
+  return findings;
+}
+
+std::vector<Finding> CheckSmbios() {
+  bool isDamaged = false;
+  const Table table = VerifySmbios(ReadSmbiosImage(), isDamaged);
+  std::vector<Finding> findings;
+  for (size_t row = 0; row < table.Size(); ++row) {
+    const Json& each = table.Row(row);
+    if (each["health"] == "ok") continue;
+    findings.push_back({each["health"] == "BAD" ? Health::kBad : Health::kWarning, each["subject"],
+                        each["check"].get<std::string>() + ": " + each["finding"].get<std::string>(),
+                        "a newer firmware may mend it; see ravctl smbios verify"});
+  }
+  if (findings.empty()) findings.push_back({Health::kGood, "SMBIOS", "sound", ""});
+  return findings;
+}
+
 std::vector<Finding> CheckDiskSpace() {
   std::vector<Finding> findings;
   for (const char* path : {"/var/log/pelrix", "/etc/pelrix", "/var/run"}) {
+    if (IsInSysroot()) {
+      findings.push_back({Health::kUnknown, path, "a captured tree does not tell", "ask on the machine itself"});
+      continue;
+    }
     struct statvfs info {};
     if (::statvfs(path, &info) != 0) {
       findings.push_back({Health::kWarning, path, std::strerror(errno), "create the directory"});
@@ -62,7 +140,10 @@ struct Check {
 // One line a check.
 constexpr auto kChecks = std::to_array<Check>({
     {"daemon", CheckDaemon},
+    {"permissions", CheckPermissions},
     {"kernel", CheckKernelFiles},
+    {"smbios", CheckSmbios},
+    {"trace", CheckTraces},
     {"space", CheckDiskSpace},
 });
 

@@ -416,10 +416,9 @@ class Verification {
 };
 
 ExitCode RunVerify(Output& out) {
-  const SmbiosImage image = ReadSmbiosImage();
-  const Verification verification(image);
-  out.Print({"smbios-verify"}, verification.Findings());
-  return verification.IsDamaged() ? ExitCode::kInputDamaged : ExitCode::kDone;
+  bool isDamaged = false;
+  out.Print({"smbios-verify"}, VerifySmbios(ReadSmbiosImage(), isDamaged));
+  return isDamaged ? ExitCode::kInputDamaged : ExitCode::kDone;
 }
 
 void AddChoice(CLI::App& command, std::vector<std::string>& words) {
@@ -427,6 +426,12 @@ void AddChoice(CLI::App& command, std::vector<std::string>& words) {
 }
 
 }  // namespace
+
+Table VerifySmbios(const SmbiosImage& image, bool& isDamaged) {
+  const Verification verification(image);
+  isDamaged = verification.IsDamaged();
+  return verification.Findings();
+}
 
 void RegisterSmbios(CLI::App& root) {
   CLI::App& smbios = AddGroup(root, "smbios", "The firmware's own description of the machine (DMTF DSP0134)");

@@ -2,8 +2,14 @@
 
 #include <CLI/CLI.hpp>
 
+#include "ravctl/core/output.h"
+#include "ravctl/hardware/smbios_image.h"
+
 namespace ravctl {
 
 void RegisterSmbios(CLI::App& root);
+
+// What smbios verify finds: rows of health, check, subject and finding.
+Table VerifySmbios(const SmbiosImage& image, bool& isDamaged);
 
 }  // namespace ravctl

@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "ravctl/core/output.h"
 #include "ravctl/trace/trace_file.h"
 
 namespace ravctl {
@@ -23,6 +24,9 @@ void AddTraceLevel(CLI::App& trace);
 void AddSourceOptions(CLI::App& command, TraceSource& source);
 
 // Warns about a file that was damaged; true when it was.
-bool WarnAboutDamage(const TraceFile& file, class Output& out);
+bool WarnAboutDamage(const TraceFile& file, Output& out);
+
+// What trace verify finds: rows of file, check, good and finding.
+Table VerifyTraces(const std::vector<TraceFile>& files, bool& isGood);
 
 }  // namespace ravctl

@@ -109,21 +109,26 @@ class Verifier {
 };
 
 ExitCode RunVerify(const TraceSource& source, Output& out) {
-  const std::vector<TraceFile> files = ReadTraceFiles(source);
+  bool isGood = true;
+  const Table table = VerifyTraces(ReadTraceFiles(source), isGood);
+  out.Print({"trace-verify"}, table);
+  return isGood ? ExitCode::kDone : ExitCode::kInputDamaged;
+}
+
+}  // namespace
+
+Table VerifyTraces(const std::vector<TraceFile>& files, bool& isGood) {
   Table table({{.key = "file", .heading = "FILE"},
                {.key = "check", .heading = "CHECK"},
                {.key = "good",
                 .heading = "GOOD",
                 .color = [](const Json& row) { return row["good"] ? Color::kGreen : Color::kRed; }},
                {.key = "finding", .heading = "FINDING"}});
-  bool isGood = true;
+  isGood = true;
   for (const TraceFile& file : files)
     isGood = Verifier(file, table).Run() && isGood;
-  out.Print({"trace-verify"}, table);
-  return isGood ? ExitCode::kDone : ExitCode::kInputDamaged;
+  return table;
 }
-
-}  // namespace
 
 void AddTraceVerify(CLI::App& trace) {
   auto source = std::make_shared<TraceSource>();

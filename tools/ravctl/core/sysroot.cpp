@@ -18,6 +18,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <string_view>
 #include <vector>
@@ -210,7 +211,8 @@ void ForgetVariables() {
   std::vector<std::string> names;
   for (char** variable = environ; *variable != nullptr; ++variable) {
     const std::string_view text = *variable;
-    if (text.starts_with("QN_") || text.starts_with("TraceFileLimit=")) names.emplace_back(text.substr(0, text.find('=')));
+    if (text.starts_with("QN_") || text.starts_with("TraceFileLimit="))
+      names.emplace_back(text.substr(0, text.find('=')));
   }
   for (const std::string& name : names)
     ::unsetenv(name.c_str());
@@ -265,6 +267,7 @@ void EnterSysroot(const std::string& directoryOrBundle) {
   if (!isDirectory) tree = Unpack(tree.Get(), directoryOrBundle);
   const UniqueFd root = MountMemory(kRootSize, kRootFiles);
   ShowTree(tree.Get(), root.Get(), system);
+  ::tzset();  // times are shown in the zone of who looks at them
   Require(::fchdir(root.Get()) == 0 && ::chroot(".") == 0 && ::chdir("/") == 0, "chroot");
   ForgetVariables();
   RefuseFileSystemCalls();
