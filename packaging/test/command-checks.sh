@@ -6,8 +6,8 @@
 # continuous run or this script runs.
 set -euo pipefail
 source=$1 build=$2
-documents=(README.md CONTRIBUTING.md docs/*.md)
 cd "$source"
+documents=(README.md CONTRIBUTING.md docs/*.md)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
