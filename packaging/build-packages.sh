@@ -37,6 +37,9 @@ copy_sources() {
   fi | tar --null --files-from=- -cf - | tar -xf - -C "$tree"
 }
 
+# debhelper gives the build a home of its own; a compiler cache stays where it is.
+[ -n "${CCACHE_DIR:-}" ] || ! command -v ccache >/dev/null || export CCACHE_DIR=$(ccache -k cache_dir)
+
 build_packages() { # version, where they go, options of dpkg-buildpackage
   rm -rf "$tree/debian"
   cp -r packaging/debian "$tree/debian"
