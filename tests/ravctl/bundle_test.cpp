@@ -97,8 +97,9 @@ class SecretMachine : public ToolRoot {
          {std::string("adapter mac=A0-36-9F-12-34-56 at ") + kServer + ".corp.example",
           std::string("serial ") + kSystemSerial + " and " + kBoardSerial + ", drive ZX81-99001",
           std::string("peer fe80::a236:9fff:fe12:3456, gateway 10.20.30.44:3172, version 127.0.0.1"),
-          std::string("uuid ") + kUuidText + " wwn 50:01:43:80:12:34:56:78 at 0x00007f0011223344\n53 47 48 35 31 32 58 4B  "
-                      "SGH512XK\n37 51  7Q")}) {
+          std::string("uuid ") + kUuidText +
+              " wwn 50:01:43:80:12:34:56:78 at 0x00007f0011223344\n53 47 48 35 31 32 58 4B  "
+              "SGH512XK\n37 51  7Q"}) {
       text += "2026-01-02 03:04:05.000 [0000ABCD]    10244 KB !ravd          " + line + "\n";
     }
     return text;
