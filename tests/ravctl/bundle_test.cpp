@@ -113,7 +113,7 @@ class SecretMachine : public ToolRoot {
 
 // The commands that a captured tree answers.
 const std::vector<Arguments>& Commands() {
-  static const std::vector<Arguments> commands = {{"inventory", "--all"},
+  static const std::vector<Arguments> commands = {{"inventory", "--no-headings"},
                                                   {"inventory", "adapters"},
                                                   {"inventory", "drives"},
                                                   {"pci"},
@@ -353,7 +353,8 @@ TEST(Doctor, ChecksWritersTracesAndFirmware) {
     Arguments arguments = {"doctor"};
     if (!tree.empty()) arguments.insert(arguments.end(), {"--sysroot", tree});
     std::string found;
-    for (const nlohmann::json& row : machine.Json(arguments, 1)["data"]) {
+    const nlohmann::json answer = machine.Json(arguments, 1);
+    for (const nlohmann::json& row : answer["data"]) {
       if (row["check"] == check && row["health"] != "ok" && found.empty()) {
         found = row["health"].get<std::string>() + " " + row["subject"].get<std::string>();
       }
