@@ -135,8 +135,10 @@ void Measure(benchmark::State& state, const std::string& root, const Command& co
   for (auto _ : state) {
     const int status = Run(root, command, cpu);
     if (status == 0) continue;
-    state.SkipWithError(status == 127 ? (command[0] + " is not installed").c_str()
-                                      : (command[0] + " failed with status " + std::to_string(status)).c_str());
+    const std::string reason = status == 127 ? " is not installed"
+                               : status == 4 ? " has nothing to read on this machine"
+                                             : " failed with status " + std::to_string(status);
+    state.SkipWithError((command[0] + reason).c_str());
     break;
   }
   state.counters["cpu_ms"] = benchmark::Counter(cpu, benchmark::Counter::kAvgIterations);
