@@ -363,14 +363,18 @@ TEST(Doctor, ChecksWritersTracesAndFirmware) {
   };
   EXPECT_EQ(worst("permissions", ""), "");
   EXPECT_EQ(worst("trace", ""), "");
-  machine.WriteFile("/etc/pelrix/registry", "", 0666);
+  EXPECT_EQ(worst("registry", ""), "");
+  machine.WriteFile("/etc/pelrix/registry", SecretMachine::Registry() + "more", 0666);
+  machine.WriteFile("/etc/norrow/QuennetSuite/TraceConfig/x.ini", "[x]\nkey=1\n[broken\n");
   machine.WriteFile("/var/log/pelrix/log.ravd", SecretMachine::Trace() + "2026-01-02 03:04:06.000 [0000ABCD] cut");
   machine.WriteFile("/sys/firmware/dmi/tables/DMI", Smbios().substr(0, 60));
   EXPECT_EQ(worst("permissions", ""), "BAD /etc/pelrix/registry");
+  EXPECT_EQ(worst("registry", ""), "BAD /etc/pelrix/registry");
+  EXPECT_EQ(worst("ini", ""), "BAD /etc/norrow/QuennetSuite/TraceConfig/x.ini");
   EXPECT_EQ(worst("trace", ""), "BAD /var/log/pelrix/log.ravd");
   EXPECT_THAT(worst("smbios", ""), HasSubstr("BAD"));
   machine.Json({"bundle", "--trace", "/b.tar.gz"});
-  for (const char* check : {"permissions", "trace", "smbios", "daemon"})
+  for (const char* check : {"permissions", "registry", "ini", "trace", "smbios", "daemon"})
     EXPECT_EQ(worst(check, "/b.tar.gz"), worst(check, "")) << check;
   EXPECT_THAT(worst("space", "/b.tar.gz"), HasSubstr("unknown"));
 }

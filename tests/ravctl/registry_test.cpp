@@ -432,3 +432,26 @@ TEST_F(Registry, AnotherMachineAnswersTheSame) {
   }
   EXPECT_EQ(other.Ravctl({"registry", "set", kUnit, "a", "b", "--sysroot", "/tree"}).status, 2);
 }
+
+TEST(Registry, ChangesAtTheSameTimeAllCount) {
+  const ToolRoot machine;
+  machine.WriteFile(kFile, kStore);
+  constexpr int kWriters = 8;
+  machine.Run(
+      [] {
+        std::vector<pid_t> writers;
+        for (int writer = 0; writer < kWriters; ++writer) {
+          const std::string name = "Writer" + std::to_string(writer);
+          writers.push_back(StartRavctl({"registry", "set", "HKEY_LOCAL_MACHINE/Unit", name, "here"}, "/" + name));
+        }
+        for (const pid_t writer : writers) {
+          int status = -1;
+          ::waitpid(writer, &status, 0);
+          EXPECT_EQ(status, 0);
+        }
+      },
+      FixtureRoot::kUsr);
+  const std::string saved = machine.ReadFile(kFile);
+  for (int writer = 0; writer < kWriters; ++writer)
+    EXPECT_THAT(saved, HasSubstr("Writer" + std::to_string(writer) + "=s=here\n"));
+}

@@ -16,6 +16,9 @@
 #include "ravctl/core/command.h"
 #include "ravctl/core/sysroot.h"
 #include "ravctl/core/text.h"
+#include "ravctl/store/ini_scan.h"
+#include "ravctl/store/store_check.h"
+#include "ravctl/store/store_files.h"
 #include "ravctl/trace/trace_settings.h"
 
 namespace ravctl {
@@ -112,6 +115,50 @@ std::vector<Finding> CheckSmbios() {
   return findings;
 }
 
+// One line for each file that a start may load.
+std::vector<Finding> CheckRegistry() {
+  std::vector<Finding> findings;
+  for (const char* path : kStartOrder) {
+    if (::access(path, F_OK) != 0) continue;
+    const StoreCheck check = CheckStore(ReadStoreBytes(path));
+    if (check.IsWhole()) {
+      findings.push_back({Health::kGood, path, std::to_string(check.values) + " values", ""});
+    } else {
+      const auto damage = std::ranges::find(check.findings, StoreFinding::Health::kDamage, &StoreFinding::health);
+      findings.push_back(
+          {Health::kBad, path,
+           std::to_string(check.Damage()) + " damaged: line " + std::to_string(damage->line) + ": " + damage->detail,
+           "ravctl registry verify, ravctl registry recover"});
+    }
+  }
+  if (findings.empty()) {
+    findings.push_back({Health::kWarning, kStoreFile, "there is no registry", "the first module that saves makes it"});
+  }
+  return findings;
+}
+
+// The configuration of the trace: what reaches no reader.
+std::vector<Finding> CheckIniFiles() {
+  std::vector<Finding> findings;
+  std::vector<std::string> names;
+  CDirectory::GetDirectoryContent(names, kTraceConfigDirectory, false);
+  std::ranges::sort(names);
+  for (const std::string& name : names) {
+    if (!name.ends_with(".ini")) continue;
+    const std::string path = std::string(kTraceConfigDirectory) + "/" + name;
+    const std::string text = ReadStoreBytes(path);
+    const IniScan scan = ScanIni(text);
+    const auto damage = std::ranges::find(scan.findings, true, &IniFinding::isDamage);
+    if (damage == scan.findings.end()) {
+      findings.push_back({Health::kGood, path, std::to_string(scan.sections.size()) + " sections", ""});
+    } else {
+      findings.push_back({Health::kBad, path, "line " + std::to_string(damage->line) + ": " + damage->text,
+                          "ravctl ini check " + path});
+    }
+  }
+  return findings;
+}
+
 std::vector<Finding> CheckDiskSpace() {
   std::vector<Finding> findings;
   for (const char* path : {"/var/log/pelrix", "/etc/pelrix", "/var/run"}) {
@@ -143,6 +190,8 @@ constexpr auto kChecks = std::to_array<Check>({
     {"permissions", CheckPermissions},
     {"kernel", CheckKernelFiles},
     {"smbios", CheckSmbios},
+    {"registry", CheckRegistry},
+    {"ini", CheckIniFiles},
     {"trace", CheckTraces},
     {"space", CheckDiskSpace},
 });

@@ -1,6 +1,7 @@
 #include "ravctl/store/live_store.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -113,6 +114,14 @@ void Save(const StoreKey& expected) {
                      "another process may have written it; look at registry.old and try again");
 }
 
+// Waits for other changes to end. A directory that cannot be opened has nothing to lock either.
+UniqueFd LockStore() {
+  UniqueFd directory(::open(kStoreDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  while (directory && ::flock(directory.Get(), LOCK_EX) != 0 && errno == EINTR) {
+  }
+  return directory;
+}
+
 // A process that runs for long keeps its tree and writes it as a whole.
 void WarnAboutDaemon(Output& out) {
   const std::optional<DaemonProcess> daemon = FindDaemon();
@@ -123,7 +132,7 @@ void WarnAboutDaemon(Output& out) {
 
 }  // namespace
 
-LiveStore::LiveStore(Output& out) : m_Out(out) {
+LiveStore::LiveStore(Output& out) : m_Out(out), m_Lock(LockStore()) {
   WarnAboutDaemon(out);
   m_Root = CopyOfNode(LibraryRoot());
 }

@@ -3,13 +3,15 @@
 #include <string>
 #include <vector>
 
+#include "platform/unique_fd.h"
 #include "ravctl/core/output.h"
 #include "ravctl/store/store_tree.h"
 
 namespace ravctl {
 
 // The registry of this machine, changed through the library: its tree, its save with the old content kept as backup.
-// One object a process, since the tree is the process's own.
+// One object a process, since the tree is the process's own. Objects of several processes wait for each other, from
+// the reading to the save, so that no change is lost between them.
 class LiveStore {
  public:
   // Loads the tree. Warns when the daemon runs: it keeps a tree of its own.
@@ -28,6 +30,7 @@ class LiveStore {
 
  private:
   Output& m_Out;
+  UniqueFd m_Lock;  // of the store's directory
   StoreKey m_Root;
 };
 
