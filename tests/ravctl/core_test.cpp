@@ -53,7 +53,7 @@ TEST(CommandLine, FaultsAreOneLineWithTheirStatus) {
 TEST(CommandLine, ColumnsHeadingsAndColors) {
   const ToolRoot machine;
   const ToolResult plain = machine.Ravctl({"doctor", "-o", "check,health", "--no-headings"});
-  EXPECT_THAT(plain.out, HasSubstr("daemon warning\n"));
+  EXPECT_THAT(plain.out, HasSubstr("daemon   warning\n"));
   EXPECT_THAT(machine.Ravctl({"doctor", "--color=always"}).out, HasSubstr("\x1b[33mwarning"));
   EXPECT_THAT(machine.Ravctl({"daemon", "status", "--help"}).out, HasSubstr("Examples:\n  ravctl daemon status\n"));
 }

@@ -433,7 +433,7 @@ TEST_F(Registry, AnotherMachineAnswersTheSame) {
   EXPECT_EQ(other.Ravctl({"registry", "set", kUnit, "a", "b", "--sysroot", "/tree"}).status, 2);
 }
 
-TEST(Registry, ChangesAtTheSameTimeAllCount) {
+TEST(RegistryWriters, ChangesAtTheSameTimeAllCount) {
   const ToolRoot machine;
   machine.WriteFile(kFile, kStore);
   constexpr int kWriters = 8;
