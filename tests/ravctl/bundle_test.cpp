@@ -36,6 +36,8 @@ constexpr const char* kUuidText = "01020304-0506-0708-090a-0b0c0d0e0f10";
 constexpr const char* kMac = "a0:36:9f:12:34:56";
 constexpr const char* kWwn = "0x5001438012345678";
 constexpr const char* kServer = "fileserver7";
+constexpr const char* kTraceIni = "/etc/norrow/QuennetSuite/TraceConfig/ravd_trace.ini";
+constexpr const char* kUnfinishedIni = "/etc/norrow/QuennetSuite/TraceConfig/unfinished.ini";
 
 std::string Smbios() {
   // As the firmware stores it: the first three fields turned round.
@@ -75,7 +77,7 @@ class SecretMachine : public ToolRoot {
                                 ".corp.example:/export /mnt nfs rw 0 0\n10.20.30.44:/b /b nfs rw 0 0\n" +
                                 "UUID=" + kUuidText + " / ext4 rw 0 1\n");
     WriteFile("/etc/pelrix/registry", Registry());
-    WriteFile("/etc/norrow/QuennetSuite/TraceConfig/ravd_trace.ini", "[ravd]\nFileDebugLevel=4\n[EndOfFile]\n");
+    WriteFile(kTraceIni, "[ravd]\nFileDebugLevel=4\n[EndOfFile]\n");
     WriteFile("/var/run/ravd.pid", "77\n");
     WriteFile("/proc/77/comm", "ravd\n");
     WriteFile("/proc/77/stat", "77 (ravd) S 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 360000 20\n");
@@ -126,6 +128,10 @@ const std::vector<Arguments>& Commands() {
                                                   {"trace", "stats"},
                                                   {"trace", "config"},
                                                   {"daemon", "status"},
+                                                  {"registry", "list"},
+                                                  {"registry", "tree"},
+                                                  {"registry", "verify"},
+                                                  {"ini", "check", kTraceIni},
                                                   {"trace", "show", "old.gz"}};
   return commands;
 }
@@ -365,16 +371,17 @@ TEST(Doctor, ChecksWritersTracesAndFirmware) {
   EXPECT_EQ(worst("trace", ""), "");
   EXPECT_EQ(worst("registry", ""), "");
   machine.WriteFile("/etc/pelrix/registry", SecretMachine::Registry() + "more", 0666);
-  machine.WriteFile("/etc/norrow/QuennetSuite/TraceConfig/x.ini", "[x]\nkey=1\n[broken\n");
+  machine.WriteFile(kUnfinishedIni, "[ravd]\nFileDebugLevel=5\n[broken\n");
   machine.WriteFile("/var/log/pelrix/log.ravd", SecretMachine::Trace() + "2026-01-02 03:04:06.000 [0000ABCD] cut");
   machine.WriteFile("/sys/firmware/dmi/tables/DMI", Smbios().substr(0, 60));
   EXPECT_EQ(worst("permissions", ""), "BAD /etc/pelrix/registry");
   EXPECT_EQ(worst("registry", ""), "BAD /etc/pelrix/registry");
-  EXPECT_EQ(worst("ini", ""), "BAD /etc/norrow/QuennetSuite/TraceConfig/x.ini");
+  EXPECT_EQ(worst("ini", ""), std::string("BAD ") + kUnfinishedIni);
+  EXPECT_EQ(worst("trace config", ""), std::string("warning ") + kUnfinishedIni);
   EXPECT_EQ(worst("trace", ""), "BAD /var/log/pelrix/log.ravd");
   EXPECT_THAT(worst("smbios", ""), HasSubstr("BAD"));
   machine.Json({"bundle", "--trace", "/b.tar.gz"});
-  for (const char* check : {"permissions", "registry", "ini", "trace", "smbios", "daemon"})
+  for (const char* check : {"permissions", "registry", "ini", "trace config", "trace", "smbios", "daemon"})
     EXPECT_EQ(worst(check, "/b.tar.gz"), worst(check, "")) << check;
   EXPECT_THAT(worst("space", "/b.tar.gz"), HasSubstr("unknown"));
 }

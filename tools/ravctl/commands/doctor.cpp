@@ -137,7 +137,19 @@ std::vector<Finding> CheckRegistry() {
   return findings;
 }
 
-// The configuration of the trace: what reaches no reader.
+// Files of the trace configuration that are passed over, but for those of other applications.
+std::vector<Finding> CheckTraceConfiguration() {
+  const TraceSettings settings("ravd");
+  std::vector<Finding> findings;
+  for (const TraceConfigFile& file : settings.Files()) {
+    const bool isGood = file.isUsed || file.reason.starts_with("has no section");
+    findings.push_back(
+        {isGood ? Health::kGood : Health::kWarning, file.path, file.reason, isGood ? "" : "see ravctl trace config"});
+  }
+  return findings;
+}
+
+// The same files as text: what reaches no reader.
 std::vector<Finding> CheckIniFiles() {
   std::vector<Finding> findings;
   std::vector<std::string> names;
@@ -191,6 +203,7 @@ constexpr auto kChecks = std::to_array<Check>({
     {"kernel", CheckKernelFiles},
     {"smbios", CheckSmbios},
     {"registry", CheckRegistry},
+    {"trace config", CheckTraceConfiguration},
     {"ini", CheckIniFiles},
     {"trace", CheckTraces},
     {"space", CheckDiskSpace},
