@@ -177,6 +177,8 @@ void AddComparisons() {
   Add("ThisMachine/dmidecode", ThisMachine, {"dmidecode"});
   Add("ThisMachine/inventory", ThisMachine, {RAVCTL_BINARY, "inventory"});
   Add("ThisMachine/lshw", ThisMachine, {"lshw", "-short"});
+  Add("ThisMachine/net_list_json", ThisMachine, {RAVCTL_BINARY, "net", "list", "--json"});
+  Add("ThisMachine/ip_json", ThisMachine, {"ip", "-j", "addr"});
 }
 
 BENCHMARK(Help)->UseRealTime()->Unit(benchmark::kMillisecond);
