@@ -140,6 +140,13 @@ TEST(Prove, TraceDiskFull) {
       Debug.Init("ravd");
       SurvivesWhileFourWrite([] { Debug.SetApplInitDone(); });
       off += Debug.m_TraceLevelSaved == 0 ? 1 : 0;
+      // A buffer is there as a whole, or gives its space back.
+      for (const auto& [ring, whole] :
+           {std::pair{"/var/log/pelrix/log.ravd_i", 4 << 20}, std::pair{"/var/log/pelrix/log.ravd_a", 1 << 20}}) {
+        struct stat info {};
+        if (::stat(ring, &info) != 0) continue;
+        EXPECT_TRUE(info.st_size == 0 || info.st_size >= whole) << ring << " " << info.st_size;
+      }
       Debug.Init("");
       ::umount2("/var/log/pelrix", MNT_DETACH);
     }
