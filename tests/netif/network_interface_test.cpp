@@ -103,7 +103,8 @@ TEST_F(NetworkInterface, FailuresCarryTheirTextAndLeaveNoDescriptorWhileInterfac
       FailureOf([] { Texts(network_interface_manager().get_network_interfaces()); });
       FailureOf([] { routing_table_manager().get_ipv4_routing_entries(); });
       for (const auto& [failure, call] : kOperations)
-        EXPECT_EQ(FailureOf([&] { call(network_interface("gone")); }), failure + "\nError message: No such device");
+        EXPECT_EQ(FailureOf([&, call = call] { call(network_interface("gone")); }),
+                  failure + "\nError message: No such device");
     } while (!FailureOf([] { network_interface("end").get_network_statistics(); }).empty());
     EXPECT_EQ(FailureOf([] { network_interface_manager().get_network_interface_name_by_ipv4_index(999); }),
               "Retriving interface name by index failed.\nError message: No such device");

@@ -46,7 +46,6 @@ void* Counted(void* block) {
 }
 
 constexpr const char* kRegistry = "/etc/pelrix/registry";
-constexpr const char* kOld = "/etc/pelrix/registry.old";
 
 std::string RegistryText() {
   std::string text = "[HKEY_LOCAL_MACHINE]\nLong=s=" + std::string(900, 'x') + "\n";

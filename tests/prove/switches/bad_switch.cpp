@@ -53,12 +53,11 @@ class BadSwitch : public ISwitch {
   void NotifyEvent(uint32_t, void*, void*) override { Enter("notify"); }
 };
 
-BadSwitch badSwitch;
-
 }  // namespace
 
 #ifndef WITHOUT_QUERY_INTERFACE
 extern "C" __attribute__((visibility("default"))) bool SW_QueryInterface(uint32_t, ISwitch** switchInterface) {
+  static BadSwitch badSwitch;
   if (Does("query throws")) throw 1;
   *switchInterface = Does("null") ? nullptr : &badSwitch;
   return !Does("refuse");
