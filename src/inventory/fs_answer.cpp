@@ -25,6 +25,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kAnswerMs = 1000;
 constexpr auto kSilence = std::chrono::seconds(60);  // until the next question
+constexpr auto kRound = std::chrono::seconds(5);     // questions with less between them belong to one scan
 
 // Beside these, every type that begins with "fuse".
 constexpr auto kServedElsewhere = std::to_array<std::string_view>({
@@ -40,6 +41,8 @@ constexpr auto kServedElsewhere = std::to_array<std::string_view>({
     "gpfs",
     "lustre",
     "ncpfs",
+    "nfs",
+    "nfs4",
     "smb3",
     "smbfs",
     "virtiofs",
@@ -52,14 +55,32 @@ struct Question {
   Clock::time_point asked;
 };
 
+struct State {
+  std::vector<Question> unanswered;
+  std::vector<std::string> served;  // mount points of file systems that may never answer
+  int silentCount = 0;              // in this scan
+  Clock::time_point lastSilence;
+};
+
 // Never destroyed, as the table.
-std::vector<Question>& Unanswered() {
-  static std::vector<Question>& questions = *new std::vector<Question>;
-  return questions;
+State& Answers() {
+  static State& state = *new State;
+  return state;
 }
 
 bool MayNeverAnswer(std::string_view type) {
   return type.starts_with("fuse") || std::ranges::binary_search(kServedElsewhere, type);
+}
+
+// The way to such a mount point leads through the other file system.
+bool LiesBelow(std::string_view mountPoint, std::string_view other) {
+  return mountPoint.size() > other.size() && mountPoint.starts_with(other) &&
+         (other.ends_with('/') || mountPoint[other.size()] == '/');
+}
+
+bool LiesBelowServed(std::string_view mountPoint) {
+  return std::ranges::any_of(Answers().served,
+                             [mountPoint](const std::string& served) { return LiesBelow(mountPoint, served); });
 }
 
 bool IsOver(Question& question) {
@@ -68,8 +89,9 @@ bool IsOver(Question& question) {
 }
 
 bool OwesAnswer(const char* mountPoint) {
-  std::erase_if(Unanswered(), IsOver);
-  return std::ranges::find(Unanswered(), mountPoint, &Question::mountPoint) != Unanswered().end();
+  std::vector<Question>& unanswered = Answers().unanswered;
+  std::erase_if(unanswered, IsOver);
+  return std::ranges::find(unanswered, mountPoint, &Question::mountPoint) != unanswered.end();
 }
 
 // In the child: nothing but system calls, since another thread may have held any lock.
@@ -97,8 +119,21 @@ pid_t StartChild(const char* mountPoint, int answerFd) {
   return child;
 }
 
-bool WaitForAnswer(int fd) {
-  const Clock::time_point end = Clock::now() + std::chrono::milliseconds(kAnswerMs);
+// Each silence halves the time for the next question of the same scan: together they take no more than two seconds.
+int PatienceMs() {
+  State& state = Answers();
+  if (Clock::now() - state.lastSilence > kRound) state.silentCount = 0;
+  return std::max(kAnswerMs >> std::min(state.silentCount, 10), 1);
+}
+
+void CountSilence() {
+  State& state = Answers();
+  ++state.silentCount;
+  state.lastSilence = Clock::now();
+}
+
+bool WaitForAnswer(int fd, int patienceMs) {
+  const Clock::time_point end = Clock::now() + std::chrono::milliseconds(patienceMs);
   pollfd answer{fd, POLLIN, 0};
   while (true) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
@@ -116,24 +151,36 @@ bool AskInChild(const mount_entry& entry, struct statvfs& info) {
   const pid_t child = StartChild(entry.mount_point, writer.Get());
   if (child < 0) return false;
   writer.Reset();
-  Unanswered().push_back({entry.mount_point, child, Clock::now()});
-  if (!WaitForAnswer(reader.Get())) {
+  Answers().unanswered.push_back({entry.mount_point, child, Clock::now()});
+  const int patienceMs = PatienceMs();
+  if (!WaitForAnswer(reader.Get(), patienceMs)) {
     TRACE(2, "\nstatvfs: '%s' of type '%s' did not answer within %d ms, it counts as full", entry.mount_point,
-          entry.type, kAnswerMs);
+          entry.type, patienceMs);
     ::kill(child, SIGKILL);
+    CountSilence();
     return false;
   }
   struct statvfs answer {};
   const bool isWhole = ReadSome(reader.Get(), reinterpret_cast<char*>(&answer), sizeof answer) == sizeof answer;
   ::waitpid(child, nullptr, 0);
-  Unanswered().pop_back();
+  Answers().unanswered.pop_back();
   if (isWhole) info = answer;
   return isWhole;
 }
 
 }  // namespace
 
+void forget_mounts() {
+  Answers().served.clear();
+}
+
+void note_mount(const char* mountPoint, const char* type) {
+  if (MayNeverAnswer(type)) Answers().served.emplace_back(mountPoint);
+}
+
 bool ask_fs_info(const mount_entry& entry, struct statvfs& info) {
-  if (!MayNeverAnswer(entry.type)) return ::statvfs(entry.mount_point, &info) == 0;
+  if (!MayNeverAnswer(entry.type) && !LiesBelowServed(entry.mount_point)) {
+    return ::statvfs(entry.mount_point, &info) == 0;
+  }
   return !OwesAnswer(entry.mount_point) && AskInChild(entry, info);
 }

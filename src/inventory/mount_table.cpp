@@ -16,6 +16,7 @@
 #include <string_view>
 #include <vector>
 
+#include "inventory/fs_answer.h"
 #include "inventory/fs_size.h"
 #include "inventory/fs_type.h"
 #include "inventory/vmfs_volume.h"
@@ -289,7 +290,10 @@ int read_mount_table(FILE* table, unsigned int flags) {
   std::vector<char> line(kMountLineSize);
   mntent mount{};
   int added = 0;
+  const bool isMountedList = (flags & kMountedList) != 0;
+  if (isMountedList) forget_mounts();
   while (::getmntent_r(table, &mount, line.data(), static_cast<int>(line.size())) != nullptr) {
+    if (isMountedList) note_mount(mount.mnt_dir, mount.mnt_type);
     if (IsWanted(mount, flags) && AddMountEntry(mount, flags)) ++added;
   }
   return added;

@@ -4,14 +4,18 @@
 #include <gtest/gtest.h>
 #include <linux/fuse.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <chrono>
+#include <memory>
 #include <string>
+#include <thread>
 
+#include "inventory/system_device_scan.h"
 #include "inventory/system_volume.h"
 #include "platform/unique_fd.h"
 #include "prove/prove.h"
@@ -44,6 +48,21 @@ double SecondsSince(Clock::time_point start) {
   ::_exit(0);
 }
 
+constexpr int kDeadMounts = 8;
+
+std::string MountList() {
+  std::string list = "/dev/sda1 / ext4 rw 0 0\n";
+  for (int number = 0; number < kDeadMounts; ++number)
+    list += "none /dead" + std::to_string(number) + " fuse.dead rw 0 0\n";
+  return list + "/dev/sdb1 /dead0/inside ext4 rw 0 0\nnone /lively fuse.lively rw 0 0\n";
+}
+
+void MountDead(int number, int device) {
+  const std::string options = "fd=" + std::to_string(device) + ",rootmode=40000,user_id=0,group_id=0";
+  const std::string place = "/dead" + std::to_string(number);
+  ASSERT_EQ(::mount("none", place.c_str(), "fuse.dead", MS_NOSUID | MS_NODEV, options.c_str()), 0);
+}
+
 std::string Volumes() {
   std::vector<CSystemVolume> volumes;
   CSystemVolume::ScanSystemVolumes(volumes);
@@ -53,66 +72,80 @@ std::string Volumes() {
   return text;
 }
 
-// Of the child, which has five seconds to end. After that the file system goes, since nothing else may end the child.
-int StatusOf(pid_t child) {
+// Runs the body in a child, which has five seconds to end. After that the file systems go, since nothing else may end
+// it. The time that the child took, in seconds.
+template <typename Body>
+double InChild(const Body& body) {
+  const Clock::time_point start = Clock::now();
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(body() ? 0 : 1);
   int status = -1;
   const bool hasEnded = WaitUntil([&] { return ::waitpid(child, &status, WNOHANG) == child; }, 5);
   EXPECT_TRUE(hasEnded) << "it still runs after five seconds";
-  if (hasEnded) return status;
-  ::umount2("/dead", MNT_FORCE);
-  ::kill(child, SIGKILL);
-  ::waitpid(child, nullptr, 0);
-  return -1;
+  if (!hasEnded) {
+    for (int number = 0; number < kDeadMounts; ++number)
+      ::umount2(("/dead" + std::to_string(number)).c_str(), MNT_FORCE);
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+  }
+  EXPECT_EQ(status, 0);
+  return SecondsSince(start);
+}
+
+// The hardware scan of an agent that goes down in the middle of it.
+bool StopInTheMiddle() {
+  auto scan = std::make_unique<CSystemDeviceScan>();
+  std::thread scanner([&scan] {
+    scan->ScanDevices(CSystemDeviceScan::SCAN_VOLUMES | CSystemDeviceScan::SCAN_UPDATE_THREAD, true, 1000);
+  });
+  ::usleep(300'000);
+  scan.reset();
+  scanner.join();
+  return true;
 }
 
 }  // namespace
 
 TEST(Prove, MountThatNeverAnswers) {
-  UniqueFd device(::open("/dev/fuse", O_RDWR | O_CLOEXEC));
-  if (!device) GTEST_SKIP() << "no /dev/fuse here";
+  std::array<UniqueFd, kDeadMounts> devices;
+  for (UniqueFd& device : devices)
+    device.Reset(::open("/dev/fuse", O_RDWR | O_CLOEXEC));
+  if (!devices[0]) GTEST_SKIP() << "no /dev/fuse here";
   FixtureRoot root;
-  root.MakeDirectory("/dead");
+  for (int number = 0; number < kDeadMounts; ++number)
+    root.MakeDirectory("/dead" + std::to_string(number));
   root.MakeDirectory("/lively");
-  root.WriteFile("/etc/mtab",
-                 "none /dead fuse.dead rw 0 0\n/dev/sda1 / ext4 rw 0 0\nnone /lively fuse.lively rw 0 0\n");
-  root.Run([&device] {
-    const std::string options = "fd=" + std::to_string(device.Get()) + ",rootmode=40000,user_id=0,group_id=0";
-    ASSERT_EQ(::mount("none", "/dead", "fuse.dead", MS_NOSUID | MS_NODEV, options.c_str()), 0);
-    const pid_t server = ::fork();
-    if (server == 0) ServeNoAnswers(device.Get());
-    device.Reset();
-
-    const Clock::time_point start = Clock::now();
-    std::array<int, 2> ends{};
-    ASSERT_EQ(::pipe(ends.data()), 0);
-    const pid_t scanner = ::fork();
-    if (scanner == 0) {
-      std::string said = Volumes();
-      said += Volumes();  // not asked again at once
-      [[maybe_unused]] const ssize_t written = ::write(ends[1], said.data(), said.size());
-      ::_exit(SecondsSince(start) < 5 ? 0 : 1);
+  root.WriteFile("/etc/mtab", MountList());
+  root.Run([&devices] {
+    std::array<pid_t, kDeadMounts> servers{};
+    for (int number = 0; number < kDeadMounts; ++number) {
+      UniqueFd& device = devices[static_cast<size_t>(number)];
+      MountDead(number, device.Get());
+      servers[static_cast<size_t>(number)] = ::fork();
+      if (servers[static_cast<size_t>(number)] == 0) ServeNoAnswers(device.Get());
+      device.Reset();
     }
-    EXPECT_EQ(StatusOf(scanner), 0) << "the scan does not come back";
-    const double scanned = SecondsSince(start);
-    std::array<char, 1000> said{};
-    ASSERT_GT(::read(ends[0], said.data(), said.size() - 1), 0);
-    const std::string text = said.data();
-    EXPECT_NE(text.find("/dead 100\n"), std::string::npos) << text;
+    std::string text;
+    UniqueFd said(::memfd_create("said", MFD_CLOEXEC));
+    const double scanned = InChild([&said] {
+      const std::string volumes = Volumes() + Volumes();  // not asked again at once
+      return ::write(said.Get(), volumes.data(), volumes.size()) == static_cast<ssize_t>(volumes.size());
+    });
+    std::array<char, 4000> buffer{};
+    EXPECT_GT(::pread(said.Get(), buffer.data(), buffer.size() - 1, 0), 0);
+    text = buffer.data();
+    for (const char* full : {"/dead0 100\n", "/dead7 100\n", "/dead0/inside 100\n"})
+      EXPECT_NE(text.find(full), std::string::npos) << text;
     EXPECT_EQ(text.find("/lively 100\n"), std::string::npos) << text;
 
-    // Stopped in the middle of the first question.
-    const pid_t stopped = ::fork();
-    if (stopped == 0) {
-      Volumes();
-      ::_exit(1);
+    const double stopped = InChild(StopInTheMiddle);
+    Figure(
+        "%d file systems that never answer: two scans come back after %.1f s, a scan with its update thread ends "
+        "%.1f s after a stop in its middle",
+        kDeadMounts, scanned, stopped - 0.3);
+    for (const pid_t server : servers) {
+      ::kill(server, SIGKILL);
+      ::waitpid(server, nullptr, 0);
     }
-    ::usleep(300'000);
-    const Clock::time_point stop = Clock::now();
-    ::kill(stopped, SIGTERM);
-    EXPECT_TRUE(WIFSIGNALED(StatusOf(stopped)));
-    Figure("a file system that never answers: two scans come back after %.1f s, a stop takes %.3f s", scanned,
-           SecondsSince(stop));
-    ::kill(server, SIGKILL);
-    ::waitpid(server, nullptr, 0);
   });
 }
