@@ -91,13 +91,14 @@ class SecretMachine : public ToolRoot {
 
   static std::string Registry() {
     return std::string("[HKEY_LOCAL_MACHINE]\nChassis=b=a0 36 9f 12 34 56 \nHost=s=") + kServer +
-           "\nSerialNumber=s=ZX81-99001\nVersion=d=3172\n\n\n";
+           "\nSerialNumber=s=ZX81-99001\nShelfSerial=s=PN 0031X77\nVersion=d=3172\n\n\n";
   }
   static std::string Trace() {
     std::string text;
     for (const std::string& line :
          {std::string("adapter mac=A0-36-9F-12-34-56 at ") + kServer + ".corp.example",
-          std::string("serial ") + kSystemSerial + " and " + kBoardSerial + ", drive ZX81-99001",
+          std::string("serial ") + kSystemSerial + " and " + kBoardSerial +
+              ", drive ZX81-99001, battery serial: QX 55190Z4",
           std::string("peer fe80::a236:9fff:fe12:3456, gateway 10.20.30.44:3172, version 127.0.0.1"),
           std::string("uuid ") + kUuidText +
               " wwn 50:01:43:80:12:34:56:78 at 0x00007f0011223344\n53 47 48 35 31 32 58 4B  "
@@ -230,6 +231,8 @@ TEST(Bundle, NoSecretIsLeftInARedactedOne) {
                                                             "10.20.30.44",
                                                             "fe80::a236",
                                                             "zx81-99001",
+                                                            "0031x77",
+                                                            "55190z4",
                                                             "sgh512",
                                                             "53 47 48 35",
                                                             "37 51  7q",

@@ -180,14 +180,14 @@ struct PseudoTerminal {
 class Terminal {
  public:
   Terminal(const PseudoTerminal& pair, unsigned short lines, unsigned short columns, const char* variable,
-           const char* type = "TERM=xterm")
+           const char* type = "TERM=xterm", const char* interface = nullptr)
       : m_Picture(lines, columns), m_Master(pair.master.Get()) {
     const winsize size = {lines, columns, 0, 0};
     ::ioctl(m_Master, TIOCSWINSZ, &size);
     m_Shell = ::fork();
     if (m_Shell != 0) return;
     ::login_tty(pair.slave.Get());
-    ActAsShell(variable, type);
+    ActAsShell(variable, type, interface);
   }
 
   // Reads what the tool sends until the condition holds; false after ten seconds.
@@ -238,14 +238,15 @@ class Terminal {
     m_Picture.Feed({text.data(), static_cast<size_t>(size)});
   }
 
-  [[noreturn]] static void ActAsShell(const char* variable, const char* type) {
+  [[noreturn]] static void ActAsShell(const char* variable, const char* type, const char* interface) {
     ::signal(SIGTTOU, SIG_IGN);
     const pid_t job = ::fork();
     if (job == 0) {
       ::setpgid(0, 0);
       ::tcsetpgrp(0, ::getpid());
       ::signal(SIGTTOU, SIG_DFL);
-      const char* argv[] = {"ravctl", "perf", "top", "--interval", "0.2", nullptr};
+      const char* argv[] = {"ravctl",  "perf", "top", "--interval", "0.2", interface != nullptr ? "-i" : nullptr,
+                            interface, nullptr};
       const char* envp[] = {type, "LANG=C.UTF-8", variable, nullptr};
       ::execve("/ravctl", const_cast<char**>(argv), const_cast<char**>(envp));
       ::_exit(127);
@@ -453,10 +454,10 @@ TEST(PerfTop, GivesTheTerminalBackOnEveryWayOut) {
       FixtureRoot::kUsr);
 }
 
-TEST(PerfTop, RefusesATerminalThatCannotBeDrawnOn) {
+TEST(PerfTop, RefusesWhatItCannotDraw) {
   const ToolRoot machine;
   Fill(machine);
-  const PseudoTerminal pairs[3];
+  const PseudoTerminal pairs[4];
   machine.Run(
       [&] {
         const PseudoTerminal* pair = pairs;
@@ -465,6 +466,9 @@ TEST(PerfTop, RefusesATerminalThatCannotBeDrawnOn) {
           EXPECT_EQ(terminal.Report(), "2 ") << type;
           EXPECT_THAT(terminal.Sent(), HasSubstr("perf top: the terminal cannot be drawn on: TERM=")) << type;
         }
+        Terminal terminal(*pair, 24, 80, "A=", "TERM=xterm", "eth9");
+        EXPECT_EQ(terminal.Report(), "1 ");
+        EXPECT_THAT(terminal.Sent(), HasSubstr("no such interface among those that are sampled: eth9"));
       },
       FixtureRoot::kUsr);
 }

@@ -12,6 +12,7 @@
 #include "firmware/smbios_structures.h"
 #include "firmware/smbios_tables.h"
 #include "ravctl/bundle/physical_memory.h"
+#include "ravctl/core/text.h"
 
 namespace ravctl {
 
@@ -84,14 +85,7 @@ std::optional<std::pair<size_t, size_t>> StringAt(std::string_view text, const S
 }
 
 std::string UuidDigits(std::string_view bytes) {
-  constexpr std::string_view kDigits = "0123456789abcdef";
-  std::string digits;
-  for (const char character : bytes) {
-    const auto byte = static_cast<unsigned char>(character);
-    digits += kDigits[byte >> 4];
-    digits += kDigits[byte & 0xF];
-  }
-  return SwapUuid(digits);
+  return SwapUuid(HexBytes(bytes));
 }
 
 std::string UuidBytes(std::string_view digits) {

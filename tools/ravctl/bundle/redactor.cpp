@@ -90,17 +90,6 @@ std::string WithDashes(std::string_view digits) {
   return text;
 }
 
-std::string HexOf(std::string_view bytes) {
-  constexpr std::string_view kDigits = "0123456789abcdef";
-  std::string digits;
-  for (const char character : bytes) {
-    const auto byte = static_cast<unsigned char>(character);
-    digits += kDigits[byte >> 4];
-    digits += kDigits[byte & 0xF];
-  }
-  return digits;
-}
-
 // Writes a token of lower-case letters over what stands there, in upper case where that has it.
 void Overwrite(std::string& text, size_t at, size_t length, std::string_view token) {
   const bool isUpper =
@@ -192,7 +181,7 @@ size_t IdentifierPlace(std::string_view text, size_t at) {
   return std::string_view::npos;
 }
 
-// Behind a word that tells what follows: the separator with a registry's type, blanks and quotes. npos for none.
+// Behind a word that tells what follows: the separator, blanks and quotes. npos for none.
 size_t ValuePlace(std::string_view text, size_t at) {
   constexpr size_t kLongestRest = 24;  // of the key: "serial" of "serial number (chassis)"
   const size_t end = std::min(text.size(), at + kLongestRest);
@@ -200,21 +189,31 @@ size_t ValuePlace(std::string_view text, size_t at) {
     ++at;
   if (At(text, at) != '=' && At(text, at) != ':') return std::string_view::npos;
   ++at;
-  for (const std::string_view type : {"s=", "es="}) {
-    if (text.substr(at).starts_with(type)) at += type.size();
-  }
   while (At(text, at) == ' ' || At(text, at) == '"' || At(text, at) == '\'')
     ++at;
   return at;
 }
 
-std::string_view ValueAt(std::string_view text, size_t at) {
+size_t WordEnd(std::string_view text, size_t at) {
   size_t end = at;
-  while (IsWord(At(text, end)) ||
-         (end > at && std::string_view("._-/").find(At(text, end)) != std::string_view::npos && At(text, end) != '\0'))
+  while (IsWord(At(text, end)) || (end > at && std::string_view("._-/").find(At(text, end)) != std::string_view::npos))
     ++end;
   while (end > at && !IsWord(text[end - 1]))
     --end;
+  return end;
+}
+
+// The text of a registry value ("s=PN 0031X77"), which has the rest of the line; else a word, with the next ones where
+// it is too short to be a serial number by itself.
+std::string_view ValueAt(std::string_view text, size_t at) {
+  for (const std::string_view type : {"s=", "es="}) {
+    if (!text.substr(at).starts_with(type)) continue;
+    at += type.size();
+    return text.substr(at, text.find_first_of("\r\n", at) - at);
+  }
+  size_t end = WordEnd(text, at);
+  while (end > at && end - at < kShortestSerial && At(text, end) == ' ' && WordEnd(text, end + 1) > end + 1)
+    end = WordEnd(text, end + 1);
   return text.substr(at, end - at);
 }
 
@@ -251,7 +250,7 @@ void Redactor::LearnSerial(std::string_view serial) {
   if (serial.size() < kShortestSerial || !HasDigit(serial) || IsPlaceholder(serial)) return;
   const std::string token = m_Tokens.Name(serial);
   AddNeedle(serial, token, false);
-  AddNeedle(WithSeparator(HexOf(serial), ' '), WithSeparator(HexOf(token), ' '), true);
+  AddNeedle(HexBytes(serial, " "), HexBytes(token, " "), true);
 }
 
 void Redactor::LearnHost(std::string_view name) {
@@ -264,7 +263,7 @@ void Redactor::LearnHost(std::string_view name) {
 }
 
 void Redactor::LearnAddress(std::span<const unsigned char> bytes) {
-  const std::string digits = HexOf({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+  const std::string digits = HexBytes({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
   if (bytes.size() < kMacBytes || IsAllOne(digits)) return;
   AddHexSpellings(digits, m_Tokens.Hex(digits));
 }

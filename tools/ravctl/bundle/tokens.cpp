@@ -7,12 +7,12 @@
 #include <cstring>
 
 #include "ravctl/core/command_error.h"
+#include "ravctl/core/text.h"
 
 namespace ravctl {
 
 namespace {
 
-constexpr std::string_view kHexDigits = "0123456789abcdef";
 constexpr unsigned int kAttempts = 64;  // to find a token that no other secret has
 constexpr size_t kMacDigits = 12;
 
@@ -74,7 +74,7 @@ class Tokens::Stream {
     return static_cast<unsigned int>(SipHash(m_Key, m_Seed) % limit);
   }
   char Digit() { return static_cast<char>('0' + Below(10)); }
-  char HexDigit() { return kHexDigits[Below(16)]; }
+  char HexDigit() { return kLowerHex[Below(16)]; }
 
  private:
   const std::array<uint64_t, 2>& m_Key;

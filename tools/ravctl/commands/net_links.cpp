@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <span>
 
 #include "netif/libnetif_socket.h"
 #include "netif/netlink.h"
@@ -96,14 +97,8 @@ void TakeAddress(const netlink_message& message, void* context) {
   addresses.push_back(std::string(text.data()) + "/" + std::to_string(head.ifa_prefixlen));
 }
 
-std::string HexBytes(const uint8_t* bytes, size_t count) {
-  std::string text;
-  for (size_t index = 0; index < count; ++index) {
-    std::array<char, 4> part{};
-    std::snprintf(part.data(), part.size(), "%s%02x", index == 0 ? "" : ":", bytes[index]);
-    text += part.data();
-  }
-  return text;
+std::string AddressText(std::span<const uint8_t> bytes) {
+  return HexBytes({reinterpret_cast<const char*>(bytes.data()), bytes.size()}, ":");
 }
 
 std::string MacOf(const network_interface& interface) {
@@ -113,11 +108,10 @@ std::string MacOf(const network_interface& interface) {
       std::array<uint8_t, 6> bytes{};
       for (size_t index = 0; index < bytes.size(); ++index)
         bytes[index] = static_cast<uint8_t>(address >> (8 * index));
-      return HexBytes(bytes.data(), bytes.size());
+      return AddressText(bytes);
     }
     case interface_hardware_type::infiniband: {
-      const libnetif::infiniband_address address = interface.get_infiniband_address();
-      return HexBytes(address.data(), address.size());
+      return AddressText(interface.get_infiniband_address());
     }
     default:
       return "";

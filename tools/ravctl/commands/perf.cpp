@@ -35,22 +35,6 @@ Color LoadColor(const Json& row, const std::string& key) {
   return value >= 90 ? Color::kRed : value >= 70 ? Color::kYellow : Color::kNone;
 }
 
-// Only the interfaces that were asked for; one that is not there ends the command.
-void KeepWanted(const PerfOptions& options, PerfSample& sample) {
-  if (options.interfaces.empty()) return;
-  std::vector<std::string> known;
-  for (const NetworkLoad& load : sample.network)
-    known.push_back(load.name);
-  for (const std::string& name : options.interfaces) {
-    if (std::ranges::count(known, name) > 0) continue;
-    const std::string nearest = NearestMatch(name, known);
-    throw CommandError(ExitCode::kNothingOrDifferent, "no such interface among those that are sampled", name,
-                       nearest.empty() ? "see ravctl perf" : "did you mean " + nearest + "?");
-  }
-  std::erase_if(sample.network,
-                [&options](const NetworkLoad& load) { return std::ranges::count(options.interfaces, load.name) == 0; });
-}
-
 bool WarnAboutMissing(const PerfSample& sample, Output& out) {
   if (!sample.cpu) out.Warn("the use of the processors cannot be told", "/proc/stat", "try a longer --interval");
   if (!sample.physical) out.Warn("the use of the memory cannot be told", "/proc/meminfo", "");
@@ -160,7 +144,8 @@ ExitCode RunOnce(const PerfOptions& options, const SignalWatch& signals, Output&
   const double seconds = options.interval > 0.0 ? options.interval : kOnceSeconds;
   if (signals.WaitUntil(Clock::now() + Seconds(seconds)) != 0) return ExitCode::kNothingOrDifferent;
   PerfSample sample = sampler.Take();
-  KeepWanted(options, sample);
+  RequireInterfaces(options.interfaces, sample);
+  KeepInterfaces(options.interfaces, sample);
   const bool isMissing = WarnAboutMissing(sample, out);
   out.Print({"perf-sample"}, ObjectTable(sample), sample.ToJson());
   return isMissing ? ExitCode::kInputMissing : ExitCode::kDone;
@@ -177,7 +162,8 @@ ExitCode RunRows(const PerfOptions& options, const SignalWatch& signals, Output&
     next = std::max(next + interval, Clock::now());
     if (signals.WaitUntil(next) != 0) break;
     PerfSample sample = sampler.Take();
-    KeepWanted(options, sample);
+    RequireInterfaces(options.interfaces, sample);
+    KeepInterfaces(options.interfaces, sample);
     if (!rows) rows.emplace(RowTable(sample, out));
     if (!isMissing) isMissing = WarnAboutMissing(sample, out);
     rows->Add(RowOf(sample), sample.ToJson());

@@ -7,6 +7,7 @@
 
 #include "perfmon/sample_text.h"
 #include "ravctl/core/command_error.h"
+#include "ravctl/core/text.h"
 #include "ravctl/terminal/stream_table.h"
 
 namespace ravctl {
@@ -74,6 +75,24 @@ Json PerfSample::ToJson() const {
             {"virtual_used", OrNull(virtualMemory, &MemoryUse::used)},
             {"virtual_total", OrNull(virtualMemory, &MemoryUse::total)}}},
           {"network", interfaces}};
+}
+
+void RequireInterfaces(const std::vector<std::string>& wanted, const PerfSample& sample) {
+  std::vector<std::string> known;
+  for (const NetworkLoad& load : sample.network)
+    known.push_back(load.name);
+  for (const std::string& name : wanted) {
+    if (std::ranges::count(known, name) > 0) continue;
+    const std::string nearest = NearestMatch(name, known);
+    throw CommandError(ExitCode::kNothingOrDifferent, "no such interface among those that are sampled", name,
+                       nearest.empty() ? "see ravctl perf" : "did you mean " + nearest + "?");
+  }
+}
+
+void KeepInterfaces(const std::vector<std::string>& wanted, PerfSample& sample) {
+  if (wanted.empty()) return;
+  std::erase_if(sample.network,
+                [&wanted](const NetworkLoad& load) { return std::ranges::count(wanted, load.name) == 0; });
 }
 
 // With an interval of 0 the monitor's thread ends at once, and samples are taken when they are asked for.

@@ -40,6 +40,11 @@ struct PerfSample {
   Json ToJson() const;
 };
 
+// Throws CommandError when an interface that was asked for is not among those of the sample.
+void RequireInterfaces(const std::vector<std::string>& wanted, const PerfSample& sample);
+// Drops the interfaces that were not asked for. Nothing wanted: all stay.
+void KeepInterfaces(const std::vector<std::string>& wanted, PerfSample& sample);
+
 // Takes samples through the performance monitor of the library, which answers percentages, and the amounts behind them
 // and the traffic through the readers that the monitor stands on. One thread; each sample is made in the call.
 class PerfSampler {

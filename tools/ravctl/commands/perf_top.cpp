@@ -84,16 +84,12 @@ Wish TakeKeys(const Screen& screen, PerfView& view) {
   return wish;
 }
 
-void KeepWanted(const TopOptions& options, PerfSample& sample) {
-  if (options.interfaces.empty()) return;
-  std::erase_if(sample.network,
-                [&options](const NetworkLoad& load) { return std::ranges::count(options.interfaces, load.name) == 0; });
-}
-
 ExitCode RunTop(const TopOptions& options, Output& out) {
   RequireTerminal(out);
   const SignalWatch signals({SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGCONT, SIGWINCH});
   PerfSampler sampler;
+  // One that vanishes later may come back.
+  RequireInterfaces(options.interfaces, sampler.Take());
   Screen screen(out.HasColors());
   PerfView view(StyleOfLocale(), options.interval);
   view.Draw(screen);
@@ -109,7 +105,7 @@ ExitCode RunTop(const TopOptions& options, Output& out) {
     if (Clock::now() >= next) {
       next = std::max(next + interval, Clock::now());
       PerfSample sample = sampler.Take();
-      KeepWanted(options, sample);
+      KeepInterfaces(options.interfaces, sample);
       view.Add(sample);
       wish = Wish::kRedraw;
     }

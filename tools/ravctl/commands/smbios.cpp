@@ -39,15 +39,8 @@ std::string HandleText(unsigned int handle) {
   return text;
 }
 
-std::string HexBytes(Bytes bytes) {
-  constexpr std::string_view kDigits = "0123456789ABCDEF";
-  std::string text;
-  text.reserve(2 * bytes.size());
-  for (const unsigned char byte : bytes) {
-    text += kDigits[byte >> 4];
-    text += kDigits[byte & 0xF];
-  }
-  return text;
+std::string UpperHex(Bytes bytes) {
+  return HexBytes({reinterpret_cast<const char*>(bytes.data()), bytes.size()}, "", kUpperHex);
 }
 
 // ---- which structures
@@ -158,7 +151,7 @@ Json StructureData(const SmbiosStructure& structure) {
   data["strings"] = Json::array();
   for (const std::string_view text : structure.strings)
     data["strings"].push_back(text);
-  data["bytes"] = HexBytes(structure.area);
+  data["bytes"] = UpperHex(structure.area);
   return data;
 }
 
@@ -242,8 +235,8 @@ ExitCode RunDump(const DumpOptions& options, Output& out) {
   }
   out.Print({"smbios-dump"}, text,
             {{"source", image.source},
-             {"entry_point", HexBytes(image.entryPoint.Bytes())},
-             {"table", HexBytes(image.table.Bytes())},
+             {"entry_point", UpperHex(image.entryPoint.Bytes())},
+             {"table", UpperHex(image.table.Bytes())},
              {"files", files}});
   return ExitCode::kDone;
 }

@@ -12,8 +12,6 @@ namespace ravctl {
 
 namespace {
 
-constexpr std::string_view kHexDigits = "0123456789abcdef";
-
 unsigned char Byte(std::string_view text, size_t at) {
   return static_cast<unsigned char>(text[at]);
 }
@@ -40,12 +38,7 @@ bool IsControl(std::string_view text, size_t at, size_t length) {
 }
 
 void AppendHex(std::string& out, std::string_view bytes) {
-  for (const char character : bytes) {
-    const auto byte = static_cast<unsigned char>(character);
-    out += "\\x";
-    out += kHexDigits[byte >> 4];
-    out += kHexDigits[byte & 0xF];
-  }
+  out += "\\x" + HexBytes(bytes, "\\x");
 }
 
 void AppendSafe(std::string& out, std::string_view text, bool keepControls) {
@@ -112,9 +105,7 @@ void AppendJsonString(std::string& out, std::string_view text) {
       out += '\\';
       out += character;
     } else if (byte < 0x20 || byte == 0x7F) {
-      out += "\\u00";
-      out += kHexDigits[byte >> 4];
-      out += kHexDigits[byte & 0xF];
+      out += "\\u00" + HexBytes({&character, 1});
     } else {
       out += character;
     }
@@ -143,6 +134,18 @@ std::string NearestMatch(std::string_view word, const std::vector<std::string>& 
     }
   }
   return best;
+}
+
+std::string HexBytes(std::string_view bytes, std::string_view separator, std::string_view digits) {
+  std::string text;
+  text.reserve(bytes.size() * (2 + separator.size()));
+  for (const char character : bytes) {
+    const auto byte = static_cast<unsigned char>(character);
+    if (!text.empty()) text += separator;
+    text += digits[byte >> 4];
+    text += digits[byte & 0xF];
+  }
+  return text;
 }
 
 std::string HumanSize(unsigned long long bytes) {

@@ -27,6 +27,11 @@ std::string NearestMatch(std::string_view word, const std::vector<std::string>& 
 // "1536" => "1.5K"; powers of 1024.
 std::string HumanSize(unsigned long long bytes);
 
+inline constexpr std::string_view kLowerHex = "0123456789abcdef";
+inline constexpr std::string_view kUpperHex = "0123456789ABCDEF";
+// Two digits a byte: "a0:36:9f" with ":" between them.
+std::string HexBytes(std::string_view bytes, std::string_view separator = "", std::string_view digits = kLowerHex);
+
 // "a,b,,c" => {"a", "b", "c"}
 std::vector<std::string> SplitList(std::string_view text, char separator = ',');
 

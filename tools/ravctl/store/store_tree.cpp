@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "ravctl/core/command_error.h"
+#include "ravctl/core/text.h"
 #include "registry/registry_strings.h"
 #include "registry/registry_text.h"
 
@@ -226,15 +227,7 @@ std::optional<uint32_t> ParseType(std::string_view text) {
 std::string ValueText(const StoreValue& value) {
   if (value.type == kRegistryNumber) return std::to_string(value.number);
   if (value.type != kRegistryBinary) return value.data;
-  constexpr const char* kDigits = "0123456789abcdef";
-  std::string text;
-  for (const char c : value.data) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (!text.empty()) text += ' ';
-    text += kDigits[byte >> 4U];
-    text += kDigits[byte & 0xFU];
-  }
-  return text;
+  return HexBytes(value.data, " ");
 }
 
 std::optional<StoreValue> ParseValue(uint32_t type, std::string_view text) {
