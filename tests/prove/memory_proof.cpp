@@ -198,6 +198,7 @@ TEST(Prove, MemoryOfSave) {
           const CRegistryNodeRef key = node.FindSubKey("HKEY_LOCAL_MACHINE");
           const CCriticalSectionLock lock(*key.Get());
           ASSERT_NE(key->Find("Long"), nullptr);
+          // The first allocation opens the file: when that fails the change stays in memory until the next one.
           EXPECT_TRUE(key->Find("State")->Number() == state || failure.failing == 1) << state;
         });
     EXPECT_GT(allocations, 3);
@@ -228,7 +229,7 @@ TEST(Prove, MemoryOfTableWalk) {
           } catch (const std::bad_alloc&) {
           }
         },
-        [&] { EXPECT_TRUE(hasAll || !isConnected || failure.calls >= failure.failing); });
+        [&] { EXPECT_TRUE(hasAll || !isConnected); });
     EXPECT_GT(allocations, 3);
     EXPECT_TRUE(hasAll);
     Figure("%ld failing allocations of a table walk: no crash, no leak", allocations);
