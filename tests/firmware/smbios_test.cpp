@@ -16,9 +16,6 @@
 
 namespace {
 
-constexpr const char* kSysfsEntryPoint = "/sys/firmware/dmi/tables/smbios_entry_point";
-constexpr const char* kSysfsTable = "/sys/firmware/dmi/tables/DMI";
-
 struct Walk {
   explicit Walk(const std::string& bytes) : table(bytes.begin(), bytes.end()) {
     sound = WalkSmbiosStructures(table, index, walked, error);

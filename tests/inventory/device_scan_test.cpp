@@ -10,6 +10,7 @@
 
 #include "inventory/server_machine.h"
 #include "inventory/system_device_scan.h"
+#include "support/firmware_tables.h"
 #include "support/trace_capture.h"
 
 namespace {
@@ -100,7 +101,9 @@ const char* const kAdapters[] = {
 class TwoSocketServer : public ServerMachine {
  public:
   TwoSocketServer() {
-    WriteSlotTable(*this, {{3, 0x18, 0}, {4, 0x17, 0}});
+    WriteSmbios(
+        *this,
+        SmbiosTable().AddSlot({.id = 3, .type = 6, .bus = 0x18}).AddSlot({.id = 4, .type = 6, .bus = 0x17}).AddEnd());
     Add("0000:00:00.0", 0x80862020, 0x060000, "", {.revision = 4, .addresses = {0x1001, 0x2001, 0x3001}});
     Add("0000:00:01.0", 0x80862030, 0x060400, "", {.headerType = 0x81, .secondaryBus = 0x17});
     Add("0000:00:14.0", 0x8086A1AF, 0x0C0330, "xhci_hcd");
@@ -165,7 +168,7 @@ TEST(SystemDeviceScan, WholeMachineIsRecordedAndRelated) {
     EXPECT_EQ(drives,
               "ahci 0000:00:1f.2 sr0\nmegaraid_sas 0000:18:00.0 sda\nmegaraid_sas 0000:18:00.0 nst0\n"
               "qla2xxx 0000:19:00.1 sdb\nnvme 0000:5e:00.0 nvme0n1\nnvme 0001:82:00.0 nvme1n1\n");
-    EXPECT_EQ(FirstMissing(trace, R"(CSystemAdapter      : Found 1 ISA devices
+    EXPECT_EQ(trace.Missing(R"(CSystemAdapter      : Found 1 ISA devices
 CSystemAdapter      : Found 13 PCI devices
 CSystemAdapter      : Adding ISA adapter "ISAPNP\" (Class: Other Controller, DeviceName: rtc0)
 CSystemDeviceRelations   : Adapter "megaraid_sas 0000:18:00.0": Host drive [1]: "UBRIUM-TD4      "
@@ -225,7 +228,7 @@ TEST(SystemDeviceScan, FlagsChooseTheSteps) {
     TraceCapture trace(4);
     CSystemDeviceScan scan;
     EXPECT_EQ(scan.ScanHardware(0, false, 7, nullptr), 0);
-    EXPECT_EQ(Text(trace), R"(CSystemDeviceScan   : -> ScanHardware()
+    EXPECT_EQ(trace.Text(), R"(CSystemDeviceScan   : -> ScanHardware()
 CSystemDeviceScan   : Waiting 7 msec for pending hardware scan operation ...
 CSystemDeviceScan   : Start hardware rescan ...
 CSystemDeviceScan   : Update thread not running!

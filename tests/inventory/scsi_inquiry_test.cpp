@@ -28,8 +28,9 @@ std::string SerialError(const char* path) {
   return ErrorOf([path] { kInquiry.GetScsiDeviceSerialNo(path, false); });
 }
 
-TEST(ScsiInquiry, AnswersAreTextsWithoutPadding) {
-  FixtureRoot root;
+using ScsiInquiry = RootedTest;
+
+TEST_F(ScsiInquiry, AnswersAreTextsWithoutPadding) {
   for (const char* node : {"/dev/full", "/dev/blank", "/dev/empty", "/dev/long"})
     root.WriteFile(node, "");
   root.Run([] {
@@ -60,8 +61,7 @@ TEST(ScsiInquiry, AnswersAreTextsWithoutPadding) {
   });
 }
 
-TEST(ScsiInquiry, DeviceFailuresAndShortAnswersThrow) {
-  FixtureRoot root;
+TEST_F(ScsiInquiry, DeviceFailuresAndShortAnswersThrow) {
   root.WriteFile("/dev/sda", "");
   root.Run([] {
     sg_io_hdr sent{};
@@ -90,8 +90,7 @@ TEST(ScsiInquiry, DeviceFailuresAndShortAnswersThrow) {
   });
 }
 
-TEST(ScsiInquiry, ClusterDriverStandsInForANodeThatDoesNotOpen) {
-  FixtureRoot root;
+TEST_F(ScsiInquiry, ClusterDriverStandsInForANodeThatDoesNotOpen) {
   const auto errorOfMissingNode = [] {
     std::array<unsigned char, 6> command{};
     unsigned char byte = 0;

@@ -73,8 +73,9 @@ constexpr const char* kFstab =
     "# configured\n/dev/sda1 / ext2 defaults 0 1\n/dev/sdd1 /backup ext3 defaults 0 0\n/dev/cdrom /media iso9660 "
     "ro,noauto 0 0\nserver:/x /other nfs defaults 0 0\n/dev/sde1 /archive ntfs defaults 0 0";
 
-TEST(MountTable, SourcesAreMergedSortedAndMeasured) {
-  FixtureRoot root;
+using MountTable = RootedTest;
+
+TEST_F(MountTable, SourcesAreMergedSortedAndMeasured) {
   root.WriteFile("/etc/mtab", kMtab);
   root.WriteFile("/etc/fstab", kFstab);
   root.Run([] {
@@ -117,8 +118,7 @@ TEST(MountTable, SourcesAreMergedSortedAndMeasured) {
   });
 }
 
-TEST(MountTable, SourcesAreReadAgainOnlyWhenChangedAndOld) {
-  FixtureRoot root;
+TEST_F(MountTable, SourcesAreReadAgainOnlyWhenChangedAndOld) {
   root.MakeDirectory("/etc");
   root.Run([] {
     WriteAged("/etc/mtab", "/dev/a /a ext4 rw 0 0\n", 1000);
@@ -139,8 +139,7 @@ TEST(MountTable, SourcesAreReadAgainOnlyWhenChangedAndOld) {
   });
 }
 
-TEST(MountTable, KernelListIsFollowedBehindALink) {
-  FixtureRoot root;
+TEST_F(MountTable, KernelListIsFollowedBehindALink) {
   root.MakeLink("/etc/mtab", "/proc/self/mounts");
   root.MakeDirectory("/added");
   root.Run(
@@ -159,8 +158,7 @@ TEST(MountTable, KernelListIsFollowedBehindALink) {
       FixtureRoot::kProc);
 }
 
-TEST(MountTable, VmfsVolumesAreMeasuredByTheirTool) {
-  FixtureRoot root;
+TEST_F(MountTable, VmfsVolumesAreMeasuredByTheirTool) {
   root.WriteFile("/etc/mtab", "/dev/a /a ext4 rw 0 0\n");
   root.MakeDirectory("/vmfs/vmhba1:0:0:1");
   root.MakeDirectory("/vmfs/a:b; touch owned");
@@ -186,7 +184,7 @@ TEST(MountTable, VmfsVolumesAreMeasuredByTheirTool) {
       FixtureRoot::kUsr);
 }
 
-TEST(MountTable, ToolOutputAndTypesAreLookedUpByTheirTables) {
+TEST_F(MountTable, ToolOutputAndTypesAreLookedUpByTheirTables) {
   const std::pair<const char*, double> outputs[] = {
       {"\n\nCapacity\n", 0},
       {"Capacity nan (1 file blocks * 2), 3 (4 blocks)", 0},

@@ -13,8 +13,7 @@ namespace {
 void WriteTables(const FixtureRoot& root, off_t place, const std::string& irqTable, const SmbiosTable& smbios) {
   root.MakeSparseFile("/dev/mem", 0x100000);
   root.WriteAt("/dev/mem", place, irqTable);
-  root.WriteFile("/sys/firmware/dmi/tables/smbios_entry_point", EntryPoint64(1, 1));
-  root.WriteFile("/sys/firmware/dmi/tables/DMI", smbios.Bytes());
+  WriteSmbios(root, smbios);
 }
 
 // The slot of a device, -1 when none is found and the output is 0.
@@ -38,8 +37,9 @@ TEST(PciSlotData, TypeDecidesHowAnEntryMatches) {
   }
 }
 
-TEST(PciSlotMap, IrqTableNumbersAndSmbiosCorrectsTypes) {
-  const FixtureRoot root;
+using PciSlotMap = RootedTest;
+
+TEST_F(PciSlotMap, IrqTableNumbersAndSmbiosCorrectsTypes) {
   SmbiosTable smbios;
   smbios.AddSlot({.type = 6, .bus = 6, .device = 9}).AddSlot({.type = 6, .usage = 3, .bus = 5, .device = 3});
   smbios.AddSlot({.bus = 5}).AddEnd();
@@ -60,8 +60,7 @@ TEST(PciSlotMap, IrqTableNumbersAndSmbiosCorrectsTypes) {
   });
 }
 
-TEST(PciSlotMap, SmbiosAloneAndInUseSlotsWin) {
-  const FixtureRoot root;
+TEST_F(PciSlotMap, SmbiosAloneAndInUseSlotsWin) {
   const std::string shortSlot("\1\xA5\x0D\x04\4\x09\0\0\0\0\0\7", 12);  // ends behind its bus
   SmbiosTable smbios;
   smbios.AddSlot({.id = 1, .type = 6, .usage = 3, .bus = 2, .device = 1}).AddSlot({.id = 7, .bus = 0xFF});
@@ -81,7 +80,7 @@ TEST(PciSlotMap, SmbiosAloneAndInUseSlotsWin) {
   });
 }
 
-TEST(PciSlotMap, BrokenIrqTablesAreDiscardedWhole) {
+TEST_F(PciSlotMap, BrokenIrqTablesAreDiscardedWhole) {
   const auto changed = [](size_t place, char value) {
     std::string table = IrqRoutingTable({{5, 0, 7}});
     table[place] = value;
@@ -104,7 +103,6 @@ TEST(PciSlotMap, BrokenIrqTablesAreDiscardedWhole) {
       {0xF0008, changed(0, '$'), "CPciSlotMap::GetSlotMappingFromIrqRoutingTable(): ERROR ## Empty IRQ Routing Table."},
   };
   for (const auto& [place, table, error] : rows) {
-    const FixtureRoot root;
     WriteTables(root, place, table, SmbiosTable().AddSlot({.id = 3, .bus = 5}).AddEnd());
     root.Run([&error = error] {
       const TraceCapture trace(4);
@@ -115,8 +113,7 @@ TEST(PciSlotMap, BrokenIrqTablesAreDiscardedWhole) {
   }
 }
 
-TEST(PciSlotMap, NothingIsAskedForOnce) {
-  const FixtureRoot root;
+TEST_F(PciSlotMap, NothingIsAskedForOnce) {
   root.Run([] {
     const TraceCapture trace(4);
     CPciSlotMap map;

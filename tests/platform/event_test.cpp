@@ -87,8 +87,7 @@ TEST(Event, ClosedHandleAndOneWithoutEventRefuse) {
 }
 
 TEST(Event, SharedLifeIsTraced) {
-  const FixtureRoot root;
-  root.Run([] {
+  FixtureRoot().Run([] {
     const TraceCapture trace(5);
     {
       CEvent first(false, false, "door");
@@ -101,10 +100,7 @@ TEST(Event, SharedLifeIsTraced) {
       EXPECT_TRUE(third.Close());
     }
     const CEvent again(false, true, "door");
-    std::string lines;
-    for (const std::string& line : trace.Lines())
-      lines += line + "\n";
-    EXPECT_EQ(std::regex_replace(lines, std::regex("0x[0-9a-f]+"), "P"),
+    EXPECT_EQ(std::regex_replace(trace.Text(), std::regex("0x[0-9a-f]+"), "P"),
               "creating event P <door> (IsSignaled=0)\nrefCount for event P <door> incremented (IsSignaled=0)\n"
               "WARNING: manual setting mismatch for event P <door>\nSet event P <door> IsSignaled=0 --> IsSignaled=1\n"
               "Check event P <door> (IsSignaled=0)\nPulse event P <door> IsSignaled=0 --> IsSignaled=0\n"

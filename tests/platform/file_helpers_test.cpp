@@ -14,8 +14,9 @@
 
 using Texts = std::vector<std::string>;
 
-TEST(FileHelpers, DirectoriesAndLinks) {
-  const FixtureRoot root;
+using FileHelpers = RootedTest;
+
+TEST_F(FileHelpers, DirectoriesAndLinks) {
   root.WriteFile("/data/real/a b", "");
   root.WriteFile("/data/real/.%s", "");
   root.MakeLink("/data/link", "../data/./real");
@@ -50,7 +51,7 @@ TEST(FileHelpers, DirectoriesAndLinks) {
   }
 }
 
-TEST(FileHelpers, RegularExpressionGivesTheAskedForMatch) {
+TEST_F(FileHelpers, RegularExpressionGivesTheAskedForMatch) {
   const std::tuple<const char*, std::string, uint8_t, std::string> rows[] = {
       {"[0-9]+", "a12b3c45", 1, "12"},
       {"[0-9]+", "a12b3c45", 2, "2"},
@@ -68,8 +69,7 @@ TEST(FileHelpers, RegularExpressionGivesTheAskedForMatch) {
   }
 }
 
-TEST(FileHelpers, FilesAreSplitIntoLines) {
-  const FixtureRoot root;
+TEST_F(FileHelpers, FilesAreSplitIntoLines) {
   root.WriteFile("/lines", std::string("one\r\n\nt\0o\n", 10) + std::string(20000, 'x'));
   root.WriteFile("/two", "a\nb\n");
   root.Run([] {

@@ -164,8 +164,9 @@ TEST(RegistryText, WhatALineCannotCarryIsTracedAndHarmsNothing) {
       FileText("Good=s=1\n[K]\nGood=s=1\nGood2=s=2\na=x=s=1\nline=s=1\n2\nlong=s=" + std::string(1500, 'x') + "\n\n"));
 }
 
-TEST(RegistryFile, LoadFallsBackAndTellsWhy) {
-  const FixtureRoot root;
+using RegistryFile = RootedTest;
+
+TEST_F(RegistryFile, LoadFallsBackAndTellsWhy) {
   root.WriteFile(kRegistry, "[HKEY_LOCAL_MACHINE]\n\n\n");
   root.WriteFile(kOld, "");
   root.Run([] {
@@ -192,8 +193,7 @@ TEST(RegistryFile, LoadFallsBackAndTellsWhy) {
   });
 }
 
-TEST(RegistryFile, FirstStartMakesTheRootKeys) {
-  const FixtureRoot root;
+TEST_F(RegistryFile, FirstStartMakesTheRootKeys) {
   root.MakeDirectory("/etc/pelrix");
   root.Run([] {
     CRegistry first;
@@ -215,8 +215,7 @@ TEST(RegistryFile, FirstStartMakesTheRootKeys) {
   EXPECT_EQ(root.ReadFile(kRegistry), "[HKEY_USERS]\n[X]\nV=d=1\nW=d=2\n\n\n\n");
 }
 
-TEST(RegistryFile, SaveKeepsTheOldFileAndWritesOnce) {
-  const FixtureRoot root;
+TEST_F(RegistryFile, SaveKeepsTheOldFileAndWritesOnce) {
   const std::string before = FileText("V=d=1\n");
   root.WriteFile(kRegistry, before, 0600);
   root.Run([] {
@@ -237,8 +236,7 @@ TEST(RegistryFile, SaveKeepsTheOldFileAndWritesOnce) {
   EXPECT_FALSE(root.Exists(kNew));
 }
 
-TEST(RegistryFile, FailedWriteAtAnyByteChangesNothingAndIsTriedAgain) {
-  const FixtureRoot root;
+TEST_F(RegistryFile, FailedWriteAtAnyByteChangesNothingAndIsTriedAgain) {
   const std::string before = FileText("State=d=1\n");
   const std::string after = FileText("State=d=2\n");
   root.WriteFile(kRegistry, before);
@@ -259,13 +257,13 @@ TEST(RegistryFile, FailedWriteAtAnyByteChangesNothingAndIsTriedAgain) {
   EXPECT_EQ(root.ReadFile(kOld), before);
 }
 
-TEST(RegistryFile, FailedStepLeavesAStoreThatLoadsAndIsTriedAgain) {
+TEST_F(RegistryFile, FailedStepLeavesAStoreThatLoadsAndIsTriedAgain) {
   using Row = std::tuple<const char*, int, unsigned int>;
   for (const auto& [function, call, onDisk] :
        {Row{"fsync", 1, 1}, Row{"fclose", 1, 1}, Row{"rename", 1, 1}, Row{"rename", 2, 1}, Row{"fsync", 2, 2}}) {
-    const FixtureRoot root;
-    root.WriteFile(kRegistry, FileText("V=d=0\n"));
-    root.Run([&, function = function, call = call, onDisk = onDisk] {
+    const FixtureRoot store;
+    store.WriteFile(kRegistry, FileText("V=d=0\n"));
+    store.Run([&, function = function, call = call, onDisk = onDisk] {
       SCOPED_TRACE(function + std::to_string(call));
       CRegistry registry("", CRegistry::HKEY_LOCAL_MACHINE, 0);
       SaveState(registry, 1);
@@ -285,8 +283,7 @@ TEST(RegistryFile, FailedStepLeavesAStoreThatLoadsAndIsTriedAgain) {
   }
 }
 
-TEST(RegistryFile, TempFileThatCannotBeOpenedIsNotTriedAgain) {
-  const FixtureRoot root;
+TEST_F(RegistryFile, TempFileThatCannotBeOpenedIsNotTriedAgain) {
   root.WriteFile(kRegistry, FileText("V=d=1\n"));
   root.MakeDirectory(kNew);
   root.Run([] {
@@ -300,10 +297,9 @@ TEST(RegistryFile, TempFileThatCannotBeOpenedIsNotTriedAgain) {
 }
 
 // RAVD_CRASH_ROUNDS sets another number of rounds.
-TEST(RegistryFile, KilledSaverLeavesTheLastOrTheNextState) {
+TEST_F(RegistryFile, KilledSaverLeavesTheLastOrTheNextState) {
   const char* wanted = std::getenv("RAVD_CRASH_ROUNDS");
   const int rounds = wanted != nullptr ? std::atoi(wanted) : 100;
-  const FixtureRoot root;
   std::string values;
   for (int value = 0; value < kStateValues; ++value)
     values += StateName(value) + "=d=0\n";

@@ -19,6 +19,10 @@ class TraceCapture {
 
   // The texts traced since construction or the last Clear, one per line of the file, without their entry headers.
   std::vector<std::string> Lines() const;
+  // All of them in one text, each with its end of line.
+  std::string Text() const;
+  // Which of these lines were not traced exactly so; "" when all were.
+  std::string Missing(const std::string& lines) const;
   // Whether a line is exactly this text.
   bool Has(const std::string& line) const;
   // How many lines contain the text.

@@ -36,8 +36,9 @@ struct LateTracer {
 
 }  // namespace
 
-TEST(Debug, LevelDecidesWhatIsWritten) {
-  const TraceRoot root;
+using TraceDebug = TraceTest;
+
+TEST_F(TraceDebug, LevelDecidesWhatIsWritten) {
   root.Run([] {
     const TraceCapture trace(2);
     int evaluated = 0;
@@ -56,8 +57,7 @@ TEST(Debug, LevelDecidesWhatIsWritten) {
   });
 }
 
-TEST(Debug, LeadingNewlinesAreDroppedAndOneEndsTheEntry) {
-  const TraceRoot root;
+TEST_F(TraceDebug, LeadingNewlinesAreDroppedAndOneEndsTheEntry) {
   root.Run([] {
     const TraceCapture trace(1);
     Debug.Print(1, "\n\n\nabc");
@@ -69,8 +69,7 @@ TEST(Debug, LeadingNewlinesAreDroppedAndOneEndsTheEntry) {
   });
 }
 
-TEST(Debug, PrintAlwaysReachesTheLogFileWithoutTracing) {
-  const TraceRoot root;
+TEST_F(TraceDebug, PrintAlwaysReachesTheLogFileWithoutTracing) {
   root.Run([] {
     Debug.PrintAlways(0, "before Init");
     EXPECT_FALSE(Debug.Init(nullptr));
@@ -96,14 +95,13 @@ TEST(Debug, PrintAlwaysReachesTheLogFileWithoutTracing) {
   EXPECT_EQ(log.find("behind a long tag\n"), line + 128);
 }
 
-TEST(Debug, MemoryColumnIsTheResidentSizeOfTheStatusFile) {
+TEST_F(TraceDebug, MemoryColumnIsTheResidentSizeOfTheStatusFile) {
   uint64_t expected = 0;
   CProcess::GetProcessMemorySpecificInfo(static_cast<uint32_t>(getpid()), expected, "VmRSS:", CProcess::kilobytes);
   ResidentMemory memory;
   EXPECT_GT(expected, 0U);
   EXPECT_NEAR(static_cast<double>(memory.ReadKb()), static_cast<double>(expected), 1024.0);
 
-  const TraceRoot root;
   root.Run(
       [] {
         ASSERT_TRUE(Debug.Init("ravd"));
@@ -119,8 +117,7 @@ TEST(Debug, MemoryColumnIsTheResidentSizeOfTheStatusFile) {
   EXPECT_THAT(FirstLine(root.ReadFile(TraceRoot::kLog)), MatchesRegex(".{35}   [0-9 ]{5} KB !ravd          here"));
 }
 
-TEST(Debug, CommandLineGoesToTheLogFile) {
-  const TraceRoot root;
+TEST_F(TraceDebug, CommandLineGoesToTheLogFile) {
   root.Run([] {
     char name[] = "ravd";
     char option[] = "-n %s";
@@ -133,8 +130,7 @@ TEST(Debug, CommandLineGoesToTheLogFile) {
   });
 }
 
-TEST(Debug, EmptyNameAndMissingDirectoryAreSurvived) {
-  const TraceRoot root;
+TEST_F(TraceDebug, EmptyNameAndMissingDirectoryAreSurvived) {
   root.Run([] {
     EXPECT_TRUE(Debug.Init(""));
     Debug.PrintAlways("nameless");
@@ -151,7 +147,7 @@ TEST(Debug, EmptyNameAndMissingDirectoryAreSurvived) {
   EXPECT_NE(root.ReadFile("/var/log/pelrix/log.").find("nameless"), std::string::npos);
 }
 
-TEST(Debug, VariableNamesAreBuiltWithinTheirBuffer) {
+TEST_F(TraceDebug, VariableNamesAreBuiltWithinTheirBuffer) {
   char name[16] = "QN_X";
   CDebug::BuildAppVarName(name, sizeof name, "");
   CDebug::BuildAppVarName(name, sizeof name, nullptr);
@@ -165,8 +161,7 @@ TEST(Debug, VariableNamesAreBuiltWithinTheirBuffer) {
   EXPECT_EQ(CDebug::StringToLower(nullptr), nullptr);
 }
 
-TEST(Debug, StaticObjectsMayTraceAfterTheEndOfMain) {
-  const TraceRoot root;
+TEST_F(TraceDebug, StaticObjectsMayTraceAfterTheEndOfMain) {
   root.Run(
       [] {
         static const LateTracer early;  // its destructor runs after that of anything built later
@@ -181,11 +176,10 @@ TEST(Debug, StaticObjectsMayTraceAfterTheEndOfMain) {
   EXPECT_EQ(TextOf(root.ReadFile(TraceRoot::kLog), "while"), "while it runs");
 }
 
-TEST(Debug, CancelledWriterGivesTheLockBack) {
+TEST_F(TraceDebug, CancelledWriterGivesTheLockBack) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "the sanitizer's own runtime does not survive a forced unwinding";
 #endif
-  const TraceRoot root;
   root.Run([] {
     const TraceCapture trace(1);
     // Asynchronous cancellation strikes inside the writer sooner or later.
