@@ -21,8 +21,7 @@ const std::string& Table() {
 // What the source chain delivers in the root, and a line that it must trace on the way.
 void Expect(const FixtureRoot& root, const std::string& header, const std::string& data, const std::string& line) {
   SCOPED_TRACE(line);
-  root.Run([&] {
-    const TraceCapture trace(5);
+  RunTraced(root, 5, [&](TraceCapture& trace) {
     CDataStream foundHeader("old", 3);
     CDataStream foundData("old", 3);
     EXPECT_EQ(CBiosTables::GetSmbiosData(foundHeader, foundData), !data.empty());

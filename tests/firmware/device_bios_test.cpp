@@ -15,8 +15,7 @@ TEST_F(DeviceBios, MapsFromThePageStart) {
   root.MakeSparseFile("/dev/mem", 0x100000);
   root.WriteAt("/dev/mem", 0xF0123, "hello");
   root.WriteAt("/dev/mem", 0x10, "low");
-  root.Run([] {
-    const TraceCapture trace(5);
+  RunTraced(root, 5, [](TraceCapture& trace) {
     CDeviceBios device;
     EXPECT_EQ(device.MapPhysicalMemory(0, 0xF0123, 5, false), nullptr);
     EXPECT_TRUE(trace.Has("CDeviceBios (Map) : ## ERROR: DeviceBios is not connected - fix this!!"));

@@ -78,8 +78,7 @@ TEST(AdapterDriver, IsTheRestOfTheLineOfTheFunction) {
   ServerMachine machine;
   machine.Add("0001:05:03.7", 0x80861521, 0x020000, "first");
   machine.Add("0000:05:03.7", 0x80861521, 0x020000, "second");
-  machine.Run([] {
-    const TraceCapture trace(3);
+  RunTraced(machine, 3, [](TraceCapture& trace) {
     char buffer[4] = "old";
     EXPECT_EQ(GetAdapterDriverName(2, 5, 5, 0, buffer, sizeof buffer) + int{buffer[0]}, 0);
     EXPECT_EQ(GetAdapterDriverName(2, 5, 3, 7, buffer, sizeof buffer), 1) << "segments do not matter";
@@ -100,8 +99,7 @@ TEST(AdapterMac, DamagedInterfacesArePassedOver) {
   machine.AddInterface("eth0", "02:00:00:00:00:00", "");
   machine.AddInterface("peth0", "02:00:00:00:00:99", "../0000:02:00.0");
   machine.AddInterface("p2p1", "02:00:00:00:00:0f", "../0001:02:1f.7");
-  machine.Run([] {
-    const TraceCapture trace(3);
+  RunTraced(machine, 3, [](TraceCapture& trace) {
     char name[5] = "old";
     unsigned char mac[8] = {9, 9, 9, 9, 9, 9, 9, 9};
     EXPECT_EQ(GetMACInformation(1, 2, 31, 7, name, sizeof name, mac, sizeof mac), 1);
@@ -137,8 +135,7 @@ TEST(SystemAdapter, ResourcesFollowTheHeaderAndTheKernelsFiles) {
                     "00000000-00000fff : Reserved\nfc000000-ffffffff : PCI Bus\n"
                     "  fe000000-fe7fffff : 0000:02:00.0\n");
   machine.WriteFile("/proc/dma", " 0x2: 0000CA5c\n 3:\tVEN_1000 \n4 cascade\n");
-  machine.Run([] {
-    const TraceCapture trace(2);
+  RunTraced(machine, 2, [](TraceCapture& trace) {
     const CSystemAdapter adapter = LastAdapter();
     _SystemAdapterIoDescriptor io;
     _SystemAdapterMemoryDescriptor memory;
@@ -183,8 +180,7 @@ TEST(SystemAdapter, WwnIsReadOnceAndStaysWithItsRecord) {
   machine.Add("0000:1b:00.0", 0x10772261, 0x0C0300);
   machine.AddFcHost("host5", "pci0000:17/0000:19:00.0/fc_host", "0x10000090fa534f0a");
   machine.AddFcHost("host6", "pci0000:17/0000:17:02.0/0000:1a:00.0/fc_host", "0x10000090fa534f0b");
-  machine.Run([] {
-    const TraceCapture trace(1);
+  RunTraced(machine, 1, [](TraceCapture& trace) {
     std::vector<CSystemAdapter> adapters;
     CSystemAdapter::ScanPciSystemAdapters(adapters, true);
     ASSERT_EQ(adapters.size(), 3U);
@@ -220,8 +216,7 @@ TEST(SystemAdapter, NetworkAdaptersTellTheirDriverAndNames) {
   machine.AddInterface("eth0", "02:00:00:00:00:03", "../0000:02:00.0");
   machine.WriteFile("/etc/pelrix/Adapter.ini",
                     "[10EC]\nVendor=Realtech\n8168=NIC\n81681234=Quad NIC\n[1734]\nVendor=Sub\n");
-  machine.Run([] {
-    TraceCapture trace(5);
+  RunTraced(machine, 5, [](TraceCapture& trace) {
     const FakeIoctl system(kEthtool);
     std::vector<CSystemAdapter> adapters(3);
     EXPECT_TRUE(CSystemAdapter::ScanSystemNetAdapters(adapters, false));

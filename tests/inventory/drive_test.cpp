@@ -85,8 +85,7 @@ TEST(SystemDrive, WholeMachineIsRecordedFieldByField) {
   machine.MakeDirectory("/sys/block/sda");
   for (const char* node : {"/dev/sda", "/dev/nvme0n1"})
     machine.WriteFile(node, "");
-  machine.Run([] {
-    TraceCapture trace(5);
+  RunTraced(machine, 5, [](TraceCapture& trace) {
     const FakeDrives devices({{"/dev/sda", {"", "", "RAID0042"}}, {"/dev/nvme0n1", {"NVMe", "FLASH 4", "S-1"}}});
     CSystemDriveList drives;
     CSystemDrive::ScanSystemDrives(drives, true, false);

@@ -33,8 +33,7 @@ using ScsiInquiry = RootedTest;
 TEST_F(ScsiInquiry, AnswersAreTextsWithoutPadding) {
   for (const char* node : {"/dev/full", "/dev/blank", "/dev/empty", "/dev/long"})
     root.WriteFile(node, "");
-  root.Run([] {
-    const TraceCapture trace(2);
+  RunTraced(root, 2, [](TraceCapture& trace) {
     const FakeDrives drives({{"/dev/full", {"ABCDEFGH", " Model of 16 chr", "WD42x"}},
                              {"/dev/blank", {"", "", "WD 42"}},
                              {"/dev/empty", {"", "", ""}},

@@ -94,9 +94,9 @@ using BusTablesOfAMachine = RootedTest;
 
 TEST_F(BusTablesOfAMachine, PciFunctionsWithTheirResources) {
   MakeMachine(root);
-  root.Run(
-      [] {
-        const TraceCapture trace(4);
+  RunTraced(
+      root, 4,
+      [](TraceCapture& trace) {
         BusBuildTables();
         const BusTables& tables = GetBusTables();
         const BusFunction& nic = FindFunction(2, 0, 0)->function;
@@ -147,9 +147,9 @@ TEST_F(BusTablesOfAMachine, PciFunctionsWithTheirResources) {
 TEST_F(BusTablesOfAMachine, ASecondPassRefreshesTheEntries) {
   MakeMachine(root);
   root.WriteFile("/proc/interrupts", "  11:  5  XT-PIC  eth0\n  14:  5  XT-PIC  ide0\n");
-  root.Run(
-      [] {
-        const TraceCapture trace(4);
+  RunTraced(
+      root, 4,
+      [](TraceCapture& trace) {
         BusTableEntry* const first = BusGetNextTableEntry(0);
         EXPECT_EQ(first, FindIsa("ide0"));
         const BusTableEntry* const nic = FindFunction(2, 0, 0);
@@ -179,8 +179,7 @@ TEST_F(BusTablesOfAMachine, ASecondPassRefreshesTheEntries) {
 }
 
 TEST_F(BusTablesOfAMachine, AnEmptyMachineEndsQuietly) {
-  root.Run([] {
-    const TraceCapture trace(4);
+  RunTraced(root, 4, [](TraceCapture& trace) {
     EXPECT_EQ(BusGetNextTableEntry(1), nullptr);
     EXPECT_EQ(BusGetNextTableEntry(0), nullptr);
     EXPECT_FALSE(ScanPciFunctions());
@@ -235,8 +234,7 @@ TEST_F(BusTablesOfAMachine, OneDeviceCollectsItsResources) {
   root.WriteFile("/proc/ioports",
                  "0000-0cf7 : PCI Bus 0000:00\n  0000-001f : dma1\n0378-037a : parport0\n0400-0410 : Intel PMC\n"
                  "c000-cfff : 0000:00:03.0\n0500-04ff : bad\n");
-  root.Run([] {
-    const TraceCapture trace(3);
+  RunTraced(root, 3, [](TraceCapture& trace) {
     BusBuildTables();
     const BusTables& tables = GetBusTables();
     const BusTableEntry* const parport = FindIsa("parport0");
@@ -282,8 +280,7 @@ TEST_F(BusTablesOfAMachine, MemoryRangesEndWhereAnotherDeviceBegins) {
 TEST_F(BusTablesOfAMachine, VmwareVectorsReplaceIrqs) {
   root.WriteFile(kDevices, DevicesLine(1, 0, 0, 0x1000, 0x1960, 9, {}) + DevicesLine(1, 1, 0, 0x1000, 0x0408, 9, {}));
   root.WriteFile("/proc/vmware/pci", "Bus:Sl.F Vend:Dvid\n001:00.0 1000:1960 1014:0260 RAID megaraid 0a/9/0x79 C\n");
-  root.Run([] {
-    const TraceCapture trace(3);
+  RunTraced(root, 3, [](TraceCapture& trace) {
     ScanPciFunctions();
     EXPECT_TRUE(trace.Has("    On VMware: Replaced real IRQ 9 by IRQ vector 0x79 for PCI Id 1000:1960"));
     EXPECT_TRUE(trace.Has("    On VMware: Could not replace real IRQ 9 by IRQ vector for PCI Id 1000:0408"));

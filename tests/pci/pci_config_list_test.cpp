@@ -59,8 +59,7 @@ TEST_F(ScanPciSlots, FunctionsBehindBridgesInheritTheSlot) {
                         .AddSlot({.id = 4, .type = 6, .bus = 6, .device = 2})
                         .AddSlot({.id = 0, .type = 6})
                         .AddEnd());
-  root.Run([] {
-    const TraceCapture trace(4);
+  RunTraced(root, 4, [](TraceCapture& trace) {
     EXPECT_EQ(Scan(),
               (Functions{"0000:00:00.0 slot 0", "0000:00:1c.0 slot 3", "0000:00:1d.0 slot -1", "0000:05:00.0 slot 3",
                          "0000:05:00.1 slot 3", "0000:05:01.0 slot 3", "0000:06:02.0 slot 4", "0000:06:1f.7 slot 3",
@@ -87,8 +86,7 @@ TEST_F(ScanPciSlots, OnlyWellFormedNamesAreFunctions) {
   root.MakeLink("/proc/bus/pci/0000:02/02.0", "missing");
   root.MakeLink("/proc/bus/pci/0000:02/03.0", "1f.7");
   root.MakeLink("/proc/bus/pci/04", "missing");
-  root.Run([] {
-    const TraceCapture trace(3);
+  RunTraced(root, 3, [](TraceCapture& trace) {
     EXPECT_EQ(Scan(false), (Functions{"0000:02:03.0 slot -1", "0000:02:1f.7 slot -1"}));
     EXPECT_TRUE(
         trace.Has("IsPciDevFileValid  : stat() for /proc/bus/pci/0000:02/02.0 failed errno=2 (No such file or "
@@ -109,8 +107,7 @@ TEST_F(ScanPciSlots, OnlyTheFirstFunctionMayFail) {
   AddFunction(root, {.name = "04.0"});
   root.WriteFile("/proc/bus/pci/00/05.0", "short");
   AddFunction(root, {.name = "06.0"});
-  root.Run([] {
-    const TraceCapture trace(4);
+  RunTraced(root, 4, [](TraceCapture& trace) {
     EXPECT_EQ(Scan(false), (Functions{"0000:00:01.0 slot -1", "0000:00:04.0 slot -1"}));
     EXPECT_EQ(trace.Count("Invalid PCI device configuration!"), 3);
     EXPECT_TRUE(trace.Has("GetPciConfigSpace : read error from /proc/bus/pci/00/05.0"));
@@ -120,8 +117,7 @@ TEST_F(ScanPciSlots, OnlyTheFirstFunctionMayFail) {
 }
 
 TEST_F(ScanPciSlots, AMachineWithoutPciGivesAnEmptyList) {
-  root.Run([] {
-    const TraceCapture trace(3);
+  RunTraced(root, 3, [](TraceCapture& trace) {
     EXPECT_EQ(Scan(), Functions{});
     EXPECT_TRUE(
         trace.Has("BuildPciDeviceNameList  : scandir for directory /proc/bus/pci failed; ## ERROR: errno=2 "

@@ -45,8 +45,7 @@ TEST_F(PciSlotMap, IrqTableNumbersAndSmbiosCorrectsTypes) {
   smbios.AddSlot({.bus = 5}).AddEnd();
   // The routing table lies as far back as it may.
   WriteTables(root, 0xFFF80, IrqRoutingTable({{0, 3, 0}, {5, 3, 7}, {5, 4, 9}, {6, 1, 8}}), smbios);
-  root.Run([] {
-    const TraceCapture trace(4);
+  RunTraced(root, 4, [](TraceCapture& trace) {
     CPciSlotMap map;
     EXPECT_EQ(SlotOf(map, 5, 17), 9);  // serial now: the bus alone decides; 7 stays parallel
     EXPECT_EQ(SlotOf(map, 5, 3), 7);   // the first one: the types alone come from SMBIOS, not the usage
@@ -67,8 +66,7 @@ TEST_F(PciSlotMap, SmbiosAloneAndInUseSlotsWin) {
   smbios.AddSlot({.id = 5, .type = 6, .bus = 2, .device = 1}).AddSlot({.id = 6, .usage = 5, .bus = 8});
   smbios.Add(9, shortSlot).Add(41, "short").AddOnboardDevice(4, 0).AddSlot({.id = 3, .bus = 4}).AddOnboardDevice(9, 2);
   WriteTables(root, 0xF0000, "", smbios.AddEnd());
-  root.Run([] {
-    const TraceCapture trace(4);
+  RunTraced(root, 4, [](TraceCapture& trace) {
     CPciSlotMap map;
     EXPECT_EQ(SlotOf(map, 2, 1), 5);
     EXPECT_EQ(SlotOf(map, 4, 0), 3);
@@ -104,8 +102,7 @@ TEST_F(PciSlotMap, BrokenIrqTablesAreDiscardedWhole) {
   };
   for (const auto& [place, table, error] : rows) {
     WriteTables(root, place, table, SmbiosTable().AddSlot({.id = 3, .bus = 5}).AddEnd());
-    root.Run([&error = error] {
-      const TraceCapture trace(4);
+    RunTraced(root, 4, [&error = error](TraceCapture& trace) {
       CPciSlotMap map;
       EXPECT_EQ(SlotOf(map, 5, 1), 3) << error;
       EXPECT_TRUE(trace.Has(error)) << error;
@@ -114,8 +111,7 @@ TEST_F(PciSlotMap, BrokenIrqTablesAreDiscardedWhole) {
 }
 
 TEST_F(PciSlotMap, NothingIsAskedForOnce) {
-  root.Run([] {
-    const TraceCapture trace(4);
+  RunTraced(root, 4, [](TraceCapture& trace) {
     CPciSlotMap map;
     EXPECT_EQ(SlotOf(map, 0, 0), -1);
     EXPECT_EQ(SlotOf(map, 0, 0), -1);

@@ -22,8 +22,7 @@ TEST_F(FileHelpers, DirectoriesAndLinks) {
   root.MakeLink("/data/link", "../data/./real");
   root.MakeLink("/long", std::string(2000, 'x'));
   root.MakeDirectory("/empty");
-  root.Run([] {
-    const TraceCapture trace(2);
+  RunTraced(root, 2, [](TraceCapture& trace) {
     Texts names;
     EXPECT_FALSE(CDirectory::GetDirectoryContent(names, "/no%s", true));
     EXPECT_FALSE(CDirectory::GetDirectoryContent(names, "/empty", true));
@@ -72,8 +71,7 @@ TEST_F(FileHelpers, RegularExpressionGivesTheAskedForMatch) {
 TEST_F(FileHelpers, FilesAreSplitIntoLines) {
   root.WriteFile("/lines", std::string("one\r\n\nt\0o\n", 10) + std::string(20000, 'x'));
   root.WriteFile("/two", "a\nb\n");
-  root.Run([] {
-    const TraceCapture trace(1);
+  RunTraced(root, 1, [](TraceCapture& trace) {
     Texts lines{"kept"};
     EXPECT_TRUE(CStdioFile::ReadFile(lines, "/lines"));
     EXPECT_EQ(lines, (Texts{"kept", "one\r", "", std::string("t\0o", 3), std::string(20000, 'x')}));

@@ -85,6 +85,8 @@ TEST_F(IniFile, EditsAreExactToTheByte) {
                       {two, "A", nullptr, nullptr, 1, "\n; next\n\n[B]\nx=1\n"},
                       {two, "B", nullptr, "v", 1, "; top\n[A]\n\na=1\n; c\n\nb=2\n"},
                       {two, "C", nullptr, nullptr, 0, two},
+                      {"early=1\n\n[A]\na=1\n[B]\nb=1\n", "B", nullptr, nullptr, 1, "early=1\n\n[A]\na=1\n"},
+                      {"[Ax\na=1\n", "A", "a", "9", 1, "[Ax\na=1\n\n[A]\n\na=9\n"},
                       {"[A]\n\na=1", "A", "a", "22", 1, "[A]\n\na=22\n"},
                       {"[A]\n\na=1", "A", "b", "2", 1, "[A]\n\na=1\nb=2\n"},
                       {"[A]", "A", "b", "2", 1, "[A]\nb=2\n"},
@@ -102,8 +104,7 @@ TEST_F(IniFile, FailedAndMissingFilesAreLeftAsTheyWere) {
   const std::string content = "[A]\n\na=1\nb=2\n[B]\n\nc=3\n";
   root.WriteFile(kPath, content);
   root.MakeLink("/link", "made");
-  root.Run([&] {
-    const TraceCapture trace(4);
+  RunTraced(root, 4, [&](TraceCapture& trace) {
     ::umask(077);
     EXPECT_EQ(CIniFile::WritePrivateProfileString("S", "k", nullptr, "/link"), 1);
     EXPECT_EQ(CIniFile::WritePrivateProfileString("S", "k", "v", "/new"), 1);

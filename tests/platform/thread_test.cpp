@@ -55,8 +55,7 @@ TEST(Thread, JoinableWorkerIsWaitedForUnlessLetGo) {
 }
 
 TEST(Thread, StepsAreTraced) {
-  FixtureRoot().Run([] {
-    const TraceCapture trace(4);
+  RunTraced(FixtureRoot(), 4, [](TraceCapture& trace) {
     Work work;
     CThread thread;
     EXPECT_TRUE(!StartWork(thread, work, true, 1000) && thread.WaitForTermination(kWaitForever));

@@ -169,8 +169,7 @@ using RegistryFile = RootedTest;
 TEST_F(RegistryFile, LoadFallsBackAndTellsWhy) {
   root.WriteFile(kRegistry, "[HKEY_LOCAL_MACHINE]\n\n\n");
   root.WriteFile(kOld, "");
-  root.Run([] {
-    const TraceCapture trace(1);
+  RunTraced(root, 1, [](TraceCapture& trace) {
     CRegistry registry("", CRegistry::HKEY_LOCAL_MACHINE, 0);
     EXPECT_EQ(trace.Lines(),
               (std::vector<std::string>{
@@ -185,8 +184,7 @@ TEST_F(RegistryFile, LoadFallsBackAndTellsWhy) {
     EXPECT_FALSE(CRegistry::ReadTree("/etc", *registry.KeepKeyHandle())) << "a read error";
   });
   root.WriteFile(kDefault, FileText("V=d=1\n"));
-  root.Run([] {
-    const TraceCapture trace(2);
+  RunTraced(root, 2, [](TraceCapture& trace) {
     CRegistry registry("", CRegistry::HKEY_LOCAL_MACHINE, 0);
     EXPECT_EQ(registry.GetValueSize("V"), 4U);
     EXPECT_EQ(trace.Count("CRegistry: SetupTree(): ForceSetup=0, MIsSetup=0, MIsDirty=0"), 1);

@@ -79,3 +79,12 @@ int TraceCapture::Count(const std::string& part) const {
 void TraceCapture::Clear() {
   m_First = ReadTexts().size();
 }
+
+void RunTraced(const FixtureRoot& root, unsigned int level, const std::function<void(TraceCapture& trace)>& body,
+               unsigned int mounts) {
+  const auto traced = [&] {
+    TraceCapture trace(level);
+    body(trace);
+  };
+  root.Run(traced, mounts);
+}

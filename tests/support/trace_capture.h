@@ -1,13 +1,17 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
-// Reads back what the code under test traced. Inside FixtureRoot::Run only:
+#include "support/fixture_root.h"
+
+// Reads back what the code under test traced. Inside FixtureRoot::Run only, or with it:
 //
-//   TraceCapture trace(5);
-//   ... code under test ...
-//   EXPECT_TRUE(trace.Has("CFileLock::Lock     : nrRetries = 1"));
+//   RunTraced(root, 5, [](TraceCapture& trace) {
+//     ... code under test ...
+//     EXPECT_TRUE(trace.Has("CFileLock::Lock     : nrRetries = 1"));
+//   });
 //
 // Directs `Debug` to a log file of the fixture root, with that level and no limit of size.
 class TraceCapture {
@@ -32,3 +36,7 @@ class TraceCapture {
  private:
   size_t m_First = 0;
 };
+
+// Runs the body in the root and captures what it traces.
+void RunTraced(const FixtureRoot& root, unsigned int level, const std::function<void(TraceCapture& trace)>& body,
+               unsigned int mounts = FixtureRoot::kNone);

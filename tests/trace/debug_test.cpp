@@ -39,8 +39,7 @@ struct LateTracer {
 using TraceDebug = TraceTest;
 
 TEST_F(TraceDebug, LevelDecidesWhatIsWritten) {
-  root.Run([] {
-    const TraceCapture trace(2);
+  RunTraced(root, 2, [](TraceCapture& trace) {
     int evaluated = 0;
     const auto argument = [&evaluated] { return ++evaluated; };
     TRACE(2, "written %d", argument());
@@ -58,8 +57,7 @@ TEST_F(TraceDebug, LevelDecidesWhatIsWritten) {
 }
 
 TEST_F(TraceDebug, LeadingNewlinesAreDroppedAndOneEndsTheEntry) {
-  root.Run([] {
-    const TraceCapture trace(1);
+  RunTraced(root, 1, [](TraceCapture& trace) {
     Debug.Print(1, "\n\n\nabc");
     Debug.Print(1, "\n");
     Debug.Print(1, "%s", "");
@@ -180,8 +178,7 @@ TEST_F(TraceDebug, CancelledWriterGivesTheLockBack) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "the sanitizer's own runtime does not survive a forced unwinding";
 #endif
-  root.Run([] {
-    const TraceCapture trace(1);
+  RunTraced(root, 1, [](TraceCapture& trace) {
     // Asynchronous cancellation strikes inside the writer sooner or later.
     for (int round = 0; round < 20; ++round) {
       pthread_t writer{};
