@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "inventory/adapter_classes.h"
 #include "inventory/adapter_driver.h"

@@ -7,7 +7,6 @@
 #include "inventory/fake_drives.h"
 #include "inventory/scsi_device_list.h"
 #include "inventory/system_drive.h"
-#include "support/fixture_root.h"
 #include "support/trace_capture.h"
 
 namespace {

@@ -4,6 +4,8 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <array>
+
 #include "inventory/agt_exception.h"
 #include "inventory/drive_inquiry.h"
 #include "inventory/fake_drives.h"

@@ -232,6 +232,14 @@ TEST_F(RegistryFile, SaveKeepsTheOldFileAndWritesOnce) {
   EXPECT_EQ(root.ReadFile(kRegistry), FileText("V=d=2\n"));
   EXPECT_EQ(root.Mode(kRegistry) & 07777U, 0644U);
   EXPECT_FALSE(root.Exists(kNew));
+  root.WriteFile(kRegistry, "");
+  root.Run([] {
+    CRegistry registry("", CRegistry::HKEY_LOCAL_MACHINE, 0);
+    registry.SetValue("V", 3U);
+    CRegistry::SaveTree();
+  });
+  EXPECT_EQ(root.ReadFile(kRegistry), FileText("V=d=3\n"));
+  EXPECT_EQ(root.ReadFile(kOld), before) << "an empty file is no backup";
 }
 
 TEST_F(RegistryFile, FailedWriteAtAnyByteChangesNothingAndIsTriedAgain) {
@@ -273,6 +281,7 @@ TEST_F(RegistryFile, FailedStepLeavesAStoreThatLoadsAndIsTriedAgain) {
       }
       EXPECT_EQ(trace.Count("CRegistry: ERROR: Cannot "), 1);
       EXPECT_EQ(trace.Count("SaveTree MPRegistryTemp"), 0) << "success was reported";
+      EXPECT_EQ(::access(kRegistry, F_OK), 0) << "the old file did not come back";
       EXPECT_EQ(StateOnDisk(), onDisk);
       CRegistry::SaveTree();
       EXPECT_EQ(trace.Count("SaveTree MPRegistryTemp"), 1) << "tried again";
