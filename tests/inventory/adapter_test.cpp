@@ -23,12 +23,19 @@ CSystemAdapter LastAdapter() {
 }
 
 TEST(AdapterClass, FollowsBaseClassSubclassAndVendor) {
-  std::istringstream rows(
-      "0 1 0 Display-- 0 2 0 Unknown-- 1 80 0 SCSIAdapterd- 1 1 0 hdcd- 1 2 0 fdc-- 1 3 0 Unknown-- 1 5 0 Unknown-- "
-      "2 80 0 netdm 1 8 0 Non-Volatile-Memoryd- 3 2 0 Displayd- 4 0 0 Display-- 4 1 0 MEDIA-- 4 3 0 Unknown-- "
-      "5 9 0 MTD-- 6 4 0 System-- 7 1 0 Ports-- 7 2 0 Unknown-- 8 80 0 System-- 9 2 0 Mouse-- 9 3 0 Unknown-- "
-      "a 0 0 Unknown-- b 1 0 System-- c 3 10df SCSIAdapterd- c 3 1 USB-- c 4 19a2 SCSIAdapterd- c 4 8086 Unknown-- "
-      "c 0 1 1394-- d 1 0 Infrared-- d 2 0 Unknown-- ff 0 0 Unknown--");
+  // Base class, subclass and vendor; the name with d for a driver, m for a MAC address.
+  std::istringstream rows(R"(
+     0  1    0 Display--               0  2    0 Unknown--               1 80    0 SCSIAdapterd-
+     1  1    0 hdcd-                   1  2    0 fdc--                   1  3    0 Unknown--
+     1  5    0 Unknown--               2 80    0 netdm                   1  8    0 Non-Volatile-Memoryd-
+     3  2    0 Displayd-               4  0    0 Display--               4  1    0 MEDIA--
+     4  3    0 Unknown--               5  9    0 MTD--                   6  4    0 System--
+     7  1    0 Ports--                 7  2    0 Unknown--               8 80    0 System--
+     9  2    0 Mouse--                 9  3    0 Unknown--               a  0    0 Unknown--
+     b  1    0 System--                c  3 10df SCSIAdapterd-           c  3    1 USB--
+     c  4 19a2 SCSIAdapterd-           c  4 8086 Unknown--               c  0    1 1394--
+     d  1    0 Infrared--              d  2    0 Unknown--              ff  0    0 Unknown--
+  )");
   uint16_t base = 0, sub = 0, vendor = 0;
   for (std::string expected; rows >> std::hex >> base >> sub >> vendor >> expected;) {
     const AdapterClass found = FindAdapterClass(static_cast<uint8_t>(base), static_cast<uint8_t>(sub), vendor);

@@ -63,6 +63,7 @@ TEST_F(BusTableTest, SearchModes) {
   }
   entries[1]->used = 0;
   entries[3]->used = 0;
+  BusInsertTable(m_Table, entries[2]);  // nothing new, but walks begin at the unused entry before it now
   constexpr int kNone = -1;
   // Mode, bus of the key, only used entries => number of the entry.
   constexpr std::tuple<int, int64_t, bool, int> kRows[] = {
