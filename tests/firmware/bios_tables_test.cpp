@@ -10,8 +10,6 @@
 
 namespace {
 
-constexpr const char* kSysfsEntryPoint = "/sys/firmware/dmi/tables/smbios_entry_point";
-constexpr const char* kSysfsTable = "/sys/firmware/dmi/tables/DMI";
 constexpr const char* kSystab = "/sys/firmware/efi/systab";
 constexpr const char* kEsxDevice = "/vmfs/devices/char/mem/smbios";
 
@@ -23,8 +21,7 @@ const std::string& Table() {
 // What the source chain delivers in the root, and a line that it must trace on the way.
 void Expect(const FixtureRoot& root, const std::string& header, const std::string& data, const std::string& line) {
   SCOPED_TRACE(line);
-  root.Run([&] {
-    const TraceCapture trace(5);
+  RunTraced(root, 5, [&](TraceCapture& trace) {
     CDataStream foundHeader("old", 3);
     CDataStream foundData("old", 3);
     EXPECT_EQ(CBiosTables::GetSmbiosData(foundHeader, foundData), !data.empty());
@@ -45,8 +42,9 @@ void WriteMemory(const FixtureRoot& root, const std::string& entryPoint, off_t s
 
 }  // namespace
 
-TEST(BiosTables, SysfsComesFirstAndIsTakenWhole) {
-  const FixtureRoot root;
+using BiosTables = RootedTest;
+
+TEST_F(BiosTables, SysfsComesFirstAndIsTakenWhole) {
   root.WriteFile(kSysfsEntryPoint, "whatever");
   root.WriteFile(kSysfsTable, Table());
   Expect(root, "whatever", Table(), "CBiosTables::GetSmbiosData() : Found in sysfs.");
@@ -56,8 +54,7 @@ TEST(BiosTables, SysfsComesFirstAndIsTakenWhole) {
   Expect(root, "", "", "CBiosTables::GetAnySMBiosFromSysfs() Could not read SMBios entry file.");
 }
 
-TEST(BiosTables, MemoryIsReadThroughTheSystemTable) {
-  const FixtureRoot root;
+TEST_F(BiosTables, MemoryIsReadThroughTheSystemTable) {
   const auto size = static_cast<uint16_t>(Table().size());
   const std::string entry64 = EntryPoint64(0xE1234, size + 100U);
   root.WriteFile(kSystab, "no key\nMPS=0xf1280\nSMBIOS3=0xf0480\nSMBIOS3=0x1\nSMBIOS=0xf0000\n");
@@ -73,7 +70,7 @@ TEST(BiosTables, MemoryIsReadThroughTheSystemTable) {
   Expect(root, entry32, Table(), "SMBiosTableFromMemory::GetUEFIAddress() : SMBIOS address found : 0x000000000f0480");
 }
 
-TEST(BiosTables, MemoryThatCannotBeReadIsRefused) {
+TEST_F(BiosTables, MemoryThatCannotBeReadIsRefused) {
   const std::string failed = "SMBiosTableFromMemory::GetBiosData() : ERROR # mmap failed : (errno=";
   const std::string behindEnd = failed + "6) No such device or address";
   const std::string tooWide = failed + "75) Value too large for defined data type";
@@ -84,7 +81,6 @@ TEST(BiosTables, MemoryThatCannotBeReadIsRefused) {
       {EntryPoint64(0xE1234, 0xFFFFFFFF), 0x100000, failed + "27) File too large"},  // would wrap with its offset
       {EntryPoint64(0xE1234, 0), 0x100000, "SMBiosTableFromMemory::GetBiosData() : SMBios table NOT found in memory."},
   };
-  const FixtureRoot root;
   root.WriteFile(kSystab, "SMBIOS3=0xf0480\n");
   for (const auto& [entryPoint, memory, line] : rows) {
     WriteMemory(root, entryPoint, memory);
@@ -97,8 +93,7 @@ TEST(BiosTables, MemoryThatCannotBeReadIsRefused) {
          "SMBiosTableFromMemory::GetBiosData() : ERROR # Couldn't open /dev/mem : No such file or directory");
 }
 
-TEST(BiosTables, EsxDeviceIsReadBehindItsEntryPoint) {
-  const FixtureRoot root;
+TEST_F(BiosTables, EsxDeviceIsReadBehindItsEntryPoint) {
   const std::string entry = EntryPoint32(0, static_cast<uint16_t>(Table().size()), 3);
   root.WriteFile(kEsxDevice, entry + Table());
   Expect(root, entry, Table(), "CBiosTables::GetSmbiosData() : ESXi specific SMBios found.");

@@ -10,8 +10,7 @@ TEST(DataStream, ReadsWholeFiles) {
   const std::string large = std::string(40000, 'x') + '\0' + "end";
   root.WriteFile("/large", large);
   root.WriteFile("/empty", "");
-  root.Run([&large] {
-    const TraceCapture trace(5);
+  RunTraced(root, 5, [&large](TraceCapture& trace) {
     CDataStream stream("old", 3);
     EXPECT_TRUE(CDataStream::ReadFromFile("/large", stream));
     EXPECT_EQ(std::string(stream.Bytes().begin(), stream.Bytes().end()), large);

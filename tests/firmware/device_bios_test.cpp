@@ -9,13 +9,13 @@
 #include "support/fixture_root.h"
 #include "support/trace_capture.h"
 
-TEST(DeviceBios, MapsFromThePageStart) {
-  const FixtureRoot root;
+using DeviceBios = RootedTest;
+
+TEST_F(DeviceBios, MapsFromThePageStart) {
   root.MakeSparseFile("/dev/mem", 0x100000);
   root.WriteAt("/dev/mem", 0xF0123, "hello");
   root.WriteAt("/dev/mem", 0x10, "low");
-  root.Run([] {
-    const TraceCapture trace(5);
+  RunTraced(root, 5, [](TraceCapture& trace) {
     CDeviceBios device;
     EXPECT_EQ(device.MapPhysicalMemory(0, 0xF0123, 5, false), nullptr);
     EXPECT_TRUE(trace.Has("CDeviceBios (Map) : ## ERROR: DeviceBios is not connected - fix this!!"));
@@ -44,8 +44,7 @@ TEST(DeviceBios, MapsFromThePageStart) {
   EXPECT_EQ(root.ReadFile("/dev/mem").substr(0xF0123, 5), "HELLO");
 }
 
-TEST(DeviceBios, RefusesWhatCannotBeMapped) {
-  const FixtureRoot root;
+TEST_F(DeviceBios, RefusesWhatCannotBeMapped) {
   root.MakeSparseFile("/dev/mem", 0x100000);
   root.Run([] {
     constexpr std::tuple<uint32_t, uint64_t, uint32_t> kRows[] = {

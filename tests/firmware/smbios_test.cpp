@@ -16,9 +16,6 @@
 
 namespace {
 
-constexpr const char* kSysfsEntryPoint = "/sys/firmware/dmi/tables/smbios_entry_point";
-constexpr const char* kSysfsTable = "/sys/firmware/dmi/tables/DMI";
-
 struct Walk {
   explicit Walk(const std::string& bytes) : table(bytes.begin(), bytes.end()) {
     sound = WalkSmbiosStructures(table, index, walked, error);
@@ -114,8 +111,7 @@ TEST(Smbios, RevisionComesFromTheAnchor) {
     const FixtureRoot root;
     root.WriteFile(kSysfsEntryPoint, header);
     root.WriteFile(kSysfsTable, SmbiosTable().AddEnd().Bytes());
-    root.Run([major = major, minor = minor] {
-      const TraceCapture trace(1);
+    RunTraced(root, 1, [major = major, minor = minor](TraceCapture& trace) {
       CSMBios smbios;
       EXPECT_TRUE(smbios.connect());
       EXPECT_EQ(smbios.getRevisionMajor(), major);
@@ -173,8 +169,7 @@ TEST(Smbios, ShadowAreaIsTheLastSource) {
     root.WriteAt("/dev/mem", 0xF1234, table);
     root.WriteAt("/dev/mem", place, bytes);
     const bool candidate = place % 16 == 0 && place != 0xFFFF0 && bytes.starts_with("_SM_");
-    root.Run([candidate, &error = error] {
-      const TraceCapture trace(3);
+    RunTraced(root, 3, [candidate, &error = error](TraceCapture& trace) {
       CSMBios smbios;
       EXPECT_EQ(smbios.connect(), error.empty());
       EXPECT_EQ(smbios.getLastErrorText(), error);

@@ -10,6 +10,7 @@
 
 #include "inventory/server_machine.h"
 #include "inventory/system_device_scan.h"
+#include "support/firmware_tables.h"
 #include "support/trace_capture.h"
 
 namespace {
@@ -95,12 +96,15 @@ const char* const kAdapters[] = {
     "PCI\\VEN_144d&DEV_a808&SUBSYS_00000000&REV_00|Non-Volatile-Memory|nvme 0000:5e:00.0|nvme||||-1",
     "PCI\\VEN_8086&DEV_37d1&SUBSYS_00000000&REV_00|net|enp129s0 0001:81:00.0|i40e  |enp129s0|020000000003||-1",
     "PCI\\VEN_144d&DEV_a808&SUBSYS_00000000&REV_00|Non-Volatile-Memory|nvme 0001:82:00.0|nvme||||-1",
+    "PCI\\VEN_8086&DEV_37d1&SUBSYS_00000000&REV_00|net|eth9 0001:83:00.0|i40e  |eth9|020000000009||-1",
 };
 
 class TwoSocketServer : public ServerMachine {
  public:
   TwoSocketServer() {
-    WriteSlotTable(*this, {{3, 0x18, 0}, {4, 0x17, 0}});
+    WriteSmbios(
+        *this,
+        SmbiosTable().AddSlot({.id = 3, .type = 6, .bus = 0x18}).AddSlot({.id = 4, .type = 6, .bus = 0x17}).AddEnd());
     Add("0000:00:00.0", 0x80862020, 0x060000, "", {.revision = 4, .addresses = {0x1001, 0x2001, 0x3001}});
     Add("0000:00:01.0", 0x80862030, 0x060400, "", {.headerType = 0x81, .secondaryBus = 0x17});
     Add("0000:00:14.0", 0x8086A1AF, 0x0C0330, "xhci_hcd");
@@ -115,9 +119,10 @@ class TwoSocketServer : public ServerMachine {
     Add("0000:5e:00.0", 0x144DA808, 0x010802, "nvme");
     Add("0001:81:00.0", 0x808637D1, 0x020000, "i40e  ");
     Add("0001:82:00.0", 0x144DA808, 0x010802, "nvme");
+    Add("0001:83:00.0", 0x808637D1, 0x020000, "i40e  ");
     WriteFile("/proc/ioports", "0070-0077 : rtc0\n");
     AddInterface("eth0", "02:00:00:00:00:01", "../../../0000:17:00.0");
-    AddInterface("eth9", "02:00:00:00:00:09", "../../../virtio0");
+    AddInterface("eth9", "02:00:00:00:00:09", "../../../0001:83:00.0");
     AddInterface("enp129s0", "02:00:00:00:00:03", "../../../0001:81:00.0");
 
     List("scsi0 Channel: 02 Id: 00 Lun: 00", "RAVEN", "RAID 5 Volume", "1.03", "Direct-Access");
@@ -140,8 +145,7 @@ class TwoSocketServer : public ServerMachine {
 };
 
 TEST(SystemDeviceScan, WholeMachineIsRecordedAndRelated) {
-  TwoSocketServer().Run([] {
-    TraceCapture trace(4);
+  RunTraced(TwoSocketServer(), 4, [](TraceCapture& trace) {
     const FakeIoctl system(kEthtool);
     CSystemDeviceScan scan;
     EXPECT_EQ(scan.GetAdapterCount() + scan.GetNumberPciBusses(), 0U);
@@ -165,29 +169,18 @@ TEST(SystemDeviceScan, WholeMachineIsRecordedAndRelated) {
     EXPECT_EQ(drives,
               "ahci 0000:00:1f.2 sr0\nmegaraid_sas 0000:18:00.0 sda\nmegaraid_sas 0000:18:00.0 nst0\n"
               "qla2xxx 0000:19:00.1 sdb\nnvme 0000:5e:00.0 nvme0n1\nnvme 0001:82:00.0 nvme1n1\n");
-    EXPECT_EQ(FirstMissing(trace, R"(CSystemAdapter      : Found 1 ISA devices
-CSystemAdapter      : Found 13 PCI devices
-CSystemAdapter      : Adding ISA adapter "ISAPNP\" (Class: Other Controller, DeviceName: rtc0)
-CSystemDeviceRelations   : Adapter "megaraid_sas 0000:18:00.0": Host drive [1]: "UBRIUM-TD4      "
-CSystemDeviceRelations   : Cannot get  Adapter pci address "rtc0".
-CSystemDeviceScan   : Found 0 host drives for adapter "rtc0"
-CSystemDeviceScan   : ... hardware scan completed (OK)!)"),
-              "");
     std::vector<CPhysicalAddress> ports;
     EXPECT_TRUE(scan.GetAdapter(adapter, 1) && adapter.GetIoAddresses(ports) && ports.size() == 2)
         << "a bridge has two";
     const std::string before = Describe(adapter);
-    EXPECT_FALSE(scan.GetAdapter(adapter, -1) || scan.GetAdapter(adapter, 13) || scan.FindAdapter(adapter, "") ||
+    EXPECT_FALSE(scan.GetAdapter(adapter, -1) || scan.GetAdapter(adapter, 14) || scan.FindAdapter(adapter, "") ||
                  scan.FindAdapter(adapter, nullptr) || scan.FindAdapter(adapter, CPciAddress()) ||
                  scan.FindAdapter(adapter, CPciAddress{1, 0x17, 0, 0}) ||
                  scan.GetHostAdapter(adapter, CSystemDrive()) || scan.GetParentAdapter(adapter, adapter));
     EXPECT_EQ(Describe(adapter), before);
-    EXPECT_TRUE(trace.Has("CSystemDeviceScan   : No adapter found at PCI address (Bus 23 Device 0 Function 0)!"));
     EXPECT_TRUE(scan.FindAdapter(adapter, "pci\\ven_8086&dev_A182&subsys_00001234&REV_00"));
     EXPECT_EQ(adapter.DeviceName, "ahci 0000:00:1f.2");
     EXPECT_TRUE(scan.FindAdapter(adapter, CPciAddress{1, 0x82, 0, 0}));
-    EXPECT_TRUE(trace.Has(
-        "CSystemDeviceScan   : Found adapter at PCI address (Bus 130 Device 0 Function 0): nvme 0001:82:00.0"));
 
     CPciSlotData data;
     EXPECT_TRUE(scan.GetPciSlotData(data, CPciAddress{0, 0x18, 0, 0}));
@@ -202,9 +195,8 @@ CSystemDeviceScan   : ... hardware scan completed (OK)!)"),
     EXPECT_EQ(data.header.DeviceId(), 0x2030);
     CPciConfigList list;
     EXPECT_TRUE(scan.GetPciSlotConfig(list));
-    EXPECT_EQ(list.size(), 13U);
-    EXPECT_EQ(scan.GetNumberPciBusses(), 0x83U);
-    EXPECT_TRUE(trace.Has("CSystemDeviceScan   : Check device 05 at bus no 3"));
+    EXPECT_EQ(list.size(), 14U);
+    EXPECT_EQ(scan.GetNumberPciBusses(), 0x84U);
 
     CSystemVolume volume;
     EXPECT_TRUE(scan.GetVolume(volume, 1));
@@ -217,15 +209,25 @@ CSystemDeviceScan   : ... hardware scan completed (OK)!)"),
     EXPECT_EQ(scan.GetDriveCount() + scan.GetPartitionCount() + scan.GetDiskPartitions(partitions, drive), 0);
     EXPECT_FALSE(scan.GetDrive(drive, 0) || scan.GetPartition(partition, 0));
     EXPECT_TRUE(scan.ScanSystemPartitions());
+    EXPECT_EQ(trace.Missing(R"(CSystemAdapter      : Found 1 ISA devices
+CSystemAdapter      : Found 14 PCI devices
+CSystemAdapter      : Adding ISA adapter "ISAPNP\" (Class: Other Controller, DeviceName: rtc0)
+CSystemDeviceRelations   : Adapter "megaraid_sas 0000:18:00.0": Host drive [1]: "UBRIUM-TD4      "
+CSystemDeviceRelations   : Cannot get  Adapter pci address "rtc0".
+CSystemDeviceScan   : Found 0 host drives for adapter "rtc0"
+CSystemDeviceScan   : ... hardware scan completed (OK)!
+CSystemDeviceScan   : No adapter found at PCI address (Bus 23 Device 0 Function 0)!
+CSystemDeviceScan   : Found adapter at PCI address (Bus 130 Device 0 Function 0): nvme 0001:82:00.0
+CSystemDeviceScan   : Check device 05 at bus no 3)"),
+              "");
   });
 }
 
 TEST(SystemDeviceScan, FlagsChooseTheSteps) {
-  SmallMachine().Run([] {
-    TraceCapture trace(4);
+  RunTraced(SmallMachine(), 4, [](TraceCapture& trace) {
     CSystemDeviceScan scan;
     EXPECT_EQ(scan.ScanHardware(0, false, 7, nullptr), 0);
-    EXPECT_EQ(Text(trace), R"(CSystemDeviceScan   : -> ScanHardware()
+    EXPECT_EQ(trace.Text(), R"(CSystemDeviceScan   : -> ScanHardware()
 CSystemDeviceScan   : Waiting 7 msec for pending hardware scan operation ...
 CSystemDeviceScan   : Start hardware rescan ...
 CSystemDeviceScan   : Update thread not running!
@@ -246,8 +248,7 @@ CSystemDeviceScan   : <- ScanHardware()
 }
 
 TEST(SystemDeviceScan, QueriesWaitForAScanAndLeaveTheirOutputsWhenTheTimeIsUp) {
-  SmallMachine().Run([] {
-    const TraceCapture trace(2);
+  RunTraced(SmallMachine(), 2, [](TraceCapture& trace) {
     BlockedScan blocked;
     CSystemDeviceScan scan;
     std::future<int> result = std::async(std::launch::async, [&] { return scan.ScanDevices(-1, false, kTimeoutMs); });
@@ -284,8 +285,7 @@ TEST(SystemDeviceScan, QueriesWaitForAScanAndLeaveTheirOutputsWhenTheTimeIsUp) {
 }
 
 TEST(SystemDeviceScan, AnExceptionEndsTheScanAndFreesTheGate) {
-  SmallMachine().Run([] {
-    const TraceCapture trace(1);
+  RunTraced(SmallMachine(), 1, [](TraceCapture& trace) {
     CSystemDeviceScan scan;
     {
       const FakeIoctl system([](const std::string&, unsigned long request, void* argument) {
@@ -304,8 +304,7 @@ TEST(SystemDeviceScan, AnExceptionEndsTheScanAndFreesTheGate) {
 }
 
 TEST(SystemDeviceScan, UpdateThreadFollowsScansCopiesAndTheEnd) {
-  SmallMachine().Run([] {
-    const TraceCapture trace(3);
+  RunTraced(SmallMachine(), 3, [](TraceCapture& trace) {
     const auto started = [&trace] { return trace.Count("START THREAD WatchPartitions()"); };
     const auto ended = [&trace] { return trace.Count("EXIT THREAD WatchPartitions()"); };
     {
@@ -346,8 +345,7 @@ TEST(SystemDeviceScan, UpdateThreadFollowsScansCopiesAndTheEnd) {
 }
 
 TEST(SystemDeviceScan, ATerminationThatCannotWaitLeavesAScanAlone) {
-  SmallMachine().Run([] {
-    const TraceCapture trace(3);
+  RunTraced(SmallMachine(), 3, [](TraceCapture& trace) {
     BlockedScan blocked;
     auto scan = std::make_unique<CSystemDeviceScan>();
     scan->ScanHardware(CSystemDeviceScan::SCAN_UPDATE_THREAD, false, kTimeoutMs, nullptr);

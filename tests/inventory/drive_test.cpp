@@ -7,7 +7,6 @@
 #include "inventory/fake_drives.h"
 #include "inventory/scsi_device_list.h"
 #include "inventory/system_drive.h"
-#include "support/fixture_root.h"
 #include "support/trace_capture.h"
 
 namespace {
@@ -85,8 +84,7 @@ TEST(SystemDrive, WholeMachineIsRecordedFieldByField) {
   machine.MakeDirectory("/sys/block/sda");
   for (const char* node : {"/dev/sda", "/dev/nvme0n1"})
     machine.WriteFile(node, "");
-  machine.Run([] {
-    TraceCapture trace(5);
+  RunTraced(machine, 5, [](TraceCapture& trace) {
     const FakeDrives devices({{"/dev/sda", {"", "", "RAID0042"}}, {"/dev/nvme0n1", {"NVMe", "FLASH 4", "S-1"}}});
     CSystemDriveList drives;
     CSystemDrive::ScanSystemDrives(drives, true, false);

@@ -3,9 +3,7 @@
 #include <scsi/sg.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdio>
-#include <functional>
 #include <map>
 #include <string>
 

@@ -4,6 +4,8 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <array>
+
 #include "inventory/agt_exception.h"
 #include "inventory/drive_inquiry.h"
 #include "inventory/fake_drives.h"
@@ -28,12 +30,12 @@ std::string SerialError(const char* path) {
   return ErrorOf([path] { kInquiry.GetScsiDeviceSerialNo(path, false); });
 }
 
-TEST(ScsiInquiry, AnswersAreTextsWithoutPadding) {
-  FixtureRoot root;
+using ScsiInquiry = RootedTest;
+
+TEST_F(ScsiInquiry, AnswersAreTextsWithoutPadding) {
   for (const char* node : {"/dev/full", "/dev/blank", "/dev/empty", "/dev/long"})
     root.WriteFile(node, "");
-  root.Run([] {
-    const TraceCapture trace(2);
+  RunTraced(root, 2, [](TraceCapture& trace) {
     const FakeDrives drives({{"/dev/full", {"ABCDEFGH", " Model of 16 chr", "WD42x"}},
                              {"/dev/blank", {"", "", "WD 42"}},
                              {"/dev/empty", {"", "", ""}},
@@ -60,8 +62,7 @@ TEST(ScsiInquiry, AnswersAreTextsWithoutPadding) {
   });
 }
 
-TEST(ScsiInquiry, DeviceFailuresAndShortAnswersThrow) {
-  FixtureRoot root;
+TEST_F(ScsiInquiry, DeviceFailuresAndShortAnswersThrow) {
   root.WriteFile("/dev/sda", "");
   root.Run([] {
     sg_io_hdr sent{};
@@ -90,8 +91,7 @@ TEST(ScsiInquiry, DeviceFailuresAndShortAnswersThrow) {
   });
 }
 
-TEST(ScsiInquiry, ClusterDriverStandsInForANodeThatDoesNotOpen) {
-  FixtureRoot root;
+TEST_F(ScsiInquiry, ClusterDriverStandsInForANodeThatDoesNotOpen) {
   const auto errorOfMissingNode = [] {
     std::array<unsigned char, 6> command{};
     unsigned char byte = 0;

@@ -4,7 +4,6 @@
 #include <linux/sockios.h>
 #include <net/if.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <span>
@@ -14,7 +13,6 @@
 #include "inventory/fake_drives.h"
 #include "inventory/system_adapter.h"
 #include "support/pci_fixture.h"
-#include "support/trace_capture.h"
 
 // A machine with adapters and drives, and what belongs to a function beside its configuration header.
 class ServerMachine : public DriveMachine {
@@ -79,23 +77,6 @@ inline std::string Hex(std::span<const unsigned char> bytes) {
   CDataStream::DumpHex(text, bytes.data(), bytes.size(), false, false, 16, 1, nullptr);
   std::erase(text, ' ');
   return bytes.empty() ? "" : text;
-}
-
-inline std::string Text(const TraceCapture& trace) {
-  std::string text;
-  for (const std::string& line : trace.Lines())
-    text += line + "\n";
-  return text;
-}
-
-// The first line of the text that was not traced, "" when all were.
-inline std::string FirstMissing(const TraceCapture& trace, const std::string& text) {
-  const std::vector<std::string> lines = trace.Lines();
-  std::istringstream wanted(text);
-  for (std::string line; std::getline(wanted, line);) {
-    if (std::ranges::find(lines, line) == lines.end()) return line;
-  }
-  return "";
 }
 
 // Every field that a scan fills.

@@ -67,18 +67,18 @@ std::vector<std::string> Table() {
 
 constexpr const char* kMtab =
     "/dev/sda2 /var ext4 rw 0 0\nproc /proc proc rw 0 0\nserver:/x /dead nfs rw 0 0\nserver:/y /dead4 nfs4 rw 0 0\n"
-    "/dev/sda1 / ext2 rw 0 0\ntmpfs /run tmpfs rw 0 0\n/dev/sdb1 /data\\040disk xfs rw 0 0\n/dev/sda3 none swap sw 0 0\n"
-    "x /y ignore rw 0 0\nlonely\n//nas/share /gone cifs rw 0 0\n";
+    "/dev/sda1 / ext2 rw 0 0\ntmpfs /run tmpfs rw 0 0\nnone /run tmpfs rw 0 0\n/dev/sdb1 /data\\040disk xfs rw 0 0\n"
+    "/dev/sda3 none swap sw 0 0\nx /y ignore rw 0 0\nlonely\n//nas/share /gone cifs rw 0 0\n";
 constexpr const char* kFstab =
     "# configured\n/dev/sda1 / ext2 defaults 0 1\n/dev/sdd1 /backup ext3 defaults 0 0\n/dev/cdrom /media iso9660 "
     "ro,noauto 0 0\nserver:/x /other nfs defaults 0 0\n/dev/sde1 /archive ntfs defaults 0 0";
 
-TEST(MountTable, SourcesAreMergedSortedAndMeasured) {
-  FixtureRoot root;
+using MountTable = RootedTest;
+
+TEST_F(MountTable, SourcesAreMergedSortedAndMeasured) {
   root.WriteFile("/etc/mtab", kMtab);
   root.WriteFile("/etc/fstab", kFstab);
-  root.Run([] {
-    const TraceCapture trace(3);
+  RunTraced(root, 3, [](TraceCapture& trace) {
     g_FileSystems = {{"/", Sizes(4096, 4096, 1000, 250)},
                      {"/var", Sizes(4096, 512, uint64_t{1} << 62, uint64_t{1} << 61)},
                      {"/data disk", Sizes(65536, 1536, 3, 1)},
@@ -87,7 +87,7 @@ TEST(MountTable, SourcesAreMergedSortedAndMeasured) {
     std::vector<CSystemVolume> volumes;
     CSystemVolume::ScanSystemVolumes(volumes);
     EXPECT_EQ(Table(), (std::vector<std::string>{"1 /dev/sda1 /", "1 /dev/sdb1 /data disk", "1 //nas/share /gone",
-                                                 "1 proc /proc", "1 tmpfs /run", "1 /dev/sda2 /var",
+                                                 "1 proc /proc", "1 tmpfs /run", "1 none /run", "1 /dev/sda2 /var",
                                                  "2 /dev/sde1 /archive", "2 /dev/sdd1 /backup"}));
     for (const char* path : {"/dead", "/dead4", "/other", "/backup", "/archive", "/y"})
       EXPECT_EQ(std::count(g_Asked.begin(), g_Asked.end(), path), 0) << path;
@@ -117,8 +117,7 @@ TEST(MountTable, SourcesAreMergedSortedAndMeasured) {
   });
 }
 
-TEST(MountTable, SourcesAreReadAgainOnlyWhenChangedAndOld) {
-  FixtureRoot root;
+TEST_F(MountTable, SourcesAreReadAgainOnlyWhenChangedAndOld) {
   root.MakeDirectory("/etc");
   root.Run([] {
     WriteAged("/etc/mtab", "/dev/a /a ext4 rw 0 0\n", 1000);
@@ -139,8 +138,7 @@ TEST(MountTable, SourcesAreReadAgainOnlyWhenChangedAndOld) {
   });
 }
 
-TEST(MountTable, KernelListIsFollowedBehindALink) {
-  FixtureRoot root;
+TEST_F(MountTable, KernelListIsFollowedBehindALink) {
   root.MakeLink("/etc/mtab", "/proc/self/mounts");
   root.MakeDirectory("/added");
   root.Run(
@@ -159,8 +157,7 @@ TEST(MountTable, KernelListIsFollowedBehindALink) {
       FixtureRoot::kProc);
 }
 
-TEST(MountTable, VmfsVolumesAreMeasuredByTheirTool) {
-  FixtureRoot root;
+TEST_F(MountTable, VmfsVolumesAreMeasuredByTheirTool) {
   root.WriteFile("/etc/mtab", "/dev/a /a ext4 rw 0 0\n");
   root.MakeDirectory("/vmfs/vmhba1:0:0:1");
   root.MakeDirectory("/vmfs/a:b; touch owned");
@@ -168,9 +165,9 @@ TEST(MountTable, VmfsVolumesAreMeasuredByTheirTool) {
   root.WriteFile("/tools/vmkfstools",
                  "#!/bin/sh\necho noise\necho \"Capacity 5120.000000 (10 file blocks * 1048576), 2560.0 (5 blocks)\"\n",
                  0755);
-  root.Run(
-      [] {
-        const TraceCapture trace(3);
+  RunTraced(
+      root, 3,
+      [](TraceCapture& trace) {
         const time_t now = std::time(nullptr);
         EXPECT_EQ(build_fs_table(now), 1);  // the mounted list is too young
         EXPECT_EQ(build_fs_table(now + 99), 3);
@@ -186,7 +183,7 @@ TEST(MountTable, VmfsVolumesAreMeasuredByTheirTool) {
       FixtureRoot::kUsr);
 }
 
-TEST(MountTable, ToolOutputAndTypesAreLookedUpByTheirTables) {
+TEST_F(MountTable, ToolOutputAndTypesAreLookedUpByTheirTables) {
   const std::pair<const char*, double> outputs[] = {
       {"\n\nCapacity\n", 0},
       {"Capacity nan (1 file blocks * 2), 3 (4 blocks)", 0},

@@ -8,7 +8,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <string>
 
 #include "pci/fc_controllers.h"
@@ -16,17 +15,13 @@
 #include "pci/pci_function_scan.h"
 #include "pci/pci_names.h"
 #include "support/fake_ioctl.h"
+#include "support/firmware_tables.h"
 #include "support/pci_fixture.h"
 #include "support/trace_capture.h"
 
 namespace {
 
 constexpr const char* kDevices = "/proc/bus/pci/devices";
-
-// Inside the fixture root, where the paths are the code's own.
-void Write(const std::string& path, const std::string& text) {
-  std::ofstream(path, std::ios::trunc) << text;
-}
 
 BusTableEntry* Find(const BusTable& table, const BusKey& key) {
   return BusSearchTable(table, 0, key, false);
@@ -90,17 +85,18 @@ void MakeMachine(const FixtureRoot& root) {
   root.MakeLink("/sys/class/net/eth0/driver", "../../../drivers/e1000e");
   root.WriteFile("/sbin/lspci", "#!/bin/sh\necho '05:00.0 Fibre Channel [0c04]: Light Pulse [10df:f100] (rev 03)'\n",
                  0755);
-  WriteSlotTable(root, {{3, 0, 0x1C}});
+  WriteSmbios(root, SmbiosTable().AddSlot({.id = 3, .type = 6, .device = 0x1C}).AddEnd());
 }
 
 }  // namespace
 
-TEST(BusBuildTables, PciFunctionsWithTheirResources) {
-  const FixtureRoot root;
+using BusTablesOfAMachine = RootedTest;
+
+TEST_F(BusTablesOfAMachine, PciFunctionsWithTheirResources) {
   MakeMachine(root);
-  root.Run(
-      [] {
-        const TraceCapture trace(4);
+  RunTraced(
+      root, 4,
+      [](TraceCapture& trace) {
         BusBuildTables();
         const BusTables& tables = GetBusTables();
         const BusFunction& nic = FindFunction(2, 0, 0)->function;
@@ -148,19 +144,18 @@ TEST(BusBuildTables, PciFunctionsWithTheirResources) {
       FixtureRoot::kUsr);
 }
 
-TEST(BusBuildTables, ASecondPassRefreshesTheEntries) {
-  const FixtureRoot root;
+TEST_F(BusTablesOfAMachine, ASecondPassRefreshesTheEntries) {
   MakeMachine(root);
   root.WriteFile("/proc/interrupts", "  11:  5  XT-PIC  eth0\n  14:  5  XT-PIC  ide0\n");
-  root.Run(
-      [] {
-        const TraceCapture trace(4);
+  RunTraced(
+      root, 4,
+      [](TraceCapture& trace) {
         BusTableEntry* const first = BusGetNextTableEntry(0);
         EXPECT_EQ(first, FindIsa("ide0"));
         const BusTableEntry* const nic = FindFunction(2, 0, 0);
         const int memories = Count(GetBusTables().memories);
-        Write(kDevices, DevicesLine(2, 0, 0, 0x8086, 0x1041, 10, {0xDF300004}));
-        Write("/sys/class/fc_host/host7/port_name", "0x01\n");
+        WriteWholeFile(kDevices, DevicesLine(2, 0, 0, 0x8086, 0x1041, 10, {0xDF300004}));
+        WriteWholeFile("/sys/class/fc_host/host7/port_name", "0x01\n");
         BusBuildTables();
         EXPECT_EQ(FindFunction(2, 0, 0), nic);
         EXPECT_EQ(Count(GetBusTables().memories), memories);
@@ -183,10 +178,8 @@ TEST(BusBuildTables, ASecondPassRefreshesTheEntries) {
       FixtureRoot::kUsr);
 }
 
-TEST(BusBuildTables, AnEmptyMachineEndsQuietly) {
-  const FixtureRoot root;
-  root.Run([] {
-    const TraceCapture trace(4);
+TEST_F(BusTablesOfAMachine, AnEmptyMachineEndsQuietly) {
+  RunTraced(root, 4, [](TraceCapture& trace) {
     EXPECT_EQ(BusGetNextTableEntry(1), nullptr);
     EXPECT_EQ(BusGetNextTableEntry(0), nullptr);
     EXPECT_FALSE(ScanPciFunctions());
@@ -206,8 +199,7 @@ TEST(BusBuildTables, AnEmptyMachineEndsQuietly) {
   });
 }
 
-TEST(FcControllers, AreReadAnewAfterTwoMinutes) {
-  const FixtureRoot root;
+TEST_F(BusTablesOfAMachine, FcControllersAreReadAnewAfterTwoMinutes) {
   MakeMachine(root);
   root.Run(
       [] {
@@ -219,7 +211,7 @@ TEST(FcControllers, AreReadAnewAfterTwoMinutes) {
         EXPECT_TRUE(IsFCController(0, 5, 0, 0, wwn, sizeof wwn));
         EXPECT_EQ(wwn[4], 0xFA);
         EXPECT_EQ(wwn[9], 0);
-        Write("/sys/class/fc_host/host7/port_name", "21\n");
+        WriteWholeFile("/sys/class/fc_host/host7/port_name", "21\n");
         FcWwn found;
         RefreshFcControllers(start + seconds(119));
         EXPECT_TRUE(AdapterIsFCController(5, 0, 0, found));
@@ -231,8 +223,7 @@ TEST(FcControllers, AreReadAnewAfterTwoMinutes) {
       FixtureRoot::kUsr);
 }
 
-TEST(ScanIsaDevices, OneDeviceCollectsItsResources) {
-  const FixtureRoot root;
+TEST_F(BusTablesOfAMachine, OneDeviceCollectsItsResources) {
   AddFunction(root, {.name = "03.0", .classCode = 0x020000});
   root.WriteFile(kDevices, DevicesLine(0, 3, 0, 0x8086, 1, 11, {0xC001}));
   root.WriteFile(
@@ -243,8 +234,7 @@ TEST(ScanIsaDevices, OneDeviceCollectsItsResources) {
   root.WriteFile("/proc/ioports",
                  "0000-0cf7 : PCI Bus 0000:00\n  0000-001f : dma1\n0378-037a : parport0\n0400-0410 : Intel PMC\n"
                  "c000-cfff : 0000:00:03.0\n0500-04ff : bad\n");
-  root.Run([] {
-    const TraceCapture trace(3);
+  RunTraced(root, 3, [](TraceCapture& trace) {
     BusBuildTables();
     const BusTables& tables = GetBusTables();
     const BusTableEntry* const parport = FindIsa("parport0");
@@ -269,8 +259,7 @@ TEST(ScanIsaDevices, OneDeviceCollectsItsResources) {
   });
 }
 
-TEST(ScanPciFunctions, MemoryRangesEndWhereAnotherDeviceBegins) {
-  const FixtureRoot root;
+TEST_F(BusTablesOfAMachine, MemoryRangesEndWhereAnotherDeviceBegins) {
   AddFunction(root, {.name = "03.0"});
   AddFunction(root, {.name = "03.1"});
   AddFunction(root, {.name = "04.0"});
@@ -288,12 +277,10 @@ TEST(ScanPciFunctions, MemoryRangesEndWhereAnotherDeviceBegins) {
   });
 }
 
-TEST(ScanPciFunctions, VmwareVectorsReplaceIrqs) {
-  const FixtureRoot root;
+TEST_F(BusTablesOfAMachine, VmwareVectorsReplaceIrqs) {
   root.WriteFile(kDevices, DevicesLine(1, 0, 0, 0x1000, 0x1960, 9, {}) + DevicesLine(1, 1, 0, 0x1000, 0x0408, 9, {}));
   root.WriteFile("/proc/vmware/pci", "Bus:Sl.F Vend:Dvid\n001:00.0 1000:1960 1014:0260 RAID megaraid 0a/9/0x79 C\n");
-  root.Run([] {
-    const TraceCapture trace(3);
+  RunTraced(root, 3, [](TraceCapture& trace) {
     ScanPciFunctions();
     EXPECT_TRUE(trace.Has("    On VMware: Replaced real IRQ 9 by IRQ vector 0x79 for PCI Id 1000:1960"));
     EXPECT_TRUE(trace.Has("    On VMware: Could not replace real IRQ 9 by IRQ vector for PCI Id 1000:0408"));

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
 #include <vector>
 
 #include "pci/legacy_class_table.h"
@@ -62,15 +63,16 @@ TEST_F(BusTableTest, SearchModes) {
   }
   entries[1]->used = 0;
   entries[3]->used = 0;
-  EXPECT_EQ(BusSearchTable(m_Table, 0, KeyOf(20), false), entries[2]);
-  EXPECT_EQ(BusSearchTable(m_Table, 0, KeyOf(15), false), nullptr);
-  EXPECT_EQ(BusSearchTable(m_Table, 0, KeyOf(10), true), nullptr);
-  EXPECT_EQ(BusSearchTable(m_Table, 1, KeyOf(10), false), entries[2]);
-  EXPECT_EQ(BusSearchTable(m_Table, 1, KeyOf(20), true), nullptr);
-  EXPECT_EQ(BusSearchTable(m_Table, -1, KeyOf(15), false), entries[1]);
-  EXPECT_EQ(BusSearchTable(m_Table, -1, KeyOf(15), true), entries[0]);
-  EXPECT_EQ(BusSearchTable(m_Table, -1, KeyOf(99), true), entries[2]);
-  EXPECT_EQ(BusSearchTable(m_Table, -1, KeyOf(-1), false), nullptr);
+  BusInsertTable(m_Table, entries[2]);  // nothing new, but walks begin at the unused entry before it now
+  constexpr int kNone = -1;
+  // Mode, bus of the key, only used entries => number of the entry.
+  constexpr std::tuple<int, int64_t, bool, int> kRows[] = {
+      {0, 20, false, 2},  {0, 15, false, kNone}, {0, 10, true, kNone}, {1, 10, false, 2},     {1, 20, true, kNone},
+      {-1, 15, false, 1}, {-1, 15, true, 0},     {-1, 99, true, 2},    {-1, -1, false, kNone}};
+  for (const auto& [mode, bus, onlyUsed, found] : kRows) {
+    EXPECT_EQ(BusSearchTable(m_Table, mode, KeyOf(bus), onlyUsed), found == kNone ? nullptr : entries[found])
+        << mode << " " << bus;
+  }
 }
 
 TEST_F(BusTableTest, AllocationReusesTheEntryOfTheKey) {
@@ -124,32 +126,28 @@ TEST(CountedString, OwnsItsText) {
 }
 
 TEST(LegacyClasses, TheFirstRowThatMatchesWins) {
-  struct Row {
-    uint8_t baseClass, subClass, interface;
-    uint16_t vendor;
-    const char* name;
-    int64_t type;
+  // Base class, subclass, interface, vendor => name and type.
+  constexpr std::tuple<uint8_t, uint8_t, uint8_t, uint16_t, const char*, int64_t> kRows[] = {
+      {0x02, 0x00, 0x00, 1, "Ethernet controller", kComponentNetwork},
+      {0x02, 0x07, 0x00, 1, "Network controller", kComponentNetwork},
+      {0x03, 0x00, 0x01, 1, "8514 compatible controller", kComponentDisplay},
+      {0x03, 0x00, 0x02, 1, "VGA compatible controller", kComponentDisplay},
+      {0x06, 0x04, 0x01, 1, "PCI-to-PCI bridge (subtractive)", kComponentBridge},
+      {0x06, 0x09, 0x80, 1, "PCI/Host bridge (transparent)", kComponentBridge},
+      {0x07, 0x01, 0xFE, 1, "IEEE1284 target device", kComponentParallel},
+      {0x09, 0x04, 0x10, 1, "Game controller", kComponentSerial},
+      {0x0C, 0x00, 0x00, 1, "Firewire (IEEE 1394)", kComponentStorage},
+      {0x0C, 0x03, 0x30, 1, "USB controller", kComponentOther},
+      {0x0C, 0x04, 0x00, 1, "Fibre Channel", kComponentSerial},
+      {0x0E, 0x00, 0x00, 0x1044, "I2O raid controller", kComponentStorage},
+      {0x0E, 0x00, 0x00, 0x1045, "I2O controller", kComponentOther},
+      {0x0F, 0x00, 0x00, 1, "Satellite communication controller", kComponentOther},
+      {0x12, 0x00, 0x00, 1, "Other", kComponentOther},
   };
-  for (const Row& row : std::initializer_list<Row>{
-           {0x02, 0x00, 0x00, 1, "Ethernet controller", kComponentNetwork},
-           {0x02, 0x07, 0x00, 1, "Network controller", kComponentNetwork},
-           {0x03, 0x00, 0x01, 1, "8514 compatible controller", kComponentDisplay},
-           {0x03, 0x00, 0x02, 1, "VGA compatible controller", kComponentDisplay},
-           {0x06, 0x04, 0x01, 1, "PCI-to-PCI bridge (subtractive)", kComponentBridge},
-           {0x06, 0x09, 0x80, 1, "PCI/Host bridge (transparent)", kComponentBridge},
-           {0x07, 0x01, 0xFE, 1, "IEEE1284 target device", kComponentParallel},
-           {0x09, 0x04, 0x10, 1, "Game controller", kComponentSerial},
-           {0x0C, 0x00, 0x00, 1, "Firewire (IEEE 1394)", kComponentStorage},
-           {0x0C, 0x03, 0x30, 1, "USB controller", kComponentOther},
-           {0x0C, 0x04, 0x00, 1, "Fibre Channel", kComponentSerial},
-           {0x0E, 0x00, 0x00, 0x1044, "I2O raid controller", kComponentStorage},
-           {0x0E, 0x00, 0x00, 0x1045, "I2O controller", kComponentOther},
-           {0x0F, 0x00, 0x00, 1, "Satellite communication controller", kComponentOther},
-           {0x12, 0x00, 0x00, 1, "Other", kComponentOther},
-       }) {
-    const LegacyClass found = FindLegacyPciClass(row.baseClass, row.subClass, row.interface, row.vendor, 0x1234);
-    EXPECT_STREQ(found.name, row.name);
-    EXPECT_EQ(found.type, row.type) << row.name;
+  for (const auto& [baseClass, subClass, interface, vendor, name, type] : kRows) {
+    const LegacyClass found = FindLegacyPciClass(baseClass, subClass, interface, vendor, 0x1234);
+    EXPECT_STREQ(found.name, name);
+    EXPECT_EQ(found.type, type) << name;
   }
   EXPECT_STREQ(FindLegacyIsaClass("dma page reg").name, "ISA DMA");
   EXPECT_EQ(FindLegacyIsaClass("aha152x").type, kComponentStorage);

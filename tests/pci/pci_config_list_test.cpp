@@ -6,8 +6,10 @@
 #include <algorithm>
 #include <cstdio>
 #include <string>
+#include <tuple>
 
 #include "pci/device_bus_io.h"
+#include "support/firmware_tables.h"
 #include "support/pci_fixture.h"
 #include "support/trace_capture.h"
 
@@ -39,8 +41,9 @@ constexpr uint8_t kMultiFunctionBridge = 0x81;
 
 }  // namespace
 
-TEST(ScanPciSlots, FunctionsBehindBridgesInheritTheSlot) {
-  const FixtureRoot root;
+using ScanPciSlots = RootedTest;
+
+TEST_F(ScanPciSlots, FunctionsBehindBridgesInheritTheSlot) {
   AddFunction(root, {});
   AddFunction(root, {.name = "1c.0", .classCode = 0x060400, .headerType = kMultiFunctionBridge, .secondaryBus = 5});
   AddFunction(root, {.name = "1d.0", .classCode = 0x060400, .headerType = kBridge, .secondaryBus = 9});
@@ -51,9 +54,12 @@ TEST(ScanPciSlots, FunctionsBehindBridgesInheritTheSlot) {
   AddFunction(root, {.bus = "06", .name = "02.0"});
   AddFunction(root, {.bus = "09", .name = "00.0"});
   AddFunction(root, {.bus = "0001:0a", .name = "00.0"});
-  WriteSlotTable(root, {{3, 0, 0x1C}, {4, 6, 2}, {0, 0, 0}});
-  root.Run([] {
-    const TraceCapture trace(4);
+  WriteSmbios(root, SmbiosTable()
+                        .AddSlot({.id = 3, .type = 6, .device = 0x1C})
+                        .AddSlot({.id = 4, .type = 6, .bus = 6, .device = 2})
+                        .AddSlot({.id = 0, .type = 6})
+                        .AddEnd());
+  RunTraced(root, 4, [](TraceCapture& trace) {
     EXPECT_EQ(Scan(),
               (Functions{"0000:00:00.0 slot 0", "0000:00:1c.0 slot 3", "0000:00:1d.0 slot -1", "0000:05:00.0 slot 3",
                          "0000:05:00.1 slot 3", "0000:05:01.0 slot 3", "0000:06:02.0 slot 4", "0000:06:1f.7 slot 3",
@@ -67,8 +73,7 @@ TEST(ScanPciSlots, FunctionsBehindBridgesInheritTheSlot) {
   });
 }
 
-TEST(ScanPciSlots, OnlyWellFormedNamesAreFunctions) {
-  const FixtureRoot root;
+TEST_F(ScanPciSlots, OnlyWellFormedNamesAreFunctions) {
   AddFunction(root, {.bus = "0000:02", .name = "1f.7"});
   for (const char* bus : {"0", "2g", "0x", "000002", "0000.02", "10000:02", ".2", "devices"}) {
     AddFunction(root, {.bus = bus});
@@ -81,8 +86,7 @@ TEST(ScanPciSlots, OnlyWellFormedNamesAreFunctions) {
   root.MakeLink("/proc/bus/pci/0000:02/02.0", "missing");
   root.MakeLink("/proc/bus/pci/0000:02/03.0", "1f.7");
   root.MakeLink("/proc/bus/pci/04", "missing");
-  root.Run([] {
-    const TraceCapture trace(3);
+  RunTraced(root, 3, [](TraceCapture& trace) {
     EXPECT_EQ(Scan(false), (Functions{"0000:02:03.0 slot -1", "0000:02:1f.7 slot -1"}));
     EXPECT_TRUE(
         trace.Has("IsPciDevFileValid  : stat() for /proc/bus/pci/0000:02/02.0 failed errno=2 (No such file or "
@@ -95,8 +99,7 @@ TEST(ScanPciSlots, OnlyWellFormedNamesAreFunctions) {
   });
 }
 
-TEST(ScanPciSlots, OnlyTheFirstFunctionMayFail) {
-  const FixtureRoot root;
+TEST_F(ScanPciSlots, OnlyTheFirstFunctionMayFail) {
   root.WriteFile("/proc/bus/pci/00/00.0", BuildHeader({}).substr(0, 63));
   AddFunction(root, {.name = "01.0"});
   AddFunction(root, {.name = "02.0", .vendor = 0xFFFF, .device = 0xFFFF});
@@ -104,8 +107,7 @@ TEST(ScanPciSlots, OnlyTheFirstFunctionMayFail) {
   AddFunction(root, {.name = "04.0"});
   root.WriteFile("/proc/bus/pci/00/05.0", "short");
   AddFunction(root, {.name = "06.0"});
-  root.Run([] {
-    const TraceCapture trace(4);
+  RunTraced(root, 4, [](TraceCapture& trace) {
     EXPECT_EQ(Scan(false), (Functions{"0000:00:01.0 slot -1", "0000:00:04.0 slot -1"}));
     EXPECT_EQ(trace.Count("Invalid PCI device configuration!"), 3);
     EXPECT_TRUE(trace.Has("GetPciConfigSpace : read error from /proc/bus/pci/00/05.0"));
@@ -114,10 +116,8 @@ TEST(ScanPciSlots, OnlyTheFirstFunctionMayFail) {
   });
 }
 
-TEST(ScanPciSlots, AMachineWithoutPciGivesAnEmptyList) {
-  const FixtureRoot root;
-  root.Run([] {
-    const TraceCapture trace(3);
+TEST_F(ScanPciSlots, AMachineWithoutPciGivesAnEmptyList) {
+  RunTraced(root, 3, [](TraceCapture& trace) {
     EXPECT_EQ(Scan(), Functions{});
     EXPECT_TRUE(
         trace.Has("BuildPciDeviceNameList  : scandir for directory /proc/bus/pci failed; ## ERROR: errno=2 "
@@ -126,7 +126,7 @@ TEST(ScanPciSlots, AMachineWithoutPciGivesAnEmptyList) {
   });
 }
 
-TEST(ScanPciSlots, AgreesWithLspciOnThisMachine) {
+TEST_F(ScanPciSlots, AgreesWithLspciOnThisMachine) {
   if (::access("/usr/bin/lspci", X_OK) != 0) GTEST_SKIP() << "lspci is not installed";
   if (::access("/proc/bus/pci", R_OK) != 0) GTEST_SKIP() << "the kernel shows no PCI bus";
   CPciConfigList list;
@@ -148,8 +148,9 @@ TEST(ScanPciSlots, AgreesWithLspciOnThisMachine) {
   EXPECT_EQ(ours, theirs);
 }
 
-TEST(GetPciConfigSpace, ReadsExactlyOrFails) {
-  const FixtureRoot root;
+using GetPciConfigSpace = RootedTest;
+
+TEST_F(GetPciConfigSpace, ReadsExactlyOrFails) {
   AddFunction(root, {.bus = "ff", .name = "1f.7", .subVendor = 0x1734, .subDevice = 0xABCD});
   root.Run([] {
     CDeviceBusIo device;
@@ -174,29 +175,25 @@ TEST(GetPciConfigSpace, ReadsExactlyOrFails) {
 }
 
 TEST(PciConfigHeader, ClassNames) {
-  struct Row {
-    uint32_t classCode;
-    const char* base;
-    const char* sub;
+  constexpr std::tuple<uint32_t, const char*, const char*> kRows[] = {
+      {0x000200, "Unknown", "Unknown"},
+      {0x010800, "Mass storage controller", "Mass storage controller"},
+      {0x030000, "Display controller", "VGA compatible controller"},
+      {0x030002, "Display controller", "8514 compatible controller"},
+      {0x070003, "Simple communication controller", "Serial port"},
+      {0x070102, "Simple communication controller", "ECP 1.X compliant parallel port"},
+      {0x080302, "System peripheral", "RTC"},
+      {0x0A0100, "Docking station", "Docking station"},
+      {0x0B3000, "Processor", "Processor"},
+      {0x0B4000, "Processor", "Co-processor"},
+      {0x0C0330, "Serial bus controller", "Universal Serial Bus (USB)"},
+      {0xFF0000, "Other", "Other"},
+      {0x120000, "Unknown", "Unknown"},
   };
-  for (const Row& row : std::initializer_list<Row>{
-           {0x000200, "Unknown", "Unknown"},
-           {0x010800, "Mass storage controller", "Mass storage controller"},
-           {0x030000, "Display controller", "VGA compatible controller"},
-           {0x030002, "Display controller", "8514 compatible controller"},
-           {0x070003, "Simple communication controller", "Serial port"},
-           {0x070102, "Simple communication controller", "ECP 1.X compliant parallel port"},
-           {0x080302, "System peripheral", "RTC"},
-           {0x0A0100, "Docking station", "Docking station"},
-           {0x0B3000, "Processor", "Processor"},
-           {0x0B4000, "Processor", "Co-processor"},
-           {0x0C0330, "Serial bus controller", "Universal Serial Bus (USB)"},
-           {0xFF0000, "Other", "Other"},
-           {0x120000, "Unknown", "Unknown"},
-       }) {
+  for (const auto& [classCode, base, sub] : kRows) {
     CPciCommonConfigHeader header;
-    BuildHeader({.classCode = row.classCode}).copy(reinterpret_cast<char*>(header.bytes), sizeof header.bytes);
-    EXPECT_STREQ(CPciCommonConfigHeader::GetPciBaseClassDescription(header), row.base) << row.classCode;
-    EXPECT_STREQ(CPciCommonConfigHeader::GetPciSubClassDescription(header), row.sub) << row.classCode;
+    BuildHeader({.classCode = classCode}).copy(reinterpret_cast<char*>(header.bytes), sizeof header.bytes);
+    EXPECT_STREQ(CPciCommonConfigHeader::GetPciBaseClassDescription(header), base) << classCode;
+    EXPECT_STREQ(CPciCommonConfigHeader::GetPciSubClassDescription(header), sub) << classCode;
   }
 }

@@ -13,8 +13,7 @@ namespace {
 void WriteTables(const FixtureRoot& root, off_t place, const std::string& irqTable, const SmbiosTable& smbios) {
   root.MakeSparseFile("/dev/mem", 0x100000);
   root.WriteAt("/dev/mem", place, irqTable);
-  root.WriteFile("/sys/firmware/dmi/tables/smbios_entry_point", EntryPoint64(1, 1));
-  root.WriteFile("/sys/firmware/dmi/tables/DMI", smbios.Bytes());
+  WriteSmbios(root, smbios);
 }
 
 // The slot of a device, -1 when none is found and the output is 0.
@@ -38,15 +37,15 @@ TEST(PciSlotData, TypeDecidesHowAnEntryMatches) {
   }
 }
 
-TEST(PciSlotMap, IrqTableNumbersAndSmbiosCorrectsTypes) {
-  const FixtureRoot root;
+using PciSlotMap = RootedTest;
+
+TEST_F(PciSlotMap, IrqTableNumbersAndSmbiosCorrectsTypes) {
   SmbiosTable smbios;
   smbios.AddSlot({.type = 6, .bus = 6, .device = 9}).AddSlot({.type = 6, .usage = 3, .bus = 5, .device = 3});
   smbios.AddSlot({.bus = 5}).AddEnd();
   // The routing table lies as far back as it may.
   WriteTables(root, 0xFFF80, IrqRoutingTable({{0, 3, 0}, {5, 3, 7}, {5, 4, 9}, {6, 1, 8}}), smbios);
-  root.Run([] {
-    const TraceCapture trace(4);
+  RunTraced(root, 4, [](TraceCapture& trace) {
     CPciSlotMap map;
     EXPECT_EQ(SlotOf(map, 5, 17), 9);  // serial now: the bus alone decides; 7 stays parallel
     EXPECT_EQ(SlotOf(map, 5, 3), 7);   // the first one: the types alone come from SMBIOS, not the usage
@@ -60,16 +59,14 @@ TEST(PciSlotMap, IrqTableNumbersAndSmbiosCorrectsTypes) {
   });
 }
 
-TEST(PciSlotMap, SmbiosAloneAndInUseSlotsWin) {
-  const FixtureRoot root;
+TEST_F(PciSlotMap, SmbiosAloneAndInUseSlotsWin) {
   const std::string shortSlot("\1\xA5\x0D\x04\4\x09\0\0\0\0\0\7", 12);  // ends behind its bus
   SmbiosTable smbios;
   smbios.AddSlot({.id = 1, .type = 6, .usage = 3, .bus = 2, .device = 1}).AddSlot({.id = 7, .bus = 0xFF});
   smbios.AddSlot({.id = 5, .type = 6, .bus = 2, .device = 1}).AddSlot({.id = 6, .usage = 5, .bus = 8});
   smbios.Add(9, shortSlot).Add(41, "short").AddOnboardDevice(4, 0).AddSlot({.id = 3, .bus = 4}).AddOnboardDevice(9, 2);
   WriteTables(root, 0xF0000, "", smbios.AddEnd());
-  root.Run([] {
-    const TraceCapture trace(4);
+  RunTraced(root, 4, [](TraceCapture& trace) {
     CPciSlotMap map;
     EXPECT_EQ(SlotOf(map, 2, 1), 5);
     EXPECT_EQ(SlotOf(map, 4, 0), 3);
@@ -81,7 +78,7 @@ TEST(PciSlotMap, SmbiosAloneAndInUseSlotsWin) {
   });
 }
 
-TEST(PciSlotMap, BrokenIrqTablesAreDiscardedWhole) {
+TEST_F(PciSlotMap, BrokenIrqTablesAreDiscardedWhole) {
   const auto changed = [](size_t place, char value) {
     std::string table = IrqRoutingTable({{5, 0, 7}});
     table[place] = value;
@@ -104,10 +101,8 @@ TEST(PciSlotMap, BrokenIrqTablesAreDiscardedWhole) {
       {0xF0008, changed(0, '$'), "CPciSlotMap::GetSlotMappingFromIrqRoutingTable(): ERROR ## Empty IRQ Routing Table."},
   };
   for (const auto& [place, table, error] : rows) {
-    const FixtureRoot root;
     WriteTables(root, place, table, SmbiosTable().AddSlot({.id = 3, .bus = 5}).AddEnd());
-    root.Run([&error = error] {
-      const TraceCapture trace(4);
+    RunTraced(root, 4, [&error = error](TraceCapture& trace) {
       CPciSlotMap map;
       EXPECT_EQ(SlotOf(map, 5, 1), 3) << error;
       EXPECT_TRUE(trace.Has(error)) << error;
@@ -115,10 +110,8 @@ TEST(PciSlotMap, BrokenIrqTablesAreDiscardedWhole) {
   }
 }
 
-TEST(PciSlotMap, NothingIsAskedForOnce) {
-  const FixtureRoot root;
-  root.Run([] {
-    const TraceCapture trace(4);
+TEST_F(PciSlotMap, NothingIsAskedForOnce) {
+  RunTraced(root, 4, [](TraceCapture& trace) {
     CPciSlotMap map;
     EXPECT_EQ(SlotOf(map, 0, 0), -1);
     EXPECT_EQ(SlotOf(map, 0, 0), -1);

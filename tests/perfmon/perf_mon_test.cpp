@@ -8,7 +8,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
-#include <numeric>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,10 +19,6 @@
 namespace {
 
 constexpr auto kNetDev = "Inter-|\n face |bytes\n lo: 1\neth0: 100 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16\n";
-
-void WriteFile(const char* path, const std::string& text) {
-  std::ofstream(path, std::ios::trunc) << text;
-}
 
 // Every interface but en9 exists and runs at 1000 Mb/s.
 std::optional<int> AnswerForInterfaces(const std::string&, unsigned long request, void* argument) {
@@ -70,8 +65,9 @@ std::jthread Repeat(Body body) {
 
 }  // namespace
 
-TEST(CPerfMon, TracesAndAnswersFromStartToStop) {
-  FixtureRoot root;
+using PerfMon = RootedTest;
+
+TEST_F(PerfMon, TracesAndAnswersFromStartToStop) {
   root.WriteFile("/proc/meminfo", "MemTotal: 8 kB\nMemFree: 6 kB\nSwapTotal: 8 kB\nSwapFree: 8 kB\n");
   root.WriteFile("/proc/stat", "cpu  100 0 100 800 0\ncpu0 1 1 1 1\n");
   root.WriteFile("/proc/net/dev", kNetDev);
@@ -91,8 +87,8 @@ TEST(CPerfMon, TracesAndAnswersFromStartToStop) {
               "Statistics::GetStatistikAtIndex: interface for Index=1 not found|  - update processes|"
               "update snapshot data finished|");
     EXPECT_TRUE(trace.Has("CPerfMon::SnapData  :   - system history: 1 entries"));
-    WriteFile("/proc/stat", "cpu  120 10 120 850 0\n");
-    WriteFile("/proc/net/dev", "eth0: 4000000000 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16\n");
+    WriteWholeFile("/proc/stat", "cpu  120 10 120 850 0\n");
+    WriteWholeFile("/proc/net/dev", "eth0: 4000000000 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16\n");
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     monitor.SnapshotData(0xF80F);
     EXPECT_TRUE(trace.Has("GetPerfDataSystem: Total=100, User=30, Kern=20, Idle=50"));
@@ -111,11 +107,11 @@ TEST(CPerfMon, TracesAndAnswersFromStartToStop) {
     EXPECT_EQ(LinesOfMonitor(trace),
               "Stop performance monitoring|  monitoring thread terminated|  history data destroyed|");
     // What went on while nothing was monitored is in no sample.
-    WriteFile("/proc/stat", "cpu  220 10 120 850 0\n");
-    WriteFile("/proc/net/dev", "eth0: 8000000000 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16\n");
+    WriteWholeFile("/proc/stat", "cpu  220 10 120 850 0\n");
+    WriteWholeFile("/proc/net/dev", "eth0: 8000000000 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16\n");
     ASSERT_TRUE(monitor.StartMonitoring(CPerfMon::systemCpu | CPerfMon::network, 0));
     EXPECT_EQ(Percents(monitor, {{0, 0}, {12, 0}}), "0/0 0/0 ");
-    WriteFile("/proc/net/dev", "eth0: 8000000000 2 3 4 5 6 7 8 4000000009 10 11 12 13 14 15 16\n");
+    WriteWholeFile("/proc/net/dev", "eth0: 8000000000 2 3 4 5 6 7 8 4000000009 10 11 12 13 14 15 16\n");
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     monitor.SnapshotData(CPerfMon::network);
     EXPECT_EQ(Percents(monitor, {{10, 0}, {11, 0}, {12, 0}}), "100/100 100/100 0/0 ");
@@ -133,8 +129,7 @@ TEST(CPerfMon, TracesAndAnswersFromStartToStop) {
   });
 }
 
-TEST(CPerfMon, UnreadableFilesAreTracedAndLeaveNoRecord) {
-  FixtureRoot root;
+TEST_F(PerfMon, UnreadableFilesAreTracedAndLeaveNoRecord) {
   root.WriteFile("/proc/net/dev", kNetDev);
   root.Run([] {
     const FakeIoctl interfaces(AnswerForInterfaces);
@@ -144,21 +139,21 @@ TEST(CPerfMon, UnreadableFilesAreTracedAndLeaveNoRecord) {
     EXPECT_TRUE(monitor.StartMonitoring(13, 0));
     EXPECT_TRUE(trace.Has("CPerfData::GetMemoryDataSnapShot: cannot open /proc/meminfo (errno=2)"));
     EXPECT_TRUE(trace.Has("CPerfData::GetSystemLoadSnapShot: cannot open /proc/stat (errno=2)"));
-    WriteFile("/proc/meminfo", "MemTotal: 1 kB\n");
-    WriteFile("/proc/stat", "cpu  1 2\n");
-    WriteFile("/proc/net/dev", "eth0: 1 2 3\n");
+    WriteWholeFile("/proc/meminfo", "MemTotal: 1 kB\n");
+    WriteWholeFile("/proc/stat", "cpu  1 2\n");
+    WriteWholeFile("/proc/net/dev", "eth0: 1 2 3\n");
     monitor.SnapshotData(13);
     EXPECT_TRUE(trace.Has("CPerfData::GetMemoryDataSnapShot: cannot get all values from /proc/meminfo"));
     EXPECT_TRUE(trace.Has("CPerfData::GetSystemLoadSnapShot: cannot get System Load values from /proc/stat (ret=2)"));
     EXPECT_EQ(trace.Count("GetStatistikAtIndex: cannot get Network Load values from /proc/net/dev (ret=3)"), 1);
     // A kept file that gives nothing is opened anew.
-    WriteFile("/proc/net/dev", "");
+    WriteWholeFile("/proc/net/dev", "");
     std::filesystem::remove("/proc/net/dev");
     monitor.SnapshotData(4);
     EXPECT_EQ(trace.Count("GetStatistikAtIndex: cannot open /proc/net/dev (errno=2)"), 1);
     // What is wanted stands behind more text than one reading takes, and the last line has no end.
     const std::string junk(100000, 'x');
-    WriteFile("/proc/meminfo", junk + "\nMemTotal: 100 kB\nMemFree: 50 kB\nSwapTotal: 0 kB\nSwapFree: 0");
+    WriteWholeFile("/proc/meminfo", junk + "\nMemTotal: 100 kB\nMemFree: 50 kB\nSwapTotal: 0 kB\nSwapFree: 0");
     monitor.SnapshotData(8);
     EXPECT_EQ(Percents(monitor, {{9, 0}}), "50/50 ");
   });
@@ -191,12 +186,11 @@ TEST(CNetworkInterfaceTable, CountsLanNamesThatTheKernelKnows) {
 }
 
 // The kernel gives a long list in several pieces.
-TEST(CPerfMon, SamplesAHundredRealInterfaces) {
-  const FixtureRoot root;
+TEST_F(PerfMon, SamplesAHundredRealInterfaces) {
   const auto body = [] {
     const int others = CNetworkInterfaceTable::GetInterface(0, nullptr, 1);
     const char* addPairs = "for i in $(seq 50); do echo link add eth$i type veth peer name en$i; done | ip -batch -";
-    if (std::system(addPairs) != 0) return WriteFile("/skipped", "");
+    if (std::system(addPairs) != 0) return WriteWholeFile("/skipped", "");
     CPerfMon monitor(5);
     const TraceCapture trace(5);
     ASSERT_TRUE(monitor.StartMonitoring(CPerfMon::network, 0));
@@ -217,28 +211,8 @@ TEST(CProcFile, AForkedProcessReadsItsOwnFile) {
   EXPECT_TRUE(wait(&status) > 0 && status == 0) << status;
 }
 
-TEST(CPerfMon, CpuLoadAgreesWithTheKernelsOwnCount) {
-  std::array<double, 4> before{}, after{};
-  const auto readTicks = [](std::array<double, 4>& ticks) {
-    std::ifstream stat("/proc/stat");
-    stat.ignore(4) >> ticks[0] >> ticks[1] >> ticks[2] >> ticks[3];
-  };
-  CPerfMon monitor(5);
-  ASSERT_TRUE(monitor.StartMonitoring(CPerfMon::systemCpu, 0));
-  const std::jthread load = Repeat([] {});
-  monitor.SnapshotData(CPerfMon::systemCpu);
-  readTicks(before);
-  std::this_thread::sleep_for(std::chrono::milliseconds(1000));
-  monitor.SnapshotData(CPerfMon::systemCpu);
-  readTicks(after);
-  const double total = std::reduce(after.begin(), after.end()) - std::reduce(before.begin(), before.end());
-  unsigned char percent = 0;
-  EXPECT_TRUE(monitor.GetCurrentPercent(CPerfMon::cpuUsed, percent, 0));
-  EXPECT_NEAR(percent, 100 - 100 * (after[3] - before[3]) / total, 6);
-}
-
 // A stop that waited for the interval would not come back.
-TEST(CPerfMon, StopsAtOnceAndStartsAgainWhileOthersAsk) {
+TEST_F(PerfMon, StopsAtOnceAndStartsAgainWhileOthersAsk) {
   CPerfMon monitor(5);
   const std::jthread reader = Repeat([&monitor] { Percents(monitor, {{0, -1}, {8, 0}, {9, -1}, {10, -1}, {13, 1}}); });
   const std::jthread sampler = Repeat([&monitor] { monitor.SnapshotData(13); });

@@ -26,6 +26,11 @@ std::future<int> StartWaiting(const CEvent& event) {
   return result;
 }
 
+void WaitForOneOf(const std::future<int> (&waits)[2]) {
+  for (size_t turn = 0; waits[turn % 2].wait_for(std::chrono::milliseconds(1)) != std::future_status::ready;)
+    ++turn;
+}
+
 }  // namespace
 
 // The test program's own versions: the system's, but counted or failing.
@@ -48,8 +53,7 @@ TEST(Event, WaitAndPulseFollowTheResetMode) {
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(30));
   std::future<int> both[] = {StartWaiting(one), StartWaiting(one)};
   EXPECT_TRUE(one.Pulse());
-  for (size_t turn = 0; both[turn % 2].wait_for(std::chrono::milliseconds(1)) != std::future_status::ready;)
-    ++turn;
+  WaitForOneOf(both);
   EXPECT_TRUE(one.Set());
   for (std::future<int>& wait : both)
     EXPECT_EQ(wait.get(), 0);
@@ -70,10 +74,13 @@ TEST(Event, ClosedHandleAndOneWithoutEventRefuse) {
   mutexInitFails = false;
   CEvent closed(false, false, "door");
   const CEvent other(false, false, "door");
-  std::future<int> wait = StartWaiting(closed);
-  EXPECT_FALSE(closed.Create(false, false, nullptr)) << "a thread waits";
+  std::future<int> waits[] = {StartWaiting(closed), StartWaiting(closed)};
+  EXPECT_TRUE(closed.Set());
+  WaitForOneOf(waits);
+  EXPECT_FALSE(closed.Create(false, false, nullptr)) << "the other thread waits";
   EXPECT_TRUE(closed.Close());
-  EXPECT_EQ(wait.get(), 0);
+  for (std::future<int>& wait : waits)
+    EXPECT_EQ(wait.get(), 0);
   EXPECT_TRUE(other.Set() && !closed.IsOpen() && failed.IsOpen());
   for (CEvent* event : {&closed, &failed}) {
     EXPECT_FALSE(event->Set() || event->Reset() || event->Pulse() || event->IsSet() || event->Close());
@@ -87,9 +94,7 @@ TEST(Event, ClosedHandleAndOneWithoutEventRefuse) {
 }
 
 TEST(Event, SharedLifeIsTraced) {
-  const FixtureRoot root;
-  root.Run([] {
-    const TraceCapture trace(5);
+  RunTraced(FixtureRoot(), 5, [](TraceCapture& trace) {
     {
       CEvent first(false, false, "door");
       const CEvent second(true, true, "door");
@@ -101,10 +106,7 @@ TEST(Event, SharedLifeIsTraced) {
       EXPECT_TRUE(third.Close());
     }
     const CEvent again(false, true, "door");
-    std::string lines;
-    for (const std::string& line : trace.Lines())
-      lines += line + "\n";
-    EXPECT_EQ(std::regex_replace(lines, std::regex("0x[0-9a-f]+"), "P"),
+    EXPECT_EQ(std::regex_replace(trace.Text(), std::regex("0x[0-9a-f]+"), "P"),
               "creating event P <door> (IsSignaled=0)\nrefCount for event P <door> incremented (IsSignaled=0)\n"
               "WARNING: manual setting mismatch for event P <door>\nSet event P <door> IsSignaled=0 --> IsSignaled=1\n"
               "Check event P <door> (IsSignaled=0)\nPulse event P <door> IsSignaled=0 --> IsSignaled=0\n"

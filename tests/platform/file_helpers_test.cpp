@@ -14,15 +14,15 @@
 
 using Texts = std::vector<std::string>;
 
-TEST(FileHelpers, DirectoriesAndLinks) {
-  const FixtureRoot root;
+using FileHelpers = RootedTest;
+
+TEST_F(FileHelpers, DirectoriesAndLinks) {
   root.WriteFile("/data/real/a b", "");
   root.WriteFile("/data/real/.%s", "");
   root.MakeLink("/data/link", "../data/./real");
   root.MakeLink("/long", std::string(2000, 'x'));
   root.MakeDirectory("/empty");
-  root.Run([] {
-    const TraceCapture trace(2);
+  RunTraced(root, 2, [](TraceCapture& trace) {
     Texts names;
     EXPECT_FALSE(CDirectory::GetDirectoryContent(names, "/no%s", true));
     EXPECT_FALSE(CDirectory::GetDirectoryContent(names, "/empty", true));
@@ -50,7 +50,7 @@ TEST(FileHelpers, DirectoriesAndLinks) {
   }
 }
 
-TEST(FileHelpers, RegularExpressionGivesTheAskedForMatch) {
+TEST_F(FileHelpers, RegularExpressionGivesTheAskedForMatch) {
   const std::tuple<const char*, std::string, uint8_t, std::string> rows[] = {
       {"[0-9]+", "a12b3c45", 1, "12"},
       {"[0-9]+", "a12b3c45", 2, "2"},
@@ -68,12 +68,10 @@ TEST(FileHelpers, RegularExpressionGivesTheAskedForMatch) {
   }
 }
 
-TEST(FileHelpers, FilesAreSplitIntoLines) {
-  const FixtureRoot root;
+TEST_F(FileHelpers, FilesAreSplitIntoLines) {
   root.WriteFile("/lines", std::string("one\r\n\nt\0o\n", 10) + std::string(20000, 'x'));
   root.WriteFile("/two", "a\nb\n");
-  root.Run([] {
-    const TraceCapture trace(1);
+  RunTraced(root, 1, [](TraceCapture& trace) {
     Texts lines{"kept"};
     EXPECT_TRUE(CStdioFile::ReadFile(lines, "/lines"));
     EXPECT_EQ(lines, (Texts{"kept", "one\r", "", std::string("t\0o", 3), std::string(20000, 'x')}));

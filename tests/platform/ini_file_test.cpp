@@ -16,8 +16,9 @@ using Texts = std::vector<std::string>;
 
 constexpr const char* kPath = "/agent.ini";
 
-TEST(IniFile, ReadsEntriesAndNames) {
-  const FixtureRoot root;
+using IniFile = RootedTest;
+
+TEST_F(IniFile, ReadsEntriesAndNames) {
   const std::string longLine = "long=" + std::string(1018, 'x') + "more=1\n" + std::string(70000, 'y') + "\n";
   root.WriteFile(kPath,
                  "early=0\n\n[Name]\n ; comment\nkey = value ; note\n\t two words \t=  a = b  \r\nempty=\nno sign\n" +
@@ -41,8 +42,7 @@ TEST(IniFile, ReadsEntriesAndNames) {
   EXPECT_EQ(names.back(), "last");
 }
 
-TEST(IniFile, ResultsTellWhatDidNotFit) {
-  const FixtureRoot root;
+TEST_F(IniFile, ResultsTellWhatDidNotFit) {
   root.WriteFile(kPath, "[AB]\nkey=12345\n[CD]\nk1=x\nk23=x\n");
   // Section, key, size => result and bytes stored, '|' standing for NUL.
   const std::tuple<const char*, const char*, uint32_t, uint32_t, std::string> rows[] = {
@@ -62,10 +62,9 @@ TEST(IniFile, ResultsTellWhatDidNotFit) {
   }
 }
 
-TEST(IniFile, EditsAreExactToTheByte) {
+TEST_F(IniFile, EditsAreExactToTheByte) {
   const std::string two = "; top\n[A]\n\na=1\n; c\n\nb=2\n\n; next\n\n[B]\nx=1\n";
   const std::string longLine = "[A]\n\nk=" + std::string(1021, 'x');
-  const FixtureRoot root;
   // File, section, key, value => result and file.
   using Row = std::tuple<std::string, const char*, const char*, const char*, int, std::string>;
   const Row rows[] = {{two, "A", "b", "99999", 1, "; top\n[A]\n\na=1\nb=99999\n\n; next\n\n[B]\nx=1\n"},
@@ -86,6 +85,8 @@ TEST(IniFile, EditsAreExactToTheByte) {
                       {two, "A", nullptr, nullptr, 1, "\n; next\n\n[B]\nx=1\n"},
                       {two, "B", nullptr, "v", 1, "; top\n[A]\n\na=1\n; c\n\nb=2\n"},
                       {two, "C", nullptr, nullptr, 0, two},
+                      {"early=1\n\n[A]\na=1\n[B]\nb=1\n", "B", nullptr, nullptr, 1, "early=1\n\n[A]\na=1\n"},
+                      {"[Ax\na=1\n", "A", "a", "9", 1, "[Ax\na=1\n\n[A]\n\na=9\n"},
                       {"[A]\n\na=1", "A", "a", "22", 1, "[A]\n\na=22\n"},
                       {"[A]\n\na=1", "A", "b", "2", 1, "[A]\n\na=1\nb=2\n"},
                       {"[A]", "A", "b", "2", 1, "[A]\nb=2\n"},
@@ -99,13 +100,11 @@ TEST(IniFile, EditsAreExactToTheByte) {
   }
 }
 
-TEST(IniFile, FailedAndMissingFilesAreLeftAsTheyWere) {
-  const FixtureRoot root;
+TEST_F(IniFile, FailedAndMissingFilesAreLeftAsTheyWere) {
   const std::string content = "[A]\n\na=1\nb=2\n[B]\n\nc=3\n";
   root.WriteFile(kPath, content);
   root.MakeLink("/link", "made");
-  root.Run([&] {
-    const TraceCapture trace(4);
+  RunTraced(root, 4, [&](TraceCapture& trace) {
     ::umask(077);
     EXPECT_EQ(CIniFile::WritePrivateProfileString("S", "k", nullptr, "/link"), 1);
     EXPECT_EQ(CIniFile::WritePrivateProfileString("S", "k", "v", "/new"), 1);
@@ -144,8 +143,7 @@ TEST(IniFile, FailedAndMissingFilesAreLeftAsTheyWere) {
   EXPECT_TRUE(root.Exists("/link"));
 }
 
-TEST(IniFile, ObjectWorksWhileItIsOpen) {
-  const FixtureRoot root;
+TEST_F(IniFile, ObjectWorksWhileItIsOpen) {
   root.WriteFile(kPath, "[S]\nn=1\n");
   CIniFile ini;
   Texts names;
@@ -181,8 +179,7 @@ TEST(IniFile, ObjectWorksWhileItIsOpen) {
   expectIdle();
 }
 
-TEST(IniFile, ListsAndTextsOutgrowTheirFirstBuffer) {
-  const FixtureRoot root;
+TEST_F(IniFile, ListsAndTextsOutgrowTheirFirstBuffer) {
   std::string content = "[Big]\n";
   for (int number = 0; number < 11000; ++number) {
     content += "key" + std::to_string(number) + (number == 8999 ? "=v\n[Small]\n" : "=v\n");

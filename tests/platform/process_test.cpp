@@ -37,8 +37,9 @@ void RefuseCloseRange() {
 
 }  // namespace
 
-TEST(Process, FactsComeFromTheProcessDirectory) {
-  const FixtureRoot root;
+using Process = RootedTest;
+
+TEST_F(Process, FactsComeFromTheProcessDirectory) {
   root.WriteFile("/proc/7/status",
                  "Name:\tx VmRSS: 9\nVmPeak:\t 3 MB\nVmSize:  2097152 kB\nVmRSS:\t10244 kB\nVmLib:\t1 GB\nVmSwap: 5\n");
   root.WriteFile("/proc/8/status", "VmSize: 1 kB\nVmLib: 2 kB\nVmSwap:\n");
@@ -71,8 +72,7 @@ TEST(Process, FactsComeFromTheProcessDirectory) {
   });
 }
 
-TEST(Process, ExitCodeTellsHowTheCommandEnded) {
-  const FixtureRoot root;
+TEST_F(Process, ExitCodeTellsHowTheCommandEnded) {
   root.WriteFile("/bad/tool", "", 0644);
   root.WriteFile("/good/tool", "test $# = 2 && test \"$1\" = \"'a\" && exit 7", 0755);  // no interpreter line
   root.WriteFile("/killed", "#!/bin/sh\nkill -9 $$\n", 0755);
@@ -94,8 +94,7 @@ TEST(Process, ExitCodeTellsHowTheCommandEnded) {
   root.Run(body, kCommands);
 }
 
-TEST(Process, AsynchronousCommandsTakeSignalsAndAreWaitedFor) {
-  const FixtureRoot root;
+TEST_F(Process, AsynchronousCommandsTakeSignalsAndAreWaitedFor) {
   const auto body = [] {
     sigset_t all;
     ::sigfillset(&all);
@@ -122,8 +121,7 @@ TEST(Process, AsynchronousCommandsTakeSignalsAndAreWaitedFor) {
   root.Run(body, kCommands);
 }
 
-TEST(Process, ChildGetsNoDescriptorUnlessItInherits) {
-  const FixtureRoot root;
+TEST_F(Process, ChildGetsNoDescriptorUnlessItInherits) {
   const auto body = [] {
     const auto expectAsAskedFor = [](const char* fd, bool isInherited) {
       EXPECT_EQ(Execute(std::string("test -e /proc/self/fd/") + fd, nullptr, isInherited).first, isInherited) << fd;
@@ -141,8 +139,7 @@ TEST(Process, ChildGetsNoDescriptorUnlessItInherits) {
   root.Run(body, kCommands);
 }
 
-TEST(Process, DirectoryHoldsForTheCommandAlone) {
-  const FixtureRoot root;
+TEST_F(Process, DirectoryHoldsForTheCommandAlone) {
   root.MakeDirectory("/work/here");
   const auto body = [] {
     std::string current;

@@ -12,8 +12,9 @@
 #include "platform/unique_fd.h"
 #include "support/fixture_root.h"
 
-TEST(ShellCommand, OutputComesLineByLineWithinTheRoom) {
-  const FixtureRoot root;
+using ShellCommand = RootedTest;
+
+TEST_F(ShellCommand, OutputComesLineByLineWithinTheRoom) {
   const auto body = [] {
     CShellCommandInterface shell;
     EXPECT_FALSE(shell.GetResponse(0));
@@ -58,8 +59,9 @@ void LogFormatted(const char* format, ...) {
 
 }  // namespace
 
-TEST(SysLog, MessagesAreLoggedLiterally) {
-  const FixtureRoot root;
+using SysLog = RootedTest;
+
+TEST_F(SysLog, MessagesAreLoggedLiterally) {
   root.MakeDirectory("/dev");
   root.Run([] {
     const UniqueFd log(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));

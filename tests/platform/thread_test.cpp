@@ -55,9 +55,7 @@ TEST(Thread, JoinableWorkerIsWaitedForUnlessLetGo) {
 }
 
 TEST(Thread, StepsAreTraced) {
-  const FixtureRoot root;
-  root.Run([] {
-    const TraceCapture trace(4);
+  RunTraced(FixtureRoot(), 4, [](TraceCapture& trace) {
     Work work;
     CThread thread;
     EXPECT_TRUE(!StartWork(thread, work, true, 1000) && thread.WaitForTermination(kWaitForever));
@@ -70,11 +68,8 @@ TEST(Thread, StepsAreTraced) {
       std::this_thread::yield();
     EXPECT_TRUE(thread.Kill()) << "of one that has ended: its identifier may be that of another thread by now";
     EXPECT_TRUE(StartWork(thread, work, true) && thread.Kill() && !thread.Kill());
-    std::string lines;
-    for (const std::string& line : trace.Lines())
-      lines += line + "\n";
     EXPECT_EQ(
-        std::regex_replace(lines, std::regex("[0-9A-F]{8}(?![0-9A-F])|pstat=.*"), "T"),
+        std::regex_replace(trace.Text(), std::regex("[0-9A-F]{8}(?![0-9A-F])|pstat=.*"), "T"),
         "CThread::Kill: Try to kill the Thread = 0xT\nCThread::Kill: Thread = 0x0T doesn't exist !\n"
         "pthread_attr_init: 0\nThreadPrio=1000\npthread_attr_setschedparam failed: error=22 priority=1000\n"
         "CThread::WaitForTermination: Thread = 0x0T doesn't exist !\npthread_attr_init: 0\nThreadPrio=63\n"

@@ -11,13 +11,6 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
-// The entry point names no table in memory: the tables are files.
-void WriteSmbios(const ToolRoot& machine, const SmbiosTable& table) {
-  machine.WriteFile("/sys/firmware/dmi/tables/smbios_entry_point",
-                    EntryPoint64(0, static_cast<uint32_t>(table.Bytes().size())));
-  machine.WriteFile("/sys/firmware/dmi/tables/DMI", table.Bytes());
-}
-
 void WriteRoutingTable(const ToolRoot& machine, const std::vector<IrqSlot>& slots) {
   machine.MakeSparseFile("/dev/mem", 0x100000);
   machine.WriteAt("/dev/mem", 0xF0000, IrqRoutingTable(slots));

@@ -5,13 +5,16 @@
 
 #include "inventory/server_machine.h"
 #include "ravctl/ravctl_runner.h"
+#include "support/firmware_tables.h"
 
 // A server with a card behind a bridge, a RAID controller with a disk, an NVMe drive and what is mounted of them. The
 // hardware is written to a tree of its own, which the tool's root takes over by Install.
 class ServerTree : public ServerMachine {
  public:
   ServerTree() {
-    WriteSlotTable(*this, {{3, 0x18, 0}, {4, 0x00, 1}});
+    WriteSmbios(
+        *this,
+        SmbiosTable().AddSlot({.id = 3, .type = 6, .bus = 0x18}).AddSlot({.id = 4, .type = 6, .device = 1}).AddEnd());
     Add("0000:00:01.0", 0x80862030, 0x060400, "", {.headerType = 0x81, .secondaryBus = 0x17});
     Add("0000:17:00.0", 0x80861521, 0x020000, "igb", {.headerType = 0x80, .subVendor = 0x1734, .subDevice = 1});
     Add("0000:18:00.0", 0x10000016, 0x010400, "megaraid_sas");

@@ -164,12 +164,12 @@ TEST(RegistryText, WhatALineCannotCarryIsTracedAndHarmsNothing) {
       FileText("Good=s=1\n[K]\nGood=s=1\nGood2=s=2\na=x=s=1\nline=s=1\n2\nlong=s=" + std::string(1500, 'x') + "\n\n"));
 }
 
-TEST(RegistryFile, LoadFallsBackAndTellsWhy) {
-  const FixtureRoot root;
+using RegistryFile = RootedTest;
+
+TEST_F(RegistryFile, LoadFallsBackAndTellsWhy) {
   root.WriteFile(kRegistry, "[HKEY_LOCAL_MACHINE]\n\n\n");
   root.WriteFile(kOld, "");
-  root.Run([] {
-    const TraceCapture trace(1);
+  RunTraced(root, 1, [](TraceCapture& trace) {
     CRegistry registry("", CRegistry::HKEY_LOCAL_MACHINE, 0);
     EXPECT_EQ(trace.Lines(),
               (std::vector<std::string>{
@@ -184,16 +184,14 @@ TEST(RegistryFile, LoadFallsBackAndTellsWhy) {
     EXPECT_FALSE(CRegistry::ReadTree("/etc", *registry.KeepKeyHandle())) << "a read error";
   });
   root.WriteFile(kDefault, FileText("V=d=1\n"));
-  root.Run([] {
-    const TraceCapture trace(2);
+  RunTraced(root, 2, [](TraceCapture& trace) {
     CRegistry registry("", CRegistry::HKEY_LOCAL_MACHINE, 0);
     EXPECT_EQ(registry.GetValueSize("V"), 4U);
     EXPECT_EQ(trace.Count("CRegistry: SetupTree(): ForceSetup=0, MIsSetup=0, MIsDirty=0"), 1);
   });
 }
 
-TEST(RegistryFile, FirstStartMakesTheRootKeys) {
-  const FixtureRoot root;
+TEST_F(RegistryFile, FirstStartMakesTheRootKeys) {
   root.MakeDirectory("/etc/pelrix");
   root.Run([] {
     CRegistry first;
@@ -215,8 +213,7 @@ TEST(RegistryFile, FirstStartMakesTheRootKeys) {
   EXPECT_EQ(root.ReadFile(kRegistry), "[HKEY_USERS]\n[X]\nV=d=1\nW=d=2\n\n\n\n");
 }
 
-TEST(RegistryFile, SaveKeepsTheOldFileAndWritesOnce) {
-  const FixtureRoot root;
+TEST_F(RegistryFile, SaveKeepsTheOldFileAndWritesOnce) {
   const std::string before = FileText("V=d=1\n");
   root.WriteFile(kRegistry, before, 0600);
   root.Run([] {
@@ -235,10 +232,17 @@ TEST(RegistryFile, SaveKeepsTheOldFileAndWritesOnce) {
   EXPECT_EQ(root.ReadFile(kRegistry), FileText("V=d=2\n"));
   EXPECT_EQ(root.Mode(kRegistry) & 07777U, 0644U);
   EXPECT_FALSE(root.Exists(kNew));
+  root.WriteFile(kRegistry, "");
+  root.Run([] {
+    CRegistry registry("", CRegistry::HKEY_LOCAL_MACHINE, 0);
+    registry.SetValue("V", 3U);
+    CRegistry::SaveTree();
+  });
+  EXPECT_EQ(root.ReadFile(kRegistry), FileText("V=d=3\n"));
+  EXPECT_EQ(root.ReadFile(kOld), before) << "an empty file is no backup";
 }
 
-TEST(RegistryFile, FailedWriteAtAnyByteChangesNothingAndIsTriedAgain) {
-  const FixtureRoot root;
+TEST_F(RegistryFile, FailedWriteAtAnyByteChangesNothingAndIsTriedAgain) {
   const std::string before = FileText("State=d=1\n");
   const std::string after = FileText("State=d=2\n");
   root.WriteFile(kRegistry, before);
@@ -259,13 +263,13 @@ TEST(RegistryFile, FailedWriteAtAnyByteChangesNothingAndIsTriedAgain) {
   EXPECT_EQ(root.ReadFile(kOld), before);
 }
 
-TEST(RegistryFile, FailedStepLeavesAStoreThatLoadsAndIsTriedAgain) {
+TEST_F(RegistryFile, FailedStepLeavesAStoreThatLoadsAndIsTriedAgain) {
   using Row = std::tuple<const char*, int, unsigned int>;
   for (const auto& [function, call, onDisk] :
        {Row{"fsync", 1, 1}, Row{"fclose", 1, 1}, Row{"rename", 1, 1}, Row{"rename", 2, 1}, Row{"fsync", 2, 2}}) {
-    const FixtureRoot root;
-    root.WriteFile(kRegistry, FileText("V=d=0\n"));
-    root.Run([&, function = function, call = call, onDisk = onDisk] {
+    const FixtureRoot store;
+    store.WriteFile(kRegistry, FileText("V=d=0\n"));
+    store.Run([&, function = function, call = call, onDisk = onDisk] {
       SCOPED_TRACE(function + std::to_string(call));
       CRegistry registry("", CRegistry::HKEY_LOCAL_MACHINE, 0);
       SaveState(registry, 1);
@@ -277,6 +281,7 @@ TEST(RegistryFile, FailedStepLeavesAStoreThatLoadsAndIsTriedAgain) {
       }
       EXPECT_EQ(trace.Count("CRegistry: ERROR: Cannot "), 1);
       EXPECT_EQ(trace.Count("SaveTree MPRegistryTemp"), 0) << "success was reported";
+      EXPECT_EQ(::access(kRegistry, F_OK), 0) << "the old file did not come back";
       EXPECT_EQ(StateOnDisk(), onDisk);
       CRegistry::SaveTree();
       EXPECT_EQ(trace.Count("SaveTree MPRegistryTemp"), 1) << "tried again";
@@ -285,8 +290,7 @@ TEST(RegistryFile, FailedStepLeavesAStoreThatLoadsAndIsTriedAgain) {
   }
 }
 
-TEST(RegistryFile, TempFileThatCannotBeOpenedIsNotTriedAgain) {
-  const FixtureRoot root;
+TEST_F(RegistryFile, TempFileThatCannotBeOpenedIsNotTriedAgain) {
   root.WriteFile(kRegistry, FileText("V=d=1\n"));
   root.MakeDirectory(kNew);
   root.Run([] {
@@ -300,10 +304,9 @@ TEST(RegistryFile, TempFileThatCannotBeOpenedIsNotTriedAgain) {
 }
 
 // RAVD_CRASH_ROUNDS sets another number of rounds.
-TEST(RegistryFile, KilledSaverLeavesTheLastOrTheNextState) {
+TEST_F(RegistryFile, KilledSaverLeavesTheLastOrTheNextState) {
   const char* wanted = std::getenv("RAVD_CRASH_ROUNDS");
   const int rounds = wanted != nullptr ? std::atoi(wanted) : 100;
-  const FixtureRoot root;
   std::string values;
   for (int value = 0; value < kStateValues; ++value)
     values += StateName(value) + "=d=0\n";

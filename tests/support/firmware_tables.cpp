@@ -46,6 +46,11 @@ SmbiosTable& SmbiosTable::AddOnboardDevice(uint8_t bus, uint8_t device) {
   return Add(41, FromBytes({1, 0x85, 1, 0, 0, bus, device * 8U}), {"Onboard LAN"});
 }
 
+void WriteSmbios(const FixtureRoot& root, const SmbiosTable& table) {
+  root.WriteFile(kSysfsEntryPoint, EntryPoint64(0, static_cast<uint32_t>(table.Bytes().size())));
+  root.WriteFile(kSysfsTable, table.Bytes());
+}
+
 std::string EntryPoint32(uint32_t tableAddress, uint16_t tableLength, uint16_t structures) {
   std::string bytes = "_SM_" + FromBytes({0, 31, 2, 8, 64, 0, 0, 0, 0, 0, 0, 0}) + "_DMI_" + FromBytes({0}) +
                       LittleEndian(tableLength, 2) + LittleEndian(tableAddress, 4) + LittleEndian(structures, 2) +

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "support/fixture_root.h"
+
 // Firmware tables from readable descriptions, as the bytes that a machine would hold.
 
 // Little-endian bytes of a field. LittleEndian(0x1234, 2) => 34 12
@@ -37,6 +39,11 @@ class SmbiosTable {
   std::string m_Bytes;
   uint16_t m_NextHandle = 0;
 };
+
+// The files in which the kernel shows the tables of the firmware; the entry point names no table in memory.
+inline constexpr const char* kSysfsEntryPoint = "/sys/firmware/dmi/tables/smbios_entry_point";
+inline constexpr const char* kSysfsTable = "/sys/firmware/dmi/tables/DMI";
+void WriteSmbios(const FixtureRoot& root, const SmbiosTable& table);
 
 // Entry points with their checksums: "_SM_" of version 2.8 and "_SM3_" of version 3.2.
 std::string EntryPoint32(uint32_t tableAddress, uint16_t tableLength, uint16_t structures);

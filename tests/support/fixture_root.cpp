@@ -114,10 +114,7 @@ fs::path FixtureRoot::HostPath(std::string_view path) const {
 void FixtureRoot::WriteFile(std::string_view path, std::string_view content, mode_t mode) const {
   const fs::path file = HostPath(path);
   fs::create_directories(file.parent_path());
-  std::ofstream stream(file, std::ios::binary | std::ios::trunc);
-  stream.write(content.data(), static_cast<std::streamsize>(content.size()));
-  stream.close();
-  ASSERT_TRUE(stream.good()) << file;
+  WriteWholeFile(file, content);
   ASSERT_EQ(::chmod(file.c_str(), mode), 0) << file;
 }
 
@@ -181,4 +178,10 @@ std::string ReadWholeFile(const fs::path& path) {
   std::ostringstream content;
   content << stream.rdbuf();
   return content.str();
+}
+
+void WriteWholeFile(const fs::path& path, std::string_view text) {
+  std::ofstream stream(path, std::ios::binary | std::ios::trunc);
+  stream << text << std::flush;
+  EXPECT_TRUE(stream.good()) << path;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <filesystem>
@@ -53,5 +54,13 @@ class FixtureRoot {
   std::filesystem::path m_Path;
 };
 
+// A test with a root of its own.
+class RootedTest : public ::testing::Test {
+ protected:
+  FixtureRoot root;
+};
+
 // Reads a whole file of the machine; fails the test when it cannot.
 std::string ReadWholeFile(const std::filesystem::path& path);
+// Puts the text in the place of what the file held; for a body, which sees the paths of its root.
+void WriteWholeFile(const std::filesystem::path& path, std::string_view text);

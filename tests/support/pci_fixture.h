@@ -28,14 +28,6 @@ struct FunctionDescription {
 std::string BuildHeader(const FunctionDescription& function);
 void AddFunction(const FixtureRoot& root, const FunctionDescription& function);
 
-// A PCI system slot in use, as the firmware describes it.
-struct SlotDescription {
-  uint8_t number;
-  uint8_t bus;
-  uint8_t device;
-};
-void WriteSlotTable(const FixtureRoot& root, const std::vector<SlotDescription>& slots);
-
 // A line of /proc/bus/pci/devices with the addresses of the first base registers.
 std::string DevicesLine(unsigned bus, unsigned device, unsigned function, unsigned vendor, unsigned deviceId,
                         unsigned irq, const std::vector<uint64_t>& addresses);

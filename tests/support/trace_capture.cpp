@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 #include "trace/debug.h"
 
@@ -48,9 +49,25 @@ std::vector<std::string> TraceCapture::Lines() const {
   return texts;
 }
 
+std::string TraceCapture::Text() const {
+  std::string text;
+  for (const std::string& line : Lines())
+    text += line + "\n";
+  return text;
+}
+
+std::string TraceCapture::Missing(const std::string& lines) const {
+  const std::vector<std::string> traced = Lines();
+  std::istringstream wanted(lines);
+  std::string missing;
+  for (std::string line; std::getline(wanted, line);) {
+    if (std::find(traced.begin(), traced.end(), line) == traced.end()) missing += line + "\n";
+  }
+  return missing;
+}
+
 bool TraceCapture::Has(const std::string& line) const {
-  const std::vector<std::string> lines = Lines();
-  return std::find(lines.begin(), lines.end(), line) != lines.end();
+  return Missing(line).empty();
 }
 
 int TraceCapture::Count(const std::string& part) const {
@@ -61,4 +78,13 @@ int TraceCapture::Count(const std::string& part) const {
 
 void TraceCapture::Clear() {
   m_First = ReadTexts().size();
+}
+
+void RunTraced(const FixtureRoot& root, unsigned int level, const std::function<void(TraceCapture& trace)>& body,
+               unsigned int mounts) {
+  const auto traced = [&] {
+    TraceCapture trace(level);
+    body(trace);
+  };
+  root.Run(traced, mounts);
 }

@@ -1,13 +1,17 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
-// Reads back what the code under test traced. Inside FixtureRoot::Run only:
+#include "support/fixture_root.h"
+
+// Reads back what the code under test traced. Inside FixtureRoot::Run only, or with it:
 //
-//   TraceCapture trace(5);
-//   ... code under test ...
-//   EXPECT_TRUE(trace.Has("CFileLock::Lock     : nrRetries = 1"));
+//   RunTraced(root, 5, [](TraceCapture& trace) {
+//     ... code under test ...
+//     EXPECT_TRUE(trace.Has("CFileLock::Lock     : nrRetries = 1"));
+//   });
 //
 // Directs `Debug` to a log file of the fixture root, with that level and no limit of size.
 class TraceCapture {
@@ -19,6 +23,10 @@ class TraceCapture {
 
   // The texts traced since construction or the last Clear, one per line of the file, without their entry headers.
   std::vector<std::string> Lines() const;
+  // All of them in one text, each with its end of line.
+  std::string Text() const;
+  // Which of these lines were not traced exactly so; "" when all were.
+  std::string Missing(const std::string& lines) const;
   // Whether a line is exactly this text.
   bool Has(const std::string& line) const;
   // How many lines contain the text.
@@ -28,3 +36,7 @@ class TraceCapture {
  private:
   size_t m_First = 0;
 };
+
+// Runs the body in the root and captures what it traces.
+void RunTraced(const FixtureRoot& root, unsigned int level, const std::function<void(TraceCapture& trace)>& body,
+               unsigned int mounts = FixtureRoot::kNone);

@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <utime.h>
 
 #include <vector>
@@ -10,63 +9,61 @@ namespace {
 
 struct Row {
   const char* name;
-  std::vector<std::pair<const char*, const char*>> files;
-  std::vector<std::pair<const char*, const char*>> environment;
   unsigned int level;
   unsigned int flags;
+  std::vector<std::pair<const char*, const char*>> files;
+  const char* variable = nullptr;  // QN_LOG_DEBUG_LEVEL
 };
 
 const Row kRows[] = {
-    {"no directory, no variables", {}, {}, 0, 0},
-    {"environment alone", {}, {{"QN_LOG_DEBUG_LEVEL", "2"}}, 2, 0},
-    {"environment is decimal", {}, {{"QN_LOG_DEBUG_LEVEL", "0x10"}}, 0, 0},
-    {"no end mark", {{"a.ini", "[ravd]\nFileDebugLevel=3\n"}}, {}, 0, 0},
-    {"end mark", {{"a.ini", "[ravd]\nFileDebugLevel=3\n[endoffile]"}}, {}, 3, 0},
-    {"any case", {{"a.ini", "[RAVD]\nFileDebugLevel=3\nfiledebuglevel=4\n[EndOfFile]"}}, {}, 3, 0},
-    {"hexadecimal and octal", {{"a.ini", "[ravd]\nFileDebugLevel = 0x10\nTraceFlags=010\n[EndOfFile]"}}, {}, 16, 8},
-    {"key inside a word", {{"a.ini", "[ravd]\n;MyFileDebugLevel 9\n=4\n[EndOfFile]"}}, {}, 4, 0},
-    {"not a number", {{"a.ini", "[ravd]\nFileDebugLevel=high\nTraceFlags=7\n[EndOfFile]"}}, {}, 0, 7},
-    {"other section ends it", {{"a.ini", "[ravd]\nTraceFlags=1\n[b]\nFileDebugLevel=5\n[EndOfFile]"}}, {}, 0, 1},
+    {"no directory, no variables", 0, 0, {}},
+    {"environment alone", 2, 0, {}, "2"},
+    {"environment is decimal", 0, 0, {}, "0x10"},
+    {"no end mark", 0, 0, {{"a.ini", "[ravd]\nFileDebugLevel=3\n"}}},
+    {"end mark", 3, 0, {{"a.ini", "[ravd]\nFileDebugLevel=3\n[endoffile]"}}},
+    {"any case", 3, 0, {{"a.ini", "[RAVD]\nFileDebugLevel=3\nfiledebuglevel=4\n[EndOfFile]"}}},
+    {"hexadecimal and octal", 16, 8, {{"a.ini", "[ravd]\nFileDebugLevel = 0x10\nTraceFlags=010\n[EndOfFile]"}}},
+    {"key inside a word", 4, 0, {{"a.ini", "[ravd]\n;MyFileDebugLevel 9\n=4\n[EndOfFile]"}}},
+    {"not a number", 0, 7, {{"a.ini", "[ravd]\nFileDebugLevel=high\nTraceFlags=7\n[EndOfFile]"}}},
+    {"other section ends it", 0, 1, {{"a.ini", "[ravd]\nTraceFlags=1\n[b]\nFileDebugLevel=5\n[EndOfFile]"}}},
     {"first file wins",
-     {{"b.ini", "[ravd]\nFileDebugLevel=5\n[EndOfFile]"}, {"a.ini.old", "[ravd]\nFileDebugLevel=2\n[EndOfFile]"}},
-     {},
      2,
-     0},
+     0,
+     {{"b.ini", "[ravd]\nFileDebugLevel=5\n[EndOfFile]"}, {"a.ini.old", "[ravd]\nFileDebugLevel=2\n[EndOfFile]"}}},
     {"bad file is passed over",
-     {{"a.ini", "[ravd\nFileDebugLevel=2\n"}, {"b.ini", "[x][ravd]FileDebugLevel=6\n[EndOfFile]"}},
-     {},
      6,
-     0},
-    {"environment wins", {{"a.ini", "[ravd]\nFileDebugLevel=5\n[EndOfFile]"}}, {{"QN_LOG_DEBUG_LEVEL", "2"}}, 2, 0},
-    {"no ini name, no configuration", {{"readme.txt", ""}}, {{"QN_LOG_DEBUG_LEVEL", "2"}}, 0, 0},
-    {"unclosed section", {{"a.ini", "[x]\n[ravd\n FileDebugLevel=2 \n[EndOfFile]"}}, {}, 0, 0},
-    {"empty file", {{"a.ini", ""}}, {}, 0, 0},
+     0,
+     {{"a.ini", "[ravd\nFileDebugLevel=2\n"}, {"b.ini", "[x][ravd]FileDebugLevel=6\n[EndOfFile]"}}},
+    {"environment wins", 2, 0, {{"a.ini", "[ravd]\nFileDebugLevel=5\n[EndOfFile]"}}, "2"},
+    {"no ini name, no configuration", 0, 0, {{"readme.txt", ""}}, "2"},
+    {"unclosed section", 0, 0, {{"a.ini", "[x]\n[ravd\n FileDebugLevel=2 \n[EndOfFile]"}}},
+    {"empty file", 0, 0, {{"a.ini", ""}}},
 };
 
 }  // namespace
 
-TEST(TraceConfiguration, SourcesAndTheirOrder) {
+using TraceConfiguration = TraceTest;
+
+TEST_F(TraceConfiguration, SourcesAndTheirOrder) {
   for (const Row& row : kRows) {
     SCOPED_TRACE(row.name);
-    const TraceRoot root;
+    const TraceRoot machine;
     for (const auto& [name, content] : row.files)
-      root.WriteFile(std::string(TraceRoot::kConfig) + name, content);
-    root.Run([&row] {
-      for (const auto& [variable, value] : row.environment)
-        ::setenv(variable, value, 1);
+      machine.WriteFile(std::string(TraceRoot::kConfig) + name, content);
+    machine.Run([&row] {
+      if (row.variable != nullptr) ::setenv("QN_LOG_DEBUG_LEVEL", row.variable, 1);
       ::setenv("TraceFileLimit", "1", 1);
       ::setenv("QN_LOG_RINGBUF_WEIGHT", "1", 1);
       EXPECT_TRUE(Debug.Init("ravd"));
-      EXPECT_EQ(Debug.m_TraceLevel, row.level) << row.name;
-      EXPECT_EQ(Debug.m_TraceLevelSaved, row.level) << row.name;
-      EXPECT_EQ(Debug.m_TraceFlags, row.flags) << row.name;
-      EXPECT_EQ(Debug.m_TraceActive, row.level != 0) << row.name;
+      EXPECT_EQ(Debug.m_TraceLevel, row.level);
+      EXPECT_EQ(Debug.m_TraceLevelSaved, row.level);
+      EXPECT_EQ(Debug.m_TraceFlags, row.flags);
+      EXPECT_EQ(Debug.m_TraceActive, row.level != 0);
     });
   }
 }
 
-TEST(TraceConfiguration, DirectoryAndHeaderSwitch) {
-  const TraceRoot root;
+TEST_F(TraceConfiguration, DirectoryAndHeaderSwitch) {
   root.MakeDirectory("/my dir ");
   root.WriteFile(std::string(TraceRoot::kConfig) + "global_trace.ini",
                  "[GlobalDebugSettings]\nDynamicUpdate=0\n[ravd]\nRingBufferDirectory= /my dir \nNoHeaderToStderr=0\n"
@@ -84,15 +81,13 @@ TEST(TraceConfiguration, DirectoryAndHeaderSwitch) {
   EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 80);
 }
 
-TEST(TraceConfiguration, NoConfigurationWritesTheHeaderToTheLogFile) {
-  const TraceRoot root;
+TEST_F(TraceConfiguration, NoConfigurationWritesTheHeaderToTheLogFile) {
   root.MakeDirectory(TraceRoot::kConfig);
   root.Run([] { EXPECT_TRUE(Debug.Init("ravd")); });
   EXPECT_EQ(TextOf(root.ReadFile(TraceRoot::kLog), "Trace Target"), "Trace Target               : 0");
 }
 
-TEST(TraceConfiguration, SecondInitOwesNothingToTheFirst) {
-  const TraceRoot root;
+TEST_F(TraceConfiguration, SecondInitOwesNothingToTheFirst) {
   root.ConfigureRing("3", "TraceFlags=5\n");
   root.Run([] {
     EXPECT_TRUE(Debug.Init("ravd"));
@@ -106,8 +101,7 @@ TEST(TraceConfiguration, SecondInitOwesNothingToTheFirst) {
   });
 }
 
-TEST(TraceConfiguration, ChangedFilesAreFollowedWhileItRuns) {
-  const TraceRoot root;
+TEST_F(TraceConfiguration, ChangedFilesAreFollowedWhileItRuns) {
   root.ConfigureRing("5");
   root.WriteFile(std::string(TraceRoot::kConfig) + "global_trace.ini",
                  "[GlobalDebugSettings]\nDynamicUpdate=1\n[EndOfFile]\n");
@@ -120,9 +114,7 @@ TEST(TraceConfiguration, ChangedFilesAreFollowedWhileItRuns) {
     ASSERT_TRUE(Debug.Init("ravd"));
     Debug.Print(9, "looks at the files");
     EXPECT_EQ(Debug.m_TraceLevel, 2U);
-    FILE* changed = std::fopen(inside.c_str(), "w");
-    std::fputs("[ravd]\nFileDebugLevel=4\nTraceFlags=3\n[EndOfFile]\n", changed);
-    std::fclose(changed);
+    WriteWholeFile(inside, "[ravd]\nFileDebugLevel=4\nTraceFlags=3\n[EndOfFile]\n");
     for (int tries = 0; tries < 400 && Debug.m_TraceLevel != 4; ++tries) {
       Debug.Print(9, "looks again a second later");
       ::usleep(10000);

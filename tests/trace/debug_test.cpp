@@ -36,10 +36,10 @@ struct LateTracer {
 
 }  // namespace
 
-TEST(Debug, LevelDecidesWhatIsWritten) {
-  const TraceRoot root;
-  root.Run([] {
-    const TraceCapture trace(2);
+using TraceDebug = TraceTest;
+
+TEST_F(TraceDebug, LevelDecidesWhatIsWritten) {
+  RunTraced(root, 2, [](TraceCapture& trace) {
     int evaluated = 0;
     const auto argument = [&evaluated] { return ++evaluated; };
     TRACE(2, "written %d", argument());
@@ -56,10 +56,8 @@ TEST(Debug, LevelDecidesWhatIsWritten) {
   });
 }
 
-TEST(Debug, LeadingNewlinesAreDroppedAndOneEndsTheEntry) {
-  const TraceRoot root;
-  root.Run([] {
-    const TraceCapture trace(1);
+TEST_F(TraceDebug, LeadingNewlinesAreDroppedAndOneEndsTheEntry) {
+  RunTraced(root, 1, [](TraceCapture& trace) {
     Debug.Print(1, "\n\n\nabc");
     Debug.Print(1, "\n");
     Debug.Print(1, "%s", "");
@@ -69,8 +67,7 @@ TEST(Debug, LeadingNewlinesAreDroppedAndOneEndsTheEntry) {
   });
 }
 
-TEST(Debug, PrintAlwaysReachesTheLogFileWithoutTracing) {
-  const TraceRoot root;
+TEST_F(TraceDebug, PrintAlwaysReachesTheLogFileWithoutTracing) {
   root.Run([] {
     Debug.PrintAlways(0, "before Init");
     EXPECT_FALSE(Debug.Init(nullptr));
@@ -96,14 +93,13 @@ TEST(Debug, PrintAlwaysReachesTheLogFileWithoutTracing) {
   EXPECT_EQ(log.find("behind a long tag\n"), line + 128);
 }
 
-TEST(Debug, MemoryColumnIsTheResidentSizeOfTheStatusFile) {
+TEST_F(TraceDebug, MemoryColumnIsTheResidentSizeOfTheStatusFile) {
   uint64_t expected = 0;
   CProcess::GetProcessMemorySpecificInfo(static_cast<uint32_t>(getpid()), expected, "VmRSS:", CProcess::kilobytes);
   ResidentMemory memory;
   EXPECT_GT(expected, 0U);
   EXPECT_NEAR(static_cast<double>(memory.ReadKb()), static_cast<double>(expected), 1024.0);
 
-  const TraceRoot root;
   root.Run(
       [] {
         ASSERT_TRUE(Debug.Init("ravd"));
@@ -119,8 +115,7 @@ TEST(Debug, MemoryColumnIsTheResidentSizeOfTheStatusFile) {
   EXPECT_THAT(FirstLine(root.ReadFile(TraceRoot::kLog)), MatchesRegex(".{35}   [0-9 ]{5} KB !ravd          here"));
 }
 
-TEST(Debug, CommandLineGoesToTheLogFile) {
-  const TraceRoot root;
+TEST_F(TraceDebug, CommandLineGoesToTheLogFile) {
   root.Run([] {
     char name[] = "ravd";
     char option[] = "-n %s";
@@ -133,8 +128,7 @@ TEST(Debug, CommandLineGoesToTheLogFile) {
   });
 }
 
-TEST(Debug, EmptyNameAndMissingDirectoryAreSurvived) {
-  const TraceRoot root;
+TEST_F(TraceDebug, EmptyNameAndMissingDirectoryAreSurvived) {
   root.Run([] {
     EXPECT_TRUE(Debug.Init(""));
     Debug.PrintAlways("nameless");
@@ -151,7 +145,7 @@ TEST(Debug, EmptyNameAndMissingDirectoryAreSurvived) {
   EXPECT_NE(root.ReadFile("/var/log/pelrix/log.").find("nameless"), std::string::npos);
 }
 
-TEST(Debug, VariableNamesAreBuiltWithinTheirBuffer) {
+TEST_F(TraceDebug, VariableNamesAreBuiltWithinTheirBuffer) {
   char name[16] = "QN_X";
   CDebug::BuildAppVarName(name, sizeof name, "");
   CDebug::BuildAppVarName(name, sizeof name, nullptr);
@@ -165,8 +159,7 @@ TEST(Debug, VariableNamesAreBuiltWithinTheirBuffer) {
   EXPECT_EQ(CDebug::StringToLower(nullptr), nullptr);
 }
 
-TEST(Debug, StaticObjectsMayTraceAfterTheEndOfMain) {
-  const TraceRoot root;
+TEST_F(TraceDebug, StaticObjectsMayTraceAfterTheEndOfMain) {
   root.Run(
       [] {
         static const LateTracer early;  // its destructor runs after that of anything built later
@@ -181,13 +174,11 @@ TEST(Debug, StaticObjectsMayTraceAfterTheEndOfMain) {
   EXPECT_EQ(TextOf(root.ReadFile(TraceRoot::kLog), "while"), "while it runs");
 }
 
-TEST(Debug, CancelledWriterGivesTheLockBack) {
+TEST_F(TraceDebug, CancelledWriterGivesTheLockBack) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "the sanitizer's own runtime does not survive a forced unwinding";
 #endif
-  const TraceRoot root;
-  root.Run([] {
-    const TraceCapture trace(1);
+  RunTraced(root, 1, [](TraceCapture& trace) {
     // Asynchronous cancellation strikes inside the writer sooner or later.
     for (int round = 0; round < 20; ++round) {
       pthread_t writer{};

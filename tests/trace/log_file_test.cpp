@@ -13,8 +13,9 @@ void PrintEntryOf(size_t bytes, char fill) {
 
 }  // namespace
 
-TEST(LogFile, WrapsBehindItsStartUpPart) {
-  const TraceRoot root;
+using LogFile = TraceTest;
+
+TEST_F(LogFile, WrapsBehindItsStartUpPart) {
   root.Run([] {
     ::setenv("QN_LOG_FILE_MAX_SIZE", "1000", 1);
     ASSERT_TRUE(Debug.Init("ravd"));
@@ -42,8 +43,7 @@ TEST(LogFile, WrapsBehindItsStartUpPart) {
   });
 }
 
-TEST(LogFile, WrapsToItsBeginningWhileStarting) {
-  const TraceRoot root;
+TEST_F(LogFile, WrapsToItsBeginningWhileStarting) {
   root.Run([] {
     ::setenv("QN_LOG_FILE_MAX_SIZE", "300", 1);
     ASSERT_TRUE(Debug.Init("ravd"));

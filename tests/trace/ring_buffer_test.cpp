@@ -19,28 +19,21 @@ void PrintEntryOf(size_t bytes, char fill) {
   Debug.Print(1, "%s", std::string(bytes - kHeader - 1, fill).c_str());
 }
 
-// Fills the start-up ring buffer so that an entry of `left` bytes just does not fit before the end any more.
+// Fills the start-up ring buffer from the offset on; the last entry ends at `end`, or is the first that wraps.
 void FillUpTo(size_t offset, size_t end) {
-  while (end - offset > 2000) {
+  for (; end - offset > 2000; offset += 1000)
     PrintEntryOf(1000, 'f');
-    offset += 1000;
-  }
-  if (end - offset > 1000) {
-    PrintEntryOf(end - offset - 500, 'f');
-    offset = end - 500;
-  }
   PrintEntryOf(end - offset, 'l');
 }
 
-std::string ReadInside(const char* path) {
-  return ReadWholeFile(path);
-}
+class RingBuffer : public TraceTest {
+ protected:
+  RingBuffer() { root.ConfigureRing("1"); }
+};
 
 }  // namespace
 
-TEST(RingBuffer, LayoutOfANewBuffer) {
-  const TraceRoot root;
-  root.ConfigureRing("1");
+TEST_F(RingBuffer, LayoutOfANewBuffer) {
   root.Run([] {
     ASSERT_TRUE(Debug.Init("ravd"));
     EXPECT_TRUE(Debug.m_TraceActive);
@@ -57,8 +50,7 @@ TEST(RingBuffer, LayoutOfANewBuffer) {
   EXPECT_EQ(ring.compare(headerEnd, kMarker, kEndMarker), 0);
   const size_t boundary = (headerEnd + 2048) / 1024 * 1024;
   EXPECT_EQ(ring.compare(boundary + kHeader, 29, "### Begin of RingBuffer. ###\n"), 0);
-  const size_t start = boundary + kHeader + 29 + kHeader;
-  EXPECT_EQ(ring.compare(start, 36, "### Start of initialization. ###\n" + ring.substr(start + 33, 3)), 0);
+  EXPECT_EQ(ring.compare(boundary + 29 + 2 * kHeader, 33, "### Start of initialization. ###\n"), 0);
   const size_t end = EndOfEntries(ring);
   EXPECT_EQ(ring.compare(end - 12, 12, "first entry\n"), 0);
   // Filler lines of 1 KiB up to the end.
@@ -68,58 +60,46 @@ TEST(RingBuffer, LayoutOfANewBuffer) {
   }
 }
 
-TEST(RingBuffer, WrapsAtTheExactByte) {
-  const TraceRoot root;
-  root.ConfigureRing("1");
+TEST_F(RingBuffer, WrapsAtTheExactByte) {
   root.Run([] {
     char name[] = "ravd";
     char* argv[] = {name};
     Debug.SetMainParams(1, argv);
     ASSERT_TRUE(Debug.Init("ravd"));
-    const std::string fresh = ReadInside(TraceRoot::kStartUpRing);
+    const std::string fresh = ReadWholeFile(TraceRoot::kStartUpRing);
     const size_t begin = fresh.find("### Begin of RingBuffer. ###\n") + 29;
     // The last entry ends exactly one end marker before the end of the buffer.
     FillUpTo(EndOfEntries(fresh), fresh.size() - kMarker);
-    const std::string full = ReadInside(TraceRoot::kStartUpRing);
+    const std::string full = ReadWholeFile(TraceRoot::kStartUpRing);
     EXPECT_EQ(full.substr(0, begin), fresh.substr(0, begin));
     EXPECT_EQ(full.substr(full.size() - kMarker - 2), std::string("l\n") + kEndMarker);
     EXPECT_EQ(full.find(kDots), std::string::npos);
 
     Debug.Print(1, "after the wrap");
-    const std::string wrapped = ReadInside(TraceRoot::kStartUpRing);
+    const std::string wrapped = ReadWholeFile(TraceRoot::kStartUpRing);
     EXPECT_EQ(wrapped.substr(wrapped.size() - kMarker), std::string(kMarker, '.'));
     const size_t newest = wrapped.find(kEndMarker, begin);
     EXPECT_EQ(wrapped.substr(begin + kHeader, newest - begin - kHeader), "after the wrap\n");
     EXPECT_EQ(wrapped.compare(newest + kMarker, 1000, full, newest + kMarker, 1000), 0);
     EXPECT_EQ(TextOf(wrapped, "argv[0]"), "argv[0] = \"ravd\"");
     EXPECT_NE(wrapped.find("# End of header.\n"), std::string::npos);
+
+    // One byte more wraps before the entry.
+    FillUpTo(newest, wrapped.size() - kMarker + 1);
+    const std::string again = ReadWholeFile(TraceRoot::kStartUpRing);
+    EXPECT_EQ(again[begin + kHeader], 'l');
+    EXPECT_EQ(again.substr(again.size() - 400), std::string(400, '.'));
   });
 }
 
-TEST(RingBuffer, OneByteMoreWraps) {
-  const TraceRoot root;
-  root.ConfigureRing("1");
-  root.Run([] {
-    ASSERT_TRUE(Debug.Init("ravd"));
-    const std::string fresh = ReadInside(TraceRoot::kStartUpRing);
-    FillUpTo(EndOfEntries(fresh), fresh.size() - kMarker + 1);
-    const std::string wrapped = ReadInside(TraceRoot::kStartUpRing);
-    const size_t begin = fresh.find("### Begin of RingBuffer. ###\n") + 29;
-    EXPECT_EQ(wrapped[begin + kHeader], 'l');
-    EXPECT_EQ(wrapped.substr(wrapped.size() - 400), std::string(400, '.'));
-  });
-}
-
-TEST(RingBuffer, LongEntriesAreKeptUpToATenthOfTheBuffer) {
-  const TraceRoot root;
-  root.ConfigureRing("1");
+TEST_F(RingBuffer, LongEntriesAreKeptUpToATenthOfTheBuffer) {
   root.Run([] {
     ASSERT_TRUE(Debug.Init("ravd"));
     const size_t tenth = 4 * kMiB / 10;
     Debug.Print(1, "\n%s", std::string(tenth, 'k').c_str());
     Debug.Print(1, "%s", std::string(tenth + 1, 'c').c_str());
     Debug.Print(1, "%s", std::string(1024, 'e').c_str());
-    const std::string ring = ReadInside(TraceRoot::kStartUpRing);
+    const std::string ring = ReadWholeFile(TraceRoot::kStartUpRing);
     EXPECT_NE(ring.find(" " + std::string(tenth, 'k') + "\n"), std::string::npos);
     EXPECT_NE(ring.find(" " + std::string(1024, 'c') + "\n## WARNING: TRACE-SIZE TOO BIG: Output Truncated!\n"),
               std::string::npos);
@@ -127,26 +107,23 @@ TEST(RingBuffer, LongEntriesAreKeptUpToATenthOfTheBuffer) {
   });
 }
 
-TEST(RingBuffer, HugeHeaderNeverLeavesItsPlace) {
-  const TraceRoot root;
-  root.ConfigureRing("1");
+TEST_F(RingBuffer, HugeHeaderNeverLeavesItsPlace) {
   root.Run([] {
     ASSERT_TRUE(Debug.Init("ravd"));
-    const size_t begin = ReadInside(TraceRoot::kStartUpRing).find("### Begin of RingBuffer. ###\n") + 29;
+    const size_t begin = ReadWholeFile(TraceRoot::kStartUpRing).find("### Begin of RingBuffer. ###\n") + 29;
     // The command line is known only now, and every one of its lines would be kept whole.
     std::string argument(300000, 'a');
     std::vector<char*> argv(40, argument.data());
     Debug.SetMainParams(40, argv.data());
     for (int entry = 0; entry < 8000; ++entry)
       PrintEntryOf(1000, static_cast<char>('a' + entry % 26));
-    const std::string ring = ReadInside(TraceRoot::kStartUpRing);
+    const std::string ring = ReadWholeFile(TraceRoot::kStartUpRing);
     EXPECT_EQ(ring.compare(kHeader, 26, "ravd Command Line Options:"), 0);
     EXPECT_EQ(ring.compare(begin + 35, 14, "ravd          "), 0);
   });
 }
 
-TEST(RingBuffer, StartUpBufferIsCompressedAndReplaced) {
-  const TraceRoot root;
+TEST_F(RingBuffer, StartUpBufferIsCompressedAndReplaced) {
   root.ConfigureRing("2", "NoHeaderToStderr=1\n");
   root.Run(
       [] {
@@ -170,9 +147,7 @@ TEST(RingBuffer, StartUpBufferIsCompressedAndReplaced) {
   EXPECT_EQ(ring.find("while starting"), std::string::npos);
 }
 
-TEST(RingBuffer, FailuresAreReportedInTheLogFileAndSwitchTracingOff) {
-  const TraceRoot root;
-  root.ConfigureRing("1");
+TEST_F(RingBuffer, FailuresAreReportedInTheLogFileAndSwitchTracingOff) {
   root.MakeDirectory(TraceRoot::kRunTimeRing);
   root.Run([] {
     // Without gzip the switch-over goes on; the run-time buffer cannot be opened.
@@ -181,7 +156,7 @@ TEST(RingBuffer, FailuresAreReportedInTheLogFileAndSwitchTracingOff) {
     EXPECT_FALSE(Debug.m_TraceActive);
     EXPECT_EQ(Debug.m_TraceLevel, 0U);
     Debug.PrintAlways("goes on");
-    const std::string log = ReadInside(TraceRoot::kLog);
+    const std::string log = ReadWholeFile(TraceRoot::kLog);
     EXPECT_EQ(TextOf(log, "InitRingBuffer"),
               "### InitRingBuffer(): open of /var/log/pelrix/log.ravd_a failed (errno=21; Is a directory) ###");
     EXPECT_EQ(TextOf(log, "goes on"), "goes on");
@@ -191,15 +166,13 @@ TEST(RingBuffer, FailuresAreReportedInTheLogFileAndSwitchTracingOff) {
     const rlimit limit = {kMiB, kMiB};
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
     EXPECT_FALSE(Debug.Init("ravd"));
-    EXPECT_EQ(TextOf(ReadInside(TraceRoot::kLog), "InitRingBuffer"),
+    EXPECT_EQ(TextOf(ReadWholeFile(TraceRoot::kLog), "InitRingBuffer"),
               "### InitRingBuffer(): (2) write m_InternalDebugBuffer to /var/log/pelrix/log.ravd_i failed ###");
   });
   EXPECT_EQ(root.ReadFile(TraceRoot::kStartUpRing), "");
 }
 
-TEST(RingBuffer, FileThatIsCutShortSwitchesTracingOff) {
-  const TraceRoot root;
-  root.ConfigureRing("1");
+TEST_F(RingBuffer, FileThatIsCutShortSwitchesTracingOff) {
   root.Run(
       [] {
         ASSERT_TRUE(Debug.Init("ravd"));
@@ -208,17 +181,15 @@ TEST(RingBuffer, FileThatIsCutShortSwitchesTracingOff) {
         EXPECT_FALSE(Debug.m_TraceActive);
         EXPECT_EQ(Debug.m_TraceLevel, 0U);
         Debug.PrintAlways("the process lives");
-        EXPECT_EQ(TextOf(ReadInside(TraceRoot::kLog), "lives"), "the process lives");
+        EXPECT_EQ(TextOf(ReadWholeFile(TraceRoot::kLog), "lives"), "the process lives");
         ASSERT_TRUE(Debug.Init("ravd"));
         Debug.Print(1, "and may start anew");
-        EXPECT_EQ(TextOf(ReadInside(TraceRoot::kStartUpRing), "anew"), "and may start anew");
+        EXPECT_EQ(TextOf(ReadWholeFile(TraceRoot::kStartUpRing), "anew"), "and may start anew");
       },
       FixtureRoot::kProc);
 }
 
-TEST(RingBuffer, NothingIsWrittenThroughLinksAndPipes) {
-  const TraceRoot root;
-  root.ConfigureRing("1");
+TEST_F(RingBuffer, NothingIsWrittenThroughLinksAndPipes) {
   root.WriteFile("/victim", "precious");
   root.MakeLink(TraceRoot::kLog, "/victim");
   root.MakeLink(TraceRoot::kStartUpRing, "/victim");

@@ -25,6 +25,12 @@ class TraceRoot : public FixtureRoot {
   }
 };
 
+// A test with a root of its own.
+class TraceTest : public ::testing::Test {
+ protected:
+  TraceRoot root;
+};
+
 inline constexpr const char* kEndMarker = "## TRACE-END ##\n";
 
 // Where the newest entry ends: the last end marker of a ring buffer that did not wrap.
