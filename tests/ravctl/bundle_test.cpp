@@ -189,7 +189,7 @@ TEST(Bundle, TheAnswersAreThoseOfTheMachine) {
     for (const char* tree : {"/b.tar.gz", "/b.tar.zst", "/tree"}) {
       Arguments there = command;
       there.insert(there.end(), {"--sysroot", tree});
-      EXPECT_EQ(Answer(machine, there), live) << tree << ": " << command[0] << " " << command[1];
+      EXPECT_EQ(Answer(machine, there), live) << tree << ": " << command.front() << " " << command.back();
     }
   }
 }
@@ -275,7 +275,8 @@ TEST(Bundle, TokensAreEqualThroughoutAndReadable) {
   for (const Arguments& command : Commands()) {
     Arguments there = command;
     there.insert(there.end(), {"--sysroot", "/b.tar.gz"});
-    EXPECT_EQ(Answer(machine, there)["status"], Answer(machine, command)["status"]) << command[0] << " " << command[1];
+    EXPECT_EQ(Answer(machine, there)["status"], Answer(machine, command)["status"])
+        << command.front() << " " << command.back();
   }
   const nlohmann::json slots = Answer(machine, {"slots", "--sysroot", "/b.tar.gz"});
   EXPECT_EQ(slots, Answer(machine, {"slots"}));

@@ -247,7 +247,8 @@ class Terminal {
       ::signal(SIGTTOU, SIG_DFL);
       const char* argv[] = {"ravctl",  "perf", "top", "--interval", "0.2", interface != nullptr ? "-i" : nullptr,
                             interface, nullptr};
-      const char* envp[] = {type, "LANG=C.UTF-8", variable, nullptr};
+      const char* envp[] = {type, "LANG=C.UTF-8", variable, kNoLeakCheck, nullptr};
+      ShowOwnProcess();
       ::execve("/ravctl", const_cast<char**>(argv), const_cast<char**>(envp));
       ::_exit(127);
     }

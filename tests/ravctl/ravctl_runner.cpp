@@ -15,6 +15,7 @@ constexpr const char* kTool = "/ravctl";
 
 [[noreturn]] void Execute(const std::vector<std::string>& arguments, const std::vector<std::string>& environment,
                           const char* out, const char* err) {
+  ShowOwnProcess();
   ::close(STDIN_FILENO);
   ::open("/dev/null", O_RDONLY);
   for (const auto& [fd, path] : {std::pair{STDOUT_FILENO, out}, std::pair{STDERR_FILENO, err}}) {
@@ -27,7 +28,7 @@ constexpr const char* kTool = "/ravctl";
   for (std::string& word : words)
     argv.push_back(word.data());
   argv.push_back(nullptr);
-  std::vector<std::string> variables = {"PATH=/usr/bin:/usr/sbin", "LANG=C.UTF-8"};
+  std::vector<std::string> variables = {"PATH=/usr/bin:/usr/sbin", "LANG=C.UTF-8", kNoLeakCheck};
   variables.insert(variables.end(), environment.begin(), environment.end());
   std::vector<char*> envp;
   for (std::string& variable : variables)

@@ -29,6 +29,7 @@ std::string LevelOf(const nlohmann::json& answer) {
 }  // namespace
 
 TEST(Sysroot, ShowsTheTreeAndNothingOfThisMachine) {
+  if (kSanitized) GTEST_SKIP() << "what is in the tree for good does not find its own process";
   const ToolRoot machine;
   machine.WriteFile("/this-machine", "");
   machine.WriteFile("/tree/etc/name", "tree");
@@ -70,7 +71,8 @@ TEST(Sysroot, AnswersFromDirectoryAndBundleAndForUsers) {
     EXPECT_EQ(answer["root"], tree);
   }
   if (::geteuid() != 0) return;
-  const std::string command = "setpriv --reuid 65534 --regid 65534 --clear-groups " RAVCTL_BINARY
+  const std::string command = std::string("env ") + kNoLeakCheck +
+                              " setpriv --reuid 65534 --regid 65534 --clear-groups " RAVCTL_BINARY
                               " trace config --sysroot " +
                               machine.HostPath("/tree").string() + " > " + machine.HostPath("/out").string() + " 2>&1";
   const int status = std::system(command.c_str()) >> 8;

@@ -21,6 +21,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// Where a root of an instrumented build holds the machine's /proc for ShowOwnProcess.
+constexpr const char* kHiddenProc = "/.proc";
+
 constexpr int kSetUpFailed = 90;
 constexpr int kAssertionFailed = 91;
 constexpr int kLeaked = 92;
@@ -72,7 +75,10 @@ void MountInto(const std::string& root, unsigned int mounts) {
     if (fd >= 0) ::close(fd);
     Require(::mount("/dev/null", null.c_str(), nullptr, MS_BIND, nullptr) == 0, "/dev/null");
   }
-  if ((mounts & FixtureRoot::kProc) != 0) BindReadOnly("/proc", root + "/proc");
+  if ((mounts & FixtureRoot::kProc) != 0)
+    BindReadOnly("/proc", root + "/proc");
+  else if (kSanitized)
+    BindReadOnly("/proc", root + kHiddenProc);
 }
 
 [[noreturn]] void RunInside(const std::string& root, const std::function<void()>& body, unsigned int mounts) {
@@ -170,6 +176,15 @@ void FixtureRoot::Run(const std::function<void()>& body, unsigned int mounts) co
   ASSERT_NE(WEXITSTATUS(status), kSetUpFailed) << "the fixture root could not be entered";
   ASSERT_NE(WEXITSTATUS(status), kLeaked) << "the body leaked memory";
   ASSERT_EQ(WEXITSTATUS(status), 0) << "an assertion failed inside the fixture root";
+}
+
+void ShowOwnProcess() {
+  const std::string pid = std::to_string(::getpid());
+  if (!kSanitized || ::access((kHiddenProc + ("/" + pid)).c_str(), F_OK) != 0) return;
+  Require(::unshare(CLONE_NEWNS) == 0, "unshare");
+  ::mkdir("/proc", 0755);
+  for (const std::string& name : {std::string("self"), pid})
+    BindReadOnly(kHiddenProc + ("/" + pid), "/proc/" + name);
 }
 
 std::string ReadWholeFile(const fs::path& path) {

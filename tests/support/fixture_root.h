@@ -8,6 +8,12 @@
 #include <string>
 #include <string_view>
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool kSanitized = true;
+#else
+inline constexpr bool kSanitized = false;
+#endif
+
 // A directory tree that a test fills and then enters as its root, so that the code under test opens its real absolute
 // paths and finds what the test wrote.
 //
@@ -59,6 +65,14 @@ class RootedTest : public ::testing::Test {
  protected:
   FixtureRoot root;
 };
+
+// For the environment of a program of this build that changes its root or its user: there the leak checker, which
+// looks at the process from outside, fails.
+inline constexpr const char* kNoLeakCheck = "ASAN_OPTIONS=detect_leaks=0";
+
+// Called in a forked child inside a root before it executes a program of this build: an instrumented one needs its
+// own /proc/self even where the root has no /proc. Does nothing in a build without sanitizers.
+void ShowOwnProcess();
 
 // Reads a whole file of the machine; fails the test when it cannot.
 std::string ReadWholeFile(const std::filesystem::path& path);

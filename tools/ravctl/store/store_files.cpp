@@ -50,7 +50,7 @@ LoadedStore LoadStore(Output& out) {
   CRegistryNode node;
   for (const char* path : kStartOrder) {
     if (!CRegistry::ReadTree(path, node)) continue;
-    if (path != kStoreFile) WarnAboutFallback(path, out);
+    if (std::string_view(path) != kStoreFile) WarnAboutFallback(path, out);
     return {CopyOfNode(node), path};
   }
   ThrowNothingLoaded();
