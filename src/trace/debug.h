@@ -145,6 +145,7 @@ class CDebug : public CDebugTraceConfig {
   void MarkEndOfStartUpPart();
   void WriteToLogFile(const char* entry, size_t length);
   void WrapLogFile(size_t headerLength);
+  void ReturnFromBehindEnd();
 
   // The header block of a file, line by line
   void CaptureHeaderVariables();
