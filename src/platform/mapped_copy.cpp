@@ -17,7 +17,6 @@ struct Copy {
 };
 
 constinit thread_local Copy* current = nullptr;
-constinit thread_local time_t unblockedIn = -1;  // the second in which the thread last took SIGBUS out of its mask
 struct sigaction previous;
 
 // Gives the signal to whoever had it before. Without a handler the fault is repeated, or the signal raised again, and
@@ -52,14 +51,6 @@ bool Install() {
   return ::sigaction(SIGBUS, &action, &previous) == 0;
 }
 
-void UnblockNow(time_t second) {
-  sigset_t signals;
-  ::sigemptyset(&signals);
-  ::sigaddset(&signals, SIGBUS);
-  ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
-  unblockedIn = second;
-}
-
 template <class Body>
 __attribute__((noinline)) bool Run(char* to, size_t size, const Body& body) {
   Copy copy;
@@ -80,8 +71,14 @@ void CatchLostPages() {
   [[maybe_unused]] static const bool installed = Install();
 }
 
-void UnblockBusErrors(time_t second) {
-  if (second != unblockedIn) UnblockNow(second);
+constinit thread_local time_t unblockedIn = -1;
+
+void UnblockNow(time_t second) {
+  sigset_t signals;
+  ::sigemptyset(&signals);
+  ::sigaddset(&signals, SIGBUS);
+  ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+  unblockedIn = second;
 }
 
 bool Put(char* to, std::string_view first, std::string_view second) {

@@ -17,11 +17,17 @@ namespace mapped_copy {
 // on what is not its own.
 void CatchLostPages();
 
+// For the next operation alone: the second in which the thread last took SIGBUS out of its mask, and how it does so.
+extern constinit thread_local time_t unblockedIn;
+void UnblockNow(time_t second);
+
 // To be called before a thread's copies, with the current second: takes SIGBUS out of the signals that the thread
 // blocks, at the thread's first call and at the first one of every further second; the others cost a comparison. What
 // is promised: a thread that blocked it before its first call is safe at once and stays so; one that blocks it between
 // two copies of the same second is safe again from the next second on.
-void UnblockBusErrors(time_t second);
+inline void UnblockBusErrors(time_t second) {
+  if (second != unblockedIn) UnblockNow(second);
+}
 
 // Puts both texts one behind the other. False when a page is gone; a part may have been copied.
 bool Put(char* to, std::string_view first, std::string_view second);
