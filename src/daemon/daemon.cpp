@@ -29,7 +29,8 @@ namespace {
 constexpr const char* kLockPath = "/var/lock/ravd";
 constexpr mode_t kUmask = 026;
 
-// A daemon started without standard descriptors would open its own files under their numbers and print into them.
+// Whoever finds the standard descriptors closed opens its files under their numbers, and what is printed lands in them.
+// A starter may have closed them, and so may each call into the modules.
 void ReserveStandardDescriptors() {
   int fd;
   do {
@@ -109,7 +110,9 @@ void OpenSyslog() {
 }
 
 bool LoadSwitch(CSwitchApi& switchApi) {
-  if (switchApi.LoadSwitch()) return true;
+  const bool isLoaded = switchApi.LoadSwitch();
+  ReserveStandardDescriptors();
+  if (isLoaded) return true;
   Debug.PrintAlways(0, "%s-MAIN: FATAL ERROR! Tavrik SWITCH could not be loaded!", kDaemonName);
   switchApi.CloseLibrary();
   return false;
@@ -118,18 +121,22 @@ bool LoadSwitch(CSwitchApi& switchApi) {
 // Without its modules the daemon goes on and waits for signals like a healthy one.
 void StartModules(CSwitchApi& switchApi, const _ExtensionModuleLoaderConfig& config) {
   TRACE(2, "%s-MAIN: Load extension modules ...", kDaemonName);
-  if (!switchApi.LoadModules(config)) {
+  const bool areLoaded = switchApi.LoadModules(config);
+  ReserveStandardDescriptors();
+  if (!areLoaded) {
     TRACE(1, "%s-MAIN: ERROR! Load extension modules FAILED!", kDaemonName);
     return;
   }
   TRACE(2, "%s-MAIN: ... extension modules loaded", kDaemonName);
   TRACE(2, "%s-MAIN: Start all modules  ...", kDaemonName);
   switchApi.switchInterface->StartModules();
+  ReserveStandardDescriptors();
   TRACE(2, "%s-MAIN: ... all modules started", kDaemonName);
 }
 
 void FinishStart() {
   ::sleep(1);
+  ReserveStandardDescriptors();  // the modules' threads run by now
   Debug.PrintAlways(0, "%s-MAIN: ## Done initializing ##\n", kDaemonName);
   Debug.SetApplInitDone();
 }
@@ -153,6 +160,7 @@ void WaitForSignals(CSwitchApi& switchApi) {
       Debug.PrintAlways(0, "\n%s-MAIN:  ... got signal %d", kDaemonName, signal);
     }
     CatchSignals(signal, switchApi);
+    ReserveStandardDescriptors();
   } while (!ExitEvent.IsSet());
 }
 
@@ -160,9 +168,11 @@ void StopModules(CSwitchApi& switchApi) {
   Debug.PrintAlways(0, "%s-MAIN: ## Someone signaled exit state ##\n", kDaemonName);
   TRACE(2, "%s-MAIN::OnExitService      : Stopping all modules...\n", kDaemonName);
   if (switchApi.switchInterface != nullptr) switchApi.switchInterface->StopModules();
+  ReserveStandardDescriptors();
   TRACE(2, "%s-MAIN::OnExitService      : ... all modules stopped\n", kDaemonName);
   TRACE(2, "%s-MAIN::OnExitService      : Start unload of all registered extension modules ...\n", kDaemonName);
   switchApi.UnloadModules(0);
+  ReserveStandardDescriptors();
   TRACE(2, "%s-MAIN::OnExitService      : ... unload of all registered extension modules completed!\n", kDaemonName);
 }
 

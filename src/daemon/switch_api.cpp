@@ -1,8 +1,11 @@
 #include "daemon/switch_api.h"
 
 #include <dlfcn.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
+#include <system_error>
 
 #include "trace/debug.h"
 
@@ -10,11 +13,46 @@ namespace {
 
 constexpr const char* kLibrary = "libswitch.so";
 constexpr uint32_t kSwitchInterface = 0;
+constexpr const char* kThreads = "/proc/self/task";
+constexpr int kThreadEndMs = 200;  // a thread that was joined may be listed for a moment yet
+
+long threadsWithoutLibrary = 0;  // what the process had before the library came
+
+// 0 when it cannot be told.
+long CountThreads() {
+  std::error_code error;
+  long count = 0;
+  std::filesystem::directory_iterator thread(kThreads, error);
+  for (; !error && thread != std::filesystem::directory_iterator(); thread.increment(error))
+    ++count;
+  return error ? 0 : count;
+}
+
+// The threads of the modules that have not ended.
+long ThreadsLeft() {
+  long left = CountThreads() - threadsWithoutLibrary;
+  for (int waitedMs = 0; left > 0 && waitedMs < kThreadEndMs; ++waitedMs) {
+    ::usleep(1000);
+    left = CountThreads() - threadsWithoutLibrary;
+  }
+  return left;
+}
+
+// The code must stay where threads still run in it, or the process would not come to the end of its stop.
+void Unload(void* library) {
+  const long left = ThreadsLeft();
+  if (left <= 0) {
+    ::dlclose(library);
+    return;
+  }
+  TRACE(1, "\nSWITCH API          : ## WARNING! The switch library stays loaded, threads still running: %ld\n", left);
+}
 
 }  // namespace
 
 bool CSwitchApi::LoadSwitch() {
   if (library == nullptr) {
+    threadsWithoutLibrary = CountThreads();
     library = ::dlopen(kLibrary, RTLD_NOW | RTLD_GLOBAL);
     if (library == nullptr) {
       loadError = errno;
@@ -68,7 +106,7 @@ void CSwitchApi::Release() {
 
 void CSwitchApi::CloseLibrary() {
   switchInterface = nullptr;
-  if (library != nullptr) ::dlclose(library);
+  if (library != nullptr) Unload(library);
   library = nullptr;
   addRef = nullptr;
   release = nullptr;

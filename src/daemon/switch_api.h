@@ -16,7 +16,8 @@ struct CSwitchApi {
   bool LoadModules(const _ExtensionModuleLoaderConfig& config);
   bool UnloadModules(uint32_t argument);
 
-  // Forgets the interface, gives the reference back through SW_Release and closes the library.
+  // Forgets the interface, gives the reference back through SW_Release and closes the library. A library that has left
+  // threads running is forgotten, too, but stays in memory until the process ends.
   void Release();
 
   // Closes the library after a failed LoadSwitch, when no reference is held.

@@ -71,6 +71,16 @@ void CatchLostPages() {
   [[maybe_unused]] static const bool installed = Install();
 }
 
+constinit thread_local time_t unblockedIn = -1;
+
+void UnblockNow(time_t second) {
+  sigset_t signals;
+  ::sigemptyset(&signals);
+  ::sigaddset(&signals, SIGBUS);
+  ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+  unblockedIn = second;
+}
+
 bool Put(char* to, std::string_view first, std::string_view second) {
   return Run(to, first.size() + second.size(), [=] {
     std::memcpy(to, first.data(), first.size());

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 
@@ -16,12 +17,18 @@ int Examine(int fd, bool isForWriting) {
   return isForWriting && info.st_nlink > 1 ? EMLINK : 0;
 }
 
+// A module that closed the standard descriptors still prints to them.
+UniqueFd AboveStandardDescriptors(UniqueFd file) {
+  if (!file || file.Get() > STDERR_FILENO) return file;
+  return UniqueFd(::fcntl(file.Get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+}
+
 }  // namespace
 
 UniqueFd OpenRegularFile(const char* path, int flags, mode_t mode) {
   const bool isForWriting = (flags & O_ACCMODE) != O_RDONLY;
   const int hardened = O_CLOEXEC | O_NONBLOCK | O_NOCTTY | (isForWriting ? O_NOFOLLOW : 0);
-  UniqueFd file(::open(path, (flags & ~O_TRUNC) | hardened, mode));
+  UniqueFd file = AboveStandardDescriptors(UniqueFd(::open(path, (flags & ~O_TRUNC) | hardened, mode)));
   if (!file) {
     if (errno == ENXIO) errno = ENOTSUP;  // a pipe without a reader
     return file;

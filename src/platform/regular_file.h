@@ -7,7 +7,8 @@
 #include "platform/unique_fd.h"
 
 // Opening of files at fixed paths of a root process, hardened against what somebody may have put there instead. Never
-// traces; any thread may call it. Always close-on-exec. On failure there is no descriptor and errno tells why.
+// traces; any thread may call it. Always close-on-exec, and never under the number of a standard descriptor, even where
+// those are closed. On failure there is no descriptor and errno tells why.
 
 // Opens a regular file; a pipe or a device at the path is refused (ENOTSUP) without waiting for its other side. For
 // writing, a symbolic link at the path (ELOOP) and a file that has further names (EMLINK) are refused, too, and the

@@ -24,9 +24,10 @@
 // m_TraceLevel; a stale read of those costs one entry at most.
 // Failures: a writer never lets one reach its caller. An entry that cannot be formatted or copied is dropped. Only the
 // forced unwinding of a cancelled thread passes through, with the lock given back. A ring buffer file that somebody
-// cuts short switches tracing off with one line in syslog. Lifetime: `Debug` is constant-initialised and its storage is
-// never torn down, so static objects of any binary may trace at any time: before Init and after the end of main nothing
-// is written.
+// cuts short switches tracing off with one line in syslog; for that a thread that writes to it gets SIGBUS unblocked,
+// at its first entry and once in every further second (platform/mapped_copy.h). Lifetime: `Debug` is
+// constant-initialised and its storage is never torn down, so static objects of any binary may trace at any time:
+// before Init and after the end of main nothing is written.
 //
 // Modules call through the table of virtual operations. Their order and the layout of the public data members are a
 // binary interface: append, never reorder.
@@ -144,6 +145,7 @@ class CDebug : public CDebugTraceConfig {
   void MarkEndOfStartUpPart();
   void WriteToLogFile(const char* entry, size_t length);
   void WrapLogFile(size_t headerLength);
+  void ReturnFromBehindEnd();
 
   // The header block of a file, line by line
   void CaptureHeaderVariables();

@@ -1,6 +1,7 @@
 // The log file of the trace object: plain text, limited in size, wrapping to the end of its start-up part.
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -61,8 +62,17 @@ void CDebug::TraceToLogFile(const char* fmt, va_list args, const char* tag) {
 
 // The whole entry, a NUL in it included, so that its end of line is never lost.
 void CDebug::WriteToLogFile(const char* entry, size_t length) {
+  ReturnFromBehindEnd();
   m_ByteCount += static_cast<uint32_t>(std::fwrite(entry, 1, length, m_LogFile));
   std::fflush(m_LogFile);
+}
+
+// Going on at the old place of a file that somebody cut short would leave a hole of zero bytes.
+void CDebug::ReturnFromBehindEnd() {
+  struct stat info {};
+  if (::fstat(::fileno(m_LogFile), &info) != 0 || std::ftell(m_LogFile) <= info.st_size) return;
+  if (std::fseek(m_LogFile, 0, SEEK_END) == 0 && info.st_size > 0)
+    std::fputc('\n', m_LogFile);  // the line that was cut
 }
 
 // The entry header of the entry that filled the file still stands in the line buffer.

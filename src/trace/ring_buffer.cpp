@@ -124,6 +124,7 @@ void CDebug::TraceToRingBuffer(const char* fmt, va_list args, const char* tag) {
   if (fmt == nullptr || m_Mapping == nullptr) return;
   char* entry = m_InternalDebugBuffer;
   const size_t header = SetEntryHeader(entry, kMaxHeader, tag);
+  mapped_copy::UnblockBusErrors(m_KeptSecond);  // that of the header
   fmt = SkipLeadingNewlines(fmt);
   va_list again;
   va_copy(again, args);

@@ -1,14 +1,20 @@
 // The built daemon: starts, stops, signals, kills, contenders and bad module switches.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <filesystem>
+#include <map>
 #include <random>
+#include <set>
 
 #include "daemon/file_lock.h"
 #include "prove/prove.h"
@@ -17,22 +23,30 @@
 namespace {
 
 constexpr const char* kLog = "/var/log/pelrix/log.ravd";
+constexpr const char* kRing = "/var/log/pelrix/log.ravd_a";
+constexpr const char* kStartUpRing = "/var/log/pelrix/log.ravd_i";
+constexpr const char* kPackedRing = "/var/log/pelrix/log.ravd_i.gz";
 constexpr const char* kPidFile = "/var/run/ravd.pid";
 constexpr const char* kLockFile = "/var/lock/ravd.lock";
+constexpr const char* kLibraryDirectory = "/lib-%n%s";  // every message that names it has it as text
+constexpr const char* kLibrary = "/lib-%n%s/libswitch.so";
+constexpr const char* kNoLibrary = "text";
 
 class DaemonRoot : public FixtureRoot {
  public:
   explicit DaemonRoot(const char* library = BAD_SWITCH) {
-    for (const char* directory : {"/var/log/pelrix", "/var/run", "/var/lock", "/etc/pelrix", "/lib-switch", "/dev"})
+    for (const char* directory : {"/var/log/pelrix", "/var/run", "/var/lock", "/etc/pelrix", kLibraryDirectory, "/dev"})
       MakeDirectory(directory);
     WriteFile("/etc/pelrix/RunLevel", "3");
     std::filesystem::copy(RAVD_BINARY, HostPath("/ravd"));
-    if (library != nullptr) std::filesystem::copy(library, HostPath("/lib-switch/libswitch.so"));
+    if (library == kNoLibrary) WriteFile(kLibrary, std::string(5000, 'x'));
+    if (library != nullptr && library != kNoLibrary) std::filesystem::copy(library, HostPath(kLibrary));
   }
   void Run(const std::function<void()>& body) const {
     FixtureRoot::Run(
         [&body] {
-          ::setenv("LD_LIBRARY_PATH", "/lib-switch", 1);
+          ::prctl(PR_SET_CHILD_SUBREAPER, 1);  // whatever a daemon leaves behind becomes a child of this process
+          ::setenv("LD_LIBRARY_PATH", kLibraryDirectory, 1);
           ::setenv("QN_NICKNAME", "SLES12", 1);
           body();
         },
@@ -40,8 +54,34 @@ class DaemonRoot : public FixtureRoot {
   }
 };
 
+template <class T>
+T& SharedWithChildren() {
+  void* memory = ::mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  return *new (memory) T{};
+}
+
+// Runs the body once in each of that many processes at a time.
+void InLanes(int count, const std::function<void(int)>& body) {
+  std::vector<pid_t> lanes;
+  for (int lane = 0; lane < count; ++lane) {
+    lanes.push_back(::fork());
+    if (lanes.back() != 0) continue;
+    body(lane);
+    ::_exit(testing::Test::HasFailure() ? 1 : 0);
+  }
+  for (const pid_t lane : lanes)
+    EXPECT_EQ(WaitFor(lane, 900), 0);
+}
+
+void SwitchTracingOn() {
+  for (const char* variable : {"TraceFileLimit", "QN_LOG_RINGBUF_WEIGHT"})
+    ::setenv(variable, "1", 1);
+  ::setenv("QN_LOG_DEBUG_LEVEL", "5", 1);
+  ::setenv("QN_LOG_FILE_MAX_SIZE", "1000000000", 1);
+}
+
 std::string Log() {
-  return ::access(kLog, R_OK) == 0 ? ReadWholeFile(kLog) : "";
+  return TextOf(kLog);
 }
 
 int CountIn(const std::string& text, const std::string& part) {
@@ -51,26 +91,74 @@ int CountIn(const std::string& text, const std::string& part) {
   return count;
 }
 
-pid_t StartDaemon() {
+void ExpectInOrder(const std::string& text, std::initializer_list<const char*> parts) {
+  size_t at = 0;
+  for (const char* part : parts) {
+    at = text.find(part, at);
+    ASSERT_NE(at, std::string::npos) << part;
+  }
+}
+
+// In the background the child that goes on as the daemon; before it is ready it has no PID file.
+pid_t StartDaemon(bool isBackground = false) {
   ::unlink(kLog);
-  return Start({"/ravd", "-n"});
+  const pid_t started = isBackground ? Start({"/ravd"}) : Start({"/ravd", "-n"});
+  if (isBackground) {
+    EXPECT_EQ(WaitFor(started), 0);
+  }
+  return started;
 }
 
 bool WaitReady() {
   return WaitUntil([] { return Log().find("Waiting for signals...") != std::string::npos; });
 }
 
+pid_t DaemonPid() {
+  return std::atoi(ReadWholeFile(kPidFile).c_str());
+}
+
+// The files of the root with what was mounted left out.
+std::set<std::string> FilesOfRoot() {
+  std::set<std::string> files;
+  std::filesystem::recursive_directory_iterator entry("/");
+  for (; entry != std::filesystem::recursive_directory_iterator(); ++entry) {
+    const std::string path = entry->path();
+    if (path == "/usr" || path == "/proc" || path == "/dev") entry.disable_recursion_pending();
+    files.insert(path);
+  }
+  return files;
+}
+
 void ExpectNothingLeft() {
   for (const char* path : {kPidFile, kLockFile, "/etc/pelrix/registry.new"})
     EXPECT_NE(::access(path, F_OK), 0) << path;
+  int status = 0;
+  EXPECT_EQ(::waitpid(-1, &status, WNOHANG), -1) << "a process or a zombie was left";
+  EXPECT_EQ(errno, ECHILD);
 }
 
-void StartAndStop() {
-  const pid_t daemon = StartDaemon();
+// What the trace of an orderly run looks like.
+void ExpectWholeTrace(const char* command = "argv[0] = \"/ravd\"\n") {
+  ExpectInOrder(Log(), {command, "Done initializing", "Waiting for signals...", "## EXIT PROCESS RAVD ##\n"});
+  const std::string ring = ReadWholeFile(kRing);
+  EXPECT_EQ(ring.size(), size_t{1} << 20U);
+  EXPECT_LT(ring.find(command), 200U) << "the header block is damaged";
+  ExpectInOrder(ring, {"# End of header.\n", "### Begin of RingBuffer. ###\n", "### Start of initialization. ###\n",
+                       "Waiting for signals...", "## EXIT PROCESS RAVD ##\n", "## TRACE-END ##\n"});
+  EXPECT_NE(::access(kStartUpRing, F_OK), 0);
+  EXPECT_EQ(RunCommand({"/bin/sh", "-c", std::string("gzip -dc ") + kPackedRing + " > /unpacked"}), 0);
+  ExpectInOrder(ReadWholeFile("/unpacked"), {"# End of header.\n", "### Start of initialization. ###\n", command,
+                                             "bad: load", "### End of initialization. ###\n", "## TRACE-END ##\n"});
+}
+
+void StartAndStop(bool isBackground = false) {
+  const pid_t started = StartDaemon(isBackground);
   ASSERT_TRUE(WaitReady()) << Log();
+  const pid_t daemon = isBackground ? DaemonPid() : started;
   ::kill(daemon, SIGTERM);
   ASSERT_EQ(WaitFor(daemon), 0) << Log();
   ExpectNothingLeft();
+  if (std::getenv("QN_LOG_DEBUG_LEVEL") != nullptr) ExpectWholeTrace();
 }
 
 int RawStatus(int status) {
@@ -87,121 +175,300 @@ long StatusValue(pid_t process, const std::string& key) {
   return std::atol(text.c_str() + text.find(key) + key.size());
 }
 
+// What can be seen of the lock file: its owner's name, and which file of which age it is.
+std::string LookAtLock() {
+  struct stat info {};
+  if (::stat(kLockFile, &info) != 0) return "none";
+  return TextOf(kLockFile) + " " + std::to_string(info.st_ino) + " " + std::to_string(info.st_mtim.tv_sec) + "." +
+         std::to_string(info.st_mtim.tv_nsec);
+}
+
 // Shared between the contenders for the lock.
 struct Arena {
   std::atomic<int> holders;
   std::atomic<int> overlaps;
+  std::atomic<int> changes;  // of a holder's lock file
   std::atomic<long> held;
+  std::atomic<long> refused;
   std::atomic<bool> isOver;
+
+  // The holder's time: nobody else holds it, and the lock file stays its own.
+  void Hold(pid_t holder, useconds_t microseconds) {
+    if (holders.fetch_add(1) != 0) ++overlaps;
+    ++held;
+    const std::string before = LookAtLock();
+    if (!before.starts_with("ravd#" + std::to_string(holder) + " ")) ++changes;
+    if (microseconds > 0) ::usleep(microseconds);
+    if (LookAtLock() != before) ++changes;
+    holders.fetch_sub(1);
+  }
+  void EndAfter(int seconds) {
+    if (::fork() != 0) return;
+    ::sleep(static_cast<unsigned int>(seconds));
+    isOver = true;
+    ::_exit(0);
+  }
 };
 
-[[noreturn]] void Contend(Arena& arena, unsigned int seed) {
-  std::mt19937 random(seed);
+void Contend(Arena& arena, int seed) {
+  std::mt19937 random(static_cast<unsigned int>(seed));
   while (!arena.isOver) {
     CFileLock lock;
-    if (!lock.Lock("/var/lock/ravd", "ravd", 0)) continue;
-    if (arena.holders.fetch_add(1) != 0) ++arena.overlaps;
-    ++arena.held;
-    if (random() % 4 == 0) ::usleep(static_cast<useconds_t>(random() % 300));
-    arena.holders.fetch_sub(1);
+    if (lock.Lock("/var/lock/ravd", "ravd", 0)) {
+      arena.Hold(::getpid(), static_cast<useconds_t>(random() % 4 == 0 ? random() % 300 : 0));
+    } else {
+      ++arena.refused;
+    }
   }
-  ::_exit(0);
+}
+
+// Starts daemons until the end, and stops each that gets as far as its PID file.
+void StartAgainAndAgain(Arena& arena, int lane) {
+  const std::string errors = "/errors" + std::to_string(lane);
+  std::mt19937 random(static_cast<unsigned int>(lane));
+  while (!arena.isOver) {
+    const pid_t daemon = ::fork();
+    if (daemon == 0) {
+      ::dup2(::open(errors.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC, 0644), STDERR_FILENO);
+      ::execl("/ravd", "/ravd", "-n", nullptr);
+      ::_exit(127);
+    }
+    int status = 0;
+    bool hasEnded = false;
+    bool isReady = false;
+    while (!hasEnded && !isReady && !arena.isOver) {
+      ::usleep(1000);
+      hasEnded = ::waitpid(daemon, &status, WNOHANG) == daemon;
+      isReady = TextOf(kPidFile) == std::to_string(daemon) + "\n";
+    }
+    if (isReady) {
+      arena.Hold(daemon, static_cast<useconds_t>(random() % 500000));
+      EXPECT_EQ(TextOf(kPidFile), std::to_string(daemon) + "\n");
+      ::kill(daemon, SIGTERM);
+      EXPECT_EQ(WaitFor(daemon), 0);
+    } else if (hasEnded) {
+      ++arena.refused;
+      EXPECT_EQ(RawStatus(status), 1);
+      EXPECT_EQ(TextOf(errors), "/ravd: RAVD-MAIN: Error! Another process instance is already running!\n");
+    } else {
+      ::kill(daemon, SIGKILL);
+      ::waitpid(daemon, &status, 0);
+    }
+  }
 }
 
 struct SwitchRow {
   const char* library;
   const char* behaviour;
-  int status;  // of the daemon that is told to stop: exit status, or the signal that ends it
-  bool isSignal;
+  int status;  // of the daemon that is told to stop: exit status, or minus the signal that ends it
   bool getsReady;
+  const char* says;  // in the log file or a ring buffer
 };
+constexpr const char* kFatal = "FATAL ERROR! Tavrik SWITCH could not be loaded!";
+constexpr const char* kStopped = "## EXIT PROCESS RAVD ##";
 constexpr SwitchRow kSwitches[] = {
-    {nullptr, "", 1, false, false},
-    {BARE_SWITCH, "", 1, false, false},
-    {BAD_SWITCH, "refuse", 1, false, false},
-    {BAD_SWITCH, "null", 1, false, false},
-    {BAD_SWITCH, "no modules", 0, false, true},
-    {BAD_SWITCH, "load", 0, false, true},
-    {BAD_SWITCH, "unload", 0, false, true},
-    {BAD_SWITCH, "late", 0, false, true},
-    {BAD_SWITCH, "thread", 0, false, true},
-    {BAD_SWITCH, "descriptors", 0, false, true},
+    {nullptr, "", 1, false, "LoadLibrary: ## ERROR:  libswitch.so: cannot open shared object file"},
+    {kNoLibrary, "", 1, false, "LoadLibrary: ## ERROR:  /lib-%n%s/libswitch.so: invalid ELF header"},
+    {UNDEFINED_SWITCH, "", 1, false, "libswitch.so: undefined symbol: _Z16NowhereToBeFoundv"},
+    {BARE_SWITCH, "", 1, false, kFatal},
+    {BAD_SWITCH, "refuse", 1, false, kFatal},
+    {BAD_SWITCH, "null", 1, false, kFatal},
+    {BAD_SWITCH, "no modules", 0, true, "ERROR! Load extension modules FAILED!"},
+    {BAD_SWITCH, "load", 0, true, "SWITCH DLL - Exception during LoadModules"},
+    {BAD_SWITCH, "unload", 0, true, "SWITCH DLL - Exception during UnloadModules"},
+    {BAD_SWITCH, "late load", 0, true, kStopped},
+    {BAD_SWITCH, "late start", 0, true, kStopped},
+    {BAD_SWITCH, "late notify", 0, true, kStopped},
+    {BAD_SWITCH, "late stop", 0, true, kStopped},
+    {BAD_SWITCH, "late unload", 0, true, kStopped},
+    {BAD_SWITCH, "late release", 0, true, kStopped},
+    {BAD_SWITCH, "thread", 0, true, "WARNING! The switch library stays loaded, threads still running: 4\n"},
+    {BAD_SWITCH, "joined thread", 0, true, kStopped},
+    {BAD_SWITCH, "descriptors", 0, true, kStopped},
     // What the library throws elsewhere is not caught.
-    {BAD_SWITCH, "query throws", SIGABRT, true, false},
-    {BAD_SWITCH, "start", SIGABRT, true, false},
-    {BAD_SWITCH, "stop", SIGABRT, true, true},
-    {BAD_SWITCH, "notify", SIGABRT, true, true},
+    {BAD_SWITCH, "query throws", -SIGABRT, false, "bad: query"},
+    {BAD_SWITCH, "start", -SIGABRT, false, "bad: start"},
+    {BAD_SWITCH, "notify", -SIGABRT, true, "bad: notify"},
+    {BAD_SWITCH, "stop", -SIGABRT, true, "bad: stop"},
+    {BAD_SWITCH, "release", -SIGABRT, true, "bad: release"},
 };
 
-void TrySwitch(const SwitchRow& row) {
-  const DaemonRoot root(row.library);
-  root.Run([&row] {
-    ::setenv("BAD_SWITCH", row.behaviour, 1);
-    const pid_t daemon = StartDaemon();
-    if (row.getsReady) {
-      ASSERT_TRUE(WaitReady()) << Log();
-      ::kill(daemon, SIGTERM);
-    }
-    const int status = WaitFor(daemon, 10);
-    EXPECT_EQ(WIFSIGNALED(status), row.isSignal);
-    EXPECT_EQ(row.isSignal ? WTERMSIG(status) : WEXITSTATUS(status), row.status) << Log();
-    const bool isFatal = Log().find("FATAL ERROR! Tavrik SWITCH could not be loaded!") != std::string::npos;
-    EXPECT_EQ(isFatal, !row.getsReady && !row.isSignal);
-    if (!row.isSignal) ExpectNothingLeft();
-  });
+void ExpectNoStrayOutput() {
+  for (const std::string& path : FilesOfRoot()) {
+    const bool isOutput = std::filesystem::is_regular_file(path) && path != kLibrary;
+    EXPECT_EQ(isOutput ? CountIn(ReadWholeFile(path), "stray output") : 0, 0) << path;
+  }
 }
+
+void ExpectReservedDescriptors(pid_t daemon) {
+  for (const char* number : {"0", "1", "2"})
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(daemon) + "/fd/" + number), "/dev/null");
+}
+
+void TrySwitch(const SwitchRow& row) {
+  ::setenv("BAD_SWITCH", row.behaviour, 1);
+  const pid_t daemon = StartDaemon();
+  if (row.getsReady) {
+    ASSERT_TRUE(WaitReady()) << Log();
+    if (std::string(row.behaviour) == "descriptors") ExpectReservedDescriptors(daemon);
+    ::kill(daemon, SIGTERM);
+  }
+  EXPECT_EQ(RawStatus(WaitFor(daemon)), row.status) << Log();
+  EXPECT_EQ(CountIn(Log(), kFatal), row.status == 1 ? 1 : 0);
+  ExpectNoStrayOutput();
+  if (row.status == 0) {
+    ExpectWholeTrace();
+    const bool isClosed = Log().find("bad: destroyed") < Log().find(kStopped);
+    EXPECT_EQ(isClosed, std::string(row.behaviour) != "thread");
+  }
+  const std::string trace = Log() + TextOf(kStartUpRing) + TextOf("/unpacked") + TextOf(kRing);
+  EXPECT_NE(trace.find(row.says), std::string::npos) << row.says;
+  if (row.status >= 0) return ExpectNothingLeft();
+  ::setenv("BAD_SWITCH", "", 1);
+  StartAndStop();
+}
+
+struct KilledForm {
+  const char* name;
+  std::vector<std::string> command;
+  bool isBackground;
+};
+const KilledForm kForms[] = {{"foreground", {"/ravd", "-n"}, false}, {"background", {"/ravd"}, true}};
+
+std::vector<std::string> UnderStrace(const KilledForm& form, const std::string& inject = "") {
+  std::vector<std::string> command = {"/usr/bin/timeout", "60", "/usr/bin/strace", "-ff", "-o", "/calls"};
+  if (!inject.empty()) command.insert(command.end(), {"-e", "inject=" + inject});
+  command.insert(command.end(), form.command.begin(), form.command.end());
+  return command;
+}
+
+// A daemon in the background that was killed became a child of this process.
+void ReapKilled() {
+  while (::waitpid(-1, nullptr, WNOHANG) > 0) {
+  }
+}
+
+// "name:signal=SIGKILL:when=number" for the calls of the daemon between the lock and the first wait for a signal. In
+// the background those of the child alone, and of them those that the parent does not come to: the tracer counts for
+// each process. Of calls of one name in a row each eighth.
+std::vector<std::string> StepsOfStart(const KilledForm& form) {
+  ::unlink(kLog);
+  const pid_t traced = Start(UnderStrace(form));
+  EXPECT_TRUE(WaitReady()) << ReadWholeFile("/stderr");
+  const std::string daemon = std::to_string(DaemonPid());
+  std::map<std::string, int> ofParent;
+  for (const auto& file : std::filesystem::directory_iterator("/")) {
+    const std::string path = file.path();
+    if (!form.isBackground || !path.starts_with("/calls.") || path == "/calls." + daemon) continue;
+    for (const SystemCall& call : ReadCalls(path.c_str(), "execve"))
+      ofParent[call.name] = std::max(ofParent[call.name], call.number);
+  }
+  const std::vector<SystemCall> calls = ReadCalls(("/calls." + daemon).c_str(), form.isBackground ? "(" : "/var/lock");
+  ::kill(DaemonPid(), SIGKILL);
+  WaitFor(traced);
+  ReapKilled();
+  std::vector<std::string> steps;
+  std::string last;
+  int repeated = 0;
+  for (const SystemCall& call : calls) {
+    if (call.name == "rt_sigtimedwait") break;
+    repeated = call.name == last ? repeated + 1 : 0;
+    last = call.name;
+    if (repeated % 8 == 0 && call.number > ofParent[call.name])
+      steps.push_back(call.name + ":signal=SIGKILL:when=" + std::to_string(call.number));
+  }
+  return steps;
+}
+
+void RemoveCalls() {
+  for (const auto& file : std::filesystem::directory_iterator("/"))
+    if (file.path().string().starts_with("/calls")) std::filesystem::remove(file.path());
+}
+
+struct WritableRow {
+  const char* path;
+  mode_t mode;
+  uid_t owner;
+  gid_t group;
+  bool isWarnedOf;
+};
+constexpr uid_t kOther = 12;
+constexpr WritableRow kWritableRows[] = {
+    {"/etc/norrow/QuennetSuite/TraceConfig", 0777, 0, 0, true},
+    {"/etc/pelrix", 0777, 0, 0, true},
+    {"/var/log/pelrix", 0777, 0, 0, true},
+    {kLibraryDirectory, 0777, 0, 0, true},
+    {kLibraryDirectory, 0755, kOther, 0, true},
+    {kLibraryDirectory, 0775, 0, kOther, true},
+    {kLibraryDirectory, 0775, 0, 0, false},  // root's own group
+    {kLibraryDirectory, 0755, 0, kOther, false},
+    {kLibrary, 0777, 0, 0, true},
+    {kLibrary, 0755, kOther, 0, true},
+    {kLibrary, 0775, 0, kOther, true},
+    {"/etc", 0755, 0, 0, false},  // a clean root
+};
 
 }  // namespace
 
 TEST(Prove, InstanceLock) {
+  Arena& arena = SharedWithChildren<Arena>();
   const FixtureRoot root;
-  root.Run([] {
-    void* memory = ::mmap(nullptr, sizeof(Arena), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    Arena& arena = *new (memory) Arena{};
-    std::vector<pid_t> contenders;
-    for (unsigned int contender = 0; contender < 8; ++contender) {
-      contenders.push_back(::fork());
-      if (contenders.back() == 0) Contend(arena, contender);
-    }
-    ::sleep(static_cast<unsigned int>(Rounds(10, 3)));
-    arena.isOver = true;
-    for (const pid_t contender : contenders)
-      EXPECT_EQ(WaitFor(contender), 0);
-    EXPECT_EQ(arena.overlaps, 0);
-    EXPECT_GT(arena.held, 100);
-    Figure("8 contenders for %d s: held %ld times, %d times by two", Rounds(10, 3), arena.held.load(),
-           arena.overlaps.load());
+  root.Run([&arena] {
+    arena.EndAfter(Rounds(10, 3));
+    InLanes(8, [&arena](int lane) { Contend(arena, lane); });
+    EXPECT_GT(::wait(nullptr), 0);
   });
+  EXPECT_EQ(arena.overlaps, 0);
+  EXPECT_EQ(arena.changes, 0);
+  EXPECT_GT(arena.held, 100);
+  EXPECT_GT(arena.refused, 10);
+  Figure("8 contenders for %d s: held %ld times, %d times by two, %d times not its own lock file", Rounds(10, 3),
+         arena.held.load(), arena.overlaps.load(), arena.changes.load());
+}
+
+TEST(Prove, DaemonsAtOnce) {
+  Arena& arena = SharedWithChildren<Arena>();
+  const int seconds = Rounds(30, 5);
+  const DaemonRoot root;
+  root.Run([&arena, seconds] {
+    arena.EndAfter(seconds);
+    InLanes(8, [&arena](int lane) { StartAgainAndAgain(arena, lane); });
+    EXPECT_GT(::wait(nullptr), 0);
+    ::unlink(kPidFile);  // of those that the end killed
+    StartAndStop();
+  });
+  EXPECT_EQ(arena.overlaps, 0);
+  EXPECT_EQ(arena.changes, 0);
+  EXPECT_GT(arena.held, seconds / 5);
+  EXPECT_GT(arena.refused, seconds);
+  Figure(
+      "8 daemons started at once for %d s: %ld got ready and stopped, never two; %ld refused with status and message",
+      seconds, arena.held.load(), arena.refused.load());
 }
 
 TEST(Prove, StartAndStop) {
   constexpr int kLanes = 25;
   const int cycles = Rounds(40, 2);
-  std::vector<pid_t> lanes;
-  for (int lane = 0; lane < kLanes; ++lane) {
-    lanes.push_back(::fork());
-    if (lanes.back() != 0) continue;
-    {
-      const DaemonRoot root;
-      root.Run([cycles] {
-        for (int cycle = 0; cycle < cycles && !testing::Test::HasFailure(); ++cycle)
-          StartAndStop();
-      });
-    }
-    ::_exit(HasFailure() ? 1 : 0);
-  }
-  for (const pid_t lane : lanes)
-    EXPECT_EQ(WaitFor(lane, 600), 0);
-  Figure("%d starts and stops, %d at a time: exit status 0, nothing left behind", kLanes * cycles, kLanes);
+  InLanes(kLanes, [cycles](int) {
+    const DaemonRoot root;
+    root.Run([cycles] {
+      SwitchTracingOn();
+      std::set<std::string> expected = FilesOfRoot();
+      expected.insert({kLog, kRing, kPackedRing, "/stderr", "/unpacked"});
+      for (int cycle = 0; cycle < cycles && !testing::Test::HasFailure(); ++cycle) {
+        StartAndStop(cycle % 2 == 1);
+        EXPECT_EQ(FilesOfRoot(), expected);
+      }
+    });
+  });
+  Figure("%d starts and stops, half in the background, %d at a time: status 0, trace whole, no file or process left",
+         kLanes * cycles, kLanes);
 }
 
 TEST(Prove, Signals) {
   const DaemonRoot root;
   root.Run([] {
-    ::setenv("QN_LOG_DEBUG_LEVEL", "5", 1);
-    ::setenv("TraceFileLimit", "1", 1);
-    ::setenv("QN_LOG_RINGBUF_WEIGHT", "1", 1);
-    ::setenv("QN_LOG_FILE_MAX_SIZE", "1000000000", 1);
+    SwitchTracingOn();
     const pid_t daemon = StartDaemon();
     ASSERT_TRUE(WaitReady());
     ::kill(daemon, SIGHUP);
@@ -225,7 +492,7 @@ TEST(Prove, Signals) {
     EXPECT_EQ(CountIn(log, "Trace forced due to SIGHUP"), toggled / 2);
     EXPECT_GT(toggled, signals / 10);
     // The stop is traced at level 2 when the last toggle left the trace on.
-    const std::string ring = ReadWholeFile("/var/log/pelrix/log.ravd_a");
+    const std::string ring = ReadWholeFile(kRing);
     EXPECT_EQ(CountIn(ring, "OnExitService      : Stopping all modules") != 0, toggled % 2 == 0);
     Figure("%d signals sent, %d toggles and %d alarms taken, descriptors level, trace state right, stopped with 0",
            signals, toggled, CountIn(log, "caught -> ignoring"));
@@ -233,55 +500,76 @@ TEST(Prove, Signals) {
 }
 
 TEST(Prove, KilledStart) {
-  const DaemonRoot root;
-  root.Run([] {
-    // Every start but the first meets what a killed one left: the second shows the calls to come.
-    for (int run = 0; run < 2; ++run) {
-      ::unlink(kLog);
-      const pid_t traced = Start({"/usr/bin/strace", "-o", "/calls", "/ravd", "-n"});
-      ASSERT_TRUE(WaitReady()) << ReadWholeFile("/stderr");
-      ::kill(std::atoi(ReadWholeFile(kPidFile).c_str()), SIGKILL);
-      EXPECT_EQ(RawStatus(WaitFor(traced)), -SIGKILL);
-    }
-    int kills = 0;
-    int step = 0;
-    for (const SystemCall& call : ReadCalls("/calls", "/var/lock")) {
-      if (call.name == "rt_sigtimedwait") break;
-      if (step++ % Rounds(1, 7) != 0) continue;
-      const std::string inject = "inject=" + call.name + ":signal=SIGKILL:when=" + std::to_string(call.number);
-      const int status =
-          RunCommand({"/usr/bin/timeout", "10", "/usr/bin/strace", "-o", "/calls", "-e", inject, "/ravd", "-n"});
-      ASSERT_TRUE(status == -SIGKILL || status == 128 + SIGKILL) << status << " " << inject << "\n"
-                                                                 << ReadWholeFile("/stderr");
-      ++kills;
-    }
-    ASSERT_NO_FATAL_FAILURE(StartAndStop());
-    EXPECT_GT(kills, 10);
-    Figure("killed at %d system calls of a start: the next start works", kills);
+  constexpr int kLanes = 12;
+  struct Kills {
+    std::atomic<int> of[2];
+  };
+  Kills& kills = SharedWithChildren<Kills>();
+  InLanes(kLanes, [&kills](int lane) {
+    const DaemonRoot root;
+    root.Run([&kills, lane] {
+      SwitchTracingOn();
+      const KilledForm& form = kForms[lane % 2];
+      SCOPED_TRACE(form.name);
+      // Each start that is killed, and the one that shows the calls to come, follows one that was stopped in order.
+      StartAndStop(form.isBackground);
+      const std::vector<std::string> steps = StepsOfStart(form);
+      StartAndStop(form.isBackground);
+      const auto stride = static_cast<size_t>(kLanes / 2 * Rounds(1, 9));
+      for (size_t step = static_cast<size_t>(lane) / 2; step < steps.size(); step += stride) {
+        SCOPED_TRACE(steps[step]);
+        RemoveCalls();
+        const int status = RunCommand(UnderStrace(form, steps[step]));
+        ASSERT_TRUE(form.isBackground ? status == 0 : status == -SIGKILL || status == 128 + SIGKILL)
+            << status << ReadWholeFile("/stderr");
+        ReapKilled();
+        ASSERT_NO_FATAL_FAILURE(StartAndStop(form.isBackground));
+        ++kills.of[lane % 2];
+        if (HasFailure()) return;
+      }
+    });
   });
+  EXPECT_GT(kills.of[0], 10);
+  EXPECT_GT(kills.of[1], 10);
+  Figure(
+      "killed at %d system calls of a start in the foreground, %d in the background: the next start works, trace whole",
+      kills.of[0].load(), kills.of[1].load());
 }
 
 TEST(Prove, BadSwitches) {
-  for (const SwitchRow& row : kSwitches) {
+  InLanes(std::size(kSwitches), [](int lane) {
+    const SwitchRow& row = kSwitches[lane];
     SCOPED_TRACE(row.behaviour);
-    TrySwitch(row);
-  }
-  Figure("%zu bad switches: the stated outcome each", std::size(kSwitches));
+    const DaemonRoot root(row.library);
+    root.Run([&row] {
+      SwitchTracingOn();
+      const bool isOfThreads = std::string(row.behaviour) == "thread";
+      for (int stop = isOfThreads ? Rounds(30, 3) : 1; stop > 0 && !HasFailure(); --stop)
+        TrySwitch(row);
+    });
+  });
+  Figure("%zu bad switches: the stated outcome each, and the next start works", std::size(kSwitches));
 }
 
 TEST(Prove, WritableDirectories) {
-  constexpr const char* kPlaces[] = {"/etc/norrow/QuennetSuite/TraceConfig", "/etc/pelrix", "/var/log/pelrix",
-                                     "/lib-switch"};
-  for (const char* writable : kPlaces) {
+  if (::getuid() != 0) GTEST_SKIP() << "needs a second user";
+  int warnings = 0;
+  for (const WritableRow& row : kWritableRows)
+    warnings += row.isWarnedOf ? 1 : 0;
+  InLanes(std::size(kWritableRows), [](int lane) {
+    const WritableRow& row = kWritableRows[lane];
+    SCOPED_TRACE(testing::Message() << row.path << " " << std::oct << row.mode << " " << row.owner << ":" << row.group);
     const DaemonRoot root;
     root.WriteFile("/etc/norrow/QuennetSuite/TraceConfig/other.ini", "");
-    root.MakeDirectory(writable, 0777);
-    root.Run([writable] {
+    ASSERT_EQ(::chown(root.HostPath(row.path).c_str(), row.owner, row.group), 0);
+    ASSERT_EQ(::chmod(root.HostPath(row.path).c_str(), row.mode), 0);
+    root.Run([&row] {
       StartAndStop();
-      EXPECT_EQ(CountIn(Log(), "WARNING: "), 1) << Log();
-      EXPECT_EQ(CountIn(Log(), std::string("RAVD-MAIN: WARNING: ") + writable + " is writable for others than root\n"),
-                1);
+      EXPECT_EQ(CountIn(Log(), "WARNING: "), row.isWarnedOf ? 1 : 0) << Log();
+      const std::string warning = std::string("RAVD-MAIN: WARNING: ") + row.path;
+      EXPECT_EQ(CountIn(Log(), warning + " is writable for others than root\n"), row.isWarnedOf ? 1 : 0);
     });
-  }
-  Figure("%zu directories that others may write to: one warning each", std::size(kPlaces));
+  });
+  Figure("%zu owners, groups and modes of directories and the library: %d warned of, one line each",
+         std::size(kWritableRows), warnings);
 }

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <sstream>
 
 namespace {
 
@@ -79,6 +80,13 @@ int WaitFor(pid_t child, int seconds) {
 int RunCommand(const std::vector<std::string>& command) {
   const int status = WaitFor(Start(command));
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+std::string TextOf(const std::string& path) {
+  std::ifstream stream(path, std::ios::binary);
+  std::ostringstream content;
+  content << stream.rdbuf();
+  return content.str();
 }
 
 std::vector<SystemCall> ReadCalls(const char* path, const char* from) {

@@ -24,6 +24,9 @@ int WaitFor(pid_t child, int seconds = 20);
 int RunCommand(const std::vector<std::string>& command);
 bool WaitUntil(const std::function<bool()>& condition, int seconds = 20);
 
+// The content of a file, empty when there is none.
+std::string TextOf(const std::string& path);
+
 // Lines that went to syslog since the last call.
 int TakeSyslogLines();
 

@@ -11,10 +11,16 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <fstream>
 #include <map>
+#include <optional>
 #include <random>
+#include <regex>
+#include <sstream>
 #include <thread>
 
+#include "daemon/command_line.h"
+#include "daemon/run_level.h"
 #include "platform/unique_fd.h"
 #include "prove/prove.h"
 #include "trace/trace_root.h"
@@ -23,12 +29,19 @@ namespace {
 
 constexpr size_t kMiB = 1024 * 1024;
 
-// Runs the damage while four threads write; true when tracing is still on afterwards.
+void BlockAllSignals() {
+  sigset_t all;
+  ::sigfillset(&all);
+  ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
+}
+
+// Runs the damage while four threads write, two of which block all signals; true when tracing is still on afterwards.
 bool SurvivesWhileFourWrite(const std::function<void()>& damage) {
   std::atomic<bool> stop = false;
   std::vector<std::thread> writers;
   for (int writer = 0; writer < 4; ++writer) {
     writers.emplace_back([&stop, writer] {
+      if (writer % 2 == 0) BlockAllSignals();
       for (int entry = 0; !stop; ++entry) {
         TRACE(1, "writer %d entry %d %s", writer, entry, std::string(static_cast<size_t>(entry % 2000), 'x').c_str());
         if (entry % 64 == 0) Debug.PrintAlways(0, "writer %d", writer);
@@ -51,9 +64,10 @@ bool SurvivesWhileFourWrite(const std::function<void()>& damage) {
 
 struct Damage {
   const char* name;
-  const char* path;
+  const char* path;  // null: the ring buffer
   void (*act)(const char* path);
   bool isShrunk;
+  int cutLines = -1;  // in the log file when it is read afterwards
 };
 
 void Replace(const char* path) {
@@ -68,10 +82,70 @@ const Damage kDamages[] = {
     {"removed", nullptr, [](const char* path) { EXPECT_EQ(::unlink(path), 0); }, false},
     {"replaced", nullptr, Replace, false},
     {"grown", nullptr, [](const char* path) { EXPECT_EQ(::truncate(path, 8 * kMiB), 0); }, false},
-    {"log emptied", TraceRoot::kLog, [](const char* path) { EXPECT_EQ(::truncate(path, 0), 0); }, false},
+    {"log emptied", TraceRoot::kLog, [](const char* path) { EXPECT_EQ(::truncate(path, 0), 0); }, false, 0},
+    {"log cut", TraceRoot::kLog, [](const char* path) { EXPECT_EQ(::truncate(path, 101), 0); }, false, 1},
     {"log removed", TraceRoot::kLog, [](const char* path) { EXPECT_EQ(::unlink(path), 0); }, false},
     {"log replaced", TraceRoot::kLog, Replace, false},
 };
+
+// Lets a log file be cut between two entries.
+struct TraceLock : CDebug {
+  static CCriticalSection& Of(CDebug& debug) { return debug.*(&TraceLock::m_CritSec); }
+};
+
+// A log file that was cut goes on behind the cut: every line is an entry, but for the one that the cut met.
+void ExpectWholeLines(const std::string& log, int cutLines) {
+  static const std::regex entry(R"([-: .\d]{23} \[[\dA-F]{8}\] ravd          (writer \d|still there))");
+  int others = 0;
+  std::istringstream lines(log);
+  for (std::string line; std::getline(lines, line);)
+    others += std::regex_match(line, entry) ? 0 : 1;
+  EXPECT_EQ(others, cutLines);
+  EXPECT_TRUE(log.ends_with("still there\n"));
+}
+
+// While four write, the file is damaged in one way, in the start-up phase or behind it.
+void TryDamage(const Damage& damage, bool isStartUp) {
+  const TraceRoot root;
+  root.ConfigureRing("1");
+  root.Run([&damage, isStartUp] {
+    if (damage.cutLines >= 0) ::setenv("QN_LOG_FILE_MAX_SIZE", "1000000000", 1);  // no wrap
+    SCOPED_TRACE(testing::Message() << damage.name << (isStartUp ? " while starting" : ""));
+    ASSERT_TRUE(Debug.Init("ravd"));
+    if (!isStartUp) Debug.SetApplInitDone();
+    TakeSyslogLines();
+    const char* ring = isStartUp ? TraceRoot::kStartUpRing : TraceRoot::kRunTimeRing;
+    const char* path = damage.path != nullptr ? damage.path : ring;
+    const auto act = [&] {
+      std::optional<CCriticalSectionLock> lock;
+      if (damage.cutLines >= 0) lock.emplace(TraceLock::Of(Debug));
+      damage.act(path);
+    };
+    EXPECT_EQ(SurvivesWhileFourWrite(act), !damage.isShrunk);
+    EXPECT_EQ(TakeSyslogLines(), damage.isShrunk ? 1 : 0);
+    if (damage.cutLines >= 0) ExpectWholeLines(ReadWholeFile(path), damage.cutLines);
+    EXPECT_TRUE(Debug.Init("ravd")) << "a new start traces again";
+    EXPECT_TRUE(Debug.m_TraceActive);
+  });
+}
+
+// A thread that blocks the signal between two entries is safe again from the next second on.
+void TryLateBlocker() {
+  const TraceRoot root;
+  root.ConfigureRing("1");
+  root.Run([] {
+    ASSERT_TRUE(Debug.Init("ravd"));
+    std::thread([] {
+      TRACE(1, "before");
+      BlockAllSignals();
+      ::usleep(1001000);
+      TRACE(1, "in another second");
+      EXPECT_EQ(::truncate(TraceRoot::kStartUpRing, 0), 0);
+      TRACE(1, "gone");
+    }).join();
+    EXPECT_FALSE(Debug.m_TraceActive);
+  });
+}
 
 std::atomic<int> strangeFaults = 0;
 
@@ -105,28 +179,20 @@ extern "C" void* mmap(void* address, size_t length, int protection, int flags, i
 }
 
 TEST(Prove, TraceFilesDamaged) {
-  const int rounds = Rounds(20, 2);
   int done = 0;
-  for (int round = 0; round < rounds; ++round) {
+  for (int round = 0; round < Rounds(10, 1) && !HasFailure(); ++round) {
     for (const Damage& damage : kDamages) {
-      const TraceRoot root;
-      root.ConfigureRing("1");
-      root.Run([&damage] {
-        SCOPED_TRACE(damage.name);
-        ASSERT_TRUE(Debug.Init("ravd"));
-        Debug.SetApplInitDone();
-        TakeSyslogLines();
-        const char* path = damage.path != nullptr ? damage.path : TraceRoot::kRunTimeRing;
-        EXPECT_EQ(SurvivesWhileFourWrite([&] { damage.act(path); }), !damage.isShrunk);
-        EXPECT_EQ(TakeSyslogLines(), damage.isShrunk ? 1 : 0);
-        EXPECT_TRUE(Debug.Init("ravd")) << "a new start traces again";
-        EXPECT_TRUE(Debug.m_TraceActive);
-      });
-      ASSERT_FALSE(HasFailure());
-      ++done;
+      for (const bool isStartUp : {false, true}) {
+        TryDamage(damage, isStartUp);
+        ++done;
+      }
     }
   }
-  Figure("%d damaged files under four writers: all lived, a ring that shrank is one syslog line and tracing off", done);
+  TryLateBlocker();
+  Figure(
+      "%d damaged files under four writers, two with all signals blocked: all lived, a ring that shrank is one "
+      "syslog line and tracing off, a log that was cut goes on with whole lines",
+      done);
 }
 
 TEST(Prove, TraceDiskFull) {
@@ -276,6 +342,8 @@ TEST(Prove, RingReader) {
   });
 }
 
+// Text from outside stays text. A newline in it, and any other control character, passes through: the format has no
+// escapes, so that such a text can look like several entries.
 TEST(Prove, TextSafety) {
   static constexpr const char* kNasty[] = {"%n%n%s%s",     "\033[2J\033]0;x\007", "two\nlines", "%*.*d%99999999d",
                                            "\xff\xfe\x80", "## TRACE-END ##\n",   "%1$n"};
@@ -283,24 +351,42 @@ TEST(Prove, TextSafety) {
   root.ConfigureRing("1");
   root.Run([] {
     int texts = 0;
-    for (const char* nasty : kNasty) {
-      ::setenv("QN_NICKNAME", nasty, 1);
-      ::setenv("AgentShut", nasty, 1);
-      ::setenv("QN_LOG_NOHDR_TOSDTERR", "0", 1);
-      char* argv[] = {const_cast<char*>(nasty)};
-      Debug.SetMainParams(1, argv);
+    ::setenv("QN_LOG_NOHDR_TOSDTERR", "0", 1);
+    for (const std::string nasty : kNasty) {
+      ::setenv("QN_NICKNAME", nasty.c_str(), 1);
+      ::setenv("AgentShut", nasty.c_str(), 1);
+      const std::string directory = "/" + nasty.substr(0, nasty.find_first_of("[\n"));  // what an ini value can hold
+      ::mkdir(directory.c_str(), 0755);
+      std::ofstream(std::string(TraceRoot::kConfig) + "ravd.ini")
+          << "[ravd]\nFileDebugLevel=5\nRingBufferSizeFactor=1\nRingBufferSizeWeight=1\nRingBufferDirectory="
+          << directory << "\n[EndOfFile]\n";
+      std::string unknown = "-" + nasty;
+      char* argv[] = {const_cast<char*>(nasty.c_str()), unknown.data()};
+      Debug.SetMainParams(2, argv);
       ASSERT_TRUE(Debug.Init("ravd"));
-      Debug.PrintAlways(0, "outside: %s", nasty);
-      const std::string argument = std::string("argv[0] = \"") + nasty + "\"\n";
-      for (const char* path : {TraceRoot::kLog, TraceRoot::kStartUpRing}) {
-        const std::string file = ReadWholeFile(path);
-        const std::string end = std::string(nasty) + (std::string(nasty).ends_with("\n") ? "" : "\n");
-        for (const std::string& text : {argument, "QN_NICKNAME=" + end, "AgentShut=" + end, "outside: " + end}) {
-          EXPECT_NE(file.find(text), std::string::npos) << path << ": " << text;
+      Debug.SetMainParams(2, argv);
+      ParseCommandLine(2, argv);
+      DetermineRunLevel();
+      Debug.PrintAlways(0, "outside: %s", nasty.c_str());
+      const std::string end = nasty + (nasty.ends_with("\n") ? "" : "\n");
+      const std::string both[] = {"argv[0] = \"" + nasty + "\"\n",
+                                  "argv[1] = \"-" + nasty + "\"\n",
+                                  "QN_NICKNAME=" + end,
+                                  "AgentShut=" + end,
+                                  "outside: " + end,
+                                  "RingBufferDirectory        : " + directory + "\n",
+                                  "Ring Buffer Directory      : " + directory + "\n",
+                                  "LogFile Path               : " + directory + "/log.ravd\n"};
+      for (const char* name : {"/log.ravd", "/log.ravd_i"}) {
+        const std::string file = ReadWholeFile(directory + name);
+        for (const std::string& text : both) {
+          EXPECT_NE(file.find(text), std::string::npos) << name << ": " << text;
           ++texts;
         }
+        const bool isTraced = file.find("we are runing on OS \"" + nasty + "\"\n") != std::string::npos;
+        EXPECT_EQ(isTraced, std::string(name) == "/log.ravd_i");
       }
     }
-    Figure("%d hostile texts from command line, environment and callers printed as text", texts);
+    Figure("%d hostile texts from command line, environment, configuration and callers printed as text", texts);
   });
 }

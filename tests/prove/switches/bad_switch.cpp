@@ -3,9 +3,11 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
+#include <string>
 
 #include "daemon/switch_interface.h"
 #include "trace/debug.h"
@@ -17,8 +19,36 @@ bool Does(const char* what) {
   return how != nullptr && std::strcmp(how, what) == 0;
 }
 
+// Prints where the standard descriptors were and closes them again.
+void PrintAndClose() {
+  static bool isClosed = false;
+  for (int fd = 0; fd <= 2 && isClosed; ++fd)
+    if (::write(fd, "stray output\n", 13) < 0) continue;
+  for (int fd = 0; fd <= 2; ++fd)
+    ::close(fd);
+  isClosed = true;
+}
+
+// Goes on in this library after a stop that does not end it: what it calls and reads must still be there.
+pthread_t threads[4];
+std::atomic<bool> isOver = false;
+
+void* Linger(void*) {
+  while (!isOver)
+    ::usleep(200);
+  return nullptr;
+}
+
+void StopThreads() {
+  isOver = true;
+  for (pthread_t thread : threads)
+    ::pthread_join(thread, nullptr);
+}
+
 void Enter(const char* operation) {
   Debug.PrintAlways(0, "bad: %s", operation);
+  if (Does("descriptors")) PrintAndClose();
+  if (Does((std::string("late ") + operation).c_str())) ::sleep(2);
   if (Does(operation)) throw std::runtime_error("the switch is broken");
 }
 
@@ -34,32 +64,40 @@ class BadSwitch : public ISwitch {
   }
   void StartModules() override {
     Enter("start");
-    if (Does("late")) ::sleep(2);
-    if (Does("descriptors"))
-      for (int fd = 0; fd <= 2; ++fd)
-        ::close(fd);
-    if (Does("thread")) {
-      pthread_t thread;
-      ::pthread_create(
-          &thread, nullptr,
-          [](void*) -> void* {
-            while (true)
-              ::pause();
-          },
-          nullptr);
-    }
+    for (pthread_t& thread : threads)
+      if (Does("thread") || Does("joined thread")) ::pthread_create(&thread, nullptr, Linger, nullptr);
   }
-  void StopModules() override { Enter("stop"); }
+  void StopModules() override {
+    Enter("stop");
+    if (Does("joined thread")) StopThreads();
+  }
   void NotifyEvent(uint32_t, void*, void*) override { Enter("notify"); }
 };
+
+// Tells when the library is closed.
+struct Closing {
+  ~Closing() { Debug.PrintAlways(0, "bad: destroyed"); }
+} closing;
 
 }  // namespace
 
 #ifndef WITHOUT_QUERY_INTERFACE
 extern "C" __attribute__((visibility("default"))) bool SW_QueryInterface(uint32_t, ISwitch** switchInterface) {
   static BadSwitch badSwitch;
+  Debug.PrintAlways(0, "bad: query");
   if (Does("query throws")) throw 1;
   *switchInterface = Does("null") ? nullptr : &badSwitch;
   return !Does("refuse");
+}
+
+extern "C" __attribute__((visibility("default"))) void SW_Release() {
+  Enter("release");
+}
+#endif
+
+#ifdef WITH_UNDEFINED_SYMBOL
+void NowhereToBeFound();
+extern "C" __attribute__((visibility("default"))) void SW_AddRef() {
+  NowhereToBeFound();
 }
 #endif
