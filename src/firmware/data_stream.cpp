@@ -1,17 +1,20 @@
 #include "firmware/data_stream.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
-#include <array>
-#include <exception>
-#include <fstream>
+#include <cerrno>
+#include <string>
+#include <system_error>
 
 #include "firmware/little_endian.h"
+#include "platform/descriptor_io.h"
+#include "platform/unique_fd.h"
 #include "trace/debug.h"
 
 namespace {
 
 constexpr size_t kInitialCapacity = 32;
-constexpr size_t kReadSize = 16384;
 constexpr unsigned int kDumpLevel = 5;
 constexpr size_t kDumpBytesPerLine = 16;
 
@@ -62,15 +65,10 @@ bool CDataStream::ReadFromFile(const std::string& path, CDataStream& out) {
   if (path.empty()) TRACE(5, "\nCDataStream::ReadFromFile() : Argument file path is empty!");
   TRACE(5, "\nCDataStream::ReadFromFile() : '%s'", path.c_str());
   try {
-    std::ifstream file;
-    file.exceptions(std::ios::badbit | std::ios::failbit);
-    file.open(path, std::ios::binary);
-    CDataStream content;
-    std::array<char, kReadSize> part;
-    // The buffer is read directly: for the stream itself the end of the file would be a failure.
-    for (std::streamsize count; (count = file.rdbuf()->sgetn(part.data(), part.size())) > 0;)
-      content.Append(part.data(), static_cast<size_t>(count));
-    out = std::move(content);
+    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    std::string content;
+    if (!file || !ReadToEnd(file.Get(), content)) throw std::system_error(errno, std::generic_category());
+    out = CDataStream(content.data(), content.size());
   } catch (const std::exception& error) {
     TRACE(1, "\nCDataStream::ReadFromFile() : Could not read file : '%s'", error.what());
     out.Clear();
