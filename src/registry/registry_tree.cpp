@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -86,6 +87,40 @@ bool TraceFailure(const char* what, const char* path) {
   return false;
 }
 
+// The errors that say that there is no file to read at a path. Behind any other a good one may lie.
+constexpr int kNothingThere[] = {0, ENOENT, ENOTDIR, EISDIR, ELOOP, ENOTSUP};
+
+bool IsNothingThere(int error) {
+  return std::ranges::find(kNothingThere, error) != std::end(kNothingThere);
+}
+
+// How a file was read that did not load.
+struct FileReading {
+  int error = 0;  // of the call that failed; 0: all was read and holds no value
+};
+
+bool ReadFile(const char* path, CRegistryNode& node, FileReading& reading) {
+  const File file(OpenRegularStream(path, O_RDONLY, 0, "r"));
+  if (file.Get() == nullptr) {
+    reading.error = errno;
+    TRACE(1, "CRegistry: WARNING: Could not open \"%s\"\n", path);
+    return false;
+  }
+  struct stat info {};
+  if (::fstat(::fileno(file.Get()), &info) != 0) {
+    reading.error = errno;
+  } else if (info.st_size == 0) {
+    TRACE(1, "CRegistry: WARNING: The length of \"%s\" is not sufficient\n", path);
+    return false;
+  }
+  const bool isTaken = node.restoreNode(file.Get());
+  const bool isCut = std::ferror(file.Get()) != 0;  // what is missing would be missing from the next save
+  if (isCut) reading.error = errno;
+  if (isTaken && !isCut) return true;
+  TRACE(1, "CRegistry: WARNING: Node restoring from \"%s\" failed - check the content of this file\n", path);
+  return false;
+}
+
 // A new file always: what an interrupted save, or somebody else, left at the path is taken away, not written to.
 FILE* MakeTempFile(const char* path) {
   ::unlink(path);
@@ -102,14 +137,18 @@ bool WriteContent(CRegistryNode& root, File& file, const char* path) {
   return file.Close() || TraceFailure("close", path);
 }
 
-bool HasContent(const char* path) {
+// True when it could be told.
+bool LookForContent(const char* path, bool& hasContent) {
   struct stat info {};
-  return ::stat(path, &info) == 0 && info.st_size > 0;
+  const bool isThere = ::stat(path, &info) == 0;
+  hasContent = isThere && info.st_size > 0;
+  return isThere || IsNothingThere(errno) || TraceFailure("examine", path);
 }
 
 // The new file takes the registry's place. When that fails after the old one was moved away, the old one comes back.
 bool RotateFiles(const char* temp, const char* registry, const char* backup) {
-  const bool hasOld = HasContent(registry);
+  bool hasOld = false;
+  if (!LookForContent(registry, hasOld)) return false;
   if (hasOld && std::rename(registry, backup) != 0) return TraceFailure("rename", registry);
   if (std::rename(temp, registry) == 0) return true;
   TraceFailure("rename", temp);
@@ -144,29 +183,14 @@ bool CRegistry::ReadTree(const char* path, CRegistryNode& node) {
     TRACE(1, "CRegistry: ERROR: Empty file path");
     return false;
   }
-  const File file(OpenRegularStream(path, O_RDONLY, 0, "r"));
-  if (file.Get() == nullptr) {
-    TRACE(1, "CRegistry: WARNING: Could not open \"%s\"\n", path);
-    return false;
-  }
-  struct stat info {};
-  if (::fstat(::fileno(file.Get()), &info) == 0 && info.st_size == 0) {
-    TRACE(1, "CRegistry: WARNING: The length of \"%s\" is not sufficient\n", path);
-    return false;
-  }
-  // What a read error cut off would be missing from the next save.
-  if (!node.restoreNode(file.Get()) || std::ferror(file.Get()) != 0) {
-    TRACE(1, "CRegistry: WARNING: Node restoring from \"%s\" failed - check the content of this file\n", path);
-    return false;
-  }
-  return true;
+  FileReading reading;
+  return ReadFile(path, node, reading);
 }
 
-// A file that could not be read for lack of memory or descriptors may be perfectly good.
 bool CRegistry::LoadFile(const char* path) {
-  errno = 0;
-  if (ReadTree(path, MRootNode)) return true;
-  if (errno == ENOMEM || errno == EMFILE || errno == ENFILE) MIsUnread = true;
+  FileReading reading;
+  if (ReadFile(path, MRootNode, reading)) return true;
+  if (!IsNothingThere(reading.error)) MIsUnread = true;
   return false;
 }
 
