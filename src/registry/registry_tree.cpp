@@ -87,6 +87,24 @@ bool TraceFailure(const char* what, const char* path) {
   return false;
 }
 
+// A file at a moment. One that was written to since is not the same.
+struct FileIdentity {
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;
+  timespec modified{};
+
+  static FileIdentity Of(const struct stat& info) { return {info.st_dev, info.st_ino, info.st_size, info.st_mtim}; }
+  bool Is(const struct stat& info) const {
+    return device == info.st_dev && inode == info.st_ino && size == info.st_size &&
+           modified.tv_sec == info.st_mtim.tv_sec && modified.tv_nsec == info.st_mtim.tv_nsec;
+  }
+};
+
+// The registry file when it did not load: it never takes the place of the backup, which may be all that is left.
+// Guarded by the class lock.
+constinit FileIdentity refusedFile;
+
 // The errors that say that there is no file to read at a path. Behind any other a good one may lie.
 constexpr int kNothingThere[] = {0, ENOENT, ENOTDIR, EISDIR, ELOOP, ENOTSUP};
 
@@ -97,6 +115,7 @@ bool IsNothingThere(int error) {
 // How a file was read that did not load.
 struct FileReading {
   int error = 0;  // of the call that failed; 0: all was read and holds no value
+  FileIdentity file;
 };
 
 bool ReadFile(const char* path, CRegistryNode& node, FileReading& reading) {
@@ -113,6 +132,7 @@ bool ReadFile(const char* path, CRegistryNode& node, FileReading& reading) {
     TRACE(1, "CRegistry: WARNING: The length of \"%s\" is not sufficient\n", path);
     return false;
   }
+  reading.file = S_ISREG(info.st_mode) ? FileIdentity::Of(info) : FileIdentity();
   const bool isTaken = node.restoreNode(file.Get());
   const bool isCut = std::ferror(file.Get()) != 0;  // what is missing would be missing from the next save
   if (isCut) reading.error = errno;
@@ -141,7 +161,7 @@ bool WriteContent(CRegistryNode& root, File& file, const char* path) {
 bool LookForContent(const char* path, bool& hasContent) {
   struct stat info {};
   const bool isThere = ::stat(path, &info) == 0;
-  hasContent = isThere && info.st_size > 0;
+  hasContent = isThere && info.st_size > 0 && !refusedFile.Is(info);
   return isThere || IsNothingThere(errno) || TraceFailure("examine", path);
 }
 
@@ -150,7 +170,10 @@ bool RotateFiles(const char* temp, const char* registry, const char* backup) {
   bool hasOld = false;
   if (!LookForContent(registry, hasOld)) return false;
   if (hasOld && std::rename(registry, backup) != 0) return TraceFailure("rename", registry);
-  if (std::rename(temp, registry) == 0) return true;
+  if (std::rename(temp, registry) == 0) {
+    refusedFile = {};
+    return true;
+  }
   TraceFailure("rename", temp);
   if (hasOld && std::rename(backup, registry) != 0) TraceFailure("rename", backup);
   return false;
@@ -191,11 +214,13 @@ bool CRegistry::LoadFile(const char* path) {
   FileReading reading;
   if (ReadFile(path, MRootNode, reading)) return true;
   if (!IsNothingThere(reading.error)) MIsUnread = true;
+  if (path == MPRegistry) refusedFile = reading.file;
   return false;
 }
 
 bool CRegistry::LoadTree() {
   MIsUnread = false;
+  refusedFile = {};
   if (LoadFile(MPRegistry)) return true;
   TRACE(1, "CRegistry: WARNING: Could not restore tree from \"%s\", trying backup\n", MPRegistry);
   if (LoadFile(MPRegistryOld)) return true;
