@@ -122,7 +122,8 @@ class CRegistry {
   // of the registry file, whose old content stays as its backup - unless that content did not load: then the backup,
   // from which the tree may have come, stays as it is. When that fails, it is traced, the registry file is as it was,
   // and the next save tries again - except when registry.new cannot be opened: then the changes count as saved until
-  // the next one. A tree is never written when reading a file failed for a reason that says nothing about its
+  // the next one. Processes that save at once do so one after the other: a save that has waited a second for another
+  // one fails as above. A tree is never written when reading a file failed for a reason that says nothing about its
   // content (no memory, no descriptors, no permission, an error of the disk): what was not read may be all of it.
   static void SaveTree();
 

@@ -16,12 +16,12 @@
 #include "platform/regular_file.h"
 #include "platform/unique_fd.h"
 #include "registry/registry.h"
+#include "registry/registry_temp_file.h"
 #include "trace/debug.h"
 
 namespace {
 
 constexpr const char* kDirectory = "/etc/pelrix";
-constexpr mode_t kTempMode = 0666;  // before the umask, until it is complete
 constexpr mode_t kRegistryMode = 0644;
 
 // Constructed at compile time and left alone at the end of the process.
@@ -141,12 +141,6 @@ bool ReadFile(const char* path, CRegistryNode& node, FileReading& reading) {
   return false;
 }
 
-// A new file always: what an interrupted save, or somebody else, left at the path is taken away, not written to.
-FILE* MakeTempFile(const char* path) {
-  ::unlink(path);
-  return OpenRegularStream(path, O_WRONLY | O_CREAT | O_EXCL, kTempMode, "w");
-}
-
 // Complete and on the disk when this is true.
 bool WriteContent(CRegistryNode& root, File& file, const char* path) {
   std::setvbuf(file.Get(), nullptr, _IONBF, 0);  // the text comes in large blocks
@@ -166,9 +160,10 @@ bool LookForContent(const char* path, bool& hasContent) {
 }
 
 // The new file takes the registry's place. When that fails after the old one was moved away, the old one comes back.
-bool RotateFiles(const char* temp, const char* registry, const char* backup) {
+bool RotateFiles(const CRegistryTempFile& tempFile, const char* temp, const char* registry, const char* backup) {
   bool hasOld = false;
   if (!LookForContent(registry, hasOld)) return false;
+  if (!tempFile.IsInPlace()) return TraceFailure("rename", temp);
   if (hasOld && std::rename(registry, backup) != 0) return TraceFailure("rename", registry);
   if (std::rename(temp, registry) == 0) {
     refusedFile = {};
@@ -299,7 +294,10 @@ void CRegistry::SaveTree() {
 
 // True when nothing is left to be tried again.
 bool CRegistry::ReplaceRegistryFile() {
-  File file(MakeTempFile(MPRegistryTemp));
+  CRegistryTempFile temp(MPRegistryTemp);
+  const CRegistryTempFile::Opening opening = temp.Open();
+  if (opening == CRegistryTempFile::Opening::kNotLocked) return TraceFailure("lock", MPRegistryTemp);
+  File file(opening == CRegistryTempFile::Opening::kDone ? temp.MakeStream() : nullptr);
   if (file.Get() == nullptr) {
     TRACE(1, "CRegistry: ERROR: Cannot open \"%s\" for writing\n", MPRegistryTemp);
     return true;
@@ -311,8 +309,8 @@ bool CRegistry::ReplaceRegistryFile() {
     errno = ENOMEM;
     TraceFailure("write", MPRegistryTemp);
   }
-  if (!isWritten || !RotateFiles(MPRegistryTemp, MPRegistry, MPRegistryOld)) {
-    ::unlink(MPRegistryTemp);
+  if (!isWritten || !RotateFiles(temp, MPRegistryTemp, MPRegistry, MPRegistryOld)) {
+    temp.Remove();
     return false;
   }
   if (!SyncDirectory()) return false;
