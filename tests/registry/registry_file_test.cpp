@@ -371,6 +371,10 @@ TEST(RegistryFile, FailedWriteAtAnyByteChangesNothingAndIsTriedAgain) {
       EXPECT_TRUE(hasTraced("CRegistry: ERROR: Cannot write"));
       CRegistry::SaveTree();
       EXPECT_TRUE(hasTraced("SaveTree MPRegistryTemp"));
+      std::printf(
+          "figure: cut at each byte of a short tree and at each %lu bytes of one of %zu: nothing is changed or "
+          "reported as done\n",
+          row.step, after.size());
     });
     EXPECT_EQ(root.ReadFile(kRegistry), after);
     EXPECT_EQ(root.ReadFile(kOld), before);
@@ -419,6 +423,7 @@ TEST(RegistryFile, StoppedSaverHoldsTheOthersUpForASecond) {
       EXPECT_EQ(trace.Count("SaveTree MPRegistryTemp"), 0);
       EXPECT_EQ(ReadWholeFile(kNew), "half");
       EXPECT_EQ(ReadWholeFile(kRegistry), FileText("V=d=1\n"));
+      std::printf("figure: a saver that is stopped holds the next one up for about a second; its file is left alone\n");
     }
     // What is left may be somebody else's, who would then own the registry.
     const bool isForeign = ::chown(kNew, 65534, 65534) == 0;
