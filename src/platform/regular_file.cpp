@@ -17,13 +17,12 @@ int Examine(int fd, bool isForWriting) {
   return isForWriting && info.st_nlink > 1 ? EMLINK : 0;
 }
 
-// A module that closed the standard descriptors still prints to them.
+}  // namespace
+
 UniqueFd AboveStandardDescriptors(UniqueFd file) {
   if (!file || file.Get() > STDERR_FILENO) return file;
   return UniqueFd(::fcntl(file.Get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
 }
-
-}  // namespace
 
 UniqueFd OpenRegularFile(const char* path, int flags, mode_t mode) {
   const bool isForWriting = (flags & O_ACCMODE) != O_RDONLY;

@@ -10,6 +10,9 @@
 // traces; any thread may call it. Always close-on-exec, and never under the number of a standard descriptor, even where
 // those are closed. On failure there is no descriptor and errno tells why.
 
+// The same file under a number above those of the standard descriptors: a module that closed them still prints to them.
+UniqueFd AboveStandardDescriptors(UniqueFd file);
+
 // Opens a regular file; a pipe or a device at the path is refused (ENOTSUP) without waiting for its other side. For
 // writing, a symbolic link at the path (ELOOP) and a file that has further names (EMLINK) are refused, too, and the
 // file is emptied only after that. flags as for open, mode for a file that is made, before the umask.

@@ -119,9 +119,12 @@ class CRegistry {
   // changes that were not saved are lost with them.
   static void SetupTree(bool forceSetup);
   // Writes the tree when it has changed: completely and down to the disk as registry.new, which then takes the place
-  // of the registry file, whose old content stays as its backup. When that fails, it is traced, the registry file is
-  // as it was, and the next save tries again - except when registry.new cannot be opened: then the changes count as
-  // saved until the next one. A tree that could not be loaded whole for lack of memory or descriptors is never written.
+  // of the registry file, whose old content stays as its backup - unless that content did not load: then the backup,
+  // from which the tree may have come, stays as it is. When that fails, it is traced, the registry file is as it was,
+  // and the next save tries again - except when registry.new cannot be opened: then the changes count as saved until
+  // the next one. Processes that save at once do so one after the other: a save that has waited a second for another
+  // one fails as above. A tree is never written when reading a file failed for a reason that says nothing about its
+  // content (no memory, no descriptors, no permission, an error of the disk): what was not read may be all of it.
   static void SaveTree();
 
   int m_Result;             // of the last operation

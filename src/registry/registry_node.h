@@ -43,7 +43,7 @@ class CRegistryNode : public CCriticalSection {
 
   // Reads lines into this node until an empty line or the end of the file. True when at least one value line was taken
   // in this node or below it. Entries of the same name are replaced. The stream is read in blocks: where it stands
-  // afterwards is not said.
+  // afterwards is not said. After a read error, which stays in the stream, errno is its number.
   bool restoreNode(FILE* file);
 
   // Frees the values of all entries, whole subtrees included; the names stay until the node goes.

@@ -1,6 +1,7 @@
 // Writing and reading the content of a node as text.
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -129,6 +130,9 @@ class LineReader {
     return true;
   }
 
+  // Of the read that failed, after which nothing more is read; 0 when none did.
+  int Error() const { return m_Error; }
+
  private:
   static constexpr size_t kReadSize = 64 * 1024;
   static constexpr size_t kNone = std::string_view::npos;
@@ -144,7 +148,8 @@ class LineReader {
     std::memmove(m_Buffer.get(), m_Buffer.get() + m_Begin, m_End - m_Begin);
     m_End -= std::exchange(m_Begin, 0);
     char* fresh = m_Buffer.get() + m_End;
-    const size_t count = std::fread(fresh, 1, kReadSize - m_End, m_File);
+    const size_t count = m_Error == 0 ? std::fread(fresh, 1, kReadSize - m_End, m_File) : 0;
+    if (m_Error == 0 && std::ferror(m_File) != 0) m_Error = errno;
     m_HasZeros = m_HasZeros || std::memchr(fresh, '\0', count) != nullptr;
     m_End += count;
     return true;
@@ -155,6 +160,7 @@ class LineReader {
   size_t m_Begin = 0;
   size_t m_End = 0;
   bool m_HasZeros = false;
+  int m_Error = 0;
   bool m_IsPiece = false;  // the last line ended without a newline,
   char m_Replaced = '\0';  // and this stood where its zero byte is
 };
@@ -176,6 +182,7 @@ class Restore {
     }
     while (CloseKey()) {
     }
+    if (lines.Error() != 0) errno = lines.Error();
     return m_IsTaken;
   }
 

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -15,12 +16,12 @@
 #include "platform/regular_file.h"
 #include "platform/unique_fd.h"
 #include "registry/registry.h"
+#include "registry/registry_temp_file.h"
 #include "trace/debug.h"
 
 namespace {
 
 constexpr const char* kDirectory = "/etc/pelrix";
-constexpr mode_t kTempMode = 0666;  // before the umask, until it is complete
 constexpr mode_t kRegistryMode = 0644;
 
 // Constructed at compile time and left alone at the end of the process.
@@ -86,10 +87,58 @@ bool TraceFailure(const char* what, const char* path) {
   return false;
 }
 
-// A new file always: what an interrupted save, or somebody else, left at the path is taken away, not written to.
-FILE* MakeTempFile(const char* path) {
-  ::unlink(path);
-  return OpenRegularStream(path, O_WRONLY | O_CREAT | O_EXCL, kTempMode, "w");
+// A file at a moment. One that was written to since is not the same.
+struct FileIdentity {
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;
+  timespec modified{};
+
+  static FileIdentity Of(const struct stat& info) { return {info.st_dev, info.st_ino, info.st_size, info.st_mtim}; }
+  bool Is(const struct stat& info) const {
+    return device == info.st_dev && inode == info.st_ino && size == info.st_size &&
+           modified.tv_sec == info.st_mtim.tv_sec && modified.tv_nsec == info.st_mtim.tv_nsec;
+  }
+};
+
+// The registry file when it did not load: it never takes the place of the backup, which may be all that is left.
+// Guarded by the class lock.
+constinit FileIdentity refusedFile;
+
+// The errors that say that there is no file to read at a path. Behind any other a good one may lie.
+constexpr int kNothingThere[] = {0, ENOENT, ENOTDIR, EISDIR, ELOOP, ENOTSUP};
+
+bool IsNothingThere(int error) {
+  return std::ranges::find(kNothingThere, error) != std::end(kNothingThere);
+}
+
+// How a file was read that did not load.
+struct FileReading {
+  int error = 0;  // of the call that failed; 0: all was read and holds no value
+  FileIdentity file;
+};
+
+bool ReadFile(const char* path, CRegistryNode& node, FileReading& reading) {
+  const File file(OpenRegularStream(path, O_RDONLY, 0, "r"));
+  if (file.Get() == nullptr) {
+    reading.error = errno;
+    TRACE(1, "CRegistry: WARNING: Could not open \"%s\"\n", path);
+    return false;
+  }
+  struct stat info {};
+  if (::fstat(::fileno(file.Get()), &info) != 0) {
+    reading.error = errno;
+  } else if (info.st_size == 0) {
+    TRACE(1, "CRegistry: WARNING: The length of \"%s\" is not sufficient\n", path);
+    return false;
+  }
+  reading.file = S_ISREG(info.st_mode) ? FileIdentity::Of(info) : FileIdentity();
+  const bool isTaken = node.restoreNode(file.Get());
+  const bool isCut = std::ferror(file.Get()) != 0;  // what is missing would be missing from the next save
+  if (isCut) reading.error = errno;
+  if (isTaken && !isCut) return true;
+  TRACE(1, "CRegistry: WARNING: Node restoring from \"%s\" failed - check the content of this file\n", path);
+  return false;
 }
 
 // Complete and on the disk when this is true.
@@ -102,16 +151,24 @@ bool WriteContent(CRegistryNode& root, File& file, const char* path) {
   return file.Close() || TraceFailure("close", path);
 }
 
-bool HasContent(const char* path) {
+// True when it could be told.
+bool LookForContent(const char* path, bool& hasContent) {
   struct stat info {};
-  return ::stat(path, &info) == 0 && info.st_size > 0;
+  const bool isThere = ::stat(path, &info) == 0;
+  hasContent = isThere && info.st_size > 0 && !refusedFile.Is(info);
+  return isThere || IsNothingThere(errno) || TraceFailure("examine", path);
 }
 
 // The new file takes the registry's place. When that fails after the old one was moved away, the old one comes back.
-bool RotateFiles(const char* temp, const char* registry, const char* backup) {
-  const bool hasOld = HasContent(registry);
+bool RotateFiles(const CRegistryTempFile& tempFile, const char* temp, const char* registry, const char* backup) {
+  bool hasOld = false;
+  if (!LookForContent(registry, hasOld)) return false;
+  if (!tempFile.IsInPlace()) return TraceFailure("rename", temp);
   if (hasOld && std::rename(registry, backup) != 0) return TraceFailure("rename", registry);
-  if (std::rename(temp, registry) == 0) return true;
+  if (std::rename(temp, registry) == 0) {
+    refusedFile = {};
+    return true;
+  }
   TraceFailure("rename", temp);
   if (hasOld && std::rename(backup, registry) != 0) TraceFailure("rename", backup);
   return false;
@@ -144,34 +201,21 @@ bool CRegistry::ReadTree(const char* path, CRegistryNode& node) {
     TRACE(1, "CRegistry: ERROR: Empty file path");
     return false;
   }
-  const File file(OpenRegularStream(path, O_RDONLY, 0, "r"));
-  if (file.Get() == nullptr) {
-    TRACE(1, "CRegistry: WARNING: Could not open \"%s\"\n", path);
-    return false;
-  }
-  struct stat info {};
-  if (::fstat(::fileno(file.Get()), &info) == 0 && info.st_size == 0) {
-    TRACE(1, "CRegistry: WARNING: The length of \"%s\" is not sufficient\n", path);
-    return false;
-  }
-  // What a read error cut off would be missing from the next save.
-  if (!node.restoreNode(file.Get()) || std::ferror(file.Get()) != 0) {
-    TRACE(1, "CRegistry: WARNING: Node restoring from \"%s\" failed - check the content of this file\n", path);
-    return false;
-  }
-  return true;
+  FileReading reading;
+  return ReadFile(path, node, reading);
 }
 
-// A file that could not be read for lack of memory or descriptors may be perfectly good.
 bool CRegistry::LoadFile(const char* path) {
-  errno = 0;
-  if (ReadTree(path, MRootNode)) return true;
-  if (errno == ENOMEM || errno == EMFILE || errno == ENFILE) MIsUnread = true;
+  FileReading reading;
+  if (ReadFile(path, MRootNode, reading)) return true;
+  if (!IsNothingThere(reading.error)) MIsUnread = true;
+  if (path == MPRegistry) refusedFile = reading.file;
   return false;
 }
 
 bool CRegistry::LoadTree() {
   MIsUnread = false;
+  refusedFile = {};
   if (LoadFile(MPRegistry)) return true;
   TRACE(1, "CRegistry: WARNING: Could not restore tree from \"%s\", trying backup\n", MPRegistry);
   if (LoadFile(MPRegistryOld)) return true;
@@ -250,7 +294,10 @@ void CRegistry::SaveTree() {
 
 // True when nothing is left to be tried again.
 bool CRegistry::ReplaceRegistryFile() {
-  File file(MakeTempFile(MPRegistryTemp));
+  CRegistryTempFile temp(MPRegistryTemp);
+  const CRegistryTempFile::Opening opening = temp.Open();
+  if (opening == CRegistryTempFile::Opening::kNotLocked) return TraceFailure("lock", MPRegistryTemp);
+  File file(opening == CRegistryTempFile::Opening::kDone ? temp.MakeStream() : nullptr);
   if (file.Get() == nullptr) {
     TRACE(1, "CRegistry: ERROR: Cannot open \"%s\" for writing\n", MPRegistryTemp);
     return true;
@@ -262,8 +309,8 @@ bool CRegistry::ReplaceRegistryFile() {
     errno = ENOMEM;
     TraceFailure("write", MPRegistryTemp);
   }
-  if (!isWritten || !RotateFiles(MPRegistryTemp, MPRegistry, MPRegistryOld)) {
-    ::unlink(MPRegistryTemp);
+  if (!isWritten || !RotateFiles(temp, MPRegistryTemp, MPRegistry, MPRegistryOld)) {
+    temp.Remove();
     return false;
   }
   if (!SyncDirectory()) return false;
