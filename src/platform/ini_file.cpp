@@ -237,7 +237,8 @@ void RemoveFile(const char* fileName) {
 }
 
 bool CreateFile(const char* fileName, std::string_view text) {
-  const UniqueFd file(::open(fileName, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, kFileMode));
+  const UniqueFd file =
+      AboveStandardDescriptors(UniqueFd(::open(fileName, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, kFileMode)));
   if (!file) {
     TraceAppendError(fileName);
     return false;
@@ -249,7 +250,7 @@ bool CreateFile(const char* fileName, std::string_view text) {
 }
 
 bool ReopenAndAppend(const char* fileName, std::string_view text) {
-  const UniqueFd file(::open(fileName, O_WRONLY | O_APPEND | O_CLOEXEC));
+  const UniqueFd file = AboveStandardDescriptors(UniqueFd(::open(fileName, O_WRONLY | O_APPEND | O_CLOEXEC)));
   if (!file) {
     TraceAppendError(fileName);
     return false;
@@ -323,7 +324,7 @@ int CIniFile::WritePrivateProfileString(const char* section, const char* key, co
   }
   TRACE(4, "WritePrivateProfileString(%s, %s, %s, %s)\n", section, key == nullptr ? "<nil>" : key,
         value == nullptr ? "<nil>" : value, fileName);
-  const UniqueFd file(::open(fileName, O_RDWR | O_NONBLOCK | O_CLOEXEC));
+  const UniqueFd file = AboveStandardDescriptors(UniqueFd(::open(fileName, O_RDWR | O_NONBLOCK | O_CLOEXEC)));
   const int error = errno;
   if (!file && error != ENOENT) {
     TraceAppendError(fileName);

@@ -26,8 +26,6 @@ constexpr off_t kTable = 0xE1234;
 constexpr off_t kEntryPoint = 0xF0480;
 constexpr off_t kEntryPoint64 = 0xF0500;
 constexpr off_t kRoutingTable = 0xF5000;
-constexpr const char* kSysfsEntryPoint = "/sys/firmware/dmi/tables/smbios_entry_point";
-constexpr const char* kSysfsTable = "/sys/firmware/dmi/tables/DMI";
 
 // A part of the firmware, where it stands in a file, and where it has a checksum over itself.
 struct Part {
