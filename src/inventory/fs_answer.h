@@ -4,8 +4,8 @@
 
 #include "inventory/mount_entry.h"
 
-// What is mounted where, told from the list of mounts before any of them is asked. The state is static and unguarded, as
-// that of the mount table.
+// What is mounted where, told from the list of mounts before any of them is asked. The state is static and unguarded,
+// as that of the mount table.
 void forget_mounts();
 void note_mount(const char* mountPoint, const char* type);
 
