@@ -144,7 +144,10 @@ class Picture {
       --m_Column;
     } else if (static_cast<unsigned char>(character[0]) >= 0x20) {
       if (m_Line >= m_Cells.size() || m_Column >= m_Cells[0].size()) {
-        ADD_FAILURE() << "drawn outside: line " << m_Line << ", column " << m_Column;
+        // Drawn for the size before. What is drawn outside for good never gets a picture again.
+        m_IsErased = false;
+        for (size_t line = 0; line < m_Cells.size(); ++line)
+          Blank(line, 0, m_Cells[0].size());
         return;
       }
       m_Cells[m_Line][m_Column++] = character;
