@@ -24,6 +24,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kAnswerMs = 1000;
+constexpr int kShortestAnswerMs = 100;               // a lively one on a busy machine takes its time, too
 constexpr auto kSilence = std::chrono::seconds(60);  // until the next question
 constexpr auto kRound = std::chrono::seconds(5);     // questions with less between them belong to one scan
 
@@ -119,11 +120,11 @@ pid_t StartChild(const char* mountPoint, int answerFd) {
   return child;
 }
 
-// Each silence halves the time for the next question of the same scan: together they take no more than two seconds.
+// Each silence halves the time for the next question of the same scan.
 int PatienceMs() {
   State& state = Answers();
   if (Clock::now() - state.lastSilence > kRound) state.silentCount = 0;
-  return std::max(kAnswerMs >> std::min(state.silentCount, 10), 1);
+  return std::max(kAnswerMs >> std::min(state.silentCount, 10), kShortestAnswerMs);
 }
 
 void CountSilence() {
