@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -79,7 +80,10 @@ void CloseDescriptors(unsigned int end) {
   }
 }
 
-void UnblockSignals() {
+void ResetSignals() {
+  for (int signal = 1; signal < NSIG; ++signal) {
+    ::signal(signal, SIG_DFL);
+  }
   sigset_t signals;
   ::sigemptyset(&signals);
   for (const int signal : kUnblockedSignals) {
@@ -106,8 +110,8 @@ bool IsWorthAnotherTry(int error) {
 
 }  // namespace
 
-CChildStart::CChildStart(std::vector<std::string> words, bool inheritHandles)
-    : m_Words(std::move(words)), m_FirstKeptDescriptor(inheritHandles ? 0 : DescriptorLimit()) {
+CChildStart::CChildStart(std::vector<std::string> words, bool inheritHandles, int directory)
+    : m_Words(std::move(words)), m_Directory(directory), m_FirstKeptDescriptor(inheritHandles ? 0 : DescriptorLimit()) {
   m_Candidates = PathsOfProgram(m_Words.empty() ? std::string() : m_Words.front());
   for (std::string& word : m_Words) {
     m_Arguments.push_back(word.data());
@@ -124,9 +128,26 @@ pid_t CChildStart::Start() {
   return child;
 }
 
+// The child in between ends at once and tells by its status whether it could start the other.
+bool CChildStart::StartOrphan() {
+  const pid_t between = ::fork();
+  if (between == 0) {
+    const pid_t child = ::_Fork();
+    if (child == 0) RunChild();
+    ::_exit(child > 0 ? 0 : kCannotRun);
+  }
+  int status = 0;
+  pid_t ended = -1;
+  do {
+    ended = ::waitpid(between, &status, 0);
+  } while (ended < 0 && errno == EINTR);
+  return between > 0 && status == 0;
+}
+
 void CChildStart::RunChild() {
+  if (m_Directory >= 0 && ::fchdir(m_Directory) != 0) ::_exit(kCannotRun);
   if (m_FirstKeptDescriptor > kFirstClosedDescriptor) CloseDescriptors(m_FirstKeptDescriptor);
-  UnblockSignals();
+  ResetSignals();
   ExecuteCandidates();
   ::_exit(kCannotRun);
 }
