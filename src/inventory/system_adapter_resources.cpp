@@ -6,7 +6,7 @@
 #include "firmware/little_endian.h"
 #include "inventory/memory_ranges.h"
 #include "inventory/system_adapter.h"
-#include "pci/text_cursor.h"
+#include "platform/text_cursor.h"
 #include "platform/stdio_file.h"
 #include "trace/debug.h"
 

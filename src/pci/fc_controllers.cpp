@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "pci/line_reader.h"
-#include "pci/text_cursor.h"
+#include "platform/text_cursor.h"
 #include "platform/unique_fd.h"
 #include "trace/debug.h"
 

@@ -14,9 +14,8 @@
 
 #include "platform/cancellation.h"
 #include "platform/critical_section.h"
+#include "platform/named_objects.h"
 #include "platform/never_destroyed.h"
-#include "platform/owned_text.h"
-#include "platform/str_map.h"
 #include "trace/debug.h"
 
 // The event itself, owned jointly by its handles. The state is written under the mutex, save for atomic reads
@@ -25,7 +24,7 @@
 // Who is woken is decided when the event is signalled, not when a thread happens to run: a signal promises wake-ups to
 // threads that wait by then, and whoever comes later takes neither a promised wake-up nor the state that goes with it.
 // Until the last promise is kept the state of an auto-reset event stays as the signal left it.
-struct CEventData {
+struct CEventData : SharedObject {
   void* Address() { return this; }  // for %p
   const char* NameText() const { return name != nullptr ? name.get() : "anon"; }
   bool Signaled() const { return IsSignaled.load(std::memory_order_acquire); }
@@ -37,14 +36,12 @@ struct CEventData {
 
   pthread_cond_t cond = {};
   pthread_mutex_t mutex = {};  // guards IsManual, IsSignaled and the numbers of threads
-  uint32_t refCount = 1;       // guarded by g_EventLock
   std::atomic<bool> IsManual = false;
   std::atomic<bool> IsSignaled = false;
-  std::unique_ptr<char[]> name;  // null = none; fixed before the event is shared
-  uint32_t waiters = 0;          // threads inside Wait
-  uint32_t eligible = 0;         // those of them that waited already at the last signal
-  uint32_t promised = 0;         // wake-ups that eligible threads have not taken yet; never more than eligible
-  uint64_t signals = 0;          // how often the event was signalled: tells who came before the last time
+  uint32_t waiters = 0;   // threads inside Wait
+  uint32_t eligible = 0;  // those of them that waited already at the last signal
+  uint32_t promised = 0;  // wake-ups that eligible threads have not taken yet; never more than eligible
+  uint64_t signals = 0;   // how often the event was signalled: tells who came before the last time
   pthread_condattr_t condAttr = {};
 };
 
@@ -70,8 +67,7 @@ namespace {
 constexpr std::chrono::milliseconds kFirstDesertedPause{1};
 constexpr std::chrono::milliseconds kLongestDesertedPause{1000};
 
-constinit NeverDestroyed<CCriticalSection> g_EventLock;
-constinit NeverDestroyed<CStrMap> g_NamedEvents;
+constinit NeverDestroyed<NamedObjects<CEventData>> g_Events;
 
 class MutexLock {
  public:
@@ -178,28 +174,10 @@ CEventData* NewEvent(bool initialState, bool manualReset) {
   return InitSystemObjects(*event) ? event.release() : nullptr;
 }
 
-bool RegisterName(CEventData& event, const char* name) {
-  event.name = CopyText(name);
-  if (event.name == nullptr) return false;
-  const CCriticalSectionLock lock(g_NamedEvents.object);
-  CStrMap::Entry* entry = g_NamedEvents.object.Insert(name);
-  if (entry == nullptr) return false;
-  entry->value = &event;
-  entry->third = 0;
-  return true;
-}
-
-// g_EventLock is held.
-CEventData* FindNamedEvent(const char* name) {
-  const CCriticalSectionLock lock(g_NamedEvents.object);
-  const CStrMap::Entry* entry = g_NamedEvents.object.Find(name);
-  return entry != nullptr ? static_cast<CEventData*>(entry->value) : nullptr;
-}
-
-// g_EventLock is held.
+// The lock of the events is held.
 CEventData* NewNamedEvent(bool initialState, bool manualReset, const char* name) {
   CEventData* event = NewEvent(initialState, manualReset);
-  if (event == nullptr || RegisterName(*event, name)) return event;
+  if (event == nullptr || g_Events.object.Register(*event, name)) return event;
   DestroySystemObjects(*event);
   delete event;
   return nullptr;
@@ -215,7 +193,7 @@ void WaitUntilDeserted(CEventData& event) {
   }
 }
 
-// Ends an event whose last reference is gone; null is none. g_EventLock is not held: this may take its time.
+// Ends an event whose last reference is gone; null is none. the lock of the events is not held: this may take its time.
 void DestroyEvent(CEventData* event) {
   if (event == nullptr) return;
   WaitUntilDeserted(*event);
@@ -260,14 +238,10 @@ CEvent::CEvent(bool initialState, bool manualReset, const char* name) {
 void CEvent::JoinOrCreate(bool initialState, bool manualReset, const char* name) {
   bool joined = false;
   {
-    const CCriticalSectionLock lock(g_EventLock.object);
-    data = FindNamedEvent(name);
+    const CCriticalSectionLock lock(g_Events.object.Lock());
+    data = g_Events.object.Join(name);
     joined = data != nullptr;
-    if (joined) {
-      ++data->refCount;
-    } else {
-      data = NewNamedEvent(initialState, manualReset, name);
-    }
+    if (!joined) data = NewNamedEvent(initialState, manualReset, name);
   }
   if (data == nullptr) return;
   if (!joined) {
@@ -285,7 +259,7 @@ CEvent::~CEvent() {
   const CancellationBlock block;
   CEventData* last = nullptr;
   {
-    const CCriticalSectionLock lock(g_EventLock.object);
+    const CCriticalSectionLock lock(g_Events.object.Lock());
     last = DropReference();
   }
   DestroyEvent(last);
@@ -296,7 +270,7 @@ CEvent& CEvent::operator=(const CEvent& other) {
   const CancellationBlock block;
   CEventData* last = nullptr;
   {
-    const CCriticalSectionLock lock(g_EventLock.object);
+    const CCriticalSectionLock lock(g_Events.object.Lock());
     last = DropReference();
     closed.store(false, std::memory_order_release);
     data = other.data;
@@ -310,19 +284,15 @@ CEvent& CEvent::operator=(const CEvent& other) {
   return *this;
 }
 
-// Empties the handle; g_EventLock is held. Returns the event when nobody refers to it any more, for the caller to
-// destroy once the lock is left; otherwise null. The trace line is written before that: afterwards the next handle to
-// go may free the event.
+// Empties the handle; the lock of the events is held. Returns the event when nobody refers to it any more, for the
+// caller to destroy once the lock is left; otherwise null. The trace line is written before that: afterwards the next
+// handle to go may free the event.
 CEventData* CEvent::DropReference() {
   CEventData* event = std::exchange(data, nullptr);
   if (event == nullptr) return nullptr;
-  if (--event->refCount > 0) {
-    TRACE(5, "decr refcount on event %p <%s> (IsSignaled=%d)\n", event->Address(), event->NameText(),
-          event->Signaled());
-    return nullptr;
-  }
-  if (event->name != nullptr) g_NamedEvents.object.Remove(event->name.get());
-  return event;
+  if (g_Events.object.Drop(*event)) return event;
+  TRACE(5, "decr refcount on event %p <%s> (IsSignaled=%d)\n", event->Address(), event->NameText(), event->Signaled());
+  return nullptr;
 }
 
 // The operations below take the event out of the handle once, on entry: while they run, a thread that they released may

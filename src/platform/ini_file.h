@@ -12,9 +12,10 @@
 // another, about a second; a reader finds the file before or after an edit. The static operations may be called by any
 // thread; an object belongs to one thread at a time, since its operations share its buffers.
 //
-// Failures: a read that finds no file, section or key, or no memory, gives the default. A write gives false (0) when the file cannot
-// be opened or edited and when there is nothing to delete, and leaves the file as it was. Operations on an object
-// without a file name, with a null section or key, or that is not open do nothing and give their default, "" or false.
+// Failures: a read that finds no file, section or key, or no memory, gives the default. A write gives false (0) when
+// the file cannot be opened or edited and when there is nothing to delete, and leaves the file as it was. Operations on
+// an object without a file name, with a null section or key, or that is not open do nothing and give their default, ""
+// or false.
 //
 // Names and values are written as they are. What a reader cuts off or skips does not come back: white space around a
 // name or value, ';' and what follows it, line breaks, an '=' in a key, a key that begins with '[' or ';', and what
@@ -40,9 +41,9 @@ class CIniFile {
   // what the name points to when it is a dangling link. An edit that changes nothing writes nothing. What is no regular
   // file is refused.
   //
-  // The new file is written beside the old one, brought to the disk and renamed (platform/edit_file.h): whatever happens
-  // the old file or the new one is there, with its owner, mode and extended attributes. In place, with a moment in which
-  // a kill or a power failure leaves a mixture of both, only where a rename cannot be.
+  // The new file is written beside the old one, brought to the disk and renamed (platform/edit_file.h): whatever
+  // happens the old file or the new one is there, with its owner, mode and extended attributes. In place, with a moment
+  // in which a kill or a power failure leaves a mixture of both, only where a rename cannot be.
   static int WritePrivateProfileString(const char* section, const char* key, const char* value, const char* fileName);
 
   // Keeps a copy; null clears the name. An open object stays open.
