@@ -36,13 +36,6 @@ void InLanes(int count, const std::function<void(int)>& body) {
     EXPECT_EQ(WaitFor(lane, 900), 0);
 }
 
-void SwitchTracingOn() {
-  for (const char* variable : {"TraceFileLimit", "QN_LOG_RINGBUF_WEIGHT"})
-    ::setenv(variable, "1", 1);
-  ::setenv("QN_LOG_DEBUG_LEVEL", "5", 1);
-  ::setenv("QN_LOG_FILE_MAX_SIZE", "1000000000", 1);
-}
-
 // The files of the root with what was mounted left out.
 std::set<std::string> FilesOfRoot() {
   std::set<std::string> files;

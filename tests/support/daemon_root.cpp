@@ -84,11 +84,13 @@ std::string TextOf(const std::string& path) {
   return content.str();
 }
 
-pid_t StartDaemon(bool isBackground, std::vector<std::string> options) {
+pid_t StartDaemon(bool isBackground, const std::vector<std::string>& options) {
   ::unlink(kLog);
-  options.insert(options.begin(), "/ravd");
-  if (!isBackground) options.emplace_back("-n");
-  const pid_t started = Start(options);
+  std::vector<std::string> command = {"/ravd"};
+  for (const std::string& option : options)
+    command.push_back(option);
+  if (!isBackground) command.emplace_back("-n");
+  const pid_t started = Start(command);
   if (isBackground) {
     EXPECT_EQ(WaitFor(started), 0);
   }

@@ -45,7 +45,7 @@ std::string TextOf(const std::string& path);
 
 // Starts the daemon without an old log file. In the background the child that goes on as the daemon; before it is ready
 // it has no PID file.
-pid_t StartDaemon(bool isBackground = false, std::vector<std::string> options = {});
+pid_t StartDaemon(bool isBackground = false, const std::vector<std::string>& options = {});
 pid_t PidOfDaemon();
 // Waits until it takes signals.
 bool WaitReady();
