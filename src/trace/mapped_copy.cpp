@@ -1,4 +1,4 @@
-#include "platform/mapped_copy.h"
+#include "trace/mapped_copy.h"
 
 #include <atomic>
 #include <csetjmp>
