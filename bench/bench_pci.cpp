@@ -20,6 +20,8 @@ namespace {
 
 constexpr int kFunctionsPerBus = 16;
 constexpr std::array kSizes = {100, 250, 500, 1000};
+constexpr int kNamedFunctions = 4096;  // the tree that has an adapter name file
+constexpr size_t kAdapterFileSize = 1'800'000;
 
 const FixtureTrees* s_Trees = nullptr;
 
@@ -44,6 +46,21 @@ void MakeTree(int count) {
     devices += line;
   }
   s_Trees->Write(count, "/proc/bus/pci/devices", devices);
+}
+
+// Many vendors of a few devices each; the one of the functions comes last and does not know them.
+void WriteAdapterFile(int count) {
+  std::string text;
+  char line[64];
+  for (unsigned vendor = 1; text.size() < kAdapterFileSize; ++vendor) {
+    std::snprintf(line, sizeof line, "[%04X]\nVendor=Vendor %u\n", vendor, vendor);
+    text += line;
+    for (unsigned device = 0; device < 30; ++device) {
+      std::snprintf(line, sizeof line, "%04X=Adapter %u of that vendor\n", device, device);
+      text += line;
+    }
+  }
+  s_Trees->Write(count, "/etc/pelrix/Adapter.ini", text + "[8086]\nVendor=Last\n1002=Another\n");
 }
 
 bool Enter(benchmark::State& state) {
@@ -106,6 +123,7 @@ BENCHMARK(NameList)->Apply(Sizes);
 BENCHMARK_CAPTURE(Scan, without_slots, false)->Apply(Sizes);
 BENCHMARK_CAPTURE(Scan, with_slots, true)->Apply(Sizes);
 BENCHMARK(LegacyTables)->Apply(Sizes);
+BENCHMARK(LegacyTables)->Name("LegacyTables/named")->Arg(kNamedFunctions)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
@@ -115,6 +133,8 @@ int main(int argc, char** argv) {
   s_Trees = &trees;
   for (const int size : kSizes)
     MakeTree(size);
+  MakeTree(kNamedFunctions);
+  WriteAdapterFile(kNamedFunctions);
   benchmark::RunSpecifiedBenchmarks();
   return 0;
 }
