@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "fixture_trees.h"
+#include "inventory/adapter_file.h"
 #include "pci/device_bus_io.h"
 #include "pci/pci_config_list.h"
 #include "pci/pci_function_scan.h"
@@ -112,6 +113,20 @@ void LegacyTables(benchmark::State& state) {
   state.SetComplexityN(state.range(0));
 }
 
+// What a dump of that many adapters asks the file.
+void AdapterFiles(benchmark::State& state) {
+  if (!Enter(state)) return;
+  std::string name;
+  for (auto _ : state) {
+    for (int index = 0; index < state.range(0); ++index) {
+      const CAdapterFile file;
+      if (!file.GetVendorName(name, "8086", "")) state.SkipWithError("the vendor is missing");
+      file.GetDeviceName(name, "8086", "", "10011002");
+      file.GetDeviceName(name, "8086", "", "1001");
+    }
+  }
+}
+
 void Sizes(benchmark::internal::Benchmark* benchmark) {
   for (const int size : kSizes)
     benchmark->Arg(size);
@@ -124,6 +139,7 @@ BENCHMARK_CAPTURE(Scan, without_slots, false)->Apply(Sizes);
 BENCHMARK_CAPTURE(Scan, with_slots, true)->Apply(Sizes);
 BENCHMARK(LegacyTables)->Apply(Sizes);
 BENCHMARK(LegacyTables)->Name("LegacyTables/named")->Arg(kNamedFunctions)->Unit(benchmark::kMillisecond);
+BENCHMARK(AdapterFiles)->Arg(kNamedFunctions)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
