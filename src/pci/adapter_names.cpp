@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "pci/text_cursor.h"
+#include "platform/text_cursor.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-#include "pci/text_cursor.h"
+#include "platform/text_cursor.h"
 #include "platform/unique_fd.h"
 #include "trace/debug.h"
 

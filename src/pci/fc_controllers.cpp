@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "pci/line_reader.h"
-#include "pci/text_cursor.h"
 #include "platform/never_destroyed.h"
+#include "platform/text_cursor.h"
 #include "platform/unique_fd.h"
 #include "trace/debug.h"
 

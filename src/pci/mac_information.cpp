@@ -14,8 +14,8 @@
 
 #include "pci/bus_table.h"
 #include "pci/line_reader.h"
-#include "pci/text_cursor.h"
 #include "platform/never_destroyed.h"
+#include "platform/text_cursor.h"
 #include "platform/unique_fd.h"
 #include "trace/debug.h"
 

@@ -14,9 +14,9 @@
 #include "pci/adapter_names.h"
 #include "pci/file_version.h"
 #include "pci/line_reader.h"
-#include "pci/text_cursor.h"
 #include "platform/descriptor_io.h"
 #include "platform/never_destroyed.h"
+#include "platform/text_cursor.h"
 #include "platform/unique_fd.h"
 #include "trace/debug.h"
 
