@@ -177,7 +177,8 @@ bool CFileLock::IsFileAtPath() const {
 
 // Emptied only now that the lock is held: a starter that lost the race must not wipe the holder's name.
 void CFileLock::WriteOwner(const char* ownerName) {
-  const std::string owner = (ownerName != nullptr ? ownerName : "") + ("#" + std::to_string(::getpid()));
+  std::string owner = ownerName != nullptr ? ownerName : "";
+  owner.append("#").append(std::to_string(::getpid()));
   LastError = 0;
   if (::ftruncate(fd, 0) != 0 || ::write(fd, owner.data(), owner.size()) < 0) LastError = errno;
   ::fsync(fd);

@@ -6,8 +6,8 @@
 #include "firmware/little_endian.h"
 #include "inventory/memory_ranges.h"
 #include "inventory/system_adapter.h"
-#include "platform/text_cursor.h"
 #include "platform/stdio_file.h"
+#include "platform/text_cursor.h"
 #include "trace/debug.h"
 
 namespace {

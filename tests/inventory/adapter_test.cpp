@@ -70,6 +70,7 @@ TEST(AdapterFile, ValuesEndAtTheCommentAndKeepTheirBlanks) {
     for (const CAdapterFile& none : {CAdapterFile(""), CAdapterFile(nullptr), CAdapterFile("/etc/none"), file})
       EXPECT_FALSE(none.GetVendorName(name, "0001", "FFFF") || none.GetSubVendorName(name, nullptr));
     EXPECT_EQ(name, "Sub ") << "outputs stay";
+    EXPECT_FALSE(CAdapterFile("/etc/pelrix").IsReadable()) << "opens, but cannot be read";
   });
 }
 

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "firmware/smbios.h"
+#include "firmware/smbios_lookup.h"
 #include "prove/prove.h"
 #include "registry/registry.h"
 #include "support/firmware_tables.h"

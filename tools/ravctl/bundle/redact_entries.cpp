@@ -6,7 +6,7 @@
 #include <array>
 #include <cctype>
 
-#include "firmware/smbios_tables.h"
+#include "firmware/smbios_from_memory.h"
 #include "ravctl/bundle/bundle_format.h"
 #include "ravctl/bundle/redact_tables.h"
 #include "ravctl/bundle/redactor.h"

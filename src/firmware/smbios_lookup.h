@@ -5,7 +5,7 @@
 #include <string>
 
 #include "firmware/data_stream.h"
-#include "firmware/smbios_structures.h"
+#include "firmware/smbios_walk.h"
 
 class CDeviceBios;
 

@@ -1,4 +1,4 @@
-#include "firmware/smbios_structures.h"
+#include "firmware/smbios_walk.h"
 
 #include <algorithm>
 #include <array>

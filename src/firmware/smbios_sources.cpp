@@ -1,4 +1,4 @@
-#include "firmware/bios_tables.h"
+#include "firmware/smbios_sources.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "firmware/little_endian.h"
-#include "firmware/smbios_tables.h"
+#include "firmware/smbios_from_memory.h"
 #include "platform/unique_fd.h"
 #include "trace/debug.h"
 

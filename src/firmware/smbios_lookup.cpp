@@ -1,4 +1,4 @@
-#include "firmware/smbios.h"
+#include "firmware/smbios_lookup.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -8,10 +8,10 @@
 #include <string_view>
 #include <utility>
 
-#include "firmware/bios_tables.h"
 #include "firmware/device_bios.h"
 #include "firmware/little_endian.h"
-#include "firmware/smbios_tables.h"
+#include "firmware/smbios_from_memory.h"
+#include "firmware/smbios_sources.h"
 #include "trace/debug.h"
 
 namespace {

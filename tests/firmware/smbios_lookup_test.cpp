@@ -1,15 +1,10 @@
-#include "firmware/smbios.h"
+#include "firmware/smbios_lookup.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <random>
 #include <tuple>
 #include <utility>
 
-#include "pci/pci_slot_map.h"
 #include "support/firmware_tables.h"
 #include "support/fixture_root.h"
 #include "support/trace_capture.h"
@@ -72,32 +67,6 @@ TEST(SmbiosWalk, TruncatedTablesEndIt) {
     EXPECT_EQ(walk.error,
               std::string("## FATAL ERROR! SMBIOS structure pointer exceeds structure table end while ") + error);
   }
-}
-
-// RAVD_MUTATIONS: how many instead of 2,000.
-TEST(SmbiosWalk, SurvivesMutatedTables) {
-  const char* wanted = std::getenv("RAVD_MUTATIONS");
-  const int mutations = wanted != nullptr ? std::atoi(wanted) : 2000;
-  const FixtureRoot root;
-  root.WriteFile(kSysfsEntryPoint, "x");
-  root.Run([mutations] {
-    const std::string sound = SmbiosTable().AddSlot({}).AddOnboardDevice(0, 3).AddSlot({.id = 2}).AddEnd().Bytes();
-    std::mt19937 random(1);
-    int walkedWell = 0;
-    for (int i = 0; i < mutations; ++i) {
-      std::string table = sound;
-      for (size_t flips = random() % 4; flips > 0; --flips)
-        table[random() % table.size()] = static_cast<char>(random());
-      if (random() % 3 == 0) table.resize(1 + random() % table.size());
-      const Walk walk(table);
-      EXPECT_EQ(walk.indexed == walk.walked, walk.sound || walk.error.find("header") != std::string::npos);
-      std::filesystem::remove(kSysfsTable);  // rewriting it in place would wait for the disk
-      std::ofstream(kSysfsTable, std::ios::binary) << table;
-      walkedWell += CPciSlotMap::GetSlotMappingFromSMBIOS().empty() ? 0 : 1;
-    }
-    EXPECT_GT(walkedWell, mutations / 10);
-    EXPECT_LT(walkedWell, mutations);
-  });
 }
 
 TEST(Smbios, RevisionComesFromTheAnchor) {

@@ -1,4 +1,4 @@
-#include "firmware/smbios_tables.h"
+#include "firmware/smbios_from_memory.h"
 
 #include <fcntl.h>
 
@@ -50,19 +50,20 @@ uint64_t ReadAddress(FILE* file, std::string_view key) {
   return 0;
 }
 
-void TraceMap(bool header, uint64_t base, uint64_t size, uint64_t offset) {
-  const auto baseText = static_cast<unsigned int>(base);
-  const auto sizeText = static_cast<unsigned int>(size);
-  const auto offsetText = static_cast<unsigned int>(offset);
+void TraceMap(bool header, uint64_t address, uint64_t length) {
+  const unsigned long long offset = address % CPhysicalMapping::PageSize();
+  const unsigned long long base = address - offset;
+  const unsigned long long size = length + offset;
   if (header) {
-    TRACE(3,
-          "\nSMBiosTableFromMemory::GetBiosData() : Map SMBios header (address=0x%016x, size=0x%016x, offset=0x%016x)",
-          baseText, sizeText, offsetText);
+    TRACE(
+        3,
+        "\nSMBiosTableFromMemory::GetBiosData() : Map SMBios header (address=0x%016llx, size=0x%016llx, offset=0x%016llx)",
+        base, size, offset);
   } else {
     TRACE(
         3,
-        "\nSMBiosTableFromMemory::GetBiosData() : Map SMBios data table (address=0x%016x, size=0x%016x, offset=0x%016x)",
-        baseText, sizeText, offsetText);
+        "\nSMBiosTableFromMemory::GetBiosData() : Map SMBios data table (address=0x%016llx, size=0x%016llx, offset=0x%016llx)",
+        base, size, offset);
   }
 }
 
@@ -105,8 +106,8 @@ uint64_t SMBiosTableFromMemory<EntryPoint>::GetUEFIAddress() const {
         key, path);
   const uint64_t address = ReadAddress(file.get(), key);
   if (address != 0) {
-    TRACE(3, "\nSMBiosTableFromMemory::GetUEFIAddress() : %s address found : %#016x", key,
-          static_cast<unsigned int>(address));
+    TRACE(3, "\nSMBiosTableFromMemory::GetUEFIAddress() : %s address found : %#016llx", key,
+          static_cast<unsigned long long>(address));
   } else {
     TRACE(1, "\nSMBiosTableFromMemory::GetUEFIAddress() : %s address NOT found!", key);
   }
@@ -143,8 +144,7 @@ bool SMBiosTableFromMemory<EntryPoint>::GetBiosData(CDataStream& header, CDataSt
 
 template <typename EntryPoint>
 bool SMBiosTableFromMemory<EntryPoint>::ReadHeader(int device, uint64_t address, CDataStream& header) const {
-  const uint64_t offset = address % CPhysicalMapping::PageSize();
-  TraceMap(true, address - offset, offset + HeaderSize(), offset);
+  TraceMap(true, address, HeaderSize());
   return CopyPhysical(device, address, HeaderSize(), header);
 }
 
@@ -156,12 +156,11 @@ bool SMBiosTableFromMemory<EntryPoint>::ReadTable(int device, const CDataStream&
   if (length == 0 || table == 0) {
     TRACE(
         1,
-        "\nSMBiosTableFromMemory::GetBiosData() : ERROR # Couldn't parse SMBios header! (address=0x%016x, size=0x%016x)",
-        static_cast<unsigned int>(table), length);
+        "\nSMBiosTableFromMemory::GetBiosData() : ERROR # Couldn't parse SMBios header! (address=0x%016llx, size=0x%016x)",
+        static_cast<unsigned long long>(table), length);
     return true;
   }
-  const uint64_t offset = table % CPhysicalMapping::PageSize();
-  TraceMap(false, table - offset, length + offset, offset);
+  TraceMap(false, table, length);
   return CopyPhysical(device, table, length, data);
 }
 

@@ -1,4 +1,4 @@
-#include "firmware/bios_tables.h"
+#include "firmware/smbios_sources.h"
 
 #include <gtest/gtest.h>
 
@@ -87,7 +87,7 @@ TEST_F(BiosTables, MemoryThatCannotBeReadIsRefused) {
     Expect(root, "", "", line);
   }
   root.WriteFile(kSystab, "SMBIOS3=0xfffffffffffff480\n");
-  Expect(root, "", "", tooWide);
+  Expect(root, "", "", "SMBiosTableFromMemory::GetUEFIAddress() : SMBIOS3 address found : 0xfffffffffffff480");
   root.Remove("/dev/mem");
   Expect(root, "", "",
          "SMBiosTableFromMemory::GetBiosData() : ERROR # Couldn't open /dev/mem : No such file or directory");
