@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <memory>
@@ -104,8 +103,8 @@ CTempFile::~CTempFile() {
   if (m_File) ::flock(m_File.Get(), LOCK_UN);
 }
 
-CTempFile::Opening CTempFile::Open() {
-  const Clock::time_point end = Clock::now() + kLongestWait;
+CTempFile::Opening CTempFile::Open(std::chrono::milliseconds longestWait) {
+  const Clock::time_point end = Clock::now() + longestWait;
   do {
     switch (TryOpen()) {
       case Attempt::kDone:

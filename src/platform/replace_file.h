@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdio>
 #include <string>
 #include <utility>
@@ -29,9 +30,9 @@ class CTempFile {
   CTempFile(const CTempFile&) = delete;
   CTempFile& operator=(const CTempFile&) = delete;
 
-  // Waits about a second for another process that writes the file (kNotLocked, EWOULDBLOCK): one that is stopped must
-  // not stop the others for good.
-  Opening Open();
+  // Waits so long for another process that writes the file (kNotLocked, EWOULDBLOCK): one that is stopped must not stop
+  // the others for good.
+  Opening Open(std::chrono::milliseconds longestWait = std::chrono::seconds(1));
   // For writing; the object keeps it.
   int Get() const { return m_File.Get(); }
   // A stream of its own for the text; closing it does not give up the lock. Null on failure.
