@@ -71,7 +71,8 @@ void LimitFileSize(rlim_t limit) {
 [[noreturn]] void SaveForEver(unsigned int state, int report) {
   CRegistry registry("", CRegistry::HKEY_LOCAL_MACHINE, 0);
   while (true) {
-    SaveState(registry, ++state);
+    SetState(registry, ++state);
+    CRegistry::SaveTree();
     if (::write(report, &state, sizeof state) != static_cast<ssize_t>(sizeof state)) std::_Exit(1);
   }
 }
@@ -490,11 +491,13 @@ TEST_F(RegistryFile, FailedStepLeavesAStoreThatLoadsAndIsTriedAgain) {
     store.Run([&, function = function, call = call, onDisk = onDisk] {
       SCOPED_TRACE(function + std::to_string(call));
       CRegistry registry("", CRegistry::HKEY_LOCAL_MACHINE, 0);
-      SaveState(registry, 1);
+      SetState(registry, 1);
+      CRegistry::SaveTree();
       const TraceCapture trace(2);
       {
         const FailingCall failure(function, call);
-        SaveState(registry, 2);
+        SetState(registry, 2);
+        CRegistry::SaveTree();
         EXPECT_TRUE(failure.HasHappened());
       }
       EXPECT_EQ(trace.Count("CRegistry: ERROR: Cannot "), 1);

@@ -21,12 +21,11 @@ std::string StateText(unsigned int state, const StateTree& tree) {
   return text + "\n\n";
 }
 
-void SaveState(CRegistry& registry, unsigned int state, const StateTree& tree) {
+void SetState(CRegistry& registry, unsigned int state, const StateTree& tree) {
   registry.Open("", nullptr);
   registry.CreateKey(nullptr, "HKEY_LOCAL_MACHINE");
   for (int value = 0; value < tree.values; ++value)
     registry.SetValue(ValueName(value).c_str(), ValueText(state, tree).c_str());
-  CRegistry::SaveTree();
 }
 
 std::optional<unsigned int> StateOf(const char* path, const std::function<StateTree(unsigned int)>& treeOf) {

@@ -23,8 +23,8 @@ inline constexpr StateTree kSmallTree = {20, 3};
 
 // The file of a state.
 std::string StateText(unsigned int state, const StateTree& tree = kSmallTree);
-// Sets the values of a state and saves.
-void SaveState(CRegistry& registry, unsigned int state, const StateTree& tree = kSmallTree);
+// Sets the values of a state.
+void SetState(CRegistry& registry, unsigned int state, const StateTree& tree = kSmallTree);
 // The state in a file; nothing when it does not load, or is none or a mixture. The tree may depend on the state.
 std::optional<unsigned int> StateOf(const char* path, const std::function<StateTree(unsigned int)>& treeOf);
 std::optional<unsigned int> StateOf(const char* path, const StateTree& tree = kSmallTree);
