@@ -29,7 +29,7 @@ constexpr StateTree kMedium = {150, 1000};  // several reads
   CRegistry registry("", CRegistry::HKEY_LOCAL_MACHINE, 0);
   if (isLoadWatched) ::getppid();
   std::string text;
-  registry.QueryValue(text, "Value0");
+  registry.QueryValue(text, "Value1000");
   SetState(registry, static_cast<unsigned int>(std::atoi(text.c_str())) + 1, tree);
   const TraceCapture trace(2);
   ::getppid();
@@ -313,6 +313,39 @@ TEST(Prove, RegistryPowerLoss) {
   });
 }
 
+// At any moment, not only in a system call.
+TEST(Prove, RegistryRandomKills) {
+  const FaultRoot root;
+  root.Run([] {
+    WriteWholeFile(kRegistry, StateText(0));
+    std::mt19937 random(std::random_device{}());
+    auto& saved = *static_cast<std::atomic<unsigned int>*>(
+        ::mmap(nullptr, sizeof(unsigned int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    const int rounds = Rounds(10000, 300);
+    for (int round = 0; round < rounds; ++round) {
+      const unsigned int before = saved;
+      const pid_t saver = ::fork();
+      if (saver == 0) {
+        CRegistry registry;
+        while (true) {
+          SetState(registry, saved + 1);
+          CRegistry::SaveTree();
+          ++saved;
+        }
+      }
+      // Every second time at least one state is saved, however slow the machine.
+      EXPECT_TRUE(round % 2 == 1 || WaitUntil([&] { return saved > before; }));
+      ::usleep(static_cast<useconds_t>(random() % 20000));
+      ::kill(saver, SIGKILL);
+      ::waitpid(saver, nullptr, 0);
+      const std::optional<unsigned int> found = LoadedState();
+      ASSERT_TRUE(found == saved || found == saved + 1) << found.value_or(0) << " behind " << saved;
+      saved = *found;
+    }
+    Figure("%d kills at any moment of %u saves: the last state or the next", rounds, saved.load());
+  });
+}
+
 // What could not be read is never replaced by what was read instead.
 TEST(Prove, RegistryLoadFaults) {
   const FaultRoot root;
@@ -411,5 +444,63 @@ TEST(Prove, RegistrySavers) {
     check();
     Figure("%u saves of four processes at once, %d kills: %d loads, each of a whole tree that one of them saved", saves,
            kills, loads);
+  });
+}
+
+TEST(Prove, RegistryText) {
+  const FixtureRoot root;
+  root.WriteFile(kRegistry, "[HKEY_LOCAL_MACHINE]\nV=d=1\n");
+  root.Run([] {
+    CRegistry registry("", CRegistry::HKEY_LOCAL_MACHINE, 0);
+    registry.SetValue("V", 2U);
+    // By name: the text that it holds, for a key in its only value, and what its trace line would contain.
+    std::map<std::string, std::pair<std::string, std::string>> stored = {{"V", {"", ""}}};
+    const auto store = [&](const std::string& name, const std::string& text, const std::string& tag) {
+      stored[name] = {text, tag};
+      CRegistryValue value = CRegistryValue::Text(text, tag.front() == 'e' ? kRegistryExpandString : kRegistryString);
+      CRegistryNodeRef key(CRegistry::HKEY_LOCAL_MACHINE);
+      if (tag.front() == 'k') CRegistry::HKEY_LOCAL_MACHINE->FindOrCreateSubKey(name, key);
+      EXPECT_TRUE(key->Exchange(tag.front() == 'k' ? "in" : name, value));
+    };
+    for (int byte = 1; byte <= 255; ++byte) {
+      for (int place = 0; place < 4; ++place) {
+        const std::string number = std::to_string(1000 * place + byte) + ".";
+        const auto with = [&](const std::string& tag) {
+          const std::string c(1, static_cast<char>(byte));
+          return (place % 2 == 0 ? c : "") + tag + (place > 0 ? c : "") + (place == 3 ? tag : "");
+        };
+        store(with("n" + number), "text", "n" + number);
+        store(with("k" + number), "text", "k" + number);
+        store("s" + number, with("text"), "s" + number);
+        store("e" + number, with("text"), "e" + number);
+      }
+    }
+    const TraceCapture trace(1);
+    CRegistry::SaveTree();
+    std::string traced;
+    for (const std::string& line : trace.Lines())
+      traced += line + "\n";
+
+    CRegistryNode loaded;
+    ASSERT_TRUE(CRegistry::ReadTree(kRegistry, loaded));
+    const CRegistryNodeRef top = loaded.FindSubKey("HKEY_LOCAL_MACHINE");
+    const CCriticalSectionLock lock(*top.Get());
+    int equal = 0;
+    for (const auto& [name, what] : stored) {
+      const RegistryEntry* entry = top->Find(name);
+      const CRegistryNodeRef key = top->FindSubKey(name);
+      if (key) entry = key->Find("in");
+      const bool isEqual = entry != nullptr && (name == "V" || entry->Text() == what.first);
+      EXPECT_TRUE(isEqual || traced.find(what.second) != std::string::npos) << testing::PrintToString(name);
+      EXPECT_TRUE(entry != nullptr || what.second.find_first_of("se") == std::string::npos)
+          << "nothing of a text came back: " << name;
+      equal += isEqual ? 1 : 0;
+    }
+    for (const RegistryEntry& entry : top->Entries())
+      EXPECT_TRUE(stored.contains(std::string(entry.Name())))
+          << "nobody stored " << testing::PrintToString(entry.Name());
+    EXPECT_EQ(loaded.Entries().size(), 1U);
+    Figure("every byte at every place of names, keys and texts: %d of %zu come back, the others are traced", equal,
+           stored.size());
   });
 }

@@ -5,7 +5,7 @@
 namespace {
 
 std::string ValueName(int value) {
-  return "Value" + std::to_string(value);
+  return "Value" + std::to_string(1000 + value);  // in the order of their names
 }
 
 std::string ValueText(unsigned int state, const StateTree& tree) {
