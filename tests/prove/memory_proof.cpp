@@ -125,10 +125,7 @@ TEST(Prove, MemoryOfLoad) {
         [&] {
           isLoaded = isWhole = false;
           CRegistryNode node;
-          try {
-            isLoaded = CRegistry::ReadTree(kRegistry, node);
-          } catch (const std::exception&) {
-          }
+          isLoaded = CRegistry::ReadTree(kRegistry, node);
           failure.isCounting = false;
           const CRegistryNodeRef key = node.FindSubKey("HKEY_LOCAL_MACHINE");
           isWhole = key && key->Entries().size() == 81;
