@@ -40,15 +40,10 @@ std::vector<std::string> PathsOfProgram(const std::string& program) {
   }
 }
 
-unsigned int DescriptorLimit() {
-  const long limit = ::sysconf(_SC_OPEN_MAX);
-  return limit <= 255 ? 1024 : static_cast<unsigned int>(std::min(limit, long{INT32_MAX}));
-}
-
 // From here to the end of the namespace: called between fork and exec.
 
 // The way of a kernel without close_range: asks which descriptors are open. The entry is parsed by hand.
-bool CloseListedDescriptors(unsigned int end) {
+bool CloseListedDescriptors(unsigned int first, unsigned int end) {
   const int directory = ::open(kOwnDescriptors, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (directory < 0) return false;
   alignas(dirent64) char block[2048];
@@ -61,7 +56,7 @@ bool CloseListedDescriptors(unsigned int end) {
       for (; *digit >= '0' && *digit <= '9'; ++digit) {
         fd = fd * 10 + static_cast<unsigned int>(*digit - '0');
       }
-      if (fd >= kFirstClosedDescriptor && fd < end && static_cast<int>(fd) != directory) ::close(static_cast<int>(fd));
+      if (fd >= first && fd < end && static_cast<int>(fd) != directory) ::close(static_cast<int>(fd));
       unsigned short size = 0;
       std::memcpy(&size, entry + offsetof(dirent64, d_reclen), sizeof size);
       place += size;
@@ -69,14 +64,6 @@ bool CloseListedDescriptors(unsigned int end) {
   }
   ::close(directory);
   return length == 0;
-}
-
-void CloseDescriptors(unsigned int end) {
-  if (::syscall(SYS_close_range, kFirstClosedDescriptor, end - 1, 0U) == 0) return;
-  if (CloseListedDescriptors(end)) return;
-  for (unsigned int fd = kFirstClosedDescriptor; fd < end; ++fd) {
-    ::close(static_cast<int>(fd));
-  }
 }
 
 void UnblockSignals() {
@@ -106,6 +93,19 @@ bool IsWorthAnotherTry(int error) {
 
 }  // namespace
 
+void CloseDescriptors(unsigned int first, unsigned int end) {
+  if (::syscall(SYS_close_range, first, end - 1, 0U) == 0) return;
+  if (CloseListedDescriptors(first, end)) return;
+  for (unsigned int fd = first; fd < end; ++fd) {
+    ::close(static_cast<int>(fd));
+  }
+}
+
+unsigned int DescriptorLimit() {
+  const long limit = ::sysconf(_SC_OPEN_MAX);
+  return limit <= 255 ? 1024 : static_cast<unsigned int>(std::min(limit, long{INT32_MAX}));
+}
+
 CChildStart::CChildStart(std::vector<std::string> words, bool inheritHandles)
     : m_Words(std::move(words)), m_FirstKeptDescriptor(inheritHandles ? 0 : DescriptorLimit()) {
   m_Candidates = PathsOfProgram(m_Words.empty() ? std::string() : m_Words.front());
@@ -125,7 +125,7 @@ pid_t CChildStart::Start() {
 }
 
 void CChildStart::RunChild() {
-  if (m_FirstKeptDescriptor > kFirstClosedDescriptor) CloseDescriptors(m_FirstKeptDescriptor);
+  if (m_FirstKeptDescriptor > kFirstClosedDescriptor) CloseDescriptors(kFirstClosedDescriptor, m_FirstKeptDescriptor);
   UnblockSignals();
   ExecuteCandidates();
   ::_exit(kCannotRun);
