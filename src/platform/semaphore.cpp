@@ -4,11 +4,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <climits>
+#include <ctime>
 #include <memory>
 #include <new>
-#include <thread>
 #include <utility>
 
 #include "platform/never_destroyed.h"
@@ -23,8 +22,6 @@ struct CSemaphoreData {
 };
 
 namespace {
-
-constexpr uint32_t kPollMs = 1000;
 
 // The named semaphores; its lock also guards the reference counts.
 constinit NeverDestroyed<CStrMap> g_NamedSemaphores;
@@ -94,12 +91,12 @@ bool CSemaphore::Delete() {
 int CSemaphore::Wait(uint32_t timeoutMs) const {
   if (data == nullptr) return kWaitFailed;
   if (timeoutMs == kWaitForever) return ::sem_wait(&data->semaphore) == 0 ? kWaitDone : kWaitFailed;
-  uint32_t remainingMs = timeoutMs;
-  while (::sem_trywait(&data->semaphore) != 0) {
-    if (errno != EAGAIN) return kWaitFailed;
-    if (remainingMs == 0) return kWaitTimedOut;
-    remainingMs -= std::min(remainingMs, kPollMs);
-    std::this_thread::sleep_for(std::chrono::milliseconds(kPollMs));
+  timespec deadline{};
+  clock_gettime(CLOCK_MONOTONIC, &deadline);
+  deadline.tv_sec += static_cast<time_t>(timeoutMs / 1000) + (timeoutMs % 1000 != 0 ? 1 : 0);
+  while (::sem_clockwait(&data->semaphore, CLOCK_MONOTONIC, &deadline) != 0) {
+    if (errno == ETIMEDOUT) return kWaitTimedOut;
+    if (errno != EINTR) return kWaitFailed;
   }
   return kWaitDone;
 }
