@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -56,10 +57,13 @@ class CSystemDrive : public CSystemDevice {
   void ClassCopy(const CSystemDrive& other);
 
   // Appends the SCSI devices, then the Fusion-io cards, then the NVMe devices. The flags are not used.
-  static void ScanSystemDrives(std::vector<CSystemDrive>& drives, bool unused1, bool unused2);
-  static void ScanScsiDrives(std::vector<CSystemDrive>& drives);
+  // A device that does not answer holds the scan up for 50 seconds; after the first one the other drives of its SCSI
+  // host are recorded without being asked. When stop becomes true the scan ends before the next drive.
+  static void ScanSystemDrives(std::vector<CSystemDrive>& drives, bool unused1, bool unused2,
+                               const std::atomic<bool>* stop = nullptr);
+  static void ScanScsiDrives(std::vector<CSystemDrive>& drives, const std::atomic<bool>* stop = nullptr);
   static void ScanSSDDrives(std::vector<CSystemDrive>& drives);
-  static void ScanIntelSSDDevices(std::vector<CSystemDrive>& drives);
+  static void ScanIntelSSDDevices(std::vector<CSystemDrive>& drives, const std::atomic<bool>* stop = nullptr);
   // Scans nothing; always true.
   static bool ScanDrives(std::vector<CSystemDrive>& drives, const char* unused);
   // No effect.
@@ -120,7 +124,8 @@ class CSystemDrive : public CSystemDevice {
 
   static constexpr uint32_t kNoDriveNumber = 0xFFFFFFFF;
 
-  static void AddScsiDrive(std::vector<CSystemDrive>& drives, const CScsiListDevice& device);
+  // False when the drive was not asked or took too long.
+  static bool AddScsiDrive(std::vector<CSystemDrive>& drives, const CScsiListDevice& device, bool isAsked);
   void SetTypes(const std::string& typeText);
   void SetDiskTypes();
   // Numbers the drive and appends it; returns the new size of the vector.

@@ -5,7 +5,6 @@
 
 #include "inventory/drive_links.h"
 #include "inventory/fake_drives.h"
-#include "inventory/scsi_device_list.h"
 #include "inventory/system_drive.h"
 #include "support/trace_capture.h"
 
@@ -23,7 +22,8 @@ std::string Describe(const CSystemDrive& drive) {
   text << drive.DeviceIdText() << '|' << drive.VendorName << '|' << drive.DeviceName << '|' << drive.DeviceRevision
        << '|' << drive.SerialNumber << '|' << drive.OsDeviceName << '|' << drive.GetFunctionalDeviceObjectName() << '|'
        << PciText(drive.GetPciAddress()) << '|';
-  if (CScsiAddress address; drive.GetScsiAddress(address)) text << ScsiAddressToString(address);
+  if (CScsiAddress address; drive.GetScsiAddress(address))
+    text << int{address.port} << ':' << int{address.path} << ':' << int{address.target} << ':' << address.lun;
   const std::string lines = drive.toString();
   text << '|' << drive.GetBusType() << ' ' << lines[lines.find("Type ") + 5] << ' ' << drive.GetDeviceType()
        << (drive.IsMediaRemoveable() ? " removable" : "") << (drive.IsMpdDrive() ? " multipath" : "");
@@ -71,7 +71,8 @@ TEST(SystemDrive, WholeMachineIsRecordedFieldByField) {
   machine.MakeDirectory(Machine::Device("6:0:9:0") + "/block/sdx");  // two: neither is taken
   machine.MakeDirectory(Machine::Device("6:0:9:0") + "/block/sdy");
   machine.MakeLink("/sys/class/scsi_generic/sg4/device", "../../../6:0:9:0");
-  machine.MakeLink("/sys/class/scsi_generic/sg3/device", "../../../7:0:0:0");
+  machine.MakeLink("/sys/class/scsi_generic/sg3/device", "../../../16:0:9:0");
+  machine.MakeLink("/sys/class/scsi_generic/sg2/device", "../../6:0:9:0/6:0:9:01");
   machine.List("scsi8 Channel: 00 Id: 00 Lun: 00", "NAMELESS", "", "", "Sequential-Access");
   machine.WriteFile("/proc/fusion/fct0/nand_dev/channels/0/client", "fioa\n");
   machine.WriteFile("/proc/fusion/fct0/nand_dev/bus_id", "0000:0b:10.1\n");
@@ -119,13 +120,14 @@ TEST(SystemDrive, DamagedSourcesEndOnlyThemselves) {
       CSystemDrive::ScanSystemDrives(drives, false, false);
       ASSERT_EQ(drives.size(), count);
       EXPECT_STREQ(drives.back().DeviceIdText(), "Intel SSD nvme0n1");
-      EXPECT_TRUE(count == 1 || drives[0].DeviceName == "A disk");
+      EXPECT_TRUE(count == 1 || (drives[0].DeviceName == "A disk" && drives[0].OsDeviceName == "sda"));
     });
   };
   scan(1);                                   // no list
   machine.ListText(std::string(9000, 'H'));  // no host, no newline
   scan(1);
-  machine.MakeDirectory(Machine::Device("0:0:0:44") + "/block/sda");
+  machine.MakeDirectory(Machine::Device("256:0:0:44") + "/block/sda");
+  machine.MakeDirectory(Machine::Device("0:0:0:44") + "/block/sdb");  // another drive
   machine.ListText("\n  Host: scsi0 Channel: 0 Id: 0 Lun: 0\nHost: scsi256 Channel: 0 Id: 0 Lun: 44\n");
   scan(1);  // ends behind a host line
   machine.ListText("  Vendor: V        Model: A disk");
@@ -136,18 +138,20 @@ TEST(SystemDrive, DamagedSourcesEndOnlyThemselves) {
   scan(2);
 }
 
-TEST(SystemDrive, PciAddressIsTheLastOfThePath) {
-  const std::pair<const char*, const char*> rows[] = {
-      {"../devices/pci0000:00/0000:00:1d.0/0000:02:00.1/nvme", "0000:02:00.1"},
-      {"ffff:ff:1f.7", "ffff:ff:1f.7"},
-      {"0000:00:1F.0", "no adapter"},
-      {"0000:00:1f.a", "no adapter"},
-      {"0000:00:1f.", "no adapter"},
+TEST(SystemDrive, PciAddressesOfAPathAreWhole) {
+  const std::pair<const char*, std::string> rows[] = {
+      {"../devices/pci0000:00/0000:00:1d.0/0000:02:00.1/nvme", "0000:00:1d.0 0000:02:00.1 "},
+      {"ffff:ff:1f.7", "ffff:ff:1f.7 "},
+      {"0000:00:1F.0", ""},
+      {"0000:00:1c.0/0000:00:1f.a", "0000:00:1c.0 no adapter "},
+      {"0000:00:1f.", ""},
+      {"0000:00:0e.0/pci10000:e0/10000:e1:00.0/nvme", "0000:00:0e.0 "},
   };
-  for (const auto& [path, address] : rows) {
-    CPciAddress pci;
-    FindPciAddress(pci, path);
-    EXPECT_EQ(PciText(pci), address) << path;
+  for (const auto& [path, addresses] : rows) {
+    std::string found;
+    for (const CPciAddress& each : FindPciAddresses(path))
+      found += PciText(each) + " ";
+    EXPECT_EQ(found, addresses) << path;
   }
 }
 
