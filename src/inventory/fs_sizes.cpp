@@ -193,7 +193,10 @@ class Walk {
   void Run() {
     for (int silences = 0; !m_Open.empty() && silences < kMaxSilences; ++silences) {
       Helper helper(m_Open);
-      if (helper.Process() <= 0) return;
+      if (helper.Process() <= 0) {
+        TRACE(1, "\nstatvfs: no helper could be started, %zu file systems are not asked", m_Open.size());
+        return;
+      }
       const size_t answered = helper.TakeAnswers();
       for (size_t index = 0; index < answered && !Kept().silences.empty(); ++index)
         Kept().silences.erase(m_Open[index]->mount_point);

@@ -344,6 +344,52 @@ TEST(SystemDeviceScan, UpdateThreadFollowsScansCopiesAndTheEnd) {
   });
 }
 
+TEST(SystemDeviceScan, OverlappingRescansKeepTheUpdateThread) {
+  RunTraced(SmallMachine(), 1, [](TraceCapture& trace) {
+    BlockedScan blocked;
+    CSystemDeviceScan scan;
+    scan.ScanHardware(CSystemDeviceScan::SCAN_UPDATE_THREAD, true, kTimeoutMs, nullptr);
+    const auto rescan = [&scan] { return scan.RescanHardware(kTimeoutMs, nullptr); };
+    std::future<int> first = std::async(std::launch::async, rescan);
+    blocked.WaitUntilBlocked();  // and has stopped the thread
+    std::future<int> second = std::async(std::launch::async, rescan);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // for the second to come to the gate
+    blocked.Release();
+    EXPECT_EQ(first.get() + second.get(), 0);
+    EXPECT_EQ(trace.Count("CThread::SetThreadName"), 3);
+  });
+}
+
+TEST(SystemDeviceScan, DrivesOfASilentHostAreLeftAloneAndAStopEndsTheirScan) {
+  DriveMachine machine;
+  const std::pair<const char*, const char*> disks[] = {
+      {"0", "0:0:0:0/device/block/sda"}, {"0", "0:0:0:1/device/block/sdb"}, {"1", "1:0:0:2/device/block/sdc"}};
+  for (int lun = 0; const auto& [host, name] : disks) {
+    machine.List(("scsi" + std::string(host) + " Channel: 00 Id: 00 Lun: 0" + std::to_string(lun++)).c_str(), "V", "M",
+                 "1", "Direct-Access");
+    machine.MakeDirectory(std::string("/sys/class/scsi_device/") + name);
+    machine.WriteFile("/dev/" + std::string(name).substr(21), "");
+  }
+  RunTraced(machine, 1, [](TraceCapture& trace) {
+    std::string asked;
+    std::atomic<bool> stop = false;
+    const FakeIoctl device([&](const std::string& path, unsigned long, void*) -> std::optional<int> {
+      asked += path + " ";
+      if (path == "/dev/sda") t_SecondsBehind -= 50;
+      stop = true;
+      return -EIO;
+    });
+    CSystemDriveList drives;
+    CSystemDrive::ScanSystemDrives(drives, false, false);
+    EXPECT_EQ(asked, "/dev/sda /dev/sdc ");
+    EXPECT_EQ(drives.size(), 3U) << "recorded without being asked";
+    EXPECT_EQ(trace.Count("ScanScsiDrives : Host 0 timed out, its other drives are not asked"), 1);
+    stop = false;
+    CSystemDrive::ScanSystemDrives(drives, false, false, &stop);
+    EXPECT_EQ(drives.size(), 4U);
+  });
+}
+
 TEST(SystemDeviceScan, ATerminationThatCannotWaitLeavesAScanAlone) {
   RunTraced(SmallMachine(), 3, [](TraceCapture& trace) {
     BlockedScan blocked;
