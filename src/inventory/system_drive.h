@@ -84,6 +84,8 @@ class CSystemDrive : public CSystemDevice {
   int GetLun() const;
   // False without a SCSI address; the output then stays as it was.
   bool GetScsiAddress(CScsiAddress& address) const;
+  // "256:0:1:0": host, channel, target and lun in full, where the parts above are cut to their size; "" without one.
+  const std::string& GetScsiAddressText() const { return m_ScsiAddressText; }
   // Address of the host adapter; invalid when it could not be determined.
   CPciAddress GetPciAddress() const { return m_PciAddress; }
 
@@ -133,6 +135,7 @@ class CSystemDrive : public CSystemDevice {
 
   CPciAddress m_PciAddress;
   CScsiAddress m_ScsiAddress;
+  std::string m_ScsiAddressText;
   bool m_MultipathDrive = false;
   mutable CCriticalSection m_Lock;
   std::string m_DeviceObjectName;  // block or tape device

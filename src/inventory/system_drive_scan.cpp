@@ -92,6 +92,7 @@ bool CSystemDrive::AddScsiDrive(std::vector<CSystemDrive>& drives, const CScsiLi
   drive.DeviceName = device.model;
   drive.DeviceRevision = device.revision;
   drive.m_ScsiAddress = device.scsiAddress;
+  drive.m_ScsiAddressText = address;
   drive.m_MultipathDrive = SetMpdDrive(address);
   GetDrivePciAddress(drive.m_PciAddress, address, drive.m_MultipathDrive, true);
   const bool isInTime = isAsked && AsksInTime([&] { GetDriveSerialNoInq(drive.SerialNumber, path, true); });
