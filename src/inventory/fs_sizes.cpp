@@ -121,13 +121,14 @@ class Helper {
   // Takes the answers in their order; how many there were before a silence or the end.
   size_t TakeAnswers() {
     size_t taken = 0;
-    std::array<fs_info, 512> answers;
+    std::array<fs_info, 1024> answers;
     while (taken < m_Questions.size() && WaitForAnswer()) {
       const ssize_t size = ReadSome(m_Pipe.Get(), reinterpret_cast<char*>(answers.data()), sizeof answers);
       if (size <= 0) break;  // it was ended by somebody else
       const size_t count = std::min(static_cast<size_t>(size) / sizeof(fs_info), m_Questions.size() - taken);
       for (size_t index = 0; index < count; ++index)
         m_Questions[taken++]->info = answers[index];
+      if (taken < m_Questions.size()) ::poll(nullptr, 0, 1);  // for more: not a wake-up for each
     }
     return taken;
   }

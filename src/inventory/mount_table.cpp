@@ -147,7 +147,7 @@ void ReplaceSource(uint32_t source, std::vector<Row>& added) {
   }
 }
 
-// The figures that are known of the same mount, for the case that it does not answer.
+// The figures that are known of the same mount, for one that did not answer.
 void TakeFigures(mount_entry& entry, const mount_entry& known) {
   entry.blocks = known.blocks;
   entry.available_blocks = known.available_blocks;
@@ -157,8 +157,9 @@ void TakeFigures(mount_entry& entry, const mount_entry& known) {
   entry.used_percent = known.used_percent;
 }
 
-void TakeFigures(std::vector<Row>& added) {
+void TakeKnownFigures(std::vector<Row>& added) {
   for (Row& row : added) {
+    if (row.info.answer == kAnswered || row.info.answer == kRefused) continue;
     const auto same = std::ranges::equal_range(Table().rows, row, StandsBefore);
     const auto known = std::ranges::find_if(same, [&row](const Row& each) {
       return std::strcmp(each.entry->device, row.entry->device) == 0 &&
@@ -224,8 +225,8 @@ int ReadTable(FILE* table, unsigned int flags, const std::atomic<bool>* stop) {
   const uint32_t source = flags & kSourceMask;
   std::vector<Row> added = ReadRows(table, flags);
   if (source == kMountedList) {
-    TakeFigures(added);
     Ask(added, stop);
+    TakeKnownFigures(added);
     Table().isFresh = true;
   }
   for (Row& row : added) {

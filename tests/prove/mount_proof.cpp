@@ -193,7 +193,7 @@ void StopInTheMiddle(Shared& shared) {
   scanner.join();
   EXPECT_FALSE(HasNoChild());
   LetGo();
-  EXPECT_TRUE(WaitUntil([] { return !Volumes().empty() && HasNoChild(); }, 10)) << "a zombie is left";
+  EXPECT_TRUE(WaitUntil([] { return !Volumes().empty() && HasNoChild(); }, 2)) << "a zombie is left";
 }
 
 // Runs the body in a child, which has twenty seconds to end.
