@@ -219,7 +219,9 @@ class Walk {
   }
 
   void PutInTurn(std::span<fs_question> questions) {
+    m_Open.reserve(questions.size());
     std::vector<std::pair<Clock::time_point, fs_question*>> turns;
+    turns.reserve(questions.size());
     for (fs_question& question : questions)
       turns.emplace_back(Turn(question), &question);
     std::ranges::stable_sort(turns, {}, &std::pair<Clock::time_point, fs_question*>::first);

@@ -173,6 +173,8 @@ void TakeKnownFigures(std::vector<Row>& added) {
 void Ask(std::span<Row> rows, const std::atomic<bool>* stop) {
   std::vector<fs_question> questions;
   std::unordered_map<std::string_view, size_t> places;
+  questions.reserve(rows.size());
+  places.reserve(rows.size());
   const auto isAsked = [](const Row& row) { return row.entry->source == kMountedList && row.entry->type != kAutofs; };
   for (Row& row : rows) {
     if (!isAsked(row)) continue;
