@@ -2,6 +2,7 @@
 
 #include <cxxabi.h>
 
+#include <algorithm>
 #include <chrono>
 
 #include "inventory/pci_list_walk.h"
@@ -16,23 +17,20 @@ constexpr unsigned int kUpdateSeconds = 60;
 constexpr unsigned int kExitCheckMs = 50;
 constexpr unsigned long kUpdatePriority = 63;
 
-Clock::time_point After(unsigned int milliseconds) {
-  return Clock::now() + std::chrono::milliseconds(milliseconds);
-}
-
 }  // namespace
 
 CSystemDeviceScan::Turn::Turn(CSystemDeviceScan& scan, unsigned int timeoutMs, Caller caller)
-    : m_Gate(scan.m_ScanGate), m_Call(scan.m_Calls, std::defer_lock), m_Lists(scan.m_Lists, std::defer_lock) {
+    : m_Call(scan.m_Calls, std::defer_lock), m_Gate(scan.m_ScanGate), m_Lists(scan.m_ListsFree) {
   if (caller == kClient) m_Call.lock();
-  const Clock::time_point end = After(timeoutMs);
-  if (m_Gate.Wait(timeoutMs, true) == kWaitDone && !m_Lists.try_lock_until(end)) m_Gate.Set();
+  const Clock::time_point end = Clock::now() + std::chrono::milliseconds(timeoutMs);
+  if (!m_Gate.Take(timeoutMs)) return;
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
+  if (!m_Lists.Take(static_cast<unsigned int>(std::max<long long>(left, 0)))) m_Gate.GiveBack();
 }
 
 void CSystemDeviceScan::Turn::GiveBack() {
-  if (!m_Lists.owns_lock()) return;
-  m_Lists.unlock();
-  m_Gate.Set();
+  m_Lists.GiveBack();
+  m_Gate.GiveBack();
 }
 
 CSystemDeviceScan::CSystemDeviceScan() {
@@ -67,8 +65,8 @@ void CSystemDeviceScan::ClassCopy(const CSystemDeviceScan& other) {
 
 // The update thread of the other object may be at work.
 void CSystemDeviceScan::CopyLists(const CSystemDeviceScan& other) {
-  const std::unique_lock lists(other.m_Lists, After(kQueryTimeoutMs));
-  if (!lists) return;
+  EventHold lists(other.m_ListsFree);
+  if (!lists.Take(kQueryTimeoutMs)) return;
   m_Adapters = other.m_Adapters;
   m_Volumes = other.m_Volumes;
   const CCriticalSectionLock lock(other.m_PciConfigList.Lock());

@@ -3,10 +3,10 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <shared_mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "inventory/system_adapter_list.h"
@@ -114,6 +114,25 @@ class CSystemDeviceScan {
   bool ScanSystemPartitions();
 
  private:
+  // An auto-reset event, held like a lock that can be waited for with a limit.
+  class EventHold {
+   public:
+    explicit EventHold(const CEvent& event) : m_Event(event) {}
+    ~EventHold() { GiveBack(); }
+    EventHold(const EventHold&) = delete;
+    EventHold& operator=(const EventHold&) = delete;
+
+    bool Take(unsigned int timeoutMs) { return m_IsHeld = m_Event.Wait(timeoutMs, true) == kWaitDone; }
+    bool IsHeld() const { return m_IsHeld; }
+    void GiveBack() {
+      if (std::exchange(m_IsHeld, false)) m_Event.Set();
+    }
+
+   private:
+    const CEvent& m_Event;
+    bool m_IsHeld = false;
+  };
+
   // One call's turn at the lists: through the gate, then the lock of the lists, and both given back when the call ends
   // in whatever way. False when the time was up. Lives on the stack of the call; the object outlives it.
   // The gate alone would not do, as Terminate opens it when its time is up, whoever holds it.
@@ -122,17 +141,13 @@ class CSystemDeviceScan {
     enum Caller { kClient, kUpdateThread };  // the destructor waits for the one, and joins the other
 
     Turn(CSystemDeviceScan& scan, unsigned int timeoutMs, Caller caller = kClient);
-    ~Turn() { GiveBack(); }
-    Turn(const Turn&) = delete;
-    Turn& operator=(const Turn&) = delete;
-
-    explicit operator bool() const { return m_Lists.owns_lock(); }
+    explicit operator bool() const { return m_Lists.IsHeld(); }
     void GiveBack();
 
    private:
-    const CEvent& m_Gate;
     std::shared_lock<std::shared_mutex> m_Call;
-    std::unique_lock<std::timed_mutex> m_Lists;
+    EventHold m_Gate;
+    EventHold m_Lists;
   };
 
   static constexpr unsigned int kQueryTimeoutMs = 90'000;
@@ -149,7 +164,7 @@ class CSystemDeviceScan {
   bool IsUpdateThreadAlive() const;
   void ScanVolumesUnlessStopped();
 
-  // Guarded by m_Lists, behind the gate.
+  // Guarded by m_ListsFree, behind the gate.
   CSystemAdapterList m_Adapters;
   std::vector<CSystemDrive> m_Drives;
   std::vector<CSystemVolume> m_Volumes;
@@ -163,9 +178,9 @@ class CSystemDeviceScan {
   std::atomic<bool> m_ExitRequested = false;
   std::atomic<bool> m_Terminating = false;  // never cleared
 
-  // Order of locks: m_Calls, gate, m_Lists, m_ThreadLock; that of the PCI list stands before those of the shared
+  // Order of locks: m_Calls, gate, m_ListsFree, m_ThreadLock; that of the PCI list stands before those of the shared
   // tables.
   mutable CCriticalSection m_ThreadLock;
-  mutable std::timed_mutex m_Lists;  // held by the call that has the turn, or while a copy is made
-  std::shared_mutex m_Calls;         // shared by the calls that want a turn; the destructor waits for it alone
+  CEvent m_ListsFree{true, false};  // taken by the call that has the turn, and while a copy is made
+  std::shared_mutex m_Calls;        // shared by the calls that want a turn; the destructor waits for it alone
 };
