@@ -5,6 +5,11 @@
 #include <string>
 #include <vector>
 
+// Closes the descriptors from first to end - 1. Safe between fork and exec, and in a child that executes nothing.
+void CloseDescriptors(unsigned int first, unsigned int end);
+// The end of the descriptors that a process may have. Not safe there.
+unsigned int DescriptorLimit();
+
 // Everything that a child needs to become another program, prepared before the fork: between fork and exec the child
 // of a process with threads may only call functions that are safe in a signal handler, since any lock may be held by a
 // thread that does not exist in the child. No allocation, no look-up and no call that may lock stands there.
