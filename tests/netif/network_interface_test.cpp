@@ -1,9 +1,14 @@
 #include <arpa/inet.h>
 #include <dlfcn.h>
 #include <linux/ethtool.h>
+#include <linux/netlink.h>
 #include <linux/sockios.h>
 #include <net/if.h>
+#include <pthread.h>
 
+#include <thread>
+
+#include "netif/host_ip_address.h"
 #include "netif/network_interface_manager.h"
 #include "netif/private_network.h"
 #include "netif/routing_table_manager.h"
@@ -59,10 +64,20 @@ const std::pair<std::string, std::function<void(const network_interface&)>> kOpe
 }  // namespace
 
 bool refuseNameIndex = false;
+static int interruptedDumps = 0;  // how many datagrams the kernel marks as part of an interrupted dump
 
 extern "C" struct if_nameindex* if_nameindex() noexcept {
   using Function = struct if_nameindex* (*)();
   return refuseNameIndex ? nullptr : reinterpret_cast<Function>(::dlsym(RTLD_NEXT, "if_nameindex"))();
+}
+
+extern "C" ssize_t recv(int fd, void* buffer, size_t size, int flags) {
+  const ssize_t received = ::recvfrom(fd, buffer, size, flags, nullptr, nullptr);
+  if (interruptedDumps > 0 && (flags & MSG_PEEK) == 0 && received >= static_cast<ssize_t>(sizeof(nlmsghdr))) {
+    --interruptedDumps;
+    static_cast<nlmsghdr*>(buffer)->nlmsg_flags |= NLM_F_DUMP_INTR;
+  }
+  return received;
 }
 
 using NetworkInterface = PrivateNetwork;
@@ -81,7 +96,6 @@ TEST_F(NetworkInterface, PropertiesAgreeWithTheIpCommand) {
     EXPECT_EQ(lo.get_max_speed(), -1);
     EXPECT_EQ(lo.get_hardware_type(), interface_hardware_type::loopback);
     EXPECT_EQ(FailureOf([&] { lo.get_ether_address(); }), "This interface doesn't contain ether hardrware address.");
-    EXPECT_EQ(network_interface("fifteen-letters-and-many-more-of-them").get_mtu(), 1500);
 
     EXPECT_EQ(std::system("bash -c 'echo 12345 >/dev/udp/127.0.0.1/9'"), 0);
     const network_statistics counted = lo.get_network_statistics();
@@ -102,12 +116,49 @@ TEST_F(NetworkInterface, FailuresCarryTheirTextAndLeaveNoDescriptorWhileInterfac
     do {
       FailureOf([] { Texts(network_interface_manager().get_network_interfaces()); });
       FailureOf([] { routing_table_manager().get_ipv4_routing_entries(); });
-      for (const auto& [failure, call] : kOperations)
-        EXPECT_EQ(FailureOf([&, call = call] { call(network_interface("gone")); }),
-                  failure + "\nError message: No such device");
+      for (const auto& [failure, call] : kOperations) {
+        for (const char* name : {"gone", "fifteen-letters-and-more"}) {  // the kernel has no such long names
+          EXPECT_EQ(FailureOf([&, call = call] { call(network_interface(name)); }),
+                    failure + "\nError message: No such device");
+        }
+      }
     } while (!FailureOf([] { network_interface("end").get_network_statistics(); }).empty());
     EXPECT_EQ(FailureOf([] { network_interface_manager().get_network_interface_name_by_ipv4_index(999); }),
               "Retriving interface name by index failed.\nError message: No such device");
+    EXPECT_EQ(CountDescriptors(), before);
+  });
+}
+
+// A cancelled thread must neither take the process along nor leave anything open.
+TEST_F(NetworkInterface, AThreadIsCancelledInAnyOperation) {
+  const std::function<void()> operations[] = {
+      [] { network_interface_manager().get_network_interfaces(); },
+      [] { network_interface("v0").get_ipv6_address(); },
+      [] { network_interface("v0").get_network_statistics(); },
+      [] { routing_table_manager().get_ipv4_routing_entries(); },
+      [] { CHostIPAddress::GetHostIPAddress(1, CHostIPAddress::ipv4); },
+      [] { CHostIPAddress::GetHostIPAddress(1, CHostIPAddress::ipv6); },
+  };
+  Run([&] {
+    thread_local bool cancelInIoctl = false;
+    const FakeIoctl kernel([](const std::string&, unsigned long, void*) {
+      if (cancelInIoctl) ::pthread_cancel(::pthread_self());
+      return std::nullopt;
+    });
+    const std::ptrdiff_t before = CountDescriptors();
+    for (int run = 0; run < 100; ++run) {
+      for (const auto& operation : operations) {
+        std::thread thread([&] {
+          if (run == 0) ::pthread_cancel(::pthread_self());
+          cancelInIoctl = run == 1;
+          for (;; ::pthread_testcancel())
+            operation();
+        });
+        if (run > 1) ::usleep(static_cast<useconds_t>(run * 7));
+        ::pthread_cancel(thread.native_handle());
+        thread.join();
+      }
+    }
     EXPECT_EQ(CountDescriptors(), before);
   });
 }
@@ -148,6 +199,23 @@ TEST_F(NetworkInterface, WithoutNameIndexEveryIpv4AddressIsListed) {
   refuseNameIndex = true;
   Run([] { EXPECT_EQ(network_interface_manager().get_network_interfaces().size(), 30U); }, addresses);
   refuseNameIndex = false;
+}
+
+TEST_F(NetworkInterface, RoutesSurviveAnInterfaceThatVanishesAndChangesMeanwhile) {
+  Run([] {
+    const auto read = [] { return Texts(routing_table_manager().get_ipv4_routing_entries()); };
+    const std::string all = read();
+    for (const int interrupted : {1, 1000}) {
+      interruptedDumps = interrupted;
+      EXPECT_EQ(read(), all) << interrupted;
+      EXPECT_GE(interruptedDumps, interrupted - 20) << "asks for ever";
+    }
+    interruptedDumps = 0;
+    const FakeIoctl kernel([](const std::string&, unsigned long request, void*) -> std::optional<int> {
+      return request == SIOCGIFNAME ? std::optional(-ENODEV) : std::nullopt;
+    });
+    EXPECT_EQ(read(), "192.168.0.0/20 src 192.168.7.20\n");
+  });
 }
 
 TEST_F(NetworkInterface, RoutesAgreeWithTheIpCommand) {
