@@ -55,14 +55,6 @@ std::string LinesOfMonitor(const TraceCapture& trace) {
   return lines;
 }
 
-template <typename Body>
-std::jthread Repeat(Body body) {
-  return std::jthread([body](const std::stop_token& stop) {
-    while (!stop.stop_requested())
-      body();
-  });
-}
-
 }  // namespace
 
 using PerfMon = RootedTest;
@@ -119,19 +111,16 @@ TEST_F(PerfMon, TracesAndAnswersFromStartToStop) {
     monitor.StopMonitoring();
     // The thread of a further start goes on from sample to sample and takes up a new interval.
     trace.Clear();
-    ASSERT_TRUE(monitor.StartMonitoring(CPerfMon::memory, 1));
-    while (trace.Count("CPerfMon::Thread    : snapshot data updated, sleeping 1 msec.") < 3)
-      std::this_thread::yield();
-    ASSERT_TRUE(monitor.StartMonitoring(CPerfMon::memory, 2));
-    while (!trace.Has("CPerfMon::Thread    : snapshot data updated, sleeping 2 msec."))
-      std::this_thread::yield();
     // Without an interval it ends; with one there is a thread again.
-    ASSERT_TRUE(monitor.StartMonitoring(CPerfMon::memory, 0));
-    while (trace.Count("exited, Return = 0x00000000##") < 1)
-      std::this_thread::yield();
-    ASSERT_TRUE(monitor.StartMonitoring(CPerfMon::memory, 3));
-    while (!trace.Has("CPerfMon::Thread    : snapshot data updated, sleeping 3 msec."))
-      std::this_thread::yield();
+    for (const auto& [interval, text] :
+         std::vector<std::pair<unsigned int, std::string>>{{1, "updated, sleeping 1 msec."},
+                                                           {2, "updated, sleeping 2 msec."},
+                                                           {0, "exited"},
+                                                           {3, "sleeping 3 msec."}}) {
+      ASSERT_TRUE(monitor.StartMonitoring(CPerfMon::memory, interval));
+      while (trace.Count(text) < (interval == 1 ? 3 : 1))
+        std::this_thread::yield();
+    }
     monitor.StopMonitoring();
     EXPECT_EQ(trace.Count("exited, Return = 0x00000000##"), 2);
   });
@@ -158,7 +147,6 @@ TEST_F(PerfMon, AnInterfaceThatIsNewAtItsPlaceBeginsAnew) {
     ASSERT_TRUE(monitor.StartMonitoring(CPerfMon::network, 0));
     EXPECT_EQ(sample(100, 4200000000), "0/0 100/100 ");
     EXPECT_EQ(sample(0, 4200000000), "0/0 100/100 ") << "eth0 is gone, and eth1 is the first";
-    EXPECT_EQ(trace.Count("network history[00]"), 2);
     EXPECT_EQ(sample(0, 4200000000), "0/0 100/100 ");
     EXPECT_TRUE(trace.Has("CPerfMon::SnapData  :   - network history[00]: 1 entries"));
     EXPECT_EQ(sample(5, 200), "0/0 100/100 ") << "both are made anew";
@@ -240,8 +228,11 @@ TEST_F(PerfMon, SamplesAHundredRealInterfaces) {
 // A stop that waited for the interval would not come back.
 TEST_F(PerfMon, StopsAtOnceAndStartsAgainWhileOthersAsk) {
   CPerfMon monitor(5);
-  const std::jthread reader = Repeat([&monitor] { Percents(monitor, {{0, -1}, {8, 0}, {9, -1}, {10, -1}, {13, 1}}); });
-  const std::jthread sampler = Repeat([&monitor] { monitor.SnapshotData(13); });
+  const auto ask = [&monitor](const std::stop_token& stop) {
+    for (; !stop.stop_requested(); monitor.SnapshotData(13))
+      Percents(monitor, {{0, -1}, {8, 0}, {9, -1}, {10, -1}, {13, 1}});
+  };
+  const std::jthread others[] = {std::jthread(ask), std::jthread(ask)};
   monitor.StopMonitoring();
   ASSERT_TRUE(monitor.StartMonitoring(CPerfMon::memory, kWaitForever));
   EXPECT_TRUE(monitor.StartMonitoring(CPerfMon::systemCpu, kWaitForever));

@@ -100,36 +100,24 @@ TEST(DataHistoryBuffer, KeepsTheNewestElementsOfEachInstance) {
 }
 
 TEST(PercentSum, RoundsOnceAndCaps) {
-  using Ratios = std::vector<std::pair<uint128, uint64_t>>;
-  for (const auto& [ratios, overInstances, overElements] : std::vector<std::tuple<Ratios, int, int>>{
-           {{{uint64_t{2} << 30, uint64_t{8} << 30}}, 25, 25},
-           {{{10, 100}, {21, 100}}, 15, 16},
-           {{{500, 100000}, {499, 100000}}, 0, 0},
-           {{{10, 0}, {10, 10}}, 50, 50},
-           {{{kMax / 2, kMax}, {0, kMax}}, 25, 25},
-           {{{uint128{kMax} + kMax, 1}, {kMax, 1}}, 100, 100},
-           {{}, 0, 0},
-       }) {
+  const auto mean = [](const std::vector<std::pair<uint128, uint64_t>>& ratios) {
     CPercentSum sum;
     for (const auto& [part, whole] : ratios)
       sum.Add(part, whole);
-    EXPECT_EQ(sum.OverInstances(ratios.size()), overInstances);
-    EXPECT_EQ(sum.OverElements(), overElements);
-  }
+    return std::pair<int, int>(sum.OverInstances(ratios.size()), sum.OverElements());
+  };
+  EXPECT_EQ(mean({{uint64_t{2} << 30, uint64_t{8} << 30}}), std::pair(25, 25));
+  EXPECT_EQ(mean({{10, 100}, {21, 100}}), std::pair(15, 16));
+  EXPECT_EQ(mean({{500, 100000}, {499, 100000}}), std::pair(0, 0));
+  EXPECT_EQ(mean({{10, 0}, {10, 10}}), std::pair(50, 50));
+  EXPECT_EQ(mean({{uint128{kMax} + kMax, 1}, {kMax, 1}}), std::pair(100, 100));
+  EXPECT_EQ(mean({}), std::pair(0, 0));
 }
 
 TEST(CPerfMon, AValueBelongsToOneKind) {
-  for (const auto& [value, type, expected] :
-       std::vector<std::tuple<unsigned int, unsigned int, bool>>{{0, 1, true},
-                                                                 {0, 3, false},
-                                                                 {0, 32, false},
-                                                                 {7, 2, true},
-                                                                 {12, 4, true},
-                                                                 {12, 8, false},
-                                                                 {20, 16, true},
-                                                                 {21, 16, false},
-                                                                 {21, 0, false}}) {
-    EXPECT_EQ(CPerfMon::IsMonitorValue(CPerfMon::PerfMonitorValue{value}, CPerfMon::PerfMonitorType{type}), expected)
-        << value << ' ' << type;
-  }
+  const auto is = [](unsigned int value, unsigned int type) {
+    return CPerfMon::IsMonitorValue(CPerfMon::PerfMonitorValue{value}, CPerfMon::PerfMonitorType{type});
+  };
+  EXPECT_TRUE(is(0, 1) && is(7, 2) && is(9, 8) && is(12, 4) && is(13, 16) && is(20, 16));
+  EXPECT_FALSE(is(0, 3) || is(0, 32) || is(12, 8) || is(21, 16) || is(21, 0));
 }
