@@ -11,8 +11,8 @@
 #include "inventory/mount_entry.h"
 #include "inventory/scsi_device_list.h"
 #include "inventory/system_device_scan.h"
-#include "ravctl/core/command_error.h"
-#include "ravctl/hardware/record.h"
+#include "ravctl/answer/error.h"
+#include "ravctl/answer/record.h"
 
 namespace ravctl {
 

@@ -10,8 +10,8 @@
 #include "firmware/bios_tables.h"
 #include "firmware/smbios.h"
 #include "firmware/smbios_structures.h"
-#include "ravctl/core/command_error.h"
-#include "ravctl/core/text.h"
+#include "ravctl/answer/error.h"
+#include "ravctl/base/text.h"
 
 namespace ravctl {
 

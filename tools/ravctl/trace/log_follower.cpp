@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "ravctl/core/command_error.h"
+#include "ravctl/answer/error.h"
 #include "ravctl/trace/trace_entry.h"
 #include "ravctl/trace/trace_file.h"
 

@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "ravctl/core/command_error.h"
+#include "ravctl/answer/error.h"
 #include "ravctl/trace/trace_entry.h"
 #include "ravctl/trace/trace_layout.h"
 
