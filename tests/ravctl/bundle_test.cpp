@@ -9,8 +9,8 @@
 #include <cstdlib>
 #include <regex>
 
-#include "ravctl/bundle/redactor.h"
 #include "ravctl/tool_machine.h"
+#include "ravctl/tree/redact/redactor.h"
 #include "support/firmware_tables.h"
 
 using ::testing::AllOf;

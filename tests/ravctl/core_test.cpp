@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "ravctl/core/text.h"
+#include "ravctl/base/text.h"
 #include "ravctl/ravctl_runner.h"
 
 using ::testing::HasSubstr;

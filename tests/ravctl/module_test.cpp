@@ -10,7 +10,7 @@
 #include <filesystem>
 
 #include "ravctl/commands/all_commands.h"
-#include "ravctl/core/command.h"
+#include "ravctl/line/command.h"
 #include "ravctl/ravctl_runner.h"
 
 using ::testing::HasSubstr;

@@ -16,8 +16,8 @@
 
 #include "netif/private_network.h"
 #include "platform/unique_fd.h"
+#include "ravctl/commands/perf/graph.h"
 #include "ravctl/ravctl_runner.h"
-#include "ravctl/terminal/graph.h"
 
 using nlohmann::json;
 using ::testing::HasSubstr;

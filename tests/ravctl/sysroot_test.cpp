@@ -12,8 +12,8 @@
 #include <functional>
 
 #include "ravctl/archive_file.h"
-#include "ravctl/core/sysroot.h"
 #include "ravctl/ravctl_runner.h"
+#include "ravctl/tree/enter.h"
 
 using ::testing::HasSubstr;
 

@@ -1,4 +1,4 @@
-#include "ravctl/core/tool.h"
+#include "ravctl/line/tool.h"
 
 int main(int argc, char** argv) {
   return ravctl::RunTool(argc, argv);

@@ -3,19 +3,19 @@
 #include <array>
 
 #include "ravctl/commands/bundle.h"
-#include "ravctl/commands/daemon_status.h"
+#include "ravctl/commands/daemon/status.h"
 #include "ravctl/commands/doctor.h"
-#include "ravctl/commands/ini.h"
-#include "ravctl/commands/inventory.h"
-#include "ravctl/commands/module.h"
-#include "ravctl/commands/net.h"
+#include "ravctl/commands/ini/group.h"
+#include "ravctl/commands/inventory/group.h"
+#include "ravctl/commands/module/group.h"
+#include "ravctl/commands/net/group.h"
 #include "ravctl/commands/pci.h"
-#include "ravctl/commands/perf.h"
-#include "ravctl/commands/registry.h"
-#include "ravctl/commands/shell_texts.h"
+#include "ravctl/commands/perf/perf.h"
+#include "ravctl/commands/registry/group.h"
 #include "ravctl/commands/slots.h"
-#include "ravctl/commands/smbios.h"
-#include "ravctl/commands/trace.h"
+#include "ravctl/commands/smbios/group.h"
+#include "ravctl/commands/trace/group.h"
+#include "ravctl/line/shell_texts.h"
 
 namespace ravctl {
 

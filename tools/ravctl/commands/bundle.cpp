@@ -2,13 +2,13 @@
 
 #include "ravctl/commands/bundle.h"
 
-#include "ravctl/bundle/bundle_format.h"
-#include "ravctl/bundle/bundle_writer.h"
-#include "ravctl/bundle/machine_files.h"
-#include "ravctl/bundle/manifest.h"
-#include "ravctl/bundle/redact_entries.h"
-#include "ravctl/core/command.h"
-#include "ravctl/core/text.h"
+#include "ravctl/base/text.h"
+#include "ravctl/line/command.h"
+#include "ravctl/tree/bundle_format.h"
+#include "ravctl/tree/bundle_writer.h"
+#include "ravctl/tree/machine_files.h"
+#include "ravctl/tree/manifest.h"
+#include "ravctl/tree/redact/redact_entries.h"
 
 namespace ravctl {
 

@@ -10,16 +10,16 @@
 #include <cstring>
 
 #include "platform/directory.h"
-#include "ravctl/commands/daemon_status.h"
-#include "ravctl/commands/smbios.h"
-#include "ravctl/commands/trace.h"
-#include "ravctl/core/command.h"
-#include "ravctl/core/sysroot.h"
-#include "ravctl/core/text.h"
-#include "ravctl/store/ini_scan.h"
-#include "ravctl/store/store_check.h"
-#include "ravctl/store/store_files.h"
+#include "ravctl/base/text.h"
+#include "ravctl/commands/daemon/status.h"
+#include "ravctl/commands/smbios/group.h"
+#include "ravctl/commands/trace/group.h"
+#include "ravctl/ini/ini_scan.h"
+#include "ravctl/line/command.h"
+#include "ravctl/registry/store_check.h"
+#include "ravctl/registry/store_files.h"
 #include "ravctl/trace/trace_settings.h"
+#include "ravctl/tree/enter.h"
 
 namespace ravctl {
 

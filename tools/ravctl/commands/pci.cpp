@@ -4,9 +4,9 @@
 
 #include <set>
 
-#include "ravctl/core/command.h"
+#include "ravctl/answer/record.h"
 #include "ravctl/hardware/pci_records.h"
-#include "ravctl/hardware/record.h"
+#include "ravctl/line/command.h"
 
 namespace ravctl {
 

@@ -2,9 +2,9 @@
 
 #include "ravctl/commands/slots.h"
 
-#include "ravctl/core/command.h"
-#include "ravctl/hardware/record.h"
+#include "ravctl/answer/record.h"
 #include "ravctl/hardware/slot_records.h"
+#include "ravctl/line/command.h"
 
 namespace ravctl {
 

@@ -10,8 +10,8 @@
 
 #include "inventory/mount_entry.h"
 #include "inventory/system_device_scan.h"
-#include "ravctl/core/command_error.h"
-#include "ravctl/hardware/record.h"
+#include "ravctl/answer/error.h"
+#include "ravctl/answer/record.h"
 
 namespace ravctl {
 

@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "ravctl/core/output.h"
+#include "ravctl/answer/output.h"
 
 namespace ravctl {
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ravctl/core/output.h"
+#include "ravctl/answer/output.h"
 
 namespace ravctl {
 

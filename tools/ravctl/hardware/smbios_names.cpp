@@ -6,8 +6,8 @@
 #include <span>
 
 #include "firmware/little_endian.h"
-#include "ravctl/core/text.h"
-#include "ravctl/hardware/record.h"
+#include "ravctl/answer/record.h"
+#include "ravctl/base/text.h"
 
 namespace ravctl {
 

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <array>
 
-#include "ravctl/core/command_error.h"
-#include "ravctl/core/text.h"
+#include "ravctl/answer/error.h"
+#include "ravctl/base/text.h"
 
 namespace ravctl {
 

@@ -4,7 +4,7 @@
 #include <string_view>
 #include <vector>
 
-#include "ravctl/core/output.h"
+#include "ravctl/answer/output.h"
 #include "ravctl/trace/trace_entry.h"
 
 namespace ravctl {

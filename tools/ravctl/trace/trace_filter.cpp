@@ -7,7 +7,7 @@
 #include <cctype>
 #include <ctime>
 
-#include "ravctl/core/command_error.h"
+#include "ravctl/answer/error.h"
 
 namespace ravctl {
 

@@ -1,0 +1,295 @@
+#include "ravctl/answer/output.h"
+
+#include <libsmartcols.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+
+#include "ravctl/answer/error.h"
+#include "ravctl/base/text.h"
+
+namespace ravctl {
+
+namespace {
+
+constexpr size_t kBufferSize = 256 * 1024;
+constexpr std::string_view kReset = "\x1b[0m";
+
+bool WantsColors(ColorMode mode, bool isTerminal) {
+  if (mode != ColorMode::kAuto) return mode == ColorMode::kAlways;
+  const char* noColor = std::getenv("NO_COLOR");
+  const char* terminal = std::getenv("TERM");
+  const bool isDumb = terminal != nullptr && std::string_view(terminal) == "dumb";
+  return isTerminal && !isDumb && (noColor == nullptr || *noColor == '\0');
+}
+
+std::string CellText(const Json& value) {
+  switch (value.type()) {
+    case Json::value_t::null:
+      return "-";
+    case Json::value_t::string:
+      return Printable(value.get_ref<const std::string&>());
+    case Json::value_t::boolean:
+      return value.get<bool>() ? "yes" : "no";
+    case Json::value_t::array: {
+      std::string joined;
+      for (const Json& element : value)
+        joined += (joined.empty() ? "" : ", ") + CellText(element);
+      return joined.empty() ? "-" : joined;
+    }
+    default:
+      return value.dump();
+  }
+}
+
+long long NowMs() {
+  using namespace std::chrono;
+  return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+struct TableDeleter {
+  void operator()(libscols_table* table) const { scols_unref_table(table); }
+};
+
+// JSON with the bytes that are no UTF-8 made visible, as in every other string.
+std::string Dump(const Json& value) {
+  try {
+    return value.dump();
+  } catch (const Json::type_error&) {
+    Json copy = value;
+    const std::function<void(Json&)> clean = [&clean](Json& part) {
+      if (part.is_string()) part = ValidUtf8(part.get_ref<const std::string&>());
+      if (part.is_structured()) std::for_each(part.begin(), part.end(), clean);
+    };
+    clean(copy);
+    return copy.dump(-1, ' ', false, Json::error_handler_t::replace);
+  }
+}
+
+}  // namespace
+
+std::string CellText(const Column& column, const Json& row) {
+  const auto found = row.find(column.key);
+  if (found == row.end() || found->is_null()) return "-";
+  const std::string text = column.format ? Printable(column.format(*found)) : CellText(*found);
+  return text.empty() ? "-" : text;
+}
+
+size_t Table::Add(Json row, std::optional<size_t> parent) {
+  m_IsTree = m_IsTree || parent.has_value();
+  m_Rows.push_back({std::move(row), parent});
+  return m_Rows.size() - 1;
+}
+
+Json Table::ToJson() const {
+  Json rows = Json::array();
+  for (const TableRow& row : m_Rows)
+    rows.push_back(row.value);
+  return rows;
+}
+
+Output::Output(OutputOptions options)
+    : m_Options(std::move(options)),
+      m_IsTerminal(::isatty(STDOUT_FILENO) == 1),
+      m_HasColors(!m_Options.json && WantsColors(m_Options.color, m_IsTerminal)) {
+  m_Buffer.reserve(2 * kBufferSize);
+}
+
+Output::~Output() {
+  Flush();
+}
+
+Json Output::Envelope(const Schema& schema) const {
+  return {{"schema", "ravctl/" + std::string(schema.name)}, {"version", schema.version}, {"root", m_Root}};
+}
+
+void Output::Print(const Schema& schema, const Table& table) {
+  if (IsJson()) {
+    Print(schema, std::string(), table.ToJson());
+  } else {
+    PrintTable(table);
+  }
+}
+
+void Output::Print(const Schema& schema, const Table& table, const Json& data) {
+  if (IsJson()) {
+    Print(schema, std::string(), data);
+  } else {
+    PrintTable(table);
+  }
+}
+
+void Output::Print(const Schema& schema, const std::string& text, const Json& data) {
+  if (!IsJson()) {
+    Write(text);
+    return;
+  }
+  Json object = Envelope(schema);
+  object["data"] = data;
+  object["warnings"] = m_Warnings;
+  m_Buffer += Dump(object) + '\n';
+}
+
+void Output::Line(const Schema& schema, std::string_view text, const Json& data) {
+  if (IsJson()) {
+    Print(schema, std::string(), data);
+    m_Warnings.clear();
+  } else {
+    m_Buffer += text;
+    m_Buffer += '\n';
+  }
+  Flush();
+}
+
+void Output::BeginStream(const Schema& schema) {
+  m_IsFirstElement = true;
+  if (!IsJson()) return;
+  m_Buffer += Dump(Envelope(schema));
+  m_Buffer.back() = ',';
+  m_Buffer += "\"data\":[";
+}
+
+void Output::Write(std::string_view textOrElement) {
+  if (IsJson() && !std::exchange(m_IsFirstElement, false)) m_Buffer += ",\n";
+  m_Buffer += textOrElement;
+  if (m_Buffer.size() > kBufferSize) Flush();
+}
+
+void Output::EndStream() {
+  if (!IsJson()) return;
+  m_Buffer += "],\"warnings\":" + Dump(m_Warnings) + "}\n";
+}
+
+void Output::Flush() {
+  for (size_t at = 0; at < m_Buffer.size() && !m_IsClosed;) {
+    const ssize_t written = ::write(STDOUT_FILENO, m_Buffer.data() + at, m_Buffer.size() - at);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) {
+      m_IsClosed = true;
+    } else {
+      at += static_cast<size_t>(written);
+    }
+  }
+  m_Buffer.clear();
+}
+
+void Output::Warn(std::string_view what, std::string_view where, std::string_view toDo) {
+  m_Warnings.push_back({{"what", what}, {"where", where}, {"todo", toDo}});
+  Flush();
+  std::fprintf(stderr, "ravctl: warning: %s\n", OneLine(what, where, toDo).c_str());
+}
+
+const char* Output::ColorSequence(Color color) {
+  switch (color) {
+    case Color::kRed:
+      return "\x1b[31m";
+    case Color::kYellow:
+      return "\x1b[33m";
+    case Color::kGreen:
+      return "\x1b[32m";
+    case Color::kBlue:
+      return "\x1b[34m";
+    case Color::kCyan:
+      return "\x1b[36m";
+    case Color::kMagenta:
+      return "\x1b[35m";
+    case Color::kGray:
+      return "\x1b[90m";
+    case Color::kBold:
+      return "\x1b[1m";
+    case Color::kNone:
+      break;
+  }
+  return "";
+}
+
+std::string Output::Colored(Color color, std::string_view text) const {
+  if (!m_HasColors || color == Color::kNone) return std::string(text);
+  return ColorSequence(color) + std::string(text) + std::string(kReset);
+}
+
+std::vector<size_t> Output::ChosenColumns(const std::vector<Column>& columns) const {
+  std::vector<size_t> chosen;
+  const bool isOnTop = m_Options.columns.starts_with('+');
+  if (m_Options.columns.empty() || isOnTop) {
+    for (size_t index = 0; index < columns.size(); ++index) {
+      if (columns[index].isUsual) chosen.push_back(index);
+    }
+  }
+  std::vector<std::string> keys;
+  for (const Column& column : columns)
+    keys.push_back(column.key);
+  for (const std::string& wanted : SplitList(std::string_view(m_Options.columns).substr(isOnTop ? 1 : 0))) {
+    const auto found = std::ranges::find(keys, wanted);
+    if (found == keys.end()) {
+      const std::string nearest = NearestMatch(wanted, keys);
+      std::string known;
+      for (const std::string& key : keys)
+        known += (known.empty() ? "known: " : ", ") + key;
+      throw CommandError(ExitCode::kUsage, "no such column", wanted,
+                         nearest.empty() ? known : "did you mean " + nearest + "?");
+    }
+    chosen.push_back(static_cast<size_t>(found - keys.begin()));
+  }
+  return chosen;
+}
+
+void Output::PrintTable(const Table& table) {
+  const std::vector<size_t> chosen = ChosenColumns(table.Columns());
+  const std::unique_ptr<libscols_table, TableDeleter> lines(scols_new_table());
+  if (lines == nullptr) throw std::bad_alloc();
+  scols_table_enable_noencoding(lines.get(), 1);  // the texts are fit for a terminal already
+  scols_table_enable_noheadings(lines.get(), m_Options.noHeadings ? 1 : 0);
+  scols_table_enable_colors(lines.get(), m_HasColors ? 1 : 0);
+  if (!m_IsTerminal) scols_table_set_termforce(lines.get(), SCOLS_TERMFORCE_NEVER);
+  bool isFirst = true;
+  for (const size_t index : chosen) {
+    const Column& column = table.Columns()[index];
+    int flags = column.isRight ? SCOLS_FL_RIGHT : 0;
+    if (table.IsTree() && isFirst) flags = SCOLS_FL_TREE;
+    // A cut value misleads: long texts wrap on a terminal, as the last column does.
+    if (m_IsTerminal && index == chosen.back() && !isFirst) flags |= SCOLS_FL_WRAP;
+    isFirst = false;
+    scols_table_new_column(lines.get(), column.heading.c_str(), 0, flags);
+  }
+  std::vector<libscols_line*> made;
+  for (size_t number = 0; number < table.Size(); ++number) {
+    const std::optional<size_t> parent = table.Parent(number);
+    libscols_line* line = scols_table_new_line(lines.get(), parent ? made[*parent] : nullptr);
+    if (line == nullptr) throw std::bad_alloc();
+    made.push_back(line);
+    for (size_t cell = 0; cell < chosen.size(); ++cell) {
+      const Column& column = table.Columns()[chosen[cell]];
+      scols_line_set_data(line, cell, CellText(column, table.Row(number)).c_str());
+      const Color color = column.color ? column.color(table.Row(number)) : Color::kNone;
+      if (color != Color::kNone) scols_cell_set_color(scols_line_get_cell(line, cell), ColorSequence(color));
+    }
+  }
+  if (table.Size() == 0) return;
+  char* text = nullptr;
+  if (scols_print_table_to_string(lines.get(), &text) != 0) throw std::runtime_error("the table cannot be drawn");
+  const std::unique_ptr<char, decltype(&std::free)> owner(text, &std::free);
+  Write(text);
+  Write("\n");
+}
+
+Progress::Progress(std::string what, unsigned long long total)
+    : m_What(std::move(what)), m_Total(total), m_StartMs(NowMs()), m_IsTerminal(::isatty(STDERR_FILENO) == 1) {}
+
+Progress::~Progress() {
+  if (m_Shown >= 0) std::fprintf(stderr, "\r\x1b[K");
+}
+
+void Progress::Update(unsigned long long done) {
+  if (!m_IsTerminal || m_Total == 0 || NowMs() - m_StartMs < 500) return;
+  const int percent = static_cast<int>(std::min(done, m_Total) * 100 / m_Total);
+  if (percent == m_Shown) return;
+  m_Shown = percent;
+  std::fprintf(stderr, "\r%s %d %%\x1b[K", m_What.c_str(), percent);
+}
+
+}  // namespace ravctl

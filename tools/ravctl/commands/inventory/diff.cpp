@@ -1,0 +1,341 @@
+// inventory diff: what changed between two inventories.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <initializer_list>
+#include <memory>
+#include <span>
+
+#include "platform/descriptor_io.h"
+#include "platform/unique_fd.h"
+#include "ravctl/base/child.h"
+#include "ravctl/commands/inventory/group.h"
+#include "ravctl/hardware/inventory_records.h"
+#include "ravctl/line/command.h"
+#include "ravctl/tree/enter.h"
+
+namespace ravctl {
+
+namespace {
+
+constexpr int kTreeSeconds = 120;
+constexpr std::string_view kLive = "live";
+constexpr std::string_view kSchema = "ravctl/inventory";
+
+struct Options {
+  std::string before;
+  std::string after;
+  bool withUsage = false;
+};
+
+using Names = std::initializer_list<std::string_view>;
+
+// How the records of one kind are told apart and compared.
+struct Kind {
+  const char* name;        // "adapter"
+  const char* list;        // its key in the data
+  const char* place;       // where the record sits
+  const char* otherPlace;  // the place where that one is null
+  const char* title;
+  std::array<const char*, 3> identity;  // what goes along with the device; the first that is known counts
+  const char* model;                    // what devices of one model share
+  std::array<const char*, 2> derived;   // fields made of others or of the order of the scan
+};
+
+constexpr auto kKinds = std::to_array<Kind>({
+    {"adapter", "adapters", "address", "name", "name", {"permanent_mac", "mac", "wwn"}, "id", {"name", "id"}},
+    {"drive", "drives", "scsi", "device", "name", {"serial", nullptr, nullptr}, "id", {"number", "id"}},
+    {"volume", "volumes", "mount_point", "device", "device", {nullptr, nullptr, nullptr}, "device", {nullptr, nullptr}},
+});
+
+// How full a volume is changes all the time.
+constexpr auto kUsageFields = std::to_array<std::string_view>({"available_kb", "used_percent", "available_blocks"});
+
+// What goes with the place: no news of a device that moved.
+constexpr auto kPlaceFields = std::to_array<std::string_view>({"os_device", "irq", "ports", "memory"});
+
+// What a device or the running kernel has to be asked for: one side may not know it, which is no change.
+constexpr auto kLiveFields = std::to_array<std::string_view>(
+    {"permanent_mac", "driver_version", "firmware", "serial", "vendor", "name", "wwn", "size_kb", "available_kb",
+     "used_percent", "blocks", "available_blocks", "block_size"});
+
+bool Has(std::span<const std::string_view> names, std::string_view name) {
+  return std::ranges::find(names, name) != names.end();
+}
+
+// ---- the two sides
+
+Json WithoutKernelVolumes(Json data) {
+  Json kept = Json::array();
+  for (const Json& volume : data["volumes"]) {
+    if (!IsKernelVolume(volume)) kept.push_back(volume);
+  }
+  data["volumes"] = std::move(kept);
+  return data;
+}
+
+std::string ReadFile(const std::string& path, int fd) {
+  std::string text;
+  if (!ReadToEnd(fd, text)) throw SystemFailure("cannot read", path, errno);
+  return text;
+}
+
+// What the records have to have for a comparison; the schema says the rest.
+bool IsInventory(const Json& object) {
+  if (!object.is_object() || object.value("schema", Json()) != kSchema || !object.contains("data")) return false;
+  return std::ranges::all_of(kKinds, [&data = object["data"]](const Kind& kind) {
+    if (!data.is_object() || !data.contains(kind.list) || !data[kind.list].is_array()) return false;
+    return std::ranges::all_of(data[kind.list], [](const Json& record) { return record.is_object(); });
+  });
+}
+
+Json ReadSaved(const std::string& path, const std::string& text) {
+  const Json object = Json::parse(text, nullptr, false);
+  if (object.is_discarded()) {
+    throw CommandError(ExitCode::kInputDamaged, "neither JSON nor a captured tree", path,
+                       "save one with ravctl inventory --json");
+  }
+  if (!IsInventory(object)) {
+    throw CommandError(ExitCode::kInputDamaged, "not an inventory", path, "save one with ravctl inventory --json");
+  }
+  return object["data"];
+}
+
+int ReportTree(const std::string& path, int reportFd) {
+  Json report;
+  try {
+    EnterSysroot(path);
+    report["data"] = ReadInventory(kAllRecords).ToJson();
+  } catch (const CommandError& error) {
+    report["code"] = static_cast<int>(error.Code());
+    report["error"] = error.what();
+  }
+  const std::unique_ptr<std::FILE, decltype([](std::FILE* file) { std::fclose(file); })> pipe(::fdopen(reportFd, "w"));
+  const std::string text = report.dump(-1, ' ', false, Json::error_handler_t::replace);
+  return pipe != nullptr && std::fwrite(text.data(), text.size(), 1, pipe.get()) == 1 ? 0 : 1;
+}
+
+// Entering a tree is for good, so a child does it.
+Json ReadTree(const std::string& path) {
+  if (IsInSysroot()) {
+    throw CommandError(ExitCode::kUsage, "a captured tree cannot be entered from another one", path,
+                       "leave --sysroot out");
+  }
+  const ChildResult child = RunInChild(kTreeSeconds, [&path](int reportFd) { return ReportTree(path, reportFd); });
+  const Json report = Json::parse(child.report, nullptr, false);
+  if (child.isTimeout || report.is_discarded() || !report.is_object()) {
+    throw CommandError(ExitCode::kInputDamaged, child.isTimeout ? "reading took too long" : "it could not be read",
+                       path, "try ravctl inventory --sysroot with it");
+  }
+  if (report.contains("error")) {
+    throw CommandError(static_cast<ExitCode>(report["code"].get<int>()), report["error"].get<std::string>(), "", "");
+  }
+  return report["data"];
+}
+
+bool IsLive(const std::string& operand) {
+  return operand == kLive || operand == "-";
+}
+
+Json ReadSide(const std::string& operand, Output& out) {
+  if (IsLive(operand)) {
+    const InventoryRecords records = ReadInventory(kAllRecords);
+    WarnAboutRights(records, out);
+    return records.ToJson();
+  }
+  const UniqueFd file(::open(operand.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  struct stat info {};
+  if (!file || ::fstat(file.Get(), &info) != 0) throw SystemFailure("cannot open", operand, errno);
+  if (S_ISDIR(info.st_mode)) return ReadTree(operand);
+  // An archive does not begin as JSON does.
+  const std::string text = ReadFile(operand, file.Get());
+  const size_t first = text.find_first_not_of(" \t\r\n");
+  if (first != std::string::npos && text[first] != '{' && S_ISREG(info.st_mode)) return ReadTree(operand);
+  return ReadSaved(operand, text);
+}
+
+// ---- comparison
+
+const Json& Field(const Json& record, const char* key) {
+  static const Json none;
+  if (key == nullptr) return none;
+  const auto found = record.find(key);
+  return found == record.end() ? none : *found;
+}
+
+Json PlaceOf(const Json& record, const Kind& kind) {
+  const Json& place = Field(record, kind.place);
+  return place.is_null() ? Field(record, kind.otherPlace) : place;
+}
+
+enum class Likeness { kSame, kOther, kUnknown };
+
+// By the first identity that both records know.
+Likeness CompareIdentity(const Json& left, const Json& right, const Kind& kind) {
+  for (const char* key : kind.identity) {
+    const Json& identity = Field(left, key);
+    if (identity.is_null() || Field(right, key).is_null()) continue;
+    return identity == Field(right, key) ? Likeness::kSame : Likeness::kOther;
+  }
+  return Likeness::kUnknown;
+}
+
+Json Shown(const Json& value) {
+  if (value.is_null() || value.is_string()) return value;
+  return value.is_array() && value.empty() ? Json() : Json(value.dump());
+}
+
+class Comparison {
+ public:
+  explicit Comparison(bool withUsage) : m_WithUsage(withUsage) {}
+
+  void Compare(const Kind& kind, const Json& before, const Json& after) {
+    m_Kind = &kind;
+    m_Before.clear();
+    m_After.clear();
+    for (const Json& record : before)
+      m_Before.push_back(&record);
+    for (const Json& record : after)
+      m_After.push_back(&record);
+    // From the surest pairing to the least sure one; what is paired is out of the game.
+    Pair([this](const Json& left, const Json& right) { return IsSamePlace(left, right) && IsSameDevice(left, right); });
+    Pair([this](const Json& left, const Json& right) { return IsSameDevice(left, right); });
+    Pair([this](const Json& left, const Json& right) { return IsSamePlace(left, right) && MayBeSame(left, right); });
+    Pair([this](const Json& left, const Json& right) { return IsSameModel(left, right) && MayBeSame(left, right); });
+    for (const Json* record : m_Before)
+      Add("removed", *record, nullptr, Shown(PlaceOf(*record, kind)), nullptr);
+    for (const Json* record : m_After)
+      Add("added", *record, nullptr, nullptr, Shown(PlaceOf(*record, kind)));
+  }
+
+  const Table& Result() const { return m_Table; }
+
+ private:
+  bool IsSamePlace(const Json& left, const Json& right) const {
+    const Json place = PlaceOf(left, *m_Kind);
+    return !place.is_null() && place == PlaceOf(right, *m_Kind);
+  }
+  bool IsSameDevice(const Json& left, const Json& right) const {
+    return CompareIdentity(left, right, *m_Kind) == Likeness::kSame;
+  }
+  bool MayBeSame(const Json& left, const Json& right) const {
+    return CompareIdentity(left, right, *m_Kind) == Likeness::kUnknown;
+  }
+  bool IsSameModel(const Json& left, const Json& right) const {
+    const Json& model = Field(left, m_Kind->model);
+    return !model.is_null() && model == Field(right, m_Kind->model);
+  }
+
+  template <typename Predicate>
+  void Pair(Predicate isPair) {
+    for (auto left = m_Before.begin(); left != m_Before.end();) {
+      const auto right = std::ranges::find_if(m_After, [&](const Json* record) { return isPair(**left, *record); });
+      if (right == m_After.end()) {
+        ++left;
+        continue;
+      }
+      ComparePair(**left, **right);
+      m_After.erase(right);
+      left = m_Before.erase(left);
+    }
+  }
+
+  void ComparePair(const Json& left, const Json& right) {
+    const Json oldPlace = PlaceOf(left, *m_Kind);
+    const Json newPlace = PlaceOf(right, *m_Kind);
+    const bool isMoved = oldPlace != newPlace;
+    if (isMoved) Add("moved", right, m_Kind->place, Shown(oldPlace), Shown(newPlace));
+    for (const auto& [key, value] : right.items()) {
+      const Json& old = Field(left, key.c_str());
+      if (old != value && left.contains(key) && IsNews(key, isMoved, old.is_null() || value.is_null())) {
+        Add("changed", right, key.c_str(), Shown(old), Shown(value));
+      }
+    }
+  }
+
+  // isOneSided: one of the two does not know the field.
+  bool IsNews(const std::string& key, bool isMoved, bool isOneSided) const {
+    if (key == m_Kind->place ||
+        std::ranges::any_of(m_Kind->derived, [&key](const char* name) { return name != nullptr && key == name; })) {
+      return false;
+    }
+    if (isMoved && (key == m_Kind->otherPlace || Has(kPlaceFields, key))) return false;
+    if (isOneSided && Has(kLiveFields, key)) return false;
+    return m_WithUsage || !Has(kUsageFields, key);
+  }
+
+  void Add(const char* change, const Json& record, const char* field, Json before, Json after) {
+    const Json place = PlaceOf(record, *m_Kind);
+    m_Table.Add({{"change", change},
+                 {"kind", m_Kind->name},
+                 {"where", place.is_null() ? Json("") : Shown(place)},
+                 {"name", Shown(Field(record, m_Kind->title))},
+                 {"field", field == nullptr ? Json() : Json(field)},
+                 {"old", std::move(before)},
+                 {"new", std::move(after)}});
+  }
+
+  static Color ChangeColor(const Json& row) {
+    if (row["change"] == "added") return Color::kGreen;
+    if (row["change"] == "removed") return Color::kRed;
+    return row["change"] == "moved" ? Color::kBlue : Color::kYellow;
+  }
+
+  bool m_WithUsage;
+  const Kind* m_Kind = nullptr;
+  std::vector<const Json*> m_Before, m_After;
+  Table m_Table{{{.key = "change", .heading = "CHANGE", .color = ChangeColor},
+                 {.key = "kind", .heading = "KIND"},
+                 {.key = "where", .heading = "WHERE"},
+                 {.key = "name", .heading = "NAME"},
+                 {.key = "field", .heading = "FIELD"},
+                 {.key = "old", .heading = "OLD"},
+                 {.key = "new", .heading = "NEW"}}};
+};
+
+// The scan leaves its mark on the process, such as the table of mounts, and a child would take it over: the live
+// machine comes last.
+std::array<Json, 2> ReadSides(const Options& options, Output& out) {
+  const std::array<const std::string*, 2> operands = {&options.before, &options.after};
+  std::array<Json, 2> sides;
+  for (const bool wantsLive : {false, true}) {
+    for (size_t side = 0; side < operands.size(); ++side) {
+      if (IsLive(*operands[side]) == wantsLive) sides[side] = WithoutKernelVolumes(ReadSide(*operands[side], out));
+    }
+  }
+  return sides;
+}
+
+ExitCode RunDiff(const Options& options, Output& out) {
+  const auto [before, after] = ReadSides(options, out);
+  Comparison comparison(options.withUsage);
+  for (const Kind& kind : kKinds)
+    comparison.Compare(kind, before[kind.list], after[kind.list]);
+  out.Print({"inventory-diff"}, comparison.Result());
+  return comparison.Result().Size() == 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
+}
+
+}  // namespace
+
+void AddInventoryDiff(CLI::App& inventory) {
+  auto options = std::make_shared<Options>();
+  CLI::App& diff = AddCommand(
+      inventory,
+      {"diff",
+       "Show what was added, removed, moved or changed between two inventories; exit status 1 when anything was",
+       {{"ravctl inventory diff before.json live", "since that was saved with ravctl inventory --json"},
+        {"ravctl inventory diff server1.tar.gz server2.tar.gz", "between two bundles"}}},
+      [options](Output& out) { return RunDiff(*options, out); });
+  diff.add_option("BEFORE", options->before, "live or - for this machine, saved JSON, a captured tree or a bundle")
+      ->required();
+  diff.add_option("AFTER", options->after, "The same")->required();
+  diff.add_flag("--usage", options->withUsage, "Tell too how full volumes are");
+}
+
+}  // namespace ravctl

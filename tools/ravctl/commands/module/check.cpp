@@ -1,0 +1,255 @@
+// module check: whether a library can be the module switch of the daemon, and who could change it.
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gelf.h>
+#include <libelf.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <set>
+
+#include "daemon/switch_interface.h"
+#include "platform/unique_fd.h"
+#include "ravctl/base/child.h"
+#include "ravctl/base/text.h"
+#include "ravctl/commands/module/group.h"
+#include "ravctl/line/command.h"
+
+namespace ravctl {
+
+namespace {
+
+constexpr int kLoadSeconds = 10;
+constexpr int kNotLoaded = 1;
+constexpr int kRefused = 2;
+constexpr int kOddTable = 3;
+
+struct SlotRow {
+  size_t slot;
+  const char* operation;
+};
+
+// What the daemon calls.
+constexpr auto kCalledSlots = std::to_array<SlotRow>(
+    {{2, "LoadModules"}, {3, "UnloadModules"}, {4, "StartModules"}, {5, "StopModules"}, {16, "NotifyEvent"}});
+
+// One line of the answer.
+class CheckList {
+ public:
+  void Say(bool isGood, const char* check, const std::string& finding, const char* toDo = "") {
+    m_IsGood = m_IsGood && isGood;
+    m_Table.Add(
+        {{"good", isGood}, {"check", check}, {"finding", finding}, {"todo", *toDo != '\0' ? Json(toDo) : Json()}});
+  }
+  bool IsGood() const { return m_IsGood; }
+  const Table& Lines() const { return m_Table; }
+
+ private:
+  Table m_Table{{{.key = "good",
+                  .heading = "GOOD",
+                  .color = [](const Json& row) { return row["good"] ? Color::kGreen : Color::kRed; }},
+                 {.key = "check", .heading = "CHECK"},
+                 {.key = "finding", .heading = "FINDING"},
+                 {.key = "todo", .heading = "TO DO"}}};
+  bool m_IsGood = true;
+};
+
+// What the dynamic symbol table and section of a library say.
+struct LibraryNames {
+  std::set<std::string> defined;
+  std::set<std::string> wanted;
+  std::vector<std::string> needed;
+};
+
+struct ElfDeleter {
+  void operator()(Elf* elf) const { elf_end(elf); }
+};
+
+void ReadSymbols(Elf* elf, Elf_Scn* section, const GElf_Shdr& header, LibraryNames& names) {
+  Elf_Data* data = elf_getdata(section, nullptr);
+  if (data == nullptr || header.sh_entsize == 0) return;
+  for (size_t index = 1; index < header.sh_size / header.sh_entsize; ++index) {
+    GElf_Sym symbol;
+    if (gelf_getsym(data, static_cast<int>(index), &symbol) == nullptr) return;
+    const char* name = elf_strptr(elf, header.sh_link, symbol.st_name);
+    if (name == nullptr || *name == '\0') continue;
+    const bool isVisible = GELF_ST_BIND(symbol.st_info) != STB_LOCAL;
+    if (isVisible) (symbol.st_shndx == SHN_UNDEF ? names.wanted : names.defined).insert(name);
+  }
+}
+
+void ReadNeeded(Elf* elf, Elf_Scn* section, const GElf_Shdr& header, LibraryNames& names) {
+  Elf_Data* data = elf_getdata(section, nullptr);
+  if (data == nullptr || header.sh_entsize == 0) return;
+  for (size_t index = 0; index < header.sh_size / header.sh_entsize; ++index) {
+    GElf_Dyn entry;
+    if (gelf_getdyn(data, static_cast<int>(index), &entry) == nullptr) return;
+    const char* name = entry.d_tag == DT_NEEDED ? elf_strptr(elf, header.sh_link, entry.d_un.d_val) : nullptr;
+    if (name != nullptr) names.needed.emplace_back(name);
+  }
+}
+
+// Throws CommandError when the file is no shared library for this machine.
+LibraryNames ReadLibrary(const std::string& path) {
+  const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (!file) throw SystemFailure("cannot open the library", path, errno);
+  elf_version(EV_CURRENT);
+  const std::unique_ptr<Elf, ElfDeleter> elf(elf_begin(file.Get(), ELF_C_READ, nullptr));
+  GElf_Ehdr header;
+  if (elf == nullptr || elf_kind(elf.get()) != ELF_K_ELF || gelf_getehdr(elf.get(), &header) == nullptr ||
+      header.e_machine != EM_X86_64 || header.e_type != ET_DYN) {
+    throw CommandError(ExitCode::kInputDamaged, "not a shared library for x86-64", path, "name a libswitch.so");
+  }
+  LibraryNames names;
+  for (Elf_Scn* section = elf_nextscn(elf.get(), nullptr); section != nullptr;
+       section = elf_nextscn(elf.get(), section)) {
+    GElf_Shdr part;
+    if (gelf_getshdr(section, &part) == nullptr) continue;
+    if (part.sh_type == SHT_DYNSYM) ReadSymbols(elf.get(), section, part, names);
+    if (part.sh_type == SHT_DYNAMIC) ReadNeeded(elf.get(), section, part, names);
+  }
+  return names;
+}
+
+void CheckSymbols(const LibraryNames& names, CheckList& list) {
+  const auto has = [&names](const char* name) { return names.defined.contains(name); };
+  list.Say(has("SW_QueryInterface"), "SW_QueryInterface", has("SW_QueryInterface") ? "exported" : "missing",
+           has("SW_QueryInterface") ? "" : "export it with a plain name: extern \"C\" and default visibility");
+  for (const char* optional : {"SW_Release", "SW_AddRef"})
+    list.Say(true, optional, has(optional) ? "exported" : "missing (it may be)");
+  list.Say(true, "Debug", names.wanted.contains("Debug") ? "traces through the daemon's object" : "does not trace");
+  std::string needed;
+  for (const std::string& library : names.needed)
+    needed += (needed.empty() ? "" : ", ") + library;
+  list.Say(true, "needs", needed.empty() ? "no library" : needed);
+}
+
+void Tell(int fd, const std::string& text) {
+  [[maybe_unused]] const ssize_t written = ::write(fd, text.data(), text.size());
+}
+
+// In the child: loads the library, obtains the interface and looks where its table leads.
+int LoadAndLook(const std::string& path, int reportFd) {
+  void* library = ::dlopen(path.c_str(), RTLD_NOW | RTLD_GLOBAL);
+  if (library == nullptr) {
+    const char* why = ::dlerror();
+    Tell(reportFd, why != nullptr ? why : "cannot be loaded");
+    return kNotLoaded;
+  }
+  const auto query = reinterpret_cast<SwitchQueryInterfaceFunction>(::dlsym(library, "SW_QueryInterface"));
+  ISwitch* interface = nullptr;
+  if (query == nullptr || !query(0, &interface) || interface == nullptr) return kRefused;
+  void* const* table = *reinterpret_cast<void* const**>(interface);
+  for (const SlotRow& row : kCalledSlots) {
+    Dl_info info{};
+    if (::dladdr(table[row.slot], &info) == 0) {
+      Tell(reportFd, std::string("slot ") + std::to_string(row.slot) + " (" + row.operation + ") leads nowhere");
+      return kOddTable;
+    }
+  }
+  return 0;
+}
+
+void CheckInterface(const std::string& path, CheckList& list) {
+  const ChildResult result = RunInChild(kLoadSeconds, [&path](int report) { return LoadAndLook(path, report); });
+  if (result.isTimeout) {
+    list.Say(false, "interface", "loading took more than " + std::to_string(kLoadSeconds) + " s",
+             "do not wait in static objects");
+  } else if (result.signal != 0) {
+    list.Say(false, "interface", std::string("loading ended with ") + ::strsignal(result.signal));
+  } else if (result.status == 0) {
+    list.Say(true, "interface", "handed out; its table of 17 operations leads to code");
+  } else if (result.status == kRefused) {
+    list.Say(false, "interface", "refused for identifier 0", "return true and a non-null pointer");
+  } else {
+    list.Say(false, "interface",
+             result.report.empty() ? "ended with status " + std::to_string(result.status) : result.report);
+  }
+}
+
+std::string UserName(uid_t uid) {
+  const passwd* user = ::getpwuid(uid);
+  return user != nullptr ? user->pw_name : "user " + std::to_string(uid);
+}
+
+// Who besides root may change what the path leads to; empty when nobody may.
+std::string Writers(const std::string& path) {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0) return std::string("unknown: ") + std::strerror(errno);
+  std::string writers;
+  if (info.st_uid != 0) writers = UserName(info.st_uid);
+  // In a directory with the sticky bit nobody replaces what belongs to another.
+  const bool isShared = S_ISDIR(info.st_mode) && (info.st_mode & S_ISVTX) != 0;
+  if ((info.st_mode & S_IWGRP) != 0 && !isShared && info.st_gid != 0) {
+    writers += (writers.empty() ? "" : ", ") + std::string("group ") + std::to_string(info.st_gid);
+  }
+  if ((info.st_mode & S_IWOTH) != 0 && !isShared) writers += writers.empty() ? "everybody" : ", everybody";
+  return writers;
+}
+
+// The daemon runs it as root: whoever may write the file, or replace it in a directory above, is root.
+void CheckWriters(const std::string& path, CheckList& list) {
+  const std::unique_ptr<char, decltype(&std::free)> real(::realpath(path.c_str(), nullptr), &std::free);
+  std::string at = real != nullptr ? real.get() : path;
+  bool isSafe = true;
+  while (!at.empty()) {
+    const std::string writers = Writers(at);
+    if (!writers.empty()) {
+      isSafe = false;
+      list.Say(false, "writable", at + " by " + writers, "the daemon runs it as root: let root alone write");
+    }
+    if (at == "/") break;
+    const size_t slash = at.rfind('/');
+    if (slash == std::string::npos) break;
+    at.resize(std::max<size_t>(slash, 1));
+  }
+  if (isSafe) list.Say(true, "writable", "by root alone, and so are the directories above");
+}
+
+ExitCode RunCheck(const std::string& path, bool loads, Output& out) {
+  CheckList list;
+  const LibraryNames names = ReadLibrary(path);
+  list.Say(true, "file", "shared library for x86-64");
+  CheckSymbols(names, list);
+  if (loads && names.defined.contains("SW_QueryInterface")) CheckInterface(path, list);
+  CheckWriters(path, list);
+  out.Print({"module-check"}, list.Lines());
+  return list.IsGood() ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
+}
+
+}  // namespace
+
+void AddModuleCheck(CLI::App& module) {
+  struct Options {
+    std::string library;
+    bool loads = true;
+  };
+  auto options = std::make_shared<Options>();
+  CLI::App& check = AddCommand(
+      module,
+      {"check",
+       "Check a module switch library: symbols, interface, and who may write to it; exit status 1 when a check fails",
+       {{"ravctl module check /usr/lib/ravd/libswitch.so", "loads it in a child and looks at its interface"},
+        {"ravctl module check --no-load ./libswitch.so", "without running any of its code"}},
+       Effect::kChanges},
+      [options](Output& out) { return RunCheck(options->library, options->loads, out); });
+  check.add_option("LIB", options->library, "The library")->required();
+  check.add_flag("--no-load{false}", options->loads, "Read the file only, run nothing of it");
+}
+
+void RegisterModule(CLI::App& root) {
+  CLI::App& module = AddGroup(root, "module", "The module switch library that the daemon loads");
+  AddModuleCheck(module);
+  AddModuleRun(module);
+}
+
+}  // namespace ravctl

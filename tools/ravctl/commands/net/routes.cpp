@@ -1,0 +1,62 @@
+// net routes: the main IPv4 routing table.
+
+#include <bit>
+
+#include "netif/routing_table_manager.h"
+#include "ravctl/commands/net/group.h"
+#include "ravctl/line/command.h"
+#include "ravctl/network/links.h"
+
+namespace ravctl {
+
+namespace {
+
+Json AddressOrNull(uint32_t address) {
+  return address == 0 ? Json() : Json(IPv4Text(address));
+}
+
+std::vector<libnetif::ipv4_routing_entry> ReadRoutes() try {
+  return libnetif::routing_table_manager().get_ipv4_routing_entries();
+} catch (const libnetif::libnetif_exception& failure) {
+  throw NetworkFailure(failure);
+}
+
+std::string DestinationText(const libnetif::ipv4_routing_entry& route) {
+  if (route.destination == 0 && route.netmask == 0) return "default";
+  return IPv4Text(route.destination) + "/" + std::to_string(std::popcount(route.netmask));
+}
+
+ExitCode RunRoutes(const std::string& interface, Output& out) {
+  Table table({{.key = "destination", .heading = "DESTINATION"},
+               {.key = "gateway", .heading = "GATEWAY"},
+               {.key = "interface", .heading = "INTERFACE"},
+               {.key = "source", .heading = "SOURCE"},
+               {.key = "metric", .heading = "METRIC", .isRight = true}});
+  for (const libnetif::ipv4_routing_entry& route : ReadRoutes()) {
+    if (!interface.empty() && route.interface_name != interface) continue;
+    table.Add({{"destination", DestinationText(route)},
+               {"gateway", AddressOrNull(route.gateway)},
+               {"interface", route.interface_name.empty() ? Json() : Json(route.interface_name)},
+               {"source", AddressOrNull(route.source)},
+               {"metric", route.metric}});
+  }
+  out.Print({"net-routes"}, table);
+  return table.Size() > 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
+}
+
+}  // namespace
+
+void AddNetRoutes(CLI::App& net) {
+  auto interface = std::make_shared<std::string>();
+  CLI::App& routes =
+      AddCommand(net,
+                 {"routes",
+                  "List the routes of the main IPv4 table",
+                  {{"ravctl net routes", "in the order of the kernel"},
+                   {"ravctl net routes -i eth0 -o destination,gateway", "where eth0 leads, in two columns"}},
+                  Effect::kChanges},
+                 [interface](Output& out) { return RunRoutes(*interface, out); });
+  routes.add_option("-i,--interface", *interface, "Only routes through this interface")->type_name("NAME");
+}
+
+}  // namespace ravctl

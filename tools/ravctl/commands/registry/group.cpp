@@ -1,0 +1,131 @@
+// The registry group, and what its commands share.
+
+#include "ravctl/commands/registry/group.h"
+
+#include "ravctl/base/text.h"
+#include "ravctl/registry/store_files.h"
+
+namespace ravctl {
+
+namespace {
+
+template <typename Entries>
+std::string DidYouMean(const Entries& entries, const std::string& name) {
+  std::vector<std::string> names;
+  for (const auto& entry : entries)
+    names.push_back(entry.first);
+  const std::string nearest = NearestMatch(name, names);
+  return nearest.empty() ? "see ravctl registry list" : "did you mean " + nearest + "?";
+}
+
+Json TypeOf(const std::optional<StoreValue>& value) {
+  return value ? Json(TypeText(value->type)) : Json();
+}
+
+Json TextOf(const std::optional<StoreValue>& value) {
+  return value ? Json(ValueText(*value)) : Json();
+}
+
+Color ChangeColor(const Json& row) {
+  const auto& change = row["change"].get_ref<const std::string&>();
+  if (change == "added") return Color::kGreen;
+  return change == "removed" ? Color::kRed : Color::kYellow;
+}
+
+}  // namespace
+
+const StoreKey& RequireKey(const StoreKey& root, const StorePath& path) {
+  StorePath above;
+  const StoreKey* key = &root;
+  for (const std::string& name : path) {
+    const StoreKey* below = FindStoreKey(*key, {name});
+    above.push_back(name);
+    if (below == nullptr) {
+      throw CommandError(ExitCode::kNothingOrDifferent, "there is no such key", PathText(above),
+                         DidYouMean(key->keys, name));
+    }
+    key = below;
+  }
+  return *key;
+}
+
+const StoreValue& RequireValue(const StoreKey& key, const StorePath& path, const std::string& name) {
+  const auto found = key.values.find(name);
+  if (found != key.values.end()) return found->second;
+  throw CommandError(ExitCode::kNothingOrDifferent, "there is no such value", PathText(path) + ": " + name,
+                     DidYouMean(key.values, name));
+}
+
+Json ValueRow(const StorePath& path, const std::string& name, const StoreValue& value) {
+  return {{"key", PathText(path)},
+          {"name", name},
+          {"type", TypeText(value.type)},
+          {"value", ValueText(value)},
+          {"number", value.type == kRegistryNumber ? Json(value.number) : Json()}};
+}
+
+Json KeyRow(const StorePath& path, const StoreKey& key) {
+  return {{"key", PathText(path)},
+          {"name", path.empty() ? "" : path.back()},
+          {"type", "key"},
+          {"value", std::to_string(key.values.size()) + " values, " + std::to_string(key.keys.size()) + " keys"},
+          {"number", nullptr}};
+}
+
+std::vector<Column> EntryColumns() {
+  return {{.key = "key", .heading = "KEY"},
+          {.key = "name", .heading = "NAME"},
+          {.key = "type", .heading = "TYPE"},
+          {.key = "value", .heading = "VALUE"},
+          {.key = "number", .heading = "NUMBER", .isRight = true, .isUsual = false}};
+}
+
+Table ChangeTable(const std::vector<StoreChange>& changes) {
+  Table table({{.key = "change", .heading = "CHANGE", .color = ChangeColor},
+               {.key = "key", .heading = "KEY"},
+               {.key = "name", .heading = "NAME"},
+               {.key = "old_type", .heading = "OLD TYPE", .isUsual = false},
+               {.key = "old_value", .heading = "OLD VALUE"},
+               {.key = "type", .heading = "TYPE", .isUsual = false},
+               {.key = "value", .heading = "VALUE"}});
+  for (const StoreChange& change : changes) {
+    table.Add({{"change", ChangeText(change.kind)},
+               {"key", PathText(change.key)},
+               {"name", change.name ? Json(*change.name) : Json()},
+               {"old_type", TypeOf(change.before)},
+               {"old_value", TextOf(change.before)},
+               {"type", TypeOf(change.after)},
+               {"value", TextOf(change.after)}});
+  }
+  return table;
+}
+
+void PrintChanges(const Schema& schema, const std::vector<StoreChange>& changes, bool isWritten, Output& out) {
+  const Table table = ChangeTable(changes);
+  out.Print(schema, table, {{"written", isWritten}, {"file", kStoreFile}, {"changes", table.ToJson()}});
+}
+
+void AddWriteOptions(CLI::App& command, bool& isDryRun, bool& isForced) {
+  command.add_flag("--dry-run", isDryRun, "Show the changes and write nothing");
+  command.add_flag("--force", isForced, "Write even though the registry is damaged and loses what cannot be read");
+}
+
+CLI::Option* AddTypeOption(CLI::App& command, std::string& type, const std::string& meaning) {
+  return command.add_option("--type", type, meaning)
+      ->type_name("TYPE")
+      ->check(CLI::IsMember({"string", "expand", "number", "binary"}).description(""));
+}
+
+void RegisterRegistry(CLI::App& root) {
+  CLI::App& registry = AddGroup(root, "registry", "The registry: keys with typed values");
+  AddRegistryRead(registry);
+  AddRegistryFind(registry);
+  AddRegistryWrite(registry);
+  AddRegistryExport(registry);
+  AddRegistryImport(registry);
+  AddRegistryDiff(registry);
+  AddRegistryVerify(registry);
+  AddRegistryRecover(registry);
+}
+
+}  // namespace ravctl

@@ -1,0 +1,113 @@
+// trace stats: how much was traced, by whom.
+
+#include <algorithm>
+#include <map>
+
+#include "ravctl/base/text.h"
+#include "ravctl/commands/trace/group.h"
+#include "ravctl/line/command.h"
+#include "ravctl/trace/trace_entry.h"
+
+namespace ravctl {
+
+namespace {
+
+struct Count {
+  uint64_t entries = 0;
+  uint64_t bytes = 0;
+  uint64_t errors = 0;
+  uint64_t warnings = 0;
+  std::string_view first, last;  // times
+
+  void Add(const TraceEntry& entry) {
+    ++entries;
+    bytes += entry.whole.size();
+    if (entry.text.find("ERROR") != std::string_view::npos || entry.text.find("FAILED") != std::string_view::npos) {
+      ++errors;
+    } else if (entry.text.find("WARNING") != std::string_view::npos) {
+      ++warnings;
+    }
+    if (first.empty()) first = entry.time;
+    last = entry.time;
+  }
+};
+
+using Counts = std::map<std::string_view, Count>;
+
+void AddRow(const TraceFile& file, const char* group, std::string_view name, const Count& count, Table& table) {
+  table.Add({{"file", file.Path()},
+             {"group", group},
+             {"name", name},
+             {"entries", count.entries},
+             {"bytes", count.bytes},
+             {"errors", count.errors},
+             {"warnings", count.warnings},
+             {"first", count.first.empty() ? Json() : Json(count.first)},
+             {"last", count.last.empty() ? Json() : Json(count.last)},
+             {"wrapped", file.Layout().hasWrapped}});
+}
+
+void AddRows(const TraceFile& file, const char* group, const Counts& counts, Table& table) {
+  std::vector<std::pair<std::string_view, const Count*>> order;
+  for (const auto& [name, count] : counts)
+    order.emplace_back(name, &count);
+  std::ranges::stable_sort(order, std::greater{}, [](const auto& pair) { return pair.second->entries; });
+  for (const auto& [name, count] : order)
+    AddRow(file, group, name, *count, table);
+}
+
+std::string Size(const Json& bytes) {
+  return HumanSize(bytes.get<uint64_t>());
+}
+
+ExitCode RunStats(const TraceSource& source, Output& out) {
+  const std::vector<TraceFile> files = ReadTraceFiles(source);
+  Table table({{.key = "file", .heading = "FILE", .isUsual = files.size() > 1},
+               {.key = "group", .heading = "GROUP"},
+               {.key = "name", .heading = "NAME"},
+               {.key = "entries", .heading = "ENTRIES", .isRight = true},
+               {.key = "bytes", .heading = "SIZE", .isRight = true, .format = Size},
+               {.key = "errors", .heading = "ERRORS", .isRight = true},
+               {.key = "warnings", .heading = "WARNINGS", .isRight = true},
+               {.key = "first", .heading = "FIRST"},
+               {.key = "last", .heading = "LAST"},
+               {.key = "wrapped", .heading = "WRAPPED", .isUsual = false}});
+  uint64_t entries = 0;
+  bool isDamaged = false;
+  for (const TraceFile& file : files) {
+    isDamaged = WarnAboutDamage(file, out) || isDamaged;
+    Count all;
+    Counts tags, threads;
+    for (const std::string_view part : file.Layout().parts) {
+      ForEachEntry(part, [&](std::string_view whole) {
+        const TraceEntry entry = ParseEntry(whole);
+        all.Add(entry);
+        tags[entry.tag].Add(entry);
+        threads[entry.thread].Add(entry);
+        return true;
+      });
+    }
+    entries += all.entries;
+    AddRow(file, "all", "", all, table);
+    AddRows(file, "tag", tags, table);
+    AddRows(file, "thread", threads, table);
+  }
+  out.Print({"trace-stats"}, table);
+  if (isDamaged) return ExitCode::kInputDamaged;
+  return entries > 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
+}
+
+}  // namespace
+
+void AddTraceStats(CLI::App& trace) {
+  auto source = std::make_shared<TraceSource>();
+  CLI::App& stats = AddCommand(trace,
+                               {"stats",
+                                "Count the entries of a trace: in all, by tag and by thread",
+                                {{"ravctl trace stats", "of the daemon's ring buffers"},
+                                 {"ravctl trace stats -p log -o name,entries,errors", "of the log file"}}},
+                               [source](Output& out) { return RunStats(*source, out); });
+  AddSourceOptions(stats, *source);
+}
+
+}  // namespace ravctl

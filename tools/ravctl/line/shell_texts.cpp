@@ -1,0 +1,232 @@
+// completion and man: the bash completion and the manual page, made from the table of commands that the tool parses
+// its command line with, so that neither can lack an option.
+
+#include "ravctl/line/shell_texts.h"
+
+#include <array>
+#include <string_view>
+
+#include "ravctl/line/command.h"
+
+namespace ravctl {
+
+namespace {
+
+std::vector<const CLI::App*> Below(const CLI::App& command) {
+  std::vector<const CLI::App*> commands;
+  for (const CLI::App* below : command.get_subcommands([](const CLI::App*) { return true; })) {
+    if (!below->get_group().empty()) commands.push_back(below);
+  }
+  return commands;
+}
+
+// "--json -o --columns" of the command itself.
+std::string OptionWords(const CLI::App& command) {
+  std::string words;
+  for (const CLI::Option* option : command.get_options()) {
+    for (const std::string& name : option->get_snames())
+      words += (words.empty() ? "-" : " -") + name;
+    for (const std::string& name : option->get_lnames())
+      words += (words.empty() ? "--" : " --") + name;
+  }
+  return words;
+}
+
+std::string CommandWords(const CLI::App& command) {
+  std::string words;
+  for (const CLI::App* below : Below(command))
+    words += (words.empty() ? "" : " ") + below->get_name();
+  return words;
+}
+
+// One case a command: the words that may follow it.
+void AppendCompletion(const CLI::App& root, const CLI::App& command, std::string& text) {
+  const std::string name = FullName(command);
+  std::string words = CommandWords(command);
+  if (!words.empty()) words += " ";
+  words += OptionWords(command);
+  if (&command != &root) words += " " + OptionWords(root);
+  text += "    \"" + name + "\") words=\"" + words + "\" ;;\n";
+  for (const CLI::App* below : Below(command))
+    AppendCompletion(root, *below, text);
+}
+
+std::string Completion(const CLI::App& root) {
+  std::string text = R"(# bash completion for ravctl; made by: ravctl completion
+_ravctl() {
+  local current="${COMP_WORDS[COMP_CWORD]}" path="" word words candidate
+  COMPREPLY=()
+  for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
+    [[ "$word" == -* ]] && continue
+    candidate="${path:+$path }$word"
+    case "$candidate" in
+)";
+  std::string names;
+  const std::function<void(const CLI::App&)> collect = [&](const CLI::App& command) {
+    for (const CLI::App* below : Below(command)) {
+      names += (names.empty() ? "\"" : "|\"") + FullName(*below) + "\"";
+      collect(*below);
+    }
+  };
+  collect(root);
+  text += "      " + names + ") path=\"$candidate\" ;;\n    esac\n  done\n  case \"$path\" in\n";
+  AppendCompletion(root, root, text);
+  return text + R"(  esac
+  COMPREPLY=($(compgen -W "$words" -- "$current"))
+  [[ "$current" != -* ]] && COMPREPLY+=($(compgen -f -- "$current"))
+}
+complete -o filenames -F _ravctl ravctl
+)";
+}
+
+// Text of a manual page: what troff would take for its own is escaped.
+std::string Roff(const std::string& text) {
+  std::string out;
+  for (const char character : text) {
+    if (character == '\\') {
+      out += "\\e";
+    } else if (character == '-') {
+      out += "\\-";
+    } else if ((character == '.' || character == '\'') && (out.empty() || out.back() == '\n')) {
+      out += "\\&";
+      out += character;
+    } else {
+      out += character;
+    }
+  }
+  return out;
+}
+
+// A paragraph in lines of the length that manual pages keep to.
+std::string Filled(std::string_view paragraph) {
+  constexpr size_t kLineLength = 72;
+  std::string lines;
+  size_t column = 0;
+  while (!paragraph.empty()) {
+    const std::string_view word = paragraph.substr(0, paragraph.find_first_of(" \n"));
+    paragraph.remove_prefix(std::min(word.size() + 1, paragraph.size()));
+    if (word.empty()) continue;
+    const bool isNewLine = column + 1 + word.size() > kLineLength;
+    if (!lines.empty()) lines += isNewLine ? '\n' : ' ';
+    column = isNewLine ? word.size() : column + 1 + word.size();
+    lines += word;
+  }
+  return Roff(lines);
+}
+
+void AppendOptions(const CLI::App& command, std::string& text) {
+  for (const CLI::Option* option : command.get_options()) {
+    std::string names;
+    for (const std::string& name : option->get_snames())
+      names += (names.empty() ? "\\fB\\-" : ", \\fB\\-") + Roff(name) + "\\fR";
+    for (const std::string& name : option->get_lnames())
+      names += (names.empty() ? "\\fB\\-\\-" : ", \\fB\\-\\-") + Roff(name) + "\\fR";
+    const bool isPositional = names.empty();
+    if (isPositional) names = "\\fI" + Roff(option->get_name()) + "\\fR";
+    if (!isPositional && option->get_items_expected() > 0) names += " \\fI" + Roff(option->get_type_name()) + "\\fR";
+    text += ".TP\n" + names + "\n" + Filled(option->get_description()) + "\n";
+  }
+}
+
+void AppendCommand(const CLI::App& command, std::string& text) {
+  if (RunFunctionOf(command) != nullptr) {
+    text += ".SS ravctl " + Roff(FullName(command)) + "\n" + Filled(command.get_description() + ".") + "\n";
+    AppendOptions(command, text);
+    for (const Example& example : TextOf(command).examples)
+      text += ".PP\n.nf\n    " + Roff(example.command) + "\n.fi\n.RS 8\n" + Filled(example.meaning) + "\n.RE\n";
+  }
+  for (const CLI::App* below : Below(command))
+    AppendCommand(*below, text);
+}
+
+// What a section lists: "\fB/etc/pelrix/registry\fR" and what it is.
+struct Item {
+  std::string_view name;
+  std::string_view meaning;
+};
+
+constexpr auto kFiles = std::to_array<Item>({
+    {"/var/log/pelrix", "trace files, unless the trace configuration names another directory; see ravd-trace(5)"},
+    {"/etc/norrow/QuennetSuite/TraceConfig", "trace configuration; see ravd-trace-config(5)"},
+    {"/etc/pelrix/registry", "registry store of the modules; see ravd-registry(5)"},
+    {"/etc/pelrix/Adapter.ini", "names of adapters; see ravd-ini(5)"},
+    {"/var/run/ravd.pid", "process of the running daemon"},
+    {"/var/lock/ravd.lock", "lock of the running daemon"},
+});
+
+constexpr auto kEnvironment = std::to_array<Item>({
+    {"NO_COLOR", "when set and not empty, tables have no colors unless --color asks for them"},
+    {"TERM", "\"dumb\" means no colors"},
+    {"LD_LIBRARY_PATH", "where module check and module run look for the libraries that a module needs"},
+    {"QN_LOG_RINGBUF_DIR",
+     "directory of the trace files while no daemon runs; this and the other trace settings are described in "
+     "ravd-trace-config(5)"},
+});
+
+constexpr auto kExitStatus = std::to_array<Item>({
+    {"0", "done"},
+    {"1", "nothing or a difference found"},
+    {"2", "usage: the command line is wrong"},
+    {"3", "permission: the caller may not do that"},
+    {"4", "input missing: a file does not exist or cannot be read"},
+    {"5", "input damaged; what could be read was printed"},
+    {"6", "the daemon is not running"},
+    {"70", "internal: a fault of the tool itself"},
+});
+
+constexpr auto kExamples = std::to_array<Item>({
+    {"ravctl daemon status", "does the daemon run, since when, with which switch"},
+    {"ravctl doctor", "check everything that the daemon needs"},
+    {"ravctl trace show --since 5m -g ERROR", "errors of the last five minutes"},
+    {"ravctl trace stats --json | jq .data", "the same trace in figures, for a script"},
+});
+
+template <size_t kCount>
+void AppendItems(const char* heading, const std::array<Item, kCount>& items, std::string& text) {
+  text += std::string(".SH ") + heading + "\n";
+  for (const Item& item : items)
+    text += ".TP\n\\fB" + Roff(std::string(item.name)) + "\\fR\n" + Filled(item.meaning) + "\n";
+}
+
+std::string ManualPage(const CLI::App& root) {
+  std::string text =
+      ".TH RAVCTL 1 \"" RAVCTL_DATE "\" \"ravd " RAVCTL_VERSION
+      "\" \"User Commands\"\n"
+      ".SH NAME\nravctl \\- client of the service daemon ravd and of its library\n"
+      ".SH SYNOPSIS\n.B ravctl\n[\\fIglobal options\\fR] \\fICOMMAND\\fR [\\fISUB\\fR] [\\fIoptions\\fR]\n"
+      ".SH DESCRIPTION\n" +
+      Filled(root.get_description()) + "\n.SH GLOBAL OPTIONS\n";
+  AppendOptions(root, text);
+  text += ".SH COMMANDS\n";
+  AppendCommand(root, text);
+  AppendItems("ENVIRONMENT", kEnvironment, text);
+  AppendItems("FILES", kFiles, text);
+  AppendItems("EXIT STATUS", kExitStatus, text);
+  AppendItems("EXAMPLES", kExamples, text);
+  return text +
+         ".SH SEE ALSO\n.BR ravd (8),\n.BR ravd\\-ini (5),\n.BR ravd\\-registry (5),\n.BR ravd\\-trace (5),\n"
+         ".BR ravd\\-trace\\-config (5)\n";
+}
+
+}  // namespace
+
+void RegisterShellTexts(CLI::App& root) {
+  CLI::App* top = &root;
+  AddCommand(root,
+             {"completion",
+              "Print the bash completion",
+              {{"source <(ravctl completion)", "complete in this shell"},
+               {"ravctl completion > /etc/bash_completion.d/ravctl", "complete in every shell"}}},
+             [top](Output& out) {
+               const std::string text = Completion(*top);
+               out.Print({"text"}, text, text);
+               return ExitCode::kDone;
+             });
+  AddCommand(root, {"man", "Print the manual page", {{"ravctl man | man -l -", "read it"}}}, [top](Output& out) {
+    const std::string text = ManualPage(*top);
+    out.Print({"text"}, text, text);
+    return ExitCode::kDone;
+  });
+}
+
+}  // namespace ravctl

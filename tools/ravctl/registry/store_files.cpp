@@ -1,0 +1,80 @@
+#include "ravctl/registry/store_files.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+
+#include "platform/descriptor_io.h"
+#include "platform/regular_file.h"
+#include "ravctl/answer/error.h"
+#include "ravctl/registry/store_export.h"
+#include "registry/registry.h"
+
+namespace ravctl {
+
+namespace {
+
+constexpr const char* kRecover = "see ravctl registry verify and recover";
+
+// 0 when the file can be opened.
+int OpenError(const char* path) {
+  return OpenRegularFile(path, O_RDONLY) ? 0 : errno;
+}
+
+[[noreturn]] void ThrowNothingLoaded() {
+  int missing = 0;
+  for (const char* path : kStartOrder) {
+    const int error = OpenError(path);
+    if (error == ENOENT || error == ENOTDIR) {
+      ++missing;
+    } else if (error != 0) {
+      throw SystemFailure("cannot read the registry", path, error);
+    }
+  }
+  if (missing == static_cast<int>(kStartOrder.size())) throw SystemFailure("there is no registry", kStoreFile, ENOENT);
+  throw CommandError(ExitCode::kInputDamaged, "no file of the registry holds a value", kStoreFile, kRecover);
+}
+
+void WarnAboutFallback(const char* used, Output& out) {
+  const int error = OpenError(kStoreFile);
+  if (error == EACCES || error == EPERM) throw SystemFailure("cannot read the registry", kStoreFile, error);
+  out.Warn(error == ENOENT ? "there is no registry file, a start takes the next one"
+                           : "the registry file cannot be used, a start takes the next one",
+           used, kRecover);
+}
+
+}  // namespace
+
+LoadedStore LoadStore(Output& out) {
+  // One node for all files, as in the library: what a refused file left stays.
+  CRegistryNode node;
+  for (const char* path : kStartOrder) {
+    if (!CRegistry::ReadTree(path, node)) continue;
+    if (std::string_view(path) != kStoreFile) WarnAboutFallback(path, out);
+    return {CopyOfNode(node), path};
+  }
+  ThrowNothingLoaded();
+}
+
+std::string ReadStoreBytes(const std::string& path) {
+  const UniqueFd file = OpenRegularFile(path.c_str(), O_RDONLY);
+  std::string bytes;
+  if (!file || !ReadToEnd(file.Get(), bytes)) throw SystemFailure("cannot read the file", path, errno);
+  return bytes;
+}
+
+StoreKey ReadStoreFile(const std::string& path) {
+  const std::string bytes = ReadStoreBytes(path);
+  if (IsExport(bytes)) return ParseExport(bytes, path);
+  CRegistryNode node;
+  if (!CRegistry::ReadTree(path.c_str(), node)) {
+    throw CommandError(ExitCode::kInputDamaged, "the file holds no registry value", path, "see ravctl registry verify");
+  }
+  return CopyOfNode(node);
+}
+
+StoreKey ReadStoreOrLive(const std::string& what, Output& out) {
+  return what == "live" ? LoadStore(out).root : ReadStoreFile(what);
+}
+
+}  // namespace ravctl

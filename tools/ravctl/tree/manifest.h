@@ -1,0 +1,29 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "ravctl/answer/output.h"
+#include "ravctl/tree/capture.h"
+
+namespace ravctl {
+
+// How a bundle came about.
+struct BundleOrigin {
+  std::string host;
+  std::string kernel;
+  bool isRoot = false;
+  bool hasTraces = false;
+  bool isRedacted = false;
+};
+
+// Of this machine and this caller.
+BundleOrigin DescribeOrigin();
+
+// The manifest that belongs to the entries, as the last entry of the bundle.
+CapturedEntry MakeManifest(const BundleOrigin& origin, const std::vector<CapturedEntry>& entries,
+                           const std::vector<Uncaptured>& missing);
+
+Json ToJson(const std::vector<Uncaptured>& missing);
+
+}  // namespace ravctl
