@@ -9,8 +9,8 @@
 #include <optional>
 
 #include "firmware/little_endian.h"
-#include "firmware/smbios_walk.h"
 #include "firmware/smbios_from_memory.h"
+#include "firmware/smbios_walk.h"
 #include "ravctl/bundle/physical_memory.h"
 #include "ravctl/core/text.h"
 

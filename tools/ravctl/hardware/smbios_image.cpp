@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "firmware/smbios_sources.h"
 #include "firmware/smbios_lookup.h"
+#include "firmware/smbios_sources.h"
 #include "firmware/smbios_walk.h"
 #include "ravctl/core/command_error.h"
 #include "ravctl/core/text.h"
