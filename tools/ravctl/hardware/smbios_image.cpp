@@ -10,7 +10,7 @@
 #include "firmware/bios_tables.h"
 #include "firmware/smbios.h"
 #include "firmware/smbios_structures.h"
-#include "ravctl/answer/error.h"
+#include "ravctl/base/error.h"
 #include "ravctl/base/text.h"
 
 namespace ravctl {

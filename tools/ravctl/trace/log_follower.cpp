@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "ravctl/answer/error.h"
+#include "ravctl/base/error.h"
 #include "ravctl/trace/trace_entry.h"
 #include "ravctl/trace/trace_file.h"
 
