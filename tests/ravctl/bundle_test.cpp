@@ -365,8 +365,8 @@ TEST(Doctor, ChecksWritersTracesAndFirmware) {
     std::string found;
     const nlohmann::json answer = machine.Json(arguments, 1);
     for (const nlohmann::json& row : answer["data"]) {
-      if (row["check"] == check && row["health"] != "ok" && found.empty()) {
-        found = row["health"].get<std::string>() + " " + row["subject"].get<std::string>();
+      if (row["check"] == check && row["severity"] != "ok" && found.empty()) {
+        found = row["severity"].get<std::string>() + " " + row["place"].get<std::string>();
       }
     }
     return found;
@@ -378,12 +378,12 @@ TEST(Doctor, ChecksWritersTracesAndFirmware) {
   machine.WriteFile(kUnfinishedIni, "[ravd]\nFileDebugLevel=5\n[broken\n");
   machine.WriteFile("/var/log/pelrix/log.ravd", SecretMachine::Trace() + "2026-01-02 03:04:06.000 [0000ABCD] cut");
   machine.WriteFile("/sys/firmware/dmi/tables/DMI", Smbios().substr(0, 60));
-  EXPECT_EQ(worst("permissions", ""), "BAD /etc/pelrix/registry");
-  EXPECT_EQ(worst("registry", ""), "BAD /etc/pelrix/registry");
-  EXPECT_EQ(worst("ini", ""), std::string("BAD ") + kUnfinishedIni);
+  EXPECT_EQ(worst("permissions", ""), "bad /etc/pelrix/registry");
+  EXPECT_EQ(worst("registry", ""), "bad /etc/pelrix/registry:9");
+  EXPECT_EQ(worst("ini", ""), std::string("bad ") + kUnfinishedIni + ":3");
   EXPECT_EQ(worst("trace config", ""), std::string("warning ") + kUnfinishedIni);
-  EXPECT_EQ(worst("trace", ""), "BAD /var/log/pelrix/log.ravd");
-  EXPECT_THAT(worst("smbios", ""), HasSubstr("BAD"));
+  EXPECT_EQ(worst("trace", ""), "bad /var/log/pelrix/log.ravd");
+  EXPECT_THAT(worst("smbios", ""), HasSubstr("bad"));
   machine.Json({"bundle", "--trace", "/b.tar.gz"});
   for (const char* check : {"permissions", "registry", "ini", "trace config", "trace", "smbios", "daemon"})
     EXPECT_EQ(worst(check, "/b.tar.gz"), worst(check, "")) << check;

@@ -36,7 +36,7 @@ TEST(CommandLine, FaultsAreOneLineWithTheirStatus) {
       {{"daemon"}, 2, "ravctl: a command is missing: ravctl daemon (one of status; see ravctl daemon --help)\n"},
       {{"doctor", "--jsn"}, 2, "ravctl: unknown option: --jsn (did you mean --json?)\n"},
       {{"doctor", "more"}, 2, "ravctl: unexpected word: more (see ravctl doctor --help)\n"},
-      {{"doctor", "-o", "helth"}, 2, "ravctl: doctor: no such column: helth (did you mean health?)\n"},
+      {{"doctor", "-o", "chek"}, 2, "ravctl: doctor: no such column: chek (did you mean check?)\n"},
       {{"daemon", "status", "--color=no"},
        2,
        "ravctl: --color: no not in {auto,always,never}: daemon status (see ravctl daemon status --help)\n"},
@@ -52,7 +52,7 @@ TEST(CommandLine, FaultsAreOneLineWithTheirStatus) {
 
 TEST(CommandLine, ColumnsHeadingsAndColors) {
   const ToolRoot machine;
-  const ToolResult plain = machine.Ravctl({"doctor", "-o", "check,health", "--no-headings"});
+  const ToolResult plain = machine.Ravctl({"doctor", "-o", "check,severity", "--no-headings"});
   EXPECT_THAT(plain.out, HasSubstr("daemon   warning\n"));
   EXPECT_THAT(machine.Ravctl({"doctor", "--color=always"}).out, HasSubstr("\x1b[33mwarning"));
   EXPECT_THAT(machine.Ravctl({"daemon", "status", "--help"}).out, HasSubstr("Examples:\n  ravctl daemon status\n"));
@@ -69,6 +69,6 @@ TEST(DaemonStatus, TellsThatItDoesNotRun) {
 TEST(Doctor, OneLineAFinding) {
   const ToolRoot machine;
   const nlohmann::json answer = machine.Json({"doctor"}, 1);
-  EXPECT_EQ(answer["data"][0]["subject"], "/var/run/ravd.pid");
-  EXPECT_EQ(answer["data"][0]["health"], "warning");
+  EXPECT_EQ(answer["data"][0]["place"], "/var/run/ravd.pid");
+  EXPECT_EQ(answer["data"][0]["severity"], "warning");
 }

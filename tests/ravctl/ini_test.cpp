@@ -86,9 +86,9 @@ TEST(Ini, GetAndSections) {
       {{kFile, "Two", "e", "--raw"}, 0, "\x1b[31m\xff\n", ""},
       {{kFile, "One", "aa"}, 1, "", "ravctl: warning: no such key: /etc/a.ini: [One] aa (did you mean a?)\n"},
       {{kFile, "Ohne", "a"}, 1, "", "ravctl: warning: no such section: /etc/a.ini: [Ohne] (did you mean [One]?)\n"},
-      {{"/no", "One", "a"}, 4, "", "ravctl: ini get: cannot open: /no: No such file or directory (check the path)\n"},
+      {{"/no", "One", "a"}, 4, "", "ravctl: ini get: cannot read: /no: No such file or directory (check the path)\n"},
       {{"/no", "One", "a", "--default", "9"}, 0, "9\n", ""},
-      {{"/dev/null", "One", "a"}, 4, "", "ravctl: ini get: cannot open: /dev/null: Operation not supported\n"},
+      {{"/dev/null", "One", "a"}, 4, "", "ravctl: ini get: cannot read: /dev/null: Operation not supported\n"},
       {{kFile, "One"}, 2, "", "ravctl: KEY is required: ini get (see ravctl ini get --help)\n"},
   };
   for (const Row& row : rows) {
@@ -134,14 +134,14 @@ TEST(Ini, CheckTellsDamageFromOddities) {
   const Row rows[] = {
       {kPlain, 0, ""},
       {"", 0, ""},
-      {"Words to the reader; and more\n[A]\nk=1\n", 1, "1 oddity stray\n"},
-      {"k=1\n[A]\nlost\n[B\nk=2\n", 5, "1 damage orphan\n3 damage stray\n4 damage header\n5 damage orphan\n"},
+      {"Words to the reader; and more\n[A]\nk=1\n", 1, "1 note stray\n"},
+      {"k=1\n[A]\nlost\n[B\nk=2\n", 5, "1 bad orphan\n3 bad stray\n4 bad header\n5 bad orphan\n"},
       {"[A]\nk=" + std::string(1021, 'x') + "\n", 0, ""},
-      {"[A]\nk=" + std::string(1022, 'x') + "\n", 5, "2 damage long\n"},
-      {Zeros("[A]\n@\nk=1@2\n"), 5, "2 damage nul\n3 damage nul\n"},
-      {"[A]\nk=1\nk=2\n[A]\nk=3\n", 1, "3 oddity key\n4 oddity section\n"},
-      {"[A] ; c\n k=1", 1, "1 oddity writer\n2 oddity writer\n2 oddity end\n"},
-      {"[A]\r\n; c\r\nk=1\n", 1, "1 oddity crlf\n"},
+      {"[A]\nk=" + std::string(1022, 'x') + "\n", 5, "2 bad long\n"},
+      {Zeros("[A]\n@\nk=1@2\n"), 5, "2 bad nul\n3 bad nul\n"},
+      {"[A]\nk=1\nk=2\n[A]\nk=3\n", 1, "3 note key\n4 note section\n"},
+      {"[A] ; c\n k=1", 1, "1 note writer\n2 note writer\n2 note end\n"},
+      {"[A]\r\n; c\r\nk=1\n", 1, "1 note crlf\n"},
   };
   const ToolRoot machine;
   for (const Row& row : rows) {
@@ -149,8 +149,8 @@ TEST(Ini, CheckTellsDamageFromOddities) {
     std::string findings;
     const nlohmann::json answer = machine.Json({"ini", "check", kFile}, row.status);
     for (const nlohmann::json& finding : answer["data"]) {
-      findings += std::to_string(finding["line"].get<int>()) + ' ' + finding["severity"].get<std::string>() + ' ' +
-                  finding["kind"].get<std::string>() + '\n';
+      findings += finding["place"].get<std::string>().substr(std::string(kFile).size() + 1) + ' ' +
+                  finding["severity"].get<std::string>() + ' ' + finding["check"].get<std::string>() + '\n';
     }
     EXPECT_EQ(findings, row.findings) << row.content;
   }
@@ -241,7 +241,7 @@ TEST(Ini, RefusesWhatAReaderWouldNotGet) {
       {{"del", kFile, "A", "i"}, 5, "ini del: a reader finds it, but a writer does not"},
       {{"del", kFile, "I"}, 5, "a writer does not: /etc/a.ini: [I] ("},
       {{"del", kFile, "A", "nix"}, 1, ""},
-      {{"del", "/etc/no.ini", "A"}, 4, "ini del: cannot open: /etc/no.ini: No such file or directory (check the path)"},
+      {{"del", "/etc/no.ini", "A"}, 4, "ini del: cannot read: /etc/no.ini: No such file or directory (check the path)"},
       {{"set", "/no/a.ini", "A", "k", "1"}, 4, "ini set: cannot make a file in: /no: No such file or directory ("},
       {{"set", "/etc", "A", "k", "1"}, 4, "ini set: cannot read: /etc: Is a directory"},
       {{"set", kFile, "A", "k", "9", "--sysroot", "/"}, 2, "--sysroot /"},

@@ -5,9 +5,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
+#include <functional>
 
 #include "ravctl/commands/all_commands.h"
 #include "ravctl/line/command.h"
@@ -31,7 +32,7 @@ class SwitchRoot : public ToolRoot {
 };
 
 const nlohmann::json& Find(const nlohmann::json& rows, const char* check) {
-  static const nlohmann::json none = {{"finding", ""}, {"good", nullptr}};
+  static const nlohmann::json none = {{"finding", ""}, {"severity", nullptr}};
   for (const nlohmann::json& row : rows) {
     if (row["check"] == check) return row;
   }
@@ -44,15 +45,15 @@ TEST(ModuleCheck, InterfaceAndWriters) {
   const SwitchRoot machine;
   nlohmann::json rows = machine.Json({"module", "check", "/switch/libswitch.so"}, 0)["data"];
   EXPECT_EQ(Find(rows, "SW_QueryInterface")["finding"], "exported");
-  EXPECT_EQ(Find(rows, "interface")["good"], true);
+  EXPECT_EQ(Find(rows, "interface")["severity"], "ok");
   fs::permissions(machine.HostPath("/switch"), fs::perms::all);
   rows = machine.Json({"module", "check", "--no-load", "/switch/libswitch.so"}, 1)["data"];
   EXPECT_EQ(Find(rows, "writable")["finding"], "/switch by everybody");
-  EXPECT_EQ(Find(rows, "interface")["good"], nullptr);
+  EXPECT_EQ(Find(rows, "interface")["severity"], nullptr);
 
   // A module is no switch; other files are no libraries, cut ones included.
   rows = machine.Json({"module", "check", "/switch/modules/heartbeat.so"}, 1)["data"];
-  EXPECT_EQ(Find(rows, "SW_QueryInterface")["good"], false);
+  EXPECT_EQ(Find(rows, "SW_QueryInterface")["severity"], "bad");
   machine.WriteFile("/text.so", "text");
   EXPECT_EQ(machine.Ravctl({"module", "check", "/text.so"}).status, 5);
   EXPECT_EQ(machine.Ravctl({"module", "check", "/none.so"}).status, 4);
@@ -126,32 +127,40 @@ TEST(ShellTexts, NoCommandAndNoOptionIsMissing) {
   const ToolRoot machine;
   const std::string completion = machine.Ravctl({"completion"}).out;
   const std::string manual = machine.Ravctl({"man"}).out;
-  CLI::App root;
-  ravctl::RegisterAllCommands(root);
+  ravctl::Command root({"ravctl", ""}, "");
+  ravctl::AddAllCommands(root);
   size_t options = 0;
   const auto escaped = [](std::string roff) {
     for (size_t dash = roff.find('-'); dash != std::string::npos; dash = roff.find('-', dash + 2))
       roff.insert(dash, "\\");
     return roff;
   };
-  const std::function<void(const CLI::App&)> check = [&](const CLI::App& command) {
-    const std::string name = ravctl::FullName(command);
+  const std::function<void(const ravctl::Command&)> check = [&](const ravctl::Command& command) {
+    const std::string name = command.FullName();
     EXPECT_THAT(completion, HasSubstr("\"" + name + "\") words=\""));
     const size_t words = completion.find("\"" + name + "\") words=\"");
     const std::string line = " " + completion.substr(words, completion.find('\n', words) - words);
     const size_t section = manual.find(".SS ravctl " + escaped(name) + "\n");
     const std::string page = manual.substr(std::min(section, manual.size()));
-    for (const CLI::Option* option : command.get_options()) {
-      for (const std::string& longName : option->get_lnames()) {
-        ++options;
-        EXPECT_THAT(line, HasSubstr("--" + longName)) << name;
-        if (ravctl::RunFunctionOf(command) != nullptr) {
-          EXPECT_THAT(page.substr(0, page.find(".SS", 4)), HasSubstr(escaped("--" + longName))) << name;
-        }
+    for (const ravctl::Option& option : command.Options()) {
+      if (option.IsWord()) continue;
+      ++options;
+      const std::string longName = option.names.substr(option.names.find("--"));
+      EXPECT_THAT(line, HasSubstr(longName)) << name;
+      if (!command.IsGroup() && &command != &root) {
+        EXPECT_THAT(page.substr(0, page.find(".SS", 4)), HasSubstr(escaped(longName))) << name;
       }
     }
-    for (const CLI::App* below : command.get_subcommands([](const CLI::App*) { return true; }))
-      check(*below);
+    for (const ravctl::Command& below : command.Below())
+      check(below);
+    // `ravctl A B` is commands/A/B.cpp.
+    std::string file = name;
+    std::ranges::replace(file, ' ', '/');
+    std::ranges::replace(file, '-', '_');
+    const fs::path commands = fs::path(RAVCTL_SCHEMAS).parent_path() / "commands";
+    EXPECT_TRUE(command.IsGroup() || name == "completion" || name == "man" || fs::exists(commands / (file + ".cpp")) ||
+                fs::exists(commands / file / (file + ".cpp")))
+        << name;
   };
   check(root);
   EXPECT_GT(options, 40U);

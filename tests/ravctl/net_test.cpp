@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -72,32 +71,6 @@ void SendDatagrams(int count) {
     ASSERT_EQ(::sendto(socket.Get(), data.data(), data.size(), 0, generic, size), 1000);
 }
 
-// A watch that runs, with its lines so far.
-class Watch {
- public:
-  explicit Watch(const std::vector<std::string>& arguments) : m_Pid(StartRavctl(arguments, "/watch")) {}
-
-  // Whether the text comes within ten seconds; step is done again and again meanwhile, when there is one.
-  static bool Shows(const std::string& text, const std::function<void(int)>& step = {}) {
-    for (int tries = 0; tries < 200; ++tries) {
-      if (std::filesystem::exists("/watch") && ReadWholeFile("/watch").find(text) != std::string::npos) return true;
-      if (step) step(tries);
-      ::usleep(50000);
-    }
-    return false;
-  }
-
-  int End(int signal) const {
-    ::kill(m_Pid, signal);
-    int status = 0;
-    EXPECT_EQ(::waitpid(m_Pid, &status, 0), m_Pid);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-
- private:
-  pid_t m_Pid;
-};
-
 }  // namespace
 
 TEST_F(NetCommands, ListTellsWhatWasSet) {
@@ -151,16 +124,21 @@ TEST_F(NetCommands, RatesAreThoseOfTheInterval) {
   ExpectValidAnswers(root, "/answers");
 }
 
-TEST_F(NetCommands, ShowRoutesAndHostAddress) {
+TEST_F(NetCommands, LongFormRoutesAndHostAddress) {
   Run([] {
-    const json v0 = Answer({"net", "show", "v0"});
+    const json v0 = Answer({"net", "list", "v0"})[0];
     EXPECT_EQ(v0["flags"], json({"up", "broadcast"}));
     EXPECT_EQ(v0["ipv4_netmask"], "255.255.240.0");
     EXPECT_EQ(v0["ipv4_broadcast"], "192.168.15.255");
     EXPECT_EQ(v0["ipv6_address"], "fd00::7");
     EXPECT_EQ(v0["ipv4_routes"], 1);
-    EXPECT_EQ(Answer({"net", "show", "fifteen-letters"})["ipv4_address"], nullptr);
-    EXPECT_EQ(Tool({"net", "show", "v9"}).err, "ravctl: net show: no such interface: v9 (did you mean v1?)\n");
+    EXPECT_EQ(Answer({"net", "list", "--long", "fif*"})[0]["ipv4_address"], nullptr);
+    EXPECT_EQ(Tool({"net", "list", "v0", "v9"}).err, "ravctl: net list: no such interface: v9 (did you mean v1?)\n");
+
+    const std::string shown = Tool({"net", "list", "v0"}).out;
+    EXPECT_THAT(shown, HasSubstr("speed_mbit     10000 (10Gbit/s)\n"));
+    EXPECT_THAT(shown, HasSubstr("rx_bytes       0 (0B)\n"));
+    EXPECT_THAT(Tool({"net", "list", "--long", "v0", "fif*"}).out, HasSubstr("\nfifteen-letters ipv4_routes    0\n"));
 
     Answer({"net", "routes", "-i", "lo"}, 1);
     Ip("link set v1 up");
@@ -185,46 +163,6 @@ TEST_F(NetCommands, ShowRoutesAndHostAddress) {
   ExpectValidAnswers(root, "/answers");
 }
 
-TEST_F(NetCommands, WatchTellsEachChange) {
-  Run([] {
-    const Watch watch({"net", "watch", "--json"});
-    ASSERT_TRUE(Watch::Shows("\n", [](int tries) { Ip("link set v1 mtu " + std::to_string(1300 + tries % 2)); }));
-    const std::pair<const char*, const char*> steps[] = {
-        {"link set v1 mtu 1280", R"("interface":"v1","event":"changed","property":"mtu","before":")"},
-        {"link set v1 up",
-         R"("interface":"v0","event":"changed","property":"state","before":"no carrier","after":"up")"},
-        {"addr add 10.9.8.7/24 dev v1", R"("property":"address","before":null,"after":"10.9.8.7/24")"},
-        {"addr del 10.9.8.7/24 dev v1", R"("property":"address","before":"10.9.8.7/24","after":null)"},
-        {"link add d0 address 02:00:00:00:00:09 type bridge",
-         R"("interface":"d0","event":"added","property":null,"before":null,"after":null)"},
-        {"link set d0 name d1", R"("interface":"d1","event":"changed","property":"name","before":"d0","after":"d1")"},
-        {"link del d1", R"("interface":"d1","event":"removed","property":null)"},
-    };
-    for (const auto& [command, line] : steps) {
-      Ip(command);
-      EXPECT_TRUE(Watch::Shows(line)) << command << '\n' << ReadWholeFile("/watch");
-    }
-    EXPECT_EQ(watch.End(SIGTERM), 0) << ReadWholeFile("/watch.err");
-    EXPECT_EQ(::waitpid(-1, nullptr, 0), -1);  // nobody is left behind
-  });
-  ExpectValidAnswers(root, "/watch");
-}
-
-TEST_F(NetCommands, WatchEndsByItselfAndWaitsQuietly) {
-  Run([] {
-    const Watch watch({"net", "watch", "-i", "v1", "--count", "1", "-o", "property,after"});
-    EXPECT_TRUE(Watch::Shows("mtu", [](int tries) { Ip("link set v1 mtu " + std::to_string(1300 + tries % 2)); }));
-    EXPECT_EQ(watch.End(0), 0);
-    const std::string text = ReadWholeFile("/watch");
-    EXPECT_EQ(text.substr(0, text.find("130")), "PROPERTY  AFTER\nmtu       ") << text;
-    rusage before{}, after{};
-    ::getrusage(RUSAGE_CHILDREN, &before);
-    EXPECT_EQ(Tool({"net", "watch", "--timeout", "2"}).status, 1);
-    ::getrusage(RUSAGE_CHILDREN, &after);
-    EXPECT_LE(after.ru_utime.tv_sec + after.ru_stime.tv_sec, before.ru_utime.tv_sec + before.ru_stime.tv_sec + 1);
-  });
-}
-
 TEST(Net, BadCommandLines) {
   struct Row {
     std::vector<std::string> arguments;
@@ -232,9 +170,7 @@ TEST(Net, BadCommandLines) {
   };
   const Row rows[] = {
       {{"net", "lst"}, "ravctl: unknown command: lst (did you mean list?)\n"},
-      {{"net", "show"}, "ravctl: NAME is required: net show (see ravctl net show --help)\n"},
       {{"net", "list", "-o", "adresses"}, "ravctl: net list: no such column: adresses (did you mean addresses?)\n"},
-      {{"net", "watch", "-o", "propety"}, "ravctl: net watch: no such column: propety (did you mean property?)\n"},
       {{"net", "host-ip", "-4", "-6"}, "ravctl: --ipv4 excludes --ipv6: net host-ip (see ravctl net host-ip --help)\n"},
   };
   const ToolRoot machine;

@@ -56,12 +56,16 @@ class Registry : public ::testing::Test {
   ToolRoot machine;
 };
 
-// "finding@line" of every row of that health.
-std::vector<std::string> Findings(const nlohmann::json& answer, const std::string& health) {
+// "check@line" of every row of that severity.
+std::vector<std::string> Findings(const nlohmann::json& answer, const std::string& severity) {
   std::vector<std::string> found;
   for (const nlohmann::json& row : answer["data"]["findings"])
-    if (row["health"] == health)
-      found.push_back(row["finding"].get<std::string>() + "@" + (row["line"].is_null() ? "0" : row["line"].dump()));
+    if (row["severity"] == severity) {
+      const std::string place = row["place"];
+      const size_t colon = place.find(':');
+      found.push_back(row["check"].get<std::string>() + "@" +
+                      (colon == std::string::npos ? "0" : place.substr(colon + 1)));
+    }
   return found;
 }
 
@@ -182,13 +186,13 @@ TEST_F(Registry, BadInputsAreRefusedInOneLine) {
       {{"del", "-r", "HKEY_LOCAL_MACHINE"}, 2, "del: a registry without any value is not loaded"},
       {{"export", "--output", kFile}, 2, "export: the file exists and is not overwritten: /etc/pelrix/registry"},
       {{"export", "--output", "/no/x"}, 4, "export: cannot create the file: /no/x: No such file or directory"},
-      {{"import", "/none"}, 4, "import: cannot read the file: /none: No such file or directory (check the path)"},
+      {{"import", "/none"}, 4, "import: cannot read: /none: No such file or directory (check the path)"},
       {{"import", "/cut.json"}, 5, "import: the export cannot be used: it is no JSON: /cut.json (export it again)"},
       {{"import", "/bad.json"}, 5, "import: the export cannot be used: \"encoding\" is missing"},
       {{"import", "/newline.json"}, 2, "import: the registry cannot keep a text with a newline: A: n"},
       {{"import", "/ravctl", "--merge", "--replace"}, 2, "--"},
-      {{"diff", "live", "/none"}, 4, "diff: cannot read the file: /none"},
-      {{"verify", "/none"}, 4, "verify: cannot read the file: /none"},
+      {{"diff", "live", "/none"}, 4, "diff: cannot read: /none"},
+      {{"verify", "/none"}, 4, "verify: cannot read: /none"},
       {{"verify", "/etc"}, 4, "verify: cannot read the file: /etc"},
   };
   for (const Row& row : rows) {
@@ -232,7 +236,7 @@ TEST_F(Registry, ExportsComeBack) {
 }
 
 TEST_F(Registry, VerifyTellsEveryLoss) {
-  EXPECT_THAT(Findings(machine.Json({"registry", "verify"}), "damage"), IsEmpty());
+  EXPECT_THAT(Findings(machine.Json({"registry", "verify"}), "bad"), IsEmpty());
   struct Row {
     std::string text;
     std::vector<std::string> damage;
@@ -261,7 +265,7 @@ TEST_F(Registry, VerifyTellsEveryLoss) {
   for (const Row& row : rows) {
     machine.WriteFile("/file", row.text);
     const nlohmann::json answer = machine.Json({"registry", "verify", "/file"}, row.damage.empty() ? 0 : 5);
-    EXPECT_EQ(Findings(answer, "damage"), row.damage) << row.text;
+    EXPECT_EQ(Findings(answer, "bad"), row.damage) << row.text;
     EXPECT_EQ(Findings(answer, "note"), row.notes) << row.text;
   }
   EXPECT_EQ(machine.ReadFile(kFile), kStore);

@@ -121,7 +121,7 @@ TEST(Smbios, VerifyFindsEveryDamage) {
     const nlohmann::json answer = machine.Json({"smbios", "verify"}, row.status);
     std::string findings;
     for (const nlohmann::json& line : answer["data"]) {
-      if (line["health"] != "ok") findings += line["finding"].get<std::string>() + "\n";
+      if (line["severity"] != "ok") findings += line["finding"].get<std::string>() + "\n";
     }
     EXPECT_THAT(findings, row.finding == nullptr ? ::testing::Matcher<std::string>("") : HasSubstr(row.finding));
   }
@@ -149,10 +149,10 @@ TEST(Smbios, WhatCouldBeReadIsShownAndFaultsAreOneLine) {
        "ravctl: smbios list: no handle, type or name of a type: 256 (a handle is 0x0011, a type 17)\n"},
       {{"smbios", "list", "Procesor"},
        2,
-       "ravctl: smbios list: no handle, type or name of a type: Procesor (did you mean 'Processor'?)\n"},
+       "ravctl: smbios list: no handle, type or name of a type: Procesor (did you mean Processor?)\n"},
       {{"smbios", "dump", "--raw", "/none/t"},
        4,
-       "ravctl: smbios dump: cannot create: /none/t: No such file or directory (check the path)\n"},
+       "ravctl: smbios dump: cannot create the file: /none/t: No such file or directory (check the path)\n"},
   };
   for (const Row& row : rows) {
     const ToolResult result = machine.Ravctl(row.arguments);

@@ -235,7 +235,7 @@ TEST(TraceShow, PackedStartUpAndDamage) {
   ASSERT_GT(all["data"].size(), 13U);  // both rings
   EXPECT_EQ(all["data"][0]["text"], "### Start of initialization. ###");
   EXPECT_EQ(machine.Json({"trace", "show", packed})["data"][1]["text"], "Example : starting");
-  EXPECT_EQ(machine.Json({"trace", "verify", "-d", kDirectory})["data"][0]["good"], true);
+  EXPECT_EQ(machine.Json({"trace", "verify", "-d", kDirectory})["data"][0]["severity"], "ok");
   EXPECT_EQ(machine.Json({"trace", "stats", "-d", kDirectory, "-p", "run"})["data"][0]["entries"], 11);
   bool hasDirectory = false;
   const nlohmann::json header = machine.Json({"trace", "header", "-d", kDirectory});

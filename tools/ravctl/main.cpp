@@ -1,4 +1,4 @@
-#include "ravctl/line/tool.h"
+#include "ravctl/tool.h"
 
 int main(int argc, char** argv) {
   return ravctl::RunTool(argc, argv);

@@ -9,7 +9,8 @@
 #include <cstdlib>
 #include <memory>
 
-#include "ravctl/answer/error.h"
+#include "ravctl/answer/json.h"
+#include "ravctl/base/error.h"
 #include "ravctl/base/text.h"
 
 namespace ravctl {
@@ -79,6 +80,28 @@ std::string CellText(const Column& column, const Json& row) {
   return text.empty() ? "-" : text;
 }
 
+struct Table::TableRow {
+  Json value;
+  std::optional<size_t> parent;
+};
+
+Table::Table(std::vector<Column> columns) : m_Columns(std::move(columns)) {}
+Table::~Table() = default;
+Table::Table(Table&& other) noexcept = default;
+Table& Table::operator=(Table&& other) noexcept = default;
+
+size_t Table::Size() const {
+  return m_Rows.size();
+}
+
+const Json& Table::Row(size_t index) const {
+  return m_Rows[index].value;
+}
+
+std::optional<size_t> Table::Parent(size_t index) const {
+  return m_Rows[index].parent;
+}
+
 size_t Table::Add(Json row, std::optional<size_t> parent) {
   m_IsTree = m_IsTree || parent.has_value();
   m_Rows.push_back({std::move(row), parent});
@@ -107,6 +130,13 @@ Json Output::Envelope(const Schema& schema) const {
   return {{"schema", "ravctl/" + std::string(schema.name)}, {"version", schema.version}, {"root", m_Root}};
 }
 
+Json Output::WarningsAsJson() const {
+  Json warnings = Json::array();
+  for (const Warning& warning : m_Warnings)
+    warnings.push_back({{"what", warning.what}, {"where", warning.where}, {"todo", warning.toDo}});
+  return warnings;
+}
+
 void Output::Print(const Schema& schema, const Table& table) {
   if (IsJson()) {
     Print(schema, std::string(), table.ToJson());
@@ -130,7 +160,7 @@ void Output::Print(const Schema& schema, const std::string& text, const Json& da
   }
   Json object = Envelope(schema);
   object["data"] = data;
-  object["warnings"] = m_Warnings;
+  object["warnings"] = WarningsAsJson();
   m_Buffer += Dump(object) + '\n';
 }
 
@@ -161,7 +191,7 @@ void Output::Write(std::string_view textOrElement) {
 
 void Output::EndStream() {
   if (!IsJson()) return;
-  m_Buffer += "],\"warnings\":" + Dump(m_Warnings) + "}\n";
+  m_Buffer += "],\"warnings\":" + Dump(WarningsAsJson()) + "}\n";
 }
 
 void Output::Flush() {
@@ -178,7 +208,7 @@ void Output::Flush() {
 }
 
 void Output::Warn(std::string_view what, std::string_view where, std::string_view toDo) {
-  m_Warnings.push_back({{"what", what}, {"where", where}, {"todo", toDo}});
+  m_Warnings.push_back({std::string(what), std::string(where), std::string(toDo)});
   Flush();
   std::fprintf(stderr, "ravctl: warning: %s\n", OneLine(what, where, toDo).c_str());
 }
@@ -226,12 +256,10 @@ std::vector<size_t> Output::ChosenColumns(const std::vector<Column>& columns) co
   for (const std::string& wanted : SplitList(std::string_view(m_Options.columns).substr(isOnTop ? 1 : 0))) {
     const auto found = std::ranges::find(keys, wanted);
     if (found == keys.end()) {
-      const std::string nearest = NearestMatch(wanted, keys);
       std::string known;
       for (const std::string& key : keys)
         known += (known.empty() ? "known: " : ", ") + key;
-      throw CommandError(ExitCode::kUsage, "no such column", wanted,
-                         nearest.empty() ? known : "did you mean " + nearest + "?");
+      throw CommandError(ExitCode::kUsage, "no such column", wanted, DidYouMean(wanted, keys, known));
     }
     chosen.push_back(static_cast<size_t>(found - keys.begin()));
   }

@@ -2,15 +2,14 @@
 
 #include <cstddef>
 #include <functional>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-namespace ravctl {
+#include "ravctl/answer/json_name.h"
 
-using Json = nlohmann::ordered_json;
+namespace ravctl {
 
 enum class ColorMode { kAuto, kAlways, kNever };
 enum class Color { kNone, kRed, kYellow, kGreen, kBlue, kCyan, kMagenta, kGray, kBold };
@@ -48,24 +47,24 @@ std::string CellText(const Column& column, const Json& row);
 // parents the rows form a tree, drawn in the first column that is shown. Strings from outside go in as they are.
 class Table {
  public:
-  explicit Table(std::vector<Column> columns) : m_Columns(std::move(columns)) {}
+  explicit Table(std::vector<Column> columns);
+  ~Table();
+  Table(Table&& other) noexcept;
+  Table& operator=(Table&& other) noexcept;
 
   // Returns the row's number, for use as a parent. A parent comes before its children.
   size_t Add(Json row, std::optional<size_t> parent = std::nullopt);
 
   const std::vector<Column>& Columns() const { return m_Columns; }
-  size_t Size() const { return m_Rows.size(); }
+  size_t Size() const;
   bool IsTree() const { return m_IsTree; }
-  const Json& Row(size_t index) const { return m_Rows[index].value; }
-  std::optional<size_t> Parent(size_t index) const { return m_Rows[index].parent; }
+  const Json& Row(size_t index) const;
+  std::optional<size_t> Parent(size_t index) const;
   // The rows as an array of objects, in order.
   Json ToJson() const;
 
  private:
-  struct TableRow {
-    Json value;
-    std::optional<size_t> parent;
-  };
+  struct TableRow;
 
   std::vector<Column> m_Columns;
   std::vector<TableRow> m_Rows;
@@ -126,12 +125,17 @@ class Output {
   static const char* ColorSequence(Color color);
 
  private:
+  struct Warning {
+    std::string what, where, toDo;
+  };
+
   Json Envelope(const Schema& schema) const;
+  Json WarningsAsJson() const;
   void PrintTable(const Table& table);
 
   OutputOptions m_Options;
   std::string m_Root = "/";
-  Json m_Warnings = Json::array();
+  std::vector<Warning> m_Warnings;
   std::string m_Buffer;
   bool m_IsTerminal;
   bool m_HasColors;

@@ -1,5 +1,7 @@
 #include "ravctl/answer/stream_table.h"
 
+#include "ravctl/answer/json.h"
+
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -34,19 +36,6 @@ std::string Padded(std::string_view text, size_t width, bool isRight) {
   const size_t shown = DisplayWidth(text);
   const std::string blanks(shown < width ? width - shown : 0, ' ');
   return isRight ? blanks + std::string(text) : std::string(text) + blanks;
-}
-
-std::string LocalTimeNow() {
-  using namespace std::chrono;
-  const auto now = floor<milliseconds>(system_clock::now());
-  const std::time_t wholeSeconds = system_clock::to_time_t(now);
-  tm local{};
-  std::array<char, 64> text{};
-  ::localtime_r(&wholeSeconds, &local);
-  const size_t length = std::strftime(text.data(), text.size(), "%F %T", &local);
-  const auto rest = static_cast<int>((now.time_since_epoch() % seconds(1)).count());
-  std::snprintf(text.data() + length, text.size() - length, ".%03d", rest);
-  return text.data();
 }
 
 StreamTable::StreamTable(Output& out, Schema schema, std::vector<WideColumn> columns) : m_Out(out), m_Schema(schema) {

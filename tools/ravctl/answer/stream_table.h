@@ -13,9 +13,6 @@ size_t DisplayWidth(std::string_view text);
 // The text with blanks up to that width, in front of it when isRight is set. A longer text stays whole.
 std::string Padded(std::string_view text, size_t width, bool isRight);
 
-// "2026-11-24 17:05:33.123", local time.
-std::string LocalTimeNow();
-
 // A table whose rows come one by one: a heading, repeated before it scrolls off a terminal, and aligned columns; with
 // --json an object a row. -o chooses columns as in other tables.
 class StreamTable {

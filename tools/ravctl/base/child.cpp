@@ -13,7 +13,7 @@
 
 #include "platform/descriptor_io.h"
 #include "platform/unique_fd.h"
-#include "ravctl/answer/error.h"
+#include "ravctl/base/error.h"
 
 namespace ravctl {
 

@@ -136,6 +136,11 @@ std::string NearestMatch(std::string_view word, const std::vector<std::string>& 
   return best;
 }
 
+std::string DidYouMean(std::string_view word, const std::vector<std::string>& candidates, std::string_view otherwise) {
+  const std::string nearest = NearestMatch(word, candidates);
+  return nearest.empty() ? std::string(otherwise) : "did you mean " + nearest + "?";
+}
+
 std::string HexBytes(std::string_view bytes, std::string_view separator, std::string_view digits) {
   std::string text;
   text.reserve(bytes.size() * (2 + separator.size()));

@@ -24,6 +24,9 @@ void AppendJsonString(std::string& out, std::string_view text);
 // The candidate that a mistyped word most probably meant, empty when none is near.
 std::string NearestMatch(std::string_view word, const std::vector<std::string>& candidates);
 
+// "did you mean NEAREST?", or the other advice when no candidate is near.
+std::string DidYouMean(std::string_view word, const std::vector<std::string>& candidates, std::string_view otherwise);
+
 // "1536" => "1.5K"; powers of 1024.
 std::string HumanSize(unsigned long long bytes);
 

@@ -1,16 +1,16 @@
+// Every command that there is: ravctl A B is commands/A/B.cpp.
+
 #include "ravctl/commands/all_commands.h"
 
-#include <array>
-
 #include "ravctl/commands/bundle.h"
-#include "ravctl/commands/daemon/status.h"
+#include "ravctl/commands/daemon/group.h"
 #include "ravctl/commands/doctor.h"
 #include "ravctl/commands/ini/group.h"
 #include "ravctl/commands/inventory/group.h"
 #include "ravctl/commands/module/group.h"
 #include "ravctl/commands/net/group.h"
 #include "ravctl/commands/pci.h"
-#include "ravctl/commands/perf/perf.h"
+#include "ravctl/commands/perf.h"
 #include "ravctl/commands/registry/group.h"
 #include "ravctl/commands/slots.h"
 #include "ravctl/commands/smbios/group.h"
@@ -21,29 +21,88 @@ namespace ravctl {
 
 namespace {
 
-// One line a command; the help shows them in this order.
-constexpr auto kCommands = std::to_array<void (*)(CLI::App&)>({
-    RegisterDaemon,
-    RegisterTrace,
-    RegisterModule,
-    RegisterInventory,
-    RegisterPci,
-    RegisterSlots,
-    RegisterSmbios,
-    RegisterPerf,
-    RegisterNet,
-    RegisterRegistry,
-    RegisterIni,
-    RegisterBundle,
-    RegisterDoctor,
-    RegisterShellTexts,
-});
+void AddTraceGroup(Command& root) {
+  Command& trace = root.AddGroup("trace", "Traces of the daemon and of other applications of the library");
+  AddTraceShow(trace);
+  AddTraceFollow(trace);
+  AddTraceHeader(trace);
+  AddTraceStats(trace);
+  AddTraceVerify(trace);
+  AddTraceConfig(trace);
+  AddTraceToggle(trace);
+  AddTraceLevel(trace);
+}
+
+void AddModuleGroup(Command& root) {
+  Command& module = root.AddGroup("module", "The module switch library that the daemon loads");
+  AddModuleCheck(module);
+  AddModuleRun(module);
+}
+
+void AddInventoryGroup(Command& root) {
+  Command& inventory = AddInventory(root);
+  AddInventoryAdapters(inventory);
+  AddInventoryDrives(inventory);
+  AddInventoryVolumes(inventory);
+  AddInventoryDiff(inventory);
+}
+
+void AddSmbiosGroup(Command& root) {
+  Command& smbios = root.AddGroup("smbios", "The firmware's own description of the machine (DMTF DSP0134)");
+  AddSmbiosList(smbios);
+  AddSmbiosShow(smbios);
+  AddSmbiosDump(smbios);
+  AddSmbiosVerify(smbios);
+}
+
+void AddNetGroup(Command& root) {
+  Command& net = root.AddGroup("net", "Network interfaces, their traffic and routes");
+  AddNetList(net);
+  AddNetRoutes(net);
+  AddNetHostIp(net);
+}
+
+void AddRegistryGroup(Command& root) {
+  Command& registry = root.AddGroup("registry", "The registry: keys with typed values");
+  AddRegistryGet(registry);
+  AddRegistryList(registry);
+  AddRegistryTree(registry);
+  AddRegistryFind(registry);
+  AddRegistrySet(registry);
+  AddRegistryDel(registry);
+  AddRegistryExport(registry);
+  AddRegistryImport(registry);
+  AddRegistryDiff(registry);
+  AddRegistryVerify(registry);
+  AddRegistryRecover(registry);
+}
+
+void AddIniGroup(Command& root) {
+  Command& ini = root.AddGroup("ini", "Read, check and change INI files as the library does");
+  AddIniGet(ini);
+  AddIniSet(ini);
+  AddIniDel(ini);
+  AddIniSections(ini);
+  AddIniCheck(ini);
+}
 
 }  // namespace
 
-void RegisterAllCommands(CLI::App& root) {
-  for (const auto& registerCommand : kCommands)
-    registerCommand(root);
+void AddAllCommands(Command& root) {
+  AddDaemonStatus(root.AddGroup("daemon", "The service daemon"));
+  AddTraceGroup(root);
+  AddModuleGroup(root);
+  AddInventoryGroup(root);
+  AddPci(root);
+  AddSlots(root);
+  AddSmbiosGroup(root);
+  AddPerf(root);
+  AddNetGroup(root);
+  AddRegistryGroup(root);
+  AddIniGroup(root);
+  AddBundle(root);
+  AddDoctor(root);
+  AddShellTexts(root);
 }
 
 }  // namespace ravctl

@@ -1,10 +1,10 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include "ravctl/line/command.h"
 
 namespace ravctl {
 
-// Every command of the tool, in the order of the help.
-void RegisterAllCommands(CLI::App& root);
+// Everything that ravctl can do, in the order in which the help shows it.
+void AddAllCommands(Command& root);
 
 }  // namespace ravctl

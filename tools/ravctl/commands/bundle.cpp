@@ -2,8 +2,10 @@
 
 #include "ravctl/commands/bundle.h"
 
+#include "ravctl/answer/json.h"
 #include "ravctl/base/text.h"
 #include "ravctl/line/command.h"
+#include "ravctl/trace/trace_settings.h"
 #include "ravctl/tree/bundle_format.h"
 #include "ravctl/tree/bundle_writer.h"
 #include "ravctl/tree/machine_files.h"
@@ -43,7 +45,7 @@ void WarnAboutMissing(const std::vector<Uncaptured>& missing, Output& out) {
 ExitCode RunBundle(const BundleOptions& options, Output& out) {
   BundleWriter writer(options.out);
   Capture capture;
-  CaptureMachine(options.trace, capture);
+  CaptureMachine(options.trace ? TraceSettings("ravd").Directory() : "", capture);
   if (capture.Entries().size() >= kMostEntries) {
     throw CommandError(ExitCode::kInternal, "more files than a bundle holds", std::to_string(capture.Entries().size()),
                        "please report it");
@@ -72,10 +74,9 @@ ExitCode RunBundle(const BundleOptions& options, Output& out) {
 
 }  // namespace
 
-void RegisterBundle(CLI::App& root) {
+void AddBundle(Command& root) {
   auto options = std::make_shared<BundleOptions>();
-  CLI::App& bundle = AddCommand(
-      root,
+  Command& bundle = root.Add(
       {"bundle",
        "Capture what the library reads of this machine, for --sysroot on another one",
        {{"ravctl bundle server7.tar.zst", "as root: everything but the traces; as another user what is readable"},
@@ -83,12 +84,11 @@ void RegisterBundle(CLI::App& root) {
         {"ravctl --sysroot server7.tar.zst doctor", "look at it, anywhere"}},
        Effect::kChanges},
       [options](Output& out) { return RunBundle(*options, out); });
-  bundle.add_option("OUT", options->out, "The new file; its ending .tar.gz or .tar.zst tells the packing")->required();
-  bundle.add_flag(
-      "--redact", options->redact,
-      "Replace serial numbers, MAC and IP addresses, WWNs, UUIDs and host names by tokens that are the same "
-      "throughout the bundle");
-  bundle.add_flag("--trace", options->trace, "The trace files as well");
+  bundle.AddRequired("OUT", &options->out, "The new file; its ending .tar.gz or .tar.zst tells the packing");
+  bundle.AddFlag("--redact", &options->redact,
+                 "Replace serial numbers, MAC and IP addresses, WWNs, UUIDs and host names by tokens that are the same "
+                 "throughout the bundle");
+  bundle.AddFlag("--trace", &options->trace, "The trace files as well");
 }
 
 }  // namespace ravctl

@@ -1,10 +1,10 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include "ravctl/line/command.h"
 
 namespace ravctl {
 
 // bundle
-void RegisterBundle(CLI::App& root);
+void AddBundle(Command& root);
 
 }  // namespace ravctl

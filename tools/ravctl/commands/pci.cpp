@@ -4,9 +4,11 @@
 
 #include <set>
 
-#include "ravctl/answer/record.h"
+#include "ravctl/answer/json.h"
 #include "ravctl/hardware/pci_records.h"
+#include "ravctl/hardware/record.h"
 #include "ravctl/line/command.h"
+#include "ravctl/line/record_filter.h"
 
 namespace ravctl {
 
@@ -41,9 +43,9 @@ std::string Name(const Json& record) {
 }
 
 // "4", "onboard", and behind a bridge "4 (bridge)".
-Json SlotText(const Json& record) {
+Json SlotCell(const Json& record) {
   if (record["slot"].is_null()) return nullptr;
-  const std::string number = record["slot"] == 0 ? "onboard" : record["slot"].dump();
+  const std::string number = SlotText(record["slot"]);
   return record["slot_from"] == "bridge" ? number + " (bridge)" : number;
 }
 
@@ -52,7 +54,7 @@ Json Row(const Json& record) {
   Json row = record;
   row["ids"] = record["vendor_id"].get<std::string>() + ":" + record["device_id"].get<std::string>();
   row["name"] = Name(record);
-  row["slot_text"] = SlotText(record);
+  row["slot_text"] = SlotCell(record);
   row["buses"] = nullptr;
   if (record["is_bridge"] == true) {
     row["buses"] = HexText(record["primary_bus"].get<unsigned int>(), 2) + " -> " +
@@ -139,10 +141,9 @@ ExitCode RunPci(const Options& options, Output& out) {
 
 }  // namespace
 
-void RegisterPci(CLI::App& root) {
+void AddPci(Command& root) {
   auto options = std::make_shared<Options>();
-  CLI::App& pci = AddCommand(
-      root,
+  Command& pci = root.Add(
       {"pci",
        "Show the PCI functions with their drivers and slots, as a list or as a tree of bridges",
        {{"ravctl pci", "every function; a slot with (bridge) is that of the bridge in front"},
@@ -150,10 +151,8 @@ void RegisterPci(CLI::App& root) {
         {"ravctl pci --id 8086: --class 'Network*'", "network controllers of one vendor"},
         {"ravctl pci --address '*:17:00.*' -o address,irq,subvendor_id,subdevice_id", "more about one device"}}},
       [options](Output& out) { return RunPci(*options, out); });
-  pci.add_flag("-t,--tree", options->isTree, "Each function behind its bridge; bridges of what is wanted come along");
-  pci.add_option("-d,--id", options->id, "Only with these IDs: 8086:1521, 8086: or :1521")
-      ->type_name("VENDOR:DEVICE")
-      ->check(CLI::Validator(CheckId, "", ""));
+  pci.AddFlag("-t,--tree", &options->isTree, "Each function behind its bridge; bridges of what is wanted come along");
+  pci.AddOption("-d,--id", &options->id, "VENDOR:DEVICE", "Only with these IDs: 8086:1521, 8086: or :1521", CheckId);
   options->filter.AddOption(pci, "--address", "address", "Only at this address: 0000:17:00.0, *:17:*");
   options->filter.AddOption(pci, "--class", "class", "Only of this class: 'Network*'");
   options->filter.AddOption(pci, "--driver", "driver", "Only with this kernel driver");

@@ -1,9 +1,9 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include "ravctl/line/command.h"
 
 namespace ravctl {
 
-void RegisterPci(CLI::App& root);
+void AddPci(Command& root);
 
 }  // namespace ravctl

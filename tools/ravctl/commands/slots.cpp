@@ -2,9 +2,11 @@
 
 #include "ravctl/commands/slots.h"
 
-#include "ravctl/answer/record.h"
+#include "ravctl/answer/json.h"
+#include "ravctl/hardware/record.h"
 #include "ravctl/hardware/slot_records.h"
 #include "ravctl/line/command.h"
+#include "ravctl/line/record_filter.h"
 
 namespace ravctl {
 
@@ -15,16 +17,12 @@ struct Options {
   bool withOnboard = false;
 };
 
-std::string Number(const Json& number) {
-  return number == 0 ? "onboard" : number.dump();
-}
-
 ExitCode RunSlots(const Options& options, Output& out) {
   const Json all = ReadSlotRecords(options.withOnboard);
   WarnWithoutSlots(out);
   if (all.empty() && out.Warnings() == 0) out.Warn("no table of the firmware describes a slot", "SMBIOS and $PIR");
   const Json slots = options.filter.Select(all);
-  Table table({{.key = "number", .heading = "SLOT", .format = Number},
+  Table table({{.key = "number", .heading = "SLOT", .format = SlotText},
                {.key = "designation", .heading = "DESIGNATION"},
                {.key = "type", .heading = "TYPE"},
                {.key = "usage", .heading = "USE"},
@@ -43,16 +41,15 @@ ExitCode RunSlots(const Options& options, Output& out) {
 
 }  // namespace
 
-void RegisterSlots(CLI::App& root) {
+void AddSlots(Command& root) {
   auto options = std::make_shared<Options>();
-  CLI::App& slots = AddCommand(root,
-                               {"slots",
-                                "Show the card slots, what is in them, and which firmware table says so",
-                                {{"ravctl slots", "number, type, use and card of each slot"},
-                                 {"ravctl slots --usage Available", "where a card could go"},
-                                 {"ravctl slots --onboard -o +functions", "the devices of the board too"}}},
-                               [options](Output& out) { return RunSlots(*options, out); });
-  slots.add_flag("--onboard", options->withOnboard, "The devices of the board too, which have no slot");
+  Command& slots = root.Add({"slots",
+                             "Show the card slots, what is in them, and which firmware table says so",
+                             {{"ravctl slots", "number, type, use and card of each slot"},
+                              {"ravctl slots --usage Available", "where a card could go"},
+                              {"ravctl slots --onboard -o +functions", "the devices of the board too"}}},
+                            [options](Output& out) { return RunSlots(*options, out); });
+  slots.AddFlag("--onboard", &options->withOnboard, "The devices of the board too, which have no slot");
   options->filter.AddOption(slots, "--usage", "usage", "Only in this use: 'In use', Available, Unavailable");
   options->filter.AddOption(slots, "--type", "type", "Only of this type: 'PCIe*'");
   options->filter.AddMatchOption(slots);

@@ -1,9 +1,9 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include "ravctl/line/command.h"
 
 namespace ravctl {
 
-void RegisterSlots(CLI::App& root);
+void AddSlots(Command& root);
 
 }  // namespace ravctl

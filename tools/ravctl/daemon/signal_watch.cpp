@@ -8,7 +8,7 @@
 #include <array>
 #include <cerrno>
 
-#include "ravctl/answer/error.h"
+#include "ravctl/base/error.h"
 
 namespace ravctl {
 

@@ -10,8 +10,9 @@
 
 #include "inventory/mount_entry.h"
 #include "inventory/system_device_scan.h"
-#include "ravctl/answer/error.h"
-#include "ravctl/answer/record.h"
+#include "ravctl/answer/json.h"
+#include "ravctl/base/error.h"
+#include "ravctl/hardware/record.h"
 
 namespace ravctl {
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "ravctl/answer/json.h"
 #include "ravctl/answer/output.h"
 
 namespace ravctl {

@@ -7,7 +7,8 @@
 #include "inventory/adapter_driver.h"
 #include "pci/pci_config_list.h"
 #include "pci/pci_slot_map.h"
-#include "ravctl/answer/record.h"
+#include "ravctl/answer/json.h"
+#include "ravctl/hardware/record.h"
 
 namespace ravctl {
 

@@ -5,8 +5,9 @@
 #include "firmware/little_endian.h"
 #include "firmware/smbios_walk.h"
 #include "pci/pci_slot_map.h"
-#include "ravctl/answer/record.h"
+#include "ravctl/answer/json.h"
 #include "ravctl/hardware/pci_records.h"
+#include "ravctl/hardware/record.h"
 #include "ravctl/hardware/smbios_image.h"
 #include "ravctl/hardware/smbios_names.h"
 

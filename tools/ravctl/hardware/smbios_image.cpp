@@ -10,7 +10,7 @@
 #include "firmware/smbios_lookup.h"
 #include "firmware/smbios_sources.h"
 #include "firmware/smbios_walk.h"
-#include "ravctl/answer/error.h"
+#include "ravctl/base/error.h"
 #include "ravctl/base/text.h"
 
 namespace ravctl {

@@ -6,8 +6,8 @@
 #include <span>
 
 #include "firmware/little_endian.h"
-#include "ravctl/answer/record.h"
 #include "ravctl/base/text.h"
+#include "ravctl/hardware/record.h"
 
 namespace ravctl {
 
@@ -614,6 +614,10 @@ bool Reaches(const SmbiosStructure& structure, const FieldRow& row) {
 }
 
 }  // namespace
+
+std::string SmbiosHandleText(unsigned int handle) {
+  return "0x" + HexBytes(std::string{static_cast<char>(handle >> 8), static_cast<char>(handle)}, "", kUpperHex);
+}
 
 std::string SmbiosTypeName(uint8_t type) {
   const char* name = FindName(kTypes, type);

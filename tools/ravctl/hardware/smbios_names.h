@@ -15,6 +15,9 @@ std::string SmbiosTypeName(uint8_t type);
 // The names of the types, in order.
 std::vector<std::string> SmbiosTypeNames();
 
+// 0x0011 as "0x0011"
+std::string SmbiosHandleText(unsigned int handle);
+
 struct SmbiosField {
   std::string name;
   std::string value;  // empty: the structure leaves it out

@@ -1,18 +1,19 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <functional>
-#include <initializer_list>
+#include <list>
+#include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
-#include "ravctl/answer/error.h"
-#include "ravctl/answer/exit_code.h"
 #include "ravctl/answer/output.h"
+#include "ravctl/base/error.h"
+#include "ravctl/base/exit_code.h"
 
 // How to add a command
 //
-// 1. Write commands/<name>.h with `void Register<Name>(CLI::App& root);` and commands/<name>.cpp:
+// 1. Write commands/thing/list.cpp, for `ravctl thing list`, with `void AddThingList(Command& thing);`:
 //
 //      struct Options { std::string what; };
 //
@@ -23,15 +24,14 @@
 //        return table.Size() > 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 //      }
 //
-//      void RegisterThing(CLI::App& root) {
-//        CLI::App& thing = AddGroup(root, "thing", "Look at things");
+//      void AddThingList(Command& thing) {
 //        auto options = std::make_shared<Options>();
-//        CLI::App& list = AddCommand(thing, {"list", "List the things", {{"ravctl thing list a*", "those with a"}}},
-//                                    [options](Output& out) { return Run(*options, out); });
-//        list.add_option("PATTERN", options->what, "Which things");
+//        Command& list = thing.Add({"list", "List the things", {{"ravctl thing list a*", "those with a"}}},
+//                                  [options](Output& out) { return Run(*options, out); });
+//        list.AddWord("PATTERN", &options->what, "Which things");
 //      }
 //
-// 2. Add its line to commands/all_commands.cpp.
+// 2. Call it in commands/all_commands.cpp, where the groups are made.
 // 3. Describe its JSON in schemas/thing-list.json; the tests validate every answer against that file.
 //
 // The options given here are the one table from which the help, the manual page and the completion are made. A command
@@ -51,27 +51,87 @@ enum class Effect {
 struct CommandText {
   std::string name;
   std::string summary;  // "Show the entries of a trace file"
-  std::vector<Example> examples;
+  std::vector<Example> examples = {};
   Effect effect = Effect::kReads;
   // What of the answer the kernel tells by calls alone, so that a captured tree cannot hold it: "drive inquiries".
   // With --sysroot it is warned of.
   std::string liveOnly = {};
 };
 
+// What is wrong with a value, "" when nothing is.
+using Check = std::function<std::string(const std::string& value)>;
+Check InRange(double low, double high);
+Check Above(double limit);
+Check NotNegative();
+Check OneOf(std::vector<std::string> values);
+
+enum class Ask { kHelp, kVersion };
+
+// Where a value goes; it must outlive the parsing. What is not on the line stays as it is. A list collects the values
+// of a repeated option, or all the words that are left; a function takes the value itself.
+using Target =
+    std::variant<Ask, bool*, int*, unsigned int*, size_t*, double*, std::string*, std::vector<std::string>*,
+                 std::optional<size_t>*, std::optional<std::string>*, std::function<void(const std::string&)>>;
+
+// One row of a command's table of options.
+struct Option {
+  std::string names;  // "-n,--last"; "FILE" for a word
+  Target target;
+  std::string meaning;
+  std::string type = {};  // what the help calls its value: "N"
+  Check check = {};
+  bool isRequired = false;
+  std::string excludes = {};  // "--ipv4"
+  std::string implied = {};   // the value of the option's name alone, where one may be left out
+
+  bool IsWord() const { return !names.starts_with('-'); }
+  bool IsFlag() const { return std::holds_alternative<bool*>(target) || std::holds_alternative<Ask>(target); }
+};
+
 // Runs after the command line was understood. Failures are thrown as CommandError.
 using RunFunction = std::function<ExitCode(Output& out)>;
 
-// A command below parent (the root or a group) with its options still to be added.
-CLI::App& AddCommand(CLI::App& parent, const CommandText& text, RunFunction run);
-// A word that only has commands below it, or that runs by itself too when a run function is given.
-CLI::App& AddGroup(CLI::App& parent, const std::string& name, const std::string& summary);
+// A word of the command line: a command, or a group that only has commands below it.
+class Command {
+ public:
+  // The root; what is below is added to it.
+  Command(CommandText text, std::string footer);
+  Command(const Command* above, CommandText text, RunFunction run);
+  Command(const Command&) = delete;
+  Command& operator=(const Command&) = delete;
 
-// The function of a command, null for a bare group.
-const RunFunction* RunFunctionOf(const CLI::App& command);
-// The text that a command was added with, an empty one for a bare group.
-const CommandText& TextOf(const CLI::App& command);
+  Command& Add(const CommandText& text, RunFunction run);
+  Command& AddGroup(const std::string& name, const std::string& summary);
 
-// "trace show" for the command below the root.
-std::string FullName(const CLI::App& command);
+  // "--dry-run"
+  Option& AddFlag(const std::string& names, bool* isSet, const std::string& meaning);
+  // "-n,--last" with a value that the help calls type
+  Option& AddOption(const std::string& names, Target value, const std::string& type, const std::string& meaning,
+                    Check check = {});
+  // "FILE", by its place alone
+  Option& AddWord(const std::string& name, Target value, const std::string& meaning, Check check = {});
+  Option& AddRequired(const std::string& name, Target value, const std::string& meaning, Check check = {});
+  Option& AddRequest(const std::string& names, Ask what, const std::string& meaning);
+
+  const CommandText& Text() const { return m_Text; }
+  const std::string& Name() const { return m_Text.name; }
+  // "trace show"; empty for the root
+  std::string FullName() const;
+  // Behind the options in the help: the examples.
+  const std::string& Footer() const { return m_Footer; }
+  const Command* Above() const { return m_Above; }
+  const std::list<Command>& Below() const { return m_Below; }
+  const std::list<Option>& Options() const { return m_Options; }
+  bool IsGroup() const { return m_Run == nullptr; }
+  ExitCode Run(Output& out) const { return m_Run(out); }
+
+ private:
+  const Command* m_Above = nullptr;
+  CommandText m_Text;
+  std::string m_Footer;
+  RunFunction m_Run;
+  std::list<Command> m_Below;
+  std::list<Option> m_Options;
+};
 
 }  // namespace ravctl

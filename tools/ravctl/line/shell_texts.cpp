@@ -6,52 +6,44 @@
 #include <array>
 #include <string_view>
 
+#include "ravctl/base/text.h"
 #include "ravctl/line/command.h"
 
 namespace ravctl {
 
 namespace {
 
-std::vector<const CLI::App*> Below(const CLI::App& command) {
-  std::vector<const CLI::App*> commands;
-  for (const CLI::App* below : command.get_subcommands([](const CLI::App*) { return true; })) {
-    if (!below->get_group().empty()) commands.push_back(below);
-  }
-  return commands;
-}
-
 // "--json -o --columns" of the command itself.
-std::string OptionWords(const CLI::App& command) {
+std::string OptionWords(const Command& command) {
   std::string words;
-  for (const CLI::Option* option : command.get_options()) {
-    for (const std::string& name : option->get_snames())
-      words += (words.empty() ? "-" : " -") + name;
-    for (const std::string& name : option->get_lnames())
-      words += (words.empty() ? "--" : " --") + name;
+  for (const Option& option : command.Options()) {
+    if (option.IsWord()) continue;
+    for (const std::string& name : SplitList(option.names))
+      words += (words.empty() ? "" : " ") + name;
   }
   return words;
 }
 
-std::string CommandWords(const CLI::App& command) {
+std::string CommandWords(const Command& command) {
   std::string words;
-  for (const CLI::App* below : Below(command))
-    words += (words.empty() ? "" : " ") + below->get_name();
+  for (const Command& below : command.Below())
+    words += (words.empty() ? "" : " ") + below.Name();
   return words;
 }
 
 // One case a command: the words that may follow it.
-void AppendCompletion(const CLI::App& root, const CLI::App& command, std::string& text) {
-  const std::string name = FullName(command);
+void AppendCompletion(const Command& root, const Command& command, std::string& text) {
+  const std::string name = command.FullName();
   std::string words = CommandWords(command);
   if (!words.empty()) words += " ";
   words += OptionWords(command);
   if (&command != &root) words += " " + OptionWords(root);
   text += "    \"" + name + "\") words=\"" + words + "\" ;;\n";
-  for (const CLI::App* below : Below(command))
-    AppendCompletion(root, *below, text);
+  for (const Command& below : command.Below())
+    AppendCompletion(root, below, text);
 }
 
-std::string Completion(const CLI::App& root) {
+std::string Completion(const Command& root) {
   std::string text = R"(# bash completion for ravctl; made by: ravctl completion
 _ravctl() {
   local current="${COMP_WORDS[COMP_CWORD]}" path="" word words candidate
@@ -62,10 +54,10 @@ _ravctl() {
     case "$candidate" in
 )";
   std::string names;
-  const std::function<void(const CLI::App&)> collect = [&](const CLI::App& command) {
-    for (const CLI::App* below : Below(command)) {
-      names += (names.empty() ? "\"" : "|\"") + FullName(*below) + "\"";
-      collect(*below);
+  const std::function<void(const Command&)> collect = [&](const Command& command) {
+    for (const Command& below : command.Below()) {
+      names += (names.empty() ? "\"" : "|\"") + below.FullName() + "\"";
+      collect(below);
     }
   };
   collect(root);
@@ -114,29 +106,25 @@ std::string Filled(std::string_view paragraph) {
   return Roff(lines);
 }
 
-void AppendOptions(const CLI::App& command, std::string& text) {
-  for (const CLI::Option* option : command.get_options()) {
+void AppendOptions(const Command& command, std::string& text) {
+  for (const Option& option : command.Options()) {
     std::string names;
-    for (const std::string& name : option->get_snames())
-      names += (names.empty() ? "\\fB\\-" : ", \\fB\\-") + Roff(name) + "\\fR";
-    for (const std::string& name : option->get_lnames())
-      names += (names.empty() ? "\\fB\\-\\-" : ", \\fB\\-\\-") + Roff(name) + "\\fR";
-    const bool isPositional = names.empty();
-    if (isPositional) names = "\\fI" + Roff(option->get_name()) + "\\fR";
-    if (!isPositional && option->get_items_expected() > 0) names += " \\fI" + Roff(option->get_type_name()) + "\\fR";
-    text += ".TP\n" + names + "\n" + Filled(option->get_description()) + "\n";
+    for (const std::string& name : SplitList(option.names))
+      names += (names.empty() ? "" : ", ") + (option.IsWord() ? "\\fI" : std::string("\\fB")) + Roff(name) + "\\fR";
+    if (!option.type.empty()) names += " \\fI" + Roff(option.type) + "\\fR";
+    text += ".TP\n" + names + "\n" + Filled(option.meaning) + "\n";
   }
 }
 
-void AppendCommand(const CLI::App& command, std::string& text) {
-  if (RunFunctionOf(command) != nullptr) {
-    text += ".SS ravctl " + Roff(FullName(command)) + "\n" + Filled(command.get_description() + ".") + "\n";
+void AppendCommand(const Command& command, std::string& text) {
+  if (!command.IsGroup()) {
+    text += ".SS ravctl " + Roff(command.FullName()) + "\n" + Filled(command.Text().summary + ".") + "\n";
     AppendOptions(command, text);
-    for (const Example& example : TextOf(command).examples)
+    for (const Example& example : command.Text().examples)
       text += ".PP\n.nf\n    " + Roff(example.command) + "\n.fi\n.RS 8\n" + Filled(example.meaning) + "\n.RE\n";
   }
-  for (const CLI::App* below : Below(command))
-    AppendCommand(*below, text);
+  for (const Command& below : command.Below())
+    AppendCommand(below, text);
 }
 
 // What a section lists: "\fB/etc/pelrix/registry\fR" and what it is.
@@ -188,17 +176,18 @@ void AppendItems(const char* heading, const std::array<Item, kCount>& items, std
     text += ".TP\n\\fB" + Roff(std::string(item.name)) + "\\fR\n" + Filled(item.meaning) + "\n";
 }
 
-std::string ManualPage(const CLI::App& root) {
+std::string ManualPage(const Command& root) {
   std::string text =
       ".TH RAVCTL 1 \"" RAVCTL_DATE "\" \"ravd " RAVCTL_VERSION
       "\" \"User Commands\"\n"
       ".SH NAME\nravctl \\- client of the service daemon ravd and of its library\n"
       ".SH SYNOPSIS\n.B ravctl\n[\\fIglobal options\\fR] \\fICOMMAND\\fR [\\fISUB\\fR] [\\fIoptions\\fR]\n"
       ".SH DESCRIPTION\n" +
-      Filled(root.get_description()) + "\n.SH GLOBAL OPTIONS\n";
+      Filled(root.Text().summary) + "\n.SH GLOBAL OPTIONS\n";
   AppendOptions(root, text);
   text += ".SH COMMANDS\n";
-  AppendCommand(root, text);
+  for (const Command& below : root.Below())
+    AppendCommand(below, text);
   AppendItems("ENVIRONMENT", kEnvironment, text);
   AppendItems("FILES", kFiles, text);
   AppendItems("EXIT STATUS", kExitStatus, text);
@@ -210,19 +199,18 @@ std::string ManualPage(const CLI::App& root) {
 
 }  // namespace
 
-void RegisterShellTexts(CLI::App& root) {
-  CLI::App* top = &root;
-  AddCommand(root,
-             {"completion",
-              "Print the bash completion",
-              {{"source <(ravctl completion)", "complete in this shell"},
-               {"ravctl completion > /etc/bash_completion.d/ravctl", "complete in every shell"}}},
-             [top](Output& out) {
-               const std::string text = Completion(*top);
-               out.Print({"text"}, text, text);
-               return ExitCode::kDone;
-             });
-  AddCommand(root, {"man", "Print the manual page", {{"ravctl man | man -l -", "read it"}}}, [top](Output& out) {
+void AddShellTexts(Command& root) {
+  Command* top = &root;
+  root.Add({"completion",
+            "Print the bash completion",
+            {{"source <(ravctl completion)", "complete in this shell"},
+             {"ravctl completion > /etc/bash_completion.d/ravctl", "complete in every shell"}}},
+           [top](Output& out) {
+             const std::string text = Completion(*top);
+             out.Print({"text"}, text, text);
+             return ExitCode::kDone;
+           });
+  root.Add({"man", "Print the manual page", {{"ravctl man | man -l -", "read it"}}}, [top](Output& out) {
     const std::string text = ManualPage(*top);
     out.Print({"text"}, text, text);
     return ExitCode::kDone;

@@ -1,10 +1,10 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include "ravctl/line/command.h"
 
 namespace ravctl {
 
 // completion and man: texts made from the registered commands and options themselves.
-void RegisterShellTexts(CLI::App& root);
+void AddShellTexts(Command& root);
 
 }  // namespace ravctl

@@ -15,6 +15,7 @@
 #include "netif/libnetif_socket.h"
 #include "netif/netlink.h"
 #include "netif/network_interface_manager.h"
+#include "ravctl/answer/json.h"
 #include "ravctl/base/text.h"
 
 namespace ravctl {
@@ -239,14 +240,6 @@ std::string SpeedText(const Json& megabits) {
   std::array<char, 32> text{};
   std::snprintf(text.data(), text.size(), speed < 1000 ? "%gM" : "%gG", speed < 1000 ? speed : speed / 1000.0);
   return text.data();
-}
-
-std::string SizeText(const Json& bytes) {
-  return HumanSize(bytes.get<uint64_t>());
-}
-
-std::string RateText(const Json& bytesPerSecond) {
-  return HumanSize(bytesPerSecond.get<uint64_t>()) + "/s";
 }
 
 std::string ReasonOf(const libnetif_exception& failure) {

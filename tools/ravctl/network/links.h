@@ -9,8 +9,8 @@
 
 #include "netif/libnetif_exception.h"
 #include "netif/network_interface.h"
-#include "ravctl/answer/error.h"
 #include "ravctl/answer/output.h"
+#include "ravctl/base/error.h"
 
 // What the net commands share: the interfaces as the library reads them, all their addresses and their counters.
 namespace ravctl {
@@ -58,9 +58,6 @@ std::string IPv6Text(const libnetif::ipv6_address& address);
 
 // 1000 => "1G", 2500 => "2.5G"
 std::string SpeedText(const Json& megabits);
-std::string SizeText(const Json& bytes);
-// Bytes per second: "1.5K/s"
-std::string RateText(const Json& bytesPerSecond);
 
 // Why a request of the library failed, in one line and without its framing: "No such device".
 std::string ReasonOf(const libnetif::libnetif_exception& failure);

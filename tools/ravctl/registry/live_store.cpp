@@ -8,8 +8,9 @@
 #include <cstring>
 
 #include "platform/regular_file.h"
-#include "ravctl/answer/error.h"
-#include "ravctl/commands/daemon/status.h"
+#include "ravctl/base/error.h"
+#include "ravctl/base/files.h"
+#include "ravctl/daemon/process.h"
 #include "ravctl/registry/store_check.h"
 #include "ravctl/registry/store_export.h"
 #include "ravctl/registry/store_files.h"
@@ -143,7 +144,7 @@ void LiveStore::RefuseDamaged() {
     const int error = file ? 0 : errno;
     if (error == ENOENT || error == ENOTDIR) continue;
     if (error != 0) throw SystemFailure("cannot read the registry", path, error);
-    const StoreCheck check = CheckStore(ReadStoreBytes(path));
+    const StoreCheck check = CheckStore(ReadWholeFile(path));
     if (check.Damage() > 0) {
       throw CommandError(ExitCode::kInputDamaged, "the registry is damaged, a save would lose what cannot be read",
                          path, "see ravctl registry verify and recover, or give --force");

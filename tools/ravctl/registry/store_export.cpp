@@ -5,7 +5,8 @@
 #include <memory>
 #include <new>
 
-#include "ravctl/answer/error.h"
+#include "ravctl/answer/json.h"
+#include "ravctl/base/error.h"
 #include "ravctl/base/text.h"
 
 namespace ravctl {

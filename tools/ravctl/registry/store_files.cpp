@@ -6,7 +6,8 @@
 
 #include "platform/descriptor_io.h"
 #include "platform/regular_file.h"
-#include "ravctl/answer/error.h"
+#include "ravctl/base/error.h"
+#include "ravctl/base/files.h"
 #include "ravctl/registry/store_export.h"
 #include "registry/registry.h"
 
@@ -56,15 +57,8 @@ LoadedStore LoadStore(Output& out) {
   ThrowNothingLoaded();
 }
 
-std::string ReadStoreBytes(const std::string& path) {
-  const UniqueFd file = OpenRegularFile(path.c_str(), O_RDONLY);
-  std::string bytes;
-  if (!file || !ReadToEnd(file.Get(), bytes)) throw SystemFailure("cannot read the file", path, errno);
-  return bytes;
-}
-
 StoreKey ReadStoreFile(const std::string& path) {
-  const std::string bytes = ReadStoreBytes(path);
+  const std::string bytes = ReadWholeFile(path);
   if (IsExport(bytes)) return ParseExport(bytes, path);
   CRegistryNode node;
   if (!CRegistry::ReadTree(path.c_str(), node)) {

@@ -32,7 +32,4 @@ StoreKey ReadStoreFile(const std::string& path);
 // The same, or LoadStore for the word "live".
 StoreKey ReadStoreOrLive(const std::string& what, Output& out);
 
-// The whole file; throws CommandError.
-std::string ReadStoreBytes(const std::string& path);
-
 }  // namespace ravctl

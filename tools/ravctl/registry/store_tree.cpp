@@ -6,7 +6,7 @@
 #include <charconv>
 #include <limits>
 
-#include "ravctl/answer/error.h"
+#include "ravctl/base/error.h"
 #include "ravctl/base/text.h"
 #include "registry/registry_strings.h"
 #include "registry/registry_text.h"

@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <array>
 
-#include "ravctl/answer/error.h"
+#include "ravctl/answer/json.h"
+#include "ravctl/base/error.h"
 #include "ravctl/base/text.h"
 
 namespace ravctl {

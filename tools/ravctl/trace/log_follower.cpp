@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "ravctl/answer/error.h"
+#include "ravctl/base/error.h"
 #include "ravctl/trace/read_at.h"
 #include "ravctl/trace/trace_entry.h"
 #include "ravctl/trace/trace_layout.h"

@@ -12,8 +12,8 @@
 
 #include "platform/descriptor_io.h"
 #include "platform/unique_fd.h"
-#include "ravctl/answer/error.h"
 #include "ravctl/answer/output.h"
+#include "ravctl/base/error.h"
 #include "ravctl/base/text.h"
 #include "ravctl/trace/trace_entry.h"
 #include "ravctl/trace/trace_settings.h"

@@ -7,7 +7,7 @@
 #include <cctype>
 #include <ctime>
 
-#include "ravctl/answer/error.h"
+#include "ravctl/base/error.h"
 
 namespace ravctl {
 
@@ -81,13 +81,12 @@ bool TraceFilter::TimeRange::Contains(std::string_view time) const {
   return time >= from && (to.empty() || time.substr(0, to.size()) <= to);
 }
 
-void TraceFilter::AddOptions(CLI::App& command) {
+void TraceFilter::AddOptions(Command& command) {
   const auto list = [&command](const char* name, std::vector<std::string>& values, const char* type, const char* text) {
-    command.add_option(name, values, text)->type_name(type)->expected(1)->take_all();
+    command.AddOption(name, &values, type, text);
   };
-  command.add_option("--since", m_Since, "From that time on: 2024-05-06 10:11, 10:11, or 5m for 5 minutes ago")
-      ->type_name("TIME");
-  command.add_option("--until", m_Until, "Up to that time, all of it included")->type_name("TIME");
+  command.AddOption("--since", &m_Since, "TIME", "From that time on: 2024-05-06 10:11, 10:11, or 5m for 5 minutes ago");
+  command.AddOption("--until", &m_Until, "TIME", "Up to that time, all of it included");
   list("--not-time", m_NotTimes, "FROM..TO", "Not in that time; may be repeated, as all that follow");
   list("-t,--thread", m_Threads, "HEX", "Of that thread");
   list("--not-thread", m_NotThreads, "HEX", "Not of that thread");
@@ -95,7 +94,7 @@ void TraceFilter::AddOptions(CLI::App& command) {
   list("--not-tag", m_NotTags, "TAG", "Not of that application or module");
   list("-g,--text", m_Texts, "TEXT", "With that text");
   list("--not-text", m_NotTexts, "TEXT", "Without that text");
-  command.add_flag("-i,--ignore-case", m_IgnoresCase, "Upper and lower case are the same in texts");
+  command.AddFlag("-i,--ignore-case", &m_IgnoresCase, "Upper and lower case are the same in texts");
 }
 
 void TraceFilter::Prepare(std::string_view newestTime) {

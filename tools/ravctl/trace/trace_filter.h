@@ -1,9 +1,9 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
+#include "ravctl/line/command.h"
 
 #include "ravctl/trace/trace_entry.h"
 
@@ -14,7 +14,7 @@ namespace ravctl {
 class TraceFilter {
  public:
   // Adds the options of the filter to a command.
-  void AddOptions(CLI::App& command);
+  void AddOptions(Command& command);
 
   // Makes the values ready. newestTime completes times without a date. Throws CommandError for a value that is none.
   void Prepare(std::string_view newestTime);

@@ -12,9 +12,9 @@
 
 #include "platform/descriptor_io.h"
 #include "platform/unique_fd.h"
-#include "ravctl/answer/error.h"
+#include "ravctl/base/error.h"
 #include "ravctl/base/text.h"
-#include "ravctl/commands/daemon/status.h"
+#include "ravctl/daemon/process.h"
 #include "trace/debug.h"
 #include "trace/debug_trace_config.h"
 

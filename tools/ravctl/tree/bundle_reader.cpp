@@ -18,8 +18,9 @@
 
 #include "platform/descriptor_io.h"
 #include "platform/unique_fd.h"
-#include "ravctl/answer/error.h"
+#include "ravctl/answer/json.h"
 #include "ravctl/answer/output.h"
+#include "ravctl/base/error.h"
 #include "ravctl/base/text.h"
 #include "ravctl/tree/bundle_format.h"
 

@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <vector>
 
-#include "ravctl/answer/error.h"
+#include "ravctl/base/error.h"
 
 namespace ravctl {
 

@@ -24,7 +24,7 @@
 #include <vector>
 
 #include "platform/unique_fd.h"
-#include "ravctl/answer/error.h"
+#include "ravctl/base/error.h"
 #include "ravctl/tree/bundle_format.h"
 #include "ravctl/tree/bundle_reader.h"
 

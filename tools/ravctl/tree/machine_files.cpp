@@ -4,11 +4,10 @@
 
 #include <array>
 
-#include "ravctl/answer/error.h"
 #include "ravctl/answer/output.h"
+#include "ravctl/base/error.h"
 #include "ravctl/base/text.h"
-#include "ravctl/commands/daemon/status.h"
-#include "ravctl/trace/trace_settings.h"
+#include "ravctl/daemon/process.h"
 #include "ravctl/tree/bundle_format.h"
 #include "ravctl/tree/physical_memory.h"
 
@@ -137,9 +136,8 @@ void CaptureDaemon(Capture& capture) {
   CaptureEnvironment(process, capture);
 }
 
-void CaptureTraces(Capture& capture) {
+void CaptureTraces(const std::string& configured, Capture& capture) {
   capture.AddMatching("/var/log/pelrix/log.*", CaptureKind::kContent, kLargestFile);
-  const std::string configured = TraceSettings("ravd").Directory();
   capture.AddMatching(configured + "/log.*", CaptureKind::kContent, kLargestFile);
 }
 
@@ -152,7 +150,7 @@ void NoteHiddenAddresses(Capture& capture) {
 
 }  // namespace
 
-void CaptureMachine(bool traces, Capture& capture) {
+void CaptureMachine(const std::string& traceDirectory, Capture& capture) {
   Progress progress("capturing", kFiles.size() + 1);
   unsigned long long done = 0;
   for (const FileRow& row : kFiles) {
@@ -162,7 +160,7 @@ void CaptureMachine(bool traces, Capture& capture) {
   NoteHiddenAddresses(capture);
   CapturePhysicalMemory(capture);
   CaptureDaemon(capture);
-  if (traces) CaptureTraces(capture);
+  if (!traceDirectory.empty()) CaptureTraces(traceDirectory, capture);
 }
 
 const std::vector<std::string>& LiveOnlyAnswers() {

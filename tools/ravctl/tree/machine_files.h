@@ -8,8 +8,8 @@
 namespace ravctl {
 
 // Captures what the library and the commands read of this machine.
-// traces: the trace files of the configured directories as well.
-void CaptureMachine(bool traces, Capture& capture);
+// traceDirectory: where the daemon's trace files are configured to be, for these as well; empty: none of them.
+void CaptureMachine(const std::string& traceDirectory, Capture& capture);
 
 // What the library asks the kernel or a command for and no file can hold.
 const std::vector<std::string>& LiveOnlyAnswers();

@@ -7,6 +7,7 @@
 #include <array>
 #include <ctime>
 
+#include "ravctl/answer/json.h"
 #include "ravctl/base/text.h"
 #include "ravctl/tree/bundle_format.h"
 #include "ravctl/tree/machine_files.h"

@@ -1,5 +1,4 @@
-// ini set and del. The library does the edit, first on a private copy: that shows what it would write, and whether a
-// reader would then get what was asked for.
+#include "ravctl/commands/ini/change.h"
 
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -10,12 +9,12 @@
 
 #include "platform/ini_file.h"
 #include "platform/ini_text.h"
+#include "ravctl/answer/json.h"
+#include "ravctl/base/files.h"
 #include "ravctl/base/text.h"
 #include "ravctl/base/text_diff.h"
-#include "ravctl/commands/ini/group.h"
 #include "ravctl/ini/ini_scan.h"
 #include "ravctl/line/command.h"
-#include "ravctl/registry/private_copy.h"
 
 namespace ravctl {
 
@@ -23,23 +22,13 @@ namespace {
 
 using Content = std::optional<std::string>;  // null: there is no file
 
-struct Change {
-  std::string file, section;
-  std::optional<std::string> key;    // null: delete the section
-  std::optional<std::string> value;  // null: delete
-  bool isDry = false;
-  bool isRaw = false;
-
-  std::string What() const { return file + ": [" + section + "]" + (key ? " " + *key : ""); }
-};
-
-bool Write(const Change& change, const std::string& path) {
+bool Write(const IniChange& change, const std::string& path) {
   return CIniFile::WritePrivateProfileString(change.section.c_str(), change.key ? change.key->c_str() : nullptr,
                                              change.value ? change.value->c_str() : nullptr, path.c_str()) == 1;
 }
 
 // The value that a reader gets, or null. An empty value counts as one.
-std::optional<std::string> ValueRead(const Change& change, std::string_view content) {
+std::optional<std::string> ValueRead(const IniChange& change, std::string_view content) {
   for (const IniSection& section : ScanIni(content).sections) {
     if (!section.isRead || section.name != change.section) continue;
     for (const IniEntry& entry : section.entries) {
@@ -49,13 +38,13 @@ std::optional<std::string> ValueRead(const Change& change, std::string_view cont
   return std::nullopt;
 }
 
-bool HasSection(const Change& change, std::string_view content) {
+bool HasSection(const IniChange& change, std::string_view content) {
   const IniScan scan = ScanIni(content);
   return std::ranges::any_of(scan.sections, [&](const IniSection& section) { return section.name == change.section; });
 }
 
 // Whether section, key and value are such that a file can hold them.
-void RequireWritable(const Change& change) {
+void RequireWritable(const IniChange& change) {
   if (!change.value) return;
   std::string text;
   EditIniText(text, change.section, change.key->c_str(), change.value->c_str());
@@ -69,31 +58,33 @@ void RequireWritable(const Change& change) {
                          std::to_string(kMaxIniLine) + " characters a line");
 }
 
-[[noreturn]] void FailHidden(const Change& change) {
+[[noreturn]] void FailHidden(const IniChange& change) {
   throw CommandError(ExitCode::kInputDamaged, "a reader finds it, but a writer does not", change.What(),
                      "ravctl ini check tells the line; mend it in an editor");
 }
 
 // What the library makes of the content, null when the edit finds nothing to delete.
-Content Rehearse(const Change& change, const Content& old) {
+Content Rehearse(const IniChange& change, const Content& old) {
   const char* const key = change.key ? change.key->c_str() : nullptr;
   std::string edited = change.value ? "" : *old;
   if (!change.value && !EditIniText(edited, change.section, key, nullptr)) {
     if (change.key ? ValueRead(change, *old).has_value() : HasSection(change, *old)) FailHidden(change);
     return std::nullopt;
   }
-  const PrivateCopy copy(old);
+  const TemporaryDirectory directory;
+  const std::string copy = directory.Path() + "/copy";
+  if (old) WriteNewFile(copy, *old);
   Content content;
-  if (Write(change, copy.Path())) content = copy.Read();
+  if (Write(change, copy)) content = ReadFileIfThere(copy);
   if (!content) {
-    throw CommandError(ExitCode::kInputMissing, "cannot edit the private copy", copy.Path(),
+    throw CommandError(ExitCode::kInputMissing, "cannot edit the private copy", copy,
                        "let TMPDIR name a directory with space");
   }
   if (change.value && ValueRead(change, *content) != change.value) FailHidden(change);
   return content;
 }
 
-void WarnOfWhatIsLeft(const Change& change, const std::string& content, Output& out) {
+void WarnOfWhatIsLeft(const IniChange& change, const std::string& content, Output& out) {
   if (change.value) return;
   if (!change.key && HasSection(change, content)) {
     out.Warn("a further section of that name is read now", change.What(), "delete it as well");
@@ -114,7 +105,7 @@ bool IsFull(const std::string& directory, size_t growth) {
 }
 
 // The library tells no more than that it failed.
-[[noreturn]] void FailWrite(const Change& change, const Content& old, const std::string& wanted) {
+[[noreturn]] void FailWrite(const IniChange& change, const Content& old, const std::string& wanted) {
   const std::string parent = Parent(change.file);
   if (old && ::access(change.file.c_str(), W_OK) != 0) throw SystemFailure("cannot write", change.file, errno);
   if (!old && ::access(parent.c_str(), W_OK | X_OK) != 0) {
@@ -122,20 +113,20 @@ bool IsFull(const std::string& directory, size_t growth) {
   }
   const size_t growth = wanted.size() - std::min(wanted.size(), old ? old->size() : 0);
   const bool isFull = growth > 0 && IsFull(parent, growth);
-  const bool isAsBefore = ReadIfThere(change.file) == old;
+  const bool isAsBefore = ReadFileIfThere(change.file) == old;
   throw CommandError(isAsBefore ? ExitCode::kInputMissing : ExitCode::kInputDamaged, "cannot write",
                      change.file + (isFull ? ": no space is left" : ""),
                      isAsBefore ? "the file is as it was" : "the file is neither the old nor the new one: look at it");
 }
 
-void WarnIfUnwritable(const Change& change, const Content& old, Output& out) {
+void WarnIfUnwritable(const IniChange& change, const Content& old, Output& out) {
   const std::string place = old ? change.file : Parent(change.file);
   if (::access(place.c_str(), old ? W_OK : W_OK | X_OK) == 0) return;
   const CommandError failure = SystemFailure("the real run would fail", place, errno);
   out.Warn(failure.what());
 }
 
-ExitCode Report(const Change& change, const Content& old, const Content& content, Output& out) {
+ExitCode Report(const IniChange& change, const Content& old, const Content& content, Output& out) {
   const bool isChanged = content && content != old;
   const std::string name = Printable(change.file);
   const std::string diff =
@@ -165,9 +156,11 @@ ExitCode Report(const Change& change, const Content& old, const Content& content
   return content || change.isDry ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
 
-ExitCode RunChange(const Change& change, Output& out) {
+}  // namespace
+
+ExitCode RunIniChange(const IniChange& change, Output& out) {
   RequireWritable(change);
-  const Content old = ReadIfThere(change.file);
+  const Content old = ReadFileIfThere(change.file);
   if (!old && !change.value) throw SystemFailure("cannot open", change.file, ENOENT);
   const Content content = Rehearse(change, old);
   if (content) WarnOfWhatIsLeft(change, *content, out);
@@ -176,59 +169,16 @@ ExitCode RunChange(const Change& change, Output& out) {
       WarnIfUnwritable(change, old, out);
     } else if (!Write(change, change.file)) {
       FailWrite(change, old, *content);
-    } else if (ReadIfThere(change.file) != content) {
+    } else if (ReadFileIfThere(change.file) != content) {
       out.Warn("somebody else wrote the file meanwhile", change.file, "look at it");
     }
   }
   return Report(change, old, content, out);
 }
 
-void AddCommonOptions(CLI::App& command, Change& change) {
-  command.add_flag("--dry-run", change.isDry, "Show the change as a unified diff and write nothing");
-  command.add_flag("--raw", change.isRaw, "Control bytes of the diff as they are, for patch, instead of \\xNN");
-}
-
-void AddSet(CLI::App& ini) {
-  auto change = std::make_shared<Change>();
-  change->key.emplace();
-  change->value.emplace();
-  CLI::App& set = AddCommand(
-      ini,
-      {"set",
-       "Set a key; section and file are made when missing",
-       {{"ravctl ini set /etc/pelrix/Adapter.ini 8086 1521 \"Quad Port\"", "write the key"},
-        {"ravctl ini set --dry-run /etc/pelrix/Adapter.ini 8086 1521 \"Quad Port\"", "only show what would change"},
-        {"ravctl ini set -- /etc/pelrix/Adapter.ini 8086 Offset -5", "a value that begins with a dash"}},
-       Effect::kChanges},
-      [change](Output& out) { return RunChange(*change, out); });
-  set.add_option("FILE", change->file, "INI file")->required();
-  set.add_option("SECTION", change->section, "Section, without brackets")->required();
-  set.add_option("KEY", *change->key, "Key")->required();
-  set.add_option("VALUE", *change->value, "Value; an empty one reads as the default")->required();
-  AddCommonOptions(set, *change);
-}
-
-void AddDel(CLI::App& ini) {
-  auto change = std::make_shared<Change>();
-  CLI::App& del =
-      AddCommand(ini,
-                 {"del",
-                  "Delete a key or a whole section; exit status 1 when there is nothing to delete",
-                  {{"ravctl ini del /etc/pelrix/Adapter.ini 8086 1521", "a key, with the comments before it"},
-                   {"ravctl ini del --dry-run /etc/pelrix/Adapter.ini 8086", "the section: only show"}},
-                  Effect::kChanges},
-                 [change](Output& out) { return RunChange(*change, out); });
-  del.add_option("FILE", change->file, "INI file")->required();
-  del.add_option("SECTION", change->section, "Section, without brackets")->required();
-  del.add_option("KEY", change->key, "Key; without it the section goes");
-  AddCommonOptions(del, *change);
-}
-
-}  // namespace
-
-void AddIniChanges(CLI::App& ini) {
-  AddSet(ini);
-  AddDel(ini);
+void AddIniChangeOptions(Command& command, IniChange& change) {
+  command.AddFlag("--dry-run", &change.isDry, "Show the change as a unified diff and write nothing");
+  command.AddFlag("--raw", &change.isRaw, "Control bytes of the diff as they are, for patch, instead of \\xNN");
 }
 
 }  // namespace ravctl

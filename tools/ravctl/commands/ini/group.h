@@ -1,13 +1,14 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include "ravctl/line/command.h"
 
 namespace ravctl {
 
-// ini and everything below it
-void RegisterIni(CLI::App& root);
-
-// ini set and ini del
-void AddIniChanges(CLI::App& ini);
+// ravctl ini ...
+void AddIniGet(Command& ini);
+void AddIniSet(Command& ini);
+void AddIniDel(Command& ini);
+void AddIniSections(Command& ini);
+void AddIniCheck(Command& ini);
 
 }  // namespace ravctl

@@ -14,6 +14,7 @@
 
 #include "platform/descriptor_io.h"
 #include "platform/unique_fd.h"
+#include "ravctl/answer/json.h"
 #include "ravctl/base/child.h"
 #include "ravctl/commands/inventory/group.h"
 #include "ravctl/hardware/inventory_records.h"
@@ -70,15 +71,6 @@ bool Has(std::span<const std::string_view> names, std::string_view name) {
 }
 
 // ---- the two sides
-
-Json WithoutKernelVolumes(Json data) {
-  Json kept = Json::array();
-  for (const Json& volume : data["volumes"]) {
-    if (!IsKernelVolume(volume)) kept.push_back(volume);
-  }
-  data["volumes"] = std::move(kept);
-  return data;
-}
 
 std::string ReadFile(const std::string& path, int fd) {
   std::string text;
@@ -306,7 +298,10 @@ std::array<Json, 2> ReadSides(const Options& options, Output& out) {
   std::array<Json, 2> sides;
   for (const bool wantsLive : {false, true}) {
     for (size_t side = 0; side < operands.size(); ++side) {
-      if (IsLive(*operands[side]) == wantsLive) sides[side] = WithoutKernelVolumes(ReadSide(*operands[side], out));
+      if (IsLive(*operands[side]) == wantsLive) {
+        sides[side] = ReadSide(*operands[side], out);
+        sides[side]["volumes"] = WithoutKernelVolumes(sides[side]["volumes"]);
+      }
     }
   }
   return sides;
@@ -323,19 +318,17 @@ ExitCode RunDiff(const Options& options, Output& out) {
 
 }  // namespace
 
-void AddInventoryDiff(CLI::App& inventory) {
+void AddInventoryDiff(Command& inventory) {
   auto options = std::make_shared<Options>();
-  CLI::App& diff = AddCommand(
-      inventory,
+  Command& diff = inventory.Add(
       {"diff",
        "Show what was added, removed, moved or changed between two inventories; exit status 1 when anything was",
        {{"ravctl inventory diff before.json live", "since that was saved with ravctl inventory --json"},
         {"ravctl inventory diff server1.tar.gz server2.tar.gz", "between two bundles"}}},
       [options](Output& out) { return RunDiff(*options, out); });
-  diff.add_option("BEFORE", options->before, "live or - for this machine, saved JSON, a captured tree or a bundle")
-      ->required();
-  diff.add_option("AFTER", options->after, "The same")->required();
-  diff.add_flag("--usage", options->withUsage, "Tell too how full volumes are");
+  diff.AddRequired("BEFORE", &options->before, "live or - for this machine, saved JSON, a captured tree or a bundle");
+  diff.AddRequired("AFTER", &options->after, "The same");
+  diff.AddFlag("--usage", &options->withUsage, "Tell too how full volumes are");
 }
 
 }  // namespace ravctl

@@ -1,12 +1,42 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include <optional>
+
+#include "ravctl/answer/output.h"
+#include "ravctl/hardware/inventory_records.h"
+#include "ravctl/line/command.h"
+#include "ravctl/line/record_filter.h"
 
 namespace ravctl {
 
-void RegisterInventory(CLI::App& root);
+// ravctl inventory, and what is below it
+Command& AddInventory(Command& root);
+void AddInventoryAdapters(Command& inventory);
+void AddInventoryDrives(Command& inventory);
+void AddInventoryVolumes(Command& inventory);
+void AddInventoryDiff(Command& inventory);
 
-// The commands of the family, one file each.
-void AddInventoryDiff(CLI::App& inventory);
+// What the commands share
+
+struct InventoryOptions {
+  RecordFilter filter;
+  bool all = false;  // volumes of the kernel too
+};
+
+void AddAllVolumesOption(Command& command, InventoryOptions& options);
+
+// The records, with a warning for what this user may not see.
+InventoryRecords ReadInventory(unsigned int parts, bool allVolumes, Output& out);
+Json WithoutKernelVolumes(const Json& volumes);
+
+// The product, else what kind of function it is with its IDs, else the name of an ISA device.
+Json AdapterTitle(const Json& adapter);
+// The two texts with the separator between them, or the one that is there.
+std::string Joined(const Json& first, const Json& second, const char* separator);
+
+// How a size in KiB, a percentage and the use of a volume are shown.
+std::string KibText(const Json& kib);
+std::string PercentText(const Json& percent);
+Color FullnessColor(const Json& row);
 
 }  // namespace ravctl

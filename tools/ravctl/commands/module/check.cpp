@@ -19,6 +19,7 @@
 
 #include "daemon/switch_interface.h"
 #include "platform/unique_fd.h"
+#include "ravctl/answer/finding.h"
 #include "ravctl/base/child.h"
 #include "ravctl/base/text.h"
 #include "ravctl/commands/module/group.h"
@@ -42,25 +43,18 @@ struct SlotRow {
 constexpr auto kCalledSlots = std::to_array<SlotRow>(
     {{2, "LoadModules"}, {3, "UnloadModules"}, {4, "StartModules"}, {5, "StopModules"}, {16, "NotifyEvent"}});
 
-// One line of the answer.
 class CheckList {
  public:
-  void Say(bool isGood, const char* check, const std::string& finding, const char* toDo = "") {
-    m_IsGood = m_IsGood && isGood;
-    m_Table.Add(
-        {{"good", isGood}, {"check", check}, {"finding", finding}, {"todo", *toDo != '\0' ? Json(toDo) : Json()}});
+  explicit CheckList(std::string place) : m_Place(std::move(place)) {}
+
+  void Say(bool isGood, const char* check, const std::string& what, const char* toDo = "") {
+    m_Findings.push_back({isGood ? Severity::kGood : Severity::kBad, check, m_Place, what, toDo});
   }
-  bool IsGood() const { return m_IsGood; }
-  const Table& Lines() const { return m_Table; }
+  const Findings& Result() const { return m_Findings; }
 
  private:
-  Table m_Table{{{.key = "good",
-                  .heading = "GOOD",
-                  .color = [](const Json& row) { return row["good"] ? Color::kGreen : Color::kRed; }},
-                 {.key = "check", .heading = "CHECK"},
-                 {.key = "finding", .heading = "FINDING"},
-                 {.key = "todo", .heading = "TO DO"}}};
-  bool m_IsGood = true;
+  std::string m_Place;
+  Findings m_Findings;
 };
 
 // What the dynamic symbol table and section of a library say.
@@ -216,40 +210,33 @@ void CheckWriters(const std::string& path, CheckList& list) {
 }
 
 ExitCode RunCheck(const std::string& path, bool loads, Output& out) {
-  CheckList list;
+  CheckList list(path);
   const LibraryNames names = ReadLibrary(path);
   list.Say(true, "file", "shared library for x86-64");
   CheckSymbols(names, list);
   if (loads && names.defined.contains("SW_QueryInterface")) CheckInterface(path, list);
   CheckWriters(path, list);
-  out.Print({"module-check"}, list.Lines());
-  return list.IsGood() ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
+  PrintFindings({"module-check", 2}, list.Result(), out);
+  return WorstOf(list.Result()) == Severity::kGood ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
 
 }  // namespace
 
-void AddModuleCheck(CLI::App& module) {
+void AddModuleCheck(Command& module) {
   struct Options {
     std::string library;
-    bool loads = true;
+    bool readsOnly = false;
   };
   auto options = std::make_shared<Options>();
-  CLI::App& check = AddCommand(
-      module,
+  Command& check = module.Add(
       {"check",
        "Check a module switch library: symbols, interface, and who may write to it; exit status 1 when a check fails",
        {{"ravctl module check /usr/lib/ravd/libswitch.so", "loads it in a child and looks at its interface"},
         {"ravctl module check --no-load ./libswitch.so", "without running any of its code"}},
        Effect::kChanges},
-      [options](Output& out) { return RunCheck(options->library, options->loads, out); });
-  check.add_option("LIB", options->library, "The library")->required();
-  check.add_flag("--no-load{false}", options->loads, "Read the file only, run nothing of it");
-}
-
-void RegisterModule(CLI::App& root) {
-  CLI::App& module = AddGroup(root, "module", "The module switch library that the daemon loads");
-  AddModuleCheck(module);
-  AddModuleRun(module);
+      [options](Output& out) { return RunCheck(options->library, !options->readsOnly, out); });
+  check.AddRequired("LIB", &options->library, "The library");
+  check.AddFlag("--no-load", &options->readsOnly, "Read the file only, run nothing of it");
 }
 
 }  // namespace ravctl

@@ -1,12 +1,11 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include "ravctl/line/command.h"
 
 namespace ravctl {
 
-// module check and module run
-void RegisterModule(CLI::App& root);
-void AddModuleCheck(CLI::App& module);
-void AddModuleRun(CLI::App& module);
+// ravctl module ...
+void AddModuleCheck(Command& module);
+void AddModuleRun(Command& module);
 
 }  // namespace ravctl

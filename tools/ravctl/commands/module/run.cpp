@@ -14,7 +14,9 @@
 #include <thread>
 
 #include "daemon/switch_interface.h"
+#include "ravctl/answer/json.h"
 #include "ravctl/base/child.h"
+#include "ravctl/base/files.h"
 #include "ravctl/base/text.h"
 #include "ravctl/commands/module/group.h"
 #include "ravctl/line/command.h"
@@ -34,25 +36,6 @@ struct RunOptions {
   unsigned int timeout = 30;  // for all of it
   unsigned int level = 5;
   unsigned int runMode = 0;
-};
-
-// A directory below the temporary one for the child's trace, removed with the object.
-class TraceDirectory {
- public:
-  TraceDirectory() : m_Path((std::filesystem::temp_directory_path() / "ravctl-module-XXXXXX").string()) {
-    if (::mkdtemp(m_Path.data()) == nullptr) throw SystemFailure("cannot make a directory", m_Path, errno);
-  }
-  ~TraceDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(m_Path, ignored);
-  }
-  TraceDirectory(const TraceDirectory&) = delete;
-  TraceDirectory& operator=(const TraceDirectory&) = delete;
-
-  const std::string& Path() const { return m_Path; }
-
- private:
-  std::string m_Path;
 };
 
 // Tells the parent that a step is done.
@@ -146,7 +129,7 @@ Json ReadTrace(const std::string& directory) {
 ExitCode RunRun(const RunOptions& options, Output& out) {
   if (::access(options.library.c_str(), R_OK) != 0)
     throw SystemFailure("cannot open the library", options.library, errno);
-  const TraceDirectory directory;
+  const TemporaryDirectory directory;
   const std::string library = std::filesystem::absolute(options.library).string();
   RunOptions absolute = options;
   absolute.library = library;
@@ -176,25 +159,22 @@ ExitCode RunRun(const RunOptions& options, Output& out) {
 
 }  // namespace
 
-void AddModuleRun(CLI::App& module) {
+void AddModuleRun(Command& module) {
   auto options = std::make_shared<RunOptions>();
-  CLI::App& run =
-      AddCommand(module,
-                 {"run",
+  Command& run =
+      module.Add({"run",
                   "Load, start, stop and unload a module switch in a child, as the daemon does, and show its trace",
                   {{"ravctl module run ./libswitch.so", "let its modules run for two seconds"},
                    {"ravctl module run ./libswitch.so --seconds 60 --timeout 90", "a longer run with a longer limit"}},
                   Effect::kChanges},
                  [options](Output& out) { return RunRun(*options, out); });
-  run.add_option("LIB", options->library, "The library")->required();
-  run.add_option("-s,--seconds", options->seconds, "How long the modules run (usually 2)")->type_name("N");
-  run.add_option("--timeout", options->timeout, "Seconds after which all is killed (usually 30)")
-      ->type_name("N")
-      ->check(CLI::Range(1, 86400).description(""));
-  run.add_option("--level", options->level, "Trace level (usually 5)")->type_name("N");
-  run.add_option("--run-mode", options->runMode, "Run mode told to the modules: 0 (usual), 5, 7, 8 or 10")
-      ->type_name("N")
-      ->check(CLI::IsMember({0, 5, 7, 8, 10}).description(""));
+  run.AddRequired("LIB", &options->library, "The library");
+  run.AddOption("-s,--seconds", &options->seconds, "N", "How long the modules run (usually 2)");
+  run.AddOption("--timeout", &options->timeout, "N", "Seconds after which all is killed (usually 30)",
+                InRange(1, 86400));
+  run.AddOption("--level", &options->level, "N", "Trace level (usually 5)");
+  run.AddOption("--run-mode", &options->runMode, "N", "Run mode told to the modules: 0 (usual), 5, 7, 8 or 10",
+                OneOf({"0", "5", "7", "8", "10"}));
 }
 
 }  // namespace ravctl

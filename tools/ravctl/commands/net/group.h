@@ -1,17 +1,12 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include "ravctl/line/command.h"
 
 namespace ravctl {
 
-// net and everything below it
-void RegisterNet(CLI::App& root);
-
-// The commands below net, each in a file of its own.
-void AddNetList(CLI::App& net);
-void AddNetShow(CLI::App& net);
-void AddNetRoutes(CLI::App& net);
-void AddNetWatch(CLI::App& net);
-void AddNetHostIp(CLI::App& net);
+// ravctl net ...
+void AddNetList(Command& net);
+void AddNetRoutes(Command& net);
+void AddNetHostIp(Command& net);
 
 }  // namespace ravctl

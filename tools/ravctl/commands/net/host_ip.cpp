@@ -2,6 +2,7 @@
 
 #include "netif/host_ip_address.h"
 #include "netif/network_interface_manager.h"
+#include "ravctl/answer/json.h"
 #include "ravctl/commands/net/group.h"
 #include "ravctl/line/command.h"
 #include "ravctl/network/links.h"
@@ -90,22 +91,19 @@ ExitCode RunHostIp(const HostIpOptions& options, Output& out) {
 
 }  // namespace
 
-void AddNetHostIp(CLI::App& net) {
+void AddNetHostIp(Command& net) {
   auto options = std::make_shared<HostIpOptions>();
-  CLI::App& hostIp =
-      AddCommand(net,
-                 {"host-ip",
-                  "Show which addresses stand for this machine, and why these",
-                  {{"ravctl net host-ip", "the interfaces in the order of the choice, and what became of each"},
-                   {"ravctl net host-ip -4 --short", "the IPv4 address alone, for a script; status 1 without one"}},
-                  Effect::kChanges},
-                 [options](Output& out) { return RunHostIp(*options, out); });
-  hostIp.add_option("--index", options->index, "Which of the usable addresses, from 0 (usually 0)")
-      ->type_name("N")
-      ->check(CLI::NonNegativeNumber.description(""));
-  CLI::Option* ipv4 = hostIp.add_flag("-4,--ipv4", options->onlyIPv4, "Only IPv4");
-  hostIp.add_flag("-6,--ipv6", options->onlyIPv6, "Only IPv6")->excludes(ipv4);
-  hostIp.add_flag("-s,--short", options->isShort, "Only the chosen addresses, one a line");
+  Command& hostIp =
+      net.Add({"host-ip",
+               "Show which addresses stand for this machine, and why these",
+               {{"ravctl net host-ip", "the interfaces in the order of the choice, and what became of each"},
+                {"ravctl net host-ip -4 --short", "the IPv4 address alone, for a script; status 1 without one"}},
+               Effect::kChanges},
+              [options](Output& out) { return RunHostIp(*options, out); });
+  hostIp.AddOption("--index", &options->index, "N", "Which of the usable addresses, from 0 (usually 0)", NotNegative());
+  hostIp.AddFlag("-4,--ipv4", &options->onlyIPv4, "Only IPv4");
+  hostIp.AddFlag("-6,--ipv6", &options->onlyIPv6, "Only IPv6").excludes = "--ipv4";
+  hostIp.AddFlag("-s,--short", &options->isShort, "Only the chosen addresses, one a line");
 }
 
 }  // namespace ravctl

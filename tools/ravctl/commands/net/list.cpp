@@ -1,9 +1,16 @@
-// net list: the interfaces, one a line, and how much passes through them.
+// net list: the interfaces, one a line or with every property, and how much passes through them.
 
 #include <fnmatch.h>
 
 #include <algorithm>
+#include <functional>
+#include <map>
 
+#include "netif/network_interface_manager.h"
+#include "netif/routing_table_manager.h"
+#include "ravctl/answer/formats.h"
+#include "ravctl/answer/json.h"
+#include "ravctl/base/text.h"
 #include "ravctl/commands/net/group.h"
 #include "ravctl/daemon/signal_watch.h"
 #include "ravctl/line/command.h"
@@ -13,11 +20,36 @@ namespace ravctl {
 
 namespace {
 
+using libnetif::libnetif_exception;
+using libnetif::network_interface;
+
 struct ListOptions {
   std::vector<std::string> patterns;
   double rateSeconds = 0.0;  // 0 = no rates
   bool onlyUp = false;
+  bool isLong = false;
 };
+
+bool IsPattern(const std::string& word) {
+  return word.find_first_of("*?[") != std::string::npos;
+}
+
+// Asked for by name: each of them has to be there, and everything about it is wanted.
+bool IsNamed(const ListOptions& options) {
+  return !options.patterns.empty() && std::ranges::none_of(options.patterns, IsPattern);
+}
+
+void RequireNames(const ListOptions& options, const std::vector<Link>& links) {
+  std::vector<std::string> names;
+  for (const Link& link : links)
+    names.push_back(link.name);
+  for (const std::string& name : options.patterns) {
+    if (!IsPattern(name) && std::ranges::count(names, name) == 0) {
+      throw CommandError(ExitCode::kNothingOrDifferent, "no such interface", name,
+                         DidYouMean(name, names, "see ravctl net list"));
+    }
+  }
+}
 
 bool IsWanted(const Link& link, const ListOptions& options) {
   if (options.onlyUp && StateOf(link.flags) != "up") return false;
@@ -37,6 +69,32 @@ const LinkCounters* Find(const CounterSample& sample, int index) {
   return found != sample.links.end() ? &found->second : nullptr;
 }
 
+// A property that the interface has not got, such as an IPv4 address, is null.
+Json Property(const network_interface& interface, const std::function<Json(const network_interface&)>& read) {
+  try {
+    return read(interface);
+  } catch (const libnetif_exception&) {
+    return {};
+  }
+}
+
+Json IPv6OrNull(const libnetif::ipv6_address& address) {
+  return address == libnetif::ipv6_address{} ? Json() : Json(IPv6Text(address));
+}
+
+// What the library answers for the interface, one address of each kind.
+void AddProperties(const Link& link, Json& row) {
+  const network_interface interface(link.name);
+  const auto property = [&interface](const std::function<Json(const network_interface&)>& read) {
+    return Property(interface, read);
+  };
+  row["ipv4_address"] = property([](const auto& from) { return IPv4Text(from.get_ipv4_address()); });
+  row["ipv4_netmask"] = property([](const auto& from) { return IPv4Text(from.get_ipv4_netmask()); });
+  row["ipv4_broadcast"] = property([](const auto& from) { return IPv4Text(from.get_ipv4_broadcast()); });
+  row["ipv6_address"] = property([](const auto& from) { return IPv6OrNull(from.get_ipv6_address()); });
+  row["ipv6_netmask"] = property([](const auto& from) { return IPv6OrNull(from.get_ipv6_netmask()); });
+}
+
 Json RowOf(const Link& link, const CounterSample& before, const CounterSample& now) {
   const LinkCounters* known = Find(now, link.index);
   const LinkCounters counters = known != nullptr ? *known : LinkCounters{};
@@ -45,6 +103,7 @@ Json RowOf(const Link& link, const CounterSample& before, const CounterSample& n
     return PerSecond(Find(before, link.index), counters, counter, seconds);
   };
   Json row = ToJson(link);
+  AddProperties(link, row);
   AddCounters(counters, row);
   row["rx_bytes_per_s"] = rate(&LinkCounters::rxBytes);
   row["tx_bytes_per_s"] = rate(&LinkCounters::txBytes);
@@ -75,7 +134,45 @@ Table MakeTable(bool hasRates) {
                 {.key = "tx_bytes_per_s", .heading = "TX/S", .isRight = true, .isUsual = hasRates, .format = RateText},
                 {.key = "rx_packets_per_s", .heading = "RX-PACKETS/S", .isRight = true, .isUsual = hasRates},
                 {.key = "tx_packets_per_s", .heading = "TX-PACKETS/S", .isRight = true, .isUsual = hasRates},
-                {.key = "addresses", .heading = "ADDRESSES", .isUsual = hasTotals}});
+                {.key = "addresses", .heading = "ADDRESSES", .isUsual = hasTotals},
+                {.key = "ipv4_address", .heading = "IPV4", .isUsual = false},
+                {.key = "ipv4_netmask", .heading = "IPV4-NETMASK", .isUsual = false},
+                {.key = "ipv4_broadcast", .heading = "IPV4-BROADCAST", .isUsual = false},
+                {.key = "ipv6_address", .heading = "IPV6", .isUsual = false},
+                {.key = "ipv6_netmask", .heading = "IPV6-NETMASK", .isUsual = false},
+                {.key = "ipv4_routes", .heading = "IPV4-ROUTES", .isRight = true, .isUsual = false}});
+}
+
+// Numbers that a person reads carry what they are behind them.
+Json ShownValue(const std::string& name, const Json& value) {
+  if (value.is_null()) return value;
+  if (name.ends_with("_bytes")) return value.dump() + " (" + SizeText(value) + ")";
+  if (name == "speed_mbit") return value.dump() + " (" + SpeedText(value) + "bit/s)";
+  return value;
+}
+
+// Every property in a line of its own.
+Table LongTable(const Table& list) {
+  Table table({{.key = "name", .heading = "NAME", .isUsual = list.Size() > 1},
+               {.key = "property", .heading = "PROPERTY"},
+               {.key = "value", .heading = "VALUE"}});
+  for (size_t index = 0; index < list.Size(); ++index) {
+    const Json& row = list.Row(index);
+    for (const auto& [property, value] : row.items()) {
+      if (!property.ends_with("_per_s"))
+        table.Add({{"name", row["name"]}, {"property", property}, {"value", ShownValue(property, value)}});
+    }
+  }
+  return table;
+}
+
+std::map<std::string, size_t> CountRoutes() try {
+  std::map<std::string, size_t> counts;
+  for (const libnetif::ipv4_routing_entry& route : libnetif::routing_table_manager().get_ipv4_routing_entries())
+    ++counts[route.interface_name];
+  return counts;
+} catch (const libnetif_exception& failure) {
+  throw NetworkFailure(failure);
 }
 
 ExitCode RunList(const ListOptions& options, Output& out) {
@@ -87,35 +184,44 @@ ExitCode RunList(const ListOptions& options, Output& out) {
     if (signals.WaitUntil(before.time + Seconds(options.rateSeconds)) != 0) return ExitCode::kNothingOrDifferent;
   }
   const CounterSample now = ReadCounters();
+  std::map<std::string, size_t> routes = CountRoutes();
+  const std::vector<Link> links = ReadLinks();
+  RequireNames(options, links);
   Table table = MakeTable(hasRates);
-  for (const Link& link : ReadLinks()) {
-    if (IsWanted(link, options)) table.Add(RowOf(link, before, now));
+  for (const Link& link : links) {
+    if (!IsWanted(link, options)) continue;
+    Json row = RowOf(link, before, now);
+    row["ipv4_routes"] = routes[link.name];
+    table.Add(std::move(row));
   }
-  out.Print({"net-list"}, table);
+  const bool isLong = options.isLong || (IsNamed(options) && !hasRates);
+  if (isLong && !out.IsJson() && out.Options().columns.empty()) {
+    out.Print({"net-list"}, LongTable(table));
+  } else {
+    out.Print({"net-list"}, table);
+  }
   return table.Size() > 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
 
 }  // namespace
 
-void AddNetList(CLI::App& net) {
+void AddNetList(Command& net) {
   auto options = std::make_shared<ListOptions>();
-  CLI::App& list =
-      AddCommand(net,
-                 {"list",
-                  "List the network interfaces: state, hardware, addresses and traffic",
-                  {{"ravctl net list", "all of them, with what passed through since they came up"},
-                   {"ravctl net list --up --rates", "what passes through those that are up, over a second"},
-                   {"ravctl net list 'e*' -o name,rx_errors,tx_errors", "errors of those named e..."}},
-                  Effect::kChanges},
-                 [options](Output& out) { return RunList(*options, out); });
-  list.add_option("PATTERN", options->patterns, "Only interfaces of these names; * and ? stand for others");
-  list.add_flag("--up", options->onlyUp, "Only interfaces that are up and connected");
-  list.add_option("--rates", options->rateSeconds,
-                  "Bytes and packets a second, measured over so many seconds (1 without a number)")
-      ->type_name("[SECONDS]")
-      ->expected(0, 1)
-      ->default_str("1")
-      ->check(CLI::PositiveNumber.description(""));
+  Command& list = net.Add({"list",
+                           "List the network interfaces: state, hardware, addresses and traffic",
+                           {{"ravctl net list", "all of them, with what passed through since they came up"},
+                            {"ravctl net list eth0", "every property of one"},
+                            {"ravctl net list --up --rates", "what passes through those that are up, over a second"},
+                            {"ravctl net list 'e*' -o name,rx_errors,tx_errors", "errors of those named e..."}},
+                           Effect::kChanges},
+                          [options](Output& out) { return RunList(*options, out); });
+  list.AddWord("PATTERN", &options->patterns, "Only interfaces of these names; * and ? stand for others");
+  list.AddFlag("-l,--long", &options->isLong, "Every property in a line of its own, as for names without * and ?");
+  list.AddFlag("--up", &options->onlyUp, "Only interfaces that are up and connected");
+  Option& rates =
+      list.AddOption("--rates", &options->rateSeconds, "[SECONDS]",
+                     "Bytes and packets a second, measured over so many seconds (1 without a number)", Above(0));
+  rates.implied = "1";
 }
 
 }  // namespace ravctl

@@ -3,6 +3,7 @@
 #include <bit>
 
 #include "netif/routing_table_manager.h"
+#include "ravctl/answer/json.h"
 #include "ravctl/commands/net/group.h"
 #include "ravctl/line/command.h"
 #include "ravctl/network/links.h"
@@ -46,17 +47,15 @@ ExitCode RunRoutes(const std::string& interface, Output& out) {
 
 }  // namespace
 
-void AddNetRoutes(CLI::App& net) {
+void AddNetRoutes(Command& net) {
   auto interface = std::make_shared<std::string>();
-  CLI::App& routes =
-      AddCommand(net,
-                 {"routes",
-                  "List the routes of the main IPv4 table",
-                  {{"ravctl net routes", "in the order of the kernel"},
-                   {"ravctl net routes -i eth0 -o destination,gateway", "where eth0 leads, in two columns"}},
-                  Effect::kChanges},
-                 [interface](Output& out) { return RunRoutes(*interface, out); });
-  routes.add_option("-i,--interface", *interface, "Only routes through this interface")->type_name("NAME");
+  Command& routes = net.Add({"routes",
+                             "List the routes of the main IPv4 table",
+                             {{"ravctl net routes", "in the order of the kernel"},
+                              {"ravctl net routes -i eth0 -o destination,gateway", "where eth0 leads, in two columns"}},
+                             Effect::kChanges},
+                            [interface](Output& out) { return RunRoutes(*interface, out); });
+  routes.AddOption("-i,--interface", interface.get(), "NAME", "Only routes through this interface");
 }
 
 }  // namespace ravctl

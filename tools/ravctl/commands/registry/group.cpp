@@ -1,7 +1,8 @@
-// The registry group, and what its commands share.
+// What the commands of the registry share.
 
 #include "ravctl/commands/registry/group.h"
 
+#include "ravctl/answer/json.h"
 #include "ravctl/base/text.h"
 #include "ravctl/registry/store_files.h"
 
@@ -10,12 +11,11 @@ namespace ravctl {
 namespace {
 
 template <typename Entries>
-std::string DidYouMean(const Entries& entries, const std::string& name) {
+std::string NearName(const Entries& entries, const std::string& name) {
   std::vector<std::string> names;
   for (const auto& entry : entries)
     names.push_back(entry.first);
-  const std::string nearest = NearestMatch(name, names);
-  return nearest.empty() ? "see ravctl registry list" : "did you mean " + nearest + "?";
+  return DidYouMean(name, names, "see ravctl registry list");
 }
 
 Json TypeOf(const std::optional<StoreValue>& value) {
@@ -42,7 +42,7 @@ const StoreKey& RequireKey(const StoreKey& root, const StorePath& path) {
     above.push_back(name);
     if (below == nullptr) {
       throw CommandError(ExitCode::kNothingOrDifferent, "there is no such key", PathText(above),
-                         DidYouMean(key->keys, name));
+                         NearName(key->keys, name));
     }
     key = below;
   }
@@ -53,7 +53,7 @@ const StoreValue& RequireValue(const StoreKey& key, const StorePath& path, const
   const auto found = key.values.find(name);
   if (found != key.values.end()) return found->second;
   throw CommandError(ExitCode::kNothingOrDifferent, "there is no such value", PathText(path) + ": " + name,
-                     DidYouMean(key.values, name));
+                     NearName(key.values, name));
 }
 
 Json ValueRow(const StorePath& path, const std::string& name, const StoreValue& value) {
@@ -100,32 +100,28 @@ Table ChangeTable(const std::vector<StoreChange>& changes) {
   return table;
 }
 
-void PrintChanges(const Schema& schema, const std::vector<StoreChange>& changes, bool isWritten, Output& out) {
+void AddWriteOptions(Command& command, WriteOptions& options) {
+  command.AddFlag("--dry-run", &options.isDryRun, "Show the changes and write nothing");
+  command.AddFlag("--force", &options.isForced,
+                  "Write even though the registry is damaged and loses what cannot be read");
+}
+
+ExitCode FinishChange(const Schema& schema, LiveStore& live, const StoreKey& target, const WriteOptions& options,
+                      Output& out) {
+  const std::vector<StoreChange> changes = CompareStores(live.Root(), target);
+  RequireKeepable(changes, target);
+  const bool isWritten = !changes.empty() && !options.isDryRun;
+  if (isWritten) {
+    if (!options.isForced) LiveStore::RefuseDamaged();
+    live.Replace(target);
+  }
   const Table table = ChangeTable(changes);
   out.Print(schema, table, {{"written", isWritten}, {"file", kStoreFile}, {"changes", table.ToJson()}});
+  return ExitCode::kDone;
 }
 
-void AddWriteOptions(CLI::App& command, bool& isDryRun, bool& isForced) {
-  command.add_flag("--dry-run", isDryRun, "Show the changes and write nothing");
-  command.add_flag("--force", isForced, "Write even though the registry is damaged and loses what cannot be read");
-}
-
-CLI::Option* AddTypeOption(CLI::App& command, std::string& type, const std::string& meaning) {
-  return command.add_option("--type", type, meaning)
-      ->type_name("TYPE")
-      ->check(CLI::IsMember({"string", "expand", "number", "binary"}).description(""));
-}
-
-void RegisterRegistry(CLI::App& root) {
-  CLI::App& registry = AddGroup(root, "registry", "The registry: keys with typed values");
-  AddRegistryRead(registry);
-  AddRegistryFind(registry);
-  AddRegistryWrite(registry);
-  AddRegistryExport(registry);
-  AddRegistryImport(registry);
-  AddRegistryDiff(registry);
-  AddRegistryVerify(registry);
-  AddRegistryRecover(registry);
+void AddTypeOption(Command& command, std::string& type, const std::string& meaning) {
+  command.AddOption("--type", &type, "TYPE", meaning, OneOf({"string", "expand", "number", "binary"}));
 }
 
 }  // namespace ravctl

@@ -1,25 +1,25 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <string>
 
 #include "ravctl/line/command.h"
+#include "ravctl/registry/live_store.h"
 #include "ravctl/registry/store_tree.h"
 
 namespace ravctl {
 
-// registry get, set, del, list, tree, find, export, import, diff, verify, recover
-void RegisterRegistry(CLI::App& root);
-
-// One command a file; registry is the group.
-void AddRegistryRead(CLI::App& registry);  // get, list, tree
-void AddRegistryFind(CLI::App& registry);
-void AddRegistryWrite(CLI::App& registry);  // set, del
-void AddRegistryExport(CLI::App& registry);
-void AddRegistryImport(CLI::App& registry);
-void AddRegistryDiff(CLI::App& registry);
-void AddRegistryVerify(CLI::App& registry);
-void AddRegistryRecover(CLI::App& registry);
+// ravctl registry ...
+void AddRegistryGet(Command& registry);
+void AddRegistrySet(Command& registry);
+void AddRegistryDel(Command& registry);
+void AddRegistryList(Command& registry);
+void AddRegistryTree(Command& registry);
+void AddRegistryFind(Command& registry);
+void AddRegistryExport(Command& registry);
+void AddRegistryImport(Command& registry);
+void AddRegistryDiff(Command& registry);
+void AddRegistryVerify(Command& registry);
+void AddRegistryRecover(Command& registry);
 
 // What the commands share
 
@@ -36,12 +36,18 @@ std::vector<Column> EntryColumns();
 // A row for each change: {change, key, name, old_type, old_value, type, value}.
 Table ChangeTable(const std::vector<StoreChange>& changes);
 
-// The answer of a command that writes: {written, file, changes}.
-void PrintChanges(const Schema& schema, const std::vector<StoreChange>& changes, bool isWritten, Output& out);
 // --dry-run and --force.
-void AddWriteOptions(CLI::App& command, bool& isDryRun, bool& isForced);
+struct WriteOptions {
+  bool isDryRun = false;
+  bool isForced = false;
+};
+void AddWriteOptions(Command& command, WriteOptions& options);
+
+// Saves the registry as the target has it, unless that changes nothing or is not wanted, and prints the changes.
+ExitCode FinishChange(const Schema& schema, LiveStore& live, const StoreKey& target, const WriteOptions& options,
+                      Output& out);
 
 // --type, checked.
-CLI::Option* AddTypeOption(CLI::App& command, std::string& type, const std::string& meaning);
+void AddTypeOption(Command& command, std::string& type, const std::string& meaning);
 
 }  // namespace ravctl

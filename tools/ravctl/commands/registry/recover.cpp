@@ -4,12 +4,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <ctime>
 
 #include "platform/descriptor_io.h"
 #include "platform/unique_fd.h"
+#include "ravctl/answer/json.h"
+#include "ravctl/base/files.h"
+#include "ravctl/base/times.h"
 #include "ravctl/commands/registry/group.h"
 #include "ravctl/registry/live_store.h"
 #include "ravctl/registry/store_files.h"
@@ -32,14 +34,6 @@ struct Copy {
   std::string copy;
 };
 
-std::string Stamp() {
-  const time_t now = std::time(nullptr);
-  tm local{};
-  std::array<char, 32> text{};
-  if (localtime_r(&now, &local) != nullptr) std::strftime(text.data(), text.size(), "%Y%m%d-%H%M%S", &local);
-  return text.data();
-}
-
 UniqueFd MakeCopyFile(const std::string& wanted, std::string& path) {
   for (int number = 1; number <= kMaxCopies; ++number) {
     path = wanted + (number > 1 ? "-" + std::to_string(number) : "");
@@ -51,7 +45,7 @@ UniqueFd MakeCopyFile(const std::string& wanted, std::string& path) {
 
 // Down to the disk. A copy that could not be completed is taken away again.
 Copy MakeCopy(const std::string& path, const std::string& stamp) {
-  const std::string bytes = ReadStoreBytes(path);
+  const std::string bytes = ReadWholeFile(path);
   Copy copy{path, ""};
   const UniqueFd file = MakeCopyFile(path + ".saved-" + stamp, copy.copy);
   if (!file) throw SystemFailure("cannot make a copy, nothing was replaced", copy.copy, errno);
@@ -64,7 +58,7 @@ Copy MakeCopy(const std::string& path, const std::string& stamp) {
 // What the save takes the place of: the registry becomes its backup, the backup goes, registry.new is written anew.
 std::vector<Copy> MakeCopies(const std::vector<StoreFileState>& files) {
   std::vector<Copy> copies;
-  const std::string stamp = Stamp();
+  const std::string stamp = LocalTimeText(std::time(nullptr), "%Y%m%d-%H%M%S");
   for (const StoreFileState& file : files) {
     const bool isReplaced = file.path == kStoreFile || file.path == kStoreOld || file.path == kStoreNew;
     if (isReplaced && file.Exists()) copies.push_back(MakeCopy(file.path, stamp));
@@ -131,19 +125,17 @@ ExitCode Run(const Options& options, Output& out) {
 
 }  // namespace
 
-void AddRegistryRecover(CLI::App& registry) {
+void AddRegistryRecover(Command& registry) {
   auto options = std::make_shared<Options>();
-  CLI::App& recover = AddCommand(registry,
-                                 {"recover",
-                                  "Make the best file of the registry the current one; copies of all that is replaced "
-                                  "are kept beside it",
-                                  {{"ravctl registry recover --dry-run", "tell which file is the best"},
-                                   {"ravctl registry recover --from /etc/pelrix/registry.old", "go back one save"}},
-                                  Effect::kChanges},
-                                 [options](Output& out) { return Run(*options, out); });
-  recover.add_option("--from", options->from, "Take this file: one of the registry or a copy of one")
-      ->type_name("FILE");
-  recover.add_flag("--dry-run", options->isDryRun, "Tell which file would be taken, and write nothing");
+  Command& recover = registry.Add({"recover",
+                                   "Make the best file of the registry the current one; copies of all that is replaced "
+                                   "are kept beside it",
+                                   {{"ravctl registry recover --dry-run", "tell which file is the best"},
+                                    {"ravctl registry recover --from /etc/pelrix/registry.old", "go back one save"}},
+                                   Effect::kChanges},
+                                  [options](Output& out) { return Run(*options, out); });
+  recover.AddOption("--from", &options->from, "FILE", "Take this file: one of the registry or a copy of one");
+  recover.AddFlag("--dry-run", &options->isDryRun, "Tell which file would be taken, and write nothing");
 }
 
 }  // namespace ravctl

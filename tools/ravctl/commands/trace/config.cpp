@@ -1,5 +1,6 @@
 // trace config: the effective trace settings and where each comes from.
 
+#include "ravctl/answer/json.h"
 #include "ravctl/commands/trace/group.h"
 #include "ravctl/line/command.h"
 #include "ravctl/trace/trace_settings.h"
@@ -47,15 +48,14 @@ ExitCode RunConfig(const std::string& application, Output& out) {
 
 }  // namespace
 
-void AddTraceConfig(CLI::App& trace) {
+void AddTraceConfig(Command& trace) {
   auto application = std::make_shared<std::string>("ravd");
-  CLI::App& config = AddCommand(trace,
-                                {"config",
-                                 "Show every trace setting, where it comes from, and why a file was ignored",
-                                 {{"ravctl trace config", "of the daemon, with its own environment when it runs"},
-                                  {"QN_LOG_DEBUG_LEVEL=3 ravctl trace config mytool", "what a start would use"}}},
-                                [application](Output& out) { return RunConfig(*application, out); });
-  config.add_option("APPLICATION", *application, "Usually ravd");
+  Command& config = trace.Add({"config",
+                               "Show every trace setting, where it comes from, and why a file was ignored",
+                               {{"ravctl trace config", "of the daemon, with its own environment when it runs"},
+                                {"QN_LOG_DEBUG_LEVEL=3 ravctl trace config mytool", "what a start would use"}}},
+                              [application](Output& out) { return RunConfig(*application, out); });
+  config.AddWord("APPLICATION", application.get(), "Usually ravd");
 }
 
 }  // namespace ravctl

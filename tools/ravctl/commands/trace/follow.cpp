@@ -3,6 +3,7 @@
 #include <deque>
 #include <optional>
 
+#include "ravctl/answer/json.h"
 #include "ravctl/commands/trace/group.h"
 #include "ravctl/line/command.h"
 #include "ravctl/trace/entry_writer.h"
@@ -90,25 +91,21 @@ ExitCode RunFollow(const FollowOptions& options, Output& out) {
 
 }  // namespace
 
-void AddTraceFollow(CLI::App& trace) {
+void AddTraceFollow(Command& trace) {
   auto options = std::make_shared<FollowOptions>();
-  CLI::App& follow =
-      AddCommand(trace,
-                 {"follow",
-                  "Show the newest entries of a trace and go on with what is added, over wraps and restarts",
-                  {{"ravctl trace follow", "the daemon's ring buffers, until Ctrl-C"},
-                   {"ravctl trace follow -n 0 -g ERROR --json", "errors from now on, one JSON object a line"},
-                   {"ravctl trace follow --pid 1234", "until process 1234 has ended"}},
-                  Effect::kChanges},
-                 [options](Output& out) { return RunFollow(*options, out); });
+  Command& follow =
+      trace.Add({"follow",
+                 "Show the newest entries of a trace and go on with what is added, over wraps and restarts",
+                 {{"ravctl trace follow", "the daemon's ring buffers, until Ctrl-C"},
+                  {"ravctl trace follow -n 0 -g ERROR --json", "errors from now on, one JSON object a line"},
+                  {"ravctl trace follow --pid 1234", "until process 1234 has ended"}},
+                 Effect::kChanges},
+                [options](Output& out) { return RunFollow(*options, out); });
   AddSourceOptions(follow, options->source);
   options->filter.AddOptions(follow);
-  follow.add_option("-n,--last", options->last, "Begin with the newest N entries that are there (usually 10)")
-      ->type_name("N")
-      ->check(CLI::NonNegativeNumber.description(""));
-  follow.add_option("--pid", options->pid, "End when that process has ended, with its last words")
-      ->type_name("PID")
-      ->check(CLI::PositiveNumber.description(""));
+  follow.AddOption("-n,--last", &options->last, "N", "Begin with the newest N entries that are there (usually 10)",
+                   NotNegative());
+  follow.AddOption("--pid", &options->pid, "PID", "End when that process has ended, with its last words", Above(0));
 }
 
 }  // namespace ravctl

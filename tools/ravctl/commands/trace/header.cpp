@@ -2,6 +2,7 @@
 
 #include <array>
 
+#include "ravctl/answer/json.h"
 #include "ravctl/commands/trace/group.h"
 #include "ravctl/line/command.h"
 #include "ravctl/trace/trace_entry.h"
@@ -85,21 +86,20 @@ ExitCode RunHeader(const TraceSource& source, bool wantsAll, Output& out) {
 
 }  // namespace
 
-void AddTraceHeader(CLI::App& trace) {
+void AddTraceHeader(Command& trace) {
   struct Options {
     TraceSource source;
     bool wantsAll = false;
   };
   auto options = std::make_shared<Options>();
-  CLI::App& header =
-      AddCommand(trace,
-                 {"header",
-                  "Show how the application was started: command line, environment, configuration, trace state",
-                  {{"ravctl trace header", "of the daemon's ring buffers, without what was not set"},
-                   {"ravctl trace header -p run --all", "every name of the run-time ring buffer's header"}}},
-                 [options](Output& out) { return RunHeader(options->source, options->wantsAll, out); });
+  Command& header =
+      trace.Add({"header",
+                 "Show how the application was started: command line, environment, configuration, trace state",
+                 {{"ravctl trace header", "of the daemon's ring buffers, without what was not set"},
+                  {"ravctl trace header -p run --all", "every name of the run-time ring buffer's header"}}},
+                [options](Output& out) { return RunHeader(options->source, options->wantsAll, out); });
   AddSourceOptions(header, options->source);
-  header.add_flag("-a,--all", options->wantsAll, "The variables that were not set too");
+  header.AddFlag("-a,--all", &options->wantsAll, "The variables that were not set too");
 }
 
 }  // namespace ravctl

@@ -1,5 +1,6 @@
 // trace show: the entries of a trace in the order in which they were written.
 
+#include "ravctl/answer/json.h"
 #include "ravctl/commands/trace/group.h"
 #include "ravctl/line/command.h"
 #include "ravctl/trace/entry_writer.h"
@@ -85,10 +86,9 @@ ExitCode RunShow(const ShowOptions& options, Output& out) {
 
 }  // namespace
 
-void AddTraceShow(CLI::App& trace) {
+void AddTraceShow(Command& trace) {
   auto options = std::make_shared<ShowOptions>();
-  CLI::App& show = AddCommand(
-      trace,
+  Command& show = trace.Add(
       {"show",
        "Show the entries of a trace in the order in which they were written",
        {{"ravctl trace show -n 20", "the newest 20 entries of the daemon"},
@@ -99,9 +99,7 @@ void AddTraceShow(CLI::App& trace) {
       [options](Output& out) { return RunShow(*options, out); });
   AddSourceOptions(show, options->source);
   options->filter.AddOptions(show);
-  show.add_option("-n,--last", options->last, "The newest N of the entries that are wanted")
-      ->type_name("N")
-      ->check(CLI::PositiveNumber.description(""));
+  show.AddOption("-n,--last", &options->last, "N", "The newest N of the entries that are wanted", Above(0));
 }
 
 }  // namespace ravctl

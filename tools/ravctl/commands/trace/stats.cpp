@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <map>
 
-#include "ravctl/base/text.h"
+#include "ravctl/answer/formats.h"
+#include "ravctl/answer/json.h"
 #include "ravctl/commands/trace/group.h"
 #include "ravctl/line/command.h"
 #include "ravctl/trace/trace_entry.h"
@@ -56,17 +57,13 @@ void AddRows(const TraceFile& file, const char* group, const Counts& counts, Tab
     AddRow(file, group, name, *count, table);
 }
 
-std::string Size(const Json& bytes) {
-  return HumanSize(bytes.get<uint64_t>());
-}
-
 ExitCode RunStats(const TraceSource& source, Output& out) {
   const std::vector<TraceFile> files = ReadTraceFiles(source);
   Table table({{.key = "file", .heading = "FILE", .isUsual = files.size() > 1},
                {.key = "group", .heading = "GROUP"},
                {.key = "name", .heading = "NAME"},
                {.key = "entries", .heading = "ENTRIES", .isRight = true},
-               {.key = "bytes", .heading = "SIZE", .isRight = true, .format = Size},
+               {.key = "bytes", .heading = "SIZE", .isRight = true, .format = SizeText},
                {.key = "errors", .heading = "ERRORS", .isRight = true},
                {.key = "warnings", .heading = "WARNINGS", .isRight = true},
                {.key = "first", .heading = "FIRST"},
@@ -99,14 +96,13 @@ ExitCode RunStats(const TraceSource& source, Output& out) {
 
 }  // namespace
 
-void AddTraceStats(CLI::App& trace) {
+void AddTraceStats(Command& trace) {
   auto source = std::make_shared<TraceSource>();
-  CLI::App& stats = AddCommand(trace,
-                               {"stats",
-                                "Count the entries of a trace: in all, by tag and by thread",
-                                {{"ravctl trace stats", "of the daemon's ring buffers"},
-                                 {"ravctl trace stats -p log -o name,entries,errors", "of the log file"}}},
-                               [source](Output& out) { return RunStats(*source, out); });
+  Command& stats = trace.Add({"stats",
+                              "Count the entries of a trace: in all, by tag and by thread",
+                              {{"ravctl trace stats", "of the daemon's ring buffers"},
+                               {"ravctl trace stats -p log -o name,entries,errors", "of the log file"}}},
+                             [source](Output& out) { return RunStats(*source, out); });
   AddSourceOptions(stats, *source);
 }
 

@@ -7,8 +7,8 @@
 #include <cctype>
 
 #include "firmware/smbios_from_memory.h"
-#include "ravctl/answer/error.h"
 #include "ravctl/answer/output.h"
+#include "ravctl/base/error.h"
 #include "ravctl/base/text.h"
 #include "ravctl/tree/bundle_format.h"
 #include "ravctl/tree/redact/redact_tables.h"

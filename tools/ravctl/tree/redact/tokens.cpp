@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "ravctl/answer/error.h"
+#include "ravctl/base/error.h"
 #include "ravctl/base/text.h"
 
 namespace ravctl {

@@ -1,0 +1,5 @@
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include "ravctl/answer/json_name.h"

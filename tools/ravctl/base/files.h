@@ -1,0 +1,38 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace ravctl {
+
+// The one reader and the one writer of whole files.
+
+// Appends the content of a regular file. Result: 0 or the number of the error.
+int ReadFileInto(const std::string& path, std::string& content);
+// The whole content of a regular file. Throws CommandError.
+std::string ReadWholeFile(const std::string& path);
+// The same, none when there is no file.
+std::optional<std::string> ReadFileIfThere(const std::string& path);
+
+// A new file of mode 0600 with that content, down to the disk, or none at all: one that exists is not overwritten, one
+// that could not be completed is taken away again. Throws CommandError.
+void WriteNewFile(const std::string& path, std::string_view content);
+
+// A directory that nobody else can enter, below the temporary one (TMPDIR). It goes with the object, and with it all
+// that is in it.
+class TemporaryDirectory {
+ public:
+  // Throws CommandError when there is no place for it.
+  TemporaryDirectory();
+  ~TemporaryDirectory();
+  TemporaryDirectory(const TemporaryDirectory&) = delete;
+  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+
+  const std::string& Path() const { return m_Path; }
+
+ private:
+  std::string m_Path;
+};
+
+}  // namespace ravctl

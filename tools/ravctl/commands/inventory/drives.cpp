@@ -1,0 +1,57 @@
+// inventory drives: what stores data.
+
+#include "ravctl/answer/json.h"
+#include "ravctl/commands/inventory/group.h"
+
+namespace ravctl {
+
+namespace {
+
+std::vector<Column> DriveColumns() {
+  return {{.key = "device", .heading = "DEVICE"},
+          {.key = "type", .heading = "TYPE"},
+          {.key = "bus", .heading = "BUS"},
+          {.key = "vendor", .heading = "VENDOR"},
+          {.key = "name", .heading = "NAME"},
+          {.key = "revision", .heading = "REVISION"},
+          {.key = "serial", .heading = "SERIAL"},
+          {.key = "adapter", .heading = "ADAPTER"},
+          {.key = "scsi", .heading = "SCSI"},
+          {.key = "number", .heading = "NUMBER", .isRight = true, .isUsual = false},
+          {.key = "os_device", .heading = "OS DEVICE", .isUsual = false},
+          {.key = "id", .heading = "ID", .isUsual = false},
+          {.key = "is_disk", .heading = "DISK", .isUsual = false},
+          {.key = "is_removable", .heading = "REMOVABLE", .isUsual = false},
+          {.key = "is_hotplug", .heading = "HOTPLUG", .isUsual = false},
+          {.key = "is_multipath", .heading = "MULTIPATH", .isUsual = false}};
+}
+
+ExitCode Run(const InventoryOptions& options, Output& out) {
+  Table table(DriveColumns());
+  for (const Json& drive : options.filter.Select(ReadInventory(kDriveRecords, true, out).drives))
+    table.Add(drive);
+  out.Print({"inventory-drives"}, table);
+  return table.Size() > 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
+}
+
+}  // namespace
+
+void AddInventoryDrives(Command& inventory) {
+  auto options = std::make_shared<InventoryOptions>();
+  Command& command =
+      inventory.Add({"drives",
+                     "List the drives: SCSI devices, Fusion-io cards and NVMe disks",
+                     {{"ravctl inventory drives --type disk -o device,serial", "serial numbers of the disks"},
+                      {"ravctl inventory drives --adapter 0000:18:00.0", "what one controller has"}},
+                     Effect::kReads,
+                     "drive inquiries"},
+                    [options](Output& out) { return Run(*options, out); });
+  options->filter.AddMatchOption(command);
+  options->filter.AddOption(command, "--type", "type", "Only this type: disk, cdrom, optical, tape, other");
+  options->filter.AddOption(command, "--bus", "bus", "Only on this bus: SCSI, SAS...");
+  options->filter.AddOption(command, "--vendor", "vendor", "Only of this vendor");
+  options->filter.AddOption(command, "--serial", "serial", "Only with this serial number");
+  options->filter.AddOption(command, "--adapter", "adapter", "Only at the adapter with this PCI address");
+}
+
+}  // namespace ravctl

@@ -1,0 +1,167 @@
+// inventory: adapters, drives and volumes, and how they hang together.
+
+#include <map>
+#include <set>
+
+#include "ravctl/answer/json.h"
+#include "ravctl/commands/inventory/group.h"
+#include "ravctl/hardware/record.h"
+
+namespace ravctl {
+
+namespace {
+
+const Json& FirstOf(const Json& record, std::initializer_list<const char*> keys) {
+  static const Json none;
+  for (const char* key : keys) {
+    if (!record[key].is_null()) return record[key];
+  }
+  return none;
+}
+
+Json AdapterRow(const Json& adapter) {
+  return {{"device", FirstOf(adapter, {"address", "name"})},
+          {"kind", "adapter"},
+          {"type", adapter["class"]},
+          {"name", AdapterTitle(adapter)},
+          {"driver", Joined(adapter["driver"], adapter["interface"], " ")},
+          {"slot", adapter["slot"]},
+          {"identity", FirstOf(adapter, {"mac", "wwn"})}};
+}
+
+Json DriveRow(const Json& drive) {
+  return {{"device", FirstOf(drive, {"device", "id"})},
+          {"kind", "drive"},
+          {"type", drive["type"]},
+          {"name", Joined(drive["vendor"], drive["name"], " ")},
+          {"identity", drive["serial"]}};
+}
+
+Json VolumeRow(const Json& volume) {
+  return {{"device", volume["mount_point"]}, {"kind", "volume"},
+          {"type", volume["type"]},          {"name", volume["device"]},
+          {"size_kb", volume["size_kb"]},    {"used_percent", volume["used_percent"]}};
+}
+
+std::string Key(const Json& value) {
+  return value.is_string() ? value.get<std::string>() : "";
+}
+
+// Rows by what records below them name; "" is what hangs on nothing.
+class TreeBuilder {
+ public:
+  explicit TreeBuilder(const InventoryRecords& records) {
+    std::set<std::string> adapters, drives;
+    for (const Json& adapter : records.adapters)
+      adapters.insert(Key(adapter["address"]));
+    for (const Json& drive : records.drives) {
+      drives.insert(Key(drive["device"]));
+      const std::string above = Key(drive["adapter"]);
+      m_Drives[adapters.contains(above) ? above : ""].push_back(&drive);
+    }
+    for (const Json& volume : records.volumes) {
+      const std::string above = Key(volume["drive"]);
+      m_Volumes[drives.contains(above) ? above : ""].push_back(&volume);
+    }
+    for (const Json& adapter : records.adapters)
+      AddDrives(Key(adapter["address"]), m_Table.Add(AdapterRow(adapter)));
+    AddDrives("", std::nullopt);
+    AddVolumes("", std::nullopt);
+  }
+
+  const Table& Result() const { return m_Table; }
+
+ private:
+  void AddDrives(const std::string& adapter, std::optional<size_t> parent) {
+    if (adapter.empty() && parent) return;  // an ISA device has no address that a drive could name
+    for (const Json* drive : m_Drives[adapter])
+      AddVolumes(Key((*drive)["device"]), m_Table.Add(DriveRow(*drive), parent));
+  }
+
+  void AddVolumes(const std::string& drive, std::optional<size_t> parent) {
+    if (drive.empty() && parent) return;
+    for (const Json* volume : m_Volumes[drive])
+      m_Table.Add(VolumeRow(*volume), parent);
+  }
+
+  Table m_Table{
+      {{.key = "device", .heading = "DEVICE"},
+       {.key = "kind", .heading = "KIND"},
+       {.key = "type", .heading = "TYPE"},
+       {.key = "driver", .heading = "DRIVER"},
+       {.key = "slot", .heading = "SLOT", .format = SlotText},
+       {.key = "identity", .heading = "MAC/WWN/SERIAL"},
+       {.key = "size_kb", .heading = "SIZE", .isRight = true, .format = KibText},
+       {.key = "used_percent", .heading = "USED", .isRight = true, .format = PercentText, .color = FullnessColor},
+       {.key = "name", .heading = "NAME"}}};
+  std::map<std::string, std::vector<const Json*>> m_Drives, m_Volumes;
+};
+
+// What matches, what it hangs on and what hangs on it.
+class Selection {
+ public:
+  Selection(const InventoryRecords& records, const RecordFilter& filter) : m_Records(records) {
+    for (const Json& adapter : records.adapters)
+      Mark(adapter, "address", filter.Matches(adapter), false);
+    for (const Json& drive : records.drives)
+      Mark(drive, "device", filter.Matches(drive), m_Whole.contains(Key(drive["adapter"])));
+    for (const Json& volume : records.volumes)
+      Mark(volume, "mount_point", filter.Matches(volume), m_Whole.contains(Key(volume["drive"])));
+  }
+
+  InventoryRecords Result() const {
+    InventoryRecords kept;
+    std::set<std::string> wanted;  // by those below
+    Take(m_Records.volumes, "", "drive", kept.volumes, wanted);
+    Take(m_Records.drives, "device", "adapter", kept.drives, wanted);
+    Take(m_Records.adapters, "address", "", kept.adapters, wanted);
+    return kept;
+  }
+
+ private:
+  void Mark(const Json& record, const char* key, bool isMatch, bool isBelow) {
+    if (!isMatch && !isBelow) return;
+    m_Kept.insert(&record);
+    if (record[key].is_string()) m_Whole.insert(Key(record[key]));
+  }
+
+  void Take(const Json& records, const std::string& key, const std::string& aboveKey, Json& kept,
+            std::set<std::string>& wanted) const {
+    for (const Json& record : records) {
+      if (!m_Kept.contains(&record) && (key.empty() || !wanted.contains(Key(record[key])))) continue;
+      kept.push_back(record);
+      if (!aboveKey.empty() && record[aboveKey].is_string()) wanted.insert(Key(record[aboveKey]));
+    }
+  }
+
+  const InventoryRecords& m_Records;
+  std::set<const Json*> m_Kept;
+  std::set<std::string> m_Whole;  // what is kept with all below it
+};
+
+ExitCode Run(const InventoryOptions& options, Output& out) {
+  InventoryRecords records = ReadInventory(kAllRecords, options.all, out);
+  if (!options.filter.IsEmpty()) records = Selection(records, options.filter).Result();
+  const TreeBuilder tree(records);
+  out.Print({"inventory"}, tree.Result(), records.ToJson());
+  return tree.Result().Size() > 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
+}
+
+}  // namespace
+
+Command& AddInventory(Command& root) {
+  auto options = std::make_shared<InventoryOptions>();
+  Command& inventory = root.Add({"inventory",
+                                 "Show the adapters, their drives, and the volumes on them",
+                                 {{"ravctl inventory", "everything, as a tree"},
+                                  {"ravctl inventory --match nvme", "what matches, with what it hangs on"},
+                                  {"ravctl inventory --json > before.json", "to compare with later"}},
+                                 Effect::kReads,
+                                 "drive inquiries, sizes of volumes, what network drivers say of themselves"},
+                                [options](Output& out) { return Run(*options, out); });
+  options->filter.AddMatchOption(inventory);
+  AddAllVolumesOption(inventory, *options);
+  return inventory;
+}
+
+}  // namespace ravctl

@@ -1,0 +1,201 @@
+// perf: the load of the machine, once or again and again.
+
+#include "ravctl/commands/perf.h"
+
+#include <algorithm>
+
+#include "ravctl/answer/formats.h"
+#include "ravctl/answer/json.h"
+#include "ravctl/answer/stream_table.h"
+#include "ravctl/base/text.h"
+#include "ravctl/daemon/signal_watch.h"
+#include "ravctl/hardware/perf_sampler.h"
+#include "ravctl/line/command.h"
+
+namespace ravctl {
+
+namespace {
+
+constexpr double kOnceSeconds = 0.5;
+constexpr double kRowSeconds = 1.0;
+
+struct PerfOptions {
+  double interval = 0.0;  // seconds, 0 = the usual
+  std::optional<size_t> count;
+  std::vector<std::string> interfaces;
+};
+
+std::string PercentText(const Json& percent) {
+  return percent.dump() + "%";
+}
+
+Color LoadColor(const Json& row, const std::string& key) {
+  const auto percent = row.find(key);
+  if (percent == row.end() || !percent->is_number()) return Color::kNone;
+  const int value = percent->get<int>();
+  return value >= 90 ? Color::kRed : value >= 70 ? Color::kYellow : Color::kNone;
+}
+
+bool WarnAboutMissing(const PerfSample& sample, Output& out) {
+  if (!sample.cpu) out.Warn("the use of the processors cannot be told", "/proc/stat", "try a longer --interval");
+  if (!sample.physical) out.Warn("the use of the memory cannot be told", "/proc/meminfo", "");
+  return !sample.cpu || !sample.physical;
+}
+
+std::string UseText(const std::optional<MemoryUse>& use) {
+  return use ? HumanSize(use->used) + " of " + HumanSize(use->total) : "";
+}
+
+std::string RateOrDash(const std::optional<uint64_t>& rate) {
+  return rate ? RateText(*rate) : "-";
+}
+
+Table ObjectTable(const PerfSample& sample) {
+  Table table({{.key = "object", .heading = "OBJECT"},
+               {.key = "name", .heading = "NAME"},
+               {.key = "used",
+                .heading = "USED",
+                .isRight = true,
+                .format = PercentText,
+                .color = [](const Json& row) { return LoadColor(row, "used"); }},
+               {.key = "detail", .heading = "DETAIL"}});
+  const auto add = [&table](const char* object, const std::string& name, const Json& used, const std::string& detail) {
+    table.Add({{"object", object}, {"name", name}, {"used", used}, {"detail", detail}});
+  };
+  std::string cpu;
+  if (sample.cpu) {
+    cpu = "user " + std::to_string(sample.cpu->user) + "%, kernel " + std::to_string(sample.cpu->kernel) + "%, idle " +
+          std::to_string(sample.cpu->idle) + "%";
+  }
+  add("cpu", "all", sample.cpu ? Json(sample.cpu->used) : Json(), cpu);
+  const auto memory = [&add](const char* name, const std::optional<MemoryUse>& use) {
+    add("memory", name, use ? Json(use->percent) : Json(), UseText(use));
+  };
+  memory("physical", sample.physical);
+  memory("virtual", sample.virtualMemory);
+  for (const NetworkLoad& load : sample.network) {
+    std::string detail = "in " + RateOrDash(load.received) + ", out " + RateOrDash(load.sent);
+    if (load.speed) detail += ", link " + RateText(*load.speed);
+    add("network", load.name, load.percent ? Json(*load.percent) : Json(), detail);
+  }
+  return table;
+}
+
+StreamTable::WideColumn PercentColumn(const std::string& key, const std::string& heading, bool isUsual = true) {
+  return {{.key = key,
+           .heading = heading,
+           .isRight = true,
+           .isUsual = isUsual,
+           .format = PercentText,
+           .color = [key](const Json& row) { return key == "idle" ? Color::kNone : LoadColor(row, key); }},
+          4};
+}
+
+StreamTable::WideColumn AmountColumn(const std::string& key, const std::string& heading, bool isRate, bool isUsual) {
+  return {{.key = key, .heading = heading, .isRight = true, .isUsual = isUsual, .format = isRate ? RateText : SizeText},
+          isRate ? 7U : 6U};
+}
+
+StreamTable RowTable(const PerfSample& sample, Output& out) {
+  std::vector<StreamTable::WideColumn> columns = {{{.key = "time", .heading = "TIME"}, 23},
+                                                  PercentColumn("cpu", "CPU"),
+                                                  PercentColumn("user", "USER"),
+                                                  PercentColumn("kernel", "KERNEL"),
+                                                  PercentColumn("idle", "IDLE", false),
+                                                  PercentColumn("memory", "MEMORY"),
+                                                  AmountColumn("memory_used", "USED", false, true),
+                                                  PercentColumn("virtual", "VIRTUAL"),
+                                                  AmountColumn("virtual_used", "VIRTUAL-USED", false, false),
+                                                  AmountColumn("received", "IN", true, true),
+                                                  AmountColumn("sent", "OUT", true, true)};
+  for (const NetworkLoad& load : sample.network) {
+    columns.push_back(PercentColumn(load.name + ".used", load.name + "-USED", false));
+    columns.push_back(AmountColumn(load.name + ".received", load.name + "-IN", true, false));
+    columns.push_back(AmountColumn(load.name + ".sent", load.name + "-OUT", true, false));
+  }
+  return {out, {"perf-sample"}, std::move(columns)};
+}
+
+Json RowOf(const PerfSample& sample) {
+  Json row = {{"time", sample.time}};
+  if (sample.cpu) {
+    row.update({{"cpu", sample.cpu->used},
+                {"user", sample.cpu->user},
+                {"kernel", sample.cpu->kernel},
+                {"idle", sample.cpu->idle}});
+  }
+  if (sample.physical) row.update({{"memory", sample.physical->percent}, {"memory_used", sample.physical->used}});
+  if (sample.virtualMemory) {
+    row.update({{"virtual", sample.virtualMemory->percent}, {"virtual_used", sample.virtualMemory->used}});
+  }
+  uint64_t received = 0, sent = 0;
+  for (const NetworkLoad& load : sample.network) {
+    received += load.received.value_or(0);
+    sent += load.sent.value_or(0);
+    if (load.percent) row[load.name + ".used"] = *load.percent;
+    if (load.received) row[load.name + ".received"] = *load.received;
+    if (load.sent) row[load.name + ".sent"] = *load.sent;
+  }
+  if (!sample.network.empty()) row.update({{"received", received}, {"sent", sent}});
+  return row;
+}
+
+ExitCode RunOnce(const PerfOptions& options, const SignalWatch& signals, Output& out) {
+  PerfSampler sampler;
+  const double seconds = options.interval > 0.0 ? options.interval : kOnceSeconds;
+  if (signals.WaitUntil(Clock::now() + Seconds(seconds)) != 0) return ExitCode::kNothingOrDifferent;
+  PerfSample sample = sampler.Take();
+  RequireInterfaces(options.interfaces, sample);
+  KeepInterfaces(options.interfaces, sample);
+  const bool isMissing = WarnAboutMissing(sample, out);
+  out.Print({"perf-sample"}, ObjectTable(sample), sample.ToJson());
+  return isMissing ? ExitCode::kInputMissing : ExitCode::kDone;
+}
+
+ExitCode RunRows(const PerfOptions& options, const SignalWatch& signals, Output& out) {
+  PerfSampler sampler;
+  const auto interval = Seconds(options.interval > 0.0 ? options.interval : kRowSeconds);
+  std::optional<StreamTable> rows;
+  bool isMissing = false;
+  Clock::time_point next = Clock::now();
+  for (size_t number = 0; (*options.count == 0 || number < *options.count) && !out.IsClosed(); ++number) {
+    // From one fixed time to the next, so that the rows do not drift; after a pause of the whole machine from now on.
+    next = std::max(next + interval, Clock::now());
+    if (signals.WaitUntil(next) != 0) break;
+    PerfSample sample = sampler.Take();
+    RequireInterfaces(options.interfaces, sample);
+    KeepInterfaces(options.interfaces, sample);
+    if (!rows) rows.emplace(RowTable(sample, out));
+    if (!isMissing) isMissing = WarnAboutMissing(sample, out);
+    rows->Add(RowOf(sample), sample.ToJson());
+  }
+  return isMissing ? ExitCode::kInputMissing : ExitCode::kDone;
+}
+
+// The signals are taken before the monitor has a thread, which else would get them.
+ExitCode RunPerf(const PerfOptions& options, Output& out) {
+  const SignalWatch signals({SIGINT, SIGTERM});
+  return options.count ? RunRows(options, signals, out) : RunOnce(options, signals, out);
+}
+
+}  // namespace
+
+void AddPerf(Command& root) {
+  auto options = std::make_shared<PerfOptions>();
+  Command& perf = root.Add({"perf",
+                            "Show the load of processors, memory (what the kernel caches counts as used) and network",
+                            {{"ravctl perf", "over half a second"},
+                             {"ravctl perf --interval 5 --json", "over five seconds, as an object"},
+                             {"ravctl perf --interval 1 --count 3", "three rows, one a second"},
+                             {"ravctl perf --count 2 -o time,cpu,memory,received,sent", "two rows of chosen columns"}},
+                            Effect::kChanges},
+                           [options](Output& out) { return RunPerf(*options, out); });
+  perf.AddOption("--interval", &options->interval, "SECONDS", "Seconds that a sample covers (0.5, with --count 1)",
+                 InRange(0.1, 86400.0));
+  perf.AddOption("-n,--count", &options->count, "N", "A row for each of so many samples; 0 goes on until Ctrl-C",
+                 NotNegative());
+  perf.AddOption("-i,--interface", &options->interfaces, "NAME",
+                 "Only these network interfaces, of those that are sampled");
+}
+
+}  // namespace ravctl

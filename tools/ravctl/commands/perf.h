@@ -1,0 +1,9 @@
+#pragma once
+
+#include "ravctl/line/command.h"
+
+namespace ravctl {
+
+void AddPerf(Command& root);
+
+}  // namespace ravctl

@@ -1,0 +1,156 @@
+#include "ravctl/tool.h"
+
+#include <clocale>
+#include <csignal>
+#include <cstdio>
+#include <stdexcept>
+
+#include "ravctl/base/text.h"
+#include "ravctl/commands/all_commands.h"
+#include "ravctl/line/command.h"
+#include "ravctl/line/parse.h"
+#include "ravctl/tree/enter.h"
+
+namespace ravctl {
+
+namespace {
+
+struct GlobalOptions {
+  OutputOptions output;
+  std::string sysroot;  // empty: this machine
+};
+
+int Status(ExitCode code) {
+  return static_cast<int>(code);
+}
+
+int Report(ExitCode code, const std::string& line) {
+  std::fprintf(stderr, "ravctl: %s\n", line.c_str());
+  return Status(code);
+}
+
+void AddGlobalOptions(Command& root, GlobalOptions& global) {
+  OutputOptions& options = global.output;
+  root.AddFlag("--json", &options.json,
+               "One JSON object {schema, version, root, data, warnings}; one a line from what follows or watches");
+  root.AddOption("-o,--columns", &options.columns, "LIST",
+                 "Columns of a table: a list such as name,size, or +name for one more");
+  const auto setColor = [&options](const std::string& when) {
+    options.color = when == "always" ? ColorMode::kAlways : when == "never" ? ColorMode::kNever : ColorMode::kAuto;
+  };
+  root.AddOption("--color", setColor, "WHEN", "auto (the usual: on a terminal and without NO_COLOR), always or never",
+                 OneOf({"auto", "always", "never"}));
+  root.AddFlag("--no-headings", &options.noHeadings, "Tables without their first line");
+  root.AddOption("--sysroot", &global.sysroot, "TREE",
+                 "Answer for another machine, from its files: a directory or a bundle (see ravctl bundle)");
+  root.AddRequest("-V,--version", Ask::kVersion, "Show the version");
+}
+
+std::vector<std::string> CommandWords(const Command& command) {
+  std::vector<std::string> words;
+  for (const Command& below : command.Below())
+    words.push_back(below.Name());
+  return words;
+}
+
+std::vector<std::string> OptionWords(const Command& command) {
+  std::vector<std::string> words;
+  for (const Command* level = &command; level != nullptr; level = level->Above()) {
+    for (const Option& option : level->Options()) {
+      const size_t name = option.names.find("--");
+      if (name != std::string::npos) words.push_back(option.names.substr(name));
+    }
+  }
+  return words;
+}
+
+std::string Called(const Command& command) {
+  const std::string name = command.FullName();
+  return name.empty() ? "ravctl" : "ravctl " + name;
+}
+
+std::string Advice(const Command& command) {
+  return "see " + Called(command) + " --help";
+}
+
+int ReportUnknown(const Command& command, const std::string& word) {
+  const bool isOption = word.starts_with('-');
+  const std::vector<std::string> known = isOption ? OptionWords(command) : CommandWords(command);
+  const char* what = isOption ? "unknown option" : known.empty() ? "unexpected word" : "unknown command";
+  return Report(ExitCode::kUsage,
+                OneLine(what, word, DidYouMean(word.substr(0, word.find('=')), known, Advice(command))));
+}
+
+int ReportMissingCommand(const Command& command) {
+  std::string list;
+  for (const std::string& word : CommandWords(command))
+    list += (list.empty() ? "" : ", ") + word;
+  return Report(ExitCode::kUsage,
+                OneLine("a command is missing", Called(command), "one of " + list + "; " + Advice(command)));
+}
+
+void EnterTree(const CommandText& command, const std::string& tree, Output& out) {
+  if (command.effect != Effect::kReads) {
+    throw CommandError(ExitCode::kUsage, "it does more than read a captured tree", "--sysroot " + tree,
+                       "leave the option out");
+  }
+  EnterSysroot(tree);
+  out.SetRoot(tree);
+  if (!command.liveOnly.empty()) {
+    out.Warn("a captured tree cannot hold what only a running kernel tells", command.liveOnly,
+             "ask on the machine itself");
+  }
+}
+
+int RunCommand(const Command& command, const GlobalOptions& options) {
+  if (command.IsGroup()) return ReportMissingCommand(command);
+  Output out(options.output);
+  try {
+    if (!options.sysroot.empty()) EnterTree(command.Text(), options.sysroot, out);
+    return Status(command.Run(out));
+  } catch (const CommandError& error) {
+    out.Flush();
+    return Report(error.Code(), command.FullName() + ": " + error.what());
+  }
+}
+
+int Run(const ParsedLine& line, const GlobalOptions& options) {
+  switch (line.kind) {
+    case ParsedLine::Kind::kHelp:
+      std::fputs(line.text.c_str(), stdout);
+      return 0;
+    case ParsedLine::Kind::kVersion:
+      std::puts("ravctl " RAVCTL_VERSION);
+      return 0;
+    case ParsedLine::Kind::kUnknown:
+      return ReportUnknown(*line.command, line.text);
+    case ParsedLine::Kind::kFault: {
+      const std::string name = line.command->FullName();
+      return Report(ExitCode::kUsage, OneLine(line.text, name.empty() ? "ravctl" : name, Advice(*line.command)));
+    }
+    case ParsedLine::Kind::kCommand:
+      break;
+  }
+  return RunCommand(*line.command, options);
+}
+
+}  // namespace
+
+int RunTool(int argc, char** argv) {
+  std::setlocale(LC_CTYPE, "");
+  std::signal(SIGPIPE, SIG_IGN);
+  try {
+    Command root({"ravctl", "Look at and steer what the ravd service daemon and its library know of this machine."},
+                 "Exit status: 0 done, 1 nothing or a difference found, 2 usage, 3 permission, 4 input missing,\n"
+                 "5 input damaged, 6 daemon not running, 70 internal.\n"
+                 "ravctl COMMAND --help tells more and gives examples.");
+    GlobalOptions options;
+    AddGlobalOptions(root, options);
+    AddAllCommands(root);
+    return Run(ParseLine(root, argc, argv), options);
+  } catch (const std::exception& error) {
+    return Report(ExitCode::kInternal, OneLine("internal fault", error.what(), "please report it"));
+  }
+}
+
+}  // namespace ravctl
