@@ -243,6 +243,26 @@ TEST(Sysroot, HostileBundlesAreRefused) {
       {"incomplete",
        [&] { return ArchiveFile().File("manifest.json", manifest(R"({"path":"etc/a","type":"file"})")).Bytes(); },
        "it lacks etc/a"},
+      {"deep manifest",
+       [&] { return ArchiveFile().File("manifest.json", manifest(std::string(1000000, '['))).Bytes(); },
+       "its manifest: it nests too deep"},
+      {"wide manifest",
+       [] {
+         std::string keys = "{";
+         for (int number = 0; number < 200000; ++number)
+           keys += '"' + std::to_string(number) + "\":1,";
+         return ArchiveFile().File("manifest.json", keys + "\"x\":1}").Bytes();
+       },
+       "its manifest: too many keys in one object"},
+      {"dot", [] { return ArchiveFile().Sparse(".", size_t{1} << 30).Bytes(); }, "leads out of the tree or is none: ."},
+      {"dots only",
+       [] {
+         ArchiveFile file;
+         for (int number = 0; number <= 100000; ++number)
+           file.Directory(".");
+         return file.Bytes();
+       },
+       "too many entries"},
       {"manifest", [] { return ArchiveFile().File("manifest.json", R"([{"schema":5}])").Bytes(); },
        "its manifest is none"},
   };
