@@ -138,9 +138,9 @@ void CaptureDaemon(Capture& capture) {
 }
 
 void CaptureTraces(Capture& capture) {
-  capture.AddMatching("/var/log/pelrix/log.*", CaptureKind::kContent, kLargestFile);
+  capture.AddMatching("/var/log/pelrix/log.*", CaptureKind::kOwnContent, kLargestFile);
   const std::string configured = TraceSettings("ravd").Directory();
-  capture.AddMatching(configured + "/log.*", CaptureKind::kContent, kLargestFile);
+  capture.AddMatching(configured + "/log.*", CaptureKind::kOwnContent, kLargestFile);
 }
 
 // The kernel hides the addresses in them instead of refusing to show them.
