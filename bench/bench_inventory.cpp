@@ -3,6 +3,8 @@
 // stands this machine, scanned by a process of its own and by the tools that tell about PCI functions, block devices
 // and mounts.
 //
+// Mounts: a table of that many mounts, read anew (read) and asked for its sizes once more (scan), as each minute does.
+//
 // fresh: the program starts itself with "--scan <tree> <trace level>" and reports that process' CPU time and memory.
 
 #include <benchmark/benchmark.h>
@@ -13,6 +15,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,6 +24,7 @@
 #include <vector>
 
 #include "fixture_trees.h"
+#include "inventory/mount_table.h"
 #include "inventory/system_device_scan.h"
 #include "trace/debug.h"
 
@@ -31,6 +35,7 @@ namespace fs = std::filesystem;
 constexpr int kFunctionsPerBus = 16;
 constexpr int kServer = 64;  // the functions of a machine with two sockets
 constexpr std::array kSizes = {kServer, 250, 500, 1000};
+constexpr std::array kMountTables = {400, 4000, 40'000};
 constexpr unsigned int kTimeoutMs = 60'000;
 constexpr const char* kMachine = "/";
 
@@ -81,6 +86,19 @@ void MakeTree(int functions) {
   s_Trees->Write(functions, "/proc/bus/pci/devices", devices);
   s_Trees->Write(functions, "/etc/mtab", mounts);
   s_Trees->Write(functions, "/var/log/pelrix/.keep", "");
+}
+
+// In no order, as containers come and go.
+void MakeMountTable(int mounts) {
+  std::string text;
+  for (int index = 0; index < mounts; ++index) {
+    const int number = static_cast<int>(int64_t{index} * 7919 % mounts);
+    text += Format("overlay /var/lib/containers/%06d/merged overlay rw,relatime 0 0\n", number);
+  }
+  s_Trees->Write(mounts, "/etc/mtab", text);
+  // Older than a minute, and the larger table the later one: a process reads no table that is not newer.
+  const auto age = std::chrono::hours(1000'000 / mounts);
+  fs::last_write_time(s_Trees->Path(mounts) + "/etc/mtab", fs::file_time_type::clock::now() - age);
 }
 
 void TraceToLogFile(unsigned int level) {
@@ -165,16 +183,37 @@ void Repeated(benchmark::State& state, unsigned int level) {
   state.SetComplexityN(state.range(0));
 }
 
+void Mounts(benchmark::State& state, bool isRead) {
+  if (!s_Trees->Enter(state.range(0))) state.SkipWithError("the tree cannot be entered");
+  std::vector<CSystemVolume> volumes;
+  if (!isRead && build_fs_table() != state.range(0)) state.SkipWithError("mounts are missing");
+  for (auto _ : state) {
+    if (isRead && get_mount_table("/etc/mtab", kMountedList) != state.range(0)) state.SkipWithError("not read");
+    if (isRead) continue;
+    volumes.clear();
+    CSystemVolume::ScanSystemVolumes(volumes);
+  }
+  state.SetComplexityN(state.range(0));
+}
+
 void Sizes(benchmark::internal::Benchmark* benchmark) {
   for (const int size : kSizes)
     benchmark->Arg(size);
   benchmark->Unit(benchmark::kMillisecond)->Complexity(benchmark::oN);
 }
 
+void MountTables(benchmark::internal::Benchmark* benchmark) {
+  for (const int size : kMountTables)
+    benchmark->Arg(size);
+  benchmark->Unit(benchmark::kMillisecond)->UseRealTime()->Complexity(benchmark::oN);
+}
+
 BENCHMARK(ThisMachine)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(Tools)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(Fresh, trace_off, "0")->Arg(kServer)->Arg(1000)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(Fresh, trace_3, "3")->Arg(kServer)->Arg(1000)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Mounts, read, true)->Apply(MountTables);
+BENCHMARK_CAPTURE(Mounts, scan, false)->Apply(MountTables);
 BENCHMARK_CAPTURE(Repeated, trace_off, 0U)->Apply(Sizes);
 BENCHMARK_CAPTURE(Repeated, trace_3, 3U)->Arg(kServer)->Unit(benchmark::kMillisecond);
 
@@ -188,6 +227,8 @@ int main(int argc, char** argv) {
   s_Trees = &trees;
   for (const int size : kSizes)
     MakeTree(size);
+  for (const int size : kMountTables)
+    MakeMountTable(size);
   benchmark::RunSpecifiedBenchmarks();
   return 0;
 }

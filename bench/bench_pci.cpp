@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "fixture_trees.h"
+#include "inventory/adapter_file.h"
 #include "pci/device_bus_io.h"
 #include "pci/pci_config_list.h"
 #include "pci/pci_function_scan.h"
@@ -20,6 +21,8 @@ namespace {
 
 constexpr int kFunctionsPerBus = 16;
 constexpr std::array kSizes = {100, 250, 500, 1000};
+constexpr int kNamedFunctions = 4096;  // the tree that has an adapter name file
+constexpr size_t kAdapterFileSize = 1'800'000;
 
 const FixtureTrees* s_Trees = nullptr;
 
@@ -44,6 +47,21 @@ void MakeTree(int count) {
     devices += line;
   }
   s_Trees->Write(count, "/proc/bus/pci/devices", devices);
+}
+
+// Many vendors of a few devices each; the one of the functions comes last and does not know them.
+void WriteAdapterFile(int count) {
+  std::string text;
+  char line[64];
+  for (unsigned vendor = 1; text.size() < kAdapterFileSize; ++vendor) {
+    std::snprintf(line, sizeof line, "[%04X]\nVendor=Vendor %u\n", vendor, vendor);
+    text += line;
+    for (unsigned device = 0; device < 30; ++device) {
+      std::snprintf(line, sizeof line, "%04X=Adapter %u of that vendor\n", device, device);
+      text += line;
+    }
+  }
+  s_Trees->Write(count, "/etc/pelrix/Adapter.ini", text + "[8086]\nVendor=Last\n1002=Another\n");
 }
 
 bool Enter(benchmark::State& state) {
@@ -95,6 +113,20 @@ void LegacyTables(benchmark::State& state) {
   state.SetComplexityN(state.range(0));
 }
 
+// What a dump of that many adapters asks the file.
+void AdapterFiles(benchmark::State& state) {
+  if (!Enter(state)) return;
+  std::string name;
+  for (auto _ : state) {
+    for (int index = 0; index < state.range(0); ++index) {
+      const CAdapterFile file;
+      if (!file.GetVendorName(name, "8086", "")) state.SkipWithError("the vendor is missing");
+      file.GetDeviceName(name, "8086", "", "10011002");
+      file.GetDeviceName(name, "8086", "", "1001");
+    }
+  }
+}
+
 void Sizes(benchmark::internal::Benchmark* benchmark) {
   for (const int size : kSizes)
     benchmark->Arg(size);
@@ -106,6 +138,8 @@ BENCHMARK(NameList)->Apply(Sizes);
 BENCHMARK_CAPTURE(Scan, without_slots, false)->Apply(Sizes);
 BENCHMARK_CAPTURE(Scan, with_slots, true)->Apply(Sizes);
 BENCHMARK(LegacyTables)->Apply(Sizes);
+BENCHMARK(LegacyTables)->Name("LegacyTables/named")->Arg(kNamedFunctions)->Unit(benchmark::kMillisecond);
+BENCHMARK(AdapterFiles)->Arg(kNamedFunctions)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
@@ -115,6 +149,8 @@ int main(int argc, char** argv) {
   s_Trees = &trees;
   for (const int size : kSizes)
     MakeTree(size);
+  MakeTree(kNamedFunctions);
+  WriteAdapterFile(kNamedFunctions);
   benchmark::RunSpecifiedBenchmarks();
   return 0;
 }

@@ -32,7 +32,7 @@ constexpr size_t kRingSize = 1024 * 1024;
 // Access to the switch of the memory column, which only a configuration file sets otherwise.
 class BenchDebug : public CDebug {
  public:
-  void SetMemoryColumn(bool on) { m_MemoryTracesFlag = on ? 1 : 0; }
+  void SetMemoryColumn(bool on) { m_Settings.memoryTracesFlag = on ? 1 : 0; }
 };
 BenchDebug& Trace() {
   static BenchDebug* instance = [] {

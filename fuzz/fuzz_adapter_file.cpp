@@ -46,8 +46,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string section = TakeLine(content);
   const std::string key = TakeLine(content);
   const std::string file = MakeFile(content);
+  const AdapterFileText text(content);
   std::string_view value;
-  const bool found = FindAdapterFileValue(content, section, key, value);
+  const bool found = text.Find(section, key, value);
   Require(found ? !value.empty() && value.size() <= kMaxValue && value.find(';') == std::string_view::npos
                 : value.empty());
   char expected[kMaxValue + 1];

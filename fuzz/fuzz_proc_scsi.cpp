@@ -23,11 +23,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   size_t count = 0;
   for (CScsiListDevice device; list.Next(device); ++count) {
     Check(device.vendor.size() <= 8 && device.model.size() <= 16 && device.revision.size() <= 4);
-    Check(device.type.size() <= 32 && device.address.length == CScsiAddress::kLength);
-    Check(ScsiAddressToString(device.address).size() <= 22);
+    Check(device.type.size() <= 32 && device.scsiAddress.length == CScsiAddress::kLength);
+    Check(device.address.starts_with(std::to_string(device.host) + ":") && device.address.size() <= 53);
   }
   Check(count <= size / std::string_view("Host:").size());
-  CPciAddress pci;
-  Check(FindPciAddress(pci, text.substr(0, 256)) || !pci.IsValid());
+  Check(FindPciAddresses(text).size() <= size / std::string_view("0000:00:00.0").size());
   return 0;
 }

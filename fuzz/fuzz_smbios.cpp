@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "firmware/smbios_structures.h"
+#include "firmware/smbios_walk.h"
 #include "trace/debug.h"
 
 namespace {

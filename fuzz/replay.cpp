@@ -1,10 +1,13 @@
-// Stands in for the coverage-guided engine: runs a fuzz target over its seeds and over a fixed series of mutations of
-// them, the same in every run. Usage: fuzz_<name> CORPUS_DIRECTORY [MUTATIONS]
+// Stands in for the coverage-guided engine: runs a fuzz target over its seeds, over long inputs made of them and over a
+// fixed series of mutations of them, the same in every run. An input that takes far too much of the processor's time is
+// a finding, too: the time of a parser grows with its input and not with the square. Usage: fuzz_<name>
+// CORPUS_DIRECTORY [MUTATIONS]
 
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -16,6 +19,35 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+
+constexpr double kMostSeconds = 5;              // hundreds of times what the slowest input takes
+constexpr size_t kLongSizes[] = {4096, 65536};  // those are the largest inputs that targets take
+
+double ProcessorSeconds() {
+  timespec time{};
+  ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+}
+
+double s_Slowest = 0;
+
+void Run(const Bytes& input) {
+  const double start = ProcessorSeconds();
+  LLVMFuzzerTestOneInput(input.data(), input.size());
+  const double seconds = ProcessorSeconds() - start;
+  s_Slowest = std::max(s_Slowest, seconds);
+  if (seconds <= kMostSeconds) return;
+  std::fprintf(stderr, "an input of %zu bytes takes %.1f s\n", input.size(), seconds);
+  std::abort();
+}
+
+// The input over and over, that long.
+Bytes Repeated(const Bytes& input, size_t size) {
+  Bytes repeated(size);
+  for (size_t place = 0; place < size; ++place)
+    repeated[place] = input[place % input.size()];
+  return repeated;
+}
 
 std::vector<Bytes> ReadSeeds(const char* directory) {
   std::vector<std::filesystem::path> files;
@@ -67,12 +99,15 @@ int main(int argc, char** argv) {
   const std::vector<Bytes> seeds = ReadSeeds(argv[1]);
   const int mutations = argc > 2 ? std::atoi(argv[2]) : 20000;
   std::mt19937 random(1);
-  for (const Bytes& seed : seeds)
-    LLVMFuzzerTestOneInput(seed.data(), seed.size());
-  for (int run = 0; run < mutations; ++run) {
-    const Bytes input = Mutate(seeds[static_cast<size_t>(random()) % seeds.size()], random);
-    LLVMFuzzerTestOneInput(input.data(), input.size());
+  for (const Bytes& seed : seeds) {
+    Run(seed);
+    if (seed.empty()) continue;
+    for (const size_t size : kLongSizes)
+      Run(Repeated(seed, size));
   }
-  std::printf("%zu seeds and %d mutations without a finding\n", seeds.size(), mutations);
+  for (int run = 0; run < mutations; ++run)
+    Run(Mutate(seeds[static_cast<size_t>(random()) % seeds.size()], random));
+  std::printf("%zu seeds and %d mutations without a finding, the slowest took %.1f ms\n", seeds.size(), mutations,
+              s_Slowest * 1000);
   return 0;
 }

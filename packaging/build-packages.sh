@@ -50,10 +50,24 @@ build_packages() { # version, where they go, options of dpkg-buildpackage
   ls "$2"/*.deb
 }
 
+# Whoever builds the same sources gets the same daemon, at another time and in another time zone: what depends on the
+# moment of the build is built once more and compared. All that does is in the daemon's own sources.
+check_reproducible() {
+  local build first epoch
+  build=$(echo "$tree"/obj-*)
+  first=$(sha256sum <"$build/ravd")
+  epoch=$(cd "$tree" && dpkg-parsechangelog -STimestamp)
+  rm -f "$build/generated/daemon/build_info.h" "$build/ravd"
+  (export TZ=Pacific/Kiritimati SOURCE_DATE_EPOCH="$epoch" && cmake "$build" && ninja -C "$build" ravd) >/dev/null
+  [ "$first" = "$(sha256sum <"$build/ravd")" ] || fail "a second build gives another daemon"
+  echo "package: a second build gives the same daemon"
+}
+
 case "${1:-}" in
 '')
   copy_sources
   build_packages "$version" "$out"
+  check_reproducible
   ;;
 next)
   [ -d "$tree" ] || fail "build the packages of this version first"

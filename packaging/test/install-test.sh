@@ -20,7 +20,7 @@ guide=docs/module-writers-guide.md
 version=$(sed -n 's/^project(ravd VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 next=${version%.*}.$((${version##*.} + 1))
 tools=(g++ cmake make pkg-config)
-most_exposure=30     # tenths
+most_exposure=28     # tenths
 most_stop_tenths=25  # a stop that waits for the run level file takes three seconds
 init=                # process 1 of the root as this machine numbers it
 starter=
@@ -247,6 +247,9 @@ kit_builds_modules() {
   prepare sh -euc '! dpkg-query -W ravd ravctl 2>/dev/null | grep "[0-9]"
     mkdir /root/kit && cd /root/kit
     '"$(console_blocks "$guide")"'
+    sed "s/TRACE(3, .*beat %u.*/if (unlink(\"\/run\/ravd-crash\") == 0) { TRACE(1, \"last words\"); __builtin_trap(); } &/" \
+      my-modules/module/heartbeat.cpp >crashing.cpp
+    g++ -std=c++20 -shared -fPIC $(pkg-config --cflags ravd) -Imy-modules crashing.cpp -o crashing.so
     [ "$(pkg-config --modversion ravd)" = '"$version"' ] && [ "$(pkg-config --variable=moduledir ravd)" = /usr/lib/ravd ]' \
     >"$work/kit.log" 2>&1 || fail "the kit: $(tail -n 20 "$work/kit.log")"
   "$here/module-symbols.sh" "$kit/libswitch.so" "$kit/heartbeat.so" "$kit/my-modules/build/lib/libswitch.so" \
@@ -280,6 +283,7 @@ files_are_right() {
   has /usr/sbin/ravd 'regular file' 755
   has /usr/bin/ravctl 'regular file' 755
   has /usr/libexec/ravd/ravd-stop 'regular file' 755
+  has /usr/libexec/ravd/ravd-keep-crash 'regular file' 755
   has /usr/lib/ravd directory 755
   has /usr/lib/tmpfiles.d/ravd.conf 'regular file' 644
   has /lib/systemd/system/ravd.service 'regular file' 644
@@ -307,7 +311,8 @@ waits_for_its_switch() {
 
 put_switch() {
   inside sh -euc 'cp /root/kit/libswitch.so /usr/lib/ravd/
-    mkdir -p /usr/lib/ravd/modules && cp /root/kit/my-modules/build/lib/modules/heartbeat.so /usr/lib/ravd/modules/'
+    mkdir -p /usr/lib/ravd/modules && cp /root/kit/my-modules/build/lib/modules/heartbeat.so /usr/lib/ravd/modules/
+    cp /root/kit/crashing.so /usr/lib/ravd/modules/'
   documented "sed -i 's/^FileDebugLevel=.*/FileDebugLevel=3/' /etc/norrow/QuennetSuite/TraceConfig/ravd.ini"
 }
 
@@ -365,13 +370,22 @@ service_stops() {
 service_comes_back_after_a_crash() {
   [ -z "$by_hand" ] || return 0
   local pid
+  documented 'systemctl reset-failed ravd'
   pid=$(service_pid)
-  inside kill -SEGV "$pid"
+  inside touch /run/ravd-crash  # a module waits for it
   for _ in $(seq 100); do
-    if inside systemctl -q is-active ravd && [ "$(service_pid)" != "$pid" ]; then say "a crash is followed by a new start"; return; fi
+    ! inside systemctl -q is-active ravd || [ "$(service_pid)" = "$pid" ] || { crash_is_kept "$pid"; return; }
     sleep 0.1
   done
   fail "no new start after a crash"
+}
+
+crash_is_kept() { # pid
+  local said
+  said=$(inside sh -euc "cd /var/log/pelrix/crash-*Z; stat -c %a .; cat exit; grep -ac 'last words' log.ravd_a" 2>&1) ||
+    fail "what the crash left: $said"
+  grep -q '^750$' <<<"$said" && grep -q '^signal=ILL$' <<<"$said" && grep -q "^pid=$1\$" <<<"$said" || fail "what the crash left: $said"
+  say "a crash is followed by a new start, the last words of the module are kept"
 }
 
 upgrade_keeps_it_running() {

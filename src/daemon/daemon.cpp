@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string>
 
 #include "daemon/build_info.h"
 #include "daemon/catch_signals.h"
@@ -19,6 +20,7 @@
 #include "daemon/file_lock.h"
 #include "daemon/notify.h"
 #include "daemon/pid_file.h"
+#include "daemon/run_level.h"
 #include "daemon/smbus_probe.h"
 #include "daemon/switch_api.h"
 #include "daemon/trusted_paths.h"
@@ -30,13 +32,22 @@ constexpr const char* kLockPath = "/var/lock/ravd";
 constexpr mode_t kUmask = 026;
 
 // Whoever finds the standard descriptors closed opens its files under their numbers, and what is printed lands in them.
-// A starter may have closed them, and so may each call into the modules.
 void ReserveStandardDescriptors() {
   int fd;
   do {
     fd = ::open("/dev/null", O_RDWR);
   } while (fd >= 0 && fd <= STDERR_FILENO);
   if (fd > STDERR_FILENO) ::close(fd);
+}
+
+// Every call in which code of the modules runs: it may have closed the standard descriptors for all of them.
+template <class Call>
+auto CallModules(Call call) {
+  struct Afterwards {
+    ~Afterwards() { ReserveStandardDescriptors(); }
+  };
+  const Afterwards afterwards;
+  return call();
 }
 
 // The standard descriptors of whoever started the daemon are not the daemon's to keep.
@@ -110,9 +121,7 @@ void OpenSyslog() {
 }
 
 bool LoadSwitch(CSwitchApi& switchApi) {
-  const bool isLoaded = switchApi.LoadSwitch();
-  ReserveStandardDescriptors();
-  if (isLoaded) return true;
+  if (CallModules([&] { return switchApi.LoadSwitch(); })) return true;
   Debug.PrintAlways(0, "%s-MAIN: FATAL ERROR! Tavrik SWITCH could not be loaded!", kDaemonName);
   switchApi.CloseLibrary();
   return false;
@@ -121,22 +130,18 @@ bool LoadSwitch(CSwitchApi& switchApi) {
 // Without its modules the daemon goes on and waits for signals like a healthy one.
 void StartModules(CSwitchApi& switchApi, const _ExtensionModuleLoaderConfig& config) {
   TRACE(2, "%s-MAIN: Load extension modules ...", kDaemonName);
-  const bool areLoaded = switchApi.LoadModules(config);
-  ReserveStandardDescriptors();
-  if (!areLoaded) {
+  if (!CallModules([&] { return switchApi.LoadModules(config); })) {
     TRACE(1, "%s-MAIN: ERROR! Load extension modules FAILED!", kDaemonName);
     return;
   }
   TRACE(2, "%s-MAIN: ... extension modules loaded", kDaemonName);
   TRACE(2, "%s-MAIN: Start all modules  ...", kDaemonName);
-  switchApi.switchInterface->StartModules();
-  ReserveStandardDescriptors();
+  CallModules([&] { switchApi.switchInterface->StartModules(); });
   TRACE(2, "%s-MAIN: ... all modules started", kDaemonName);
 }
 
 void FinishStart() {
-  ::sleep(1);
-  ReserveStandardDescriptors();  // the modules' threads run by now
+  CallModules([] { ::sleep(1); });  // their threads run by now
   Debug.PrintAlways(0, "%s-MAIN: ## Done initializing ##\n", kDaemonName);
   Debug.SetApplInitDone();
 }
@@ -159,20 +164,17 @@ void WaitForSignals(CSwitchApi& switchApi) {
     } else {
       Debug.PrintAlways(0, "\n%s-MAIN:  ... got signal %d", kDaemonName, signal);
     }
-    CatchSignals(signal, switchApi);
-    ReserveStandardDescriptors();
+    CallModules([&] { CatchSignals(signal, switchApi); });
   } while (!ExitEvent.IsSet());
 }
 
 void StopModules(CSwitchApi& switchApi) {
   Debug.PrintAlways(0, "%s-MAIN: ## Someone signaled exit state ##\n", kDaemonName);
   TRACE(2, "%s-MAIN::OnExitService      : Stopping all modules...\n", kDaemonName);
-  if (switchApi.switchInterface != nullptr) switchApi.switchInterface->StopModules();
-  ReserveStandardDescriptors();
+  if (switchApi.switchInterface != nullptr) CallModules([&] { switchApi.switchInterface->StopModules(); });
   TRACE(2, "%s-MAIN::OnExitService      : ... all modules stopped\n", kDaemonName);
   TRACE(2, "%s-MAIN::OnExitService      : Start unload of all registered extension modules ...\n", kDaemonName);
-  switchApi.UnloadModules(0);
-  ReserveStandardDescriptors();
+  CallModules([&] { return switchApi.UnloadModules(0); });
   TRACE(2, "%s-MAIN::OnExitService      : ... unload of all registered extension modules completed!\n", kDaemonName);
 }
 
@@ -185,12 +187,17 @@ int RunDaemon(int argc, char** argv) {
     std::fprintf(stderr, "%s: %s-MAIN: Error! Permission denied\n", program, kDaemonName);
     return 1;
   }
+  IgnoreSignal(SIGXFSZ);  // a file above the starter's limit is a failed write, not the end of the process
+  const bool isForeground = IsForeground(argc, argv);
+  if (!isForeground) ::closefrom(STDERR_FILENO + 1);  // of whoever started the daemon, before it has any of its own
+  const std::string notifySocket = NotifySocket();
+  RememberRelease();
   CFileLock lock;
   if (!lock.Lock(kLockPath, build_info::kProgramName, 0)) {
     std::fprintf(stderr, "%s: %s-MAIN: Error! Another process instance is already running!\n", program, kDaemonName);
     return 1;
   }
-  if (IsForeground(argc, argv)) {
+  if (isForeground) {
     std::fprintf(stderr, "%s: %s-MAIN: started in \"No Demon\" Mode\n", program, kDaemonName);
   } else if (!MoveToBackground(program)) {
     return 1;
@@ -212,7 +219,7 @@ int RunDaemon(int argc, char** argv) {
   WritePidFile();
   StartModules(switchApi, config);
   FinishStart();
-  NotifyReady();
+  NotifyReady(notifySocket);
 
   WaitForSignals(switchApi);
 

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -52,9 +53,10 @@ CFileLock::~CFileLock() {
 bool CFileLock::Lock(const char* lockPath, const char* ownerName, int timeoutMs) {
   if (lockPath == nullptr || *lockPath == '\0') return false;
   TRACE(5, "\nCFileLock           :   apply file lock using file %s...", lockPath);
-  std::snprintf(lockFileName, sizeof lockFileName, "%s.lock", lockPath);
-  TRACE(3, "\nCFileLock::Lock     : LockFileName.c_str() = %s\n", lockFileName);
-  const std::string directory = DirectoryOf(lockFileName);
+  const std::string fileName = std::string(lockPath) + ".lock";
+  std::snprintf(lockFileName, sizeof lockFileName, "%s", fileName.c_str());
+  TRACE(3, "\nCFileLock::Lock     : LockFileName.c_str() = %s\n", fileName.c_str());
+  const std::string directory = DirectoryOf(fileName);
   TRACE(3, "\nCFileLock::Lock     : LockFileDir.c_str() = %s\n", directory.c_str());
   if (!CreateLockDirectory(directory)) {
     TRACE(1, "\nCFileLock           : ## ERROR! Failed to open/create lock directory %s (LastError = 0x%08X)",
@@ -78,6 +80,7 @@ bool CFileLock::CreateLockDirectory(const std::string& directory) {
   if (directory == "/") return true;
   for (size_t end = 0; end != std::string::npos;) {
     end = directory.find('/', end + 1);
+    if (std::min(end, directory.size()) >= kPathSize) return true;  // of the name that is cut
     if (!MakeDirectory(directory.substr(0, end))) {
       LastError = errno;
       return false;
@@ -174,7 +177,8 @@ bool CFileLock::IsFileAtPath() const {
 
 // Emptied only now that the lock is held: a starter that lost the race must not wipe the holder's name.
 void CFileLock::WriteOwner(const char* ownerName) {
-  const std::string owner = (ownerName != nullptr ? ownerName : "") + ("#" + std::to_string(::getpid()));
+  std::string owner = ownerName != nullptr ? ownerName : "";
+  owner.append("#").append(std::to_string(::getpid()));
   LastError = 0;
   if (::ftruncate(fd, 0) != 0 || ::write(fd, owner.data(), owner.size()) < 0) LastError = errno;
   ::fsync(fd);

@@ -38,10 +38,13 @@ std::optional<Address> ParseAddress(std::string_view text) {
 
 }  // namespace
 
-void NotifyReady() {
-  const char* text = std::getenv(kSocketVariable);
-  if (text == nullptr) return;
-  const std::optional<Address> address = ParseAddress(text);
+std::string NotifySocket() {
+  const char* name = std::getenv(kSocketVariable);
+  return name != nullptr ? name : "";
+}
+
+void NotifyReady(const std::string& socket) {
+  const std::optional<Address> address = ParseAddress(socket);
   if (!address) return;
   const UniqueFd fd{::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
   if (!fd) return;

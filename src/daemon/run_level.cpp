@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include "daemon/daemon_name.h"
@@ -34,24 +35,26 @@ struct ClosePipe {
   void operator()(FILE* pipe) const { ::pclose(pipe); }
 };
 
-// The release that the environment names, "" when it names none.
-std::string_view IdentifyRelease() {
-  const char* nickname = std::getenv("QN_NICKNAME");
-  if (nickname == nullptr || *nickname == '\0') {
-    Debug.PrintAlways(0, "%s-MAIN: cannot identify OS (from QN_NICKNAME) on which we are running\n", kDaemonName);
-    return "";
-  }
-  TRACE(1, "%s-MAIN: we are runing on OS \"%s\"\n", kDaemonName, nickname);
-  return nickname;
+std::string& Release() {
+  static std::string release;
+  return release;
 }
 
-bool UsesRunLevelFile(std::string_view release) {
+void TraceRelease() {
+  if (Release().empty()) {
+    Debug.PrintAlways(0, "%s-MAIN: cannot identify OS (from QN_NICKNAME) on which we are running\n", kDaemonName);
+  } else {
+    TRACE(1, "%s-MAIN: we are runing on OS \"%s\"\n", kDaemonName, Release().c_str());
+  }
+}
+
+bool UsesRunLevelFile() {
   if (::access(kSystemctl, F_OK) == 0) {
     TRACE(1, "%s-MAIN: %s detected on this OS\n", kDaemonName, kSystemctl);
     return true;
   }
   for (const std::string_view known : kReleasesWithRunLevelFile) {
-    if (release == known) return true;
+    if (Release() == known) return true;
   }
   TRACE(1, "%s-MAIN: try to indentify runlevel on older OS\n", kDaemonName);
   return false;
@@ -104,9 +107,14 @@ int AskOlderSystem() {
 
 }  // namespace
 
+void RememberRelease() {
+  const char* nickname = std::getenv("QN_NICKNAME");
+  Release() = nickname != nullptr ? nickname : "";
+}
+
 int DetermineRunLevel() {
-  const std::string_view release = IdentifyRelease();
-  const int runLevel = UsesRunLevelFile(release) ? ReadRunLevelFile() : AskOlderSystem();
+  TraceRelease();
+  const int runLevel = UsesRunLevelFile() ? ReadRunLevelFile() : AskOlderSystem();
   Debug.PrintAlways(0, "%s-MAIN: Current RunLevel = %d\n", kDaemonName, runLevel);
   return runLevel;
 }

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <link.h>
 
+#include <filesystem>
 #include <string>
 
 #include "daemon/daemon_name.h"
@@ -24,12 +25,6 @@ std::string PathOf(void* library) {
   return ::dlinfo(library, RTLD_DI_LINKMAP, &map) == 0 ? map->l_name : "";
 }
 
-// "/opt/lib/libswitch.so" => "/opt/lib"; "" without a directory
-std::string DirectoryOf(const std::string& path) {
-  const size_t slash = path.rfind('/');
-  return slash == std::string::npos ? "" : path.substr(0, slash + (slash == 0 ? 1 : 0));
-}
-
 }  // namespace
 
 void WarnOfWritablePaths(const CSwitchApi& switchApi) {
@@ -37,6 +32,6 @@ void WarnOfWritablePaths(const CSwitchApi& switchApi) {
     Warn(directory);
   Warn(Debug.Directory());
   const std::string library = PathOf(switchApi.library);
-  Warn(DirectoryOf(library));
+  Warn(std::filesystem::path(library).parent_path());
   Warn(library);
 }

@@ -4,8 +4,8 @@
 
 #include <cstdio>
 
-#include "pci/text_cursor.h"
 #include "platform/descriptor_io.h"
+#include "platform/text_cursor.h"
 #include "platform/unique_fd.h"
 #include "trace/debug.h"
 

@@ -1,5 +1,6 @@
 #include "inventory/drive_links.h"
 
+#include <algorithm>
 #include <charconv>
 #include <vector>
 
@@ -17,8 +18,8 @@ constexpr const char* kMultipathDevices = "/sys/devices/mpdx/";
 
 constexpr const char* kMultipathMark = "mpdx/mpdh";
 constexpr const char* kMultipathPattern = "mpdh[0-9]+";
-constexpr const char* kPciAddressPattern =
-    "[a-f0-9][a-f0-9][a-f0-9][a-f0-9]:[a-f0-9][a-f0-9]:[a-f0-9][a-f0-9].[a-f0-9]";
+// h: a hexadecimal digit in lower case; ?: any character.
+constexpr std::string_view kPciAddressPattern = "hhhh:hh:hh?h";
 
 bool Contains(const std::string& text, std::string_view part) {
   return text.find(part) != std::string::npos;
@@ -48,6 +49,25 @@ bool GetBlockNameOfOlderKernel(std::string& name, const std::string& device) {
     return true;
   }
   return false;
+}
+
+bool IsHexDigit(char letter) {
+  return (letter >= '0' && letter <= '9') || (letter >= 'a' && letter <= 'f');
+}
+
+bool StandsAt(std::string_view path, size_t place) {
+  const auto fits = [](char letter, char pattern) {
+    return pattern == 'h' ? IsHexDigit(letter) : pattern == '?' || letter == pattern;
+  };
+  return (place == 0 || !IsHexDigit(path[place - 1])) &&
+         std::ranges::equal(path.substr(place, kPciAddressPattern.size()), kPciAddressPattern, fits);
+}
+
+bool FindLastPciAddress(CPciAddress& pci, std::string_view path) {
+  const std::vector<CPciAddress> found = FindPciAddresses(path);
+  if (found.empty() || !found.back().IsValid()) return false;
+  pci = found.back();
+  return true;
 }
 
 template <typename Number>
@@ -81,7 +101,7 @@ bool GetScsiDriveGenericName(std::string& name, const std::string& address) {
   for (const std::string& entry : entries) {
     std::string target;
     const std::string link = std::string(kScsiGeneric) + "/" + entry + "/device";
-    if (!CFile::GetSymbolicLink(target, link) || !Contains(target, address)) continue;
+    if (!CFile::GetSymbolicLink(target, link) || target.substr(target.rfind('/') + 1) != address) continue;
     name = entry;
     return true;
   }
@@ -96,7 +116,7 @@ bool SetMpdDrive(const std::string& address) {
 bool GetDrivePciAddress(CPciAddress& pci, const std::string& name, bool multipath, bool scsi) {
   std::string target;
   if (!GetDeviceLink(target, (scsi ? kScsiDevices : kBlockDevices) + name)) return false;
-  return multipath ? GetMpdDrivePciAddress(pci, target) : FindPciAddress(pci, target);
+  return multipath ? GetMpdDrivePciAddress(pci, target) : FindLastPciAddress(pci, target);
 }
 
 bool GetMpdDrivePciAddress(CPciAddress& pci, const std::string& linkTarget) {
@@ -105,21 +125,20 @@ bool GetMpdDrivePciAddress(CPciAddress& pci, const std::string& linkTarget) {
   if (!CRegEx::GetRegexFromString(device, kMultipathPattern, linkTarget, 1) || device.empty()) return false;
   std::string path;
   if (!CStdioFile::GetLineFromFile(path, kMultipathDevices + device + "/mpdh_path_0", 0)) return false;
-  return FindPciAddress(pci, path);
+  return FindLastPciAddress(pci, path);
 }
 
-bool FindPciAddress(CPciAddress& pci, const std::string& path) {
-  std::string rest = path;
-  std::string match;
-  std::string last;
-  while (CRegEx::GetRegexFromString(match, kPciAddressPattern, rest, 1) && !match.empty()) {
-    rest.erase(0, rest.find(match) + match.size());
-    last = match;
+std::vector<CPciAddress> FindPciAddresses(std::string_view path) {
+  std::vector<CPciAddress> found;
+  for (size_t place = 0; place + kPciAddressPattern.size() <= path.size(); ++place) {
+    if (!StandsAt(path, place)) continue;
+    ReadPciAddressByPosition(found.emplace_back(), path.substr(place));
+    place += kPciAddressPattern.size() - 1;
   }
-  return ParsePciAddress(pci, last);
+  return found;
 }
 
-bool ParsePciAddress(CPciAddress& pci, std::string_view text) {
+bool ReadPciAddressByPosition(CPciAddress& pci, std::string_view text) {
   if (text.size() < 12) return false;
   CPciAddress found;
   if (!ParsePart(text.substr(0, 4), 16, found.segment) || !ParsePart(text.substr(5, 2), 16, found.bus) ||

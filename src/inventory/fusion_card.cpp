@@ -69,5 +69,5 @@ bool GetFusionPciAddress(CPciAddress& pci, int card) {
       !CStdioFile::GetLineFromFile(line, CardDirectory(card) + "/nand_dev/bus_id", 0)) {
     return false;
   }
-  return ParsePciAddress(pci, line);
+  return ReadPciAddressByPosition(pci, line);
 }

@@ -7,6 +7,14 @@ constexpr uint32_t kMountedList = 1;
 constexpr uint32_t kConfiguredList = 2;
 constexpr uint32_t kVmfsList = 4;
 
+// What came of the last question for the size of a file system.
+enum fs_answer : uint32_t {
+  kNotAsked = 0,  // it is not mounted, or nobody got to it; the figures are those of before
+  kAnswered = 1,
+  kRefused = 2,  // statvfs failed: counts as full
+  kSilent = 3,   // did not answer; the figures are those of before, 0 when there were none
+};
+
 // One heap block: this header, then the three texts, each NUL-terminated.
 struct mount_entry {
   uint64_t device_length;
@@ -25,4 +33,5 @@ struct mount_entry {
   uint64_t available;   // KiB
   uint32_t used_percent;
   mount_entry* next;  // null for the last entry
+  fs_answer answer;
 };

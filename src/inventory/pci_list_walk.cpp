@@ -2,6 +2,16 @@
 
 #include <exception>
 
+namespace {
+
+constinit CCriticalSection s_DeviceTables;
+
+}  // namespace
+
+CCriticalSection& DeviceTablesLock() {
+  return s_DeviceTables;
+}
+
 bool GetNextSlotData(const CPciConfigList& list, CPciAddress& position, CPciSlotData& data) {
   const CCriticalSectionLock lock(list.Lock());
   const auto next = position.IsValid() ? list.upper_bound(position) : list.begin();
@@ -17,6 +27,7 @@ size_t CountSlotData(const CPciConfigList& list) {
 }
 
 void ScanPciSlotsQuietly(CPciConfigList& list) {
+  const CCriticalSectionLock lock(s_DeviceTables);
   try {
     CPciConfigList::ScanPciSlots(list, true);
   } catch (const std::exception&) {

@@ -2,6 +2,9 @@
 
 #include "pci/pci_config_list.h"
 
+// Held by every scan that uses the tables of the process: bus tables and slot map.
+CCriticalSection& DeviceTablesLock();
+
 // Steps through a list that other threads may change in between: the list's lock is taken for each step alone.
 
 // Copies the first entry behind that position; an invalid position stands before the first entry. False at the end,
@@ -11,5 +14,6 @@ bool GetNextSlotData(const CPciConfigList& list, CPciAddress& position, CPciSlot
 // Number of entries, read under the list's lock.
 size_t CountSlotData(const CPciConfigList& list);
 
-// CPciConfigList::ScanPciSlots with slots; an exception ends the scan with what the list holds by then.
+// CPciConfigList::ScanPciSlots with slots, under the lock of the tables; an exception ends the scan with what the list
+// holds by then.
 void ScanPciSlotsQuietly(CPciConfigList& list);

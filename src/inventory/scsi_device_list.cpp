@@ -9,16 +9,19 @@ namespace {
 
 constexpr size_t kMaxLine = 128;
 
-bool ParseHostLine(const std::string& line, CScsiAddress& address) {
-  int host = 0;
-  int channel = 0;
-  int id = 0;
-  int lun = 0;
-  if (std::sscanf(line.c_str(), "Host: scsi%d Channel: %d Id: %d Lun: %d", &host, &channel, &id, &lun) != 4) {
+bool ParseHostLine(const std::string& line, CScsiListDevice& device) {
+  unsigned int host = 0;
+  unsigned int channel = 0;
+  unsigned int id = 0;
+  unsigned long long lun = 0;
+  if (std::sscanf(line.c_str(), "Host: scsi%u Channel: %u Id: %u Lun: %llu", &host, &channel, &id, &lun) != 4) {
     return false;
   }
-  address = {CScsiAddress::kLength, static_cast<uint8_t>(host), static_cast<uint8_t>(channel), static_cast<uint8_t>(id),
-             static_cast<uint32_t>(lun)};
+  device.address =
+      std::to_string(host) + ":" + std::to_string(channel) + ":" + std::to_string(id) + ":" + std::to_string(lun);
+  device.host = host;
+  device.scsiAddress = {CScsiAddress::kLength, static_cast<uint8_t>(host), static_cast<uint8_t>(channel),
+                        static_cast<uint8_t>(id), static_cast<uint32_t>(lun)};
   return true;
 }
 
@@ -54,7 +57,7 @@ bool CScsiDeviceList::Next(CScsiListDevice& device) {
   while (NextLine(line)) {
     if (line.find("Host:") == std::string::npos) continue;
     CScsiListDevice found;
-    if (!ParseHostLine(line, found.address)) {
+    if (!ParseHostLine(line, found)) {
       TRACE(2, "\nCSystemDrive::ScanScsiDevices  : Cannot get one of the entry from the file '%s' from line '%s'.",
             kPath, line.c_str());
       continue;
@@ -67,10 +70,4 @@ bool CScsiDeviceList::Next(CScsiListDevice& device) {
     return true;
   }
   return false;
-}
-
-std::string ScsiAddressToString(const CScsiAddress& address) {
-  char text[32] = {};
-  std::snprintf(text, sizeof text, "%d:%d:%d:%u", address.port, address.path, address.target, address.lun);
-  return text;
 }

@@ -7,11 +7,13 @@
 
 // One device of the kernel's list. The texts keep their trailing blanks and are cut where their line ends early.
 struct CScsiListDevice {
-  CScsiAddress address;
-  std::string vendor;    // 8 characters
-  std::string model;     // 16 characters
-  std::string revision;  // 4 characters
-  std::string type;      // 32 characters, "Direct-Access    ..."
+  std::string address;       // "256:0:1:0": host, channel, id and lun, as sysfs names the device
+  unsigned int host = 0;     // its number, the first part of the address
+  CScsiAddress scsiAddress;  // the parts as far as they fit there
+  std::string vendor;        // 8 characters
+  std::string model;         // 16 characters
+  std::string revision;      // 4 characters
+  std::string type;          // 32 characters, "Direct-Access    ..."
 };
 
 // Walks the text of /proc/scsi/scsi. Pure but for its traces; lines are taken in pieces of at most 128 bytes.
@@ -31,6 +33,3 @@ class CScsiDeviceList {
 
   std::string_view m_Rest;
 };
-
-// "2:0:1:0": host, channel, id and lun, as sysfs names the device.
-std::string ScsiAddressToString(const CScsiAddress& address);

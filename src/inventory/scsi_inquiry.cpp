@@ -21,7 +21,6 @@ namespace {
 constexpr const char* kClusterDiagnosticDevice = "/dev/quorv/_diag";
 constexpr unsigned long kClusterPassThrough = 0x737800;
 
-constexpr unsigned int kTimeoutMs = 50000;
 constexpr size_t kCommandLength = 6;
 constexpr size_t kMaxFormattedLength = 64;
 constexpr uint8_t kResponseLength = 255;
@@ -66,8 +65,18 @@ int SendThroughCluster(const std::string& path, sg_io_hdr& header) {
 Response StandardInquiry(const CScsiInquiry& inquiry, const std::string& path) {
   Response response{};
   Command command = kStandardInquiry;
-  inquiry.ExecuteScsiInquiry(path, response.data(), kResponseLength, command.data(), false, kTimeoutMs);
+  inquiry.ExecuteScsiInquiry(path, response.data(), kResponseLength, command.data(), false, CScsiInquiry::kTimeoutMs);
   return response;
+}
+
+template <typename Query>
+bool StoreAnswer(std::string& output, Query query) {
+  try {
+    output = query(CScsiInquiry());
+    return true;
+  } catch (const CAgtException&) {
+    return false;
+  }
 }
 
 }  // namespace
@@ -135,4 +144,19 @@ std::string CScsiInquiry::GetScsiDeviceSerialNo(const std::string& path, bool cl
 std::string CScsiInquiry::ScsiFormatString(const unsigned char* field, int length) const {
   if (field == nullptr || length <= 0) return "";
   return InquiryText(InquiryBytes(field, std::min(static_cast<size_t>(length), kMaxFormattedLength)));
+}
+
+bool GetDriveSerialNoInq(std::string& serialNo, const std::string& devicePath, bool clusterFallback) {
+  return StoreAnswer(serialNo, [&](const CScsiInquiry& inquiry) {
+    return inquiry.GetScsiDeviceSerialNo(devicePath, clusterFallback);
+  });
+}
+
+bool GetDriveVendorInq(std::string& vendor, const std::string& devicePath) {
+  return StoreAnswer(vendor, [&](const CScsiInquiry& inquiry) { return inquiry.GetScsiDeviceVendorName(devicePath); });
+}
+
+bool GetDriveProductNameInq(std::string& productName, const std::string& devicePath) {
+  return StoreAnswer(productName,
+                     [&](const CScsiInquiry& inquiry) { return inquiry.GetScsiDeviceProductName(devicePath); });
 }

@@ -8,6 +8,8 @@
 // of the device, the ioctl or the answer throws CAgtException; no partial result, no descriptor stays open.
 class CScsiInquiry {
  public:
+  static constexpr unsigned int kTimeoutMs = 50000;  // of every query
+
   // One INQUIRY: sends the 6-byte cdb and reads up to length bytes into buffer. When the device cannot be opened and
   // clusterFallback is set, the command goes through the diagnostic device of the cluster disk driver; where that
   // driver is not installed this ends in an exception that names both devices.
@@ -23,3 +25,9 @@ class CScsiInquiry {
   // field needs none. "  LITEON " => "LITEON".
   std::string ScsiFormatString(const unsigned char* field, int length) const;
 };
+
+// The same with failures as results: false and the output as it was. A serial number that the device gives but that is
+// not valid counts as "". The path is that of the device node.
+bool GetDriveSerialNoInq(std::string& serialNo, const std::string& devicePath, bool clusterFallback);
+bool GetDriveVendorInq(std::string& vendor, const std::string& devicePath);
+bool GetDriveProductNameInq(std::string& productName, const std::string& devicePath);

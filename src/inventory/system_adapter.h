@@ -10,12 +10,12 @@
 #include "pci/pci_config_list.h"
 
 struct ethtool_drvinfo;
-struct AdapterSources;
+class PciDriverTable;
 
 // Inventory record of one adapter: a PCI function but for bridges, or an ISA Plug-and-Play device.
 //
-// A value, used by one thread at a time. Copies are whole, the device ID duplicated, except that a new copy knows no
-// WWN yet and an assigned record keeps the one it knew.
+// A value, used by one thread at a time. Copies are whole, the device ID duplicated, except that neither a new copy nor
+// an assigned record knows a WWN yet: the one that it knew would be that of another adapter.
 // The record itself tells the identity: device ID "PCI\VEN_8086&DEV_10d3&SUBSYS_00001234&REV_02" (the last four digits
 // of SUBSYS are the subsystem ID; the subsystem vendor is not part of it), class name, driver, interface, and a device
 // name "eth0 0000:02:00.0" that begins with the interface, else the driver, else nothing before the blank. The queries
@@ -39,8 +39,7 @@ class CSystemAdapter : public CSystemDevice {
 
   // Resources of a PCI function, counted from 0; an adapter without a PCI header has none. A walk over the base address
   // registers ends at the first that is 0, and takes two of them for host bridges, else six.
-  // For ports every register counts for itself. The upper half of a 64-bit register is skipped for memory alone, so for
-  // ports it ends the walk where it is 0.
+  // The upper half of a 64-bit register is skipped: it is no register of its own.
   bool GetIoResource(_SystemAdapterIoDescriptor& descriptor, int index) const;
   // The upper half of a 64-bit address is not used. False when /proc/iomem does not know the range.
   bool GetMemoryResource(_SystemAdapterMemoryDescriptor& descriptor, int index) const;
@@ -81,14 +80,17 @@ class CSystemAdapter : public CSystemDevice {
    public:
     CachedWwn() = default;
     CachedWwn(const CachedWwn&) {}
-    CachedWwn& operator=(const CachedWwn&) { return *this; }  // NOLINT(bugprone-unhandled-self-assignment)
+    CachedWwn& operator=(const CachedWwn&) {  // NOLINT(bugprone-unhandled-self-assignment)
+      value = {};
+      return *this;
+    }
 
     CWWN value;
   };
 
   static CSystemAdapter MakeIsaAdapter(const CSystemDevice& device);
-  static CSystemAdapter MakePciAdapter(const CPciSlotData& slot, AdapterSources& sources);
-  void SetNetworkInterface(AdapterSources& sources);
+  static CSystemAdapter MakePciAdapter(const CPciSlotData& slot, PciDriverTable& drivers);
+  void SetNetworkInterface();
   bool ReadNodeWwn(const std::string& address);
   const std::string& GetShownVendorName() const;
 

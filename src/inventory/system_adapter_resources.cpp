@@ -6,8 +6,8 @@
 #include "firmware/little_endian.h"
 #include "inventory/memory_ranges.h"
 #include "inventory/system_adapter.h"
-#include "pci/text_cursor.h"
 #include "platform/stdio_file.h"
+#include "platform/text_cursor.h"
 #include "trace/debug.h"
 
 namespace {
@@ -30,6 +30,14 @@ constexpr uint32_t kMemoryAddress = 0xFFFFFFF0;
 constexpr uint8_t kMaxHeaderLayout = 2;
 constexpr uint8_t kNoInterruptLine = 0xFF;
 
+bool IsPort(uint32_t bar) {
+  return (bar & kIoSpace) != 0;
+}
+
+bool IsMemory(uint32_t bar) {
+  return (bar & kSpaceBits) == 0;
+}
+
 uint32_t ReadBar(const CPciCommonConfigHeader& header, size_t bar) {
   return ReadLittleEndian<uint32_t>(header.bytes, kFirstBar + bar * kBarSize);
 }
@@ -38,27 +46,17 @@ size_t CountBars(const CPciCommonConfigHeader& header) {
   return header.BaseClass() == kBridgeClass ? kBridgeBars : kBars;
 }
 
-bool FindIoBar(const CPciCommonConfigHeader& header, int index, uint32_t& found) {
+// The base address register number `index` of those that are wanted. Ends at the first one that is 0; the
+// upper half of a 64-bit address is no register of its own.
+bool FindBar(const CPciCommonConfigHeader& header, bool (*isWanted)(uint32_t), int index, uint32_t& found) {
   for (size_t bar = 0; bar < CountBars(header); ++bar) {
     const uint32_t value = ReadBar(header, bar);
     if (value == 0) return false;
-    if ((value & kIoSpace) == 0 || index-- != 0) continue;
-    found = value;
-    return true;
-  }
-  return false;
-}
-
-bool FindMemoryBar(const CPciCommonConfigHeader& header, int index, uint32_t& found) {
-  for (size_t bar = 0; bar < CountBars(header); ++bar) {
-    const uint32_t value = ReadBar(header, bar);
-    if (value == 0) return false;
-    if ((value & kSpaceBits) != 0) continue;
-    if (index-- == 0) {
+    if (isWanted(value) && index-- == 0) {
       found = value;
       return true;
     }
-    if ((value & kTypeBits) == kType64Bit) ++bar;
+    if (IsMemory(value) && (value & kTypeBits) == kType64Bit) ++bar;
   }
   return false;
 }
@@ -76,7 +74,7 @@ bool SplitDmaLine(std::string_view line, std::string_view& channel, std::string_
 
 bool CSystemAdapter::GetIoResource(_SystemAdapterIoDescriptor& descriptor, int index) const {
   uint32_t bar = 0;
-  if (!m_SlotData.header.IsPresent() || !FindIoBar(m_SlotData.header, index, bar)) return false;
+  if (!m_SlotData.header.IsPresent() || !FindBar(m_SlotData.header, IsPort, index, bar)) return false;
   const uint64_t start = bar & ~kSpaceBits;
   descriptor = {start, start, 0};
   return true;
@@ -84,7 +82,7 @@ bool CSystemAdapter::GetIoResource(_SystemAdapterIoDescriptor& descriptor, int i
 
 bool CSystemAdapter::GetMemoryResource(_SystemAdapterMemoryDescriptor& descriptor, int index) const {
   uint32_t bar = 0;
-  if (!m_SlotData.header.IsPresent() || !FindMemoryBar(m_SlotData.header, index, bar)) return false;
+  if (!m_SlotData.header.IsPresent() || !FindBar(m_SlotData.header, IsMemory, index, bar)) return false;
   const uint64_t start = bar & kMemoryAddress;
   unsigned long long end = 0;
   if (!GetMemoryResourceEndAddress(start, end)) return false;

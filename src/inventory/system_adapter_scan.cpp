@@ -10,12 +10,6 @@
 #include "inventory/system_adapter.h"
 #include "trace/debug.h"
 
-// What one scan reads of the kernel for all of its adapters.
-struct AdapterSources {
-  PciDriverTable drivers;
-  NetInterfaceTable interfaces;
-};
-
 namespace {
 
 constexpr size_t kMaxName = 127;  // drivers and interfaces
@@ -54,10 +48,10 @@ CSystemAdapter CSystemAdapter::MakeIsaAdapter(const CSystemDevice& device) {
   return adapter;
 }
 
-void CSystemAdapter::SetNetworkInterface(AdapterSources& sources) {
+void CSystemAdapter::SetNetworkInterface() {
   const CPciAddress& address = m_SlotData.address;
   MacAddress mac = {};
-  if (!sources.interfaces.Find(address.segment, address.bus, address.device, address.function, InterfaceName, mac)) {
+  if (!FindNetInterface(address.segment, address.bus, address.device, address.function, InterfaceName, mac)) {
     InterfaceName = kUnknownInterface;
   }
   InterfaceName.resize(std::min(InterfaceName.size(), kMaxName));
@@ -67,18 +61,18 @@ void CSystemAdapter::SetNetworkInterface(AdapterSources& sources) {
   }
 }
 
-CSystemAdapter CSystemAdapter::MakePciAdapter(const CPciSlotData& slot, AdapterSources& sources) {
+CSystemAdapter CSystemAdapter::MakePciAdapter(const CPciSlotData& slot, PciDriverTable& drivers) {
   const CPciAddress& address = slot.address;
   const AdapterClass found = FindAdapterClass(slot.header.BaseClass(), slot.header.SubClass(), slot.header.VendorId());
   CSystemAdapter adapter;
   adapter.m_SlotData = slot;
   adapter.SetDeviceId(PciDeviceId(slot.header).c_str());
   adapter.ClassName = found.name;
-  if (found.hasDriver && !sources.drivers.Find(address.segment, address.bus, address.device, address.function, kMaxName,
-                                               adapter.DriverName)) {
+  if (found.hasDriver &&
+      !drivers.Find(address.segment, address.bus, address.device, address.function, kMaxName, adapter.DriverName)) {
     adapter.DriverName = kUnknownDriver;
   }
-  if (found.hasMac) adapter.SetNetworkInterface(sources);
+  if (found.hasMac) adapter.SetNetworkInterface();
   adapter.DeviceName = PciDeviceName(found.hasMac ? adapter.InterfaceName : adapter.DriverName, address);
   TRACE(3, "\nCSystemAdapter      : Adding PCI adapter \"%s\" (Class: %s)", adapter.DeviceIdText(),
         adapter.ClassName.c_str());
@@ -98,10 +92,10 @@ bool CSystemAdapter::ScanSystemAdapters(std::vector<CSystemAdapter>& adapters, c
   const size_t pciCount = CountSlotData(list);
   TRACE(2, "\nCSystemAdapter      : Found %d PCI devices", static_cast<int>(pciCount));
   adapters.reserve(adapters.size() + pciCount);
-  AdapterSources sources;
+  PciDriverTable drivers;
   CPciAddress position;
   for (CPciSlotData slot; GetNextSlotData(list, position, slot);) {
-    if (IsAdapter(slot.header)) adapters.push_back(MakePciAdapter(slot, sources));
+    if (IsAdapter(slot.header)) adapters.push_back(MakePciAdapter(slot, drivers));
   }
   TRACE(5, "\nCSystemAdapter      : <- ScanSystemAdapters");
   return true;

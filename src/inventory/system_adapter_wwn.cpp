@@ -1,12 +1,13 @@
 // The Fibre Channel query of CSystemAdapter.
 
+#include <algorithm>
 #include <cstdio>
 
+#include "inventory/drive_links.h"
 #include "inventory/system_adapter.h"
 #include "pci/fc_controllers.h"
 #include "platform/directory.h"
 #include "platform/file.h"
-#include "platform/reg_ex.h"
 #include "platform/stdio_file.h"
 #include "trace/debug.h"
 
@@ -14,8 +15,6 @@ namespace {
 
 constexpr const char* kFcHosts = "/sys/class/fc_host/";
 constexpr const char* kPortName = "/port_name";
-constexpr const char* kPciAddressPattern =
-    "[a-f0-9][a-f0-9][a-f0-9][a-f0-9]:[a-f0-9][a-f0-9]:[a-f0-9][a-f0-9].[a-f0-9]";
 constexpr uint8_t kSerialBus = 0x0C;
 constexpr uint8_t kFibreChannel = 0x04;
 
@@ -25,15 +24,13 @@ std::string AddressText(const CPciAddress& address) {
   return text;
 }
 
-// The host whose link names that address first. An address further down the link does not count.
-bool FindHost(const std::vector<std::string>& hosts, const std::string& address, std::string& host) {
+// The host whose link leads over that address: behind a root port, it is not the first one.
+bool FindHost(const std::vector<std::string>& hosts, const CPciAddress& address, std::string& host) {
   for (const std::string& each : hosts) {
     std::string target;
-    std::string match;
-    if (!CFile::GetSymbolicLink(target, kFcHosts + each) ||
-        !CRegEx::GetRegexFromString(match, kPciAddressPattern, target, 1) || match != address) {
-      continue;
-    }
+    if (!CFile::GetSymbolicLink(target, kFcHosts + each)) continue;
+    const std::vector<CPciAddress> way = FindPciAddresses(target);
+    if (std::ranges::find(way, address) == way.end()) continue;
     host = each;
     return true;
   }
@@ -60,7 +57,7 @@ bool CSystemAdapter::ReadNodeWwn(const std::string& address) {
     return false;
   }
   std::string host;
-  if (!FindHost(hosts, address, host)) {
+  if (!FindHost(hosts, m_SlotData.address, host)) {
     TRACE(1, "CSystemAdapter: Cannot get wwn for FC-Controller '%s'.\n", address.c_str());
     return false;
   }

@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "inventory/adapter_classes.h"
+#include "inventory/pci_list_walk.h"
 #include "pci/bus_scan.h"
 #include "trace/debug.h"
 
@@ -43,6 +44,7 @@ void CSystemDevice::ClassCopy(const CSystemDevice& other) {
 
 int CSystemDevice::ScanDeviceData(std::map<std::string, CSystemDevice>& devices, bool /*unused*/) {
   TRACE(3, "\nCSystemDevice       : -> ScanDeviceData");
+  const CCriticalSectionLock lock(DeviceTablesLock());
   for (const BusTableEntry* entry = BusGetNextTableEntry(0); entry != nullptr; entry = BusGetNextTableEntry(1)) {
     if (!IsKnownIsaDevice(entry->function)) continue;
     const CSystemDevice device = MakeIsaDevice(entry->function);

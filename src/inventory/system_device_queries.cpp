@@ -1,7 +1,7 @@
 // The queries of CSystemDeviceScan.
 
 #include "inventory/pci_list_walk.h"
-#include "inventory/scan_gate.h"
+#include "inventory/system_device_scan.h"
 #include "trace/debug.h"
 
 namespace {
@@ -22,8 +22,8 @@ bool IdFits(unsigned short wanted, uint16_t id) {
 }  // namespace
 
 unsigned int CSystemDeviceScan::GetAdapterCount() {
-  const GateHold gate(*this, kQueryTimeoutMs);
-  if (!gate) {
+  const Turn turn(*this, kQueryTimeoutMs);
+  if (!turn) {
     TRACE(1, "\nCSystemDeviceScan   : WARNING! GetAdapterCount(): Access timeout!\n");
     return 0;
   }
@@ -31,8 +31,8 @@ unsigned int CSystemDeviceScan::GetAdapterCount() {
 }
 
 bool CSystemDeviceScan::GetAdapter(CSystemAdapter& adapter, int index) {
-  const GateHold gate(*this, kQueryTimeoutMs);
-  if (!gate) {
+  const Turn turn(*this, kQueryTimeoutMs);
+  if (!turn) {
     TRACE(1, "\nCSystemDeviceScan   : WARNING! GetAdapter(): Access timeout!\n");
     return false;
   }
@@ -40,8 +40,8 @@ bool CSystemDeviceScan::GetAdapter(CSystemAdapter& adapter, int index) {
 }
 
 bool CSystemDeviceScan::FindAdapter(CSystemAdapter& adapter, const char* deviceId) {
-  const GateHold gate(*this, kQueryTimeoutMs);
-  if (!gate) {
+  const Turn turn(*this, kQueryTimeoutMs);
+  if (!turn) {
     TRACE(1, "\nCSystemDeviceScan   : WARNING! FindAdapter(): Access timeout!\n");
     return false;
   }
@@ -49,13 +49,13 @@ bool CSystemDeviceScan::FindAdapter(CSystemAdapter& adapter, const char* deviceI
 }
 
 bool CSystemDeviceScan::FindAdapter(CSystemAdapter& adapter, const CPciAddress& address) {
-  GateHold gate(*this, kQueryTimeoutMs);
-  if (!gate) {
+  Turn turn(*this, kQueryTimeoutMs);
+  if (!turn) {
     TRACE(1, "\nCSystemDeviceScan   : WARNING! FindAdapter(): Access timeout!\n");
     return false;
   }
   const bool found = m_Adapters.GetAdapter(adapter, address);
-  gate.GiveBack();
+  turn.GiveBack();
   if (found) {
     TRACE(2, "\nCSystemDeviceScan   : Found adapter at PCI address (Bus %d Device %d Function %d): %s", address.bus,
           address.device, address.function, adapter.DeviceName.c_str());
@@ -67,8 +67,8 @@ bool CSystemDeviceScan::FindAdapter(CSystemAdapter& adapter, const CPciAddress& 
 }
 
 bool CSystemDeviceScan::GetHostAdapter(CSystemAdapter& adapter, const CSystemDrive& drive) {
-  const GateHold gate(*this, kQueryTimeoutMs);
-  if (!gate) {
+  const Turn turn(*this, kQueryTimeoutMs);
+  if (!turn) {
     TRACE(1, "\nCSystemDeviceScan   : WARNING! GetHostAdapter(): Access timeout!\n");
     return false;
   }
@@ -78,8 +78,8 @@ bool CSystemDeviceScan::GetHostAdapter(CSystemAdapter& adapter, const CSystemDri
 }
 
 bool CSystemDeviceScan::GetHostDrives(CSystemDriveList& drives, CSystemAdapter& adapter) {
-  const GateHold gate(*this, kQueryTimeoutMs);
-  if (!gate) {
+  const Turn turn(*this, kQueryTimeoutMs);
+  if (!turn) {
     TRACE(1, "\nCSystemDeviceScan   : WARNING! GetHostDrive(): Access timeout!\n");
     return false;
   }
@@ -105,26 +105,26 @@ bool CSystemDeviceScan::GetParentAdapter(const CSystemAdapter& /*adapter*/, CSys
 }
 
 int CSystemDeviceScan::GetDriveCount() {
-  const GateHold gate(*this, kQueryTimeoutMs);
-  if (!gate) TRACE(1, "\nCSystemDeviceScan   : WARNING! GetDriveCount(): Access timeout!\n");
+  const Turn turn(*this, kQueryTimeoutMs);
+  if (!turn) TRACE(1, "\nCSystemDeviceScan   : WARNING! GetDriveCount(): Access timeout!\n");
   return 0;
 }
 
 bool CSystemDeviceScan::GetDrive(CSystemDrive& /*drive*/, int /*index*/) {
-  const GateHold gate(*this, kQueryTimeoutMs);
-  if (!gate) TRACE(1, "\nCSystemDeviceScan   : WARNING! GetDrive(): Access timeout!\n");
+  const Turn turn(*this, kQueryTimeoutMs);
+  if (!turn) TRACE(1, "\nCSystemDeviceScan   : WARNING! GetDrive(): Access timeout!\n");
   return false;
 }
 
 int CSystemDeviceScan::GetPartitionCount() {
-  const GateHold gate(*this, kQueryTimeoutMs);
-  if (!gate) TRACE(1, "\nCSystemDeviceScan   : WARNING! GetPartitionCount(): Access timeout!\n");
+  const Turn turn(*this, kQueryTimeoutMs);
+  if (!turn) TRACE(1, "\nCSystemDeviceScan   : WARNING! GetPartitionCount(): Access timeout!\n");
   return 0;
 }
 
 bool CSystemDeviceScan::GetPartition(CSystemPartition& /*partition*/, int /*index*/) {
-  const GateHold gate(*this, kQueryTimeoutMs);
-  if (!gate) TRACE(1, "\nCSystemDeviceScan   : WARNING! GetPartition(): Access timeout!\n");
+  const Turn turn(*this, kQueryTimeoutMs);
+  if (!turn) TRACE(1, "\nCSystemDeviceScan   : WARNING! GetPartition(): Access timeout!\n");
   return false;
 }
 
@@ -135,8 +135,8 @@ int CSystemDeviceScan::GetDiskPartitions(CSystemPartitionList& /*partitions*/, C
 }
 
 bool CSystemDeviceScan::GetVolume(CSystemVolume& volume, int index) {
-  const GateHold gate(*this, kQueryTimeoutMs);
-  if (!gate) {
+  const Turn turn(*this, kQueryTimeoutMs);
+  if (!turn) {
     TRACE(1, "\nCSystemDeviceScan   : WARNING! GetVolume(): Access timeout!\n");
     return false;
   }

@@ -2,27 +2,36 @@
 
 #include <cxxabi.h>
 
+#include <algorithm>
+#include <chrono>
+
 #include "inventory/pci_list_walk.h"
-#include "inventory/scan_gate.h"
 #include "trace/debug.h"
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 constexpr unsigned int kStopTimeoutMs = 5000;
 constexpr unsigned int kUpdateSeconds = 60;
+constexpr unsigned int kExitCheckMs = 50;
 constexpr unsigned long kUpdatePriority = 63;
 
-// One scan at a time, of whatever object, uses the tables that the process has once.
-constinit CCriticalSection s_DeviceTables;  // bus tables, slot map
-constinit CCriticalSection s_MountTable;
+}  // namespace
 
-void ReadVolumes(std::vector<CSystemVolume>& volumes) {
-  const CCriticalSectionLock lock(s_MountTable);
-  volumes.clear();
-  CSystemVolume::ScanSystemVolumes(volumes);
+CSystemDeviceScan::Turn::Turn(CSystemDeviceScan& scan, unsigned int timeoutMs, Caller caller)
+    : m_Call(scan.m_Calls, std::defer_lock), m_Gate(scan.m_ScanGate), m_Lists(scan.m_ListsFree) {
+  if (caller == kClient) m_Call.lock();
+  const Clock::time_point end = Clock::now() + std::chrono::milliseconds(timeoutMs);
+  if (!m_Gate.Take(timeoutMs)) return;
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
+  if (!m_Lists.Take(static_cast<unsigned int>(std::max<long long>(left, 0)))) m_Gate.GiveBack();
 }
 
-}  // namespace
+void CSystemDeviceScan::Turn::GiveBack() {
+  m_Lists.GiveBack();
+  m_Gate.GiveBack();
+}
 
 CSystemDeviceScan::CSystemDeviceScan() {
   m_ExitEvent.Create(false, false, nullptr);
@@ -40,14 +49,10 @@ CSystemDeviceScan& CSystemDeviceScan::operator=(const CSystemDeviceScan& other) 
 CSystemDeviceScan::~CSystemDeviceScan() {
   Terminate(kStopTimeoutMs);
   TRACE(1, "\nCSystemDeviceScan   : CLASS DESTROYED!\n");
-  WaitForPendingCalls();
+  m_Calls.lock();
+  m_Calls.unlock();
   // A scan that was under way may have started the thread again.
   if (IsUpdateThreadAlive()) StopUpdateThread(kStopTimeoutMs);
-}
-
-void CSystemDeviceScan::WaitForPendingCalls() {
-  std::unique_lock lock(m_CallLock);
-  m_CallsChanged.wait(lock, [this] { return m_PendingCalls == 0; });
 }
 
 void CSystemDeviceScan::ClassCopy(const CSystemDeviceScan& other) {
@@ -60,8 +65,8 @@ void CSystemDeviceScan::ClassCopy(const CSystemDeviceScan& other) {
 
 // The update thread of the other object may be at work.
 void CSystemDeviceScan::CopyLists(const CSystemDeviceScan& other) {
-  ListsHold lists(other);
-  if (!lists.Take(ListsHold::Clock::now() + std::chrono::milliseconds(kQueryTimeoutMs), false)) return;
+  EventHold lists(other.m_ListsFree);
+  if (!lists.Take(kQueryTimeoutMs)) return;
   m_Adapters = other.m_Adapters;
   m_Volumes = other.m_Volumes;
   const CCriticalSectionLock lock(other.m_PciConfigList.Lock());
@@ -71,11 +76,15 @@ void CSystemDeviceScan::CopyLists(const CSystemDeviceScan& other) {
 
 int CSystemDeviceScan::ScanHardware(int flags, bool startUpdateThread, unsigned int timeoutMs,
                                     _ScanOptions* /*options*/) {
+  return Scan(flags, startUpdateThread, timeoutMs);
+}
+
+int CSystemDeviceScan::Scan(int flags, std::optional<bool> startUpdateThread, unsigned int timeoutMs) {
   TRACE(4, "\n\nCSystemDeviceScan   : -> ScanHardware()");
   TRACE(3, "\n\nCSystemDeviceScan   : Waiting %d msec for pending hardware scan operation ...",
         static_cast<int>(timeoutMs));
-  GateHold gate(*this, timeoutMs);
-  if (!gate) {
+  Turn turn(*this, timeoutMs);
+  if (!turn) {
     TRACE(1, "\nCSystemDeviceScan   : ## WARNING! Time out waiting for end of pending hardware scan! (%d msec)\n",
           static_cast<int>(timeoutMs));
     TRACE(2, "\nCSystemDeviceScan   : ... hardware scan completed (%s)!\n\n", "FAILED");
@@ -84,21 +93,22 @@ int CSystemDeviceScan::ScanHardware(int flags, bool startUpdateThread, unsigned 
   }
   int result = -1;
   try {
+    const bool startsThread = startUpdateThread.value_or(IsUpdateThreadAlive());
     RunSteps(flags);
     result = 0;
-    if (startUpdateThread) {
+    if (startsThread) {
       TRACE(3, "\nCSystemDeviceScan   : Start update thread (partition check)");
       StartUpdateThread();
     } else {
       TRACE(3, "\nCSystemDeviceScan   : Start update thread (partition check) skipped");
     }
-    gate.GiveBack();
+    turn.GiveBack();
     TRACE(2, "\nCSystemDeviceScan   : ... hardware scan completed (%s)!\n\n", "OK");
   } catch (const abi::__forced_unwind&) {
     throw;  // the calling thread is being cancelled
   } catch (...) {
     TRACE(1, "\n\nCSystemDeviceScan   : ERROR! EXCEPTION in ScanHardware()!");
-    gate.GiveBack();
+    turn.GiveBack();
   }
   TRACE(4, "\n\nCSystemDeviceScan   : <- ScanHardware()");
   return result;
@@ -108,11 +118,11 @@ int CSystemDeviceScan::ScanDevices(int flags, bool startUpdateThread, unsigned i
   return ScanHardware(flags, startUpdateThread, timeoutMs, nullptr);
 }
 
-int CSystemDeviceScan::RescanHardware(unsigned int timeoutMs, _ScanOptions* options) {
-  return ScanHardware(-1, IsUpdateThreadAlive(), timeoutMs, options);
+int CSystemDeviceScan::RescanHardware(unsigned int timeoutMs, _ScanOptions* /*options*/) {
+  return Scan(-1, std::nullopt, timeoutMs);
 }
 
-// The gate is held. Terminate may come in between any two steps.
+// The turn is taken. Terminate may come in between any two steps.
 void CSystemDeviceScan::RunSteps(int flags) {
   m_ScanFlags = flags;
   TRACE(1, "\n\nCSystemDeviceScan   : Start hardware rescan ...");
@@ -137,15 +147,13 @@ void CSystemDeviceScan::RunSteps(int flags) {
 
 void CSystemDeviceScan::ScanPciFunctions() {
   TRACE(3, "\nCSystemDeviceScan   : Scan PCI slot data ...");
-  const CCriticalSectionLock tableLock(s_DeviceTables);
-  const CCriticalSectionLock listLock(m_PciConfigList.Lock());
+  const CCriticalSectionLock lock(m_PciConfigList.Lock());
   m_PciConfigList.clear();
   ScanPciSlotsQuietly(m_PciConfigList);
 }
 
 bool CSystemDeviceScan::ScanSystemAdapters() {
   TRACE(3, "\nCSystemDeviceScan   : Scan system devices ...");
-  const CCriticalSectionLock lock(s_DeviceTables);
   m_Adapters.clear();
   CSystemAdapter::ScanSystemAdapters(m_Adapters, m_PciConfigList, false);
   return !m_Adapters.empty();
@@ -155,7 +163,7 @@ bool CSystemDeviceScan::ScanSystemDrives() {
   TRACE(3, "\nCSystemDeviceScan   : Scan system drives ...");
   m_DriveMap.clear();
   m_Drives.clear();
-  CSystemDrive::ScanSystemDrives(m_Drives, false, false);
+  CSystemDrive::ScanSystemDrives(m_Drives, false, false, &m_Terminating);
   for (CSystemDrive& drive : m_Drives)
     AddToDriveMap(drive);
   return true;
@@ -169,7 +177,8 @@ void CSystemDeviceScan::AddToDriveMap(CSystemDrive& drive) {
 
 bool CSystemDeviceScan::ScanSystemVolumes() {
   TRACE(3, "\nCSystemDeviceScan   : Scan system volumes ...");
-  ReadVolumes(m_Volumes);
+  m_Volumes.clear();
+  CSystemVolume::ScanSystemVolumes(m_Volumes, &m_Terminating);
   return true;
 }
 
@@ -179,26 +188,34 @@ bool CSystemDeviceScan::ScanSystemPartitions() {
 }
 
 int CSystemDeviceScan::GetVolumeCount() {
-  const GateHold gate(*this, kQueryTimeoutMs);
-  if (!gate) {
+  const Turn turn(*this, kQueryTimeoutMs);
+  if (!turn) {
     TRACE(1, "\nCSystemDeviceScan   : WARNING! GetVolumeNumber(): Access timeout!\n");
     return 0;
   }
-  ReadVolumes(m_Volumes);
+  m_Volumes.clear();
+  CSystemVolume::ScanSystemVolumes(m_Volumes, &m_Terminating);
   return static_cast<int>(m_Volumes.size());
 }
 
 bool CSystemDeviceScan::ScanVolumes() {
-  return ScanVolumes(false);
+  const Turn turn(*this, kQueryTimeoutMs);
+  if (turn) return ScanSystemVolumes();
+  TRACE(1, "\nCSystemDeviceScan   : WARNING! ScanVolumes(): Access timeout!\n");
+  return false;
 }
 
-bool CSystemDeviceScan::ScanVolumes(bool forUpdateThread) {
-  const GateHold gate(*this, kQueryTimeoutMs, forUpdateThread);
-  if (gate) return ScanSystemVolumes();
-  if (!forUpdateThread || !m_ExitRequested) {
-    TRACE(1, "\nCSystemDeviceScan   : WARNING! ScanVolumes(): Access timeout!\n");
+// ScanVolumes for the update thread. Whoever stops the thread may have the turn, so it is waited for in short pieces.
+void CSystemDeviceScan::ScanVolumesUnlessStopped() {
+  for (unsigned int waitedMs = 0; waitedMs < kQueryTimeoutMs && !m_ExitRequested; waitedMs += kExitCheckMs) {
+    const Turn turn(*this, kExitCheckMs, Turn::kUpdateThread);
+    if (!turn) continue;
+    TRACE(3, "\nCSystemDeviceScan   : Scan system volumes ...");
+    m_Volumes.clear();
+    CSystemVolume::ScanSystemVolumes(m_Volumes, &m_ExitRequested);
+    return;
   }
-  return false;
+  if (!m_ExitRequested) TRACE(1, "\nCSystemDeviceScan   : WARNING! ScanVolumes(): Access timeout!\n");
 }
 
 bool CSystemDeviceScan::IsUpdateThreadAlive() const {
@@ -228,11 +245,7 @@ int CSystemDeviceScan::StopUpdateThread(unsigned int timeoutMs) {
     return 1;
   }
   TRACE(3, "\nCSystemDeviceScan   : Signale \"Exit\" to update thread");
-  {
-    const std::lock_guard callLock(m_CallLock);
-    m_ExitRequested = true;
-    m_CallsChanged.notify_all();
-  }
+  m_ExitRequested = true;
   m_ExitEvent.Set();
   const int seconds = static_cast<int>(timeoutMs / 1000);
   TRACE(3, "\nCSystemDeviceScan   : Wait %d seconds for thread termination ...", seconds);
@@ -273,14 +286,12 @@ void CSystemDeviceScan::WatchPartitions() {
   if (m_ExitRequested) {
     TRACE(2, "\nCSystemDeviceScan   : WatchPartitions() terminated!");
   } else {
-    int result = kWaitTimedOut;
-    while (result == kWaitTimedOut && !m_ExitRequested) {
+    do {
       TRACE(3, "\nCSystemDeviceScan   : Scan system volumes ...");
       UpdateVolumes();
       TRACE(3, "\nCSystemDeviceScan   : Wait %d seconds for next volume information update scan",
             static_cast<int>(kUpdateSeconds));
-      result = m_ExitEvent.Wait(kUpdateSeconds * 1000);
-    }
+    } while (m_ExitEvent.Wait(kUpdateSeconds * 1000) == kWaitTimedOut && !m_ExitRequested);
   }
   TRACE(1, "\nCSystemDeviceScan   : EXIT THREAD WatchPartitions()");
 }
@@ -288,7 +299,7 @@ void CSystemDeviceScan::WatchPartitions() {
 // A round that runs out of memory is left out: the thread must not take the process down, and the next one may succeed.
 void CSystemDeviceScan::UpdateVolumes() {
   try {
-    ScanVolumes(true);
+    ScanVolumesUnlessStopped();
   } catch (const std::exception&) {
     return;
   }

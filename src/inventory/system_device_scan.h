@@ -1,11 +1,12 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <map>
-#include <mutex>
+#include <optional>
+#include <shared_mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "inventory/system_adapter_list.h"
@@ -27,6 +28,7 @@ struct _ScanOptions;
 // Scans and queries hold a gate, so that a query never sees a half-built list; the PCI slot queries use the lock of the
 // PCI list instead and wait while that is rebuilt. The gate is not re-entrant. Scans of several objects take turns
 // where they use what the whole process shares (mount table, bus tables).
+// Stop: Terminate ends a volume scan at the next silent file system and a drive scan at the next drive.
 // Time: a query waits up to 90 seconds for the gate; a scan or Terminate as long as its caller says. One that gets no
 // gate traces a warning and gives false, 0 or -1 with outputs and lists untouched.
 // Failures: results only. ScanHardware catches every exception; a query may throw std::bad_alloc and leaves the gate
@@ -56,7 +58,7 @@ class CSystemDeviceScan {
   // left. After Terminate nothing is scanned, which counts as done.
   int ScanHardware(int flags, bool startUpdateThread, unsigned int timeoutMs, _ScanOptions* options);
   int ScanDevices(int flags, bool startUpdateThread, unsigned int timeoutMs);
-  // Everything; the update thread goes on when it was alive.
+  // Everything; the update thread goes on when it was alive as the scan got the gate.
   int RescanHardware(unsigned int timeoutMs, _ScanOptions* options);
 
   unsigned int GetAdapterCount();
@@ -112,23 +114,57 @@ class CSystemDeviceScan {
   bool ScanSystemPartitions();
 
  private:
-  class GateHold;
-  class ListsHold;
+  // An auto-reset event, held like a lock that can be waited for with a limit.
+  class EventHold {
+   public:
+    explicit EventHold(const CEvent& event) : m_Event(event) {}
+    ~EventHold() { GiveBack(); }
+    EventHold(const EventHold&) = delete;
+    EventHold& operator=(const EventHold&) = delete;
+
+    bool Take(unsigned int timeoutMs) { return m_IsHeld = m_Event.Wait(timeoutMs, true) == kWaitDone; }
+    bool IsHeld() const { return m_IsHeld; }
+    void GiveBack() {
+      if (std::exchange(m_IsHeld, false)) m_Event.Set();
+    }
+
+   private:
+    const CEvent& m_Event;
+    bool m_IsHeld = false;
+  };
+
+  // One call's turn at the lists: through the gate, then the lock of the lists, and both given back when the call ends
+  // in whatever way. False when the time was up. Lives on the stack of the call; the object outlives it.
+  // The gate alone would not do, as Terminate opens it when its time is up, whoever holds it.
+  class Turn {
+   public:
+    enum Caller { kClient, kUpdateThread };  // the destructor waits for the one, and joins the other
+
+    Turn(CSystemDeviceScan& scan, unsigned int timeoutMs, Caller caller = kClient);
+    explicit operator bool() const { return m_Lists.IsHeld(); }
+    void GiveBack();
+
+   private:
+    std::shared_lock<std::shared_mutex> m_Call;
+    EventHold m_Gate;
+    EventHold m_Lists;
+  };
 
   static constexpr unsigned int kQueryTimeoutMs = 90'000;
 
   static void* LaunchAsThread_WatchPartitions(void* scan);
   void WatchPartitions();
   void UpdateVolumes();
-  bool ScanVolumes(bool forUpdateThread);
+  // The update thread is started when it is said so; where nothing is said, when it was alive.
+  int Scan(int flags, std::optional<bool> startUpdateThread, unsigned int timeoutMs);
   void CopyLists(const CSystemDeviceScan& other);
   void RunSteps(int flags);
   void ScanPciFunctions();
   void AddToDriveMap(CSystemDrive& drive);
   bool IsUpdateThreadAlive() const;
-  void WaitForPendingCalls();
+  void ScanVolumesUnlessStopped();
 
-  // Guarded by the gate and m_ListsHeld.
+  // Guarded by m_ListsFree, behind the gate.
   CSystemAdapterList m_Adapters;
   std::vector<CSystemDrive> m_Drives;
   std::vector<CSystemVolume> m_Volumes;
@@ -142,11 +178,9 @@ class CSystemDeviceScan {
   std::atomic<bool> m_ExitRequested = false;
   std::atomic<bool> m_Terminating = false;  // never cleared
 
-  // Order of locks: gate, m_ListsHeld, m_ThreadLock, m_CallLock; those of the shared tables and of the PCI list stand
-  // alone.
+  // Order of locks: m_Calls, gate, m_ListsFree, m_ThreadLock; that of the PCI list stands before those of the shared
+  // tables.
   mutable CCriticalSection m_ThreadLock;
-  mutable std::mutex m_CallLock;  // guards the three below
-  mutable std::condition_variable m_CallsChanged;
-  mutable bool m_ListsHeld = false;  // by the call that got the gate, or by a copy being made
-  unsigned int m_PendingCalls = 0;   // calls that wait for the gate or hold it
+  CEvent m_ListsFree{true, false};  // taken by the call that has the turn, and while a copy is made
+  std::shared_mutex m_Calls;        // shared by the calls that want a turn; the destructor waits for it alone
 };

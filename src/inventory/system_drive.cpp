@@ -84,6 +84,7 @@ void CSystemDrive::ClassCopy(const CSystemDrive& other) {
   m_MediaRemovable = other.m_MediaRemovable;
   m_Hotplug = other.m_Hotplug;
   m_ScsiAddress = other.m_ScsiAddress;
+  m_ScsiAddressText = other.m_ScsiAddressText;
   m_DeviceObjectName = other.m_DeviceObjectName;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -56,10 +57,13 @@ class CSystemDrive : public CSystemDevice {
   void ClassCopy(const CSystemDrive& other);
 
   // Appends the SCSI devices, then the Fusion-io cards, then the NVMe devices. The flags are not used.
-  static void ScanSystemDrives(std::vector<CSystemDrive>& drives, bool unused1, bool unused2);
-  static void ScanScsiDrives(std::vector<CSystemDrive>& drives);
+  // A device that does not answer holds the scan up for 50 seconds; after the first one the other drives of its SCSI
+  // host are recorded without being asked. When stop becomes true the scan ends before the next drive.
+  static void ScanSystemDrives(std::vector<CSystemDrive>& drives, bool unused1, bool unused2,
+                               const std::atomic<bool>* stop = nullptr);
+  static void ScanScsiDrives(std::vector<CSystemDrive>& drives, const std::atomic<bool>* stop = nullptr);
   static void ScanSSDDrives(std::vector<CSystemDrive>& drives);
-  static void ScanIntelSSDDevices(std::vector<CSystemDrive>& drives);
+  static void ScanIntelSSDDevices(std::vector<CSystemDrive>& drives, const std::atomic<bool>* stop = nullptr);
   // Scans nothing; always true.
   static bool ScanDrives(std::vector<CSystemDrive>& drives, const char* unused);
   // No effect.
@@ -80,6 +84,8 @@ class CSystemDrive : public CSystemDevice {
   int GetLun() const;
   // False without a SCSI address; the output then stays as it was.
   bool GetScsiAddress(CScsiAddress& address) const;
+  // "256:0:1:0": host, channel, target and lun in full, where the parts above are cut to their size; "" without one.
+  const std::string& GetScsiAddressText() const { return m_ScsiAddressText; }
   // Address of the host adapter; invalid when it could not be determined.
   CPciAddress GetPciAddress() const { return m_PciAddress; }
 
@@ -120,7 +126,8 @@ class CSystemDrive : public CSystemDevice {
 
   static constexpr uint32_t kNoDriveNumber = 0xFFFFFFFF;
 
-  static void AddScsiDrive(std::vector<CSystemDrive>& drives, const CScsiListDevice& device);
+  // False when the drive was not asked or took too long.
+  static bool AddScsiDrive(std::vector<CSystemDrive>& drives, const CScsiListDevice& device, bool isAsked);
   void SetTypes(const std::string& typeText);
   void SetDiskTypes();
   // Numbers the drive and appends it; returns the new size of the vector.
@@ -128,6 +135,7 @@ class CSystemDrive : public CSystemDevice {
 
   CPciAddress m_PciAddress;
   CScsiAddress m_ScsiAddress;
+  std::string m_ScsiAddressText;
   bool m_MultipathDrive = false;
   mutable CCriticalSection m_Lock;
   std::string m_DeviceObjectName;  // block or tape device

@@ -2,12 +2,14 @@
 
 #include <fcntl.h>
 
+#include <chrono>
 #include <cstdio>
+#include <set>
 
-#include "inventory/drive_inquiry.h"
 #include "inventory/drive_links.h"
 #include "inventory/fusion_card.h"
 #include "inventory/scsi_device_list.h"
+#include "inventory/scsi_inquiry.h"
 #include "inventory/system_drive.h"
 #include "platform/descriptor_io.h"
 #include "platform/directory.h"
@@ -33,13 +35,26 @@ std::string ScsiDeviceId(const CScsiListDevice& device) {
   return text;
 }
 
+// False when the question took as long as it may: the next one would, too.
+template <typename Question>
+bool AsksInTime(Question question) {
+  const auto start = std::chrono::steady_clock::now();
+  question();
+  return std::chrono::steady_clock::now() - start < std::chrono::milliseconds(CScsiInquiry::kTimeoutMs);
+}
+
+bool IsSet(const std::atomic<bool>* stop) {
+  return stop != nullptr && *stop;
+}
+
 }  // namespace
 
-void CSystemDrive::ScanSystemDrives(std::vector<CSystemDrive>& drives, bool /*unused1*/, bool /*unused2*/) {
+void CSystemDrive::ScanSystemDrives(std::vector<CSystemDrive>& drives, bool /*unused1*/, bool /*unused2*/,
+                                    const std::atomic<bool>* stop) {
   TRACE(5, "\nCSystemDrive        : -> ScanSystemDrives");
-  ScanScsiDrives(drives);
+  ScanScsiDrives(drives, stop);
   ScanSSDDrives(drives);
-  ScanIntelSSDDevices(drives);
+  ScanIntelSSDDevices(drives, stop);
   TRACE(5, "\nCSystemDrive        : <- ScanSystemDrives");
 }
 
@@ -47,7 +62,7 @@ bool CSystemDrive::ScanDrives(std::vector<CSystemDrive>& /*drives*/, const char*
   return true;
 }
 
-void CSystemDrive::ScanScsiDrives(std::vector<CSystemDrive>& drives) {
+void CSystemDrive::ScanScsiDrives(std::vector<CSystemDrive>& drives, const std::atomic<bool>* stop) {
   TRACE(2, "\nCSystemDrive::ScanScsiDevices ");
   std::string text;
   if (!ReadScsiList(text)) {
@@ -56,15 +71,19 @@ void CSystemDrive::ScanScsiDrives(std::vector<CSystemDrive>& drives) {
     return;
   }
   CScsiDeviceList list(text);
-  for (CScsiListDevice device; list.Next(device);) {
-    AddScsiDrive(drives, device);
+  std::set<unsigned int> silentHosts;
+  for (CScsiListDevice device; !IsSet(stop) && list.Next(device);) {
+    const bool isAsked = !silentHosts.contains(device.host);
+    if (AddScsiDrive(drives, device, isAsked) || !isAsked) continue;
+    TRACE(1, "\nCSystemDrive::ScanScsiDrives : Host %u timed out, its other drives are not asked", device.host);
+    silentHosts.insert(device.host);
   }
 }
 
-void CSystemDrive::AddScsiDrive(std::vector<CSystemDrive>& drives, const CScsiListDevice& device) {
-  const std::string address = ScsiAddressToString(device.address);
+bool CSystemDrive::AddScsiDrive(std::vector<CSystemDrive>& drives, const CScsiListDevice& device, bool isAsked) {
+  const std::string& address = device.address;
   std::string name;
-  if (!GetScsiDriveOSName(name, address, device.type.starts_with("Sequential-Access"))) return;
+  if (!GetScsiDriveOSName(name, address, device.type.starts_with("Sequential-Access"))) return true;
   const std::string path = kDeviceNodes + name;
   CSystemDrive drive(ScsiDeviceId(device).c_str());
   drive.m_DeviceObjectName = name;
@@ -72,15 +91,17 @@ void CSystemDrive::AddScsiDrive(std::vector<CSystemDrive>& drives, const CScsiLi
   drive.VendorName = device.vendor;
   drive.DeviceName = device.model;
   drive.DeviceRevision = device.revision;
-  drive.m_ScsiAddress = device.address;
+  drive.m_ScsiAddress = device.scsiAddress;
+  drive.m_ScsiAddressText = address;
   drive.m_MultipathDrive = SetMpdDrive(address);
   GetDrivePciAddress(drive.m_PciAddress, address, drive.m_MultipathDrive, true);
-  GetDriveSerialNoInq(drive.SerialNumber, path, true);
+  const bool isInTime = isAsked && AsksInTime([&] { GetDriveSerialNoInq(drive.SerialNumber, path, true); });
   drive.m_BusType = kBusTypeScsi;
   drive.SetTypes(device.type);
   const int count = Append(drives, drive);
   TRACE(3, "\nCSystemDrive::ScanScsiDrives : Add drive [%d] device Id: \"%s\" Interface: \"%s\"", count,
         drive.DeviceIdText(), path.c_str());
+  return isInTime;
 }
 
 void CSystemDrive::ScanSSDDrives(std::vector<CSystemDrive>& drives) {
@@ -101,19 +122,21 @@ void CSystemDrive::ScanSSDDrives(std::vector<CSystemDrive>& drives) {
   }
 }
 
-void CSystemDrive::ScanIntelSSDDevices(std::vector<CSystemDrive>& drives) {
+void CSystemDrive::ScanIntelSSDDevices(std::vector<CSystemDrive>& drives, const std::atomic<bool>* stop) {
   std::vector<std::string> entries;
   CDirectory::GetDirectoryContent(entries, kBlockDevices, false);
   for (const std::string& name : entries) {
+    if (IsSet(stop)) return;
     if (name.find("nvme") == std::string::npos) continue;
     const std::string path = kDeviceNodes + name;
     CSystemDrive drive(("Intel SSD " + name).c_str());
     drive.m_DeviceObjectName = name;
     drive.OsDeviceName = name;
     GetDrivePciAddress(drive.m_PciAddress, name, false, false);
-    GetDriveProductNameInq(drive.DeviceName, path);
-    GetDriveVendorInq(drive.VendorName, path);
-    GetDriveSerialNoInq(drive.SerialNumber, path, false);
+    // Each question after the one before, as long as the device answers in time.
+    static_cast<void>(AsksInTime([&] { GetDriveProductNameInq(drive.DeviceName, path); }) &&
+                      AsksInTime([&] { GetDriveVendorInq(drive.VendorName, path); }) &&
+                      AsksInTime([&] { GetDriveSerialNoInq(drive.SerialNumber, path, false); }));
     drive.SetDiskTypes();
     const int count = Append(drives, drive);
     TRACE(3, "\nCSystemDrive::ScanIntelSSDDevices  : Add drive [%d] device Id: \"%s\" Interface: \"%s\"", count,

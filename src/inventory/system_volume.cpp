@@ -4,9 +4,12 @@
 
 #include "inventory/fs_type.h"
 #include "inventory/mount_table.h"
+#include "platform/critical_section.h"
 #include "trace/debug.h"
 
 namespace {
+
+constinit CCriticalSection s_MountTable;
 
 bool IsVolume(const mount_entry& entry) {
   const std::string_view type = entry.type;
@@ -29,17 +32,18 @@ CSystemVolume MakeVolume(const mount_entry& entry) {
   volume.Source = entry.source;
   volume.Available = entry.available;
   volume.UsedPercent = entry.used_percent;
+  volume.Answer = entry.answer;
   return volume;
 }
 
 }  // namespace
 
-void CSystemVolume::ScanSystemVolumes(std::vector<CSystemVolume>& volumes) {
+void CSystemVolume::ScanSystemVolumes(std::vector<CSystemVolume>& volumes, const std::atomic<bool>* stop) {
+  const CCriticalSectionLock lock(s_MountTable);
   TRACE(3, "\nCSystemVolume       : Scan system volumes ...");
-  const int count = get_MountedFileSystems();
-  for (int index = 0; index < count; ++index) {
-    const mount_entry* entry = get_fs_table(index);
-    if (entry == nullptr) break;
+  int left = get_MountedFileSystems(stop);
+  for (const mount_entry* entry = measure_fs_table(left, stop); entry != nullptr && left > 0; entry = entry->next) {
+    --left;
     if (!IsVolume(*entry)) continue;
     const CSystemVolume& volume = volumes.emplace_back(MakeVolume(*entry));
     TRACE(3, "\nCSystemVolume       : system volume %s found, type %s / %d", entry->mount_point, entry->type,

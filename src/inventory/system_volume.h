@@ -1,16 +1,20 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "inventory/mount_entry.h"
 
 // Inventory record of one mounted file system: the mount table entry by value.
 // A value without a lock; copying copies everything.
 class CSystemVolume {
  public:
-  // Appends the mounted file systems but those of the types "tmpfs" and "rootfs". Uses the mount table, so one thread
-  // at a time. Never fails: without a readable source there are no volumes.
-  static void ScanSystemVolumes(std::vector<CSystemVolume>& volumes);
+  // Appends the mounted file systems but those of the types "tmpfs" and "rootfs". Any thread may call it; scans take
+  // turns. Never fails: without a readable source there are no volumes. One that does not answer, or not in time, keeps
+  // the figures of before; Answer tells. When stop becomes true no further silence is waited for.
+  static void ScanSystemVolumes(std::vector<CSystemVolume>& volumes, const std::atomic<bool>* stop = nullptr);
 
   // Copies everything and traces that it does.
   void ClassCopy(const CSystemVolume& other);
@@ -32,4 +36,5 @@ class CSystemVolume {
   uint32_t Source = 0;
   uint64_t Available = 0;  // KiB
   uint32_t UsedPercent = 0;
+  fs_answer Answer = kNotAsked;
 };

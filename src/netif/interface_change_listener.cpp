@@ -1,20 +1,18 @@
 #include "netif/interface_change_listener.h"
 
-#include <linux/sockios.h>
-#include <net/if.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "netif/interface_name.h"
 #include "netif/libnetif_exception.h"
 #include "netif/libnetif_socket.h"
 #include "netif/network_interface_manager.h"
@@ -58,15 +56,13 @@ class interface_change_listener {
   }
 
   [[noreturn]] void receive_forever() {
-    std::array<std::byte, libnetif_socket::receive_buffer_size> buffer;
+    std::vector<std::byte> datagram;
     // Once the kernel has dropped a change it drops all until everything that it kept is received. So the interfaces
     // are looked at when nothing is left to receive, not when the kernel tells.
     bool has_lost_changes = false;
     for (;;) {
-      buffer.fill(std::byte{0});
-      const ssize_t size = m_changes.receive_datagram(buffer, has_lost_changes ? MSG_DONTWAIT : 0);
-      if (size >= 0) {
-        report_changes(byte_span(buffer).first(static_cast<size_t>(size)));
+      if (m_changes.receive_datagram(datagram, has_lost_changes ? MSG_DONTWAIT : 0)) {
+        report_changes(datagram);
       } else if (errno == ENOBUFS) {
         has_lost_changes = true;
       } else if (errno == EAGAIN && has_lost_changes) {
@@ -92,11 +88,9 @@ class interface_change_listener {
     if (!name.empty()) listener.report(network_interface(name));
   }
 
-  std::string name_of(const interface_change& change) const {
-    ifreq request{};
-    request.ifr_ifindex = change.interface_index;
-    if (::ioctl(m_names.descriptor(), SIOCGIFNAME, &request) < 0) return change.name;
-    return request.ifr_name;
+  std::string name_of(const interface_change& change) {
+    std::string name = read_interface_name(m_names, change.interface_index);
+    return name.empty() ? change.name : name;
   }
 
   void report_every_interface() const {

@@ -2,14 +2,18 @@
 
 #include <linux/sockios.h>
 #include <net/if.h>
+#include <sys/ioctl.h>
+
+#include <cerrno>
 
 namespace libnetif {
 
 std::string read_interface_name(libnetif_socket& socket, int interface_index) {
   ifreq request{};
   request.ifr_ifindex = interface_index;
-  socket.invoke_ioctl(SIOCGIFNAME, &request, "Retriving interface name by index failed.");
-  return request.ifr_name;
+  if (::ioctl(socket.descriptor(), SIOCGIFNAME, &request) == 0) return request.ifr_name;
+  if (errno == ENODEV) return "";
+  socket.report_error(read_interface_name_failure);
 }
 
 }  // namespace libnetif

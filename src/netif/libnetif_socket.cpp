@@ -4,10 +4,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <array>
+#include <algorithm>
 #include <cerrno>
+#include <span>
 #include <string>
-#include <vector>
 
 #include "netif/libnetif_exception.h"
 
@@ -69,25 +69,39 @@ void libnetif_socket::send_netlink_message(size_t payload_size, uint16_t type, s
   if (sent < 0) report_error(text_about("Request for ", name, " failed."), error);
 }
 
-void libnetif_socket::receive_netlink_message(netlink_message_handler handler, void* context, std::string_view name) {
-  std::array<std::byte, receive_buffer_size> buffer;
-  netlink_datagram_result result;
-  while (!result.done) {
-    buffer.fill(std::byte{0});
-    const ssize_t size = receive_datagram(buffer);
-    const int error = errno;
-    if (size < 0) report_error(text_about("Receiving ", name, " failed."), error);
-    result = walk_netlink_datagram(byte_span(buffer).first(static_cast<size_t>(size)), handler, context);
+bool libnetif_socket::receive_netlink_message(netlink_message_handler handler, void* context, std::string_view name) {
+  std::vector<std::byte> datagram;
+  bool is_consistent = true;
+  for (;;) {
+    if (!receive_datagram(datagram)) {
+      const int error = errno;
+      report_error(text_about("Receiving ", name, " failed."), error);
+    }
+    const netlink_datagram_result result = walk_netlink_datagram(datagram, handler, context);
     if (result.error) report_error(text_about("Received ", name, " reports error."), *result.error);
+    is_consistent = is_consistent && !result.interrupted;
+    if (result.done) return is_consistent;
   }
 }
 
-ssize_t libnetif_socket::receive_datagram(std::span<std::byte> buffer, int flags) const {
-  ssize_t size = 0;
-  do {
-    size = ::recv(m_owner.Get(), buffer.data(), buffer.size(), flags);
-  } while (size < 0 && errno == EINTR);
-  return size;
+// The size comes first, so that nothing is cut off.
+bool libnetif_socket::receive_datagram(std::vector<std::byte>& datagram, int flags) const {
+  constexpr size_t usual_size = 8192;
+  const auto receive = [&](int more_flags) {
+    ssize_t size = 0;
+    do {
+      size = ::recv(m_owner.Get(), datagram.data(), datagram.size(), flags | more_flags);
+    } while (size < 0 && errno == EINTR);
+    return size;
+  };
+  datagram.resize(usual_size);
+  ssize_t size = receive(MSG_PEEK | MSG_TRUNC);
+  if (size < 0) return false;
+  datagram.resize(std::max(static_cast<size_t>(size), usual_size));
+  size = receive(0);
+  if (size < 0) return false;
+  datagram.resize(static_cast<size_t>(size));
+  return true;
 }
 
 void libnetif_socket::enlarge_receive_buffer(int bytes) const {

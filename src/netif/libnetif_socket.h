@@ -1,12 +1,11 @@
 #pragma once
 
 #include <linux/netlink.h>
-#include <sys/types.h>
 
 #include <cstddef>
 #include <cstdint>
-#include <span>
 #include <string_view>
+#include <vector>
 
 #include "netif/netlink.h"
 #include "platform/unique_fd.h"
@@ -20,9 +19,6 @@ namespace libnetif {
 // number of the failed call.
 class libnetif_socket {
  public:
-  // Room for one datagram.
-  static constexpr size_t receive_buffer_size = 8192;
-
   // -1 before creation, 0 after closing.
   int32_t descriptor() const { return m_descriptor; }
 
@@ -44,13 +40,14 @@ class libnetif_socket {
   void send_netlink_message(size_t payload_size, uint16_t type, std::string_view name);
 
   // Receives datagrams and passes their messages to the handler until NLMSG_DONE was seen; see walk_netlink_datagram.
-  // A datagram without one whole message is dropped. "Receiving <name> failed."; for an error message, wherever it
-  // stands in its datagram, "Received <name> reports error." with the error that it reports.
-  void receive_netlink_message(netlink_message_handler handler, void* context, std::string_view name);
+  // A datagram without one whole message is dropped. False when the kernel said that what it told changed meanwhile, so
+  // that something may be missing or twice. "Receiving <name> failed."; for an error message, wherever it stands in its
+  // datagram, "Received <name> reports error." with the error that it reports.
+  bool receive_netlink_message(netlink_message_handler handler, void* context, std::string_view name);
 
-  // Receives one datagram with these flags of recv; an interrupted call is repeated. Returns its size, or -1 with errno
-  // set and the socket open.
-  ssize_t receive_datagram(std::span<std::byte> buffer, int flags = 0) const;
+  // Receives one datagram, whatever its size, with these flags of recv; an interrupted call is repeated. False with
+  // errno set and the socket open.
+  bool receive_datagram(std::vector<std::byte>& datagram, int flags = 0) const;
 
   // Asks for that much room for datagrams not yet received, as far as the system grants it. No failure.
   void enlarge_receive_buffer(int bytes) const;

@@ -19,6 +19,7 @@ netlink_datagram_result walk_netlink_datagram(byte_span datagram, netlink_messag
   for (nlmsghdr header; read_prefix(datagram, header);) {
     const size_t length = header.nlmsg_len;
     if (length < sizeof(nlmsghdr) || length > datagram.size()) break;
+    result.interrupted = result.interrupted || (header.nlmsg_flags & NLM_F_DUMP_INTR) != 0;
     const byte_span payload = datagram.subspan(sizeof(nlmsghdr), length - sizeof(nlmsghdr));
     if (header.nlmsg_type == NLMSG_ERROR) {
       result.error = error_number_of(payload);

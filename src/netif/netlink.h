@@ -26,6 +26,7 @@ using netlink_message_handler = void (*)(const netlink_message& message, void* c
 
 struct netlink_datagram_result {
   bool done = false;         // NLMSG_DONE was among the messages
+  bool interrupted = false;  // a message says that the dump that it belongs to is not consistent (NLM_F_DUMP_INTR)
   std::optional<int> error;  // the error number, made positive, of an error message; the walk ended there
 };
 

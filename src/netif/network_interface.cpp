@@ -18,6 +18,8 @@
 
 #include "netif/libnetif_exception.h"
 #include "netif/libnetif_socket.h"
+#include "netif/netlink_dump.h"
+#include "platform/cancellation.h"
 #include "platform/unique_fd.h"
 
 namespace libnetif {
@@ -42,9 +44,11 @@ interface_hardware_type hardware_type_of(const ifreq& answer) {
   return interface_hardware_type::unknown;
 }
 
-ifreq request_for(const std::string& name) {
+// A name that the kernel cannot have would be another one when it is cut.
+ifreq request_for(const std::string& name, std::string_view message) {
   ifreq request{};
-  name.copy(request.ifr_name, sizeof request.ifr_name - 1);
+  if (name.size() >= sizeof request.ifr_name) throw libnetif_exception(message, ENODEV);
+  name.copy(request.ifr_name, name.size());
   return request;
 }
 
@@ -56,7 +60,7 @@ void invoke_interface_ioctl(ifreq& request, unsigned long code, std::string_view
 }
 
 ifreq ask_interface(const std::string& name, unsigned long code, std::string_view message) {
-  ifreq request = request_for(name);
+  ifreq request = request_for(name, message);
   invoke_interface_ioctl(request, code, message);
   return request;
 }
@@ -82,6 +86,7 @@ ssize_t read_file(const std::string& path, std::span<char> buffer) {
 
 // The first IPv6 entry of the interface: its address, or its netmask when that member is asked for.
 ipv6_address find_ipv6(const std::string& name, sockaddr* ifaddrs::*member) {
+  const CancellationBlock block;  // the system's function is declared to throw nothing
   ifaddrs* list = nullptr;
   if (::getifaddrs(&list) != 0) {
     const int error = errno;
@@ -96,16 +101,6 @@ ipv6_address find_ipv6(const std::string& name, sockaddr* ifaddrs::*member) {
     break;
   }
   return found;
-}
-
-struct statistics_search {
-  int interface_index;
-  network_statistics statistics;
-};
-
-void take_statistics(const netlink_message& message, void* context) {
-  auto& search = *static_cast<statistics_search*>(context);
-  parse_link_statistics(message, search.interface_index, search.statistics);
 }
 
 }  // namespace
@@ -197,10 +192,11 @@ interface_hardware_type network_interface::get_hardware_type() const {
 int network_interface::get_max_speed() const {
   ethtool_cmd settings{};
   settings.cmd = ETHTOOL_GSET;
-  ifreq request = request_for(m_name);
+  constexpr std::string_view failure_text = "Retriving interface max speed failed.";
+  ifreq request = request_for(m_name, failure_text);
   request.ifr_data = reinterpret_cast<char*>(&settings);
   try {
-    invoke_interface_ioctl(request, SIOCETHTOOL, "Retriving interface max speed failed.");
+    invoke_interface_ioctl(request, SIOCETHTOOL, failure_text);
   } catch (const libnetif_exception& failure) {
     // The number stands for its text "Operation not supported", which the locale may translate.
     if (failure.error_number() == EOPNOTSUPP) return -1;
@@ -218,13 +214,13 @@ ipv6_address network_interface::get_ipv6_netmask() const {
 }
 
 network_statistics network_interface::get_network_statistics() const {
-  statistics_search search{.interface_index = get_ipv4_index(), .statistics = {}};
-  libnetif_socket socket;
-  socket.create_netlink_socket();
-  socket.send_netlink_message(sizeof(ifinfomsg), RTM_GETLINK, statistics_name);
-  socket.receive_netlink_message(take_statistics, &search, statistics_name);
-  socket.close_socket_descriptor();
-  return search.statistics;
+  network_statistics statistics;
+  const auto take = [index = get_ipv4_index(), &statistics](const netlink_message& message) {
+    parse_link_statistics(message, index, statistics);
+  };
+  read_netlink_dump(
+      RTM_GETLINK, sizeof(ifinfomsg), statistics_name, [&statistics] { statistics = {}; }, take);
+  return statistics;
 }
 
 bool parse_infiniband_address(std::string_view text, infiniband_address& address) {

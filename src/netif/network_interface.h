@@ -20,7 +20,7 @@ using infiniband_address = std::array<uint8_t, 20>;  // in the order of its text
 // Nothing is cached: each property is read anew from the system on each call, through a socket that the call opens and
 // closes. So any thread may ask, and an interface that is gone or renamed meanwhile gives a failure.
 // Failures: libnetif_exception with the text given at the property and the system's error, after the socket is closed.
-// A name longer than the kernel's limit of 15 characters is cut to it in requests to the kernel.
+// A name longer than the kernel's limit of 15 characters is no interface's: the failure is ENODEV.
 class network_interface {
  public:
   explicit network_interface(std::string name);
@@ -66,7 +66,7 @@ class network_interface {
   ipv6_address get_ipv6_netmask() const;
 
   // All zero when the interface vanishes between the look-up of its index ("Retriving interface ipv4 index failed.")
-  // and the answer. The other failures are those of a socket, with the name "network interface".
+  // and the answer. The other failures are those of a dump (netlink_dump.h), with the name "network interface".
   network_statistics get_network_statistics() const;
 
  private:

@@ -5,11 +5,13 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <memory>
 
 #include "netif/interface_name.h"
 #include "netif/libnetif_socket.h"
+#include "platform/cancellation.h"
 
 namespace libnetif {
 
@@ -19,6 +21,11 @@ struct name_index_deleter {
   void operator()(struct if_nameindex* list) const { ::if_freenameindex(list); }
 };
 using name_index = std::unique_ptr<struct if_nameindex[], name_index_deleter>;
+
+name_index read_name_index() {
+  const CancellationBlock block;  // the system's function is declared to throw nothing
+  return name_index(::if_nameindex());
+}
 
 std::vector<network_interface> interfaces_of(const name_index& list) {
   std::vector<network_interface> interfaces;
@@ -61,7 +68,7 @@ std::vector<network_interface> interfaces_of(const std::vector<ifreq>& records) 
 }  // namespace
 
 std::vector<network_interface> network_interface_manager::get_network_interfaces() const {
-  if (const name_index list{::if_nameindex()}) return interfaces_of(list);
+  if (const name_index list = read_name_index()) return interfaces_of(list);
   return interfaces_of(read_interface_configuration());
 }
 
@@ -69,6 +76,7 @@ std::string network_interface_manager::get_network_interface_name_by_ipv4_index(
   libnetif_socket socket;
   socket.create_ip_proto_socket(AF_INET);
   std::string name = read_interface_name(socket, index);
+  if (name.empty()) socket.report_error(read_interface_name_failure, ENODEV);
   socket.close_socket_descriptor();
   return name;
 }

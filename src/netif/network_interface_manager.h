@@ -23,7 +23,8 @@ class network_interface_manager {
   std::string get_network_interface_name_by_ipv4_index(int index) const;
 
   // Starts a listener process for changes of these types and returns its process ID, which the caller waits for in the
-  // end; see interface_change_listener.h.
+  // end. The listener dies with the thread that starts it, not with the process: start it from one that lives as long
+  // as changes are wanted. What the callback may do, in that other process, stands in interface_change_listener.h.
   pid_t add_network_interface_change_event(interface_change_event_type type,
                                            const network_interface_change_callback& callback) const;
 };

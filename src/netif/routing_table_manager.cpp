@@ -6,10 +6,10 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <utility>
 
 #include "netif/interface_name.h"
 #include "netif/libnetif_socket.h"
+#include "netif/netlink_dump.h"
 
 namespace libnetif {
 
@@ -17,55 +17,49 @@ namespace {
 
 constexpr std::string_view request_name = "routing table entry";
 
-// Makes the entries as the routes come in. The name of an interface is looked up when the first of its routes comes.
-class route_reader {
- public:
-  route_reader() { m_socket.create_ip_proto_socket(AF_INET); }
+// The routes as they come in, each with the index of its interface.
+struct route_list {
+  std::vector<ipv4_routing_entry> entries;
+  std::vector<int> interface_indexes;
 
-  static void append_route(const netlink_message& message, void* context) {
-    auto& reader = *static_cast<route_reader*>(context);
-    reader.make_room();
-    ipv4_routing_entry& entry = reader.m_entries.emplace_back();
+  void append(const netlink_message& message) {
+    ipv4_routing_entry entry;
     int interface_index = 0;
-    if (parse_ipv4_route(message, entry, interface_index)) {
-      entry.interface_name = reader.name_of(interface_index);
-    } else {
-      reader.m_entries.pop_back();
-    }
+    if (!parse_ipv4_route(message, entry, interface_index)) return;
+    make_room();
+    entries.push_back(std::move(entry));
+    interface_indexes.push_back(interface_index);
   }
 
-  std::vector<ipv4_routing_entry> take_entries() { return std::move(m_entries); }
-
- private:
   // A large table is dear to move, whereas room that is not used is never touched: so it grows in few steps.
   void make_room() {
     constexpr size_t first_capacity = 64;
     constexpr size_t growth = 4;
-    if (m_entries.size() < m_entries.capacity()) return;
-    m_entries.reserve(std::max(first_capacity, growth * m_entries.size()));
+    if (entries.size() < entries.capacity()) return;
+    entries.reserve(std::max(first_capacity, growth * entries.size()));
   }
-
-  const std::string& name_of(int interface_index) {
-    const auto [place, is_new] = m_names.try_emplace(interface_index);
-    if (is_new) place->second = read_interface_name(m_socket, interface_index);
-    return place->second;
-  }
-
-  libnetif_socket m_socket;
-  std::unordered_map<int, std::string> m_names{{0, ""}};  // by interface index; 0 = the route names none
-  std::vector<ipv4_routing_entry> m_entries;
 };
+
+void fill_in_names(route_list& routes) {
+  libnetif_socket socket;
+  socket.create_ip_proto_socket(AF_INET);
+  std::unordered_map<int, std::string> names{{0, ""}};  // by interface index; 0 = the route names none
+  for (size_t i = 0; i < routes.entries.size(); ++i) {
+    const auto [place, is_new] = names.try_emplace(routes.interface_indexes[i]);
+    if (is_new) place->second = read_interface_name(socket, routes.interface_indexes[i]);
+    routes.entries[i].interface_name = place->second;
+  }
+}
 
 }  // namespace
 
 std::vector<ipv4_routing_entry> routing_table_manager::get_ipv4_routing_entries() const {
-  route_reader reader;
-  libnetif_socket socket;
-  socket.create_netlink_socket();
-  socket.send_netlink_message(sizeof(rtmsg), RTM_GETROUTE, request_name);
-  socket.receive_netlink_message(route_reader::append_route, &reader, request_name);
-  socket.close_socket_descriptor();
-  return reader.take_entries();
+  route_list routes;
+  read_netlink_dump(
+      RTM_GETROUTE, sizeof(rtmsg), request_name, [&routes] { routes = {}; },
+      [&routes](const netlink_message& message) { routes.append(message); });
+  fill_in_names(routes);
+  return std::move(routes.entries);
 }
 
 }  // namespace libnetif

@@ -10,9 +10,9 @@ namespace libnetif {
 class routing_table_manager {
  public:
   // The routes of the main table in the kernel's order, one entry per route. The interface names are looked up once per
-  // interface while the routes are received.
-  // Failures: libnetif_exception from the socket, with the name "routing table entry", or
-  // "Retriving interface name by index failed." when an interface vanished meanwhile.
+  // interface when the routes are there; one that has vanished meanwhile leaves the name empty.
+  // Failures: libnetif_exception from the dump (netlink_dump.h), with the name "routing table entry", or
+  // "Retriving interface name by index failed."
   std::vector<ipv4_routing_entry> get_ipv4_routing_entries() const;
 };
 

@@ -10,12 +10,6 @@ namespace {
 BusTableEntry* s_Cursor = nullptr;
 bool s_TablesBuilt = false;
 
-void ClearUsed(const BusTable& table, bool keepIsa) {
-  for (BusTableEntry* entry = table.first; entry != nullptr; entry = entry->next) {
-    if (!keepIsa || entry->key.word0 != kBusTypeIsa) entry->used = 0;
-  }
-}
-
 // The key words as the traces show them.
 struct Words {
   explicit Words(const BusKey& key)
@@ -46,11 +40,11 @@ void TraceUnused(const BusTables& tables) {
 }
 
 // An entry is marked as shared when a later one has its number. The last entry of a number is not, so that a client
-// who counts the marks does not count one IRQ line twice.
+// who counts the marks does not count one IRQ line twice. What is no longer in use shares nothing.
 void SetIrqSharing(const BusTable& table) {
   for (BusTableEntry* entry = table.first; entry != nullptr; entry = entry->next) {
-    const BusTableEntry* later = entry->next;
-    while (later != nullptr && later->irq.irq != entry->irq.irq)
+    const BusTableEntry* later = entry->used != 0 ? entry->next : nullptr;
+    while (later != nullptr && (later->used == 0 || later->irq.irq != entry->irq.irq))
       later = later->next;
     entry->irq.sharing = later != nullptr ? kIrqShared : kIrqNotShared;
   }
@@ -59,12 +53,12 @@ void SetIrqSharing(const BusTable& table) {
 }  // namespace
 
 void BusBuildTables() {
-  const BusTables& tables = GetBusTables();
-  for (const BusTable* table :
+  BusTables& tables = GetBusTables();
+  for (BusTable* table :
        {&tables.functions, &tables.memories, &tables.irqs, &tables.dmas, &tables.ports, &tables.components}) {
-    ClearUsed(*table, true);
+    BusClearUsed(*table, true);
   }
-  ClearUsed(tables.pcis, false);
+  BusClearUsed(tables.pcis, false);
   ScanPciFunctions();
   ScanIsaDevices();
   TraceUnused(tables);

@@ -47,12 +47,27 @@ BusTableEntry* Allocate(const BusTable& table, const BusKey* key, const BusKey& 
   return entry;
 }
 
-BusTableEntry* AllocateResource(const BusTable& table, BusResource resource, BusTableEntry* owner) {
-  constexpr BusKey kDefaultKey = {0, 1, 0, 1, 1};
-  if (owner == nullptr) return Allocate<5>(table, nullptr, kDefaultKey);
+constexpr BusKey kWithoutOwner = {0, 1, 0, 1, 1};
+
+// The next unused entry without an owner. They are the first of the table, all with the same key.
+BusTableEntry* TakeWithoutOwner(BusTable& table) {
+  BusTableEntry* entry = table.freeFrom;
+  while (entry != nullptr && entry->used != 0 && entry->compare(*entry, kWithoutOwner) <= 0)
+    entry = entry->next;
+  const bool isFree = entry != nullptr && entry->compare(*entry, kWithoutOwner) == 0;
+  table.freeFrom = isFree ? entry->next : nullptr;
+  if (isFree) entry->used = 1;
+  return isFree ? entry : nullptr;
+}
+
+BusTableEntry* AllocateResource(BusTable& table, BusResource resource, BusTableEntry* owner) {
+  if (owner == nullptr) {
+    BusTableEntry* const left = TakeWithoutOwner(table);
+    return left != nullptr ? left : Allocate<5>(table, nullptr, kWithoutOwner);
+  }
   const BusKey& of = owner->key;
   const BusKey key = {of.word0, of.word1, of.word2, of.word3, ++owner->counters[resource]};
-  BusTableEntry* const entry = Allocate<5>(table, &key, kDefaultKey);
+  BusTableEntry* const entry = Allocate<5>(table, &key, kWithoutOwner);
   if (entry != nullptr) entry->owner = owner;
   return entry;
 }
@@ -103,6 +118,13 @@ bool BusHardwareAddress::Assign(const unsigned char* source, uint32_t size) {
 
 BusTables& GetBusTables() {
   return s_Tables;
+}
+
+void BusClearUsed(BusTable& table, bool keepIsa) {
+  for (BusTableEntry* entry = table.first; entry != nullptr; entry = entry->next) {
+    if (!keepIsa || entry->key.word0 != kBusTypeIsa) entry->used = 0;
+  }
+  table.freeFrom = table.first;
 }
 
 BusTableEntry* BusSearchTable(const BusTable& table, int mode, const BusKey& key, bool usedOnly) {

@@ -7,7 +7,8 @@
 //
 // Threads: nothing here is protected; the build pass and every walk run on one thread at a time.
 // Ownership: entries belong to the tables and are never freed, so pointers to them stay good for the life of the
-// process. A later build pass refreshes the entries with equal keys and leaves the rest behind with used = 0.
+// process. A later build pass refreshes the entries with equal keys, takes those of resources without an owner for
+// other such resources, and leaves the rest behind with used = 0.
 // Failures: null, when memory runs out. Nothing throws.
 
 // A text inside an entry. All zero is the empty text. Copying copies the pointer alone.
@@ -187,6 +188,7 @@ struct BusTableEntry {
 struct BusTable {
   BusTableEntry* first;
   BusTableEntry* walkFrom;  // smaller than the last insertion: keys come mostly in order, so walks begin there
+  BusTableEntry* freeFrom;  // no entry without an owner before this one is free to be taken again
 };
 
 struct BusTables {
@@ -204,6 +206,9 @@ struct BusTables {
 // The tables of the process.
 BusTables& GetBusTables();
 
+// The start of a build pass: marks every entry as unused, but with keepIsa those of ISA devices.
+void BusClearUsed(BusTable& table, bool keepIsa);
+
 // Walks the table up to the first entry greater than the key, with usedOnly past the entries that are not in use.
 // Mode 0 returns the first entry equal to the key, mode 1 the first one greater, mode -1 the last one not greater;
 // null when there is none.
@@ -214,7 +219,8 @@ void BusInsertTable(BusTable& table, BusTableEntry* entry);
 
 // An entry of the kind with its default values and used = 1, to be filled and then inserted. With a key or an owner an
 // entry of the table with that key is reused, its texts emptied and, for a function, its counters set back; without,
-// the entry is new and has the default key. A resource takes the next number of its owner.
+// the entry has the default key and is new, unless an earlier pass has left a resource without an owner that is unused.
+// A resource takes the next number of its owner.
 BusTableEntry* BusAllocateFunctionEntry(const BusKey* key);
 BusTableEntry* BusAllocatePciEntry(const BusKey* key);
 BusTableEntry* BusAllocateMemoryEntry(BusTableEntry* owner);

@@ -6,14 +6,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <memory>
 #include <string_view>
 #include <vector>
 
-#include "pci/text_cursor.h"
+#include "platform/text_cursor.h"
 #include "platform/unique_fd.h"
 #include "trace/debug.h"
 
@@ -21,39 +20,24 @@ namespace {
 
 constexpr const char* kProcBusPci = "/proc/bus/pci";
 
-// Longer names than that are neither buses nor functions.
-constexpr size_t kMaxName = 7;
-
-struct DirectoryEntry {
-  std::array<char, kMaxName + 1> name;
-  unsigned char type;  // DT_*; DT_UNKNOWN and DT_LNK need a look at the file itself
-
-  std::string_view Name() const { return name.data(); }
-};
-
 struct CloseDirectory {
   void operator()(DIR* directory) const { ::closedir(directory); }
 };
 
-// Adds the entries with names short enough, sorted by name. False, with a trace, when the directory cannot be listed.
-bool ListDirectory(const std::string& path, std::vector<DirectoryEntry>& entries) {
-  bool any = false;
+// Adds the names of the entries in alphabetical order. False, with a trace, when the directory cannot be listed.
+bool ListDirectory(const std::string& path, std::vector<std::string>& names) {
   errno = 0;
   if (const std::unique_ptr<DIR, CloseDirectory> directory{::opendir(path.c_str())}) {
-    while (const dirent* entry = ::readdir(directory.get())) {
-      any = true;
-      const std::string_view name = entry->d_name;
-      if (name.size() > kMaxName) continue;
-      name.copy(entries.emplace_back(DirectoryEntry{{}, entry->d_type}).name.data(), kMaxName);
-    }
+    while (const dirent* entry = ::readdir(directory.get()))
+      names.emplace_back(entry->d_name);
   }
   const int error = errno;
-  if (!any) {
+  if (names.empty()) {
     TRACE(3, "BuildPciDeviceNameList  : scandir for directory %s failed; ## ERROR: errno=%d (%s)\n", path.c_str(),
           error, std::strerror(error));
     return false;
   }
-  std::ranges::sort(entries, {}, &DirectoryEntry::name);
+  std::ranges::sort(names);
   return true;
 }
 
@@ -77,9 +61,7 @@ bool ParseFunctionName(std::string_view name, CPciAddress& address) {
          ParseHex(name.substr(3), address.function) && address.device <= 31 && address.function <= 7;
 }
 
-// A type that the listing told needs no stat, here and below.
-bool IsPciDevDirValid(const std::string& path, unsigned char type) {
-  if (type == DT_DIR) return true;
+bool IsPciDevDirValid(const std::string& path) {
   struct stat info {};
   if (::stat(path.c_str(), &info) == 0) return S_ISDIR(info.st_mode);
   const int error = errno;
@@ -88,8 +70,7 @@ bool IsPciDevDirValid(const std::string& path, unsigned char type) {
   return false;
 }
 
-bool IsPciDevFileValid(const std::string& path, unsigned char type) {
-  if (type == DT_REG) return true;
+bool IsPciDevFileValid(const std::string& path) {
   struct stat info {};
   if (::stat(path.c_str(), &info) == 0) return S_ISREG(info.st_mode);
   const int error = errno;
@@ -100,14 +81,11 @@ bool IsPciDevFileValid(const std::string& path, unsigned char type) {
 
 // address: segment and bus of the directory.
 void AddFunctionsOfBus(const std::string& directory, CPciAddress address, CDeviceBusIo::NameList& names) {
-  std::vector<DirectoryEntry> entries;
+  std::vector<std::string> entries;
   if (!ListDirectory(directory, entries)) return;
-  for (const DirectoryEntry& entry : entries) {
-    if (!ParseFunctionName(entry.Name(), address)) continue;
-    std::string path;
-    path.reserve(directory.size() + 1 + entry.name.size());
-    path.append(directory).append("/").append(entry.Name());
-    if (IsPciDevFileValid(path, entry.type)) names.insert_or_assign(names.end(), address, std::move(path));
+  for (const std::string& name : entries) {
+    const std::string path = directory + "/" + name;
+    if (ParseFunctionName(name, address) && IsPciDevFileValid(path)) names[address] = path;
   }
 }
 
@@ -123,51 +101,35 @@ CDeviceBusIo::~CDeviceBusIo() = default;
 
 bool CDeviceBusIo::BuildPciDeviceNameList(NameList& names) {
   TRACE(3, "BuildPciDeviceNameList  : from directory %s\n", kProcBusPci);
-  std::vector<DirectoryEntry> entries;
+  std::vector<std::string> entries;
   if (!ListDirectory(kProcBusPci, entries)) return false;
-  for (const DirectoryEntry& entry : entries) {
+  for (const std::string& name : entries) {
     CPciAddress address;
-    if (!ParseBusName(entry.Name(), address)) continue;
-    const std::string directory = std::string(kProcBusPci) + "/" + entry.name.data();
-    if (IsPciDevDirValid(directory, entry.type)) AddFunctionsOfBus(directory, address, names);
+    const std::string directory = std::string(kProcBusPci) + "/" + name;
+    if (ParseBusName(name, address) && IsPciDevDirValid(directory)) AddFunctionsOfBus(directory, address, names);
   }
   return true;
-}
-
-const char* CDeviceBusIo::FindPath(unsigned segment, unsigned bus, unsigned device, unsigned function) {
-  if (segment > 0xFFFF || bus > 0xFF || device > 31 || function > 7) return nullptr;
-  const CPciAddress address = {static_cast<uint16_t>(segment), static_cast<uint8_t>(bus), static_cast<uint8_t>(device),
-                               static_cast<uint8_t>(function)};
-  if (m_Expected == m_DeviceNameList.end() || !(m_Expected->first == address)) {
-    m_Expected = m_DeviceNameList.find(address);
-  }
-  if (m_Expected == m_DeviceNameList.end()) return nullptr;
-  const char* const path = m_Expected->second.c_str();
-  ++m_Expected;
-  return path;
 }
 
 bool CDeviceBusIo::GetPciConfigSpace(unsigned segment, unsigned bus, unsigned device, unsigned function,
                                      unsigned offset, unsigned& length, unsigned char* buffer) {
   if (length == 0 || buffer == nullptr) return false;
-  if (!m_NameListBuilt) {
-    m_NameListBuilt = BuildPciDeviceNameList(m_DeviceNameList);
-    m_IsOpen = m_NameListBuilt && Open(O_PATH | O_DIRECTORY);
-  }
-  const char* const path = m_NameListBuilt ? FindPath(segment, bus, device, function) : nullptr;
-  if (path == nullptr) return false;
+  if (!m_NameListBuilt) m_NameListBuilt = BuildPciDeviceNameList(m_DeviceNameList);
+  if (!m_NameListBuilt || segment > 0xFFFF || bus > 0xFF || device > 31 || function > 7) return false;
+  const auto found = m_DeviceNameList.find({static_cast<uint16_t>(segment), static_cast<uint8_t>(bus),
+                                            static_cast<uint8_t>(device), static_cast<uint8_t>(function)});
+  if (found == m_DeviceNameList.end()) return false;
+  const char* const path = found->second.c_str();
 
   TRACE(4, "CDeviceBusIo::GetPciConfigSpace: open and read %s\n", path);
-  // From the open directory on, the way to the file is short.
-  const char* const nameInDirectory = path + std::string_view(kProcBusPci).size() + 1;
-  UniqueFd fd{::openat(GetDescriptor(), nameInDirectory, O_RDONLY | O_CLOEXEC)};
-  if (!fd) {
+  UniqueFd file{::open(path, O_RDONLY | O_CLOEXEC)};
+  if (!file) {
     TRACE(4, "GetPciConfigSpace: cannot open %s\n", path);
     return false;
   }
   // A short read means that the file ends there, so there is nothing to retry.
-  const bool complete = ::pread(fd.Get(), buffer, length, offset) == static_cast<ssize_t>(length);
-  fd.Reset();
+  const bool complete = ::pread(file.Get(), buffer, length, offset) == static_cast<ssize_t>(length);
+  file.Reset();
   if (!complete) {
     TRACE(3, "GetPciConfigSpace : read error from %s\n", path);
     return false;

@@ -19,8 +19,8 @@ class CDeviceBusIoBase : public CDeviceIo {
 
 // Access to the configuration space of PCI functions through the kernel's files below /proc/bus/pci.
 //
-// Belongs to one thread. The list of functions is read on first use and kept for the object's lifetime, as is the
-// directory's descriptor; a new object sees functions that came later. Failures show in the results and in the trace.
+// Belongs to one thread. The list of functions is read on first use and kept for the object's lifetime; a new object
+// sees functions that came later. Failures show in the results and in the trace.
 class CDeviceBusIo : public CDeviceBusIoBase {
  public:
   using NameList = std::map<CPciAddress, std::string>;  // path of each function's configuration file
@@ -42,10 +42,6 @@ class CDeviceBusIo : public CDeviceBusIoBase {
   const NameList& Names() const { return m_DeviceNameList; }
 
  private:
-  // Null for a function that is not in the list.
-  const char* FindPath(unsigned segment, unsigned bus, unsigned device, unsigned function);
-
   NameList m_DeviceNameList;
-  NameList::const_iterator m_Expected = m_DeviceNameList.end();  // behind the last one found: most callers go in order
   bool m_NameListBuilt = false;
 };

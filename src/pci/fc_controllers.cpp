@@ -5,14 +5,15 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
+#include <cctype>
 #include <cstring>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "pci/line_reader.h"
-#include "pci/text_cursor.h"
+#include "platform/never_destroyed.h"
+#include "platform/text_cursor.h"
 #include "platform/unique_fd.h"
 #include "trace/debug.h"
 
@@ -24,8 +25,12 @@ constexpr auto kLifetime = std::chrono::seconds(120);
 constexpr size_t kMaxLine = 255;
 constexpr size_t kMaxPortName = 256;
 
-std::vector<FcController> s_ListOfFCControllers;
+constinit NeverDestroyed<std::vector<FcController>> s_ListOfFCControllers;
 std::optional<std::chrono::steady_clock::time_point> s_LastRefresh;
+
+bool IsHexDigit(char letter) {
+  return std::isxdigit(static_cast<unsigned char>(letter)) != 0;
+}
 
 std::string PortNamePath(unsigned host) {
   return "/sys/class/fc_host/host" + std::to_string(host) + "/port_name";
@@ -48,7 +53,7 @@ bool ReadWwn(unsigned host, FcWwn& wwn) {
 void AddController(std::string_view hostPath) {
   FcController controller;
   if (!ParseFcHostPath(hostPath, controller) || !ReadWwn(controller.host, controller.wwn)) return;
-  s_ListOfFCControllers.push_back(controller);
+  s_ListOfFCControllers.object.push_back(controller);
 }
 
 // devicePath: the directory of one PCI function below /sys/devices.
@@ -69,6 +74,7 @@ bool ParseFcHostPath(std::string_view path, FcController& out) {
   constexpr size_t kAddressLength = 13;  // "0000:00:03.0/"
   const size_t host = path.find("host");
   if (host == std::string_view::npos || host < kAddressLength) return false;
+  if (host > kAddressLength && IsHexDigit(path[host - kAddressLength - 1])) return false;
   TextCursor cursor(path.substr(host - kAddressLength));
   FcController found;
   if (!cursor.Number(found.domain, 16) || !cursor.Skip(':') || !cursor.Number(found.bus, 16) || !cursor.Skip(':') ||
@@ -95,7 +101,7 @@ bool ParseWwn(std::string_view text, FcWwn& out) {
 void RefreshFcControllers(std::chrono::steady_clock::time_point now) {
   if (s_LastRefresh && now - *s_LastRefresh < kLifetime) return;
   s_LastRefresh = now;
-  s_ListOfFCControllers.clear();
+  s_ListOfFCControllers.object.clear();
   LineReader listing = LineReader::OpenCommand(kListDevices);
   for (std::string_view line; listing.Next(line, kMaxLine);) {
     const size_t devices = line.find("/devices/pci");
@@ -106,11 +112,11 @@ void RefreshFcControllers(std::chrono::steady_clock::time_point now) {
 bool IsFCController(unsigned domain, unsigned bus, unsigned device, unsigned function, unsigned char* buffer,
                     size_t length) {
   if (buffer != nullptr) std::fill_n(buffer, length, static_cast<unsigned char>(0));
-  if (s_ListOfFCControllers.empty()) {
+  if (s_ListOfFCControllers.object.empty()) {
     TRACE(1, "IsFCController: the list ListOfFCControllers is empty --> no FC-Controlers discovered\n");
     return false;
   }
-  for (const FcController& each : s_ListOfFCControllers) {
+  for (const FcController& each : s_ListOfFCControllers.object) {
     TRACE(1, "IsFCController: check if %04x:%02x:%02x.%d is in ListOfFCControllers\n", domain, bus, device,
           static_cast<int>(function));
     if (each.domain != domain || each.bus != bus || each.device != device || each.function != function) continue;
@@ -121,10 +127,11 @@ bool IsFCController(unsigned domain, unsigned bus, unsigned device, unsigned fun
 }
 
 bool AdapterIsFCController(unsigned bus, unsigned device, unsigned function, FcWwn& wwn) {
-  const auto found = std::ranges::find_if(s_ListOfFCControllers, [&](const FcController& each) {
-    return each.bus == bus && each.device == device && each.function == function;
+  const std::vector<FcController>& all = s_ListOfFCControllers.object;
+  const auto found = std::ranges::find_if(all, [&](const FcController& each) {
+    return each.domain == 0 && each.bus == bus && each.device == device && each.function == function;
   });
-  if (found == s_ListOfFCControllers.end()) return false;
+  if (found == all.end()) return false;
   wwn = found->wwn;
   return true;
 }

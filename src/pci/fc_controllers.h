@@ -28,12 +28,13 @@ void RefreshFcControllers(std::chrono::steady_clock::time_point now);
 bool IsFCController(unsigned domain, unsigned bus, unsigned device, unsigned function, unsigned char* buffer,
                     size_t length);
 
-// The same in every domain. The output stays as it was for any other function.
+// The same in domain 0, which the legacy tables show. The output stays as it was for any other function.
 bool AdapterIsFCController(unsigned bus, unsigned device, unsigned function, FcWwn& wwn);
 
 // The parsers. Pure; an input of another form gives false.
 
-// "/sys/devices/pci0000:00/0000:00:03.0/host2/fc_host/host2" => 0000:00:03.0 and host 2, without the WWN
+// "/sys/devices/pci0000:00/0000:00:03.0/host2/fc_host/host2" => 0000:00:03.0 and host 2, without the WWN. A domain of
+// more than four digits is none.
 bool ParseFcHostPath(std::string_view path, FcController& out);
 
 // "0x10000090fa534f0a\n" => the 8 bytes

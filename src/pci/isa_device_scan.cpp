@@ -90,7 +90,7 @@ void AddPort(const RangeLine& range) {
 void NameIrqsOfNic(int number, const std::string& name) {
   for (BusTableEntry* entry = GetBusTables().irqs.first; entry != nullptr; entry = entry->next) {
     const bool fits = entry->owner == nullptr || entry->owner->function.type == kComponentNetwork;
-    if (entry->irq.irq != number || !fits || !entry->irq.deviceName.IsEmpty()) continue;
+    if (entry->used == 0 || entry->irq.irq != number || !fits || !entry->irq.deviceName.IsEmpty()) continue;
     entry->irq.deviceName.Assign(name.c_str());
     TRACE(3, "Add device %s for NIC with IRQ %d\n", name.c_str(), number);
   }

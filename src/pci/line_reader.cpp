@@ -10,8 +10,8 @@ LineReader LineReader::OpenFile(const char* path) {
   return {std::fopen(path, "re"), [](FILE* stream) { return std::fclose(stream); }};
 }
 
-LineReader LineReader::OpenCommand(const char* command) {
-  return {::popen(command, "re"), [](FILE* stream) { return ::pclose(stream); }};
+LineReader LineReader::OpenCommand(const std::string& command) {
+  return {::popen((command + " 2>/dev/null").c_str(), "re"), [](FILE* stream) { return ::pclose(stream); }};
 }
 
 bool LineReader::Next(std::string_view& line, size_t maxLength) {

@@ -2,9 +2,11 @@
 
 #include <cstdio>
 #include <memory>
+#include <string>
 #include <string_view>
 
-// Reads a text file or the output of a shell command line by line.
+// Reads a text file or the output of a shell command line by line. What the command has to complain about reaches
+// nobody, least of all the standard error stream of the process.
 //
 // Owns the stream: the file is closed, the command waited for, when the reader goes. Both are opened close-on-exec.
 // Belongs to one thread. A file that cannot be opened and a command that cannot be started make a reader that is false
@@ -12,7 +14,7 @@
 class LineReader {
  public:
   static LineReader OpenFile(const char* path);
-  static LineReader OpenCommand(const char* command);
+  static LineReader OpenCommand(const std::string& command);
 
   explicit operator bool() const { return m_Stream != nullptr; }
 

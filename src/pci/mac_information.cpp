@@ -14,7 +14,8 @@
 
 #include "pci/bus_table.h"
 #include "pci/line_reader.h"
-#include "pci/text_cursor.h"
+#include "platform/never_destroyed.h"
+#include "platform/text_cursor.h"
 #include "platform/unique_fd.h"
 #include "trace/debug.h"
 
@@ -33,7 +34,7 @@ constexpr size_t kMaxQuoted = 31;
 constexpr uint32_t kMacLength = 6;
 constexpr uint32_t kWwnLength = 8;
 
-std::vector<PhysicalNic> s_PhysicalNics;  // of the last VMware host that was asked
+constinit NeverDestroyed<std::vector<PhysicalNic>> s_PhysicalNics;  // of the last VMware host that was asked
 
 // Adds the names of the interfaces that match, in alphabetical order. Returns what the search returned.
 int FindNames(const char* pattern, std::vector<std::string>& names) {
@@ -72,12 +73,12 @@ bool FindNicNames(std::vector<std::string>& names) {
 }
 
 void ReadPhysicalNics() {
-  s_PhysicalNics.clear();
+  s_PhysicalNics.object.clear();
   LineReader output = LineReader::OpenCommand(kListPhysicalNics);
   PhysicalNicParser parser;
   PhysicalNic nic;
   for (std::string_view line; output.Next(line);) {
-    if (parser.AddLine(line, nic)) s_PhysicalNics.push_back(nic);
+    if (parser.AddLine(line, nic)) s_PhysicalNics.object.push_back(nic);
   }
 }
 
@@ -142,8 +143,9 @@ struct NetworkInterface {
 
 // A VMware host may keep the PCI address of its physical NICs to its management command.
 void FillFromPhysicalNic(NetworkInterface& interface) {
-  const auto nic = std::ranges::find(s_PhysicalNics, interface.name, &PhysicalNic::device);
-  if (nic == s_PhysicalNics.end()) return;
+  const std::vector<PhysicalNic>& nics = s_PhysicalNics.object;
+  const auto nic = std::ranges::find(nics, interface.name, &PhysicalNic::device);
+  if (nic == nics.end()) return;
   ParsePciAddress(nic->pci, interface.address);
   if (interface.driver.empty()) interface.driver = nic->driver;
 }

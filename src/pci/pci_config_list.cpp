@@ -2,6 +2,7 @@
 
 #include <iterator>
 #include <new>
+#include <utility>
 
 #include "pci/device_bus_io.h"
 #include "pci/pci_slot_map.h"
@@ -18,7 +19,7 @@ class SlotFinder {
     if (m_SlotMap.GetPciSlotNumber(slot, address.bus, address.device, address.function, address.segment)) return slot;
     TRACE(4, "\nCPciConfigList      : Pci device %d at bus %d not found in BIOS routing table - look up bridge mapping",
           address.device, address.bus);
-    const auto bridge = m_BridgeMapping.find(address.bus);
+    const auto bridge = m_BridgeMapping.find({address.segment, address.bus});
     if (bridge == m_BridgeMapping.end()) {
       TRACE(4, "\nCPciConfigList      : No entry found in PCI bridge mapping table!");
       return -1;
@@ -28,13 +29,13 @@ class SlotFinder {
   }
 
   // What sits on the bus behind a bridge belongs to the slot of the bridge. A bridge without a slot adds nothing.
-  void AddBridge(uint8_t secondaryBus, int32_t slot) {
-    if (slot >= 0) m_BridgeMapping.insert_or_assign(secondaryBus, static_cast<uint8_t>(slot));
+  void AddBridge(uint16_t segment, uint8_t secondaryBus, int32_t slot) {
+    if (slot >= 0) m_BridgeMapping.insert_or_assign({segment, secondaryBus}, static_cast<uint8_t>(slot));
   }
 
  private:
   CPciSlotMap m_SlotMap;
-  std::map<uint8_t, uint8_t> m_BridgeMapping;  // secondary bus to slot
+  std::map<std::pair<uint16_t, uint8_t>, uint8_t> m_BridgeMapping;  // segment and secondary bus to slot
 };
 
 void TraceFunction(const CPciAddress& address, const CPciCommonConfigHeader& header) {
@@ -74,7 +75,7 @@ bool AddFunction(CPciConfigList& list, const CPciAddress& address, const CPciCom
   if (header.IsBridge()) {
     TRACE(3, "\nCPciConfigList      :    Brigde device:  Primary bus index  : %d", header.PrimaryBus());
     TRACE(3, "\nCPciConfigList      :    Secondary bus index: %d", header.SecondaryBus());
-    if (slots != nullptr) slots->AddBridge(header.SecondaryBus(), slot);
+    if (slots != nullptr) slots->AddBridge(address.segment, header.SecondaryBus(), slot);
   }
   list.insert_or_assign(list.end(), address, CPciSlotData{address, header, slot, {}, {}});
   return true;

@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
+#include <bitset>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -20,6 +20,7 @@
 #include "pci/pci_names.h"
 #include "pci/pci_slot_map.h"
 #include "pci/resource_lines.h"
+#include "platform/never_destroyed.h"
 #include "platform/unique_fd.h"
 #include "trace/debug.h"
 
@@ -44,6 +45,28 @@ std::string IdText(unsigned id) {
   char text[16];
   std::snprintf(text, sizeof text, "%04X", id);
   return text;
+}
+
+// The functions that a pass has made: the list of devices shows no segment, so that another line may show the same
+// address once more.
+class SeenFunctions {
+ public:
+  // False for one that was there before.
+  bool Add(const PciDevicesLine& line) {
+    const size_t place = size_t{line.bus} << 8 | size_t{line.device} << 3 | line.function;
+    if (m_Seen[place]) return false;
+    m_Seen[place] = true;
+    return true;
+  }
+
+ private:
+  std::bitset<0x10000> m_Seen;
+};
+
+// Whether the header can be that of the line's function. A virtual function carries no IDs of its own.
+bool IsHeaderOf(const PciDevicesLine& line, const CPciCommonConfigHeader& header) {
+  if (header.VendorId() == 0xFFFF) return true;
+  return header.VendorId() == line.vendorId && header.DeviceId() == line.deviceId;
 }
 
 // Short files leave the rest of the header zero; false for none and an empty one.
@@ -174,10 +197,11 @@ void TraceBridge(const BusFunction& function, const CPciCommonConfigHeader& head
   TRACE(3, "                Slot number        : %d\n", static_cast<int>(function.slot));
 }
 
-BusTableEntry* AddFunction(const PciDevicesLine& line) {
+// Null when there is no header to be read, or it is that of another segment's function than the line.
+BusTableEntry* AddFunction(const PciDevicesLine& line, SeenFunctions& seen) {
   const std::string path = ConfigPath(line);
   CPciCommonConfigHeader header;
-  if (!ReadHeader(path, header)) return nullptr;
+  if (!ReadHeader(path, header) || !IsHeaderOf(line, header) || !seen.Add(line)) return nullptr;
   BusTableEntry* const entry = AddFunctionEntry(line, path, header);
   if (entry == nullptr) return nullptr;
   AddPciEntry(entry->function, header);
@@ -238,15 +262,15 @@ void AddMemory(BusTableEntry* owner, uint64_t address) {
   BusInsertTable(GetBusTables().memories, entry);
 }
 
-// owner: null when the function's configuration could not be read.
+// owner: null when the line's function has no entry.
 void AddResources(const PciDevicesLine& line, BusTableEntry* owner) {
-  const auto low = [&line](size_t index) { return static_cast<unsigned>(line.addresses[index]); };
-  TRACE(3, "    PCI Id %04x:%04x IRQ %02x Base Addr[0-5]: %016x %016x %016x %016x %016x %016x\n", line.vendorId,
-        line.deviceId, line.irq, low(0), low(1), low(2), low(3), low(4), low(5));
+  const auto address = [&line](size_t index) { return static_cast<unsigned long long>(line.addresses[index]); };
+  TRACE(3, "    PCI Id %04x:%04x IRQ %02x Base Addr[0-5]: %016llx %016llx %016llx %016llx %016llx %016llx\n",
+        line.vendorId, line.deviceId, line.irq, address(0), address(1), address(2), address(3), address(4), address(5));
   if (line.irq != 0) AddIrq(owner, HasVmwareVector(line) ? ReplaceVmwareIrq(line) : line.irq);
-  for (const uint64_t address : line.addresses) {
-    if (address == 0) continue;
-    (address & 0x01) != 0 ? AddPort(owner, address) : AddMemory(owner, address);
+  for (const uint64_t base : line.addresses) {
+    if (base == 0) continue;
+    (base & 0x01) != 0 ? AddPort(owner, base) : AddMemory(owner, base);
   }
 }
 
@@ -264,7 +288,7 @@ void CutMemoryRanges() {
   std::vector<MemoryRange> ranges;
   for (BusTableEntry* entry = GetBusTables().memories.first; entry != nullptr; entry = entry->next) {
     const BusMemory& memory = entry->memory;
-    if (memory.kind != kMemoryOfPci) continue;
+    if (entry->used == 0 || memory.kind != kMemoryOfPci) continue;
     const uint64_t high = static_cast<uint64_t>(memory.addressHigh) << 32;
     ranges.push_back({high | static_cast<uint64_t>(memory.addressLow), entry});
   }
@@ -288,9 +312,10 @@ bool ScanPciFunctions() try {
   RefreshFcControllers(std::chrono::steady_clock::now());
   LineReader devices = LineReader::OpenFile(kDevices);
   if (!devices) return false;
+  SeenFunctions seen;
   for (std::string_view text; devices.Next(text, kMaxLine);) {
     PciDevicesLine line;
-    if (ParsePciDevicesLine(text, line)) AddResources(line, AddFunction(line));
+    if (ParsePciDevicesLine(text, line)) AddResources(line, AddFunction(line, seen));
   }
   CutMemoryRanges();
   return true;
@@ -299,9 +324,9 @@ bool ScanPciFunctions() try {
 }
 
 int8_t GetPciSlotNumber(unsigned bus, unsigned device) {
-  static CPciSlotMap slotMap;
+  static NeverDestroyed<CPciSlotMap> slotMap;
   unsigned char slot = 0;
-  if (slotMap.GetPciSlotNumber(slot, bus, device, 0, 0)) {
+  if (slotMap.object.GetPciSlotNumber(slot, bus, device, 0, 0)) {
     TRACE(3, "slot %d for %02x:%02x found in slot mapping table\n", slot, bus, device);
     return static_cast<int8_t>(slot);
   }

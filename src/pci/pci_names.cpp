@@ -3,62 +3,64 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <iterator>
 #include <map>
+#include <optional>
 #include <utility>
 
+#include "pci/adapter_names.h"
+#include "pci/file_version.h"
 #include "pci/line_reader.h"
-#include "pci/text_cursor.h"
+#include "platform/descriptor_io.h"
+#include "platform/never_destroyed.h"
+#include "platform/text_cursor.h"
 #include "platform/unique_fd.h"
 #include "trace/debug.h"
 
 namespace {
 
 constexpr const char* kAdapterFile = "/etc/pelrix/Adapter.ini";
-constexpr const char* kLspci = "/sbin/lspci";
-constexpr const char* kLspciCommand = "/sbin/lspci -nn";
+constexpr const char* kLspci[] = {"/sbin/lspci", "/usr/bin/lspci"};
 constexpr size_t kMaxDescription = 97;
 
 // By vendor and device ID.
 using DeviceNames = std::map<std::pair<unsigned, unsigned>, std::string>;
 
-std::string HexText(unsigned value) {
-  char text[16];
-  std::snprintf(text, sizeof text, "%04X", value);
-  return text;
-}
+// The adapter name file as it was read last, and the list of lspci. Both stay.
+struct KnownNames {
+  std::optional<AdapterNames> adapters;
+  FileVersion adapterFile;
+  std::optional<DeviceNames> devices;
+};
+constinit NeverDestroyed<KnownNames> s_Known;
 
-bool NextLine(std::string_view& text, std::string_view& line) {
-  do {
-    if (text.empty()) return false;
-    const size_t end = text.find('\n');
-    line = text.substr(0, end);
-    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-  } while (line.starts_with(';'));
-  return true;
-}
-
-bool ReadText(const char* path, std::string& text) {
-  const UniqueFd fd{::open(path, O_RDONLY | O_CLOEXEC)};
-  const int error = errno;
-  if (!fd) {
-    TRACE(3, "Error %d opening %s\n", error, path);
-    return false;
+// Null when the file cannot be read.
+const AdapterNames* GetAdapterNames() {
+  KnownNames& known = s_Known.object;
+  const UniqueFd file{::open(kAdapterFile, O_RDONLY | O_CLOEXEC)};
+  int error = errno;
+  const FileVersion version = file ? FileVersion::Of(file.Get()) : FileVersion();
+  if (version == known.adapterFile) return &*known.adapters;
+  known.adapterFile = {};
+  std::string text;
+  if (file) error = ReadToEnd(file.Get(), text) ? 0 : errno;
+  if (error != 0) {
+    TRACE(3, "Error %d opening %s\n", error, kAdapterFile);
+    return nullptr;
   }
-  char block[16384];
-  for (ssize_t count; (count = ::read(fd.Get(), block, sizeof block)) > 0;) {
-    text.append(block, static_cast<size_t>(count));
-  }
-  return true;
+  known.adapters.emplace(std::move(text));
+  known.adapterFile = version;
+  return &*known.adapters;
 }
 
 bool mapPciID_Adi(unsigned vendor, unsigned device, int subsystem, std::string& deviceName, std::string& vendorName) {
-  std::string text;
-  if (!ReadText(kAdapterFile, text)) return false;
+  const AdapterNames* const names = GetAdapterNames();
   std::string_view deviceText;
   std::string_view vendorText;
-  const bool found = FindAdapterNames(text, vendor, device, subsystem, deviceText, vendorText);
+  const bool found = names != nullptr && names->Find(vendor, device, subsystem, deviceText, vendorText);
   deviceName = deviceText;
   vendorName = vendorText;
   return found;
@@ -66,11 +68,12 @@ bool mapPciID_Adi(unsigned vendor, unsigned device, int subsystem, std::string& 
 
 DeviceNames ReadDeviceNames() {
   DeviceNames names;
-  if (::access(kLspci, X_OK) != 0) {
+  const auto* const lspci = std::ranges::find_if(kLspci, [](const char* path) { return ::access(path, X_OK) == 0; });
+  if (lspci == std::end(kLspci)) {
     TRACE(1, "## ERROR! /sbin/lspci dos not exist on this system!\n");
     return names;
   }
-  LineReader output = LineReader::OpenCommand(kLspciCommand);
+  LineReader output = LineReader::OpenCommand(std::string(*lspci) + " -nn");
   for (std::string_view line; output.Next(line);) {
     LspciLine found;
     if (ParseLspciLine(line, found)) names.try_emplace({found.vendor, found.device}, found.description);
@@ -79,38 +82,12 @@ DeviceNames ReadDeviceNames() {
 }
 
 const DeviceNames& GetDeviceNames() {
-  static const DeviceNames names = ReadDeviceNames();
-  return names;
+  std::optional<DeviceNames>& devices = s_Known.object.devices;
+  if (!devices) devices = ReadDeviceNames();
+  return *devices;
 }
 
 }  // namespace
-
-bool FindAdapterNames(std::string_view text, unsigned vendor, unsigned device, int subsystem,
-                      std::string_view& deviceName, std::string_view& vendorName) {
-  constexpr std::string_view kVendorKey = "Vendor=";
-  const std::string header = "[" + HexText(vendor) + "]";
-  const std::string deviceKey = HexText(device) + "=";
-  const std::string exactKey = subsystem < 0 ? "" : HexText(device) + HexText(static_cast<unsigned>(subsystem)) + "=";
-  std::string_view line;
-  do {
-    if (!NextLine(text, line)) return false;
-  } while (!line.starts_with(header));
-  if (!NextLine(text, line) || !line.starts_with(kVendorKey)) return false;
-  vendorName = TextCursor::Trim(line.substr(kVendorKey.size()));
-
-  bool found = false;
-  while (NextLine(text, line) && !line.starts_with('[')) {
-    if (!exactKey.empty() && line.starts_with(exactKey)) {
-      deviceName = TextCursor::Trim(line.substr(exactKey.size()));
-      return true;
-    }
-    if (!found && line.starts_with(deviceKey)) {
-      deviceName = TextCursor::Trim(line.substr(deviceKey.size()));
-      found = true;
-    }
-  }
-  return found;
-}
 
 bool ParseLspciLine(std::string_view line, LspciLine& out) {
   const size_t address = line.find(' ');

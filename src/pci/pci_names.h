@@ -6,11 +6,11 @@
 #include <string_view>
 
 // Names of PCI vendors and devices, from the adapter name file "/etc/pelrix/Adapter.ini" and, for devices that it does
-// not know, from the output of "/sbin/lspci -nn".
+// not know, from the output of "/sbin/lspci -nn", or of "/usr/bin/lspci -nn" on a system that has that one alone.
 //
-// The list that lspci gives is read once in the life of the process, whether lspci exists or not; the adapter name file
-// is read at each look-up. One thread at a time. What is missing is traced and counts as not found; only
-// std::bad_alloc is thrown.
+// Every look-up answers from the adapter name file as it is then, which is read again only after a change. The list
+// that lspci gives is read once in the life of the process, whether lspci exists or not. One thread at a time. What is
+// missing or cannot be read is traced and counts as not found; only std::bad_alloc is thrown.
 
 // Device and vendor name of a function; subsystem is the subsystem ID or -1. True when the device has a name. The
 // vendor name is set as soon as the vendor is known, even where the device is not; a name that is not found is "".
@@ -23,14 +23,7 @@ bool getDeviceName(unsigned vendor, unsigned device, std::string* name);
 // The same, cut to size - 1 characters and terminated. An unknown device leaves an empty text; false without a buffer.
 bool GetPciDeviceName(unsigned vendor, unsigned device, char* buffer, size_t size);
 
-// The parsers. Pure; the views point into the text.
-
-// Looks a device up in the text of an adapter name file. The vendor's section is headed "[8086]" and begins with
-// "Vendor="; "10D31234=" names a device with one subsystem and comes before "10D3=" for all of them. Lines that begin
-// with ";" do not count.
-bool FindAdapterNames(std::string_view text, unsigned vendor, unsigned device, int subsystem,
-                      std::string_view& deviceName, std::string_view& vendorName);
-
+// The parser of lspci's lines. Pure; the view points into the line.
 // "00:03.0 Ethernet controller [0200]: Acme NIC [1af4:1041] (rev 01)"
 //   => 0x1af4, 0x1041, "Ethernet controller [0200]: Acme NIC "
 struct LspciLine {

@@ -6,7 +6,7 @@
 
 #include "firmware/device_bios.h"
 #include "firmware/irq_routing_table.h"
-#include "firmware/smbios.h"
+#include "firmware/smbios_lookup.h"
 #include "trace/debug.h"
 
 namespace {

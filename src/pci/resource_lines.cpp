@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "pci/text_cursor.h"
+#include "platform/text_cursor.h"
 
 namespace {
 

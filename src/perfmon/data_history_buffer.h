@@ -32,6 +32,12 @@ class CDataHistoryBuffer {
     std::vector<std::vector<T>>().swap(m_Instances);
   }
 
+  // Empties one instance.
+  void Clear(int instance) {
+    const CCriticalSectionLock lock(m_CritSec);
+    if (Exists(instance)) m_Instances[static_cast<size_t>(instance)].clear();
+  }
+
   int Instances() const {
     const CCriticalSectionLock lock(m_CritSec);
     return static_cast<int>(m_Instances.size());

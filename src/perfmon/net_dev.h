@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 #include "perfmon/perf_data.h"
@@ -21,6 +22,7 @@ struct NetDevLine {
 
 // State of one interface between two samples.
 struct NetInterfaceState {
+  std::string name = {};      // empty = none yet
   uint64_t sampleTimeMs = 0;  // 0 = not sampled yet
   NetCounters counters{};
   std::array<uint64_t, 2> unused{UINT64_MAX, UINT64_MAX};

@@ -1,6 +1,5 @@
 #include "perfmon/network_interface_table.h"
 
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -23,7 +22,6 @@ constexpr auto kCountedPrefixes =
 
 constexpr size_t kMaxName = 32;
 constexpr int kHeadingLines = 2;
-constexpr size_t kTextSize = 8192;
 constexpr unsigned int kMaxCount = CNetworkInterfaceTable::kError - 1;
 
 bool HasLanName(const std::string& name) {
@@ -97,12 +95,10 @@ unsigned char CNetworkInterfaceTable::GetInterface(unsigned int index, CNetworkI
   const char* nickname = std::getenv("QN_NICKNAME");
   const bool everyName = nickname != nullptr && std::strstr(nickname, "OVM3") != nullptr;
   TRACE(3, "GetInterface: INFO: LAN interface names: isOVM3 = %s.", everyName ? "true" : "false");
-  CProcFile file(kProcNetDev, kTextSize);
-  if (!file.Start()) {
+  std::string text;
+  if (!ReadProcFile(kProcNetDev, text)) {
     TRACE(3, "GetInterface: ERROR: cannot open /proc/net/dev\n");
     return kError;
-  }
-  while (file.More()) {
   }
   const UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (!socket) {
@@ -111,13 +107,12 @@ unsigned char CNetworkInterfaceTable::GetInterface(unsigned int index, CNetworkI
   }
   unsigned int count = 0;
   if (countOnly != 0) {
-    ForEachInterface(file.Text(), everyName, socket.Get(),
-                     [&count](const std::string&) { return ++count < kMaxCount; });
+    ForEachInterface(text, everyName, socket.Get(), [&count](const std::string&) { return ++count < kMaxCount; });
     return static_cast<unsigned char>(count);
   }
   if (entry == nullptr) return 0;
   unsigned char filled = 0;
-  ForEachInterface(file.Text(), everyName, socket.Get(), [&](const std::string& name) {
+  ForEachInterface(text, everyName, socket.Get(), [&](const std::string& name) {
     if (count++ < index) return true;
     FillInterface(socket.Get(), name, *entry);
     filled = 1;

@@ -14,15 +14,9 @@ unsigned char Cap(uint128 percent) {
 
 }  // namespace
 
-void CPercentSum::Add(const PerfFields& fields) {
+void CPercentSum::Add(uint128 part, uint64_t whole) {
   ++m_Elements;
-  const uint64_t denominator = fields[m_Rule.denominator];
-  if (denominator == 0) return;
-  uint128 numerator = 0;
-  for (size_t i = 0; i < fields.size(); ++i) {
-    if ((unsigned{m_Rule.numerator} >> i & 1U) != 0) numerator += fields[i];
-  }
-  m_Sum += numerator * kWhole / denominator;
+  if (whole != 0) m_Sum += part * kWhole / whole;
 }
 
 unsigned char CPercentSum::OverInstances(size_t instances) const {

@@ -1,11 +1,8 @@
 #pragma once
 
-#include <array>
-#include <cstddef>
 #include <cstdint>
 
-// The sample records of the performance monitor: four unsigned 64-bit numbers each, in an order that percentage rules
-// refer to by position.
+// The sample records of the performance monitor: four unsigned 64-bit numbers each, in this order.
 
 // Bytes. Virtual memory is physical memory and swap together.
 struct _PerfDataMemory {
@@ -23,13 +20,8 @@ struct _PerfDataSystem {
   uint64_t idle;
 };
 
-// As _PerfDataSystem, for one processor.
-struct _PerfDataCpu {
-  uint64_t total;
-  uint64_t user;
-  uint64_t kernel;
-  uint64_t idle;
-};
+// The same for one processor.
+struct _PerfDataCpu : _PerfDataSystem {};
 
 struct _PerfDataNetwork {
   uint64_t speed;     // bytes per second that the link carries; all-ones when unknown
@@ -37,9 +29,6 @@ struct _PerfDataNetwork {
   uint64_t received;  // bytes per second
   uint64_t sent;      // bytes per second
 };
-
-// What every record is for a percentage rule.
-using PerfFields = std::array<uint64_t, 4>;
 
 // Products and sums of 64-bit counters do not fit in 64 bits.
 __extension__ typedef unsigned __int128 uint128;

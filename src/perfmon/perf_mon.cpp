@@ -7,10 +7,13 @@
 #include <cerrno>
 #include <chrono>
 #include <limits>
+#include <string>
 #include <string_view>
 #include <thread>
 
+#include "perfmon/proc_file.h"
 #include "perfmon/sample_text.h"
+#include "platform/unique_fd.h"
 #include "platform/wait_result.h"
 #include "trace/debug.h"
 
@@ -19,17 +22,13 @@ namespace {
 constexpr const char* kProcMemInfo = "/proc/meminfo";
 constexpr const char* kProcStat = "/proc/stat";
 
-constexpr size_t kMemInfoSize = 4096;
-constexpr size_t kStatSize = 256;  // only the first line is wanted
-constexpr size_t kNetDevSize = 8192;
-
 constexpr std::chrono::milliseconds kFirstInterval{250};
 constexpr unsigned long kThreadPriority = 63;
 constexpr unsigned int kStopTimeoutMs = 2000;
 
 uint64_t NowMs() {
   using std::chrono::duration_cast;
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
   return static_cast<uint64_t>(duration_cast<std::chrono::milliseconds>(now).count());
 }
 
@@ -39,12 +38,7 @@ int ToInt(uint32_t value) {
 
 }  // namespace
 
-CPerfMon::CPerfMon(unsigned int historySize)
-    : m_StopEvent(false, true, nullptr),
-      m_HistorySize(historySize),
-      m_MemInfoFile(kProcMemInfo, kMemInfoSize),
-      m_StatFile(kProcStat, kStatSize),
-      m_NetDevFile(kProcNetDev, kNetDevSize) {}
+CPerfMon::CPerfMon(unsigned int historySize) : m_StopEvent(false, true, nullptr), m_HistorySize(historySize) {}
 
 CPerfMon::~CPerfMon() {
   StopMonitoring();
@@ -54,8 +48,12 @@ bool CPerfMon::StartMonitoring(int mask, unsigned int updateTimeMs) {
   const CCriticalSectionLock lock(m_CritSec);
   TRACE(4, "\nCPerfMon::Start     : Start performance monitoring, update time = %d msec.",
         static_cast<int>(updateTimeMs));
-  m_UpdateTime = updateTimeMs;
-  if (m_Started) return true;
+  const bool hadInterval = m_UpdateTime.exchange(updateTimeMs) != 0;
+  if (m_Started && (hadInterval || updateTimeMs == 0)) return true;
+  if (m_Started) {
+    EndThread();  // it was left without an interval: it has ended, or waits for the last time
+    return RunThread();
+  }
   ForgetLastSamples();
   CreateHistories(static_cast<unsigned int>(mask));
   m_MonitorMask = static_cast<unsigned int>(mask);
@@ -63,17 +61,14 @@ bool CPerfMon::StartMonitoring(int mask, unsigned int updateTimeMs) {
   SnapshotData(m_MonitorMask);
   std::this_thread::sleep_for(kFirstInterval);
   SnapshotData(m_MonitorMask);
-  m_Started = StartThread();
-  if (!m_Started) DestroyHistories();
-  return m_Started;
+  return RunThread();
 }
 
 void CPerfMon::StopMonitoring() {
   const CCriticalSectionLock lock(m_CritSec);
   TRACE(4, "\nCPerfMon::Stop      : Stop performance monitoring");
   if (m_Started) {
-    m_StopEvent.Set();
-    m_Thread.WaitForTermination(kStopTimeoutMs);
+    EndThread();
     m_Started = false;
     TRACE(4, "\nCPerfMon::Stop      :   monitoring thread terminated");
   }
@@ -125,10 +120,17 @@ bool CPerfMon::HasHistory() const {
          m_MemoryHistory.Instances() > 0;
 }
 
-bool CPerfMon::StartThread() {
+bool CPerfMon::RunThread() {
   TRACE(4, "\nCPerfMon::Start     :   start monitoring thread");
   m_StopEvent.Reset();
-  return m_Thread.Start(&CPerfMon::StartMonitoringThread, this, kThreadPriority, false, 0, 0, true);
+  m_Started = m_Thread.Start(&CPerfMon::StartMonitoringThread, this, kThreadPriority, false, 0, 0, true);
+  if (!m_Started) DestroyHistories();
+  return m_Started;
+}
+
+void CPerfMon::EndThread() {
+  m_StopEvent.Set();
+  m_Thread.WaitForTermination(kStopTimeoutMs);
 }
 
 void CPerfMon::DestroyHistories() {
@@ -179,15 +181,14 @@ void CPerfMon::SnapshotMemory() {
 }
 
 bool CPerfMon::ReadMemory(_PerfDataMemory& record) {
-  if (!m_MemInfoFile.Start()) {
-    const int error = errno;
-    TRACE(3, "CPerfData::GetMemoryDataSnapShot: cannot open %s (errno=%d)\n", m_MemInfoFile.Path(), error);
+  std::string text;
+  if (!ReadProcFile(kProcMemInfo, text)) {
+    TRACE(3, "CPerfData::GetMemoryDataSnapShot: cannot open %s (errno=%d)\n", kProcMemInfo, errno);
     return false;
   }
   MemInfo info;
-  while (!ParseMemInfo(m_MemInfoFile.Text(), info)) {
-    if (m_MemInfoFile.More()) continue;
-    TRACE(3, "CPerfData::GetMemoryDataSnapShot: cannot get all values from %s\n", m_MemInfoFile.Path());
+  if (!ParseMemInfo(text, info)) {
+    TRACE(3, "CPerfData::GetMemoryDataSnapShot: cannot get all values from %s\n", kProcMemInfo);
     return false;
   }
   record = MakeMemoryRecord(info);
@@ -210,18 +211,14 @@ void CPerfMon::SnapshotSystem() {
 }
 
 bool CPerfMon::ReadSystem(_PerfDataSystem& ticks) {
-  if (!m_StatFile.Start()) {
-    const int error = errno;
-    TRACE(3, "CPerfData::GetSystemLoadSnapShot: cannot open %s (errno=%d)\n", m_StatFile.Path(), error);
+  std::string text;
+  if (!ReadProcFile(kProcStat, text)) {
+    TRACE(3, "CPerfData::GetSystemLoadSnapShot: cannot open %s (errno=%d)\n", kProcStat, errno);
     return false;
   }
-  while (m_StatFile.Text().empty() && m_StatFile.More()) {
-  }
-  const std::string_view text = m_StatFile.Text();
-  const int found = ParseCpuLine(text.substr(0, text.find('\n')), ticks);
+  const int found = ParseCpuLine(std::string_view(text).substr(0, text.find('\n')), ticks);
   if (found == 4) return true;
-  TRACE(3, "CPerfData::GetSystemLoadSnapShot: cannot get System Load values from %s (ret=%d)\n", m_StatFile.Path(),
-        found);
+  TRACE(3, "CPerfData::GetSystemLoadSnapShot: cannot get System Load values from %s (ret=%d)\n", kProcStat, found);
   return false;
 }
 
@@ -230,45 +227,43 @@ void CPerfMon::SnapshotNetwork() {
   const int count = static_cast<int>(m_Interfaces.size());
   TRACE(5, "\nCPerfMon::SnapData  :   - update network usage for %d instances", count);
   if (count == 0) return;
-  if (!m_NetDevFile.Start()) {
-    const int error = errno;
-    TRACE(3, "CNetworkInterfaceStatistics::GetStatistikAtIndex: cannot open %s (errno=%d)\n", m_NetDevFile.Path(),
-          error);
+  std::string text;
+  if (!ReadProcFile(kProcNetDev, text)) {
+    TRACE(3, "CNetworkInterfaceStatistics::GetStatistikAtIndex: cannot open %s (errno=%d)\n", kProcNetDev, errno);
     return;
   }
-  while (m_NetDevFile.More()) {
-  }
   const uint64_t nowMs = NowMs();
-  std::string_view text = m_NetDevFile.Text();
+  const UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  std::string_view rest = text;
   for (int number = 0; number < count; ++number) {
     NetDevLine line;
-    if (TakeSampledInterface(text, line)) {
-      SnapshotInterface(number, line, nowMs);
+    if (TakeSampledInterface(rest, line)) {
+      SnapshotInterface(number, line, nowMs, socket.Get());
     } else {
+      m_Interfaces[static_cast<size_t>(number)].sampleTimeMs = 0;
       TRACE(3, "CNetworkInterfaceStatistics::GetStatistikAtIndex: interface for Index=%d not found\n", number);
     }
   }
 }
 
-void CPerfMon::SnapshotInterface(int number, const NetDevLine& line, uint64_t nowMs) {
+void CPerfMon::SnapshotInterface(int number, const NetDevLine& line, uint64_t nowMs, int socket) {
+  NetInterfaceState& state = m_Interfaces[static_cast<size_t>(number)];
+  if (state.name != line.name) {
+    m_NetworkHistory.Clear(number);
+    state = {.name = std::string(line.name)};
+  }
   NetCounters counters;
   const int found = ParseNumbers(line.counters, counters);
   if (found != static_cast<int>(counters.size())) {
     TRACE(3, "CNetworkInterfaceStatistics::GetStatistikAtIndex: cannot get Network Load values from %s (ret=%d)\n",
-          m_NetDevFile.Path(), found);
+          kProcNetDev, found);
     return;
   }
-  NetInterfaceState& state = m_Interfaces[static_cast<size_t>(number)];
   _PerfDataNetwork record;
-  if (MakeNetworkRecord(state, nowMs, counters, LinkSpeed(line.name), record)) {
+  if (MakeNetworkRecord(state, nowMs, counters, ReadLinkSpeed(socket, line.name), record)) {
     const int entries = m_NetworkHistory.Append(number, record);
     TRACE(5, "\nCPerfMon::SnapData  :   - network history[%02d]: %d entries", number, entries);
   }
   state.sampleTimeMs = nowMs;
   state.counters = counters;
-}
-
-uint64_t CPerfMon::LinkSpeed(std::string_view name) {
-  if (!m_Socket) m_Socket.Reset(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  return m_Socket ? ReadLinkSpeed(m_Socket.Get(), name) : kUnknownSpeed;
 }

@@ -8,13 +8,10 @@
 #include "perfmon/data_history_buffer.h"
 #include "perfmon/net_dev.h"
 #include "perfmon/network_interface_table.h"
-#include "perfmon/percent_sum.h"
 #include "perfmon/perf_data.h"
-#include "perfmon/proc_file.h"
 #include "platform/critical_section.h"
 #include "platform/event.h"
 #include "platform/thread.h"
-#include "platform/unique_fd.h"
 
 class CProcInfo;
 
@@ -28,7 +25,7 @@ class CProcInfo;
 //
 // Threads: every operation may be called from any thread at any time. Starting and stopping wait for one another;
 // queries of system, network and memory values wait for neither.
-// Ownership: the object owns its thread, histories and the descriptors that it keeps open from sample to sample.
+// Ownership: the object owns its thread and histories. Each sample opens, reads and closes its files.
 // Failures: what cannot be read is traced and left out of the histories; a query that has no object to answer for
 // gives 0 % and false.
 // Not copyable; the monitoring thread holds the object's address.
@@ -80,7 +77,8 @@ class CPerfMon {
   // is left. Nothing reaches back over the time without monitoring, but the interfaces stay those of the first count.
   // With no kind that can be sampled (per-CPU alone, or network without an interface) no thread is started.
   // When already started, only the interval changes, from the next wait on. With an interval of 0 the thread ends at
-  // once and SnapshotData alone adds samples; the object counts as started all the same.
+  // once, or after the wait that it is in, and SnapshotData alone adds samples; the object counts as started all the
+  // same, and with a further start that gives an interval there is a thread again.
   bool StartMonitoring(int mask, unsigned int updateTimeMs);
 
   // Wakes the thread, waits for it and empties the histories. A sample that runs is finished. May be called again.
@@ -96,6 +94,8 @@ class CPerfMon {
 
   // Percentage 0-100 of the newest sample, or over the whole history. instance: the interface number for network
   // values, the process id for process values, 0 for the others; kAllInstances means all of them together.
+  // An interface number is a place in the kernel's list. When another interface comes to that place, its history begins
+  // anew; when none is there any more, it stays.
   // 0 % and true for an instance without samples. 0 % and false for an unknown value and for an instance that does not
   // exist, kAllInstances without any instance included. No process is known, so process values are always the latter.
   bool GetCurrentPercent(PerfMonitorValue value, unsigned char& percent, int instance);
@@ -113,23 +113,20 @@ class CPerfMon {
   void CreateNetworkHistory();
   void ForgetLastSamples();
   bool HasHistory() const;
-  bool StartThread();
+  bool RunThread();
+  void EndThread();
   void DestroyHistories();
 
   // Steps of a sample; m_SampleSection is held.
   void SnapshotMemory();
   void SnapshotSystem();
   void SnapshotNetwork();
-  void SnapshotInterface(int number, const NetDevLine& line, uint64_t nowMs);
-  bool ReadMemory(_PerfDataMemory& record);
-  bool ReadSystem(_PerfDataSystem& ticks);
-  uint64_t LinkSpeed(std::string_view name);
+  void SnapshotInterface(int number, const NetDevLine& line, uint64_t nowMs, int socket);
+  static bool ReadMemory(_PerfDataMemory& record);
+  static bool ReadSystem(_PerfDataSystem& ticks);
 
   bool GetPercent(PerfMonitorValue value, unsigned char& percent, int instance, bool newestOnly);
   bool GetProcessPercent(unsigned char& percent, int instance);
-  template <typename T>
-  static bool GetHistoryPercent(const CDataHistoryBuffer<T>& history, PercentRule rule, unsigned char& percent,
-                                int instance, bool newestOnly);
 
   // Starting and stopping hold this section throughout; it also guards the maps of the processes.
   CCriticalSection m_CritSec;
@@ -157,8 +154,4 @@ class CPerfMon {
 
   // One sample at a time; taken after m_CritSec and before the lock of a history.
   CCriticalSection m_SampleSection;
-  CProcFile m_MemInfoFile;
-  CProcFile m_StatFile;
-  CProcFile m_NetDevFile;
-  UniqueFd m_Socket;
 };

@@ -1,55 +1,87 @@
 #include <algorithm>
-#include <bit>
-#include <optional>
+#include <array>
 
+#include "perfmon/percent_sum.h"
 #include "perfmon/perf_mon.h"
 
 namespace {
 
+using Value = CPerfMon::PerfMonitorValue;
 using Type = CPerfMon::PerfMonitorType;
 
-// Positions in the records and their bits in a numerator.
-enum SystemField : uint8_t { kTotal = 0, kUserBit = 2, kKernelBit = 4, kIdleBit = 8 };
-enum MemoryField : uint8_t { kTotalVirtual = 0, kUsedVirtualBit = 2, kTotalPhysical = 2, kUsedPhysicalBit = 8 };
-enum NetworkField : uint8_t { kCapacity = 1, kReceivedBit = 4, kSentBit = 8 };
-
+// A value is the percentage that its parts, added up, are of the whole.
+template <typename Record>
 struct ValueRow {
-  CPerfMon::PerfMonitorValue value;
+  Value value;
   Type type;
-  PercentRule rule;
+  uint64_t Record::*part;
+  uint64_t Record::*morePart;  // null: there is one part only
+  uint64_t Record::*whole;
 };
 
-constexpr auto kValueRows = std::to_array<ValueRow>({
-    {CPerfMon::cpuUsed, CPerfMon::systemCpu, {kUserBit | kKernelBit, kTotal}},
-    {CPerfMon::cpuIdle, CPerfMon::systemCpu, {kIdleBit, kTotal}},
-    {CPerfMon::cpuUser, CPerfMon::systemCpu, {kUserBit, kTotal}},
-    {CPerfMon::cpuKernel, CPerfMon::systemCpu, {kKernelBit, kTotal}},
-    {CPerfMon::perCpuUsed, CPerfMon::perCpu, {kUserBit | kKernelBit, kTotal}},
-    {CPerfMon::perCpuIdle, CPerfMon::perCpu, {kIdleBit, kTotal}},
-    {CPerfMon::perCpuUser, CPerfMon::perCpu, {kUserBit, kTotal}},
-    {CPerfMon::perCpuKernel, CPerfMon::perCpu, {kKernelBit, kTotal}},
-    {CPerfMon::memoryVirtual, CPerfMon::memory, {kUsedVirtualBit, kTotalVirtual}},
-    {CPerfMon::memoryPhysical, CPerfMon::memory, {kUsedPhysicalBit, kTotalPhysical}},
-    {CPerfMon::networkTotal, CPerfMon::network, {kReceivedBit | kSentBit, kCapacity}},
-    {CPerfMon::networkSent, CPerfMon::network, {kSentBit, kCapacity}},
-    {CPerfMon::networkReceived, CPerfMon::network, {kReceivedBit, kCapacity}},
+using Ticks = _PerfDataSystem;
+constexpr auto kTickRows = std::to_array<ValueRow<Ticks>>({
+    {CPerfMon::cpuUsed, CPerfMon::systemCpu, &Ticks::user, &Ticks::kernel, &Ticks::total},
+    {CPerfMon::cpuIdle, CPerfMon::systemCpu, &Ticks::idle, nullptr, &Ticks::total},
+    {CPerfMon::cpuUser, CPerfMon::systemCpu, &Ticks::user, nullptr, &Ticks::total},
+    {CPerfMon::cpuKernel, CPerfMon::systemCpu, &Ticks::kernel, nullptr, &Ticks::total},
+    {CPerfMon::perCpuUsed, CPerfMon::perCpu, &Ticks::user, &Ticks::kernel, &Ticks::total},
+    {CPerfMon::perCpuIdle, CPerfMon::perCpu, &Ticks::idle, nullptr, &Ticks::total},
+    {CPerfMon::perCpuUser, CPerfMon::perCpu, &Ticks::user, nullptr, &Ticks::total},
+    {CPerfMon::perCpuKernel, CPerfMon::perCpu, &Ticks::kernel, nullptr, &Ticks::total},
 });
 
-bool IsProcessValue(CPerfMon::PerfMonitorValue value) {
+using Memory = _PerfDataMemory;
+constexpr auto kMemoryRows = std::to_array<ValueRow<Memory>>({
+    {CPerfMon::memoryVirtual, CPerfMon::memory, &Memory::usedVirtual, nullptr, &Memory::totalVirtual},
+    {CPerfMon::memoryPhysical, CPerfMon::memory, &Memory::usedPhysical, nullptr, &Memory::totalPhysical},
+});
+
+using Network = _PerfDataNetwork;
+constexpr auto kNetworkRows = std::to_array<ValueRow<Network>>({
+    {CPerfMon::networkTotal, CPerfMon::network, &Network::received, &Network::sent, &Network::capacity},
+    {CPerfMon::networkSent, CPerfMon::network, &Network::sent, nullptr, &Network::capacity},
+    {CPerfMon::networkReceived, CPerfMon::network, &Network::received, nullptr, &Network::capacity},
+});
+
+bool IsProcessValue(Value value) {
   return value >= CPerfMon::processFirst && value <= CPerfMon::processLast;
 }
 
-const ValueRow* FindRow(CPerfMon::PerfMonitorValue value) {
-  const auto row = std::ranges::find(kValueRows, value, &ValueRow::value);
-  return row == kValueRows.end() ? nullptr : &*row;
+template <typename Rows>
+auto FindRow(const Rows& rows, Value value) {
+  const auto row = std::ranges::find(rows, value, &Rows::value_type::value);
+  return row == rows.end() ? nullptr : &*row;
+}
+
+template <typename Record, typename Fields>
+bool HistoryPercent(const CDataHistoryBuffer<Record>& history, const ValueRow<Fields>& row, unsigned char& percent,
+                    int instance, bool newestOnly) {
+  const bool all = instance == CPerfMon::kAllInstances;
+  const int first = all ? 0 : instance;
+  const int count = all ? history.Instances() : 1;
+  CPercentSum sum;
+  const auto add = [&sum, &row](const Record& record) {
+    sum.Add(uint128{record.*row.part} + (row.morePart != nullptr ? record.*row.morePart : 0), record.*row.whole);
+  };
+  int found = 0;
+  for (int i = 0; i < count; ++i) {
+    if (history.Read(first + i, newestOnly, add)) ++found;
+  }
+  // Histories that are emptied meanwhile count as far as they were there.
+  percent = newestOnly ? sum.OverInstances(static_cast<size_t>(found)) : sum.OverElements();
+  return found > 0;
 }
 
 }  // namespace
 
 bool CPerfMon::IsMonitorValue(PerfMonitorValue value, PerfMonitorType type) {
   if (IsProcessValue(value)) return type == processes;
-  const ValueRow* row = FindRow(value);
-  return row != nullptr && row->type == type;
+  const auto has = [value, type](const auto& rows) {
+    const auto* row = FindRow(rows, value);
+    return row != nullptr && row->type == type;
+  };
+  return has(kTickRows) || has(kMemoryRows) || has(kNetworkRows);
 }
 
 bool CPerfMon::GetCurrentPercent(PerfMonitorValue value, unsigned char& percent, int instance) {
@@ -68,21 +100,18 @@ bool CPerfMon::GetUsagePercent(unsigned char& percent, PerfMonitorValue value, i
 
 bool CPerfMon::GetPercent(PerfMonitorValue value, unsigned char& percent, int instance, bool newestOnly) {
   if (IsProcessValue(value)) return GetProcessPercent(percent, instance);
-  const ValueRow* row = FindRow(value);
-  const Type type = row != nullptr ? row->type : Type{};
-  switch (type) {
-    case systemCpu:
-      return GetHistoryPercent(m_SystemHistory, row->rule, percent, instance, newestOnly);
-    case perCpu:
-      return GetHistoryPercent(m_CpuHistory, row->rule, percent, instance, newestOnly);
-    case network:
-      return GetHistoryPercent(m_NetworkHistory, row->rule, percent, instance, newestOnly);
-    case memory:
-      return GetHistoryPercent(m_MemoryHistory, row->rule, percent, instance, newestOnly);
-    default:
-      percent = 0;
-      return false;
+  if (const auto* row = FindRow(kTickRows, value)) {
+    return row->type == perCpu ? HistoryPercent(m_CpuHistory, *row, percent, instance, newestOnly)
+                               : HistoryPercent(m_SystemHistory, *row, percent, instance, newestOnly);
   }
+  if (const auto* row = FindRow(kMemoryRows, value)) {
+    return HistoryPercent(m_MemoryHistory, *row, percent, instance, newestOnly);
+  }
+  if (const auto* row = FindRow(kNetworkRows, value)) {
+    return HistoryPercent(m_NetworkHistory, *row, percent, instance, newestOnly);
+  }
+  percent = 0;
+  return false;
 }
 
 // A process has no records to make a percentage of.
@@ -90,21 +119,4 @@ bool CPerfMon::GetProcessPercent(unsigned char& percent, int instance) {
   const CCriticalSectionLock lock(m_CritSec);
   percent = 0;
   return m_Processes.contains(static_cast<uint32_t>(instance));
-}
-
-template <typename T>
-bool CPerfMon::GetHistoryPercent(const CDataHistoryBuffer<T>& history, PercentRule rule, unsigned char& percent,
-                                 int instance, bool newestOnly) {
-  const bool all = instance == kAllInstances;
-  const int first = all ? 0 : instance;
-  const int count = all ? history.Instances() : 1;
-  CPercentSum sum(rule);
-  int found = 0;
-  for (int i = 0; i < count; ++i) {
-    found +=
-        history.Read(first + i, newestOnly, [&sum](const T& record) { sum.Add(std::bit_cast<PerfFields>(record)); });
-  }
-  // Histories that are emptied meanwhile count as far as they were there.
-  percent = newestOnly ? sum.OverInstances(static_cast<size_t>(found)) : sum.OverElements();
-  return found > 0;
 }

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -40,15 +41,10 @@ std::vector<std::string> PathsOfProgram(const std::string& program) {
   }
 }
 
-unsigned int DescriptorLimit() {
-  const long limit = ::sysconf(_SC_OPEN_MAX);
-  return limit <= 255 ? 1024 : static_cast<unsigned int>(std::min(limit, long{INT32_MAX}));
-}
-
 // From here to the end of the namespace: called between fork and exec.
 
 // The way of a kernel without close_range: asks which descriptors are open. The entry is parsed by hand.
-bool CloseListedDescriptors(unsigned int end) {
+bool CloseListedDescriptors(unsigned int first, unsigned int end) {
   const int directory = ::open(kOwnDescriptors, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (directory < 0) return false;
   alignas(dirent64) char block[2048];
@@ -61,7 +57,7 @@ bool CloseListedDescriptors(unsigned int end) {
       for (; *digit >= '0' && *digit <= '9'; ++digit) {
         fd = fd * 10 + static_cast<unsigned int>(*digit - '0');
       }
-      if (fd >= kFirstClosedDescriptor && fd < end && static_cast<int>(fd) != directory) ::close(static_cast<int>(fd));
+      if (fd >= first && fd < end && static_cast<int>(fd) != directory) ::close(static_cast<int>(fd));
       unsigned short size = 0;
       std::memcpy(&size, entry + offsetof(dirent64, d_reclen), sizeof size);
       place += size;
@@ -71,15 +67,10 @@ bool CloseListedDescriptors(unsigned int end) {
   return length == 0;
 }
 
-void CloseDescriptors(unsigned int end) {
-  if (::syscall(SYS_close_range, kFirstClosedDescriptor, end - 1, 0U) == 0) return;
-  if (CloseListedDescriptors(end)) return;
-  for (unsigned int fd = kFirstClosedDescriptor; fd < end; ++fd) {
-    ::close(static_cast<int>(fd));
+void ResetSignals() {
+  for (int signal = 1; signal < NSIG; ++signal) {
+    ::signal(signal, SIG_DFL);
   }
-}
-
-void UnblockSignals() {
   sigset_t signals;
   ::sigemptyset(&signals);
   for (const int signal : kUnblockedSignals) {
@@ -106,8 +97,21 @@ bool IsWorthAnotherTry(int error) {
 
 }  // namespace
 
-CChildStart::CChildStart(std::vector<std::string> words, bool inheritHandles)
-    : m_Words(std::move(words)), m_FirstKeptDescriptor(inheritHandles ? 0 : DescriptorLimit()) {
+void CloseDescriptors(unsigned int first, unsigned int end) {
+  if (::syscall(SYS_close_range, first, end - 1, 0U) == 0) return;
+  if (CloseListedDescriptors(first, end)) return;
+  for (unsigned int fd = first; fd < end; ++fd) {
+    ::close(static_cast<int>(fd));
+  }
+}
+
+unsigned int DescriptorLimit() {
+  const long limit = ::sysconf(_SC_OPEN_MAX);
+  return limit <= 255 ? 1024 : static_cast<unsigned int>(std::min(limit, long{INT32_MAX}));
+}
+
+CChildStart::CChildStart(std::vector<std::string> words, bool inheritHandles, int directory)
+    : m_Words(std::move(words)), m_Directory(directory), m_FirstKeptDescriptor(inheritHandles ? 0 : DescriptorLimit()) {
   m_Candidates = PathsOfProgram(m_Words.empty() ? std::string() : m_Words.front());
   for (std::string& word : m_Words) {
     m_Arguments.push_back(word.data());
@@ -124,9 +128,26 @@ pid_t CChildStart::Start() {
   return child;
 }
 
+// The child in between ends at once and tells by its status whether it could start the other.
+bool CChildStart::StartOrphan() {
+  const pid_t between = ::fork();
+  if (between == 0) {
+    const pid_t child = ::_Fork();
+    if (child == 0) RunChild();
+    ::_exit(child > 0 ? 0 : kCannotRun);
+  }
+  int status = 0;
+  pid_t ended = -1;
+  do {
+    ended = ::waitpid(between, &status, 0);
+  } while (ended < 0 && errno == EINTR);
+  return between > 0 && status == 0;
+}
+
 void CChildStart::RunChild() {
-  if (m_FirstKeptDescriptor > kFirstClosedDescriptor) CloseDescriptors(m_FirstKeptDescriptor);
-  UnblockSignals();
+  if (m_Directory >= 0 && ::fchdir(m_Directory) != 0) ::_exit(kCannotRun);
+  if (m_FirstKeptDescriptor > kFirstClosedDescriptor) CloseDescriptors(kFirstClosedDescriptor, m_FirstKeptDescriptor);
+  ResetSignals();
   ExecuteCandidates();
   ::_exit(kCannotRun);
 }

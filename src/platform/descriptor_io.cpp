@@ -1,8 +1,11 @@
 #include "platform/descriptor_io.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
+
+#include "platform/unique_fd.h"
 
 namespace {
 
@@ -25,6 +28,13 @@ bool ReadToEnd(int fd, std::string& content) {
     content.append(block, static_cast<size_t>(count));
   }
   return count == 0;
+}
+
+bool OpenAndReadToEnd(const char* path, std::string& content) {
+  const UniqueFd file(::open(path, O_RDONLY | O_CLOEXEC));
+  if (!file) return false;
+  ReadToEnd(file.Get(), content);
+  return true;
 }
 
 bool WriteAllAt(int fd, std::string_view data, off_t offset) {

@@ -16,5 +16,9 @@ ssize_t ReadSome(int fd, char* buffer, size_t size);
 // content.
 bool ReadToEnd(int fd, std::string& content);
 
+// Opens a file, whatever it is, and appends its content. False when it cannot be opened; what was read before a later
+// failure stays in content.
+bool OpenAndReadToEnd(const char* path, std::string& content);
+
 // At the given offset of the file, whatever the descriptor's position. After a failure a part may have been written.
 bool WriteAllAt(int fd, std::string_view data, off_t offset);

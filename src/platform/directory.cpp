@@ -1,20 +1,15 @@
 #include "platform/directory.h"
 
-#include <dirent.h>
-
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string_view>
 
+#include "platform/directory_stream.h"
 #include "trace/debug.h"
 
 namespace {
-
-struct CloseDirectory {
-  void operator()(DIR* directory) const { ::closedir(directory); }
-};
 
 struct FreeText {
   void operator()(char* text) const { std::free(text); }
@@ -27,7 +22,7 @@ bool IsSelfOrParent(std::string_view name) {
 }  // namespace
 
 bool CDirectory::GetDirectoryContent(std::vector<std::string>& entries, const std::string& directory, bool fullPath) {
-  const std::unique_ptr<DIR, CloseDirectory> stream(::opendir(directory.c_str()));  // close-on-exec by itself
+  const DirectoryStream stream(::opendir(directory.c_str()));
   int error = errno;
   if (stream == nullptr) {
     TRACE(1, "\nCDirectory::GetDirectoryContent :Cannot open directory: \"%s\". Error message: %s", directory.c_str(),

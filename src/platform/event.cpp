@@ -2,53 +2,72 @@
 
 #include <pthread.h>
 #include <sched.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <ctime>
 #include <memory>
 #include <new>
+#include <thread>
 #include <utility>
 
 #include "platform/cancellation.h"
 #include "platform/critical_section.h"
+#include "platform/named_objects.h"
 #include "platform/never_destroyed.h"
-#include "platform/owned_text.h"
-#include "platform/str_map.h"
 #include "trace/debug.h"
 
 // The event itself, owned jointly by its handles. The state is written under the mutex, save for atomic reads
 // elsewhere.
-struct CEventData {
+//
+// Who is woken is decided when the event is signalled, not when a thread happens to run: a signal promises wake-ups to
+// threads that wait by then, and whoever comes later takes neither a promised wake-up nor the state that goes with it.
+// Until the last promise is kept the state of an auto-reset event stays as the signal left it.
+struct CEventData : SharedObject {
   void* Address() { return this; }  // for %p
   const char* NameText() const { return name != nullptr ? name.get() : "anon"; }
   bool Signaled() const { return IsSignaled.load(std::memory_order_acquire); }
   void SetSignaled(bool on) { IsSignaled.store(on, std::memory_order_release); }
   bool Manual() const { return IsManual.load(std::memory_order_relaxed); }
 
-  // The result of a satisfied wait; the mutex is held.
-  int Take() {
-    if (!Manual()) SetSignaled(false);
-    return kWaitDone;
-  }
-  bool WakeUp() { return (Manual() ? pthread_cond_broadcast(&cond) : pthread_cond_signal(&cond)) == 0; }
+  bool Promise();
+  bool TakeState();
 
   pthread_cond_t cond = {};
-  pthread_mutex_t mutex = {};  // guards IsManual, IsSignaled and waiters
-  uint32_t refCount = 1;       // guarded by g_EventLock
+  pthread_mutex_t mutex = {};  // guards IsManual, IsSignaled and the numbers of threads
   std::atomic<bool> IsManual = false;
   std::atomic<bool> IsSignaled = false;
-  std::unique_ptr<char[]> name;  // null = none; fixed before the event is shared
-  uint32_t waiters = 0;
+  uint32_t waiters = 0;   // threads inside Wait
+  uint32_t eligible = 0;  // those of them that waited already at the last signal
+  uint32_t promised = 0;  // wake-ups that eligible threads have not taken yet; never more than eligible
+  uint64_t signals = 0;   // how often the event was signalled: tells who came before the last time
   pthread_condattr_t condAttr = {};
 };
 
+// Releases all who wait (manual reset) or one more of them (auto reset). The mutex is held, as by what follows.
+bool CEventData::Promise() {
+  ++signals;
+  eligible = waiters;
+  promised = Manual() ? waiters : std::min(promised + 1, waiters);
+  return (Manual() ? pthread_cond_broadcast(&cond) : pthread_cond_signal(&cond)) == 0;
+}
+
+// For a thread that need not wait.
+bool CEventData::TakeState() {
+  if (!Signaled()) return false;
+  if (Manual()) return true;
+  if (promised > 0) return false;
+  SetSignaled(false);
+  return true;
+}
+
 namespace {
 
-constexpr unsigned int kDesertedPollSeconds = 1;
+constexpr std::chrono::milliseconds kFirstDesertedPause{1};
+constexpr std::chrono::milliseconds kLongestDesertedPause{1000};
 
-constinit NeverDestroyed<CCriticalSection> g_EventLock;
-constinit NeverDestroyed<CStrMap> g_NamedEvents;
+constinit NeverDestroyed<NamedObjects<CEventData>> g_Events;
 
 class MutexLock {
  public:
@@ -68,13 +87,40 @@ class MutexLock {
 // One thread inside Wait. The mutex is held on every way in and out, the unwinding of a cancelled thread included.
 class Waiter {
  public:
-  explicit Waiter(CEventData& event) : m_Event(event) { ++m_Event.waiters; }
-  ~Waiter() { --m_Event.waiters; }
+  explicit Waiter(CEventData& event) : m_Event(event), m_Entry(event.signals) { ++m_Event.waiters; }
+  ~Waiter() {
+    --m_Event.waiters;
+    if (IsEligible()) --m_Event.eligible;
+    if (!m_HasTaken) HandOn();
+  }
   Waiter(const Waiter&) = delete;
   Waiter& operator=(const Waiter&) = delete;
 
+  // Takes a promised wake-up; the last one takes the state with it.
+  bool TakePromise() {
+    if (!IsEligible() || m_Event.promised == 0) return false;
+    if (--m_Event.promised == 0 && !m_Event.Manual()) m_Event.SetSignaled(false);
+    m_HasTaken = true;
+    return true;
+  }
+
  private:
+  bool IsEligible() const { return m_Entry != m_Event.signals; }
+
+  // A cancelled thread may have been promised a wake-up, or may have swallowed that of another.
+  void HandOn() {
+    const bool isForfeited = m_Event.promised > m_Event.eligible;
+    if (isForfeited) --m_Event.promised;
+    if (isForfeited && m_Event.Signaled()) {
+      m_Event.Promise();
+    } else if (m_Event.promised > 0) {
+      pthread_cond_signal(&m_Event.cond);
+    }
+  }
+
   CEventData& m_Event;
+  const uint64_t m_Entry;
+  bool m_HasTaken = false;
 };
 
 int InitAttributes(pthread_condattr_t& attributes) {
@@ -128,44 +174,26 @@ CEventData* NewEvent(bool initialState, bool manualReset) {
   return InitSystemObjects(*event) ? event.release() : nullptr;
 }
 
-bool RegisterName(CEventData& event, const char* name) {
-  event.name = CopyText(name);
-  if (event.name == nullptr) return false;
-  const CCriticalSectionLock lock(g_NamedEvents.object);
-  CStrMap::Entry* entry = g_NamedEvents.object.Insert(name);
-  if (entry == nullptr) return false;
-  entry->value = &event;
-  entry->third = 0;
-  return true;
-}
-
-// g_EventLock is held.
-CEventData* FindNamedEvent(const char* name) {
-  const CCriticalSectionLock lock(g_NamedEvents.object);
-  const CStrMap::Entry* entry = g_NamedEvents.object.Find(name);
-  return entry != nullptr ? static_cast<CEventData*>(entry->value) : nullptr;
-}
-
-// g_EventLock is held.
+// The lock of the events is held.
 CEventData* NewNamedEvent(bool initialState, bool manualReset, const char* name) {
   CEventData* event = NewEvent(initialState, manualReset);
-  if (event == nullptr || RegisterName(*event, name)) return event;
+  if (event == nullptr || g_Events.object.Register(*event, name)) return event;
   DestroySystemObjects(*event);
   delete event;
   return nullptr;
 }
 
 void WaitUntilDeserted(CEventData& event) {
-  for (;;) {
+  for (auto pause = kFirstDesertedPause;; pause = std::min(2 * pause, kLongestDesertedPause)) {
     {
       const MutexLock lock(event.mutex);
       if (event.waiters == 0) return;
     }
-    ::sleep(kDesertedPollSeconds);
+    std::this_thread::sleep_for(pause);
   }
 }
 
-// Ends an event whose last reference is gone; null is none. g_EventLock is not held: this may take its time.
+// Ends an event whose last reference is gone; null is none. the lock of the events is not held: this may take its time.
 void DestroyEvent(CEventData* event) {
   if (event == nullptr) return;
   WaitUntilDeserted(*event);
@@ -182,19 +210,16 @@ timespec DeadlineAfter(uint32_t timeoutMs) {
           nanoseconds % 1'000'000'000};
 }
 
-// Blocks until woken or late; the mutex is held. Returns the system's result.
-int Block(CEventData& event, uint32_t timeoutMs) {
-  if (timeoutMs == kWaitForever) {
-    int result = EINTR;
-    while (result == EINTR)
-      result = pthread_cond_wait(&event.cond, &event.mutex);
-    return result;
+// Blocks until released or late; the mutex is held. A wake-up without a promise is none.
+int Block(CEventData& event, const timespec* deadline) {
+  Waiter waiter(event);
+  for (;;) {
+    const int result = deadline == nullptr ? pthread_cond_wait(&event.cond, &event.mutex)
+                                           : pthread_cond_timedwait(&event.cond, &event.mutex, deadline);
+    if (waiter.TakePromise()) return kWaitDone;
+    if (result == ETIMEDOUT) return kWaitTimedOut;
+    if (result != 0 && result != EINTR) return kWaitFailed;
   }
-  const timespec deadline = DeadlineAfter(timeoutMs);
-  int result = EINTR;
-  while (result == EINTR)
-    result = pthread_cond_timedwait(&event.cond, &event.mutex, &deadline);
-  return result;
 }
 
 }  // namespace
@@ -213,14 +238,10 @@ CEvent::CEvent(bool initialState, bool manualReset, const char* name) {
 void CEvent::JoinOrCreate(bool initialState, bool manualReset, const char* name) {
   bool joined = false;
   {
-    const CCriticalSectionLock lock(g_EventLock.object);
-    data = FindNamedEvent(name);
+    const CCriticalSectionLock lock(g_Events.object.Lock());
+    data = g_Events.object.Join(name);
     joined = data != nullptr;
-    if (joined) {
-      ++data->refCount;
-    } else {
-      data = NewNamedEvent(initialState, manualReset, name);
-    }
+    if (!joined) data = NewNamedEvent(initialState, manualReset, name);
   }
   if (data == nullptr) return;
   if (!joined) {
@@ -238,7 +259,7 @@ CEvent::~CEvent() {
   const CancellationBlock block;
   CEventData* last = nullptr;
   {
-    const CCriticalSectionLock lock(g_EventLock.object);
+    const CCriticalSectionLock lock(g_Events.object.Lock());
     last = DropReference();
   }
   DestroyEvent(last);
@@ -249,7 +270,7 @@ CEvent& CEvent::operator=(const CEvent& other) {
   const CancellationBlock block;
   CEventData* last = nullptr;
   {
-    const CCriticalSectionLock lock(g_EventLock.object);
+    const CCriticalSectionLock lock(g_Events.object.Lock());
     last = DropReference();
     closed.store(false, std::memory_order_release);
     data = other.data;
@@ -263,19 +284,15 @@ CEvent& CEvent::operator=(const CEvent& other) {
   return *this;
 }
 
-// Empties the handle; g_EventLock is held. Returns the event when nobody refers to it any more, for the caller to
-// destroy once the lock is left; otherwise null. The trace line is written before that: afterwards the next handle to
-// go may free the event.
+// Empties the handle; the lock of the events is held. Returns the event when nobody refers to it any more, for the
+// caller to destroy once the lock is left; otherwise null. The trace line is written before that: afterwards the next
+// handle to go may free the event.
 CEventData* CEvent::DropReference() {
   CEventData* event = std::exchange(data, nullptr);
   if (event == nullptr) return nullptr;
-  if (--event->refCount > 0) {
-    TRACE(5, "decr refcount on event %p <%s> (IsSignaled=%d)\n", event->Address(), event->NameText(),
-          event->Signaled());
-    return nullptr;
-  }
-  if (event->name != nullptr) g_NamedEvents.object.Remove(event->name.get());
-  return event;
+  if (g_Events.object.Drop(*event)) return event;
+  TRACE(5, "decr refcount on event %p <%s> (IsSignaled=%d)\n", event->Address(), event->NameText(), event->Signaled());
+  return nullptr;
 }
 
 // The operations below take the event out of the handle once, on entry: while they run, a thread that they released may
@@ -305,7 +322,7 @@ bool CEvent::Close() {
         event->Signaled());
   const MutexLock lock(event->mutex);
   event->SetSignaled(true);
-  return event->WakeUp();
+  return event->Promise();
 }
 
 bool CEvent::Set() const {
@@ -332,7 +349,7 @@ bool CEvent::Signal(bool stateAfter) const {
             event->Signaled());
     }
     event->SetSignaled(stateAfter);
-    isWoken = event->WakeUp();
+    isWoken = event->Promise();
     hasWaiters = event->waiters > 0;
   }
   // With nobody to run, a yield is only lost time.
@@ -364,11 +381,10 @@ int CEvent::Wait(uint32_t timeoutMs, bool) const {
   if (event == nullptr) return kWaitFailed;
   const MutexLock lock(event->mutex);
   if (!lock.IsHeld()) return kWaitFailed;
-  if (event->Signaled()) return event->Take();
+  if (event->TakeState()) return kWaitDone;
   // The deadline would have passed by the time it is looked at, so neither the clock nor the condition is needed.
   if (timeoutMs == 0) return kWaitTimedOut;
-  const Waiter waiter(*event);
-  const int result = Block(*event, timeoutMs);
-  if (result == 0 || event->Signaled()) return event->Take();
-  return result == ETIMEDOUT ? kWaitTimedOut : kWaitFailed;
+  if (timeoutMs == kWaitForever) return Block(*event, nullptr);
+  const timespec deadline = DeadlineAfter(timeoutMs);
+  return Block(*event, &deadline);
 }

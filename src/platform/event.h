@@ -15,9 +15,10 @@ struct CEventData;
 //
 // Threads: any thread may use any handle. Destroying a handle, or assigning to it, needs it to oneself, as with any
 // object: nobody else may be about to enter an operation of that same handle. The end of the last handle waits, looking
-// once a second, until every thread has left Wait; so set an event before destroying it when somebody may wait on it
-// without limit. A thread that was released may destroy the handle at once, even while the call that released it still
-// returns. A thread may be cancelled inside Wait: it leaves the event as if it had timed out.
+// after 1, 2, 4 ms and so on up to once a second, until every thread has left Wait; so set an event before destroying
+// it when somebody may wait on it without limit. A thread that was released may destroy the handle at once, even while
+// the call that released it still returns. A thread may be cancelled inside Wait: it leaves the event as if it had
+// timed out, and a signal that was meant for it goes to the next one.
 //
 // Failure: results only, nothing is thrown. When the construction fails (memory, system limits) the handle has no
 // event: every operation returns false or -1, and destruction does nothing.
@@ -64,9 +65,10 @@ class CEvent {
   bool IsSet() const;
 
   // Waits up to timeoutMs milliseconds of the monotonic clock; 0 only looks, kWaitForever has no limit. Returns
-  // kWaitDone, kWaitTimedOut or kWaitFailed. A thread that was woken counts as signalled whatever the state is by then,
-  // which is what makes Pulse work: of an auto-reset event, a woken thread and one that comes by before it runs may
-  // both return kWaitDone for one Set.
+  // kWaitDone, kWaitTimedOut or kWaitFailed. A thread that waited when the event was signalled counts as signalled
+  // whatever the state is by then, which is what makes Pulse work. Of an auto-reset event one Set satisfies one wait,
+  // so such an event excludes like a lock: until the thread that it woke returns, those who come by find it taken, also
+  // where IsSet still tells that it is signalled.
   int Wait(uint32_t timeoutMs, bool alertable = false) const;
 
  private:

@@ -1,92 +1,27 @@
 #include "platform/ini_file.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <string_view>
+#include <utility>
 
-#include "platform/descriptor_io.h"
-#include "platform/ini_search.h"
+#include "platform/edit_file.h"
+#include "platform/ini_reader.h"
 #include "platform/ini_text.h"
+#include "platform/owned_text.h"
 #include "platform/regular_file.h"
 #include "platform/unique_fd.h"
 #include "trace/debug.h"
 
 namespace {
 
-constexpr size_t kReadBlock = 64 * 1024;
 constexpr uint32_t kBufferStep = 1024;
 constexpr uint32_t kLargestBuffer = 63 * kBufferStep;
 constexpr mode_t kFileMode = 0644;
-
-// Which lines a reader wants to see: tells where in a text the first one begins to be interesting.
-using Filter = size_t (*)(std::string_view text, std::string_view wanted);
-
-size_t FindAnyLine(std::string_view /*text*/, std::string_view /*wanted*/) {
-  return 0;
-}
-
-size_t FindAnyHeader(std::string_view text, std::string_view /*wanted*/) {
-  return text.find('[');
-}
-
-// Reads a file line by line, in large blocks, and passes over the lines that are not wanted.
-class LineReader {
- public:
-  explicit LineReader(int fd) : m_Fd(fd) {}
-
-  // The next line that the filter wants, or an earlier one. Valid until the next call.
-  bool Next(std::string_view& line, Filter filter, std::string_view wanted = "") {
-    for (;;) {
-      SkipUnwanted(filter, wanted);
-      const std::string_view rest(m_Block.get() + m_Begin, m_End - m_Begin);
-      const size_t length = IniLineLength(rest);
-      const bool isComplete = m_IsAtEnd || length == kMaxIniLine || (length > 0 && rest[length - 1] == '\n');
-      if (!isComplete) {
-        Refill();
-        continue;
-      }
-      line = rest.substr(0, length);
-      m_Begin += length;
-      return length > 0;
-    }
-  }
-
- private:
-  void SkipUnwanted(Filter filter, std::string_view wanted) {
-    const std::string_view rest(m_Block.get() + m_Begin, m_End - m_Begin);
-    m_Begin += StartOfLine(rest.substr(0, filter(rest, wanted)));
-  }
-
-  // Start of the line in which the text ends; the text itself begins with a line.
-  static size_t StartOfLine(std::string_view text) {
-    const size_t begin = text.rfind('\n') + 1;  // 0 when there is none
-    return begin + (text.size() - begin) / kMaxIniLine * kMaxIniLine;
-  }
-
-  // Makes the unread rest the beginning of the block and reads on.
-  void Refill() {
-    std::memmove(m_Block.get(), m_Block.get() + m_Begin, m_End - m_Begin);
-    m_End -= m_Begin;
-    m_Begin = 0;
-    const ssize_t count = ReadSome(m_Fd, m_Block.get() + m_End, kReadBlock - m_End);
-    if (count > 0) m_End += static_cast<size_t>(count);
-    m_IsAtEnd = count <= 0;
-  }
-
-  int m_Fd;
-  std::unique_ptr<char[]> m_Block = std::make_unique_for_overwrite<char[]>(kReadBlock);
-  size_t m_Begin = 0;
-  size_t m_End = 0;
-  bool m_IsAtEnd = false;  // of the file, or of what can be read of it
-};
 
 // The caller's buffer of at least one byte. Counts what should be stored and stores what fits.
 class Result {
@@ -140,45 +75,49 @@ std::string_view NameInHeader(std::string_view header) {
   return end == std::string_view::npos ? "" : header.substr(1, end - 1);
 }
 
-void CollectSections(LineReader& reader, Result& result) {
-  for (std::string_view line; result.HasRoom() && reader.Next(line, FindAnyHeader);) {
+void CollectSections(IniReader& reader, Result& result) {
+  for (std::string_view line; result.HasRoom() && reader.NextWith(line, "[", '[');) {
     const IniLine parsed = ParseIniLine(line);
     if (parsed.kind == IniLine::kHeader) result.AddName(NameInHeader(parsed.header));
   }
 }
 
-bool EnterSection(LineReader& reader, std::string_view section) {
-  for (std::string_view line; reader.Next(line, FindHeaderOf, section);) {
+bool EnterSection(IniReader& reader, std::string_view section) {
+  const std::string header = "[" + std::string(section) + "]";
+  for (std::string_view line; reader.NextWith(line, header);) {
     const IniLine parsed = ParseIniLine(line);
     if (parsed.kind == IniLine::kHeader && IsIniHeaderOf(parsed.header, section)) return true;
   }
   return false;
 }
 
-void CollectKeys(LineReader& reader, Result& result) {
-  for (std::string_view line; result.HasRoom() && reader.Next(line, FindAnyLine);) {
+void CollectKeys(IniReader& reader, Result& result) {
+  for (std::string_view line; result.HasRoom() && reader.Next(line);) {
     const IniLine parsed = ParseIniLine(line);
     if (parsed.kind == IniLine::kHeader) return;
     if (parsed.kind == IniLine::kEntry) result.AddName(parsed.key);
   }
 }
 
-void FindValue(LineReader& reader, std::string_view key, Result& result) {
-  const Filter filter = key.empty() ? FindAnyLine : FindHeaderOrKey;
-  for (std::string_view line; reader.Next(line, filter, key);) {
+void FindValue(IniReader& reader, std::string_view key, Result& result) {
+  for (std::string_view line; reader.NextWith(line, key, '[');) {
     const IniLine parsed = ParseIniLine(line);
     if (parsed.kind == IniLine::kHeader) return;
     if (parsed.kind == IniLine::kEntry && parsed.key == key) return result.Add(parsed.value);
   }
 }
 
+// Where memory runs out, what was found so far is the result.
 void ReadProfile(int fd, const char* section, const char* key, Result& result) {
   if (!result.HasRoom()) return;
-  LineReader reader(fd);
-  if (section == nullptr) return CollectSections(reader, result);
-  if (!EnterSection(reader, section)) return;
-  if (key == nullptr) return CollectKeys(reader, result);
-  FindValue(reader, key, result);
+  try {
+    IniReader reader(fd);
+    if (section == nullptr) return CollectSections(reader, result);
+    if (!EnterSection(reader, section)) return;
+    if (key == nullptr) return CollectKeys(reader, result);
+    FindValue(reader, key, result);
+  } catch (const std::bad_alloc&) {
+  }
 }
 
 // Grows the buffer until the answer is certainly complete. On failure the buffer is gone.
@@ -186,7 +125,8 @@ bool ReadWithGrowingBuffer(const char* section, const char* key, const char* def
                            std::unique_ptr<char[]>& buffer, uint32_t& size) {
   uint32_t wantedSize = std::max(size, kBufferStep);
   for (; wantedSize <= kLargestBuffer; wantedSize += kBufferStep) {
-    if (size != wantedSize) buffer = std::make_unique_for_overwrite<char[]>(wantedSize);
+    if (size != wantedSize) buffer.reset(new (std::nothrow) char[wantedSize]);
+    if (buffer == nullptr) break;
     size = wantedSize;
     const uint32_t length = CIniFile::GetPrivateProfileString(section, key, defaultValue, buffer.get(), size, fileName);
     if (length + 2 < size) return true;
@@ -216,84 +156,13 @@ void TraceAppendError(const char* fileName) {
   TRACE(1, "WritePrivateProfileString: ## WARNING: append open error: %s\n", fileName);
 }
 
-bool SetSize(int fd, off_t size) {
-  return ::ftruncate(fd, size) == 0;
+void TraceEdit(const char* section, const char* key, const char* value, const char* fileName) {
+  TRACE(4, "WritePrivateProfileString(%s, %s, %s, %s)\n", section, key == nullptr ? "<nil>" : key,
+        value == nullptr ? "<nil>" : value, fileName);
 }
 
-// Writes behind the end of the file; when that fails, the file gets its old size back.
-bool AppendText(int fd, std::string_view text) {
-  struct stat info {};
-  if (::fstat(fd, &info) != 0) return false;
-  if (WriteAllAt(fd, text, info.st_size)) return true;
-  SetSize(fd, info.st_size);
-  return false;
-}
-
-void RemoveFile(const char* fileName) {
-  // The name may be a link that pointed nowhere: what was made is its target.
-  char* const target = ::realpath(fileName, nullptr);
-  if (target != nullptr) ::unlink(target);
-  std::free(target);
-}
-
-bool CreateFile(const char* fileName, std::string_view text) {
-  const UniqueFd file =
-      AboveStandardDescriptors(UniqueFd(::open(fileName, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, kFileMode)));
-  if (!file) {
-    TraceAppendError(fileName);
-    return false;
-  }
-  ::fchmod(file.Get(), kFileMode);
-  if (AppendText(file.Get(), text)) return true;
-  RemoveFile(fileName);
-  return false;
-}
-
-bool ReopenAndAppend(const char* fileName, std::string_view text) {
-  const UniqueFd file = AboveStandardDescriptors(UniqueFd(::open(fileName, O_WRONLY | O_APPEND | O_CLOEXEC)));
-  if (!file) {
-    TraceAppendError(fileName);
-    return false;
-  }
-  return AppendText(file.Get(), text);
-}
-
-// Writes the text from the offset on and makes it the end of the file. The part behind the old end comes first, since
-// it is the one that may find no space; when anything fails the old content is put back.
-bool ReplaceFrom(int fd, std::string_view oldContent, size_t offset, std::string_view text) {
-  const size_t oldRest = oldContent.size() - offset;
-  const size_t newSize = offset + text.size();
-  const std::string_view inside = text.substr(0, oldRest);
-  const std::string_view beyond = text.substr(inside.size());
-  const auto at = [](size_t position) { return static_cast<off_t>(position); };
-  if (WriteAllAt(fd, beyond, at(oldContent.size())) && WriteAllAt(fd, inside, at(offset)) &&
-      (newSize >= oldContent.size() || SetSize(fd, at(newSize)))) {
-    return true;
-  }
-  WriteAllAt(fd, oldContent.substr(offset), at(offset));
-  SetSize(fd, at(oldContent.size()));
-  return false;
-}
-
-bool ApplyEdit(int fd, const char* fileName, std::string_view content, const IniEdit& edit) {
-  switch (edit.kind) {
-    case IniEdit::kReplace:
-      return ReplaceFrom(fd, content, edit.begin, edit.text + std::string(content.substr(edit.end)));
-    case IniEdit::kAppend:
-      return ReopenAndAppend(fileName, edit.text);
-    case IniEdit::kNothing:
-      break;
-  }
-  return false;
-}
-
-bool EditFile(int fd, const char* section, const char* key, const char* value, const char* fileName) {
-  try {
-    std::string content;
-    return ReadToEnd(fd, content) && ApplyEdit(fd, fileName, content, PlanIniEdit(content, section, key, value));
-  } catch (const std::bad_alloc&) {
-    return false;
-  }
+void TraceEditResult(unsigned int result) {
+  TRACE(4, "WritePrivateProfileString rc=0x%04x\n", result);
 }
 
 }  // namespace
@@ -322,31 +191,24 @@ int CIniFile::WritePrivateProfileString(const char* section, const char* key, co
     TRACE(4, "WritePrivateProfileString: ## WARNING: invalid pointer to FileName\n");
     return 0;
   }
-  TRACE(4, "WritePrivateProfileString(%s, %s, %s, %s)\n", section, key == nullptr ? "<nil>" : key,
-        value == nullptr ? "<nil>" : value, fileName);
-  const UniqueFd file = AboveStandardDescriptors(UniqueFd(::open(fileName, O_RDWR | O_NONBLOCK | O_CLOEXEC)));
-  const int error = errno;
-  if (!file && error != ENOENT) {
+  TraceEdit(section, key, value, fileName);
+  bool hasFile = false;
+  const FileEdit done = EditFile(fileName, kFileMode, [&](std::string& content, bool isThere) {
+    hasFile = isThere;
+    const bool isDeletion = key == nullptr || value == nullptr;
+    return (!isThere && isDeletion) || EditIniText(content, section, key, value);
+  });
+  const int result = done == FileEdit::kDone ? 1 : 0;
+  if (done == FileEdit::kNotOpened) {
     TraceAppendError(fileName);
-    return 0;
+  } else if (hasFile) {
+    TraceEditResult(static_cast<unsigned int>(result));
   }
-  if (!file) {
-    if (key == nullptr || value == nullptr) return 1;
-    return CreateFile(fileName, IniSectionText(section, key, value)) ? 1 : 0;
-  }
-  const unsigned int result = EditFile(file.Get(), section, key, value, fileName) ? 1 : 0;
-  TRACE(4, "WritePrivateProfileString rc=0x%04x\n", result);
-  return static_cast<int>(result);
+  return result;
 }
 
 void CIniFile::SetFilename(const char* name) {
-  std::unique_ptr<char[]> copy;
-  if (name != nullptr) {
-    const size_t size = std::strlen(name) + 1;
-    copy = std::make_unique_for_overwrite<char[]>(size);
-    std::memcpy(copy.get(), name, size);
-  }
-  fileName = std::move(copy);
+  fileName = name != nullptr ? CopyText(name) : nullptr;
 }
 
 const char* CIniFile::GetFileName() const {
@@ -368,7 +230,11 @@ bool CIniFile::GetString(std::string& out, const char* section, const char* key,
   std::unique_ptr<char[]> buffer;
   uint32_t size = 0;
   const bool isComplete = ReadWithGrowingBuffer(section, key, defaultValue, fileName.get(), buffer, size);
-  out = isComplete ? buffer.get() : defaultValue;  // a value ends with its line: only a default can be too long
+  try {
+    out = isComplete ? buffer.get() : defaultValue;  // a value ends with its line: only a default can be too long
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
   return isComplete;
 }
 
@@ -410,13 +276,23 @@ bool CIniFile::DeleteSection(const char* section) const {
 
 bool CIniFile::CopySection(const char* source, const char* target) const {
   if (source == nullptr || target == nullptr) return false;
-  std::vector<std::string> keys;
-  GetEnums(keys, source);
-  for (const std::string& key : keys) {
-    std::string value;
-    if (GetString(value, source, key.c_str(), "")) SetString(target, key.c_str(), value.c_str());
+  if (!IsUsable()) return false;
+  const char* const file = fileName.get();
+  std::vector<std::pair<std::string, std::string>> entries;
+  const FileEdit done = EditFile(file, kFileMode, [&](std::string& content, bool isThere) {
+    if (!isThere) TRACE(4, "GetPrivateProfileString: Cannot open %s\n", file);
+    const auto found = IniEntriesOf(content, source);
+    entries.assign(found.begin(), found.end());
+    return std::ranges::all_of(entries, [&](const auto& entry) {
+      return EditIniText(content, target, entry.first.c_str(), entry.second.c_str());
+    });
+  });
+  if (done == FileEdit::kNotOpened) TraceAppendError(file);
+  for (const auto& [key, value] : entries) {
+    TraceEdit(target, key.c_str(), value.c_str(), file);
+    TraceEditResult(done == FileEdit::kDone ? 1 : 0);
   }
-  return IsUsable();
+  return true;
 }
 
 const char* CIniFile::GetEnum(const char* section) {
@@ -447,13 +323,18 @@ bool CIniFile::AppendNames(std::vector<std::string>& names, const char* section)
   std::unique_ptr<char[]> buffer;
   uint32_t length = 0;
   do {
-    buffer = std::make_unique_for_overwrite<char[]>(size);
+    buffer.reset(new (std::nothrow) char[size]);
+    if (buffer == nullptr) return false;
     length = GetPrivateProfileString(section, nullptr, nullptr, buffer.get(), size, fileName.get());
   } while (length + 2 >= size && (size *= 2) < UINT32_MAX / 2);
-  for (const char* name = buffer.get(); *name != '\0'; name += std::strlen(name) + 1) {
-    names.emplace_back(name);
+  const size_t before = names.size();
+  try {
+    for (const char* name = buffer.get(); *name != '\0'; name += std::strlen(name) + 1)
+      names.emplace_back(name);
+  } catch (const std::bad_alloc&) {
+    names.resize(before);
   }
-  return buffer[0] != '\0';
+  return names.size() > before;
 }
 
 void CIniFile::Flush() const {

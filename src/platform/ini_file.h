@@ -8,13 +8,14 @@
 // INI profile files: two static operations that work on a file directly, and an object that binds a file name to typed
 // getters and setters, enumeration, and copying and deletion of sections. docs/ini-files.md describes the format.
 //
-// Nothing is cached: every call opens, reads or edits, and closes the file. There is no lock, and writers of the same
-// file are not coordinated. The static operations may be called by any thread; an object belongs to one thread at a
-// time, since its operations share its buffers.
+// Nothing is cached: every call opens, reads or edits, and closes the file. Writers of the same file wait for one
+// another, about a second; a reader finds the file before or after an edit. The static operations may be called by any
+// thread; an object belongs to one thread at a time, since its operations share its buffers.
 //
-// Failures: a read that finds no file, section or key gives the default. A write gives false (0) when the file cannot
-// be opened or edited and when there is nothing to delete, and leaves the file as it was. Operations on an object
-// without a file name, with a null section or key, or that is not open do nothing and give their default, "" or false.
+// Failures: a read that finds no file, section or key, or no memory, gives the default. A write gives false (0) when
+// the file cannot be opened or edited and when there is nothing to delete, and leaves the file as it was. Operations on
+// an object without a file name, with a null section or key, or that is not open do nothing and give their default, ""
+// or false.
 //
 // Names and values are written as they are. What a reader cuts off or skips does not come back: white space around a
 // name or value, ';' and what follows it, line breaks, an '=' in a key, a key that begins with '[' or ';', and what
@@ -37,12 +38,12 @@ class CIniFile {
 
   // Sets a key. value null: deletes the key; key null: deletes the whole section. Result: 1 = done, 0 = failed or
   // nothing to delete. A missing file counts as done for a deletion and is otherwise created with the mode 0644; so is
-  // what the name points to when it is a dangling link.
+  // what the name points to when it is a dangling link. An edit that changes nothing writes nothing. What is no regular
+  // file is refused.
   //
-  // The file is edited in place, so that its links, owner and mode stay. Space for a file that grows is taken first;
-  // when there is none, or a later write fails, the old bytes are put back. What remains is this: a process or machine
-  // that dies within the write leaves a mixture of the old and the new text from the edited line onwards, a reader that
-  // comes in between sees such a mixture, and a device that no longer takes writes cannot take the old bytes either.
+  // The new file is written beside the old one, brought to the disk and renamed (platform/edit_file.h): whatever
+  // happens the old file or the new one is there, with its owner, mode and extended attributes. In place, with a moment
+  // in which a kill or a power failure leaves a mixture of both, only where a rename cannot be.
   static int WritePrivateProfileString(const char* section, const char* key, const char* value, const char* fileName);
 
   // Keeps a copy; null clears the name. An open object stays open.
@@ -72,7 +73,8 @@ class CIniFile {
   bool SetNumber(const char* section, const char* key, int32_t value) const;
   bool DeleteKey(const char* section, const char* key) const;
   bool DeleteSection(const char* section) const;
-  // Writes every key of the source to the target. Result: whether the object is open; the single writes are not judged.
+  // Writes every key of the source to the target, in one edit. Result: whether the object is open; the edit is not
+  // judged.
   bool CopySection(const char* source, const char* target) const;
 
   // The first name of a new enumeration: of the keys of a section, or of the sections for null. "" when there is none

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <map>
 
 namespace {
 
@@ -39,6 +40,10 @@ struct RawLine {
 
   bool IsHeader() const { return text.front() == '['; }
 
+  bool IsHeaderOf(std::string_view section) const {
+    return IsIniHeaderOf(text.substr(0, text.size() - (text.ends_with('\r') ? 1 : 0)), section);
+  }
+
   bool HasKey(std::string_view key) const {
     const size_t assignment = text.find('=');
     return assignment != std::string_view::npos && TrimRight(text.substr(0, assignment), IsBlank) == key;
@@ -48,24 +53,29 @@ struct RawLine {
 // Hands out the lines that are neither empty nor comments.
 class RawLines {
  public:
-  explicit RawLines(std::string_view file) : m_File(file) {}
+  explicit RawLines(std::string_view file) : m_Lines(file) {}
 
   bool Next(RawLine& line) {
-    line.regionBegin = m_Offset;
-    while (m_Offset < m_File.size()) {
-      std::string_view text = m_File.substr(m_Offset, IniLineLength(m_File.substr(m_Offset)));
-      m_Offset += text.size();
+    line.regionBegin = m_Lines.Offset();
+    for (std::string_view text; m_Lines.Next(text);) {
       if (text.ends_with('\n')) text.remove_suffix(1);
       line.text = CutAt(text, '\0');
-      line.end = m_Offset;
+      line.end = m_Lines.Offset();
       if (!line.text.empty() && line.text.front() != ';') return true;
     }
     return false;
   }
 
  private:
-  std::string_view m_File;
-  size_t m_Offset = 0;
+  IniLines m_Lines;
+};
+
+// Text takes the place of the bytes from begin to end.
+struct IniEdit {
+  bool isFound = false;  // false: what should be deleted is not there
+  size_t begin = 0;
+  size_t end = 0;
+  std::string text;
 };
 
 std::string EntryText(std::string_view key, std::string_view value) {
@@ -76,14 +86,22 @@ std::string EntryText(std::string_view key, std::string_view value) {
   return text;
 }
 
+// "\n[section]\n\nkey=value\n"
+std::string SectionText(std::string_view section, std::string_view key, std::string_view value) {
+  std::string text("\n[");
+  text += section;
+  text += "]\n\n";
+  return text + EntryText(key, value);
+}
+
 IniEdit Replace(size_t begin, size_t end, std::string text) {
-  return {IniEdit::kReplace, begin, end, std::move(text)};
+  return {true, begin, end, std::move(text)};
 }
 
 // An unfinished last line gets its newline before anything follows it.
 IniEdit Append(std::string_view file, const std::string& text) {
   const bool isUnfinished = !file.empty() && file.back() != '\n';
-  return {IniEdit::kAppend, file.size(), file.size(), isUnfinished ? "\n" + text : text};
+  return Replace(file.size(), file.size(), isUnfinished ? "\n" + text : text);
 }
 
 IniEdit PlanAtNextHeader(size_t sectionBegin, size_t headerBegin, const char* key, const char* value) {
@@ -95,6 +113,26 @@ IniEdit PlanAtNextHeader(size_t sectionBegin, size_t headerBegin, const char* ke
 IniEdit PlanAtEntry(const RawLine& line, bool isFirst, const char* key, const char* value) {
   const std::string text = value == nullptr ? "" : EntryText(key, value);
   return Replace(line.regionBegin, line.end, isFirst ? "\n" + text : text);
+}
+
+IniEdit PlanIniEdit(std::string_view file, std::string_view section, const char* key, const char* value) {
+  RawLines lines(file);
+  size_t sectionBegin = 0;
+  size_t entryCount = 0;
+  bool isInside = false;
+  for (RawLine line; lines.Next(line);) {
+    if (line.IsHeader()) {
+      if (isInside) return PlanAtNextHeader(sectionBegin, line.regionBegin, key, value);
+      isInside = line.IsHeaderOf(section);
+      sectionBegin = line.regionBegin;
+    } else if (isInside && key != nullptr) {
+      ++entryCount;
+      if (line.HasKey(key)) return PlanAtEntry(line, entryCount == 1, key, value);
+    }
+  }
+  if (key == nullptr) return isInside ? Replace(sectionBegin, file.size(), "") : IniEdit();
+  if (value == nullptr) return {};
+  return Append(file, isInside ? EntryText(key, value) : SectionText(section, key, value));
 }
 
 }  // namespace
@@ -128,29 +166,26 @@ bool IsIniHeaderOf(std::string_view header, std::string_view section) {
          header.substr(1, section.size()) == section;
 }
 
-IniEdit PlanIniEdit(std::string_view file, std::string_view section, const char* key, const char* value) {
-  RawLines lines(file);
-  size_t sectionBegin = 0;
-  size_t entryCount = 0;
-  bool isInside = false;
-  for (RawLine line; lines.Next(line);) {
-    if (line.IsHeader()) {
-      if (isInside) return PlanAtNextHeader(sectionBegin, line.regionBegin, key, value);
-      isInside = IsIniHeaderOf(line.text, section);
-      sectionBegin = line.regionBegin;
-    } else if (isInside && key != nullptr) {
-      ++entryCount;
-      if (line.HasKey(key)) return PlanAtEntry(line, entryCount == 1, key, value);
-    }
-  }
-  if (key == nullptr) return isInside ? Replace(sectionBegin, file.size(), "") : IniEdit();
-  if (value == nullptr) return {};
-  return Append(file, isInside ? EntryText(key, value) : IniSectionText(section, key, value));
+bool EditIniText(std::string& file, std::string_view section, const char* key, const char* value) {
+  const IniEdit edit = PlanIniEdit(file, section, key, value);
+  if (edit.isFound) file.replace(edit.begin, edit.end - edit.begin, edit.text);
+  return edit.isFound;
 }
 
-std::string IniSectionText(std::string_view section, std::string_view key, std::string_view value) {
-  std::string text("\n[");
-  text += section;
-  text += "]\n\n";
-  return text + EntryText(key, value);
+std::vector<std::pair<std::string_view, std::string_view>> IniEntriesOf(std::string_view file,
+                                                                        std::string_view section) {
+  std::vector<std::pair<std::string_view, std::string_view>> entries;
+  std::map<std::string_view, std::string_view> values;
+  bool isInside = false;
+  IniLines lines(file);
+  for (std::string_view line; lines.Next(line);) {
+    const IniLine parsed = ParseIniLine(line);
+    if (parsed.kind == IniLine::kHeader) {
+      if (isInside) break;
+      isInside = IsIniHeaderOf(parsed.header, section);
+    } else if (isInside && parsed.kind == IniLine::kEntry && !parsed.key.empty()) {
+      entries.emplace_back(parsed.key, values.emplace(parsed.key, parsed.value).first->second);
+    }
+  }
+  return entries;
 }

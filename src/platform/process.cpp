@@ -1,6 +1,5 @@
 #include "platform/process.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,35 +9,24 @@
 #include <charconv>
 #include <climits>
 #include <csignal>
-#include <memory>
 #include <string_view>
 #include <vector>
 
 #include "platform/child_start.h"
 #include "platform/descriptor_io.h"
+#include "platform/directory_stream.h"
 #include "platform/unique_fd.h"
 
 namespace {
 
 constexpr const char* kProc = "/proc/";
 constexpr size_t kPathSize = 4096;
+constexpr unsigned int kUnitsOfAllBits = 7;  // of 1024 each, in 64 bits
 constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
-
-struct CloseDirectory {
-  void operator()(DIR* directory) const { ::closedir(directory); }
-};
 
 template <typename Pid>
 std::string FileOfProcess(Pid pid, const char* name) {
   return kProc + std::to_string(pid) + "/" + name;
-}
-
-bool ReadFileOfProcess(const std::string& path, std::string& content) {
-  const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!file) return false;
-  content.clear();
-  ReadToEnd(file.Get(), content);
-  return true;
 }
 
 // Takes the next word off the front of the text; empty at the end.
@@ -104,26 +92,27 @@ bool WaitForChild(pid_t child, uint32_t& exitCode) {
   return exitCode == 0;
 }
 
-bool RunCommand(CChildStart& start, uint32_t& pid, uint32_t& exitCode, bool async) {
-  const pid_t child = start.Start();
-  if (child < 0) return false;
-  pid = static_cast<uint32_t>(child);
-  return async || WaitForChild(child, exitCode);
+// The directory for a command. False when it cannot be entered, or when the process has none to come back to.
+bool OpenDirectory(const char* path, UniqueFd& directory) {
+  std::string current;
+  if (!CProcess::GetCurrentDir(current) || *path == '\0') return false;
+  directory = UniqueFd(::open(path, O_PATH | O_DIRECTORY | O_CLOEXEC));
+  return directory && ::faccessat(directory.Get(), ".", X_OK, AT_EACCESS) == 0;
 }
 
 }  // namespace
 
 void CProcess::GetProcessMemorySpecificInfo(uint32_t pid, uint64_t& value, const std::string& key, unit inUnit) {
   std::string status;
-  if (ReadFileOfProcess(FileOfProcess(pid, "status"), status)) FindInStatus(status, key, value);
-  value >>= 10 * static_cast<unsigned int>(inUnit);
+  if (OpenAndReadToEnd(FileOfProcess(pid, "status").c_str(), status)) FindInStatus(status, key, value);
+  value = inUnit < kUnitsOfAllBits ? value >> (10 * static_cast<unsigned int>(inUnit)) : 0;
 }
 
 bool CProcess::GetProcessMemoryInfo(uint32_t pid, uint64_t& size, uint64_t& peak, uint64_t& swap, uint64_t& fourth,
                                     uint64_t& noLib) {
   size = peak = swap = fourth = noLib = 0;
   std::string status;
-  if (!ReadFileOfProcess(FileOfProcess(pid, "status"), status)) return false;
+  if (!OpenAndReadToEnd(FileOfProcess(pid, "status").c_str(), status)) return false;
   uint64_t libraries = 0;
   FindInStatus(status, "VmPeak:", peak);
   FindInStatus(status, "VmSize:", size);
@@ -135,7 +124,7 @@ bool CProcess::GetProcessMemoryInfo(uint32_t pid, uint64_t& size, uint64_t& peak
 
 bool CProcess::get_proc_file(int pid, const char* name, std::string& out) {
   std::string content;
-  if (name == nullptr || !ReadFileOfProcess(FileOfProcess(pid, name), content)) return false;
+  if (name == nullptr || !OpenAndReadToEnd(FileOfProcess(pid, name).c_str(), content)) return false;
   out = content.substr(0, content.find('\n'));
   return true;
 }
@@ -159,7 +148,7 @@ bool CProcess::GetProcessInfo(uint32_t pid, std::string& name, std::string& path
 
 bool CProcess::FindProcess(uint32_t& pid, const char* name) {
   pid = kNone;
-  const std::unique_ptr<DIR, CloseDirectory> processes(::opendir(kProc));
+  const DirectoryStream processes(::opendir(kProc));
   if (processes == nullptr || name == nullptr) return false;
   while (const dirent* entry = ::readdir(processes.get())) {
     const uint32_t candidate = ParsePid(entry->d_name);
@@ -182,9 +171,11 @@ bool CProcess::ExecuteCmd(const std::string& cmdLine, uint32_t& pid, uint32_t& e
   return execute_command(cmdLine, pid, exitCode, directory, ignored, false, inheritHandles);
 }
 
-bool CProcess::ExecuteCmdAsync(const std::string& cmdLine, const char* directory, bool ignored, bool inheritHandles) {
-  uint32_t pid = kNone;
-  return ExecuteCmdAsync(cmdLine, pid, directory, ignored, inheritHandles);
+bool CProcess::ExecuteCmdAsync(const std::string& cmdLine, const char* directory, bool /*ignored*/,
+                               bool inheritHandles) {
+  UniqueFd entered;
+  if (directory != nullptr && !OpenDirectory(directory, entered)) return false;
+  return CChildStart(SplitIntoWords(cmdLine), inheritHandles, entered.Get()).StartOrphan();
 }
 
 bool CProcess::ExecuteCmdAsync(const std::string& cmdLine, uint32_t& pid, const char* directory, bool ignored,
@@ -197,11 +188,12 @@ bool CProcess::execute_command(const std::string& cmdLine, uint32_t& pid, uint32
                                bool /*ignored*/, bool async, bool inheritHandles) {
   pid = kNone;
   exitCode = kNone;
-  std::string previous;
-  if (directory != nullptr && (!GetCurrentDir(previous) || !SetCurrentDir(directory))) return false;
-  CChildStart start(SplitIntoWords(cmdLine), inheritHandles);
-  const bool done = RunCommand(start, pid, exitCode, async);
-  return (directory == nullptr || SetCurrentDir(previous.c_str())) && done;
+  UniqueFd entered;
+  if (directory != nullptr && !OpenDirectory(directory, entered)) return false;
+  const pid_t child = CChildStart(SplitIntoWords(cmdLine), inheritHandles, entered.Get()).Start();
+  if (child < 0) return false;
+  pid = static_cast<uint32_t>(child);
+  return async || WaitForChild(child, exitCode);
 }
 
 bool CProcess::WaitForExit(uint32_t pid, uint32_t& exitCode, uint32_t /*ignored*/) {

@@ -16,9 +16,10 @@
 // files, because that was lowered later, is not looked for). It takes SIGINT, SIGTERM, SIGHUP and
 // SIGALRM even where the caller blocks them.
 //
-// A command given a directory is started while the whole process stands in it, and the process returns only after the
-// command has ended (or, asynchronously, after it was started): other threads that use relative paths see that
-// directory. When it cannot be entered nothing runs; when the process cannot return the result is false.
+// All signals have their default action in the child, also those that the caller ignores.
+//
+// A command given a directory is started in it, while the process itself stays where it is. When the directory cannot
+// be entered nothing runs, nor when the process's own directory cannot be told.
 class CProcess {
  public:
   static constexpr uint32_t kNone = 0xFFFFFFFF;  // no such process; exit code not known
@@ -27,7 +28,7 @@ class CProcess {
   enum unit : unsigned int { bytes = 0, kilobytes = 1, megabytes = 2, gigabytes = 3 };
 
   // Value of one line of the status file of a process; key with its colon, as in "VmRSS:". When the file or the key is
-  // missing, value keeps what the caller put there, divided all the same.
+  // missing, value keeps what the caller put there, divided all the same; a unit of 7 and more leaves nothing.
   static void GetProcessMemorySpecificInfo(uint32_t pid, uint64_t& value, const std::string& key, unit inUnit);
 
   // In bytes, all from one reading of the status file: virtual size, its peak, what is swapped out, and the size
@@ -56,8 +57,9 @@ class CProcess {
   static bool ExecuteCmd(const std::string& cmdLine, const char* directory, bool ignored, bool inheritHandles);
   static bool ExecuteCmd(const std::string& cmdLine, uint32_t& pid, uint32_t& exitCode, const char* directory,
                          bool ignored, bool inheritHandles);
-  // Start a command. True when the child exists, whether or not its program could be run. The caller waits for the
-  // child with WaitForExit; until then it stays behind as a zombie when it has ended.
+  // Start a command. True when it has a process, whether or not its program could be run. The caller who is told the
+  // process waits for it with WaitForExit; until then it stays behind as a zombie when it has ended. One that nobody is
+  // told of is no child of this process and leaves nothing behind.
   static bool ExecuteCmdAsync(const std::string& cmdLine, const char* directory, bool ignored, bool inheritHandles);
   static bool ExecuteCmdAsync(const std::string& cmdLine, uint32_t& pid, const char* directory, bool ignored,
                               bool inheritHandles);

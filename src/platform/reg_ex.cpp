@@ -64,12 +64,6 @@ bool CRegEx::GetRegexFromString(std::string& result, const std::string& pattern,
     return false;
   }
   const Span found = FindOccurrence(compiled, text, occurrence == 0 ? kMatchesForZero : occurrence);
-  if (found.begin > text.size()) {
-    TRACE(1,
-          "\nCRegEx::GetRegexFromString  : Cannot get substring from string: '%s'! Start index: %d. End index: %d.\n",
-          text.c_str(), static_cast<int>(found.begin), static_cast<int>(found.end));
-    return false;
-  }
   result = text.substr(found.begin, found.end - found.begin);
   return true;
 }

@@ -4,30 +4,23 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <climits>
+#include <ctime>
 #include <memory>
 #include <new>
-#include <thread>
 #include <utility>
 
+#include "platform/named_objects.h"
 #include "platform/never_destroyed.h"
-#include "platform/owned_text.h"
-#include "platform/str_map.h"
 
 // The semaphore itself, owned jointly by its handles.
-struct CSemaphoreData {
+struct CSemaphoreData : SharedObject {
   sem_t semaphore = {};
-  uint32_t refCount = 1;         // guarded by the lock of the registry
-  std::unique_ptr<char[]> name;  // null = none; fixed before the semaphore is shared
 };
 
 namespace {
 
-constexpr uint32_t kPollMs = 1000;
-
-// The named semaphores; its lock also guards the reference counts.
-constinit NeverDestroyed<CStrMap> g_NamedSemaphores;
+constinit NeverDestroyed<NamedObjects<CSemaphoreData>> g_Semaphores;
 
 // Null when there is no memory or the system refuses.
 CSemaphoreData* NewSemaphore(long initialCount, long maxCount) {
@@ -45,25 +38,11 @@ bool DestroySemaphore(CSemaphoreData* semaphore) {
   return destroyed;
 }
 
-// The lock of the registry is held.
-bool RegisterName(CSemaphoreData& semaphore, const char* name) {
-  semaphore.name = CopyText(name);
-  CStrMap::Entry* entry = semaphore.name != nullptr ? g_NamedSemaphores.object.Insert(name) : nullptr;
-  if (entry == nullptr) return false;
-  entry->value = &semaphore;
-  return true;
-}
-
 CSemaphoreData* JoinOrCreate(long initialCount, long maxCount, const char* name) {
-  const CCriticalSectionLock lock(g_NamedSemaphores.object);
-  const CStrMap::Entry* entry = g_NamedSemaphores.object.Find(name);
-  if (entry != nullptr) {
-    auto* found = static_cast<CSemaphoreData*>(entry->value);
-    ++found->refCount;
-    return found;
-  }
+  const CCriticalSectionLock lock(g_Semaphores.object.Lock());
+  if (CSemaphoreData* found = g_Semaphores.object.Join(name)) return found;
   CSemaphoreData* created = NewSemaphore(initialCount, maxCount);
-  if (created == nullptr || RegisterName(*created, name)) return created;
+  if (created == nullptr || g_Semaphores.object.Register(*created, name)) return created;
   DestroySemaphore(created);
   return nullptr;
 }
@@ -84,9 +63,8 @@ bool CSemaphore::Delete() {
   CSemaphoreData* semaphore = std::exchange(data, nullptr);
   if (semaphore == nullptr) return false;
   {
-    const CCriticalSectionLock lock(g_NamedSemaphores.object);
-    if (--semaphore->refCount > 0) return false;
-    if (semaphore->name != nullptr) g_NamedSemaphores.object.Remove(semaphore->name.get());
+    const CCriticalSectionLock lock(g_Semaphores.object.Lock());
+    if (!g_Semaphores.object.Drop(*semaphore)) return false;
   }
   return DestroySemaphore(semaphore);
 }
@@ -94,12 +72,12 @@ bool CSemaphore::Delete() {
 int CSemaphore::Wait(uint32_t timeoutMs) const {
   if (data == nullptr) return kWaitFailed;
   if (timeoutMs == kWaitForever) return ::sem_wait(&data->semaphore) == 0 ? kWaitDone : kWaitFailed;
-  uint32_t remainingMs = timeoutMs;
-  while (::sem_trywait(&data->semaphore) != 0) {
-    if (errno != EAGAIN) return kWaitFailed;
-    if (remainingMs == 0) return kWaitTimedOut;
-    remainingMs -= std::min(remainingMs, kPollMs);
-    std::this_thread::sleep_for(std::chrono::milliseconds(kPollMs));
+  timespec deadline{};
+  clock_gettime(CLOCK_MONOTONIC, &deadline);
+  deadline.tv_sec += static_cast<time_t>(timeoutMs / 1000) + (timeoutMs % 1000 != 0 ? 1 : 0);
+  while (::sem_clockwait(&data->semaphore, CLOCK_MONOTONIC, &deadline) != 0) {
+    if (errno == ETIMEDOUT) return kWaitTimedOut;
+    if (errno != EINTR) return kWaitFailed;
   }
   return kWaitDone;
 }

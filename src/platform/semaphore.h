@@ -32,9 +32,9 @@ class CSemaphore {
   // and while other handles share it, but the handle is empty in any case.
   bool Delete();
 
-  // Takes one. kWaitForever blocks, and an interruption by a signal is a failure. Any other timeoutMs tries once a
-  // second, so it is honoured in whole seconds, rounded up; 0 tries once. Returns kWaitDone, kWaitTimedOut or
-  // kWaitFailed.
+  // Takes one as soon as there is one. kWaitForever blocks, and an interruption by a signal is a failure. Any other
+  // timeoutMs is honoured in whole seconds of the monotonic clock, rounded up, and an interruption waits on; 0 tries
+  // once. Returns kWaitDone, kWaitTimedOut or kWaitFailed.
   int Wait(uint32_t timeoutMs) const;
 
   // Gives count back, one by one. False without a semaphore, for a count below 1, and at the first one that the system

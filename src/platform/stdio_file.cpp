@@ -1,11 +1,8 @@
 #include "platform/stdio_file.h"
 
-#include <fcntl.h>
-
 #include <string_view>
 
 #include "platform/descriptor_io.h"
-#include "platform/unique_fd.h"
 #include "trace/debug.h"
 
 namespace {
@@ -22,13 +19,11 @@ void AppendLines(std::vector<std::string>& lines, std::string_view text) {
 }  // namespace
 
 bool CStdioFile::ReadFile(std::vector<std::string>& lines, const std::string& path) {
-  const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!file) {
+  std::string text;
+  if (!OpenAndReadToEnd(path.c_str(), text)) {
     TRACE(1, "\nCStdioFile::ReadFile   : Cannot read file \"%s\"!\n", path.c_str());
     return false;
   }
-  std::string text;
-  ReadToEnd(file.Get(), text);
   AppendLines(lines, text);
   return true;
 }

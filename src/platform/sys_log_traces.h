@@ -12,6 +12,8 @@ using SysLogLevel = int;
 // must not log through it any more. Any thread may call everything; nothing here fails visibly.
 class SysLogTraces {
  public:
+  // The system log belongs to the whole process: from the first call on what others log with no facility of their own,
+  // the daemon's lines included, goes to local1 as well, with the short name and the process identifier.
   static SysLogTraces& getConnection();
   // Closes the log.
   ~SysLogTraces();

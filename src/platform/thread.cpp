@@ -151,19 +151,20 @@ bool CThread::Kill(uint32_t) {
     TRACE(1, "\nCThread::Kill: Thread = 0x0%08X doesn't exist !", TraceId());
     return false;
   }
-  return Waitable ? JoinInKill() : CancelDetached();
+  if (!Waitable) return CancelDetached();
+  TRACE(1, "\nCThread::Kill: Try to join a joinable Thread = 0x%08X", TraceId());
+  return Join("Kill");
 }
 
-bool CThread::JoinInKill() {
-  TRACE(1, "\nCThread::Kill: Try to join a joinable Thread = 0x%08X", TraceId());
+bool CThread::Join(const char* operation) {
   void* result = nullptr;
   const int error = pthread_join(handle, &result);
   if (error != 0) {
-    TRACE(1, "\nCThread::Kill: ERROR ! ThreadJoin failed, Thread = 0x%08X, Err = 0x%08x", TraceId(),
+    TRACE(1, "\nCThread::%s: ERROR ! ThreadJoin failed, Thread = 0x%08X, Err = 0x%08x", operation, TraceId(),
           static_cast<unsigned int>(error));
     return false;
   }
-  TRACE(1, "\nCThread::Kill: a joinable Thread = 0x%08X has terminated, pstat=%p", TraceId(), result);
+  TRACE(1, "\nCThread::%s: a joinable Thread = 0x%08X has terminated, pstat=%p", operation, TraceId(), result);
   handle = 0;
   m_Record.reset();
   return true;
@@ -200,17 +201,7 @@ bool CThread::WaitForTermination(uint32_t timeoutMs) {
     TRACE(1, "\nCThread::WaitForTermination: WARNING: Can't wait for detached thread 0x%08X", TraceId());
     return false;
   }
-  void* result = nullptr;
-  const int error = pthread_join(handle, &result);
-  if (error != 0) {
-    TRACE(1, "\nCThread::WaitForTermination: ERROR ! ThreadJoin failed, Thread = 0x%08X, Err = 0x%08x", TraceId(),
-          static_cast<unsigned int>(error));
-    return false;
-  }
-  TRACE(1, "\nCThread::WaitForTermination: a joinable Thread = 0x%08X has terminated, pstat=%p", TraceId(), result);
-  handle = 0;
-  m_Record.reset();
-  return true;
+  return Join("WaitForTermination");
 }
 
 bool CThread::IsAlive() const {

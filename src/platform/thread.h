@@ -52,7 +52,7 @@ class CThread {
 
  private:
   bool CreateThread(const pthread_attr_t& attributes, Function function, void* argument);
-  bool JoinInKill();
+  bool Join(const char* operation);  // for the trace
   bool CancelDetached();
   void LetGo();
   unsigned int TraceId() const { return static_cast<unsigned int>(handle); }

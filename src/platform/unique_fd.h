@@ -4,6 +4,8 @@
 
 #include <utility>
 
+#include "platform/cancellation.h"
+
 // Owns one file descriptor and closes it. -1 stands for none. Not shared between threads.
 class UniqueFd {
  public:
@@ -19,8 +21,12 @@ class UniqueFd {
   int Get() const { return m_Fd; }
   explicit operator bool() const { return m_Fd >= 0; }
   int Release() { return std::exchange(m_Fd, -1); }
+  // A cancelled thread must not unwind out of the destructor.
   void Reset(int fd = -1) {
-    if (m_Fd >= 0) ::close(m_Fd);
+    if (m_Fd >= 0) {
+      const CancellationBlock block;
+      ::close(m_Fd);
+    }
     m_Fd = fd;
   }
 

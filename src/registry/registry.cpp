@@ -4,6 +4,7 @@
 #include <cstring>
 #include <exception>
 
+#include "platform/cancellation.h"
 #include "registry/registry_strings.h"
 #include "trace/debug.h"
 
@@ -77,6 +78,7 @@ CRegistry& CRegistry::operator=(CRegistry& other) {
 }
 
 CRegistry::~CRegistry() {
+  const CancellationBlock block;
   FreeClass();
 }
 

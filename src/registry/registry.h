@@ -25,8 +25,9 @@
 // entries are turned into text, and neither reading and writing nor opening further objects waits for the disk.
 // Ownership: the tree owns the keys. An object borrows its current key and keeps its memory from being freed: a key
 // that somebody else deletes becomes empty for good. Reads find nothing in it, SetValue and CreateKey fail. The same
-// holds for the root key handles and for what KeepKeyHandle gives away. Failure: by result code, which is also left in
-// m_Result; nothing throws. A name, path or text argument that is null counts as missing.
+// holds for the root key handles and for what KeepKeyHandle gives away.
+// Cancellation of a thread is held back while it loads, saves or destroys an object. Failure: by result code, which is
+// also left in m_Result; nothing throws. A name, path or text argument that is null counts as missing.
 class CRegistry {
  public:
   enum Result : int {
@@ -112,7 +113,8 @@ class CRegistry {
 
   // The process-wide tree
 
-  // Reads one file into the node. False when it cannot be opened or read, is empty or has no value line.
+  // Reads one file into the node. False when it cannot be opened or read, is empty or has no value line, or when memory
+  // is missing; the node then holds what was read before.
   static bool ReadTree(const char* path, CRegistryNode& node);
   // Loads the tree from the registry file, else from its backup, else from the default file, and sets the root keys.
   // Does nothing when it was loaded before, unless forced: then the keys of the file replace those of the tree, and
@@ -120,10 +122,12 @@ class CRegistry {
   static void SetupTree(bool forceSetup);
   // Writes the tree when it has changed: completely and down to the disk as registry.new, which then takes the place
   // of the registry file, whose old content stays as its backup - unless that content did not load: then the backup,
-  // from which the tree may have come, stays as it is. When that fails, it is traced, the registry file is as it was,
-  // and the next save tries again - except when registry.new cannot be opened: then the changes count as saved until
-  // the next one. Processes that save at once do so one after the other: a save that has waited a second for another
-  // one fails as above. A tree is never written when reading a file failed for a reason that says nothing about its
+  // from which the tree may have come, stays as it is; so it does when the new content is the old one. There is a
+  // registry file at every moment, except on a file system without second names for a file. When a step fails, it is
+  // traced, the registry file is as it was, and the next save tries again - except when registry.new cannot be opened:
+  // then the changes count as saved until the next one. Processes that save at once do so one after the other: a save
+  // that has waited a second for another one fails as above, and so do those of the next five seconds without waiting.
+  // A tree is never written when reading a file failed for a reason that says nothing about its
   // content (no memory, no descriptors, no permission, an error of the disk): what was not read may be all of it.
   static void SaveTree();
 
@@ -161,7 +165,13 @@ class CRegistry {
                    unsigned char* data, unsigned int* dataLen);
   void CopyEnumData(CRegistryNode& node, const RegistryEntry& entry, unsigned char* data, unsigned int* dataLen);
 
-  // The tree was changed, or a change was asked for.
+  enum class TreeState {
+    kClean,    // as loaded or saved
+    kChanged,  // a change was made or asked for since then
+    kSaving,   // a save is on its way that has every change in it
+  };
+
+  // The tree was changed, or a change was asked for. Called after the change, so that a save on its way cannot miss it.
   static void MarkDirty();
   // A tree without the first root key gets the entries of all root keys that it lacks.
   static void RestoreRootEntries();
@@ -181,11 +191,8 @@ class CRegistry {
   static CRegistryNode& MRootNode;
   static CCriticalSection& MClassLock;  // serialises SetupTree and SaveTree; taken before the lock of a node
 
-  static std::atomic<bool> MIsDirty;
+  static std::atomic<TreeState> MTreeState;
   static std::atomic<bool> MIsSetup;
-  static std::atomic<uint64_t> MChanges;  // counts the calls of MarkDirty: a save sees what came while it wrote
-  static bool MIsUnread;                  // a file that exists was not read whole: nothing is saved; same lock
-  static bool MIsSaved;                   // the registry file is what this process wrote; guarded by the class lock
 
   CRegistryNodeRef m_hKey;
   Buffer m_ValueBuffer;

@@ -167,7 +167,7 @@ RegistryEntry& CRegistryNode::InsertEntry(std::string_view name, bool isBehindLa
     position = m_SortedCount + Search(m_Entries + m_SortedCount, Count() - m_SortedCount, name).position;
   }
   OpenGap(position);
-  m_Entries[position] = {copy.release(), 0, kRegistryNone, static_cast<uint32_t>(name.size())};
+  m_Entries[position] = RegistryEntry::Of(copy.release(), name.size(), 0, kRegistryNone);
   return m_Entries[position];
 }
 
@@ -202,7 +202,6 @@ void CRegistryNode::MergeTail() {
     m_Entries[--end] = entry;
   }
   m_SortedCount = Count();
-  ++m_Version;
 }
 
 void CRegistryNode::deleteNode() {

@@ -37,8 +37,8 @@ class CRegistryNode : public CCriticalSection {
 
   // Writes the content of this node and of all below it as text: values, subkeys, an empty line. Each node is locked
   // while its entries are looked at, never while the file is written. Null file: nothing. Write errors stay in the
-  // stream for the caller to see (ferror). An entry that the text cannot carry is traced; it is written as far as no
-  // other entry suffers from it and left out otherwise.
+  // stream for the caller to see (ferror). An entry that the text cannot carry is traced; what of it comes back when it
+  // is read is written, see AppendRegistryLine.
   void dumpNode(FILE* file);
 
   // Reads lines into this node until an empty line or the end of the file. True when at least one value line was taken
@@ -72,7 +72,7 @@ class CRegistryNode : public CCriticalSection {
   std::span<const RegistryEntry> Entries();
   // Lock held. Where in Entries() the first name behind this one stands.
   size_t PositionBehind(std::string_view name);
-  // Lock held. Changes with every change of the entries and is never 0.
+  // Lock held. Changes with every change of what Entries() gives and is never 0.
   uint64_t Version() const { return m_Version; }
 
  private:

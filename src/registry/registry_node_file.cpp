@@ -70,7 +70,7 @@ class Dump {
     level.version = node.Version();
     while (level.position < entries.size()) {
       const RegistryEntry& entry = entries[level.position++];
-      if (!entry.IsSubKey() || !AppendEntry(entry)) continue;
+      if (!entry.IsSubKey() || !entry.HoldsValue() || !AppendEntry(entry)) continue;
       level.subKey = entry.Name();
       level.isInSubKeys = true;
       return CRegistryNodeRef(entry.Node());
@@ -79,15 +79,15 @@ class Dump {
   }
 
   bool AppendEntry(const RegistryEntry& entry) {
-    const size_t start = m_Text.Size();
-    const RegistryAppended appended = AppendRegistryLine(entry, m_Text);
-    if (appended != RegistryAppended::kUnsure) return appended == RegistryAppended::kCarried;
-    const RegistryFate fate = FateOfRegistryLine(entry, m_Text.From(start));
-    if (fate == RegistryFate::kCarried) return true;
-    TRACE(1, "CRegistry: ERROR: \"%s\" of key \"%s\" does not fit into the registry file and will be lost\n",
-          entry.name, PathOfKey().c_str());
-    if (fate == RegistryFate::kHarmful) m_Text.Cut(start);
-    return fate != RegistryFate::kHarmful;
+    const RegistryFit fit = AppendRegistryLine(entry, m_Text);
+    if (fit == RegistryFit::kCut) {
+      TRACE(1, "CRegistry: ERROR: \"%s\" of key \"%s\" does not fit into the registry file and will be cut\n",
+            entry.name, PathOfKey().c_str());
+    } else if (fit == RegistryFit::kLost) {
+      TRACE(1, "CRegistry: ERROR: \"%s\" of key \"%s\" does not fit into the registry file and will be lost\n",
+            entry.name, PathOfKey().c_str());
+    }
+    return fit != RegistryFit::kLost;
   }
 
   // From the root; of a very long path the end.

@@ -13,7 +13,9 @@ constexpr std::string_view kStringMarker = "=s=";
 constexpr std::string_view kExpandMarker = "=es=";
 constexpr std::string_view kNumberMarker = "=d=";
 constexpr std::string_view kBinaryMarker = "=b=";
-constexpr size_t kMaxNumber = 11;  // "-2147483648"
+constexpr size_t kMaxNumber = 11;                    // "-2147483648"
+constexpr size_t kByteLength = 3;                    // "0a "
+constexpr size_t kMaxLine = kRegistryLineLimit - 1;  // without the newline
 
 // The type whose marker the text starts with, and the marker's length.
 struct Marker {
@@ -27,6 +29,21 @@ Marker FindMarker(std::string_view text) {
   if (text.starts_with(kExpandMarker)) return {kRegistryExpandString, kExpandMarker.size()};
   if (text.starts_with(kBinaryMarker)) return {kRegistryBinary, kBinaryMarker.size()};
   return {kRegistryNone, 0};
+}
+
+std::string_view MarkerOf(uint32_t type) {
+  switch (type) {
+    case kRegistryString:
+      return kStringMarker;
+    case kRegistryExpandString:
+      return kExpandMarker;
+    case kRegistryNumber:
+      return kNumberMarker;
+    case kRegistryBinary:
+      return kBinaryMarker;
+    default:
+      return {};
+  }
 }
 
 // from_chars knows neither leading blanks nor a plus, and leaves a number that is too large alone.
@@ -57,114 +74,73 @@ char* PutText(char* out, std::string_view text) {
   return out + text.size();
 }
 
-constexpr uint64_t EachByte(unsigned char byte) {
-  return 0x0101010101010101U * byte;
+// Starts the line of a value: its name and marker, with room for so many bytes and the newline behind them.
+char* PutHead(const RegistryEntry& entry, std::string_view marker, size_t dataSize, RegistryText& text) {
+  char* out = text.Reserve(entry.nameLength + marker.size() + dataSize + 1);
+  return PutText(PutText(out, entry.Name()), marker);
 }
 
-// Not 0 when one of the eight bytes is this one.
-uint64_t FindByte(uint64_t word, char byte) {
-  word ^= EachByte(static_cast<unsigned char>(byte));
-  return (word - EachByte(1)) & ~word & EachByte(0x80);
+void EndLine(char* out, RegistryText& text) {
+  *out++ = '\n';
+  text.Commit(out);
 }
 
-// Copies a text and notices on the way whether one of two characters is in it. Names and values are short: this costs
-// less than the library's copy and its two searches. The last eight bytes overlap those before.
-template <char first, char second>
-inline char* PutAndWatch(char* out, std::string_view text, uint64_t& found) {
-  const size_t size = text.size();
-  uint64_t word = 0;
-  if (size < sizeof word) {
-    for (const char c : text) {
-      found |= c == first || c == second ? 1U : 0U;
-      *out++ = c;
-    }
-    return out;
-  }
-  for (size_t at = 0; at < size; at += sizeof word) {
-    const size_t from = std::min(at, size - sizeof word);
-    std::memcpy(&word, text.data() + from, sizeof word);
-    std::memcpy(out + from, &word, sizeof word);
-    found |= FindByte(word, first) | FindByte(word, second);
-  }
-  return out + size;
+RegistryFit AppendText(const RegistryEntry& entry, std::string_view marker, size_t room, RegistryText& text) {
+  const char* data = entry.Text();
+  const auto size = std::min(static_cast<size_t>(::strchrnul(data, '\n') - data), room);
+  EndLine(PutText(PutHead(entry, marker, size, text), {data, size}), text);
+  return data[size] == '\0' ? RegistryFit::kWhole : RegistryFit::kCut;
 }
 
-char* PutNumber(char* out, uint32_t number) {
-  return std::to_chars(out, out + kMaxNumber, static_cast<int32_t>(number)).ptr;
+RegistryFit AppendNumber(const RegistryEntry& entry, size_t room, RegistryText& text) {
+  char* begin = PutHead(entry, kNumberMarker, kMaxNumber, text);
+  char* end = std::to_chars(begin, begin + kMaxNumber, static_cast<int32_t>(entry.Number())).ptr;
+  // The beginning of a number is another number.
+  if (static_cast<size_t>(end - begin) > room) return RegistryFit::kLost;
+  EndLine(end, text);
+  return RegistryFit::kWhole;
 }
 
-char* PutBlock(char* out, std::span<const unsigned char> bytes) {
+RegistryFit AppendBlock(const RegistryEntry& entry, size_t room, RegistryText& text) {
   constexpr const char* kDigits = "0123456789abcdef";
-  for (const unsigned char byte : bytes) {
+  const std::span<const unsigned char> bytes = entry.Block();
+  const size_t count = std::min(bytes.size(), room / kByteLength);
+  char* out = PutHead(entry, kBinaryMarker, kByteLength * count, text);
+  for (const unsigned char byte : bytes.first(count)) {
     *out++ = kDigits[byte >> 4];
     *out++ = kDigits[byte & 0xF];
     *out++ = ' ';
   }
-  return out;
+  EndLine(out, text);
+  return count == bytes.size() ? RegistryFit::kWhole : RegistryFit::kCut;
 }
 
-// The line of one value while it is written. Room is reserved for all of it at the start.
-class ValueLine {
- public:
-  ValueLine(const RegistryEntry& entry, std::string_view marker, size_t dataSize, RegistryText& text)
-      : m_Text(text), m_Begin(text.Reserve(entry.nameLength + marker.size() + dataSize + 1)) {
-    if (entry.name[0] == '[') m_Found = 1;
-    Data() = PutText(PutAndWatch<'=', '\n'>(m_Begin, entry.Name(), m_Found), marker);
-  }
-
-  char*& Data() { return m_End; }
-  void PutData(std::string_view data) { m_End = PutAndWatch<'\n', '\n'>(m_End, data, m_Found); }
-
-  RegistryAppended Finish() {
-    *m_End++ = '\n';
-    m_Text.Commit(m_End);
-    const bool isShort = static_cast<size_t>(m_End - m_Begin) <= kRegistryLineLimit;
-    return isShort && m_Found == 0 ? RegistryAppended::kCarried : RegistryAppended::kUnsure;
-  }
-
- private:
-  RegistryText& m_Text;
-  char* m_Begin;
-  char* m_End = nullptr;
-  uint64_t m_Found = 0;  // not 0 when something in the line may be read as something else
-};
-
-RegistryAppended AppendText(const RegistryEntry& entry, std::string_view marker, RegistryText& text) {
-  const std::string_view data = entry.Text();
-  ValueLine line(entry, marker, data.size(), text);
-  line.PutData(data);
-  return line.Finish();
+RegistryFit AppendValue(const RegistryEntry& entry, RegistryText& text) {
+  const std::string_view marker = MarkerOf(entry.type);
+  if (marker.empty()) return RegistryFit::kWhole;
+  const size_t headSize = entry.Name().size() + marker.size();
+  if (headSize > kMaxLine) return RegistryFit::kLost;
+  const size_t room = kMaxLine - headSize;
+  if (entry.type == kRegistryNumber) return AppendNumber(entry, room, text);
+  if (entry.type == kRegistryBinary) return AppendBlock(entry, room, text);
+  return AppendText(entry, marker, room, text);
 }
 
-RegistryAppended AppendNumber(const RegistryEntry& entry, RegistryText& text) {
-  ValueLine line(entry, kNumberMarker, kMaxNumber, text);
-  line.Data() = PutNumber(line.Data(), entry.Number());
-  return line.Finish();
+RegistryFit AppendSubKey(const RegistryEntry& entry, RegistryText& text) {
+  if (entry.Name().size() + 2 > kMaxLine) return RegistryFit::kLost;
+  EndLine(PutText(PutText(PutText(text.Reserve(entry.nameLength + 3), "["), entry.Name()), "]"), text);
+  return RegistryFit::kWhole;
 }
 
-RegistryAppended AppendBlock(const RegistryEntry& entry, RegistryText& text) {
-  const std::span<const unsigned char> bytes = entry.Block();
-  ValueLine line(entry, kBinaryMarker, 3 * bytes.size(), text);
-  line.Data() = PutBlock(line.Data(), bytes);
-  return line.Finish();
-}
-
-RegistryAppended AppendSubKey(const RegistryEntry& entry, RegistryText& text) {
-  char* out = PutText(PutText(text.Reserve(entry.nameLength + 3), "["), entry.Name());
-  text.Commit(PutText(out, "]\n"));
-  return RegistryAppended::kUnsure;
+// How the line of an entry whose name is not plain is read.
+RegistryLine ReadBack(std::string_view line) {
+  line.remove_suffix(1);
+  return ParseRegistryLine(line);
 }
 
 bool IsSameEntry(const RegistryLine& line, const RegistryEntry& entry) {
   const auto kind = entry.IsSubKey() ? RegistryLine::Kind::kSubKey : RegistryLine::Kind::kValue;
   return line.kind == kind && line.name == entry.Name() && (entry.IsSubKey() || line.type == entry.type);
-}
-
-// Takes off what one read of a line would return.
-std::string_view TakePiece(std::string_view& text) {
-  const std::string_view piece = text.substr(0, std::min(text.find('\n'), kRegistryLineLimit - 1) + 1);
-  text.remove_prefix(piece.size());
-  return piece.ends_with('\n') ? piece.substr(0, piece.size() - 1) : piece;
 }
 
 }  // namespace
@@ -201,34 +177,16 @@ bool MakeRegistryValue(const RegistryLine& line, CRegistryValue& value) {
   return true;
 }
 
-RegistryAppended AppendRegistryLine(const RegistryEntry& entry, RegistryText& text) {
-  if (!entry.HoldsValue()) return RegistryAppended::kNothing;
-  switch (entry.type) {
-    case kRegistryString:
-      return AppendText(entry, kStringMarker, text);
-    case kRegistryExpandString:
-      return AppendText(entry, kExpandMarker, text);
-    case kRegistryBinary:
-      return AppendBlock(entry, text);
-    case kRegistryNumber:
-      return AppendNumber(entry, text);
-    case kRegistrySubKey:
-      return AppendSubKey(entry, text);
-    default:
-      return RegistryAppended::kNothing;
-  }
-}
-
-RegistryFate FateOfRegistryLine(const RegistryEntry& entry, std::string_view line) {
-  const std::string_view first = TakePiece(line);
-  const RegistryLine read = ParseRegistryLine(first);
-  if (read.kind != RegistryLine::Kind::kSkipped && !IsSameEntry(read, entry)) return RegistryFate::kHarmful;
+RegistryFit AppendRegistryLine(const RegistryEntry& entry, RegistryText& text) {
+  if (!entry.HoldsValue()) return RegistryFit::kWhole;
+  const size_t start = text.Size();
+  const RegistryFit fit = entry.IsSubKey() ? AppendSubKey(entry, text) : AppendValue(entry, text);
+  if (entry.isPlain || text.Size() == start) return fit;
+  const bool isOneLine = entry.Name().find('\n') == std::string_view::npos;
+  const RegistryLine read = isOneLine ? ReadBack(text.From(start)) : RegistryLine();
+  if (isOneLine && IsSameEntry(read, entry)) return fit;
   // The lines that follow a subkey's name would land in the key above it.
-  if (entry.IsSubKey() && read.kind == RegistryLine::Kind::kSkipped) return RegistryFate::kHarmful;
-  if (line.empty()) return read.kind == RegistryLine::Kind::kSkipped ? RegistryFate::kLost : RegistryFate::kCarried;
-  while (!line.empty()) {
-    const std::string_view piece = TakePiece(line);
-    if (piece.empty() || ParseRegistryLine(piece).kind != RegistryLine::Kind::kSkipped) return RegistryFate::kHarmful;
-  }
-  return RegistryFate::kLost;
+  const bool isHarmless = isOneLine && !entry.IsSubKey() && read.kind == RegistryLine::Kind::kSkipped;
+  if (!isHarmless) text.Cut(start);
+  return RegistryFit::kLost;
 }

@@ -12,7 +12,8 @@
 //   Home=es=%HOME%/x      expandable       Data=b=0a ff 01      binary, each byte followed by one blank
 //   [Agent]               subkey; its own lines follow up to an empty line
 
-// What one read of a line takes at most, the newline included. A longer line comes in several pieces.
+// What one read of a line takes at most, the newline included. A longer line comes in several pieces, the last of which
+// may be an empty one that ends the key: so none is written.
 inline constexpr size_t kRegistryLineLimit = 1023;
 
 struct RegistryLine {
@@ -63,20 +64,14 @@ class RegistryText {
   size_t m_Capacity = 0;
 };
 
-enum class RegistryAppended {
-  kNothing,  // the entry has no line: without a value, or of another type
-  kCarried,  // the line is read back as it is
-  kUnsure,   // FateOfRegistryLine tells
+enum class RegistryFit {
+  kWhole,  // is read back as it is
+  kCut,    // its beginning is read back
+  kLost,   // is not read back: the name, or a number with it, has no line
 };
 
-// Appends the line of a value or of a subkey's name, newline included.
-RegistryAppended AppendRegistryLine(const RegistryEntry& entry, RegistryText& text);
-
-enum class RegistryFate {
-  kCarried,  // is read back as it is
-  kLost,     // is read back differently or not at all; nothing else suffers
-  kHarmful,  // its text would be taken for another entry, another key or the end of its key
-};
-
-// What becomes of an entry whose line this is, newline included, when the file is read again.
-RegistryFate FateOfRegistryLine(const RegistryEntry& entry, std::string_view line);
+// Appends the line of a value or of a subkey's name, newline included; nothing for an entry without a value and for one
+// of another type. What does not fit into a line is left away: a text from its first newline on or where the line is
+// full, a block from the first byte on that has no room for both digits. A line that would be taken for another entry
+// is not appended at all, one that is skipped when it is read ("a=b=s=text") is.
+RegistryFit AppendRegistryLine(const RegistryEntry& entry, RegistryText& text);

@@ -7,21 +7,24 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <memory>
 #include <new>
 #include <utility>
 
+#include "platform/cancellation.h"
+#include "platform/descriptor_io.h"
 #include "platform/regular_file.h"
+#include "platform/replace_file.h"
 #include "platform/unique_fd.h"
 #include "registry/registry.h"
-#include "registry/registry_temp_file.h"
 #include "trace/debug.h"
 
 namespace {
 
-constexpr const char* kDirectory = "/etc/pelrix";
 constexpr mode_t kRegistryMode = 0644;
 
 // Constructed at compile time and left alone at the end of the process.
@@ -101,9 +104,22 @@ struct FileIdentity {
   }
 };
 
-// The registry file when it did not load: it never takes the place of the backup, which may be all that is left.
-// Guarded by the class lock.
-constinit FileIdentity refusedFile;
+// What this process knows about the registry file. Guarded by the class lock.
+enum class Knowledge {
+  kNothing,  // it was read or is not there
+  kUnread,   // it or its backup is there and was not read whole: the tree lacks what a save would then lose
+  kRefused,  // it was read and holds no value: it never takes the place of the backup, which may be all that is left
+  kWritten,  // it holds what this process wrote
+};
+constinit Knowledge knowledge = Knowledge::kNothing;
+constinit FileIdentity refusedFile;  // as long as it is the one that kRefused means
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kPatience{1};         // with another saver
+constexpr std::chrono::milliseconds kImpatience{5};  // after it was in vain,
+constexpr std::chrono::seconds kImpatientTime{5};    // for so long
+constinit Clock::time_point patienceReturns;         // guarded by the class lock
 
 // The errors that say that there is no file to read at a path. Behind any other a good one may lie.
 constexpr int kNothingThere[] = {0, ENOENT, ENOTDIR, EISDIR, ELOOP, ENOTSUP};
@@ -142,43 +158,66 @@ bool ReadFile(const char* path, CRegistryNode& node, FileReading& reading) {
 }
 
 // Complete and on the disk when this is true.
-bool WriteContent(CRegistryNode& root, File& file, const char* path) {
+bool WriteContent(CRegistryNode& root, const CTempFile& temp, File& file, const char* path) {
   std::setvbuf(file.Get(), nullptr, _IONBF, 0);  // the text comes in large blocks
-  root.dumpNode(file.Get());
+  try {
+    root.dumpNode(file.Get());
+  } catch (const std::exception&) {
+    errno = ENOMEM;
+    return TraceFailure("write", path);
+  }
   if (std::fflush(file.Get()) != 0 || std::ferror(file.Get()) != 0) return TraceFailure("write", path);
-  if (::fchmod(::fileno(file.Get()), kRegistryMode) != 0) return TraceFailure("change the mode of", path);
-  if (::fsync(::fileno(file.Get())) != 0) return TraceFailure("sync", path);
+  if (::fchmod(temp.Get(), kRegistryMode) != 0) return TraceFailure("change the mode of", path);
+  if (!temp.Sync()) return TraceFailure("sync", path);
   return file.Close() || TraceFailure("close", path);
 }
 
+// False when that cannot be told.
+bool HaveSameContent(const char* one, const char* other) {
+  const UniqueFd files[] = {OpenRegularFile(one, O_RDONLY), OpenRegularFile(other, O_RDONLY)};
+  if (!files[0] || !files[1]) return false;
+  constexpr size_t kBlock = 32 * 1024;
+  const auto bytes = std::unique_ptr<char[]>(new (std::nothrow) char[2 * kBlock]);
+  ssize_t count = bytes != nullptr ? 1 : 0;
+  bool isSame = bytes != nullptr;
+  while (isSame && count > 0) {
+    count = ReadSome(files[0].Get(), bytes.get(), kBlock);
+    isSame = count >= 0 && ReadSome(files[1].Get(), bytes.get() + kBlock, kBlock) == count &&
+             std::memcmp(bytes.get(), bytes.get() + kBlock, static_cast<size_t>(count)) == 0;
+  }
+  return isSame;
+}
+
+// Whether the registry file shall become the backup: when it has content, other than what takes its place, and loads.
 // True when it could be told.
-bool LookForContent(const char* path, bool& hasContent) {
+bool LookForContent(const char* path, const char* temp, off_t newSize, bool& hasContent) {
   struct stat info {};
   const bool isThere = ::stat(path, &info) == 0;
-  hasContent = isThere && info.st_size > 0 && !refusedFile.Is(info);
+  hasContent = isThere && S_ISREG(info.st_mode) && info.st_size > 0 &&
+               !(knowledge == Knowledge::kRefused && refusedFile.Is(info)) &&
+               !(info.st_size == newSize && HaveSameContent(path, temp));
   return isThere || IsNothingThere(errno) || TraceFailure("examine", path);
 }
 
-// The new file takes the registry's place. When that fails after the old one was moved away, the old one comes back.
-bool RotateFiles(const CRegistryTempFile& tempFile, const char* temp, const char* registry, const char* backup) {
-  bool hasOld = false;
-  if (!LookForContent(registry, hasOld)) return false;
-  if (!tempFile.IsInPlace()) return TraceFailure("rename", temp);
-  if (hasOld && std::rename(registry, backup) != 0) return TraceFailure("rename", registry);
-  if (std::rename(temp, registry) == 0) {
-    refusedFile = {};
-    return true;
-  }
-  TraceFailure("rename", temp);
-  if (hasOld && std::rename(backup, registry) != 0) TraceFailure("rename", backup);
-  return false;
+// Gives the registry file its second name, so that it is there for whoever loads. Where a file system has no second
+// names it is moved, and is missing until the new one takes its place.
+bool KeepAsBackup(const char* registry, const char* backup) {
+  if ((::unlink(backup) == 0 || errno == ENOENT) && ::link(registry, backup) == 0) return true;
+  return std::rename(registry, backup) == 0 || TraceFailure("rename", registry);
 }
 
-// Makes the renames last. A file system that cannot do this for a directory says EINVAL.
-bool SyncDirectory() {
-  const UniqueFd directory(::open(kDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!directory) return TraceFailure("open", kDirectory);
-  return ::fsync(directory.Get()) == 0 || errno == EINVAL || TraceFailure("sync", kDirectory);
+// The new file takes the registry's place. When that fails after the old one was moved away, the old one comes back.
+bool RotateFiles(const CTempFile& temp, const char* tempPath, const char* registry, const char* backup) {
+  struct stat info {};
+  bool hasOld = false;
+  if (::fstat(temp.Get(), &info) != 0) return TraceFailure("examine", tempPath);
+  if (!LookForContent(registry, tempPath, info.st_size, hasOld)) return false;
+  if (!temp.IsInPlace()) return TraceFailure("rename", tempPath);
+  if (hasOld && !KeepAsBackup(registry, backup)) return false;
+  if (temp.RenameTo(registry)) return true;
+  TraceFailure("rename", tempPath);
+  if (hasOld && std::rename(backup, registry) != 0) TraceFailure("rename", backup);  // two names of one file both stay
+  return false;
 }
 
 }  // namespace
@@ -190,32 +229,38 @@ CRegistryNode* CRegistry::HKEY_CLASSES_ROOT = nullptr;
 CRegistryNode* CRegistry::HKEY_CURRENT_CONFIG = nullptr;
 constinit CRegistryNode& CRegistry::MRootNode = rootNode.object;
 constinit CCriticalSection& CRegistry::MClassLock = classLock.object;
-std::atomic<bool> CRegistry::MIsDirty = false;
+std::atomic<CRegistry::TreeState> CRegistry::MTreeState = TreeState::kClean;
 std::atomic<bool> CRegistry::MIsSetup = false;
-std::atomic<uint64_t> CRegistry::MChanges = 0;
-bool CRegistry::MIsSaved = false;
-bool CRegistry::MIsUnread = false;
 
 bool CRegistry::ReadTree(const char* path, CRegistryNode& node) {
   if (path == nullptr) {
     TRACE(1, "CRegistry: ERROR: Empty file path");
     return false;
   }
-  FileReading reading;
-  return ReadFile(path, node, reading);
+  const CancellationBlock block;
+  try {
+    FileReading reading;
+    return ReadFile(path, node, reading);
+  } catch (const std::exception&) {
+    TRACE(1, "CRegistry: WARNING: Node restoring from \"%s\" failed - no memory for its content\n", path);
+    return false;
+  }
 }
 
 bool CRegistry::LoadFile(const char* path) {
   FileReading reading;
   if (ReadFile(path, MRootNode, reading)) return true;
-  if (!IsNothingThere(reading.error)) MIsUnread = true;
-  if (path == MPRegistry) refusedFile = reading.file;
+  if (!IsNothingThere(reading.error)) {
+    knowledge = Knowledge::kUnread;
+  } else if (path == MPRegistry) {
+    knowledge = Knowledge::kRefused;
+    refusedFile = reading.file;
+  }
   return false;
 }
 
 bool CRegistry::LoadTree() {
-  MIsUnread = false;
-  refusedFile = {};
+  knowledge = Knowledge::kNothing;
   if (LoadFile(MPRegistry)) return true;
   TRACE(1, "CRegistry: WARNING: Could not restore tree from \"%s\", trying backup\n", MPRegistry);
   if (LoadFile(MPRegistryOld)) return true;
@@ -227,17 +272,18 @@ bool CRegistry::LoadTree() {
 
 void CRegistry::SetupTree(bool forceSetup) {
   if (MIsSetup && !forceSetup) return;
+  const CancellationBlock block;
   const CCriticalSectionLock lock(MClassLock);
   if (MIsSetup && !forceSetup) return;
   TRACE(2, "CRegistry: SetupTree(): ForceSetup=%d, MIsSetup=%d, MIsDirty=%d\n", forceSetup, MIsSetup.load(),
-        MIsDirty.load());
+        MTreeState != TreeState::kClean);
   try {
     // A process that found no file and has written one since has in memory what it would read, and perhaps more.
-    const bool isLoaded = (MIsSaved && !forceSetup) || LoadTree();
+    const bool isLoaded = (knowledge == Knowledge::kWritten && !forceSetup) || LoadTree();
     if (!isLoaded && !MIsSetup) return;
     TakeRootKeys();
   } catch (const std::exception&) {
-    MIsUnread = true;
+    knowledge = Knowledge::kUnread;
     TRACE(2, "CRegistry: SetupTree(): ## ERROR during Setup\n");
   }
   MIsSetup = true;
@@ -251,6 +297,9 @@ void CRegistry::TakeRootKeys() {
 }
 
 void CRegistry::RestoreRootEntries() {
+  if (MRootNode.FindSubKey(kRootKeys[0].name)) return;
+  const CancellationBlock block;
+  const CCriticalSectionLock classLock(MClassLock);
   const CCriticalSectionLock lock(MRootNode);
   if (MRootNode.FindSubKey(kRootKeys[0].name)) return;
   TRACE(1, "CRegistry::InitClass() : re-initialize the registry-tree\n");
@@ -268,53 +317,58 @@ void CRegistry::RestoreRootEntries() {
 
 void CRegistry::ForgetRootKey(const CRegistryNode& parent, const CRegistryValue& removed) {
   if (&parent != &MRootNode || removed.Type() != kRegistrySubKey) return;
+  const CancellationBlock block;
+  const CCriticalSectionLock lock(MClassLock);
   for (const RootKeyRow& row : kRootKeys) {
     if (reinterpret_cast<uintptr_t>(*row.handle) == removed.Word()) SetRootKey(row, nullptr);
   }
 }
 
 void CRegistry::MarkDirty() {
-  ++MChanges;
-  MIsDirty = true;
+  MTreeState = TreeState::kChanged;
 }
 
 void CRegistry::SaveTree() {
-  if (!MIsDirty) return;
+  if (MTreeState == TreeState::kClean) return;
+  const CancellationBlock block;
   const CCriticalSectionLock lock(MClassLock);
-  if (!MIsDirty) return;
-  if (MIsUnread) {
+  if (MTreeState == TreeState::kClean) return;
+  if (knowledge == Knowledge::kUnread) {
     TRACE(1, "CRegistry: ERROR: The registry could not be read whole and is not written\n");
     return;
   }
-  const uint64_t changes = MChanges;
-  if (!ReplaceRegistryFile()) return;
-  MIsDirty = false;
-  if (MChanges != changes) MIsDirty = true;
+  MTreeState = TreeState::kSaving;
+  const TreeState after = ReplaceRegistryFile() ? TreeState::kClean : TreeState::kChanged;
+  TreeState before = TreeState::kSaving;
+  MTreeState.compare_exchange_strong(before, after);  // what was changed meanwhile stays so
 }
 
 // True when nothing is left to be tried again.
 bool CRegistry::ReplaceRegistryFile() {
-  CRegistryTempFile temp(MPRegistryTemp);
-  const CRegistryTempFile::Opening opening = temp.Open();
-  if (opening == CRegistryTempFile::Opening::kNotLocked) return TraceFailure("lock", MPRegistryTemp);
-  File file(opening == CRegistryTempFile::Opening::kDone ? temp.MakeStream() : nullptr);
-  if (file.Get() == nullptr) {
-    TRACE(1, "CRegistry: ERROR: Cannot open \"%s\" for writing\n", MPRegistryTemp);
-    return true;
-  }
-  bool isWritten = false;
   try {
-    isWritten = WriteContent(MRootNode, file, MPRegistryTemp);
+    CTempFile temp(MPRegistryTemp);
+    const bool isPatient = Clock::now() >= patienceReturns;
+    const CTempFile::Opening opening = temp.Open(isPatient ? kPatience : kImpatience);
+    if (opening == CTempFile::kNotLocked) {
+      if (isPatient && errno == EWOULDBLOCK) patienceReturns = Clock::now() + kImpatientTime;
+      return TraceFailure("lock", MPRegistryTemp);
+    }
+    File file(opening == CTempFile::kDone ? temp.MakeStream() : nullptr);
+    if (file.Get() == nullptr) {
+      TRACE(1, "CRegistry: ERROR: Cannot open \"%s\" for writing\n", MPRegistryTemp);
+      return true;
+    }
+    if (!WriteContent(MRootNode, temp, file, MPRegistryTemp) ||
+        !RotateFiles(temp, MPRegistryTemp, MPRegistry, MPRegistryOld)) {
+      temp.Remove();
+      return false;
+    }
+    knowledge = Knowledge::kWritten;
+    if (!SyncDirectoryOf(MPRegistry)) return TraceFailure("sync the directory of", MPRegistry);
   } catch (const std::exception&) {
     errno = ENOMEM;
-    TraceFailure("write", MPRegistryTemp);
+    return TraceFailure("write", MPRegistryTemp);
   }
-  if (!isWritten || !RotateFiles(temp, MPRegistryTemp, MPRegistry, MPRegistryOld)) {
-    temp.Remove();
-    return false;
-  }
-  if (!SyncDirectory()) return false;
-  MIsSaved = true;
   TRACE(2, "\nCRegistry::SaveTree MPRegistryTemp[%s] \t MPRegistry[%s]", MPRegistryTemp, MPRegistry);
   return true;
 }

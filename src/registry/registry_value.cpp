@@ -5,6 +5,14 @@
 
 #include "registry/registry_node.h"
 
+RegistryEntry RegistryEntry::Of(char* name, size_t nameLength, uintptr_t word, uint32_t type) {
+  unsigned int special = 0;
+  for (const char c : std::string_view(name, nameLength))
+    special |= static_cast<unsigned int>(c == '=') | static_cast<unsigned int>(c == '[') |
+               static_cast<unsigned int>(c == ']') | static_cast<unsigned int>(c == '\n');
+  return {name, word, type, static_cast<uint32_t>(nameLength) & 0x7fffffffU, special == 0};
+}
+
 std::span<const unsigned char> RegistryEntry::Block() const {
   const auto* block = reinterpret_cast<const unsigned char*>(word);
   uint32_t length = 0;

@@ -21,7 +21,10 @@ struct RegistryEntry {
   char* name;      // owned, made with new[]
   uintptr_t word;  // owned text, block or node, or the number itself; see RegistryType
   uint32_t type;
-  uint32_t nameLength;  // fills the third word
+  uint32_t nameLength : 31;  // with this fills the third word
+  uint32_t isPlain : 1;      // no line of this name is ever taken for another entry's
+
+  static RegistryEntry Of(char* name, size_t nameLength, uintptr_t word, uint32_t type);
 
   std::string_view Name() const { return {name, nameLength}; }
 

@@ -1,39 +1,43 @@
 #include "trace/debug.h"
 
+#include <pthread.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <cctype>
 #include <cerrno>
-#include <cstdlib>
+#include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <exception>
+#include <memory>
+#include <new>
+#include <string>
 
 #include "platform/cancellation.h"
+#include "platform/never_destroyed.h"
+#include "trace/gzip.h"
 
-// Storage that no static destructor tears down: whatever runs after the end of main finds a closed trace object
+// The definition of `Debug`, under its plain symbol name: what runs after the end of main finds a closed trace object
 // instead of a destroyed one.
-union CDebugStorage {
-  constexpr CDebugStorage() : object() {}
-  ~CDebugStorage() {}
-  CDebug object;
-};
+extern __attribute__((visibility("default"))) NeverDestroyed<CDebug> DebugStorage __asm__("Debug");
+constinit NeverDestroyed<CDebug> DebugStorage;
 
-// The definition of `Debug`, under its plain symbol name.
-extern __attribute__((visibility("default"))) CDebugStorage DebugStorage __asm__("Debug");
-constinit CDebugStorage DebugStorage;
-
-// Closes the files of `Debug` at normal termination.
-struct CDebugCloser {
-  ~CDebugCloser() { DebugStorage.object.Close(); }
+// Closes the files of `Debug` at normal termination, and switches it off in every forked child. There is nothing to do
+// before a fork: waiting for the lock there could wait for a thread that waits for another lock of the forking one.
+struct CDebugLifetime {
+  CDebugLifetime() {
+    ::pthread_atfork(nullptr, nullptr, [] { DebugStorage.object.ForgetInChild(); });
+  }
+  ~CDebugLifetime() { DebugStorage.object.Close(); }
 };
 
 namespace {
 
-const CDebugCloser closer;
+const CDebugLifetime lifetime;
 
-constexpr const char* kWeightVariable = "QN_LOG_RINGBUF_WEIGHT";
-constexpr size_t kWeightVariableSize = 48;
+constexpr size_t kLargestPart = 10;  // a text above a tenth of the ring buffer is cut
+constexpr size_t kNameSize = 256;
 
 // Runs one writer: no failure reaches the caller but the forced unwinding of a cancelled thread, and errno stays what
 // the caller is about to look at.
@@ -65,9 +69,19 @@ void CDebug::Close() {
   m_Argc = 0;
   m_Argv = nullptr;
   SwitchTracingOff();
-  CloseRingBuffer();
-  CloseLogFile();
-  m_ResidentMemory.Close();
+  m_RingBuffer.Close();
+  m_LogFile.Close();
+  m_Formatter.Close();
+}
+
+// The lock may be held by a thread that the child does not have, which has left the parts in the middle of a change:
+// only what stands in one variable is touched, and no file.
+void CDebug::ForgetInChild() {
+  new (&m_CritSec) CCriticalSection;
+  SwitchTracingOff();
+  m_RingBuffer.ForgetInChild();
+  m_LogFile.ForgetInChild();
+  m_Formatter.ForgetInChild();
 }
 
 bool CDebug::IsMaster() const {
@@ -78,35 +92,48 @@ bool CDebug::Init(const char* appName) {
   if (appName == nullptr) return false;
   const CancellationBlock block;
   const CCriticalSectionLock lock(m_CritSec);
-  CloseRingBuffer();
-  CloseLogFile();
+  m_RingBuffer.Close();
   m_ApplInitDone = false;
   SetApplicationName(appName);
   m_Pid = static_cast<uint32_t>(::getpid());
   StoreStartTime();
-  CaptureHeaderVariables();
-  ReadDebugConfig(m_AppName);
+  m_VariableLines = VariableLines(AppName());
+  ReadDebugConfig(AppName());
   m_TraceActive = m_TraceLevel != 0;
-  OpenLogFile();
+  char name[kNameSize];
+  std::snprintf(name, sizeof name, "%s", AppName());
+  StringToLower(name);
+  m_LogFile.Open(m_Settings.directory, name, m_Settings.maxLogFileSize);
+  m_RingBuffer.Configure(m_Settings.directory, name, m_Settings.ringBufferFactor, m_Settings.ringBufferWeight);
 
-  if (m_TraceActive) {
-    ReadWeightOfApplication();
-    m_RingBufferSize = ComputeRingBufferSize();
-  }
-  if (!m_TraceActive || m_RingBufferSize == 0) {
-    SwitchTracingOff();
-    if (m_NoHeader == 0) WriteLogHeader(kTargetLogFile);
-    return true;
-  }
+  const bool isWanted = m_TraceActive && m_RingBuffer.ComputeSize() != 0;
+  if (!isWanted) SwitchTracingOff();
+  const bool isCreated = isWanted && InitRingBuffer(RingBuffer::Phase::kStartUp);
+  if (m_Settings.noHeader == 0) WriteLogHeader(kTargetLogFile);
+  if (isWanted && !isCreated) SwitchTracingOff();
+  return isCreated || !isWanted;
+}
 
-  const bool created = InitStartUpRingBuffer();
-  if (m_NoHeader == 0) WriteLogHeader(kTargetLogFile);
-  if (!created) {
-    SwitchTracingOff();
-    return false;
-  }
-  m_TraceActive = m_TraceLevel != 0;
+bool CDebug::ReadDebugConfig(const char* appName) {
+  m_Settings = ReadTraceSettings(appName, m_GlobalConfig, m_AppConfig);
+  m_DynamicUpdate = m_Settings.dynamicUpdate;
+  m_FileDebugLevel = m_Settings.fileDebugLevel;
+  m_TraceFlags = m_Settings.traceFlags;
+  m_TraceLevel = m_Settings.traceLevel;
+  m_TraceLevelSaved = m_Settings.traceLevel;
   return true;
+}
+
+void CDebug::UpdateConfiguration() {
+  const CancellationBlock block;  // a thread that ended half way would lose the change for good
+  const time_t now = time(nullptr);
+  if (m_LastConfigCheck <= now && now < m_LastConfigCheck + m_DynamicUpdate) return;
+  m_LastConfigCheck = now;
+  const bool isLevelGiven = UpdateTraceSettings(m_Settings, AppName(), m_GlobalConfig, m_AppConfig);
+  m_DynamicUpdate = m_Settings.dynamicUpdate;
+  m_FileDebugLevel = m_Settings.fileDebugLevel;
+  m_TraceFlags = m_Settings.traceFlags;
+  if (isLevelGiven) m_TraceLevel = m_TraceLevelSaved = m_Settings.fileDebugLevel;
 }
 
 void CDebug::SetApplicationName(const char* appName) {
@@ -133,36 +160,39 @@ void CDebug::SwitchTracingOff() {
   m_TraceLevelSaved = 0;
 }
 
-void CDebug::ReadWeightOfApplication() {
-  char variable[kWeightVariableSize];
-  std::snprintf(variable, sizeof variable, "%s", kWeightVariable);
-  BuildAppVarName(variable, sizeof variable, m_AppName);
-  const char* value = std::getenv(variable);
-  if (value != nullptr) m_RingBufferWeight = static_cast<uint32_t>(std::strtol(value, nullptr, 10));
-}
-
 void CDebug::SetMainParams(int argc, char** argv) {
   Guarded([&] {
     const CCriticalSectionLock lock(m_CritSec);
     m_Argc = argc;
     m_Argv = argv;
-    WriteCommandLine(kTargetLogFile);
-    if (m_TraceTarget == kTargetRingBuffer) WriteCommandLine(kTargetRingBuffer);
+    const HeaderLines lines = CommandLineLines(AppName(), argc, argv);
+    for (const std::string& line : lines)
+      PrintIt(kTargetLogFile, "%s", line.c_str());
+    if (m_TraceTarget != kTargetRingBuffer) return;
+    for (const std::string& line : lines)
+      PrintIt(kTargetRingBuffer, "%s", line.c_str());
   });
 }
 
 void CDebug::SetApplInitDone() {
   Guarded([&] {
     const CancellationBlock block;
+    std::string startUpFile;
+    {
+      const CCriticalSectionLock lock(m_CritSec);
+      m_LogFile.MarkEndOfStartUpPart();
+      if (m_TraceTarget != kTargetRingBuffer || !SwitchToRunTimeRingBuffer()) return;
+      startUpFile = m_RingBuffer.Path(RingBuffer::Phase::kStartUp);
+    }
+    if (CompressWithGzip(startUpFile.c_str())) return;
     const CCriticalSectionLock lock(m_CritSec);
-    MarkEndOfStartUpPart();
-    if (m_TraceTarget == kTargetRingBuffer) SwitchToRunTimeRingBuffer();
+    PrintToLogFile("\n### gziping of startup log file failed -> it doesn't matter ###");
   });
 }
 
 bool CDebug::ForceMaxDebug(bool on) {
   const CCriticalSectionLock lock(m_CritSec);
-  m_TraceLevel = on ? m_TraceLevelSaved : 0;
+  m_TraceLevel = on ? m_TraceLevelSaved.load() : 0;
   m_TraceActive = on;
   return true;
 }
@@ -234,6 +264,128 @@ void CDebug::TraceToTarget(unsigned int target, const char* fmt, va_list args, c
     TraceToLogFile(fmt, copy, tag);
   }
   va_end(copy);
+}
+
+EntryOrigin CDebug::Origin(const char* tag) const {
+  return {tag != nullptr ? tag : AppName(), m_Settings.memoryTracesFlag != 0};
+}
+
+void CDebug::TraceToLogFile(const char* fmt, va_list args, const char* tag) {
+  if (!m_LogFile.IsOpen() || fmt == nullptr) return;
+  m_LogFile.Write(m_Formatter.FormatCut(m_InternalDebugBuffer, Origin(tag), fmt, args));
+}
+
+void CDebug::PrintToLogFile(const char* fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  TraceToLogFile(fmt, args, nullptr);
+  va_end(args);
+}
+
+void CDebug::TraceToRingBuffer(const char* fmt, va_list args, const char* tag) {
+  if (!m_RingBuffer.IsOpen() || fmt == nullptr) return;
+  std::unique_ptr<char[]> longEntry;
+  const size_t maxText = static_cast<size_t>(m_RingBuffer.Size()) / kLargestPart;
+  const TraceEntry entry = m_Formatter.FormatWhole(m_InternalDebugBuffer, Origin(tag), fmt, args, maxText, longEntry);
+  switch (m_RingBuffer.Append(entry.Text(), m_Formatter.Second())) {
+    case RingBuffer::Result::kWritten:
+      return;
+    case RingBuffer::Result::kWrapped:
+      return WriteLogHeader(kTargetRingBuffer);
+    case RingBuffer::Result::kLost:
+      return LoseRingBuffer();
+  }
+}
+
+void CDebug::PrintToHeader(const char* fmt, ...) {
+  if (!m_RingBuffer.IsOpen()) return;  // lost with a line before
+  std::unique_ptr<char[]> longEntry;
+  const size_t maxText = static_cast<size_t>(m_RingBuffer.Size()) / kLargestPart;
+  va_list args;
+  va_start(args, fmt);
+  const TraceEntry entry =
+      m_Formatter.FormatWhole(m_InternalDebugBuffer, Origin(nullptr), fmt, args, maxText, longEntry);
+  va_end(args);
+  if (!m_RingBuffer.AddToHeader(entry.Text(), m_Formatter.Second())) LoseRingBuffer();
+}
+
+void CDebug::WriteLogHeader(unsigned int target) {
+  const CancellationBlock block;  // a thread that ended half way would leave a part of the block
+  const TraceState state = {m_Pid,          m_TraceTarget, m_TraceLevel, m_TraceLevelSaved,
+                            m_ApplInitDone, m_Settings,    m_RingBuffer, m_LogFile};
+  const HeaderLines groups[] = {CommandLineLines(AppName(), m_Argc, m_Argv),
+                                m_VariableLines,
+                                IniLines(m_Settings),
+                                StateLines(state),
+                                {kEndOfHeader}};
+  m_RingBuffer.StartHeader();
+  for (const HeaderLines& lines : groups) {
+    for (const std::string& line : lines) {
+      if (target == kTargetRingBuffer) {
+        PrintToHeader("%s", line.c_str());
+      } else {
+        PrintToLogFile("%s", line.c_str());
+      }
+    }
+  }
+}
+
+bool CDebug::InitRingBuffer(RingBuffer::Phase phase) {
+  const RingBuffer::Failure failure =
+      m_RingBuffer.Create(phase, m_Formatter.FormatFiller(m_InternalDebugBuffer, Origin(nullptr)));
+  if (failure.step != RingBuffer::Failure::Step::kNone) {
+    ReportFailure(failure);
+    return false;
+  }
+  m_TraceTarget = kTargetRingBuffer;
+  WriteLogHeader(kTargetRingBuffer);
+  m_RingBuffer.EndHeader();
+  PrintIt(kTargetRingBuffer, "\n### Begin of RingBuffer. ###");
+  m_RingBuffer.MarkBegin();
+  PrintIt(kTargetRingBuffer, "\n### Start of initialization. ###");
+  return m_RingBuffer.IsOpen();
+}
+
+void CDebug::ReportFailure(RingBuffer::Failure failure) {
+  const char* path = m_RingBuffer.Path();
+  const char* reason = std::strerror(failure.error);
+  switch (failure.step) {
+    case RingBuffer::Failure::Step::kNone:
+      return;
+    case RingBuffer::Failure::Step::kOpen:
+      return PrintToLogFile("\n### InitRingBuffer(): open of %s failed (errno=%d; %s) ###", path, failure.error,
+                            reason);
+    case RingBuffer::Failure::Step::kFill:
+      return PrintToLogFile("\n### InitRingBuffer(): (2) write m_InternalDebugBuffer to %s failed ###", path);
+    case RingBuffer::Failure::Step::kMap:
+      return PrintToLogFile("\n### InitRingBuffer(): mmap of %s failed (errno=%d; %s) ###", path, failure.error,
+                            reason);
+  }
+}
+
+// The file behind the mapping was cut short: there is nothing left to write to.
+void CDebug::LoseRingBuffer() {
+  SwitchTracingOff();
+  m_RingBuffer.Close();
+  syslog(LOG_ERR, "ERROR: %s was cut short --> tracing is switched off\n", m_RingBuffer.Path());
+}
+
+// True when the start-up file is complete and closed.
+bool CDebug::SwitchToRunTimeRingBuffer() {
+  if (m_ApplInitDone) return false;
+  PrintIt(kTargetRingBuffer, "\n### End of initialization. ###");
+  const bool isComplete = m_RingBuffer.IsOpen();  // or lost with that entry
+  if (isComplete) {
+    m_TraceActive = false;
+    m_RingBuffer.Close();
+    if (InitRingBuffer(RingBuffer::Phase::kRunTime)) {
+      m_TraceActive = true;
+    } else {
+      SwitchTracingOff();
+    }
+  }
+  m_ApplInitDone = true;
+  return isComplete;
 }
 
 void CDebug::BuildAppVarName(char* buf, size_t size, const char* appName) {

@@ -5,12 +5,14 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <ctime>
 
 #include "platform/critical_section.h"
 #include "trace/debug_trace_config.h"
-#include "trace/resident_memory.h"
+#include "trace/entry_formatter.h"
+#include "trace/header_lines.h"
+#include "trace/log_file.h"
+#include "trace/ring_buffer.h"
+#include "trace/trace_settings.h"
 
 // The trace facility of the daemon and of every module that it hosts.
 //
@@ -20,14 +22,20 @@
 // PrintAlways reaches both. docs/trace-files.md describes the files, docs/configuration.md where the settings come
 // from.
 //
+// A facade: it decides what is written where, under its lock, and hands it to EntryFormatter, which puts an entry
+// together in the one line buffer, and to RingBuffer or LogFile, which alone know their file. TraceSettings is what the
+// configuration says.
+//
 // Threads: every operation takes the object's own recursive lock except SetTarget and the tests of m_TraceActive and
 // m_TraceLevel; a stale read of those costs one entry at most.
 // Failures: a writer never lets one reach its caller. An entry that cannot be formatted or copied is dropped. Only the
 // forced unwinding of a cancelled thread passes through, with the lock given back. A ring buffer file that somebody
 // cuts short switches tracing off with one line in syslog; for that a thread that writes to it gets SIGBUS unblocked,
-// at its first entry and once in every further second (platform/mapped_copy.h). Lifetime: `Debug` is
+// at its first entry and once in every further second (trace/mapped_copy.h). Lifetime: `Debug` is
 // constant-initialised and its storage is never torn down, so static objects of any binary may trace at any time:
 // before Init and after the end of main nothing is written.
+// Forks: in a child `Debug` is off and has no files, whatever the parent's threads were doing; nothing that the child
+// does reaches the files of the parent, unless it calls Init itself. That holds for `Debug` alone.
 //
 // Modules call through the table of virtual operations. Their order and the layout of the public data members are a
 // binary interface: append, never reorder.
@@ -66,8 +74,9 @@ class CDebug : public CDebugTraceConfig {
   // Keeps the command line (borrowed, it must outlive the object) and writes it to both targets when argc > 0.
   void SetMainParams(int argc, char** argv);
 
-  // Ends the start-up phase: the log file's start-up part is fixed, the start-up ring buffer is compressed with gzip
-  // and replaced by the run-time ring buffer.
+  // Ends the start-up phase: the log file's start-up part is fixed, the start-up ring buffer is replaced by the
+  // run-time ring buffer and then compressed with gzip. Others may trace while gzip runs; for that time both files need
+  // room.
   void SetApplInitDone();
 
   // true: back to the configured level and active; false: level 0 and inactive. The target stays. Always true.
@@ -84,76 +93,43 @@ class CDebug : public CDebugTraceConfig {
   static char* StringToLower(char* text);
 
   // Where the trace files are; set by Init.
-  const char* Directory() const { return m_Directory; }
+  const char* Directory() const { return m_Settings.directory; }
 
   static constexpr unsigned int kTargetNone = 0;
   static constexpr unsigned int kTargetLogFile = 1;
   static constexpr unsigned int kTargetRingBuffer = 2;
 
  protected:
-  friend struct CDebugCloser;
-
-  static constexpr size_t kPathSize = 256;
-  static constexpr size_t kSecondTextSize = 22;
-  static constexpr size_t kMaxHeader = 128;  // bytes of an entry's header
-  static constexpr size_t kMaxText = 1024;   // characters of an entry's text that always fit
+  friend struct CDebugLifetime;
 
   // The steps of Init and of the destructor; the lock is held but in Close, which takes it.
   void Close();
+  void ForgetInChild();
+  const char* AppName() const { return m_AppName != nullptr ? m_AppName : ""; }
+  EntryOrigin Origin(const char* tag) const;
   void SetApplicationName(const char* appName);
   void StoreStartTime();
   void SwitchTracingOff();
-  void ReadWeightOfApplication();
 
-  // Configuration
+  // The settings
   bool ReadDebugConfig(const char* appName);
-  void ForgetConfiguration();
-  void ReadApplicationSettings();
-  void ComputeEffectiveValues();
   void UpdateConfiguration();  // looks at the followed files again when their time has come
 
   // The writers; target 0 of PrintIt means the current one.
   void PrintIt(unsigned int target, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
   void PrintToLogFile(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+  void PrintToHeader(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
   void TraceToTarget(unsigned int target, const char* fmt, va_list args, const char* tag)
       __attribute__((format(printf, 3, 0)));
   void TraceToRingBuffer(const char* fmt, va_list args, const char* tag) __attribute__((format(printf, 2, 0)));
   void TraceToLogFile(const char* fmt, va_list args, const char* tag) __attribute__((format(printf, 2, 0)));
-
-  // The parts of an entry. SetEntryHeader returns the header's length, at most size, and writes no terminator; size is
-  // kMaxHeader or more.
-  size_t SetEntryHeader(char* buffer, size_t size, const char* tag);
-  const char* TimeTextOfSecond(time_t second);
-  static const char* SkipLeadingNewlines(const char* fmt);
-
-  // Ring buffer
-  int64_t ComputeRingBufferSize();
-  bool InitStartUpRingBuffer();
-  bool InitRingBuffer(const char* path, int64_t length);
-  bool ReportOpenFailure(const char* path, int error);  // always false
-  bool FillRingBuffer(int64_t length);
-  void CloseRingBuffer();
-  void AppendToRingBuffer(const char* entry, size_t length);
-  void CopyToRingBuffer(const char* entry, size_t length);
-  void WrapRingBuffer(const char* entry, size_t length);
-  void LoseRingBuffer();
-  void SwitchToRunTimeRingBuffer();
-
-  // Log file
-  void OpenLogFile();
-  void CloseLogFile();
-  void MarkEndOfStartUpPart();
-  void WriteToLogFile(const char* entry, size_t length);
-  void WrapLogFile(size_t headerLength);
-  void ReturnFromBehindEnd();
-
-  // The header block of a file, line by line
-  void CaptureHeaderVariables();
   void WriteLogHeader(unsigned int target);
-  void WriteCommandLine(unsigned int target);
-  void WriteVariables(unsigned int target);
-  void WriteIniValues(unsigned int target);
-  void WriteInternalValues(unsigned int target);
+
+  // The life of a ring buffer
+  bool InitRingBuffer(RingBuffer::Phase phase);
+  void ReportFailure(RingBuffer::Failure failure);
+  void LoseRingBuffer();
+  bool SwitchToRunTimeRingBuffer();
 
   CCriticalSection m_CritSec;
   uint32_t m_Pid = 0;
@@ -162,48 +138,12 @@ class CDebug : public CDebugTraceConfig {
   char m_StartTime[32] = {};
   std::atomic<uint32_t> m_TraceTarget = kTargetNone;
   bool m_ApplInitDone = false;
-
-  // Ring buffer
-  int m_RingBufferFd = -1;
-  uint32_t m_RingBufferFactor = 0;
-  uint32_t m_RingBufferWeight = 0;
-  int64_t m_RingBufferSize = 0;
-  int64_t m_WriteOffset = 0;
-  int64_t m_WrapOffset = 0;  // behind the "Begin of RingBuffer" entry
-  char* m_Mapping = nullptr;
-  char m_RunTimePath[kPathSize] = {};
-  char m_StartUpPath[kPathSize] = {};
-
-  char m_InternalDebugBuffer[1312] = {};  // every entry is assembled here; only under the lock
-
-  // Copies of the configuration; all-ones = not given
-  uint32_t m_IniRingBufferSizeFactor = 0;
-  uint32_t m_IniRingBufferSizeWeight = 0;
-  uint32_t m_IniNoHeader = 0;
-  uint32_t m_IniDynamicUpdate = 0;
-  char m_IniDirectory[kPathSize] = {};
-  uint32_t m_MemoryTracesFlag = 0;  // non-zero: the resident memory stands in every entry header
-  char m_Directory[kPathSize] = {};
-  uint32_t m_NoHeader = 0;
-
-  // Log file
-  char m_EndMarker[64] = "## TRACE-END ##\n";
-  int64_t m_EndMarkerLength = 16;
-  char m_LogFilePath[kPathSize] = {};
-  FILE* m_LogFile = nullptr;
-  long m_WrapPosition = 0;
-  uint32_t m_MaxLogFileSize = 51200;  // bytes
-  uint32_t m_ByteCountAtInitEnd = 0;
-  uint32_t m_ByteCount = 0;
-  uint32_t m_WrapCycle = 0;
-
-  // Kept between entries, so that nothing is worked out anew for each of them
-  int64_t m_HeaderEnd = 0;       // where the header block of the ring buffer has to end
-  bool m_WritingHeader = false;  // the header block goes to the ring buffer
-  bool m_SecondIsKept = false;
-  time_t m_KeptSecond = 0;
-  char m_KeptSecondText[kSecondTextSize] = {};
-  ResidentMemory m_ResidentMemory;
+  RingBuffer m_RingBuffer;
+  char m_InternalDebugBuffer[EntryFormatter::kBufferSize] = {};  // every entry is assembled here; only under the lock
+  TraceSettings m_Settings;
+  LogFile m_LogFile;
+  EntryFormatter m_Formatter;
+  HeaderLines m_VariableLines;  // of the header block, as Init found the environment
 };
 
 // The one instance. Exported under its plain name.

@@ -8,7 +8,7 @@
 
 #include "platform/descriptor_io.h"
 #include "platform/unique_fd.h"
-#include "trace/debug_trace_config.h"
+#include "trace/debug_trace_config_file.h"
 
 namespace {
 

@@ -1,223 +1,138 @@
-// The memory-mapped ring buffer of the trace object: creation, entries, wrap and the switch to the run-time file.
+#include "trace/ring_buffer.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <syslog.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <new>
-#include <string_view>
 
-#include "platform/cancellation.h"
 #include "platform/descriptor_io.h"
-#include "platform/mapped_copy.h"
 #include "platform/regular_file.h"
-#include "trace/debug.h"
+#include "trace/mapped_copy.h"
 
 namespace {
 
+constexpr mode_t kMode = 0700;
 constexpr uint32_t kMaxFactor = 2;
 constexpr int64_t kSizeUnit = 256;       // pages per factor and weight
 constexpr int64_t kStartUpMultiple = 4;  // the start-up buffer against the run-time buffer
-constexpr size_t kFillerLine = 1024;     // bytes
 constexpr int64_t kBoundary = 1024;      // where the entries behind the header block begin
-constexpr size_t kLargestPart = 10;      // a text above a tenth of the buffer is cut
-constexpr size_t kFillerBlock = 64 * kFillerLine;
-constexpr size_t kRoomBesideText = 145;  // header, end of line and terminator of a long entry
-constexpr const char* kNoMemory = "\n## ERROR: No memory: Output Truncated!\n";
-constexpr const char* kTooBig = "\n## WARNING: TRACE-SIZE TOO BIG: Output Truncated!\n";
+constexpr int64_t kFillerLines = 64;     // written at once
 
 }  // namespace
 
-int64_t CDebug::ComputeRingBufferSize() {
-  m_RingBufferFactor = std::min(m_RingBufferFactor, kMaxFactor);
+void RingBuffer::Configure(const char* directory, const char* name, uint32_t factor, uint32_t weight) {
+  std::snprintf(m_RunTimePath, sizeof m_RunTimePath, "%s/log.%s_a", directory, name);
+  std::snprintf(m_StartUpPath, sizeof m_StartUpPath, "%s/log.%s_i", directory, name);
+  m_Factor = factor;
+  m_Weight = weight;
+  m_Size = 0;
+}
+
+int64_t RingBuffer::ComputeSize() {
+  m_Factor = std::min(m_Factor, kMaxFactor);
   const long page = ::sysconf(_SC_PAGESIZE);
-  return int64_t{page < 1 ? 4096 : page} * int64_t{m_RingBufferFactor * m_RingBufferWeight} * kSizeUnit;
+  return int64_t{page < 1 ? 4096 : page} * int64_t{m_Factor * m_Weight} * kSizeUnit;
 }
 
-bool CDebug::InitStartUpRingBuffer() {
-  char name[kPathSize];
-  std::snprintf(name, sizeof name, "%s", m_AppName != nullptr ? m_AppName : "");
-  StringToLower(name);
-  std::snprintf(m_RunTimePath, sizeof m_RunTimePath, "%s/log.%s_a", m_Directory, name);
-  const int length = std::snprintf(m_StartUpPath, sizeof m_StartUpPath, "%s/log.%s_i", m_Directory, name);
-  m_RingBufferSize *= kStartUpMultiple;
-  // A path that was cut would be that of another file, of the log file even.
-  if (static_cast<size_t>(length) >= sizeof m_StartUpPath) return ReportOpenFailure(m_StartUpPath, ENAMETOOLONG);
-  return InitRingBuffer(m_StartUpPath, m_RingBufferSize);
-}
-
-bool CDebug::ReportOpenFailure(const char* path, int error) {
-  PrintToLogFile("\n### InitRingBuffer(): open of %s failed (errno=%d; %s) ###", path, error, std::strerror(error));
-  return false;
-}
-
-bool CDebug::InitRingBuffer(const char* path, int64_t length) {
-  m_RingBufferFd = OpenRegularFile(path, O_RDWR | O_CREAT | O_TRUNC, 0700).Release();
-  if (m_RingBufferFd < 0) {
-    return ReportOpenFailure(path, errno);
+RingBuffer::Failure RingBuffer::Create(Phase phase, std::string_view filler) {
+  m_Phase = phase;
+  m_Size = ComputeSize() * (phase == Phase::kStartUp ? kStartUpMultiple : 1);
+  if (const Failure failure = Open(); failure.step != Failure::Step::kNone) return failure;
+  if (!Reserve() || !Fill(filler)) {
+    [[maybe_unused]] const int emptied = ::ftruncate(m_File.Get(), 0);  // what was taken may be what filled the disk
+    Close();
+    return {Failure::Step::kFill};
   }
-  if (!FillRingBuffer(length)) {
-    // What was written so far may be what filled the disk.
-    if (::ftruncate(m_RingBufferFd, 0) != 0) PrintToLogFile("\n### %s could not be emptied ###", path);
-    CloseRingBuffer();
-    PrintToLogFile("\n### InitRingBuffer(): (2) write m_InternalDebugBuffer to %s failed ###", path);
-    return false;
-  }
-  void* mapping = ::mmap(nullptr, static_cast<size_t>(length), PROT_READ | PROT_WRITE, MAP_SHARED, m_RingBufferFd, 0);
+  void* mapping = ::mmap(nullptr, static_cast<size_t>(m_Size), PROT_READ | PROT_WRITE, MAP_SHARED, m_File.Get(), 0);
   if (mapping == MAP_FAILED) {
     const int error = errno;
-    CloseRingBuffer();
-    PrintToLogFile("\n### InitRingBuffer(): mmap of %s failed (errno=%d; %s) ###", path, error, std::strerror(error));
-    return false;
+    Close();
+    return {Failure::Step::kMap, error};
   }
-
   mapped_copy::CatchLostPages();
   m_Mapping = static_cast<char*>(mapping);
-  m_TraceTarget = kTargetRingBuffer;
-  m_WriteOffset = 0;
-  m_WrapOffset = 0;
-  m_HeaderEnd = length / 2;
-  WriteLogHeader(kTargetRingBuffer);
-  m_WriteOffset = (m_WriteOffset + 2 * kBoundary) & ~(kBoundary - 1);
-  m_HeaderEnd = m_WriteOffset;
-  PrintIt(kTargetRingBuffer, "\n### Begin of RingBuffer. ###");
-  m_WrapOffset = m_WriteOffset;
-  PrintIt(kTargetRingBuffer, "\n### Start of initialization. ###");
-  return m_Mapping != nullptr;
+  m_WriteOffset = m_WrapOffset = m_HeaderSize = 0;
+  m_HeaderLimit = m_Size / 2;
+  return {};
 }
 
-// Every 1 KiB of a new buffer is a line of its own: an entry header and underscores.
-bool CDebug::FillRingBuffer(int64_t length) {
-  char* line = m_InternalDebugBuffer;
-  const size_t header = SetEntryHeader(line, kMaxHeader, nullptr);
-  std::memset(line + header, '_', kFillerLine - 1 - header);
-  line[kFillerLine - 1] = '\n';
+RingBuffer::Failure RingBuffer::Open() {
+  // A path that was cut would be that of another file, of the log file even.
+  if (std::strlen(Path()) + 1 >= kPathSize) return {Failure::Step::kOpen, ENAMETOOLONG};
+  m_File = OpenRegularFile(Path(), O_RDWR | O_CREAT | O_TRUNC, kMode);
+  return m_File ? Failure{} : Failure{Failure::Step::kOpen, errno};
+}
 
-  const std::unique_ptr<char[]> block(new (std::nothrow) char[kFillerBlock]);
+// Whether the file system has the room. One that does not know its own is believed; one that cannot set room aside is
+// asked by the filling alone.
+bool RingBuffer::Reserve() const {
+  struct statvfs info {};
+  const bool isTold = ::fstatvfs(m_File.Get(), &info) == 0 && info.f_blocks != 0;
+  if (isTold && static_cast<uint64_t>(m_Size) / info.f_frsize > info.f_bfree) return false;
+  return ::fallocate(m_File.Get(), 0, 0, m_Size) == 0 || errno == EOPNOTSUPP || errno == ENOSYS;
+}
+
+// Every 1 KiB of a new buffer is a line of its own.
+bool RingBuffer::Fill(std::string_view filler) const {
+  const size_t blockSize = filler.size() * kFillerLines;
+  const std::unique_ptr<char[]> block(new (std::nothrow) char[blockSize]);
   if (block == nullptr) return false;
-  for (size_t at = 0; at < kFillerBlock; at += kFillerLine)
-    std::memcpy(block.get() + at, line, kFillerLine);
-  constexpr auto kBlock = static_cast<int64_t>(kFillerBlock);
-  constexpr auto kLine = static_cast<int64_t>(kFillerLine);
-  const int64_t whole = (length + kLine - 1) / kLine * kLine;
-  for (int64_t at = 0; at < whole; at += kBlock) {
-    const auto part = static_cast<size_t>(std::min(whole - at, kBlock));
-    if (!WriteAllAt(m_RingBufferFd, {block.get(), part}, at)) return false;
+  for (size_t at = 0; at < blockSize; at += filler.size())
+    std::memcpy(block.get() + at, filler.data(), filler.size());
+  const auto line = static_cast<int64_t>(filler.size());
+  const int64_t whole = (m_Size + line - 1) / line * line;
+  for (int64_t at = 0; at < whole; at += line * kFillerLines) {
+    const auto part = static_cast<size_t>(std::min(whole - at, line * kFillerLines));
+    if (!WriteAllAt(m_File.Get(), {block.get(), part}, at)) return false;
   }
   return true;
 }
 
-void CDebug::CloseRingBuffer() {
-  if (m_Mapping != nullptr) ::munmap(m_Mapping, static_cast<size_t>(m_RingBufferSize));
-  if (m_RingBufferFd >= 0) ::close(m_RingBufferFd);
+void RingBuffer::Close() {
+  if (m_Mapping != nullptr) ::munmap(m_Mapping, static_cast<size_t>(m_Size));
+  m_File.Reset();
   m_Mapping = nullptr;
-  m_RingBufferFd = -1;
-  m_WriteOffset = 0;
 }
 
-void CDebug::TraceToRingBuffer(const char* fmt, va_list args, const char* tag) {
-  if (fmt == nullptr || m_Mapping == nullptr) return;
-  char* entry = m_InternalDebugBuffer;
-  const size_t header = SetEntryHeader(entry, kMaxHeader, tag);
-  mapped_copy::UnblockBusErrors(m_KeptSecond);  // that of the header
-  fmt = SkipLeadingNewlines(fmt);
-  va_list again;
-  va_copy(again, args);
-  const int result = std::vsnprintf(entry + header, kMaxText + 1, fmt, args);
-  size_t text = result > 0 ? static_cast<size_t>(result) : 0;
+void RingBuffer::ForgetInChild() {
+  m_File.Release();
+  m_Mapping = nullptr;
+}
 
-  std::unique_ptr<char[]> copy;
-  if (text > kMaxText) {
-    const char* warning = kTooBig;
-    if (text <= static_cast<size_t>(m_RingBufferSize) / kLargestPart) {
-      copy.reset(new (std::nothrow) char[text + kRoomBesideText]);
-      warning = copy != nullptr ? nullptr : kNoMemory;
-    }
-    if (warning == nullptr) {
-      std::memcpy(copy.get(), entry, header);
-      const int whole = std::vsnprintf(copy.get() + header, text + 1, fmt, again);
-      text = std::min(text, whole > 0 ? static_cast<size_t>(whole) : 0);  // an argument may have changed meanwhile
-      entry = copy.get();
-    } else {
-      text = kMaxText + std::strlen(warning);
-      std::memcpy(entry + header + kMaxText, warning, std::strlen(warning));
-    }
+RingBuffer::Result RingBuffer::Append(std::string_view entry, time_t second) {
+  mapped_copy::UnblockBusErrors(second);
+  const bool fits = Fits(m_WriteOffset, entry, m_Size);
+  if (!fits) {
+    const auto left = static_cast<size_t>(m_Size - m_WriteOffset);
+    if (!mapped_copy::Fill(m_Mapping + m_WriteOffset, '.', left)) return Result::kLost;
+    m_WriteOffset = m_WrapOffset;
   }
-  va_end(again);
-
-  size_t length = header + text;
-  if (text == 0 || entry[length - 1] != '\n') entry[length++] = '\n';
-  AppendToRingBuffer(entry, length);
+  if (!Put(m_WriteOffset, entry)) return Result::kLost;
+  return fits ? Result::kWritten : Result::kWrapped;
 }
 
-void CDebug::AppendToRingBuffer(const char* entry, size_t length) {
-  // The header block of a wrap ends where the "Begin" entry stands; what would run into that is left out.
-  const int64_t end = m_WritingHeader ? m_HeaderEnd : m_RingBufferSize;
-  if (m_WriteOffset + static_cast<int64_t>(length) + m_EndMarkerLength <= end) {
-    CopyToRingBuffer(entry, length);
-  } else if (!m_WritingHeader) {
-    WrapRingBuffer(entry, length);
-  }
+bool RingBuffer::AddToHeader(std::string_view entry, time_t second) {
+  mapped_copy::UnblockBusErrors(second);
+  return !Fits(m_HeaderSize, entry, m_HeaderLimit) || Put(m_HeaderSize, entry);
 }
 
-void CDebug::CopyToRingBuffer(const char* entry, size_t length) {
-  if (m_Mapping == nullptr) return;
-  const std::string_view marker(m_EndMarker, static_cast<size_t>(m_EndMarkerLength));
-  if (!mapped_copy::Put(m_Mapping + m_WriteOffset, {entry, length}, marker)) return LoseRingBuffer();
-  m_WriteOffset += static_cast<int64_t>(length);
+void RingBuffer::EndHeader() {
+  m_HeaderLimit = m_WriteOffset = (m_HeaderSize + 2 * kBoundary) & ~(kBoundary - 1);
 }
 
-void CDebug::WrapRingBuffer(const char* entry, size_t length) {
-  const CancellationBlock block;  // a thread that ended half way would leave the next one in the header block
-  const auto left = static_cast<size_t>(m_RingBufferSize - m_WriteOffset);
-  if (!mapped_copy::Fill(m_Mapping + m_WriteOffset, '.', left)) return LoseRingBuffer();
-  // The header is written through the line buffer that the entry may stand in.
-  char aside[sizeof m_InternalDebugBuffer];
-  if (entry == m_InternalDebugBuffer) {
-    std::memcpy(aside, entry, length);
-    entry = aside;
-  }
-  m_WriteOffset = 0;
-  WriteLogHeader(kTargetRingBuffer);
-  m_WriteOffset = m_WrapOffset;
-  CopyToRingBuffer(entry, length);
+bool RingBuffer::Fits(int64_t offset, std::string_view entry, int64_t end) const {
+  return offset + static_cast<int64_t>(entry.size() + kEndMarker.size()) <= end;
 }
 
-// The file behind the mapping was cut short: there is nothing left to write to.
-void CDebug::LoseRingBuffer() {
-  SwitchTracingOff();
-  CloseRingBuffer();
-  syslog(LOG_ERR, "ERROR: %s was cut short --> tracing is switched off\n",
-         m_ApplInitDone ? m_RunTimePath : m_StartUpPath);
-}
-
-void CDebug::SwitchToRunTimeRingBuffer() {
-  if (m_ApplInitDone) return;
-  PrintIt(kTargetRingBuffer, "\n### End of initialization. ###");
-  m_ApplInitDone = true;
-  if (m_Mapping == nullptr) return;  // lost with that entry
-  m_TraceActive = false;
-  CloseRingBuffer();
-
-  char command[kPathSize];
-  const int length = std::snprintf(command, sizeof command, "gzip -f %s 2>/dev/null", m_StartUpPath);
-  // A command that was cut would name another file.
-  FILE* gzip = static_cast<size_t>(length) < sizeof command ? ::popen(command, "re") : nullptr;
-  if (gzip == nullptr) {
-    PrintToLogFile("\n### gziping of startup log file failed -> it doesn't matter ###");
-  } else {
-    ::pclose(gzip);
-  }
-
-  m_RingBufferSize /= kStartUpMultiple;
-  if (InitRingBuffer(m_RunTimePath, m_RingBufferSize)) {
-    m_TraceActive = true;
-  } else {
-    SwitchTracingOff();
-  }
+bool RingBuffer::Put(int64_t& offset, std::string_view entry) {
+  if (!mapped_copy::Put(m_Mapping + offset, entry, kEndMarker)) return false;
+  offset += static_cast<int64_t>(entry.size());
+  return true;
 }

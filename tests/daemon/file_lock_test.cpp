@@ -3,12 +3,15 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <atomic>
 #include <csignal>
-#include <thread>
+#include <fstream>
+#include <new>
+#include <random>
 #include <vector>
 
 #include "support/fixture_root.h"
@@ -121,28 +124,76 @@ TEST(FileLock, ForkedChildKeepsTheLockOfItsParent) {
   });
 }
 
-// Several starters lock, hold and release at once; two of them must never hold the lock together.
-TEST(FileLock, NeverTwoHolders) {
+// A name that does not fit is cut, but traced whole.
+TEST(FileLock, LongPathIsCutButTracedWhole) {
   const FixtureRoot root;
   root.Run([] {
-    std::atomic<int> holders = 0;
-    std::atomic<int> rounds = 0;
-    std::atomic<bool> overlapped = false;
-    std::vector<std::thread> contenders;
-    for (int contender = 0; contender < 4; ++contender) {
-      contenders.emplace_back([&] {
-        while (rounds < 400) {
-          CFileLock lock;
-          if (!lock.Lock(kPath, "ravd", 0)) continue;
-          if (++holders != 1) overlapped = true;
-          ++rounds;
-          std::this_thread::yield();
-          --holders;
-        }
-      });
-    }
-    for (std::thread& contender : contenders)
-      contender.join();
-    EXPECT_FALSE(overlapped);
+    const TraceCapture trace(3);
+    const std::string path = "/" + std::string(100, 'a') + "/" + std::string(200, 'b');
+    CFileLock lock;
+    ASSERT_TRUE(lock.Lock(path.c_str(), "ravd", 0));
+    EXPECT_EQ(ReadWholeFile((path + ".lock").substr(0, 259)), Owner(::getpid()));
+    EXPECT_TRUE(trace.Has("CFileLock::Lock     : LockFileName.c_str() = " + path + ".lock"));
   });
+}
+
+namespace {
+
+// What can be seen of the lock file: its owner's name, and which file of which age it is.
+std::string LookAtLock() {
+  struct stat info {};
+  if (::stat(kFile, &info) != 0) return "none";
+  std::ifstream file(kFile);
+  std::string owner;
+  std::getline(file, owner);
+  return owner + " " + std::to_string(info.st_ino) + " " + std::to_string(info.st_mtim.tv_nsec);
+}
+
+// Shared between the contenders for the lock.
+struct Arena {
+  std::atomic<int> holders;
+  std::atomic<int> overlaps;
+  std::atomic<int> changes;  // of a holder's lock file
+  std::atomic<int> held;
+
+  // The holder's time: nobody else holds it, and the lock file stays its own.
+  void Hold(int microseconds) {
+    if (holders.fetch_add(1) != 0) ++overlaps;
+    const std::string before = LookAtLock();
+    if (!before.starts_with(Owner(::getpid()) + " ")) ++changes;
+    if (microseconds > 0) ::usleep(static_cast<useconds_t>(microseconds));
+    if (LookAtLock() != before) ++changes;
+    holders.fetch_sub(1);
+    ++held;
+  }
+};
+
+void Contend(Arena& arena, int seed) {
+  std::mt19937 random(static_cast<unsigned int>(seed));
+  while (arena.held < 1000) {
+    CFileLock lock;
+    if (lock.Lock(kPath, "ravd", 0)) arena.Hold(static_cast<int>(random() % 4 == 0 ? random() % 300 : 0));
+  }
+}
+
+}  // namespace
+
+// Several processes lock, hold and release at once.
+TEST(FileLock, NeverTwoHoldersAndTheFileStaysTheHolders) {
+  void* memory = ::mmap(nullptr, sizeof(Arena), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  Arena& arena = *new (memory) Arena{};
+  const FixtureRoot root;
+  root.Run([&arena] {
+    for (int contender = 0; contender < 8; ++contender) {
+      if (::fork() != 0) continue;
+      Contend(arena, contender);
+      ::_exit(0);
+    }
+    while (::wait(nullptr) > 0) {
+    }
+  });
+  EXPECT_GE(arena.held, 1000);
+  EXPECT_EQ(arena.overlaps, 0);
+  EXPECT_EQ(arena.changes, 0);
+  ::munmap(memory, sizeof(Arena));
 }

@@ -134,6 +134,8 @@ TEST(RunLevel, FileOfTheServiceScripts) {
     root.Run([&row] {
       const TraceCapture trace(1);
       ::setenv("QN_NICKNAME", "SLES12", 1);
+      RememberRelease();
+      ::setenv("QN_NICKNAME", "of a module", 1);
       EXPECT_EQ(DetermineRunLevel(), row.expected) << row.content;
       EXPECT_TRUE(trace.Has("RAVD-MAIN: we are runing on OS \"SLES12\""));
       EXPECT_TRUE(trace.Has("RAVD-MAIN: Current RunLevel = " + std::to_string(row.expected)));
@@ -143,6 +145,7 @@ TEST(RunLevel, FileOfTheServiceScripts) {
   root.Run([] {
     const TraceCapture trace(1);
     ::setenv("QN_NICKNAME", "OL7", 1);
+    RememberRelease();
     DetermineRunLevel();
     EXPECT_TRUE(trace.Has("RAVD-MAIN: OS shutdown reguired: RunLevel = 3 from /etc/pelrix/RunLevel"));
   });
@@ -154,6 +157,7 @@ TEST(RunLevel, OlderSystemsAreAskedThroughTheLoginRecords) {
   root.Run([] {
     const TraceCapture trace(1);
     ::setenv("QN_NICKNAME", "rhel7", 1);
+    RememberRelease();
     EXPECT_EQ(DetermineRunLevel(), 6);
     EXPECT_TRUE(trace.Has("RAVD-MAIN: try to indentify runlevel on older OS"));
   });

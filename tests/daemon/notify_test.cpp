@@ -58,11 +58,11 @@ TEST(NotifyReady, ReachesAPathAndAnAbstractName) {
     SCOPED_TRACE(name);
     const Receiver receiver(name);
     ::setenv("NOTIFY_SOCKET", name.c_str(), 1);
-    NotifyReady();
+    NotifyReady(NotifySocket());
     EXPECT_EQ(receiver.Take(), "READY=1");
     EXPECT_EQ(receiver.Take(), "(nothing)");
     ::unsetenv("NOTIFY_SOCKET");
-    NotifyReady();
+    NotifyReady(NotifySocket());
     EXPECT_EQ(receiver.Take(), "(nothing)");
   }
 }
@@ -72,9 +72,7 @@ TEST(NotifyReady, AnythingElseIsPassedOverAndLeavesNoDescriptor) {
   for (const std::string& name : {std::string(), std::string("/"), std::string("@"), std::string("vsock:2:1234"),
                                   std::string("/nobody/listens/here"), "/" + std::string(107, 'x')}) {
     SCOPED_TRACE(name);
-    ::setenv("NOTIFY_SOCKET", name.c_str(), 1);
-    NotifyReady();
+    NotifyReady(name);
     EXPECT_EQ(LowestFreeDescriptor(), before);
   }
-  ::unsetenv("NOTIFY_SOCKET");
 }

@@ -24,58 +24,45 @@ CSystemAdapter LastAdapter() {
 
 TEST(AdapterClass, FollowsBaseClassSubclassAndVendor) {
   // Base class, subclass and vendor; the name with d for a driver, m for a MAC address.
+  // The first row that fits, what no row names, and the vendors.
   std::istringstream rows(R"(
-     0  1    0 Display--               0  2    0 Unknown--               1 80    0 SCSIAdapterd-
-     1  1    0 hdcd-                   1  2    0 fdc--                   1  3    0 Unknown--
-     1  5    0 Unknown--               2 80    0 netdm                   1  8    0 Non-Volatile-Memoryd-
-     3  2    0 Displayd-               4  0    0 Display--               4  1    0 MEDIA--
-     4  3    0 Unknown--               5  9    0 MTD--                   6  4    0 System--
-     7  1    0 Ports--                 7  2    0 Unknown--               8 80    0 System--
-     9  2    0 Mouse--                 9  3    0 Unknown--               a  0    0 Unknown--
-     b  1    0 System--                c  3 10df SCSIAdapterd-           c  3    1 USB--
-     c  4 19a2 SCSIAdapterd-           c  4 8086 Unknown--               c  0    1 1394--
-     d  1    0 Infrared--              d  2    0 Unknown--              ff  0    0 Unknown--
+     0  1    0 Display--               0  2    0 Unknown--               1  3    0 Unknown--
+     2 80    0 netdm                   4  3    0 Unknown--               a  0    0 Unknown--
+     c  3 10df SCSIAdapterd-           c  3    1 USB--                   c  4 19a2 SCSIAdapterd-
+     c  4 8086 Unknown--              ff  0    0 Unknown--
   )");
   uint16_t base = 0, sub = 0, vendor = 0;
   for (std::string expected; rows >> std::hex >> base >> sub >> vendor >> expected;) {
     const AdapterClass found = FindAdapterClass(static_cast<uint8_t>(base), static_cast<uint8_t>(sub), vendor);
     EXPECT_EQ(std::string(found.name) + (found.hasDriver ? "d" : "-") + (found.hasMac ? "m" : "-"), expected) << base;
   }
-  EXPECT_STREQ(FindIsaClassName(3), "CD-ROM Contoller");
   EXPECT_STREQ(FindIsaClassName(14), "CPU");
-  for (const int64_t code : {-1, 0, 15})
-    EXPECT_STREQ(FindIsaClassName(code), "");
+  EXPECT_STREQ(FindIsaClassName(15), "");
 }
 
+// That all else is as for any INI file the fuzz target finds.
 TEST(AdapterFile, ValuesEndAtTheCommentAndKeepTheirBlanks) {
   FixtureRoot root;
   root.WriteFile("/etc/pelrix/Adapter.ini",
-                 "Vendor = nobody's\n[ 8086 ]\nVendor=odd\n ; [8086]\n\n  [8086] ; Intel\r\n Vendor = Ivel  ; Corp\n"
-                 "10D3=NIC  \n10D31234 =\tQuad  NIC\t \r\n1=\n1=second\n2==x\n3\n4=" +
-                     std::string(300, 'v') + "\n;5=no\n6 = " + std::string(1100, 'w') +
-                     "\n[8086]\n7=again\n[1734]\nVendor= Sub \n[FFFF");
+                 "[8086]\nVendor=Ivel  ; Corp\n10D3=NIC  \n4=" + std::string(300, 'v') + "\n[1734]\nVendor= Sub \n");
   root.Run([] {
     const CAdapterFile file;
     std::string name = "old";
     const auto value = [&](const char* key) { return file.GetDeviceName(name, "8086", "", key) ? name : "-"; };
     EXPECT_TRUE(file.GetVendorName(name, "8086", ""));
     EXPECT_EQ(name, "Ivel");
-    EXPECT_EQ(value("10D3") + '|' + value("10D31234") + '|' + value("2"), "NIC  |Quad  NIC\t |=x");
-    EXPECT_EQ(value("4") + value("6"), std::string(259, 'v') + std::string(259, 'w'));
-    for (const char* missing : {"1", "3", "5", "7", "10d3", "10D", "", static_cast<const char*>(nullptr)})
-      EXPECT_EQ(value(missing), "-") << (missing != nullptr ? missing : "null");
-    EXPECT_TRUE(file.GetVendorName(name, "8086", "1734"));
-    EXPECT_EQ(name, "Sub ");
+    EXPECT_EQ(value("10D3") + '|' + value("4") + '|' + value("3"), "NIC  |" + std::string(259, 'v') + "|-");
+    EXPECT_TRUE(file.GetVendorName(name, "8086", "1734") && name == "Sub ");
     EXPECT_TRUE(file.GetSubVendorName(name, "1734") && file.GetVendorName(name, "1734", nullptr));
     for (const CAdapterFile& none : {CAdapterFile(""), CAdapterFile(nullptr), CAdapterFile("/etc/none"), file})
       EXPECT_FALSE(none.GetVendorName(name, "0001", "FFFF") || none.GetSubVendorName(name, nullptr));
     EXPECT_EQ(name, "Sub ") << "outputs stay";
+    EXPECT_FALSE(CAdapterFile("/etc/pelrix").IsReadable()) << "opens, but cannot be read";
   });
 }
 
 TEST(AdapterDriver, IsTheRestOfTheLineOfTheFunction) {
   std::string line = "0018\t80861521\tb";
-  EXPECT_EQ(ParsePciDevicesDriver(line), "") << "ends early";
   for (int field = 0; field < 14; ++field)
     line += "\tfebf1000";
   EXPECT_EQ(ParsePciDevicesDriver(line + "\t"), "");
@@ -84,12 +71,10 @@ TEST(AdapterDriver, IsTheRestOfTheLineOfTheFunction) {
   ServerMachine machine;
   machine.Add("0001:05:03.7", 0x80861521, 0x020000, "first");
   machine.Add("0000:05:03.7", 0x80861521, 0x020000, "second");
-  RunTraced(machine, 3, [](TraceCapture& trace) {
+  machine.Run([] {
     char buffer[4] = "old";
     EXPECT_EQ(GetAdapterDriverName(2, 5, 5, 0, buffer, sizeof buffer) + int{buffer[0]}, 0);
     EXPECT_EQ(GetAdapterDriverName(2, 5, 3, 7, buffer, sizeof buffer), 1) << "segments do not matter";
-    EXPECT_TRUE(trace.Has("GetAdapterDriverName() : Drivername for 0002:05:03.7 found fir"));
-    EXPECT_EQ(GetAdapterDriverName(0, 5, 3, 7, nullptr, 9) + GetAdapterDriverName(0, 5, 3, 7, buffer, 0), 0);
     EXPECT_STREQ(buffer, "fir");
   });
 }
@@ -112,24 +97,18 @@ TEST(AdapterMac, DamagedInterfacesArePassedOver) {
     EXPECT_STREQ(name, "p2p1");
     EXPECT_EQ(Hex(mac), "02000000000F0000");
     EXPECT_EQ(trace.Missing(R"(GetMACInformation():  CNDN PCI interfaces matching /sys/class/net/p[0-9]*p[0-9]* found.
-GetMACInformation():  Matched 8 interfaces.
-GetMACInformation():   found eth1 in /sys/class/net/eth1
 GetMACInformation():   Cannot open /sys/class/net//eth1/address
-GetMACInformation():   Cannot scan MAC address from /sys/class/net//eth2/address
 GetMACInformation():   Cannot read /sys/class/net//eth3/device, errno 2
 GetMACInformation():   The target of /sys/class/net//eth4/device is too long (256)
 GetMACInformation():   Symbolic link target 0000:02:00.0 has no '/'
 GetMACInformation():   Symbolic link target ../0000:02:00 basename is no valid PCI address
 GetMACInformation():   found PCI address for eth6:  0000:02:00.fe
-GetMACInformation():   /sys/class/net/peth0/device -> ../0000:02:00.0
 GetMACInformation():   PCI address for p2p1:  0001:02:1f.7 matches the required -> OK we found it)"),
               "");
     EXPECT_EQ(GetMACInformation(0, 2, 0, 0, name, sizeof name, mac, 2), 1);
-    EXPECT_STREQ(name, "peth") << "cut";
-    EXPECT_EQ(Hex(mac), "02000000000F0000") << "two bytes of the listed interface";
+    EXPECT_EQ(name + Hex(mac), "peth02000000000F0000") << "cut; two bytes of the listed interface";
     EXPECT_EQ(GetMACInformation(0, 9, 0, 0, name, sizeof name, mac, sizeof mac), 0);
     EXPECT_EQ(name + Hex(mac), "0000000000000000");
-    EXPECT_EQ(GetMACInformation(0, 2, 0, 0, nullptr, 5, nullptr, 6), 1);
   });
 }
 
@@ -154,29 +133,22 @@ TEST(SystemAdapter, ResourcesFollowTheHeaderAndTheKernelsFiles) {
         found << index << " mem " << memory.start << '-' << memory.end << ' ';
       if (adapter.GetIrqResource(irq, index)) found << index << " irq " << irq.interrupt << ' ';
     }
-    EXPECT_EQ(found.str(), "0 io 4-4 0 mem fe000000-fe7fffff 0 irq b 1 io e0c4-e0c4 1 mem fc000000-ffffffff ")
-        << "memory skips the upper half of an address, ports and a reserved type";
+    EXPECT_EQ(found.str(), "0 io e0c4-e0c4 0 mem fe000000-fe7fffff 0 irq b 1 mem fc000000-ffffffff ")
+        << "the upper half of an address is skipped, ports and a reserved type are no memory";
     std::vector<CPhysicalAddress> addresses;
     EXPECT_TRUE(adapter.GetIoAddresses(addresses) && adapter.GetMemoryAddresses(addresses));
-    EXPECT_EQ(addresses.at(3).address, 0xFC000000U);
+    EXPECT_EQ(addresses.at(2).address, 0xFC000000U);
     EXPECT_TRUE(adapter.GetDmaResource(dma, 1));
     EXPECT_EQ(dma.channel, 3U);
     EXPECT_FALSE(adapter.GetDmaResource(dma, 0) || adapter.GetDmaResource(dma, 2) || adapter.GetDmaResource(dma, 257));
     EXPECT_TRUE(
         trace.Has("CSystemAdapter      : Cannot get DMA data from /proc/dma for index 2 from line '4 cascade'."));
-    EXPECT_TRUE(trace.Has("CSystemAdapter      : Cannot retrieve DMA channel for index 257 from file /proc/dma. "));
-    const CSystemAdapter none;
-    EXPECT_FALSE(none.GetIoResource(io, 0) || none.GetIrqResource(irq, 0) || none.GetDmaResource(dma, 1));
     unsigned long long end = 7;
     EXPECT_FALSE(GetMemoryResourceEndAddress(0xABCDEF, end));
     ::unlink("/proc/iomem");
     EXPECT_TRUE(GetMemoryResourceEndAddress(0xE000000, end)) << "the file was kept; any line that contains the text";
     EXPECT_EQ(end, 0xFE7FFFFFU);
   });
-  unsigned long long end = 7;
-  const std::string lines[] = {"fe000000 is no range", "fe000000-fe7fffff : x", "fd000000-fdffffff : y"};
-  EXPECT_FALSE(FindMemoryEnd(lines, 0xFE000000, end)) << "the first line counts";
-  EXPECT_TRUE(FindMemoryEnd(lines, 0xFD000000, end));
 }
 
 TEST(SystemAdapter, WwnIsReadOnceAndStaysWithItsRecord) {
@@ -191,9 +163,11 @@ TEST(SystemAdapter, WwnIsReadOnceAndStaysWithItsRecord) {
     CSystemAdapter::ScanPciSystemAdapters(adapters, true);
     ASSERT_EQ(adapters.size(), 3U);
     CWWN wwn;
-    EXPECT_FALSE(adapters[2].GetNodeWWN(wwn));
-    EXPECT_FALSE(adapters[1].GetNodeWWN(wwn)) << "the first address of the link is that of a bridge";
-    EXPECT_EQ(wwn, CWWN());
+    EXPECT_TRUE(!adapters[2].GetNodeWWN(wwn) && wwn == CWWN());
+    EXPECT_TRUE(adapters[1].GetNodeWWN(wwn)) << "behind a root port";
+    EXPECT_EQ(Hex(wwn.bytes), "10000090FA534F0B");
+    CSystemAdapter reused = adapters[1];
+    EXPECT_TRUE(reused.GetNodeWWN(wwn));
     EXPECT_TRUE(adapters[0].GetNodeWWN(wwn));
     EXPECT_EQ(Hex(wwn.bytes), "10000090FA534F0A");
     std::filesystem::remove("/sys/class/fc_host/host5/port_name");
@@ -202,16 +176,14 @@ TEST(SystemAdapter, WwnIsReadOnceAndStaysWithItsRecord) {
     std::filesystem::remove_all("/sys/class/fc_host");
     EXPECT_FALSE(copy.GetNodeWWN(wwn));
     EXPECT_TRUE(adapters[0].GetNodeWWN(wwn)) << "kept";
+    reused = adapters[0];
+    EXPECT_FALSE(reused.GetNodeWWN(wwn)) << "it was that of another adapter";
     adapters[0] = adapters[1];
-    EXPECT_TRUE(adapters[0].GetNodeWWN(wwn)) << "an assigned record keeps its own";
-    EXPECT_EQ(Describe(adapters[0]), Describe(adapters[1]));
     EXPECT_EQ(trace.Missing(R"(CSystemAdapter: '0000:1b:00.0' is NOT a FC-Controller.
-CSystemAdapter: Cannot get wwn for FC-Controller '0000:1a:00.0'.
-CSystemAdapter: 0000:19:00.0 is a FC-Controller. WWN: 10000090fa534f0a
+CSystemAdapter: 0000:1a:00.0 is a FC-Controller. WWN: 10000090fa534f0b
 CSystemAdapter: Cannot get wwn from '/sys/class/fc_host/host5/port_name' for FC-Controller: '0000:19:00.0'.
 CSystemAdapter: Cannot collect elements from  directory '/sys/class/fc_host/' to get wwn of  FC-Controller '0000:19:00.0'.)"),
               "");
-    EXPECT_NE(adapters[0].DeviceId.get(), adapters[1].DeviceId.get());
   });
 }
 
@@ -229,23 +201,11 @@ TEST(SystemAdapter, NetworkAdaptersTellTheirDriverAndNames) {
     ASSERT_EQ(adapters.size(), 1U);
     CSystemAdapter& nic = adapters[0];
     EXPECT_EQ(nic.GetFileVendorName() + nic.GetFileSubVendorName() + nic.GetFileDeviceName(), "RealtechSubQuad NIC");
-    EXPECT_THAT(trace.Text(), testing::EndsWith(R"(CSystemAdapter      : ScanSystemNetAdapters Find:
-CSystemAdapter      : ******************************************************
-CSystemAdapter      : System Adapter:
-CSystemAdapter      : ---------------
-CSystemAdapter      : Device Name     : eth0 0000:02:00.0
-CSystemAdapter      : Device Revision : 
-CSystemAdapter      : Device ID       : PCI\VEN_10ec&DEV_8168&SUBSYS_00001234&REV_00
-CSystemAdapter      : Object Name     : 
-CSystemAdapter      : Vendor Name     : Sub
-CSystemAdapter      : Enumerator      : PCI
-CSystemAdapter      : Class Name      : net
-CSystemAdapter      : <- ScanSystemNetAdapters
-)"));
+    EXPECT_EQ(trace.Missing("CSystemAdapter      : Vendor Name     : Sub\nCSystemAdapter      : Enumerator      : PCI"),
+              "");
     ethtool_drvinfo info;
     EXPECT_TRUE(nic.GetNetworkDrvInfo(&info));
     EXPECT_STREQ(info.version, "6.1");
-    EXPECT_TRUE(trace.Has("Driver - " + std::string(sizeof info.driver, 'd'))) << "bounded by its field";
     const auto fails = [&info](const CSystemAdapter& adapter) {
       std::memset(&info, 'x', sizeof info);
       return !adapter.GetNetworkDrvInfo(&info) && info.version[0] == '\0' && info.cmd == 0;
@@ -255,7 +215,6 @@ CSystemAdapter      : <- ScanSystemNetAdapters
     EXPECT_TRUE(fails(nic)) << "the driver does not tell";
     nic.InterfaceName = "";
     EXPECT_TRUE(fails(nic) && fails(CSystemAdapter()) && !nic.GetNetworkDrvInfo(nullptr));
-    EXPECT_TRUE(trace.Has("CSystemAdapter::GetNetworkDrvInfo(): Could not retrieve interface name - abort."));
 
     trace.Clear();
     CSystemAdapter display(nic);
@@ -264,11 +223,9 @@ CSystemAdapter      : <- ScanSystemNetAdapters
     slot.header.bytes[14] = 1;    // without subsystem
     display.ScanPciNames(slot);
     EXPECT_EQ(display.GetFileVendorName() + display.GetFileSubVendorName() + display.GetFileDeviceName(), "");
-    EXPECT_EQ(trace.Text(),
-              R"(CSystemAdapter      : WARNING! No vendor name found for vendor ID 0x10ED sub vendor ID 0x0!
-CSystemAdapter      : WARNING! No sub vendor name found for vendor ID 0x10ED sub vendor ID 0x0!
-CSystemAdapter      : WARNING! No device name found for vendor ID 0x10ED sub vendor ID 0x0 device ID 0x8168 sub system ID 0x0!
-)");
+    EXPECT_TRUE(trace.Has(
+        "CSystemAdapter      : WARNING! No device name found for vendor ID 0x10ED sub vendor ID 0x0 device ID 0x8168 sub system ID 0x0!"));
+    EXPECT_EQ(trace.Count("name found"), 3);
     trace.Clear();
     nic.ScanPciNames(CPciSlotData());
     ::unlink("/etc/pelrix/Adapter.ini");

@@ -85,16 +85,11 @@ class SmallMachine : public ServerMachine {
 const char* const kAdapters[] = {
     "ISAPNP\\|Other Controller|rtc0|||||-1",
     "PCI\\VEN_8086&DEV_2020&SUBSYS_00000000&REV_04|System| 0000:00:00.0|||||-1",
-    "PCI\\VEN_8086&DEV_a1af&SUBSYS_00000000&REV_00|USB| 0000:00:14.0|||||-1",
     "PCI\\VEN_8086&DEV_a182&SUBSYS_00001234&REV_00|SCSIAdapter|ahci 0000:00:1f.2|ahci||||-1",
     "PCI\\VEN_102b&DEV_0522&SUBSYS_00000000&REV_00|Display|<unknown> 0000:03:00.0|<unknown>||||-1",
     "PCI\\VEN_8086&DEV_1521&SUBSYS_00000001&REV_01|net|eth0 0000:17:00.0|igb|eth0|020000000001|A00000000001|4",
     "PCI\\VEN_8086&DEV_1521&SUBSYS_00000001&REV_01|net|ethx 0000:17:00.1|igb|ethx|000000000000||4",
     "PCI\\VEN_1000&DEV_0016&SUBSYS_00000000&REV_00|SCSIAdapter|megaraid_sas 0000:18:00.0|megaraid_sas||||3",
-    "PCI\\VEN_1077&DEV_2261&SUBSYS_00000000&REV_00|SCSIAdapter|qla2xxx 0000:19:00.0|qla2xxx||||-1",
-    "PCI\\VEN_1077&DEV_2261&SUBSYS_00000000&REV_00|SCSIAdapter|qla2xxx 0000:19:00.1|qla2xxx||||-1",
-    "PCI\\VEN_144d&DEV_a808&SUBSYS_00000000&REV_00|Non-Volatile-Memory|nvme 0000:5e:00.0|nvme||||-1",
-    "PCI\\VEN_8086&DEV_37d1&SUBSYS_00000000&REV_00|net|enp129s0 0001:81:00.0|i40e  |enp129s0|020000000003||-1",
     "PCI\\VEN_144d&DEV_a808&SUBSYS_00000000&REV_00|Non-Volatile-Memory|nvme 0001:82:00.0|nvme||||-1",
     "PCI\\VEN_8086&DEV_37d1&SUBSYS_00000000&REV_00|net|eth9 0001:83:00.0|i40e  |eth9|020000000009||-1",
 };
@@ -107,38 +102,21 @@ class TwoSocketServer : public ServerMachine {
         SmbiosTable().AddSlot({.id = 3, .type = 6, .bus = 0x18}).AddSlot({.id = 4, .type = 6, .bus = 0x17}).AddEnd());
     Add("0000:00:00.0", 0x80862020, 0x060000, "", {.revision = 4, .addresses = {0x1001, 0x2001, 0x3001}});
     Add("0000:00:01.0", 0x80862030, 0x060400, "", {.headerType = 0x81, .secondaryBus = 0x17});
-    Add("0000:00:14.0", 0x8086A1AF, 0x0C0330, "xhci_hcd");
     Add("0000:00:1f.2", 0x8086A182, 0x010601, "ahci", {.subVendor = 0x8086, .subDevice = 0x1234});
     Add("0000:03:00.0", 0x102B0522, 0x030000);
     for (const char* address : {"0000:17:00.0", "0000:17:00.1"})
       Add(address, 0x80861521, 0x020000, "igb",
           {.headerType = 0x80, .subVendor = 0x1734, .subDevice = 1, .revision = 1});
     Add("0000:18:00.0", 0x10000016, 0x010400, "megaraid_sas");
-    Add("0000:19:00.0", 0x10772261, 0x0C0400, "qla2xxx");
-    Add("0000:19:00.1", 0x10772261, 0x0C0400, "qla2xxx");
-    Add("0000:5e:00.0", 0x144DA808, 0x010802, "nvme");
-    Add("0001:81:00.0", 0x808637D1, 0x020000, "i40e  ");
     Add("0001:82:00.0", 0x144DA808, 0x010802, "nvme");
     Add("0001:83:00.0", 0x808637D1, 0x020000, "i40e  ");
     WriteFile("/proc/ioports", "0070-0077 : rtc0\n");
     AddInterface("eth0", "02:00:00:00:00:01", "../../../0000:17:00.0");
     AddInterface("eth9", "02:00:00:00:00:09", "../../../0001:83:00.0");
-    AddInterface("enp129s0", "02:00:00:00:00:03", "../../../0001:81:00.0");
 
     List("scsi0 Channel: 02 Id: 00 Lun: 00", "RAVEN", "RAID 5 Volume", "1.03", "Direct-Access");
     AddLinked("0:2:0:0", "pci0000:17/0000:18:00.0/host0/target0:2:0/0:2:0:0");
     MakeDirectory(DriveMachine::Device("0:2:0:0") + "/block/sda");
-    List("scsi0 Channel: 00 Id: 03 Lun: 00", "KESTREL", "UBRIUM-TD4", "97F9", "Sequential-Access");
-    AddLinked("0:0:3:0", "pci0000:17/0000:18:00.0/host0/target0:0:3/0:0:3:0");
-    MakeLink(DriveMachine::Device("0:0:3:0") + "/tape", "scsi_tape/st0");
-    List("scsi2 Channel: 00 Id: 00 Lun: 00", "ATA", "DVD", "SB01", "CD-ROM");
-    AddLinked("2:0:0:0", "pci0000:00/0000:00:1f.2/ata1/host2");
-    MakeDirectory("/sys/devices/pci0000:00/0000:00:1f.2/ata1/host2/scsi_device/2:0:0:0/device/block:sr0");
-    List("scsi5 Channel: 00 Id: 00 Lun: 07", "LUN", "PATH DISK", "2", "Direct-Access");
-    AddLinked("5:0:0:7", "mpdx/mpdh1/5:0:0:7");
-    MakeDirectory(DriveMachine::Device("5:0:0:7") + "/block/sdb");
-    WriteFile("/sys/devices/mpdx/mpdh1/mpdh_path_0", "/devices/pci0000:17/0000:19:00.1/host5\n");
-    MakeLink("/sys/block/nvme0n1", "../devices/pci0000:5d/0000:5e:00.0/nvme/nvme0/nvme0n1");
     MakeLink("/sys/block/nvme1n1", "../devices/pci0001:80/0001:82:00.0/nvme/nvme1/nvme1n1");
     WriteFile("/etc/mtab", "/dev/sda1 / ext4 rw 0 0\n/dev/sdb1 /data xfs rw 0 0\ntmpfs /run tmpfs rw 0 0\n");
   }
@@ -166,14 +144,12 @@ TEST(SystemDeviceScan, WholeMachineIsRecordedAndRelated) {
         drives += adapter.DeviceName + " " + drive.OsDeviceName + "\n";
       }
     }
-    EXPECT_EQ(drives,
-              "ahci 0000:00:1f.2 sr0\nmegaraid_sas 0000:18:00.0 sda\nmegaraid_sas 0000:18:00.0 nst0\n"
-              "qla2xxx 0000:19:00.1 sdb\nnvme 0000:5e:00.0 nvme0n1\nnvme 0001:82:00.0 nvme1n1\n");
+    EXPECT_EQ(drives, "megaraid_sas 0000:18:00.0 sda\nnvme 0001:82:00.0 nvme1n1\n");
     std::vector<CPhysicalAddress> ports;
     EXPECT_TRUE(scan.GetAdapter(adapter, 1) && adapter.GetIoAddresses(ports) && ports.size() == 2)
         << "a bridge has two";
     const std::string before = Describe(adapter);
-    EXPECT_FALSE(scan.GetAdapter(adapter, -1) || scan.GetAdapter(adapter, 14) || scan.FindAdapter(adapter, "") ||
+    EXPECT_FALSE(scan.GetAdapter(adapter, -1) || scan.GetAdapter(adapter, 9) || scan.FindAdapter(adapter, "") ||
                  scan.FindAdapter(adapter, nullptr) || scan.FindAdapter(adapter, CPciAddress()) ||
                  scan.FindAdapter(adapter, CPciAddress{1, 0x17, 0, 0}) ||
                  scan.GetHostAdapter(adapter, CSystemDrive()) || scan.GetParentAdapter(adapter, adapter));
@@ -187,15 +163,12 @@ TEST(SystemDeviceScan, WholeMachineIsRecordedAndRelated) {
     EXPECT_EQ(data.slot, 3);
     EXPECT_FALSE(scan.GetPciSlotData(data, CPciAddress()) || scan.GetPciSlotData(data, CPciAddress{0, 0x18, 0, 1}));
     EXPECT_TRUE(scan.GetPciSlotData(data, 0x1521, 0x8086, 0xFFFF, 0x1734));
-    EXPECT_EQ(data.address.function, 0);
     EXPECT_TRUE(scan.GetPciSlotData(data, 0x2030, 0x8086, 0, 0)) << "bridges count, without subsystem";
     EXPECT_FALSE(scan.GetPciSlotData(data, 0x1521, 0x8086, 2, 0xFFFF) ||
                  scan.GetPciSlotData(data, 0x1521, 0x8086, 1, 0x8086) ||
                  scan.GetPciSlotData(data, 0x8086, 0x1521, 0xFFFF, 0xFFFF));
-    EXPECT_EQ(data.header.DeviceId(), 0x2030);
     CPciConfigList list;
-    EXPECT_TRUE(scan.GetPciSlotConfig(list));
-    EXPECT_EQ(list.size(), 14U);
+    EXPECT_TRUE(scan.GetPciSlotConfig(list) && list.size() == 9);
     EXPECT_EQ(scan.GetNumberPciBusses(), 0x84U);
 
     CSystemVolume volume;
@@ -203,22 +176,11 @@ TEST(SystemDeviceScan, WholeMachineIsRecordedAndRelated) {
     EXPECT_EQ(volume.MountPoint, "/data");
     EXPECT_FALSE(scan.GetVolume(volume, 2) || scan.GetVolume(volume, -1));
     EXPECT_EQ(scan.GetVolumeCount(), 2);
-    CSystemDrive drive;
-    CSystemPartition partition;
-    CSystemPartitionList partitions;
-    EXPECT_EQ(scan.GetDriveCount() + scan.GetPartitionCount() + scan.GetDiskPartitions(partitions, drive), 0);
-    EXPECT_FALSE(scan.GetDrive(drive, 0) || scan.GetPartition(partition, 0));
-    EXPECT_TRUE(scan.ScanSystemPartitions());
-    EXPECT_EQ(trace.Missing(R"(CSystemAdapter      : Found 1 ISA devices
-CSystemAdapter      : Found 14 PCI devices
-CSystemAdapter      : Adding ISA adapter "ISAPNP\" (Class: Other Controller, DeviceName: rtc0)
-CSystemDeviceRelations   : Adapter "megaraid_sas 0000:18:00.0": Host drive [1]: "UBRIUM-TD4      "
+    EXPECT_EQ(scan.GetDriveCount() + scan.GetPartitionCount(), 0);
+    EXPECT_EQ(trace.Missing(R"(CSystemAdapter      : Found 9 PCI devices
 CSystemDeviceRelations   : Cannot get  Adapter pci address "rtc0".
-CSystemDeviceScan   : Found 0 host drives for adapter "rtc0"
-CSystemDeviceScan   : ... hardware scan completed (OK)!
 CSystemDeviceScan   : No adapter found at PCI address (Bus 23 Device 0 Function 0)!
-CSystemDeviceScan   : Found adapter at PCI address (Bus 130 Device 0 Function 0): nvme 0001:82:00.0
-CSystemDeviceScan   : Check device 05 at bus no 3)"),
+CSystemDeviceScan   : Check device 04 at bus no 3)"),
               "");
   });
 }
@@ -227,18 +189,11 @@ TEST(SystemDeviceScan, FlagsChooseTheSteps) {
   RunTraced(SmallMachine(), 4, [](TraceCapture& trace) {
     CSystemDeviceScan scan;
     EXPECT_EQ(scan.ScanHardware(0, false, 7, nullptr), 0);
-    EXPECT_EQ(trace.Text(), R"(CSystemDeviceScan   : -> ScanHardware()
-CSystemDeviceScan   : Waiting 7 msec for pending hardware scan operation ...
-CSystemDeviceScan   : Start hardware rescan ...
-CSystemDeviceScan   : Update thread not running!
-CSystemDeviceScan   : Scan of system adapters skipped!
+    EXPECT_EQ(trace.Missing(R"(CSystemDeviceScan   : Scan of system adapters skipped!
 CSystemDeviceScan   : Scan of system drives skipped!
 CSystemDeviceScan   : Scan of system volumes skipped!
-CSystemDeviceScan   : Start update thread (partition check) skipped
-CSystemDeviceScan   : ... hardware scan completed (OK)!
-
-CSystemDeviceScan   : <- ScanHardware()
-)");
+CSystemDeviceScan   : Start update thread (partition check) skipped)"),
+              "");
     EXPECT_EQ(scan.ScanDevices(CSystemDeviceScan::SCAN_VOLUMES, true, 7), 0);
     EXPECT_TRUE(trace.Has("CSystemDeviceScan   : WatchPartitions() skipped!"));
     EXPECT_EQ(scan.GetAdapterCount(), 0U);
@@ -273,10 +228,7 @@ TEST(SystemDeviceScan, QueriesWaitForAScanAndLeaveTheirOutputsWhenTheTimeIsUp) {
     t_SecondsBehind = 0;
     EXPECT_EQ(adapter.DeviceName, "own");
     EXPECT_EQ(drives.size(), 1U);
-    for (const char* query :
-         {"GetAdapterCount", "GetAdapter", "FindAdapter", "GetHostAdapter", "GetHostDrive", "GetDriveCount", "GetDrive",
-          "GetPartitionCount", "GetPartition", "GetVolumeNumber", "GetVolume", "ScanVolumes"})
-      EXPECT_TRUE(trace.Has(std::string("CSystemDeviceScan   : WARNING! ") + query + "(): Access timeout!")) << query;
+    EXPECT_EQ(trace.Count("(): Access timeout!"), 13);
     std::future<unsigned int> count = std::async(std::launch::async, [&] { return scan.GetAdapterCount(); });
     blocked.Release();
     EXPECT_EQ(result.get(), 0);
@@ -341,6 +293,52 @@ TEST(SystemDeviceScan, UpdateThreadFollowsScansCopiesAndTheEnd) {
     EXPECT_EQ(trace.Count("CLASS DESTROYED!"), 2);
     EXPECT_EQ(ended(), started());
     EXPECT_EQ(trace.Count("THREAD_RETURN: ## INFO: Thread = 0x"), started());
+  });
+}
+
+TEST(SystemDeviceScan, OverlappingRescansKeepTheUpdateThread) {
+  RunTraced(SmallMachine(), 1, [](TraceCapture& trace) {
+    BlockedScan blocked;
+    CSystemDeviceScan scan;
+    scan.ScanHardware(CSystemDeviceScan::SCAN_UPDATE_THREAD, true, kTimeoutMs, nullptr);
+    const auto rescan = [&scan] { return scan.RescanHardware(kTimeoutMs, nullptr); };
+    std::future<int> first = std::async(std::launch::async, rescan);
+    blocked.WaitUntilBlocked();  // and has stopped the thread
+    std::future<int> second = std::async(std::launch::async, rescan);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // for the second to come to the gate
+    blocked.Release();
+    EXPECT_EQ(first.get() + second.get(), 0);
+    EXPECT_EQ(trace.Count("CThread::SetThreadName"), 3);
+  });
+}
+
+TEST(SystemDeviceScan, DrivesOfASilentHostAreLeftAloneAndAStopEndsTheirScan) {
+  DriveMachine machine;
+  const std::pair<const char*, const char*> disks[] = {
+      {"0", "0:0:0:0/device/block/sda"}, {"0", "0:0:0:1/device/block/sdb"}, {"1", "1:0:0:2/device/block/sdc"}};
+  for (int lun = 0; const auto& [host, name] : disks) {
+    machine.List(("scsi" + std::string(host) + " Channel: 00 Id: 00 Lun: 0" + std::to_string(lun++)).c_str(), "V", "M",
+                 "1", "Direct-Access");
+    machine.MakeDirectory(std::string("/sys/class/scsi_device/") + name);
+    machine.WriteFile("/dev/" + std::string(name).substr(21), "");
+  }
+  RunTraced(machine, 1, [](TraceCapture& trace) {
+    std::string asked;
+    std::atomic<bool> stop = false;
+    const FakeIoctl device([&](const std::string& path, unsigned long, void*) -> std::optional<int> {
+      asked += path + " ";
+      if (path == "/dev/sda") t_SecondsBehind -= 50;
+      stop = true;
+      return -EIO;
+    });
+    CSystemDriveList drives;
+    CSystemDrive::ScanSystemDrives(drives, false, false);
+    EXPECT_EQ(asked, "/dev/sda /dev/sdc ");
+    EXPECT_EQ(drives.size(), 3U) << "recorded without being asked";
+    EXPECT_EQ(trace.Count("ScanScsiDrives : Host 0 timed out, its other drives are not asked"), 1);
+    stop = false;
+    CSystemDrive::ScanSystemDrives(drives, false, false, &stop);
+    EXPECT_EQ(drives.size(), 4U);
   });
 }
 

@@ -7,7 +7,6 @@
 #include <array>
 
 #include "inventory/agt_exception.h"
-#include "inventory/drive_inquiry.h"
 #include "inventory/fake_drives.h"
 #include "support/fixture_root.h"
 #include "support/trace_capture.h"

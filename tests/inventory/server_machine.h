@@ -48,8 +48,7 @@ class ServerMachine : public DriveMachine {
   std::string m_Drivers;
 };
 
-// Answers the questions of network adapters: the interface "enp129s0" hides its permanent address, "eth9" tells one
-// that is too long.
+// Answers the questions of network adapters: "eth9" tells a permanent address that is too long.
 inline std::optional<int> AnswerEthtool(unsigned long request, void* argument) {
   if (request != SIOCETHTOOL) return std::nullopt;
   auto& interface = *static_cast<ifreq*>(argument);
@@ -62,7 +61,7 @@ inline std::optional<int> AnswerEthtool(unsigned long request, void* argument) {
     return 0;
   }
   auto& mac = *reinterpret_cast<ethtool_perm_addr*>(interface.ifr_data);
-  if (name == "enp129s0" || name == "ethx" || mac.size != 32) return -ENODEV;
+  if (name == "ethx" || mac.size != 32) return -ENODEV;
   mac.size = name == "eth9" ? 20 : 6;
   std::memcpy(mac.data, "\xA0\x00\x00\x00\x00\x01", 6);
   return 0;

@@ -1,16 +1,14 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <map>
 #include <sstream>
 
+#include "inventory/fs_sizes.h"
 #include "inventory/fs_type.h"
 #include "inventory/mount_table.h"
 #include "inventory/system_volume.h"
@@ -19,35 +17,6 @@
 #include "support/trace_capture.h"
 
 namespace {
-
-std::map<std::string, struct statvfs> g_FileSystems;  // answers in place of the system's
-std::vector<std::string> g_Asked;
-
-}  // namespace
-
-// The code under test asks here for sizes; what the test did not set up comes from the system.
-extern "C" int statvfs(const char* path, struct statvfs* info) noexcept {
-  g_Asked.emplace_back(path);
-  if (const auto found = g_FileSystems.find(path); found != g_FileSystems.end()) {
-    *info = found->second;
-    return 0;
-  }
-  const int fd = ::open(path, O_PATH | O_CLOEXEC);
-  const int result = ::fstatvfs(fd, info);
-  if (fd >= 0) ::close(fd);
-  return result;
-}
-
-namespace {
-
-struct statvfs Sizes(unsigned long bsize, unsigned long frsize, fsblkcnt_t blocks, fsblkcnt_t available) {
-  struct statvfs info {};
-  info.f_bsize = bsize;
-  info.f_frsize = frsize;
-  info.f_blocks = blocks;
-  info.f_bavail = available;
-  return info;
-}
 
 void WriteAged(const std::string& path, const char* text, time_t modified) {
   std::ofstream(path) << text;
@@ -66,11 +35,11 @@ std::vector<std::string> Table() {
 }
 
 constexpr const char* kMtab =
-    "/dev/sda2 /var ext4 rw 0 0\nproc /proc proc rw 0 0\nserver:/x /dead nfs rw 0 0\nserver:/y /dead4 nfs4 rw 0 0\n"
-    "/dev/sda1 / ext2 rw 0 0\ntmpfs /run tmpfs rw 0 0\nnone /run tmpfs rw 0 0\n/dev/sdb1 /data\\040disk xfs rw 0 0\n"
-    "/dev/sda3 none swap sw 0 0\nx /y ignore rw 0 0\nlonely\n//nas/share /gone cifs rw 0 0\n";
+    "/dev/sda2 /vault ext4 rw 0 0\nproc /proc proc rw 0 0\nserver:/x /dead nfs rw 0 0\nserver:/y /dead4 nfs4 rw 0 0\n"
+    "/dev/sda1 /boot ext2 rw 0 0\ntmpfs /run tmpfs rw 0 0\nnone /run tmpfs rw 0 0\n/dev/sdb1 /data\\040disk xfs rw 0 0\n"
+    "/dev/sda3 none swap sw 0 0\nx /y ignore rw 0 0\nlonely\n//nas/share /gone cifs rw 0 0\nauto /auto autofs rw 0 0\n";
 constexpr const char* kFstab =
-    "# configured\n/dev/sda1 / ext2 defaults 0 1\n/dev/sdd1 /backup ext3 defaults 0 0\n/dev/cdrom /media iso9660 "
+    "# configured\n/dev/sda1 /boot ext2 defaults 0 1\n/dev/sdd1 /backup ext3 defaults 0 0\n/dev/cdrom /media iso9660 "
     "ro,noauto 0 0\nserver:/x /other nfs defaults 0 0\n/dev/sde1 /archive ntfs defaults 0 0";
 
 using MountTable = RootedTest;
@@ -78,43 +47,53 @@ using MountTable = RootedTest;
 TEST_F(MountTable, SourcesAreMergedSortedAndMeasured) {
   root.WriteFile("/etc/mtab", kMtab);
   root.WriteFile("/etc/fstab", kFstab);
-  RunTraced(root, 3, [](TraceCapture& trace) {
-    g_FileSystems = {{"/", Sizes(4096, 4096, 1000, 250)},
-                     {"/var", Sizes(4096, 512, uint64_t{1} << 62, uint64_t{1} << 61)},
-                     {"/data disk", Sizes(65536, 1536, 3, 1)},
-                     {"/proc", Sizes(4096, 4096, 0, 0)},
-                     {"/run", Sizes(4096, 4096, 10, 99)}};
-    std::vector<CSystemVolume> volumes;
-    CSystemVolume::ScanSystemVolumes(volumes);
-    EXPECT_EQ(Table(), (std::vector<std::string>{"1 /dev/sda1 /", "1 /dev/sdb1 /data disk", "1 //nas/share /gone",
-                                                 "1 proc /proc", "1 tmpfs /run", "1 none /run", "1 /dev/sda2 /var",
-                                                 "2 /dev/sde1 /archive", "2 /dev/sdd1 /backup"}));
-    for (const char* path : {"/dead", "/dead4", "/other", "/backup", "/archive", "/y"})
-      EXPECT_EQ(std::count(g_Asked.begin(), g_Asked.end(), path), 0) << path;
-    EXPECT_EQ(get_fs_table(4)->used_percent, 0U);
+  for (const char* place : {"/boot", "/vault", "/run", "/data disk"})
+    root.MakeDirectory(place);
+  RunTraced(
+      root, 3,
+      [](TraceCapture& trace) {
+        const auto mount = [](const char* place, const char* size, unsigned long flags = 0) {
+          ASSERT_EQ(::mount("none", place, "tmpfs", flags, size), 0);
+        };
+        mount("/boot", "nr_blocks=1000");
+        WriteWholeFile("/boot/kernel", std::string(750 * 4096, 'k'));
+        mount("/vault", "nr_blocks=10000000000");
+        mount("/run", "nr_blocks=10");
+        std::vector<CSystemVolume> volumes;
+        CSystemVolume::ScanSystemVolumes(volumes);
+        EXPECT_EQ(Table(),
+                  (std::vector<std::string>{"1 auto /auto", "1 /dev/sda1 /boot", "1 /dev/sdb1 /data disk",
+                                            "1 //nas/share /gone", "1 proc /proc", "1 tmpfs /run", "1 none /run",
+                                            "1 /dev/sda2 /vault", "2 /dev/sde1 /archive", "2 /dev/sdd1 /backup"}));
+        std::ostringstream found;
+        for (const CSystemVolume& volume : volumes) {
+          if (volume.MountPoint == "/data disk") continue;  // as large as the machine's own
+          found << volume.MountPoints.at(0) << '|' << volume.Type << '|' << volume.VolumeType << '|' << volume.TypeFlags
+                << '|' << volume.Blocks << ' ' << volume.AvailableBlocks << ' ' << volume.Size << ' '
+                << volume.BlockSize << ' ' << volume.Available << ' ' << volume.UsedPercent << ' ' << volume.Answer
+                << '\n';
+        }
+        EXPECT_EQ(found.str(),
+                  "/auto|autofs|0|0|0 0 0 8 0 100 1\n"  // it would be refused, was it asked
+                  "/boot|ext2|2|16384|1000 250 4000 8 1000 75 1\n"
+                  "/gone|cifs|0|0|0 0 0 0 0 100 2\n"
+                  "/proc|proc|0|0|0 0 0 8 0 100 1\n"
+                  "/vault|ext4|2|0|10000000000 10000000000 40000000000 8 40000000000 0 1\n");
+        EXPECT_EQ(trace.Missing(R"(get_mount_table(): Mountpoint '/dead4' of type 'nfs4' was ignored.
+add_mount_entry: dev '/dev/sdd1' fs '/backup' mounted 0 flag 0x2]
+add_mount_entry: fs '/boot' f_blocks 1000 f_frsize 4096 f_bsize 4096 f_bfree 250 f_bavail 250
+get_fs_table: fs '/boot' f_blocks 1000 f_frsize 4096 f_bsize 4096 f_bfree 250 f_bavail 250)"),
+                  "");
 
-    std::ostringstream found;
-    for (const CSystemVolume& volume : volumes) {
-      found << volume.MountPoints.at(0) << '|' << volume.Type << '|' << volume.VolumeType << '|' << volume.TypeFlags
-            << '|' << volume.Blocks << ' ' << volume.AvailableBlocks << ' ' << volume.Size << ' ' << volume.BlockSize
-            << ' ' << volume.Available << ' ' << volume.UsedPercent << '\n';
-    }
-    EXPECT_EQ(found.str(),
-              "/|ext2|2|16384|1000 250 4000 8 1000 75\n"
-              "/data disk|xfs|2|0|3 1 4 128 1 66\n"
-              "/gone|cifs|0|0|0 0 0 0 0 100\n"
-              "/proc|proc|0|0|0 0 0 8 0 100\n"
-              "/var|ext4|2|0|4611686018427387904 2305843009213693952 2305843009213693952 8 1152921504606846976 50\n");
-    EXPECT_TRUE(trace.Has("get_mount_table(): Mountpoint '/dead4' of type 'nfs4' was ignored."));
-    EXPECT_TRUE(trace.Has("add_mount_entry: dev '/dev/sdd1' fs '/backup' mounted 0 flag 0x2]"));
-
-    // Totals follow only for devices of /dev; the usage always does.
-    g_FileSystems["/"] = Sizes(4096, 4096, 2000, 500);
-    g_FileSystems["/run"] = Sizes(4096, 4096, 20, 5);
-    EXPECT_EQ(get_fs_table(0)->size, 8000U);
-    EXPECT_EQ(get_fs_table(4)->blocks, 10U);
-    EXPECT_EQ(get_fs_table(4)->used_percent, 75U);
-  });
+        // Totals follow only for devices of /dev; the usage always does.
+        mount("/boot", "nr_blocks=1500", MS_REMOUNT);
+        mount("/run", "nr_blocks=20", MS_REMOUNT);
+        WriteWholeFile("/run/lock", std::string(5 * 4096, 'l'));
+        EXPECT_EQ(get_fs_table(1)->size, 6000U);
+        EXPECT_EQ(get_fs_table(6)->blocks, 10U);
+        EXPECT_EQ(get_fs_table(6)->used_percent, 25U);
+      },
+      FixtureRoot::kProc);
 }
 
 TEST_F(MountTable, SourcesAreReadAgainOnlyWhenChangedAndOld) {
@@ -122,37 +101,42 @@ TEST_F(MountTable, SourcesAreReadAgainOnlyWhenChangedAndOld) {
   root.Run([] {
     WriteAged("/etc/mtab", "/dev/a /a ext4 rw 0 0\n", 1000);
     constexpr const char* kTwo = "/dev/a /a ext4 rw 0 0\n/dev/b /b ext4 rw 0 0\n";
-    EXPECT_EQ(build_fs_table(2000), 1);
+    const auto build = [](time_t now) { return build_fs_table(now, 0); };
+    EXPECT_EQ(build(2000), 1);
     WriteAged("/etc/mtab", kTwo, 1000);
-    EXPECT_EQ(build_fs_table(3000), 1);  // not newer
+    EXPECT_EQ(build(3000), 1);  // not newer
     WriteAged("/etc/mtab", kTwo, 1010);
-    EXPECT_EQ(build_fs_table(1060), 1);  // too early
-    EXPECT_EQ(build_fs_table(1061), 2);
+    EXPECT_EQ(build(1060), 1);  // too early
+    EXPECT_EQ(build(1061), 2);
     WriteAged("/etc/fstab", "/dev/b /b ext4 rw 0 0\n/dev/c /c ext4 rw 0 0\n", 1011);
-    EXPECT_EQ(build_fs_table(1062), 2);
+    EXPECT_EQ(build(1062), 2);
     EXPECT_EQ(Table(), (std::vector<std::string>{"1 /dev/a /a", "1 /dev/b /b", "2 /dev/c /c"}));
     ::unlink("/etc/mtab");
     EXPECT_EQ(get_mount_table("/etc/mtab", 1), -1);
-    EXPECT_EQ(build_fs_table(9000), 2);
+    EXPECT_EQ(build(9000), 2);
     EXPECT_EQ(Table().size(), 3U);
+    WriteAged("/etc/mtab", kTwo, 1010);
+    EXPECT_EQ(build(700), 2) << "the clock was set back, and nothing changed";
+    WriteAged("/etc/mtab", "/dev/a /a ext4 rw 0 0\n", 690);
+    EXPECT_EQ(build(700), 1);
   });
 }
 
 TEST_F(MountTable, KernelListIsFollowedBehindALink) {
   root.MakeLink("/etc/mtab", "/proc/self/mounts");
   root.MakeDirectory("/added");
-  root.Run(
-      [] {
-        const time_t now = std::time(nullptr);
-        const int before = build_fs_table(now);
+  RunTraced(
+      root, 2,
+      [](TraceCapture& trace) {
+        constexpr time_t kNow = 1'000'000'000;
+        const int before = build_fs_table(kNow, 5);
         ASSERT_EQ(::mount("none", "/added", "tmpfs", 0, nullptr), 0);
-        EXPECT_EQ(build_fs_table(now + 60), before);
-        EXPECT_EQ(build_fs_table(now + 61), before + 1);
+        EXPECT_EQ(build_fs_table(kNow + 3600, 65), before) << "the clock tells nothing";
+        EXPECT_EQ(build_fs_table(kNow - 3600, 66), before + 1);
         ASSERT_EQ(::umount("/added"), 0);
-        EXPECT_EQ(build_fs_table(now + 122), before);
-        g_Asked.clear();
-        EXPECT_EQ(build_fs_table(now + 999), before);
-        EXPECT_TRUE(g_Asked.empty());
+        EXPECT_EQ(build_fs_table(kNow, 127), before);
+        EXPECT_EQ(build_fs_table(kNow, 999), before);
+        EXPECT_EQ(trace.Count("get_mount_table[/etc/mtab]"), 3) << "nothing changed";
       },
       FixtureRoot::kProc);
 }
@@ -169,8 +153,8 @@ TEST_F(MountTable, VmfsVolumesAreMeasuredByTheirTool) {
       root, 3,
       [](TraceCapture& trace) {
         const time_t now = std::time(nullptr);
-        EXPECT_EQ(build_fs_table(now), 1);  // the mounted list is too young
-        EXPECT_EQ(build_fs_table(now + 99), 3);
+        EXPECT_EQ(build_fs_table(now, 0), 1);  // the mounted list is too young
+        EXPECT_EQ(build_fs_table(now + 99, 0), 3);
         EXPECT_EQ(get_fs_table(2)->size, 0U);  // no tool
         ASSERT_EQ(::mount("/tools", "/usr/sbin", nullptr, MS_BIND, nullptr), 0);
         const mount_entry* entry = get_fs_table(2);
@@ -183,7 +167,7 @@ TEST_F(MountTable, VmfsVolumesAreMeasuredByTheirTool) {
       FixtureRoot::kUsr);
 }
 
-TEST_F(MountTable, ToolOutputAndTypesAreLookedUpByTheirTables) {
+TEST_F(MountTable, ToolOutputTypesAndFiguresAreTakenApart) {
   const std::pair<const char*, double> outputs[] = {
       {"\n\nCapacity\n", 0},
       {"Capacity nan (1 file blocks * 2), 3 (4 blocks)", 0},
@@ -195,10 +179,24 @@ TEST_F(MountTable, ToolOutputAndTypesAreLookedUpByTheirTables) {
     EXPECT_EQ(parse_vmfs_usage(output, usage), capacity > 0 ? 5 : -1) << output;
     EXPECT_EQ(usage.capacity, capacity) << output;
   }
-  const std::pair<const char*, int> types[] = {{"adfs", 2},   {"xfs", 2},    {"msdos", 1}, {"smbfs", 4}, {"udf", 8},
-                                               {"ramfs", 16}, {"umsdos", 0}, {"ext44", 0}, {"", 0}};
+  // Vendor rows are the table's; what is not listed, and what is longer than is looked at.
+  const std::pair<const char*, int> types[] = {{"adfs", 2}, {"xfs", 2}, {"msdos", 1}, {"ext44", 0}, {"", 0}};
   for (const auto& [type, code] : types)
     EXPECT_EQ(get_fs_voltype(type), code) << type;
+  EXPECT_EQ(get_kib(3, 1536), 4U);
+  EXPECT_EQ(get_kib(uint64_t{1} << 62, 512), uint64_t{1} << 61);
+  EXPECT_EQ(get_kib(~uint64_t{0}, 4096), ~uint64_t{0});
+  EXPECT_EQ(get_used_percent(3, 1) + get_used_percent(10, 99), 66U);
+  const std::array<const char*, 3> servers[] = {{"nas:/a", "nfs4", "nas"},
+                                                {"//nas/a", "cifs", "//nas"},
+                                                {"[fe80::1]:/a", "nfs", "[fe80::1]"},
+                                                {"me@host:", "fuse.sshfs", "me@host"},
+                                                {"portal", "fuse.portal", "portal"},
+                                                {"/dev/fuse", "fuse", ""},
+                                                {"overlay", "overlay", ""},
+                                                {"none", "fuse.x", ""}};
+  for (const auto& [source, type, server] : servers)
+    EXPECT_EQ(get_fs_server(source, type), server) << source;
 }
 
 // In a process of its own, since the table is kept for the life of a process.

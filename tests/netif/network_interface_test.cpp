@@ -4,6 +4,9 @@
 #include <linux/sockios.h>
 #include <net/if.h>
 
+#include <thread>
+
+#include "netif/host_ip_address.h"
 #include "netif/network_interface_manager.h"
 #include "netif/private_network.h"
 #include "netif/routing_table_manager.h"
@@ -59,10 +62,16 @@ const std::pair<std::string, std::function<void(const network_interface&)>> kOpe
 }  // namespace
 
 bool refuseNameIndex = false;
+static int interruptedDumps = 0;  // how many datagrams the kernel marks as part of an interrupted dump
 
 extern "C" struct if_nameindex* if_nameindex() noexcept {
-  using Function = struct if_nameindex* (*)();
-  return refuseNameIndex ? nullptr : reinterpret_cast<Function>(::dlsym(RTLD_NEXT, "if_nameindex"))();
+  return refuseNameIndex ? nullptr : reinterpret_cast<decltype(&if_nameindex)>(::dlsym(RTLD_NEXT, "if_nameindex"))();
+}
+
+extern "C" ssize_t recv(int fd, void* buffer, size_t size, int flags) {
+  const ssize_t received = ::recvfrom(fd, buffer, size, flags, nullptr, nullptr);
+  if ((flags & MSG_PEEK) == 0 && interruptedDumps-- > 0) static_cast<nlmsghdr*>(buffer)->nlmsg_flags |= NLM_F_DUMP_INTR;
+  return received;
 }
 
 using NetworkInterface = PrivateNetwork;
@@ -73,15 +82,14 @@ TEST_F(NetworkInterface, PropertiesAgreeWithTheIpCommand) {
               Ip("-o link | sed -E 's/@[^:]*//; s/>/,>/; s/(NO-CARRIER|M-DOWN),//g; s/ qdisc.*//'"));
     const network_interface v0("v0"), lo("lo");
     EXPECT_EQ(v0.get_ether_address(), 0x3020105E0002U);
-    EXPECT_EQ(Text(v0.get_ipv4_address()) + Text(v0.get_ipv4_netmask()), "192.168.7.20255.255.240.0");
-    EXPECT_EQ(Text(v0.get_ipv4_broadcast()), "192.168.15.255");
-    EXPECT_EQ(Text(v0.get_ipv6_address()) + Text(v0.get_ipv6_netmask()), "fd00::7ffff:ffff:ffff:ffff::");
-    EXPECT_EQ(Text(network_interface("fifteen-letters").get_ipv6_address()), "::");
-    EXPECT_EQ(v0.get_max_speed(), 10000);
-    EXPECT_EQ(lo.get_max_speed(), -1);
+    EXPECT_EQ(Texts(std::vector{v0.get_ipv4_address(), v0.get_ipv4_netmask(), v0.get_ipv4_broadcast()}),
+              "192.168.7.20255.255.240.0192.168.15.255");
+    EXPECT_EQ(Texts(std::vector{v0.get_ipv6_address(), v0.get_ipv6_netmask(),
+                                network_interface("fifteen-letters").get_ipv6_address()}),
+              "fd00::7ffff:ffff:ffff:ffff::::");
+    EXPECT_EQ(std::pair(v0.get_max_speed(), lo.get_max_speed()), std::pair(10000, -1));
     EXPECT_EQ(lo.get_hardware_type(), interface_hardware_type::loopback);
     EXPECT_EQ(FailureOf([&] { lo.get_ether_address(); }), "This interface doesn't contain ether hardrware address.");
-    EXPECT_EQ(network_interface("fifteen-letters-and-many-more-of-them").get_mtu(), 1500);
 
     EXPECT_EQ(std::system("bash -c 'echo 12345 >/dev/udp/127.0.0.1/9'"), 0);
     const network_statistics counted = lo.get_network_statistics();
@@ -102,12 +110,35 @@ TEST_F(NetworkInterface, FailuresCarryTheirTextAndLeaveNoDescriptorWhileInterfac
     do {
       FailureOf([] { Texts(network_interface_manager().get_network_interfaces()); });
       FailureOf([] { routing_table_manager().get_ipv4_routing_entries(); });
-      for (const auto& [failure, call] : kOperations)
-        EXPECT_EQ(FailureOf([&, call = call] { call(network_interface("gone")); }),
-                  failure + "\nError message: No such device");
+      for (const network_interface& none : {network_interface("gone"), network_interface("fifteen-letters-and-more")})
+        for (const auto& [failure, call] : kOperations)
+          EXPECT_EQ(FailureOf([&, call = call] { call(none); }), failure + "\nError message: No such device");
     } while (!FailureOf([] { network_interface("end").get_network_statistics(); }).empty());
     EXPECT_EQ(FailureOf([] { network_interface_manager().get_network_interface_name_by_ipv4_index(999); }),
               "Retriving interface name by index failed.\nError message: No such device");
+    EXPECT_EQ(CountDescriptors(), before);
+  });
+}
+
+// A cancelled thread must neither take the process along nor leave anything open.
+TEST_F(NetworkInterface, AThreadIsCancelledAnywhere) {
+  Run([] {
+    const std::ptrdiff_t before = CountDescriptors();
+    for (int run = 0; run < 400; ++run) {
+      std::thread thread([run] {
+        if (run == 0) ::pthread_cancel(::pthread_self());
+        for (;; ::pthread_testcancel()) {
+          if (run % 2 == 0) Texts(network_interface_manager().get_network_interfaces());
+          for (const auto version : {CHostIPAddress::ipv4, CHostIPAddress::ipv6})
+            CHostIPAddress::GetHostIPAddress(1, version);
+          network_interface("v0").get_network_statistics();
+          routing_table_manager().get_ipv4_routing_entries();
+        }
+      });
+      if (run > 0) ::usleep(static_cast<useconds_t>(run));
+      ::pthread_cancel(thread.native_handle());
+      thread.join();
+    }
     EXPECT_EQ(CountDescriptors(), before);
   });
 }
@@ -117,8 +148,7 @@ TEST(NetworkStatistics, CountersAreThoseOfTheLinkOfTheIndex) {
   const uint32_t words[] = {0, 7, 0, 0, 20 | IFLA_STATS << 16, 1, 2, 3, 4};
   const netlink_message message{RTM_NEWLINK, std::as_bytes(std::span(words))};
   network_statistics found;
-  EXPECT_FALSE(parse_link_statistics(message, 6, found));
-  EXPECT_TRUE(parse_link_statistics(message, 7, found));
+  EXPECT_TRUE(!parse_link_statistics(message, 6, found) && parse_link_statistics(message, 7, found));
   EXPECT_EQ(found, (network_statistics{.tx_bytes = 4, .rx_bytes = 3, .tx_packets = 2, .rx_packets = 1}));
 }
 
@@ -148,6 +178,21 @@ TEST_F(NetworkInterface, WithoutNameIndexEveryIpv4AddressIsListed) {
   refuseNameIndex = true;
   Run([] { EXPECT_EQ(network_interface_manager().get_network_interfaces().size(), 30U); }, addresses);
   refuseNameIndex = false;
+}
+
+TEST_F(NetworkInterface, RoutesSurviveAnInterfaceThatVanishesAndChangesMeanwhile) {
+  Run([] {
+    const auto read = [] { return Texts(routing_table_manager().get_ipv4_routing_entries()); };
+    const std::string all = read();
+    for (const int interrupted : {1, 1000, 0}) {
+      interruptedDumps = interrupted;
+      EXPECT_EQ(read(), all) << interrupted;
+    }
+    const FakeIoctl kernel([](const std::string&, unsigned long request, void*) -> std::optional<int> {
+      return request == SIOCGIFNAME ? std::optional(-ENODEV) : std::nullopt;
+    });
+    EXPECT_EQ(read(), "192.168.0.0/20 src 192.168.7.20\n");
+  });
 }
 
 TEST_F(NetworkInterface, RoutesAgreeWithTheIpCommand) {

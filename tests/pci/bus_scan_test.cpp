@@ -1,19 +1,26 @@
 #include "pci/bus_scan.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 
 #include "pci/fc_controllers.h"
+#include "pci/line_reader.h"
 #include "pci/mac_information.h"
 #include "pci/pci_function_scan.h"
 #include "pci/pci_names.h"
+#include "platform/unique_fd.h"
 #include "support/fake_ioctl.h"
 #include "support/firmware_tables.h"
 #include "support/pci_fixture.h"
@@ -106,6 +113,9 @@ TEST_F(BusTablesOfAMachine, PciFunctionsWithTheirResources) {
         EXPECT_STREQ(nic.path.Text(), "/proc/bus/pci/02/00.0");
         EXPECT_EQ(HexOf(nic.hardwareAddress), "5254000a0bfc");
         EXPECT_TRUE(trace.Has("PCI device 02:00.0: 8086:1041 1734:11b2 NIC with RAID (Acme)"));
+        EXPECT_TRUE(
+            trace.Has("    PCI Id 8086:1041 IRQ 0b Base Addr[0-5]: 00000012df240004 0000000000000000 "
+                      "000000000000f001 0000000000000000 0000000000000000 0000000000000000"));
         EXPECT_TRUE(trace.Has("... found PCI address 02:00.0 and driver 'e1000e' for eth0"));
 
         const BusPci& pci = Find(tables.pcis, {3, 0, 1, 0, 0})->pci;
@@ -178,6 +188,127 @@ TEST_F(BusTablesOfAMachine, ASecondPassRefreshesTheEntries) {
       FixtureRoot::kUsr);
 }
 
+// The list shows no segments; only the header tells whose line it is.
+TEST_F(BusTablesOfAMachine, AFunctionOfAnotherSegmentOwnsNothing) {
+  AddFunction(root, {.name = "03.0", .classCode = 0x020000});
+  AddFunction(root, {.name = "04.0", .vendor = 0xFFFF, .device = 0xFFFF});
+  root.MakeDirectory("/sys/devices/pci10000:00/10000:00:03.0/host1/fc_host/host1");
+  root.WriteFile(kDevices, DevicesLine(0, 3, 0, 0x15B3, 0x1016, 5, {0xA000}) +
+                               DevicesLine(0, 3, 0, 0x8086, 0x0D57, 6, {0xB000}) +
+                               DevicesLine(0, 3, 0, 0x8086, 0x0D57, 7, {0xC000}) +
+                               DevicesLine(0, 4, 0, 0x8086, 0x1520, 0, {0xD000}));
+  RunTraced(root, 3, [](TraceCapture& trace) {
+    BusBuildTables();
+    const BusTables& tables = GetBusTables();
+    EXPECT_EQ(Count(tables.functions), 2);
+    EXPECT_STREQ(FindFunction(0, 3, 0)->function.vendorName.Text(), "8086");
+    EXPECT_EQ(Find(tables.irqs, {kBusTypePci, 1, 3, 1, 1})->irq.irq, 6);
+    EXPECT_EQ(Find(tables.irqs, {kBusTypePci, 1, 3, 1, 2}), nullptr);
+    EXPECT_EQ(Find(tables.memories, {kBusTypePci, 1, 3, 1, 1})->memory.addressLow, 0xB000);
+    EXPECT_EQ(tables.irqs.first->irq.irq, 5);
+    EXPECT_EQ(tables.irqs.first->next->irq.irq, 7);
+    EXPECT_EQ(Find(tables.memories, {kBusTypePci, 1, 4, 1, 1})->memory.addressLow, 0xD000) << "a virtual function";
+    EXPECT_EQ(trace.Count("PCI device 00:03.0"), 1);
+    FcController controller;
+    EXPECT_FALSE(ParseFcHostPath("/sys/devices/pci10000:00/10000:00:03.0/host1/fc_host/host1", controller));
+  });
+}
+
+TEST_F(BusTablesOfAMachine, ResourcesOfEarlierPassesMeanNothing) {
+  AddFunction(root, {.name = "03.0"});
+  const std::string strange = DevicesLine(9, 0, 0, 1, 1, 5, {0xA000, 0xF001}) + DevicesLine(9, 1, 0, 1, 1, 6, {});
+  root.WriteFile(kDevices, strange + DevicesLine(0, 3, 0, 0x8086, 0x0D57, 11, {0xB000}));
+  RunTraced(root, 3, [&strange](TraceCapture& trace) {
+    BusBuildTables();
+    const BusTables& tables = GetBusTables();
+    for (int pass = 0; pass < 3; ++pass)
+      BusBuildTables();
+    EXPECT_EQ(Count(tables.irqs), 3);
+    EXPECT_EQ(Count(tables.memories) + Count(tables.ports), 3);
+    // The lines that nobody owns move to the end, and one of them is gone.
+    WriteWholeFile(kDevices,
+                   DevicesLine(0, 3, 0, 0x8086, 0x0D57, 6, {0x9FF8}) + strange.substr(0, strange.find('\n') + 1));
+    BusBuildTables();
+    EXPECT_EQ(Count(tables.irqs), 3);
+    EXPECT_TRUE(trace.Has("Unused Irq 0.1.0.1.1!"));
+    EXPECT_EQ(Find(tables.irqs, {kBusTypePci, 1, 3, 1, 1})->irq.sharing, kIrqNotShared);
+    WriteWholeFile(kDevices, DevicesLine(0, 3, 0, 0x8086, 0x0D57, 6, {0x9FF8}));
+    BusBuildTables();
+    EXPECT_EQ(Find(tables.memories, {kBusTypePci, 1, 3, 1, 1})->memory.length, 16) << "not cut by what is gone";
+  });
+}
+
+TEST_F(BusTablesOfAMachine, NamesFollowTheAdapterFile) {
+  const std::string path = "/etc/pelrix/Adapter.ini";
+  root.WriteFile(path,
+                 "[ 8086]\n[8086]x\nVendor= First \n10D3=One\n10d4=x\n10D41=x\n10D4= \n10D4=late\n10D512AB=Board\n"
+                 "[8087]\n\nVendor=no\n[8087]\nVendor=no\n[1AF4]\nVendor=V\n[8086]\nVendor=Second\n10D6=x");
+  RunTraced(root, 3, [&path](TraceCapture& trace) {
+    std::string device;
+    std::string vendor;
+    const auto names = [&](unsigned of, unsigned id, int subsystem) {
+      const bool found = mapPciID(of, id, subsystem, device, vendor);
+      return vendor + '|' + device + (found ? "" : "?");
+    };
+    EXPECT_EQ(names(0x8086, 0x10D3, 7) + names(0x8086, 0x10D4, -1), "First|OneFirst|");
+    EXPECT_EQ(names(0x8086, 0x10D5, 0x12AB) + names(0x8086, 0x10D5, -1), "First|BoardFirst|?");
+    EXPECT_EQ(names(0x8086, 0x10D6, -1) + names(0x8087, 1, 1) + names(0x1AF4, 1, -1), "First|?|?V|?");
+    for (const char* name : {"Two", "Six", "Ten"}) {  // as long as before, and at once
+      WriteWholeFile(path.c_str(), std::string("[8086]\nVendor=First\n10D3=") + name + "\n");
+      EXPECT_EQ(names(0x8086, 0x10D3, -1), std::string("First|") + name);
+    }
+    ::unlink(path.c_str());
+    EXPECT_EQ(names(0x8086, 0x10D3, -1), "|?");
+    ::mkdir(path.c_str(), 0755);
+    EXPECT_EQ(names(0x8086, 0x10D3, -1), "|?");
+    EXPECT_TRUE(trace.Has("Error 2 opening " + path) && trace.Has("Error 21 opening " + path));
+  });
+}
+
+TEST_F(BusTablesOfAMachine, CommandsKeepTheirComplaintsToThemselves) {
+  if (::access("/usr/bin/lspci", X_OK) != 0) GTEST_SKIP() << "lspci is not installed";
+  AddFunction(root, {.name = "03.0"});
+  root.WriteFile(kDevices, "0018\t80860d57\t0\t0\t0\t0\t0\t0\t0\t0\n");
+  root.WriteFile("/sbin/other", "");
+  root.MakeDirectory("/var");
+  root.Run(
+      [] {
+        const UniqueFd file{::open("/var/stderr", O_WRONLY | O_CREAT | O_CLOEXEC, 0600)};
+        const UniqueFd before{::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)};
+        ::dup2(file.Get(), STDERR_FILENO);
+        RefreshFcControllers(std::chrono::steady_clock::now());  // ls complains
+        char name[64];
+        EXPECT_TRUE(GetPciDeviceName(0x8086, 0x0D57, name, sizeof name)) << "the other lspci names it";
+        std::filesystem::remove_all("/proc/bus/pci");
+        LineReader::OpenCommand("/usr/bin/lspci -nn");  // lspci complains
+        ::dup2(before.Get(), STDERR_FILENO);
+      },
+      FixtureRoot::kUsr);
+  EXPECT_EQ(root.ReadFile("/var/stderr"), "");
+}
+
+TEST_F(BusTablesOfAMachine, CachesOutliveStaticObjects) {
+  MakeMachine(root);
+  root.MakeDirectory("/tmp");
+  root.Run(
+      [] {
+        static constexpr auto kUseAll = [] {
+          char name[8] = "";
+          FcWwn wwn;
+          const bool known = GetPciDeviceName(0x10DF, 0xF100, name, sizeof name) && AdapterIsFCController(5, 0, 0, wwn);
+          if (!known || GetPciSlotNumber(0, 0x1C) != 3) ::_exit(1);
+        };
+        const auto exitAfterUse = [] {
+          std::atexit(kUseAll);  // runs after the destructors of what is made from here on
+          RefreshFcControllers(std::chrono::steady_clock::now());
+          kUseAll();
+          std::exit(0);
+        };
+        EXPECT_EXIT(exitAfterUse(), ::testing::ExitedWithCode(0), "");
+      },
+      FixtureRoot::kUsr);
+}
+
 TEST_F(BusTablesOfAMachine, AnEmptyMachineEndsQuietly) {
   RunTraced(root, 4, [](TraceCapture& trace) {
     EXPECT_EQ(BusGetNextTableEntry(1), nullptr);
@@ -225,7 +356,7 @@ TEST_F(BusTablesOfAMachine, FcControllersAreReadAnewAfterTwoMinutes) {
 
 TEST_F(BusTablesOfAMachine, OneDeviceCollectsItsResources) {
   AddFunction(root, {.name = "03.0", .classCode = 0x020000});
-  root.WriteFile(kDevices, DevicesLine(0, 3, 0, 0x8086, 1, 11, {0xC001}));
+  root.WriteFile(kDevices, DevicesLine(0, 3, 0, 0x8086, 0x0D57, 11, {0xC001}));
   root.WriteFile(
       "/proc/interrupts",
       "           CPU0       CPU1\n  7:  1  2  IO-APIC-level  parport0\n 11:  1  2  IO-APIC-level  usb, eth12x\n"
@@ -263,7 +394,8 @@ TEST_F(BusTablesOfAMachine, MemoryRangesEndWhereAnotherDeviceBegins) {
   AddFunction(root, {.name = "03.0"});
   AddFunction(root, {.name = "03.1"});
   AddFunction(root, {.name = "04.0"});
-  root.WriteFile(kDevices, DevicesLine(0, 3, 1, 1, 1, 0, {0x1040}) + DevicesLine(0, 4, 0, 1, 1, 0, {0x1080, 0x1000}));
+  root.WriteFile(kDevices, DevicesLine(0, 3, 1, 0x8086, 0x0D57, 0, {0x1040}) +
+                               DevicesLine(0, 4, 0, 0x8086, 0x0D57, 0, {0x1080, 0x1000}));
   root.Run([] {
     const BusKey key = {kBusTypePci, 1, 3, 1, 0};
     BusTableEntry* const entry = BusAllocateMemoryEntry(BusAllocateFunctionEntry(&key));
@@ -292,7 +424,7 @@ TEST(BusGetMACInformation, InterfacesWithoutPciAddressMatchByIrq) {
   for (const bool sysfs : {true, false}) {
     const FixtureRoot root;
     AddFunction(root, {.name = "03.0", .classCode = 0x020000});
-    root.WriteFile(kDevices, DevicesLine(0, 3, 0, 0x8086, 1, 11, {}));
+    root.WriteFile(kDevices, DevicesLine(0, 3, 0, 0x8086, 0x0D57, 11, {}));
     root.WriteFile("/proc/net/dev", "Inter-|   Receive\n face |bytes\n    lo: 0 0\n  net7: 1 2\n");
     if (sysfs) {
       root.WriteFile("/sys/class/net/p1s0/address", "02:00:00:00:00:07\n");

@@ -128,17 +128,13 @@ TEST(CountedString, OwnsItsText) {
 TEST(LegacyClasses, TheFirstRowThatMatchesWins) {
   // Base class, subclass, interface, vendor => name and type.
   constexpr std::tuple<uint8_t, uint8_t, uint8_t, uint16_t, const char*, int64_t> kRows[] = {
-      {0x02, 0x00, 0x00, 1, "Ethernet controller", kComponentNetwork},
       {0x02, 0x07, 0x00, 1, "Network controller", kComponentNetwork},
       {0x03, 0x00, 0x01, 1, "8514 compatible controller", kComponentDisplay},
       {0x03, 0x00, 0x02, 1, "VGA compatible controller", kComponentDisplay},
       {0x06, 0x04, 0x01, 1, "PCI-to-PCI bridge (subtractive)", kComponentBridge},
-      {0x06, 0x09, 0x80, 1, "PCI/Host bridge (transparent)", kComponentBridge},
-      {0x07, 0x01, 0xFE, 1, "IEEE1284 target device", kComponentParallel},
       {0x09, 0x04, 0x10, 1, "Game controller", kComponentSerial},
       {0x0C, 0x00, 0x00, 1, "Firewire (IEEE 1394)", kComponentStorage},
       {0x0C, 0x03, 0x30, 1, "USB controller", kComponentOther},
-      {0x0C, 0x04, 0x00, 1, "Fibre Channel", kComponentSerial},
       {0x0E, 0x00, 0x00, 0x1044, "I2O raid controller", kComponentStorage},
       {0x0E, 0x00, 0x00, 0x1045, "I2O controller", kComponentOther},
       {0x0F, 0x00, 0x00, 1, "Satellite communication controller", kComponentOther},

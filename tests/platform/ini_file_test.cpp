@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <sys/xattr.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -77,7 +80,7 @@ TEST_F(IniFile, EditsAreExactToTheByte) {
                       {"[A]\nno sign\na \t=1\na=2\n", "A", "a", "9", 1, "[A]\nno sign\na=9\na=2\n"},
                       {longLine + "y=1\n", "A", "k", "s", 1, "[A]\n\nk=s\ny=1\n"},
                       {"[A]\n a=1\n ;x\nA=2\n", "A", "a", "9", 1, "[A]\n a=1\n ;x\nA=2\na=9\n"},
-                      {"[ A ]\na=1\n[A];\n[A]\r\n", "A", "a", "9", 1, "[ A ]\na=1\n[A];\n[A]\r\n\n[A]\n\na=9\n"},
+                      {"[ A ]\na=1\n[A];\n[A]\r\n", "A", "a", "9", 1, "[ A ]\na=1\n[A];\n[A]\r\na=9\n"},
                       {two, "A", "b", nullptr, 1, "; top\n[A]\n\na=1\n\n; next\n\n[B]\nx=1\n"},
                       {two, "A", "a", nullptr, 1, "; top\n[A]\n\n; c\n\nb=2\n\n; next\n\n[B]\nx=1\n"},
                       {two, "A", "z", nullptr, 0, two},
@@ -141,6 +144,91 @@ TEST_F(IniFile, FailedAndMissingFilesAreLeftAsTheyWere) {
   });
   EXPECT_FALSE(root.Exists("/made"));
   EXPECT_TRUE(root.Exists("/link"));
+}
+
+TEST_F(IniFile, SaveKeepsWhatAFileIs) {
+  const std::string content = "[A]\n\na=1\n";
+  root.WriteFile("/data/real.ini", content);
+  root.WriteFile("/data/foreign", "mine");
+  root.WriteFile("/data/two", content, 0644);
+  root.MakeLink("/link", "data/real.ini");
+  root.MakeLink("/data/.real~ini.new", "foreign");  // what lies where the temporary file is to be
+  root.MakeLink("/dangling", "data/./made");
+  const auto body = [&] {
+    const auto stat = [](const char* path) {
+      struct stat info {};
+      EXPECT_EQ(::stat(path, &info), 0) << path;
+      return info;
+    };
+    const char* const file = "/data/real.ini";
+    const bool hasAttributes = ::setxattr(file, "user.note", "kept", 4, 0) == 0;
+    if (::geteuid() == 0) [[maybe_unused]]
+      const int isChanged = ::chown(file, 0, 12);
+    EXPECT_EQ(::chmod(file, 0640), 0);
+    const struct stat before = stat(file);
+    EXPECT_EQ(CIniFile::WritePrivateProfileString("A", "a", "1", "/link"), 1);
+    EXPECT_EQ(stat(file).st_ino, before.st_ino) << "an edit that changes nothing wrote something";
+    EXPECT_EQ(CIniFile::WritePrivateProfileString("A", "a", "2", "/link"), 1);
+    const struct stat after = stat(file);
+    EXPECT_NE(after.st_ino, before.st_ino) << "not replaced";
+    EXPECT_EQ(std::tie(after.st_mode, after.st_uid, after.st_gid),
+              std::tie(before.st_mode, before.st_uid, before.st_gid));
+    char note[5] = {};
+    EXPECT_EQ(::getxattr(file, "user.note", note, 4), hasAttributes ? 4 : -1);
+    EXPECT_STREQ(note, hasAttributes ? "kept" : "");
+
+    EXPECT_EQ(::link("/data/two", "/second"), 0);
+    EXPECT_EQ(CIniFile::WritePrivateProfileString("A", "a", "2", "/second"), 1);
+    EXPECT_EQ(CIniFile::WritePrivateProfileString("A", "a", "2", "/dangling"), 1);
+    EXPECT_EQ(CIniFile::WritePrivateProfileString("A", "a", "2", "/dev/null"), 0) << "no regular file";
+  };
+  root.Run(body, FixtureRoot::kUsr);
+  for (const char* path : {"/link", "/data/two", "/second"})
+    EXPECT_EQ(root.ReadFile(path), "[A]\n\na=2\n") << path;
+  EXPECT_EQ(root.ReadFile("/data/made"), "\n[A]\n\na=2\n");
+  EXPECT_EQ(root.ReadFile("/data/foreign"), "mine");
+  EXPECT_FALSE(root.Exists("/data/.real~ini.new") || root.Exists("/data/.made.new"));
+}
+
+TEST_F(IniFile, WritersWaitForOneAnother) {
+  root.MakeDirectory("/data");
+  root.Run([] {
+    constexpr int kKeys = 60;
+    for (const bool isInPlace : {false, true}) {
+      EXPECT_TRUE(!isInPlace || ::link("/data/a.ini", "/data/b.ini") == 0);
+      for (const char* section : {"A", "B", "C"}) {
+        if (::fork() != 0) continue;
+        bool isDone = true;
+        for (int key = 0; key < kKeys && isDone; ++key)
+          isDone = CIniFile::WritePrivateProfileString(section, std::to_string(key).c_str(), isInPlace ? "in" : "new",
+                                                       "/data/a.ini") == 1;
+        ::_exit(isDone ? 0 : 1);
+      }
+      for (int status = 0; ::wait(&status) > 0;)
+        EXPECT_EQ(status, 0);
+      CIniFile ini;
+      EXPECT_TRUE(ini.Open("/data/a.ini", true));
+      for (const char* section : {"A", "B", "C"})
+        for (int key = 0; key < kKeys; ++key)
+          EXPECT_STREQ(ini.GetString(section, std::to_string(key).c_str(), ""), isInPlace ? "in" : "new");
+    }
+  });
+}
+
+TEST_F(IniFile, UnluckyKeysAreFound) {
+  std::string content = "[A]\n";
+  for (int line = 0; line < 3000; ++line)
+    content +=
+        "key" + std::to_string(line) + "= a Key [B] last\n" + (line % 500 == 0 ? std::string(1500, 'z') + "\n" : "");
+  root.WriteFile(kPath, content + "  last = 1\n" + std::string(1023, 'y') + "piece=2\n" + std::string(600, ' ') +
+                            "late=3\nKey;=\nkey=4\n[B]\nKey=5\n");
+  CIniFile ini;
+  ASSERT_TRUE(ini.Open(root.HostPath(kPath).c_str(), true));
+  const std::array<const char*, 3> rows[] = {{"A", "last", "1"}, {"A", "piece", "2"}, {"A", "late", "3"},
+                                             {"A", "key", "4"},  {"A", "Key", "-"},   {"A", "ke", "-"},
+                                             {"B", "Key", "5"},  {"B", "key", "-"}};
+  for (const auto& [section, key, expected] : rows)
+    EXPECT_STREQ(ini.GetString(section, key, "-"), expected) << section << "." << key;
 }
 
 TEST_F(IniFile, ObjectWorksWhileItIsOpen) {

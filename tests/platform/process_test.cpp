@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <thread>
 
 #include "support/fixture_root.h"
 
@@ -54,6 +55,8 @@ TEST_F(Process, FactsComeFromTheProcessDirectory) {
     CProcess::GetProcessMemorySpecificInfo(7, size, "VmRSS", CProcess::kilobytes);
     CProcess::GetProcessMemorySpecificInfo(9, size, "VmRSS:", CProcess::bytes);
     EXPECT_EQ(size, 10U);
+    CProcess::GetProcessMemorySpecificInfo(9, size, "VmRSS:", CProcess::unit{7});
+    EXPECT_EQ(size, 0U);
     EXPECT_TRUE(CProcess::GetProcessMemoryInfo(7, size, peak, swap, fourth, noLib));
     EXPECT_EQ((std::vector{size, peak, swap, fourth, noLib}),
               (std::vector<uint64_t>{2ULL << 30, 3 << 20, 5, 0, 1 << 30}));
@@ -122,6 +125,20 @@ TEST_F(Process, AsynchronousCommandsTakeSignalsAndAreWaitedFor) {
   root.Run(body, kCommands);
 }
 
+TEST_F(Process, CommandThatNobodyKnowsLeavesNoZombie) {
+  root.WriteFile("/piped", "#!/bin/sh\nkill -PIPE $$\n", 0755);
+  const auto body = [] {
+    EXPECT_TRUE(CProcess::ExecuteCmdAsync("touch /ran", nullptr, false, false));
+    while (::access("/ran", F_OK) != 0)
+      std::this_thread::yield();
+    EXPECT_TRUE(::waitpid(-1, nullptr, WNOHANG) < 0 && errno == ECHILD) << "a child is left";
+    EXPECT_FALSE(CProcess::ExecuteCmdAsync("touch /ran", "/nowhere", false, false));
+    ::signal(SIGPIPE, SIG_IGN);
+    EXPECT_EQ(Execute("/piped"), (Outcome{false, CProcess::kNone})) << "SIGPIPE stayed ignored";
+  };
+  root.Run(body, kCommands);
+}
+
 TEST_F(Process, ChildGetsNoDescriptorUnlessItInherits) {
   const auto body = [] {
     const auto expectAsAskedFor = [](const char* fd, bool isInherited) {
@@ -142,6 +159,7 @@ TEST_F(Process, ChildGetsNoDescriptorUnlessItInherits) {
 
 TEST_F(Process, DirectoryHoldsForTheCommandAlone) {
   root.MakeDirectory("/work/here");
+  root.WriteFile("/await", "#!/bin/sh\nuntil test -e signal; do :; done\n", 0755);
   const auto body = [] {
     std::string current;
     EXPECT_TRUE(CProcess::SetCurrentDir("/work"));
@@ -149,7 +167,16 @@ TEST_F(Process, DirectoryHoldsForTheCommandAlone) {
     EXPECT_EQ(Execute("touch /ran", "nowhere"), (Outcome{false, CProcess::kNone}));
     EXPECT_TRUE(CProcess::GetCurrentDir(current));
     EXPECT_EQ(current, "/work");
-    EXPECT_EQ(Execute("mv /work /moved", "/"), (Outcome{false, 0}));  // no way back
+    EXPECT_EQ(Execute("mv /work /moved", "/"), (Outcome{true, 0}));
+    // Meanwhile the process stays where it is: the command waits for what only a thread that stands there makes.
+    std::thread other([] {
+      while (std::rename("signal", "here/signal") != 0)
+        std::this_thread::yield();
+    });
+    WriteWholeFile("/moved/signal", "");
+    EXPECT_EQ(Execute("/await", "here"), (Outcome{true, 0}));
+    other.join();
+    EXPECT_TRUE(std::remove("here/signal") == 0);
     EXPECT_FALSE(CProcess::SetCurrentDir("") || CProcess::SetCurrentDir(nullptr));
     EXPECT_TRUE(CProcess::SetCurrentDir("/moved/here") && std::remove("made") == 0 && ::rmdir("/moved/here") == 0);
     EXPECT_FALSE(CProcess::GetCurrentDir(current));

@@ -1,10 +1,8 @@
-// The built daemon: starts, stops, signals, kills, contenders and bad module switches.
+// The built daemon: signals, kills at each step of its start, and bad module switches.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,46 +11,11 @@
 #include <cerrno>
 #include <filesystem>
 #include <map>
-#include <random>
 #include <set>
 
-#include "daemon/file_lock.h"
 #include "prove/prove.h"
-#include "support/fixture_root.h"
 
 namespace {
-
-constexpr const char* kLog = "/var/log/pelrix/log.ravd";
-constexpr const char* kRing = "/var/log/pelrix/log.ravd_a";
-constexpr const char* kStartUpRing = "/var/log/pelrix/log.ravd_i";
-constexpr const char* kPackedRing = "/var/log/pelrix/log.ravd_i.gz";
-constexpr const char* kPidFile = "/var/run/ravd.pid";
-constexpr const char* kLockFile = "/var/lock/ravd.lock";
-constexpr const char* kLibraryDirectory = "/lib-%n%s";  // every message that names it has it as text
-constexpr const char* kLibrary = "/lib-%n%s/libswitch.so";
-constexpr const char* kNoLibrary = "text";
-
-class DaemonRoot : public FixtureRoot {
- public:
-  explicit DaemonRoot(const char* library = BAD_SWITCH) {
-    for (const char* directory : {"/var/log/pelrix", "/var/run", "/var/lock", "/etc/pelrix", kLibraryDirectory, "/dev"})
-      MakeDirectory(directory);
-    WriteFile("/etc/pelrix/RunLevel", "3");
-    std::filesystem::copy(RAVD_BINARY, HostPath("/ravd"));
-    if (library == kNoLibrary) WriteFile(kLibrary, std::string(5000, 'x'));
-    if (library != nullptr && library != kNoLibrary) std::filesystem::copy(library, HostPath(kLibrary));
-  }
-  void Run(const std::function<void()>& body) const {
-    FixtureRoot::Run(
-        [&body] {
-          ::prctl(PR_SET_CHILD_SUBREAPER, 1);  // whatever a daemon leaves behind becomes a child of this process
-          ::setenv("LD_LIBRARY_PATH", kLibraryDirectory, 1);
-          ::setenv("QN_NICKNAME", "SLES12", 1);
-          body();
-        },
-        kUsr | kProc);
-  }
-};
 
 template <class T>
 T& SharedWithChildren() {
@@ -71,50 +34,6 @@ void InLanes(int count, const std::function<void(int)>& body) {
   }
   for (const pid_t lane : lanes)
     EXPECT_EQ(WaitFor(lane, 900), 0);
-}
-
-void SwitchTracingOn() {
-  for (const char* variable : {"TraceFileLimit", "QN_LOG_RINGBUF_WEIGHT"})
-    ::setenv(variable, "1", 1);
-  ::setenv("QN_LOG_DEBUG_LEVEL", "5", 1);
-  ::setenv("QN_LOG_FILE_MAX_SIZE", "1000000000", 1);
-}
-
-std::string Log() {
-  return TextOf(kLog);
-}
-
-int CountIn(const std::string& text, const std::string& part) {
-  int count = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size()))
-    ++count;
-  return count;
-}
-
-void ExpectInOrder(const std::string& text, std::initializer_list<const char*> parts) {
-  size_t at = 0;
-  for (const char* part : parts) {
-    at = text.find(part, at);
-    ASSERT_NE(at, std::string::npos) << part;
-  }
-}
-
-// In the background the child that goes on as the daemon; before it is ready it has no PID file.
-pid_t StartDaemon(bool isBackground = false) {
-  ::unlink(kLog);
-  const pid_t started = isBackground ? Start({"/ravd"}) : Start({"/ravd", "-n"});
-  if (isBackground) {
-    EXPECT_EQ(WaitFor(started), 0);
-  }
-  return started;
-}
-
-bool WaitReady() {
-  return WaitUntil([] { return Log().find("Waiting for signals...") != std::string::npos; });
-}
-
-pid_t DaemonPid() {
-  return std::atoi(ReadWholeFile(kPidFile).c_str());
 }
 
 // The files of the root with what was mounted left out.
@@ -154,7 +73,7 @@ void ExpectWholeTrace(const char* command = "argv[0] = \"/ravd\"\n") {
 void StartAndStop(bool isBackground = false) {
   const pid_t started = StartDaemon(isBackground);
   ASSERT_TRUE(WaitReady()) << Log();
-  const pid_t daemon = isBackground ? DaemonPid() : started;
+  const pid_t daemon = isBackground ? PidOfDaemon() : started;
   ::kill(daemon, SIGTERM);
   ASSERT_EQ(WaitFor(daemon), 0) << Log();
   ExpectNothingLeft();
@@ -175,88 +94,6 @@ long StatusValue(pid_t process, const std::string& key) {
   return std::atol(text.c_str() + text.find(key) + key.size());
 }
 
-// What can be seen of the lock file: its owner's name, and which file of which age it is.
-std::string LookAtLock() {
-  struct stat info {};
-  if (::stat(kLockFile, &info) != 0) return "none";
-  return TextOf(kLockFile) + " " + std::to_string(info.st_ino) + " " + std::to_string(info.st_mtim.tv_sec) + "." +
-         std::to_string(info.st_mtim.tv_nsec);
-}
-
-// Shared between the contenders for the lock.
-struct Arena {
-  std::atomic<int> holders;
-  std::atomic<int> overlaps;
-  std::atomic<int> changes;  // of a holder's lock file
-  std::atomic<long> held;
-  std::atomic<long> refused;
-  std::atomic<bool> isOver;
-
-  // The holder's time: nobody else holds it, and the lock file stays its own.
-  void Hold(pid_t holder, useconds_t microseconds) {
-    if (holders.fetch_add(1) != 0) ++overlaps;
-    ++held;
-    const std::string before = LookAtLock();
-    if (!before.starts_with("ravd#" + std::to_string(holder) + " ")) ++changes;
-    if (microseconds > 0) ::usleep(microseconds);
-    if (LookAtLock() != before) ++changes;
-    holders.fetch_sub(1);
-  }
-  void EndAfter(int seconds) {
-    if (::fork() != 0) return;
-    ::sleep(static_cast<unsigned int>(seconds));
-    isOver = true;
-    ::_exit(0);
-  }
-};
-
-void Contend(Arena& arena, int seed) {
-  std::mt19937 random(static_cast<unsigned int>(seed));
-  while (!arena.isOver) {
-    CFileLock lock;
-    if (lock.Lock("/var/lock/ravd", "ravd", 0)) {
-      arena.Hold(::getpid(), static_cast<useconds_t>(random() % 4 == 0 ? random() % 300 : 0));
-    } else {
-      ++arena.refused;
-    }
-  }
-}
-
-// Starts daemons until the end, and stops each that gets as far as its PID file.
-void StartAgainAndAgain(Arena& arena, int lane) {
-  const std::string errors = "/errors" + std::to_string(lane);
-  std::mt19937 random(static_cast<unsigned int>(lane));
-  while (!arena.isOver) {
-    const pid_t daemon = ::fork();
-    if (daemon == 0) {
-      ::dup2(::open(errors.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC, 0644), STDERR_FILENO);
-      ::execl("/ravd", "/ravd", "-n", nullptr);
-      ::_exit(127);
-    }
-    int status = 0;
-    bool hasEnded = false;
-    bool isReady = false;
-    while (!hasEnded && !isReady && !arena.isOver) {
-      ::usleep(1000);
-      hasEnded = ::waitpid(daemon, &status, WNOHANG) == daemon;
-      isReady = TextOf(kPidFile) == std::to_string(daemon) + "\n";
-    }
-    if (isReady) {
-      arena.Hold(daemon, static_cast<useconds_t>(random() % 500000));
-      EXPECT_EQ(TextOf(kPidFile), std::to_string(daemon) + "\n");
-      ::kill(daemon, SIGTERM);
-      EXPECT_EQ(WaitFor(daemon), 0);
-    } else if (hasEnded) {
-      ++arena.refused;
-      EXPECT_EQ(RawStatus(status), 1);
-      EXPECT_EQ(TextOf(errors), "/ravd: RAVD-MAIN: Error! Another process instance is already running!\n");
-    } else {
-      ::kill(daemon, SIGKILL);
-      ::waitpid(daemon, &status, 0);
-    }
-  }
-}
-
 struct SwitchRow {
   const char* library;
   const char* behaviour;
@@ -267,7 +104,7 @@ struct SwitchRow {
 constexpr const char* kFatal = "FATAL ERROR! Tavrik SWITCH could not be loaded!";
 constexpr const char* kStopped = "## EXIT PROCESS RAVD ##";
 constexpr SwitchRow kSwitches[] = {
-    {nullptr, "", 1, false, "LoadLibrary: ## ERROR:  libswitch.so: cannot open shared object file"},
+    {"", "", 1, false, "LoadLibrary: ## ERROR:  libswitch.so: cannot open shared object file"},
     {kNoLibrary, "", 1, false, "LoadLibrary: ## ERROR:  /lib-%n%s/libswitch.so: invalid ELF header"},
     {UNDEFINED_SWITCH, "", 1, false, "libswitch.so: undefined symbol: _Z16NowhereToBeFoundv"},
     {BARE_SWITCH, "", 1, false, kFatal},
@@ -355,7 +192,7 @@ std::vector<std::string> StepsOfStart(const KilledForm& form) {
   ::unlink(kLog);
   const pid_t traced = Start(UnderStrace(form));
   EXPECT_TRUE(WaitReady()) << ReadWholeFile("/stderr");
-  const std::string daemon = std::to_string(DaemonPid());
+  const std::string daemon = std::to_string(PidOfDaemon());
   std::map<std::string, int> ofParent;
   for (const auto& file : std::filesystem::directory_iterator("/")) {
     const std::string path = file.path();
@@ -364,7 +201,7 @@ std::vector<std::string> StepsOfStart(const KilledForm& form) {
       ofParent[call.name] = std::max(ofParent[call.name], call.number);
   }
   const std::vector<SystemCall> calls = ReadCalls(("/calls." + daemon).c_str(), form.isBackground ? "(" : "/var/lock");
-  ::kill(DaemonPid(), SIGKILL);
+  ::kill(PidOfDaemon(), SIGKILL);
   WaitFor(traced);
   ReapKilled();
   std::vector<std::string> steps;
@@ -410,63 +247,8 @@ constexpr WritableRow kWritableRows[] = {
 
 }  // namespace
 
-TEST(Prove, InstanceLock) {
-  Arena& arena = SharedWithChildren<Arena>();
-  const FixtureRoot root;
-  root.Run([&arena] {
-    arena.EndAfter(Rounds(10, 3));
-    InLanes(8, [&arena](int lane) { Contend(arena, lane); });
-    EXPECT_GT(::wait(nullptr), 0);
-  });
-  EXPECT_EQ(arena.overlaps, 0);
-  EXPECT_EQ(arena.changes, 0);
-  EXPECT_GT(arena.held, 100);
-  EXPECT_GT(arena.refused, 10);
-  Figure("8 contenders for %d s: held %ld times, %d times by two, %d times not its own lock file", Rounds(10, 3),
-         arena.held.load(), arena.overlaps.load(), arena.changes.load());
-}
-
-TEST(Prove, DaemonsAtOnce) {
-  Arena& arena = SharedWithChildren<Arena>();
-  const int seconds = Rounds(30, 5);
-  const DaemonRoot root;
-  root.Run([&arena, seconds] {
-    arena.EndAfter(seconds);
-    InLanes(8, [&arena](int lane) { StartAgainAndAgain(arena, lane); });
-    EXPECT_GT(::wait(nullptr), 0);
-    ::unlink(kPidFile);  // of those that the end killed
-    StartAndStop();
-  });
-  EXPECT_EQ(arena.overlaps, 0);
-  EXPECT_EQ(arena.changes, 0);
-  EXPECT_GT(arena.held, seconds / 5);
-  EXPECT_GT(arena.refused, seconds);
-  Figure(
-      "8 daemons started at once for %d s: %ld got ready and stopped, never two; %ld refused with status and message",
-      seconds, arena.held.load(), arena.refused.load());
-}
-
-TEST(Prove, StartAndStop) {
-  constexpr int kLanes = 25;
-  const int cycles = Rounds(40, 2);
-  InLanes(kLanes, [cycles](int) {
-    const DaemonRoot root;
-    root.Run([cycles] {
-      SwitchTracingOn();
-      std::set<std::string> expected = FilesOfRoot();
-      expected.insert({kLog, kRing, kPackedRing, "/stderr", "/unpacked"});
-      for (int cycle = 0; cycle < cycles && !testing::Test::HasFailure(); ++cycle) {
-        StartAndStop(cycle % 2 == 1);
-        EXPECT_EQ(FilesOfRoot(), expected);
-      }
-    });
-  });
-  Figure("%d starts and stops, half in the background, %d at a time: status 0, trace whole, no file or process left",
-         kLanes * cycles, kLanes);
-}
-
 TEST(Prove, Signals) {
-  const DaemonRoot root;
+  const DaemonRoot root(RAVD_BINARY, BAD_SWITCH);
   root.Run([] {
     SwitchTracingOn();
     const pid_t daemon = StartDaemon();
@@ -506,7 +288,7 @@ TEST(Prove, KilledStart) {
   };
   Kills& kills = SharedWithChildren<Kills>();
   InLanes(kLanes, [&kills](int lane) {
-    const DaemonRoot root;
+    const DaemonRoot root(RAVD_BINARY, BAD_SWITCH);
     root.Run([&kills, lane] {
       SwitchTracingOn();
       const KilledForm& form = kForms[lane % 2];
@@ -540,7 +322,7 @@ TEST(Prove, BadSwitches) {
   InLanes(std::size(kSwitches), [](int lane) {
     const SwitchRow& row = kSwitches[lane];
     SCOPED_TRACE(row.behaviour);
-    const DaemonRoot root(row.library);
+    const DaemonRoot root(RAVD_BINARY, row.library);
     root.Run([&row] {
       SwitchTracingOn();
       const bool isOfThreads = std::string(row.behaviour) == "thread";
@@ -559,7 +341,7 @@ TEST(Prove, WritableDirectories) {
   InLanes(std::size(kWritableRows), [](int lane) {
     const WritableRow& row = kWritableRows[lane];
     SCOPED_TRACE(testing::Message() << row.path << " " << std::oct << row.mode << " " << row.owner << ":" << row.group);
-    const DaemonRoot root;
+    const DaemonRoot root(RAVD_BINARY, BAD_SWITCH);
     root.WriteFile("/etc/norrow/QuennetSuite/TraceConfig/other.ini", "");
     ASSERT_EQ(::chown(root.HostPath(row.path).c_str(), row.owner, row.group), 0);
     ASSERT_EQ(::chmod(root.HostPath(row.path).c_str(), row.mode), 0);

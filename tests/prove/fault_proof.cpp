@@ -16,86 +16,20 @@
 #include <random>
 
 #include "prove/faults.h"
-#include "registry/registry.h"
+#include "support/registry_state.h"
 #include "support/trace_capture.h"
 
 namespace {
 
-constexpr const char* kRegistry = "/etc/pelrix/registry";
-constexpr const char* kOld = "/etc/pelrix/registry.old";
-constexpr const char* kNew = "/etc/pelrix/registry.new";
-constexpr const char* kDefault = "/etc/pelrix/registry.default";
-
-// A tree of that many values that all hold the number of its state, and the rest of a line.
-struct Tree {
-  int values;
-  size_t padding;
-};
-constexpr Tree kSmall = {20, 3};
-constexpr Tree kMedium = {150, 1000};  // several reads
-constexpr Tree kLarge = {3200, 1000};  // several writes
-
-std::string ValueName(int value) {
-  return "Value" + std::to_string(value);
-}
-
-std::string ValueText(unsigned int state, const Tree& tree) {
-  return std::to_string(state) + std::string(tree.padding, '.');
-}
-
-std::string StateText(unsigned int state, const Tree& tree) {
-  std::string text = "[HKEY_LOCAL_MACHINE]\n";
-  for (int value = 0; value < tree.values; ++value)
-    text += ValueName(value) + "=s=" + ValueText(state, tree) + "\n";
-  return text + "\n\n";
-}
-
-void Write(const char* path, const std::string& text) {
-  FILE* file = std::fopen(path, "we");
-  ASSERT_NE(file, nullptr) << path;
-  std::fwrite(text.data(), 1, text.size(), file);
-  std::fclose(file);
-}
-
-// The state of a file; nothing when it does not load, or is none or a mixture.
-std::optional<unsigned int> StateOf(const char* path, const std::function<Tree(unsigned int)>& treeOf) {
-  CRegistryNode node;
-  if (!CRegistry::ReadTree(path, node)) return std::nullopt;
-  const CRegistryNodeRef key = node.FindSubKey("HKEY_LOCAL_MACHINE");
-  if (!key) return std::nullopt;
-  const CCriticalSectionLock lock(*key.Get());
-  const std::span<const RegistryEntry> entries = key->Entries();
-  const auto state = static_cast<unsigned int>(std::stoul(std::string(entries.front().Text())));
-  const Tree tree = treeOf(state);
-  const std::string text = ValueText(state, tree);
-  const bool isWhole = std::ranges::all_of(entries, [&](const RegistryEntry& entry) { return entry.Text() == text; });
-  return isWhole && entries.size() == static_cast<size_t>(tree.values) ? std::optional(state) : std::nullopt;
-}
-
-std::optional<unsigned int> StateOf(const char* path, const Tree& tree) {
-  return StateOf(path, [&tree](unsigned int) { return tree; });
-}
-
-// What the next process would load.
-std::optional<unsigned int> LoadedState(const Tree& tree) {
-  const std::optional<unsigned int> state = StateOf(kRegistry, tree);
-  return state ? state : StateOf(kOld, tree);
-}
-
-void SetState(CRegistry& registry, unsigned int state, const Tree& tree) {
-  registry.Open("", nullptr);
-  registry.CreateKey(nullptr, "HKEY_LOCAL_MACHINE");
-  for (int value = 0; value < tree.values; ++value)
-    registry.SetValue(ValueName(value).c_str(), ValueText(state, tree).c_str());
-}
+constexpr StateTree kMedium = {150, 1000};  // several reads
 
 // The state behind the one that is loaded; 0 stands for nothing. Exit status 0: the save was reported as done.
-[[noreturn]] void SaveNextState(const Tree& tree, bool isLoadWatched) {
+[[noreturn]] void SaveNextState(const StateTree& tree, bool isLoadWatched) {
   if (isLoadWatched) ::getppid();
   CRegistry registry("", CRegistry::HKEY_LOCAL_MACHINE, 0);
   if (isLoadWatched) ::getppid();
   std::string text;
-  registry.QueryValue(text, "Value0");
+  registry.QueryValue(text, "Value1000");
   SetState(registry, static_cast<unsigned int>(std::atoi(text.c_str())) + 1, tree);
   const TraceCapture trace(2);
   ::getppid();
@@ -108,11 +42,10 @@ void SetState(CRegistry& registry, unsigned int state, const Tree& tree) {
 
 struct Worker {
   const char* name;
-  Tree tree;
+  StateTree tree;
   bool isLoadWatched;
 };
-constexpr Worker kSave = {"save", kSmall, false};
-constexpr Worker kSaveLarge = {"save-large", kLarge, false};
+constexpr Worker kSave = {"save", kSmallTree, false};
 constexpr Worker kLoad = {"load", kMedium, true};
 
 // What a save or a load finds: the states of the files.
@@ -133,19 +66,19 @@ constexpr Files kFiles[] = {{"registry and backup", 5, 3, kNone, false},
                             {"no registry, backup good", kNone, 5, kNone, true},
                             {"nothing", kNone, kNone, kNone, false}};
 
-std::string FileText(unsigned int state, const Tree& tree) {
+std::string FileText(unsigned int state, const StateTree& tree) {
   return state == kBad ? "[HKEY_LOCAL_MACHINE]\nVal" : StateText(state, tree);
 }
 
-void Prepare(const Files& files, const Tree& tree) {
+void Prepare(const Files& files, const StateTree& tree) {
   const std::pair<const char*, unsigned int> states[] = {
       {kRegistry, files.registry}, {kOld, files.old}, {kDefault, files.byDefault}};
   for (const auto& [path, state] : states) {
     ::unlink(path);
-    if (state != kNone) Write(path, FileText(state, tree));
+    if (state != kNone) WriteWholeFile(path, FileText(state, tree));
   }
   ::unlink(kNew);
-  if (files.hasNew) Write(kNew, StateText(77, tree) + "left over");
+  if (files.hasNew) WriteWholeFile(kNew, StateText(77, tree) + "left over");
 }
 
 // After a save that may have failed anywhere.
@@ -174,8 +107,10 @@ FaultRun RunOf(const Files& files, const Worker& worker, const std::vector<std::
 // combination until their directory was synced.
 struct Disk {
   struct Name {
-    std::string from;  // empty: a file is made
-    std::string to;    // empty: the name goes
+    enum class Change { kMade, kLinked, kRenamed, kRemoved };
+    Change change;
+    std::string from;
+    std::string to;
     int node = -1;
   };
   struct Node {
@@ -202,7 +137,7 @@ struct Disk {
       const std::map<std::string, int> now = After(All());
       if (!now.contains(texts[0])) {
         nodes.emplace_back();
-        pending.push_back({"", texts[0], static_cast<int>(nodes.size()) - 1});
+        pending.push_back({Name::Change::kMade, "", texts[0], static_cast<int>(nodes.size()) - 1});
       }
       open[result] = now.contains(texts[0]) ? now.at(texts[0]) : static_cast<int>(nodes.size()) - 1;
     } else if (line.starts_with("openat") && line.find("O_DIRECTORY") != std::string::npos) {
@@ -222,9 +157,11 @@ struct Disk {
         pending.clear();
       }
     } else if (line.starts_with("rename")) {
-      pending.push_back({texts[0], texts[1]});
+      pending.push_back({Name::Change::kRenamed, texts[0], texts[1]});
+    } else if (line.starts_with("link")) {
+      pending.push_back({Name::Change::kLinked, texts[0], texts[1]});
     } else if (line.starts_with("unlink")) {
-      pending.push_back({texts[0], ""});
+      pending.push_back({Name::Change::kRemoved, texts[0], ""});
     } else if (line.starts_with("close")) {
       open.erase(fd);
     }
@@ -239,16 +176,24 @@ struct Disk {
     std::map<std::string, int> after = names;
     for (size_t change = 0; change < pending.size(); ++change) {
       const Name& name = pending[change];
-      const int node = name.from.empty() ? name.node : asked.contains(name.from) ? asked[name.from] : -1;
-      const bool isKept = ((subset >> change) & 1) != 0;
-      if (!name.from.empty()) asked.erase(name.from);
+      const int node = name.change == Name::Change::kMade ? name.node
+                       : asked.contains(name.from)        ? asked[name.from]
+                                                          : -1;
+      const bool isMoved = name.change == Name::Change::kRenamed;
+      const bool isGone = isMoved || name.change == Name::Change::kRemoved;
+      if (isGone) asked.erase(name.from);
       if (!name.to.empty()) asked[name.to] = node;
-      if (!isKept) continue;
-      // A node has one name: the one that was given to it last.
-      std::erase_if(after, [&](const auto& entry) { return entry.first == name.from || entry.second == node; });
+      if (((subset >> change) & 1) == 0) continue;
+      // Where the change before it did not reach the disk, a renamed node still has the name from before that.
+      if (isGone) after.erase(name.from);
+      if (isMoved) std::erase_if(after, [&](const auto& entry) { return entry.second == node && HasOneName(node); });
       if (!name.to.empty() && node >= 0) after[name.to] = node;
     }
     return after;
+  }
+
+  bool HasOneName(int node) const {
+    return std::ranges::count_if(names, [node](const auto& entry) { return entry.second == node; }) <= 1;
   }
 
   static std::vector<std::string> Texts(const std::string& line) {
@@ -273,9 +218,9 @@ int CheckPowerLoss(const Disk& disk, const Files& files, bool isDone) {
       for (const char* path : {kRegistry, kOld, kNew})
         ::unlink(path);
       for (const auto& [path, node] : disk.After(subset))
-        Write(path.c_str(), disk.nodes[static_cast<size_t>(node)].After(halves));
+        WriteWholeFile(path.c_str(), disk.nodes[static_cast<size_t>(node)].After(halves));
       const unsigned int before = files.State();
-      const std::optional<unsigned int> state = LoadedState(kSmall);
+      const std::optional<unsigned int> state = LoadedState(kSmallTree);
       EXPECT_TRUE(state == before + 1 || (!isDone && (state == before || (before == 0 && !state))))
           << files.name << " subset " << subset << " halves " << halves;
       ++states;
@@ -295,27 +240,10 @@ Disk DiskOf(const Files& files) {
   return disk;
 }
 
-// Makes the disk of the registry's directory, of so many KiB, full up to that room, runs the worker and checks. False
-// when the save was refused.
-bool SaveWithRoom(const Files& files, const Worker& worker, size_t room) {
-  Prepare(files, worker.tree);
-  FILE* filler = std::fopen("/etc/pelrix/filler", "we");
-  const std::string page(4096, 'f');
-  while (std::fwrite(page.data(), 1, page.size(), filler) == page.size() && std::fflush(filler) == 0) {
-  }
-  const off_t used = std::ftell(filler) / 4096 * 4096;
-  EXPECT_EQ(::ftruncate(::fileno(filler), std::max<off_t>(0, used - static_cast<off_t>(room))), 0);
-  std::fclose(filler);
-  const int status = RunCommand({"/prove", "worker", worker.name});
-  ::unlink("/etc/pelrix/filler");
-  CheckSave(files, worker, status, "room " + std::to_string(room));
-  return status == 0;
-}
-
 // Holds a save up before its first call of that name, does something when the calls before it hold that text, and
 // tells whether the save was reported as done.
 bool SaveWhile(const std::string& call, const char* text, const std::function<void()>& action) {
-  Write("/calls", "");
+  WriteWholeFile("/calls", "");
   const pid_t saver = Start(Strace("inject=" + call + ":delay_enter=400000:when=1", kSave.name));
   EXPECT_TRUE(WaitUntil([text] { return ReadWholeFile("/calls").find(text) != std::string::npos; }));
   action();
@@ -326,7 +254,7 @@ bool SaveWhile(const std::string& call, const char* text, const std::function<vo
 constexpr unsigned int kSavers = 4;
 using Progress = std::array<std::atomic<unsigned int>, kSavers>;
 
-Tree TreeOfSaver(unsigned int state) {
+StateTree TreeOfSaver(unsigned int state) {
   return {300 + 60 * static_cast<int>(state % kSavers), 1000};
 }
 
@@ -343,7 +271,7 @@ Tree TreeOfSaver(unsigned int state) {
 }  // namespace
 
 int RunWorker(const std::string& name) {
-  for (const Worker& worker : {kSave, kSaveLarge, kLoad})
+  for (const Worker& worker : {kSave, kLoad})
     if (name == worker.name) SaveNextState(worker.tree, worker.isLoadWatched);
   return RunIniWorker(name);
 }
@@ -362,90 +290,59 @@ TEST(Prove, RegistrySaveFaults) {
   });
 }
 
-TEST(Prove, RegistrySaveKills) {
-  const FaultRoot root;
-  root.Run([] {
-    int kills = 0;
-    for (const Files& files : kFiles) {
-      FaultRun run = RunOf(files, kSave, {"signal=SIGKILL"});
-      run.check = [&files](int status, const std::string& what) {
-        ASSERT_EQ(status, -SIGKILL) << what << "\n" << ReadWholeFile("/stderr");
-        CheckSave(files, kSave, status, what);
-      };
-      kills += ForEachFault(run);
-    }
-    EXPECT_GT(kills, 40);
-    Figure(
-        "killed at each of %d system calls of saves from %zu states of the files: a complete tree, and the next "
-        "save works",
-        kills, std::size(kFiles));
-  });
-}
-
-TEST(Prove, RegistryFullDisk) {
-  const FaultRoot root;
-  root.Run([] {
-    ASSERT_EQ(::mount("tmpfs", "/etc/pelrix", "tmpfs", 0, "size=64k"), 0);
-    int refused = 0;
-    int saves = 0;
-    for (const Files& files : kFiles) {
-      for (size_t room = 0; room <= 16384; room += 4096, ++saves) {
-        refused += SaveWithRoom(files, kSave, room) ? 0 : 1;
-        ASSERT_FALSE(HasFailure());
-      }
-    }
-    EXPECT_GT(refused, 0);
-    Figure("%d saves to a tmpfs filled to a level, %d refused: the old or the new tree", saves, refused);
-  });
-}
-
-// A tree whose text takes several writes.
-TEST(Prove, LargeRegistry) {
-  const FaultRoot root;
-  root.Run([] {
-    int writes = 0;
-    FaultRun run = RunOf(kFiles[0], kSaveLarge, Errors());
-    run.faults.push_back("signal=SIGKILL");
-    run.isWanted = [&writes](const SystemCall& call) { return call.name == "write" && ++writes > 1; };
-    const int faults = ForEachFault(run);
-    EXPECT_GE(writes, 3);
-
-    ASSERT_EQ(::mount("tmpfs", "/etc/pelrix", "tmpfs", 0, "size=14m"), 0);
-    const size_t size = StateText(6, kLarge).size();
-    int refused = 0;
-    const int levels = Rounds(40, 6);
-    for (int level = 0; level < levels; ++level) {
-      refused += SaveWithRoom(kFiles[level % 2], kSaveLarge,
-                              (size + 8192) * static_cast<size_t>(level) / static_cast<size_t>(levels - 1))
-                     ? 0
-                     : 1;
-      ASSERT_FALSE(HasFailure());
-    }
-    EXPECT_TRUE(refused > 0 && refused < levels) << refused;
-    Figure(
-        "%zu bytes in %d writes: %d of the later ones fail or are killed, %d saves to a tmpfs filled to a level, %d "
-        "refused: the old or the new tree",
-        size, writes, faults, levels, refused);
-  });
-}
-
+// With second names for files and without them; killed or without power at each call.
 TEST(Prove, RegistryPowerLoss) {
   const FaultRoot root;
   root.Run([] {
     int states = 0;
     for (const Files& files : kFiles) {
-      Prepare(files, kSmall);
-      Disk disk = DiskOf(files);
-      ASSERT_EQ(RunCommand(Strace("trace=all", kSave.name, 100000)), 0);
-      for (const SystemCall& call : ReadCalls("/calls")) {
-        disk.Take(call.line);
-        states += CheckPowerLoss(disk, files, false);
+      for (const char* way : {"trace=all", "inject=link:error=EPERM"}) {
+        Prepare(files, kSmallTree);
+        Disk disk = DiskOf(files);
+        ASSERT_EQ(RunCommand(Strace(way, kSave.name, 100000)), 0);
+        for (const SystemCall& call : ReadCalls("/calls")) {
+          disk.Take(call.line);
+          states += CheckPowerLoss(disk, files, false);
+        }
+        states += CheckPowerLoss(disk, files, true);
+        ASSERT_FALSE(HasFailure());
       }
-      states += CheckPowerLoss(disk, files, true);
-      ASSERT_FALSE(HasFailure());
     }
     EXPECT_GT(states, 200);
     Figure("%d states after a power failure: each loads a complete tree, after a finished save the new one", states);
+  });
+}
+
+// At any moment, not only in a system call.
+TEST(Prove, RegistryRandomKills) {
+  const FaultRoot root;
+  root.Run([] {
+    WriteWholeFile(kRegistry, StateText(0));
+    std::mt19937 random(std::random_device{}());
+    auto& saved = *static_cast<std::atomic<unsigned int>*>(
+        ::mmap(nullptr, sizeof(unsigned int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    const int rounds = Rounds(10000, 300);
+    for (int round = 0; round < rounds; ++round) {
+      const unsigned int before = saved;
+      const pid_t saver = ::fork();
+      if (saver == 0) {
+        CRegistry registry;
+        while (true) {
+          SetState(registry, saved + 1);
+          CRegistry::SaveTree();
+          ++saved;
+        }
+      }
+      // Every second time at least one state is saved, however slow the machine.
+      EXPECT_TRUE(round % 2 == 1 || WaitUntil([&] { return saved > before; }));
+      ::usleep(static_cast<useconds_t>(random() % 20000));
+      ::kill(saver, SIGKILL);
+      ::waitpid(saver, nullptr, 0);
+      const std::optional<unsigned int> found = LoadedState();
+      ASSERT_TRUE(found == saved || found == saved + 1) << found.value_or(0) << " behind " << saved;
+      saved = *found;
+    }
+    Figure("%d kills at any moment of %u saves: the last state or the next", rounds, saved.load());
   });
 }
 
@@ -481,22 +378,22 @@ TEST(Prove, RegistrySavers) {
   const FaultRoot root;
   root.Run([] {
     // Another one finishes its save between the opening and the locking of its file: that file is left alone.
-    Prepare(kFiles[0], kSmall);
-    Write(kNew, StateText(7, kSmall));
+    Prepare(kFiles[0], kSmallTree);
+    WriteWholeFile(kNew, StateText(7, kSmallTree));
     EXPECT_TRUE(SaveWhile("flock", "O_NOFOLLOW", [] { ASSERT_EQ(::rename(kNew, kRegistry), 0); }));
-    EXPECT_EQ(StateOf(kRegistry, kSmall), 6U);
-    EXPECT_EQ(StateOf(kOld, kSmall), 7U);
+    EXPECT_EQ(StateOf(kRegistry, kSmallTree), 6U);
+    EXPECT_EQ(StateOf(kOld, kSmallTree), 7U);
     // Somebody without a lock replaces the file that is being written: his does not become the registry.
-    Prepare(kFiles[0], kSmall);
+    Prepare(kFiles[0], kSmallTree);
     EXPECT_FALSE(SaveWhile("fsync", "F_DUPFD", [] {
       ::unlink(kNew);
-      Write(kNew, StateText(8, kSmall));
+      WriteWholeFile(kNew, StateText(8, kSmallTree));
     }));
-    EXPECT_EQ(StateOf(kRegistry, kSmall), 5U);
-    EXPECT_EQ(StateOf(kNew, kSmall), 8U) << "it is not ours to remove";
+    EXPECT_EQ(StateOf(kRegistry, kSmallTree), 5U);
+    EXPECT_EQ(StateOf(kNew, kSmallTree), 8U) << "it is not ours to remove";
 
     ASSERT_EQ(::mount("tmpfs", "/etc/pelrix", "tmpfs", 0, "size=64m"), 0);
-    Write(kRegistry, StateText(kSavers, TreeOfSaver(0)));
+    WriteWholeFile(kRegistry, StateText(kSavers, TreeOfSaver(0)));
     auto& progress = *static_cast<Progress*>(
         ::mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     progress[0] = 1;
@@ -511,10 +408,8 @@ TEST(Prove, RegistrySavers) {
       ::waitpid(savers[saver], nullptr, 0);
     };
     const auto check = [&] {
-      std::optional<unsigned int> state = StateOf(kRegistry, TreeOfSaver);
-      if (!state && ::access(kRegistry, F_OK) != 0) state = StateOf(kOld, TreeOfSaver);
-      if (!state) state = StateOf(kRegistry, TreeOfSaver);  // was between the renames
-      ASSERT_TRUE(state.has_value()) << "torn or mixed";
+      const std::optional<unsigned int> state = StateOf(kRegistry, TreeOfSaver);
+      ASSERT_TRUE(state.has_value()) << "missing, torn or mixed";
       ASSERT_LE(*state / kSavers, progress[*state % kSavers]) << "nobody saved this";
       ++seen[*state % kSavers];
     };
@@ -537,8 +432,8 @@ TEST(Prove, RegistrySavers) {
         check();
         start(saver);
       }
-      check();
-      ++loads;
+      for (int load = 0; load < 50; ++load, ++loads)
+        check();
     }
     unsigned int saves = 0;
     for (unsigned int saver = 0; saver < kSavers; ++saver) {
@@ -549,5 +444,63 @@ TEST(Prove, RegistrySavers) {
     check();
     Figure("%u saves of four processes at once, %d kills: %d loads, each of a whole tree that one of them saved", saves,
            kills, loads);
+  });
+}
+
+TEST(Prove, RegistryText) {
+  const FixtureRoot root;
+  root.WriteFile(kRegistry, "[HKEY_LOCAL_MACHINE]\nV=d=1\n");
+  root.Run([] {
+    CRegistry registry("", CRegistry::HKEY_LOCAL_MACHINE, 0);
+    registry.SetValue("V", 2U);
+    // By name: the text that it holds, for a key in its only value, and what its trace line would contain.
+    std::map<std::string, std::pair<std::string, std::string>> stored = {{"V", {"", ""}}};
+    const auto store = [&](const std::string& name, const std::string& text, const std::string& tag) {
+      stored[name] = {text, tag};
+      CRegistryValue value = CRegistryValue::Text(text, tag.front() == 'e' ? kRegistryExpandString : kRegistryString);
+      CRegistryNodeRef key(CRegistry::HKEY_LOCAL_MACHINE);
+      if (tag.front() == 'k') CRegistry::HKEY_LOCAL_MACHINE->FindOrCreateSubKey(name, key);
+      EXPECT_TRUE(key->Exchange(tag.front() == 'k' ? "in" : name, value));
+    };
+    for (int byte = 1; byte <= 255; ++byte) {
+      for (int place = 0; place < 4; ++place) {
+        const std::string number = std::to_string(1000 * place + byte) + ".";
+        const auto with = [&](const std::string& tag) {
+          const std::string c(1, static_cast<char>(byte));
+          return (place % 2 == 0 ? c : "") + tag + (place > 0 ? c : "") + (place == 3 ? tag : "");
+        };
+        store(with("n" + number), "text", "n" + number);
+        store(with("k" + number), "text", "k" + number);
+        store("s" + number, with("text"), "s" + number);
+        store("e" + number, with("text"), "e" + number);
+      }
+    }
+    const TraceCapture trace(1);
+    CRegistry::SaveTree();
+    std::string traced;
+    for (const std::string& line : trace.Lines())
+      traced += line + "\n";
+
+    CRegistryNode loaded;
+    ASSERT_TRUE(CRegistry::ReadTree(kRegistry, loaded));
+    const CRegistryNodeRef top = loaded.FindSubKey("HKEY_LOCAL_MACHINE");
+    const CCriticalSectionLock lock(*top.Get());
+    int equal = 0;
+    for (const auto& [name, what] : stored) {
+      const RegistryEntry* entry = top->Find(name);
+      const CRegistryNodeRef key = top->FindSubKey(name);
+      if (key) entry = key->Find("in");
+      const bool isEqual = entry != nullptr && (name == "V" || entry->Text() == what.first);
+      EXPECT_TRUE(isEqual || traced.find(what.second) != std::string::npos) << testing::PrintToString(name);
+      EXPECT_TRUE(entry != nullptr || what.second.find_first_of("se") == std::string::npos)
+          << "nothing of a text came back: " << name;
+      equal += isEqual ? 1 : 0;
+    }
+    for (const RegistryEntry& entry : top->Entries())
+      EXPECT_TRUE(stored.contains(std::string(entry.Name())))
+          << "nobody stored " << testing::PrintToString(entry.Name());
+    EXPECT_EQ(loaded.Entries().size(), 1U);
+    Figure("every byte at every place of names, keys and texts: %d of %zu come back, the others are traced", equal,
+           stored.size());
   });
 }

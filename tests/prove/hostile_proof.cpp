@@ -147,6 +147,7 @@ void TryPlace(const Place& place, const Kind* kind) {
   if (kind == nullptr && place.content != nullptr) root.WriteFile(place.path, place.content);
   root.Run([&] {
     ::setenv("QN_NICKNAME", "SLES12", 1);
+    RememberRelease();
     if (kind == nullptr) {
       EXPECT_EQ(Use(place), kWasUsed) << "the use does not reach the file";
       return;

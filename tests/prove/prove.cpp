@@ -1,10 +1,6 @@
 #include "prove/prove.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cstdarg>
@@ -45,48 +41,6 @@ void Figure(const char* fmt, ...) {
   std::printf("\n");
   va_end(args);
   std::fflush(stdout);
-}
-
-pid_t Start(const std::vector<std::string>& command) {
-  const pid_t child = ::fork();
-  if (child != 0) return child;
-  ::close(STDERR_FILENO);
-  ::open("/stderr", O_CREAT | O_TRUNC | O_WRONLY, 0644);
-  std::vector<char*> argv;
-  for (const std::string& argument : command)
-    argv.push_back(const_cast<char*>(argument.c_str()));
-  argv.push_back(nullptr);
-  ::execv(argv[0], argv.data());
-  ::_exit(127);
-}
-
-bool WaitUntil(const std::function<bool()>& condition, int seconds) {
-  for (int tries = 0; tries < seconds * 500; ++tries) {
-    if (condition()) return true;
-    ::usleep(2000);
-  }
-  return false;
-}
-
-int WaitFor(pid_t child, int seconds) {
-  int status = 0;
-  if (WaitUntil([&] { return ::waitpid(child, &status, WNOHANG) == child; }, seconds)) return status;
-  ADD_FAILURE() << "process " << child << " does not end";
-  ::kill(child, SIGKILL);
-  ::waitpid(child, &status, 0);
-  return status;
-}
-
-int RunCommand(const std::vector<std::string>& command) {
-  const int status = WaitFor(Start(command));
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-}
-
-std::string TextOf(const std::string& path) {
-  std::ifstream stream(path, std::ios::binary);
-  std::ostringstream content;
-  content << stream.rdbuf();
-  return content.str();
 }
 
 std::vector<SystemCall> ReadCalls(const char* path, const char* from) {

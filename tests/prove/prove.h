@@ -1,10 +1,10 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <functional>
 #include <string>
 #include <vector>
+
+#include "support/daemon_root.h"
 
 // What the proofs share. A proof is a test case of its own that ends with one figure; RAVD_PROVE=short in the
 // environment makes it brief.
@@ -16,16 +16,6 @@ inline int Rounds(int whole, int brief) {
 
 // Prints the line that the runner shows.
 void Figure(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-
-// Starts the program with these arguments, its standard error in /stderr; the child's PID.
-pid_t Start(const std::vector<std::string>& command);
-// The wait status of the child; fails the test when it has not ended after that many seconds, and kills it.
-int WaitFor(pid_t child, int seconds = 20);
-int RunCommand(const std::vector<std::string>& command);
-bool WaitUntil(const std::function<bool()>& condition, int seconds = 20);
-
-// The content of a file, empty when there is none.
-std::string TextOf(const std::string& path);
 
 // Lines that went to syslog since the last call.
 int TakeSyslogLines();

@@ -1,10 +1,9 @@
-// The trace while its files are damaged, filled with random entries and read by others.
+// The trace while its files are damaged, and texts from outside in it.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -12,9 +11,7 @@
 
 #include <atomic>
 #include <fstream>
-#include <map>
 #include <optional>
-#include <random>
 #include <regex>
 #include <sstream>
 #include <thread>
@@ -149,23 +146,6 @@ void TryLateBlocker() {
 
 std::atomic<int> strangeFaults = 0;
 
-// The numbers of the whole entries "entry N <fill>" that end before the cut, with where they end.
-std::map<int, size_t> WholeEntries(const std::string& ring) {
-  std::map<int, size_t> found;
-  for (size_t at = ring.find(" entry "); at != std::string::npos; at = ring.find(" entry ", at + 1)) {
-    const size_t end = ring.find('\n', at);
-    if (end == std::string::npos) break;
-    char* next = nullptr;
-    const auto number = static_cast<int>(std::strtol(ring.c_str() + at + 7, &next, 10));
-    const long length = std::strtol(next, &next, 10);
-    if (length < 0) continue;
-    const std::string tail =
-        std::string(static_cast<size_t>(length), static_cast<char>('a' + number % 26)) + "#" + std::to_string(number);
-    if (end - at > tail.size() && ring.compare(end - tail.size(), tail.size(), tail) == 0) found[number] = end;
-  }
-  return found;
-}
-
 }  // namespace
 
 // What follows a ring buffer in memory is not there, so that a store behind its end ends the process.
@@ -193,32 +173,6 @@ TEST(Prove, TraceFilesDamaged) {
       "%d damaged files under four writers, two with all signals blocked: all lived, a ring that shrank is one "
       "syslog line and tracing off, a log that was cut goes on with whole lines",
       done);
-}
-
-TEST(Prove, TraceDiskFull) {
-  const TraceRoot root;
-  root.ConfigureRing("1");
-  root.Run([] {
-    int off = 0;
-    for (const char* size : {"size=64k", "size=2m", "size=4200k", "size=5200k"}) {
-      ASSERT_EQ(::mount("tmpfs", "/var/log/pelrix", "tmpfs", 0, size), 0);
-      ::setenv("QN_LOG_FILE_MAX_SIZE", "100000000", 1);
-      Debug.Init("ravd");
-      SurvivesWhileFourWrite([] { Debug.SetApplInitDone(); });
-      off += Debug.m_TraceLevelSaved == 0 ? 1 : 0;
-      // A buffer is there as a whole, or gives its space back.
-      for (const auto& [ring, whole] :
-           {std::pair{"/var/log/pelrix/log.ravd_i", 4 << 20}, std::pair{"/var/log/pelrix/log.ravd_a", 1 << 20}}) {
-        struct stat info {};
-        if (::stat(ring, &info) != 0) continue;
-        EXPECT_TRUE(info.st_size == 0 || info.st_size >= whole) << ring << " " << info.st_size;
-      }
-      Debug.Init("");
-      ::umount2("/var/log/pelrix", MNT_DETACH);
-    }
-    EXPECT_EQ(off, 3);
-    Figure("4 full disks under four writers: all lived, %d without room for a ring buffer", off);
-  });
 }
 
 // Only the fault of a copy is caught: everything else ends the process or reaches the handler that was there before.
@@ -257,91 +211,6 @@ TEST(Prove, StrangeBusErrors) {
   });
 }
 
-TEST(Prove, RandomEntries) {
-  const TraceRoot root;
-  root.ConfigureRing("3");
-  root.Run([] {
-    ASSERT_TRUE(Debug.Init("ravd"));
-    Debug.SetApplInitDone();
-    const int entries = Rounds(10000000, 500000);
-    std::string ring = ReadWholeFile(TraceRoot::kRunTimeRing);
-    const size_t begin = ring.find("### Begin of RingBuffer. ###\n") + 29;
-    const UniqueFd file(::open(TraceRoot::kRunTimeRing, O_RDONLY | O_CLOEXEC));
-    std::mt19937 random(1);
-    std::string text(200000, '\0');
-    for (char& character : text)
-      character = static_cast<char>(random() % 255 + 1);
-    const auto check = [&](const std::string& newest) {
-      struct stat info {};
-      ::fstat(file.Get(), &info);
-      ASSERT_EQ(static_cast<size_t>(info.st_size), kMiB) << "something behind the end";
-      ASSERT_EQ(::pread(file.Get(), ring.data(), kMiB, 0), static_cast<ssize_t>(kMiB));
-      ASSERT_EQ(ring.compare(49, 20, "Quennet Environment:"), 0);
-      ASSERT_LT(ring.find("# End of header.\n"), begin);
-      ASSERT_EQ(ring.compare(begin - 29, 29, "### Begin of RingBuffer. ###\n"), 0);
-      ASSERT_NE(ring.find(newest + "\n## TRACE-END ##\n", begin), std::string::npos) << newest;
-    };
-    for (int entry = 0; entry < entries; ++entry) {
-      const size_t kind = random() % 1000;
-      const size_t length = kind < 2 ? random() % text.size() : kind < 30 ? random() % 2000 : random() % 150;
-      const size_t from = random() % (text.size() - length);
-      if (kind % 7 == 0) {
-        Debug.PrintAlways("%*d %.3f %.*s", static_cast<int>(kind), entry, static_cast<double>(kind) / 7,
-                          static_cast<int>(length), text.data() + from);
-      } else {
-        Debug.Print(static_cast<unsigned int>(kind % 5), "%.*s", static_cast<int>(length), text.data() + from);
-      }
-      if (entry % 5000 == 0) {
-        const std::string newest = "newest entry " + std::to_string(entry);
-        Debug.Print(1, "%s", newest.c_str());
-        ASSERT_NO_FATAL_FAILURE(check(newest));
-      }
-    }
-    Figure("%d random entries: header intact, newest entry before the marker, nothing behind the end", entries);
-  });
-}
-
-TEST(Prove, RingReader) {
-  const TraceRoot root;
-  root.ConfigureRing("1");
-  root.Run([] {
-    ASSERT_TRUE(Debug.Init("ravd"));
-    Debug.SetApplInitDone();
-    std::atomic<int> written = 0;
-    std::atomic<bool> stop = false;
-    std::thread writer([&] {
-      std::mt19937 random(2);
-      for (int number = 1; !stop; ++number) {
-        const int length = static_cast<int>(random() % 150);
-        const std::string fill(static_cast<size_t>(length), static_cast<char>('a' + number % 26));
-        Debug.Print(1, " entry %d %d %s#%d", number, length, fill.c_str(), number);
-        written = number;
-        if (number % 16 == 0) ::usleep(50);
-      }
-    });
-    const int snapshots = Rounds(10000, 500);
-    std::mt19937 random(3);
-    size_t required = 0;
-    for (int snapshot = 0; snapshot < snapshots && !testing::Test::HasFailure(); ++snapshot) {
-      const int before = written;
-      std::string ring = ReadWholeFile(TraceRoot::kRunTimeRing);
-      const int after = written;
-      const std::map<int, size_t> whole = WholeEntries(ring);
-      // 1 MiB holds more than 4,000 entries of up to 220 bytes; what was overwritten while reading is gone.
-      for (int number = std::max(1, after - 4000); number <= before; ++number, ++required)
-        ASSERT_TRUE(whole.contains(number)) << number << " of " << before << " to " << after;
-      ring.resize(random() % ring.size());
-      const std::map<int, size_t> cut = WholeEntries(ring);
-      for (const auto& [number, end] : whole)
-        ASSERT_EQ(cut.contains(number), end < ring.size()) << number;
-    }
-    stop = true;
-    writer.join();
-    EXPECT_GT(required, static_cast<size_t>(snapshots));
-    Figure("%d snapshots and cuts of a live ring: all %zu complete entries found", snapshots, required);
-  });
-}
-
 // Text from outside stays text. A newline in it, and any other control character, passes through: the format has no
 // escapes, so that such a text can look like several entries.
 TEST(Prove, TextSafety) {
@@ -366,6 +235,7 @@ TEST(Prove, TextSafety) {
       ASSERT_TRUE(Debug.Init("ravd"));
       Debug.SetMainParams(2, argv);
       ParseCommandLine(2, argv);
+      RememberRelease();
       DetermineRunLevel();
       Debug.PrintAlways(0, "outside: %s", nasty.c_str());
       const std::string end = nasty + (nasty.ends_with("\n") ? "" : "\n");

@@ -47,6 +47,9 @@ TEST_F(Registry, PathsFollowSeparatorsAndEndAtValues) {
       EXPECT_EQ(registry.Open(row.first, CRegistry::HKEY_LOCAL_MACHINE), row.second) << row.first;
       EXPECT_EQ(registry.Close(), row.second == 0) << row.first;
     }
+    registry.Open("A", CRegistry::HKEY_LOCAL_MACHINE);
+    EXPECT_EQ(registry.Open("None", CRegistry::HKEY_LOCAL_MACHINE), -1);
+    EXPECT_FALSE(registry.Close()) << "a failed Open leaves no key";
     EXPECT_EQ(registry.Open(nullptr, nullptr), -1);
     EXPECT_EQ(registry.Open("", nullptr), 0);
     EXPECT_EQ(registry.CreateKey(nullptr, "HKEY_LOCAL_MACHINE\\A/B\\E\\"), 0);

@@ -7,21 +7,28 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 namespace {
 
 const char* failingFunction = nullptr;
 int callsLeft = 0;
+std::function<void()> actionBefore;
 
 bool ShallFail(const char* function) {
   if (failingFunction == nullptr || std::strcmp(failingFunction, function) != 0 || --callsLeft != 0) return false;
+  if (actionBefore) {
+    actionBefore();
+    return false;
+  }
   errno = EIO;
   return true;
 }
 
 }  // namespace
 
-FailingCall::FailingCall(const char* function, int callNumber) {
+FailingCall::FailingCall(const char* function, int callNumber, std::function<void()> action) {
+  actionBefore = std::move(action);
   callsLeft = callNumber;
   failingFunction = function;
 }
@@ -36,6 +43,10 @@ bool FailingCall::HasHappened() const {
 
 extern "C" int fsync(int fd) {
   return ShallFail("fsync") ? -1 : static_cast<int>(::syscall(SYS_fsync, fd));
+}
+
+extern "C" int link(const char* from, const char* to) noexcept {
+  return ShallFail("link") ? -1 : static_cast<int>(::syscall(SYS_link, from, to));
 }
 
 extern "C" int rename(const char* from, const char* to) noexcept {

@@ -3,17 +3,19 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <functional>
 
-#include "support/fixture_root.h"
+#include "platform/unique_fd.h"
+#include "support/daemon_root.h"
 
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
@@ -21,131 +23,83 @@ using ::testing::Not;
 
 namespace {
 
-constexpr const char* kLog = "/var/log/pelrix/log.ravd";
-constexpr const char* kPidFile = "/var/run/ravd.pid";
-constexpr const char* kLockFile = "/var/lock/ravd.lock";
+// A run to its end and its exit status.
+void Stop(pid_t daemon, int signal = SIGTERM) {
+  ::kill(daemon, signal);
+  EXPECT_EQ(WaitFor(daemon), 0) << Log();
+  EXPECT_NE(::access(kPidFile, F_OK), 0);
+  EXPECT_NE(::access(kLockFile, F_OK), 0);
+}
 
-// Seen from inside: starts the daemon, looks at what it leaves and ends it.
-class Daemon {
+std::string LinkOf(pid_t process, const std::string& name) {
+  std::error_code error;
+  return std::filesystem::read_symlink("/proc/" + std::to_string(process) + "/" + name, error);
+}
+
+// A service manager's end of the socket; tells what was in the log when the message came.
+class Manager {
  public:
-  explicit Daemon(std::vector<std::string> arguments, const std::string& switchBehaviour = "") {
-    ::prctl(PR_SET_CHILD_SUBREAPER, 1);  // a daemon in the background stays a child of this process
-    ::setenv("LD_LIBRARY_PATH", "/lib-switch", 1);
-    ::setenv("ODD_SWITCH", switchBehaviour.c_str(), 1);
-    ::setenv("QN_NICKNAME", "SLES12", 1);  // the run level file counts, with systemd on the machine or without
-    m_Started = Spawn(std::move(arguments));
+  Manager() {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, "/notify");
+    EXPECT_EQ(::bind(m_Fd.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ::setenv("NOTIFY_SOCKET", "/notify", 1);
   }
-
-  static pid_t Spawn(std::vector<std::string> arguments) {
-    const pid_t child = ::fork();
-    if (child != 0) return child;
-    ::close(STDERR_FILENO);
-    ::open("/stderr", O_CREAT | O_TRUNC | O_WRONLY, 0644);
-    std::vector<char*> argv{const_cast<char*>("/ravd")};
-    for (std::string& argument : arguments)
-      argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    ::execv("/ravd", argv.data());
-    ::_exit(127);
+  std::string Wait() const {
+    char text[64];
+    const ssize_t length = ::recv(m_Fd.Get(), text, sizeof text, 0);
+    return length < 0 ? "(nothing)" : std::string(text, static_cast<size_t>(length));
   }
-
-  pid_t Started() const { return m_Started; }
-
-  static int WaitExit(pid_t pid) {
-    int status = 0;
-    return ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-
-  static std::string Log() { return ::access(kLog, R_OK) == 0 ? ReadWholeFile(kLog) : ""; }
-  static std::string StandardError() { return ReadWholeFile("/stderr"); }
-
-  static bool WaitUntil(const std::function<bool()>& condition) {
-    for (int tries = 0; tries < 2000; ++tries) {
-      if (condition()) return true;
-      ::usleep(10000);
-    }
-    return false;
-  }
-
-  static bool WaitForLog(const std::string& text) {
-    return WaitUntil([&text] { return Log().find(text) != std::string::npos; });
-  }
-
-  // Waits until it takes signals.
-  static bool WaitReady() { return WaitForLog("Waiting for signals..."); }
-
-  static pid_t Pid() { return std::atoi(ReadWholeFile(kPidFile).c_str()); }
 
  private:
-  pid_t m_Started = -1;
+  UniqueFd m_Fd{::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
 };
-
-class DaemonRoot : public FixtureRoot {
- public:
-  DaemonRoot() {
-    for (const char* directory : {"/var/log/pelrix", "/var/run", "/etc/pelrix", "/lib-switch", "/dev"}) {
-      MakeDirectory(directory);
-    }
-    std::filesystem::copy(RAVD_BINARY, HostPath("/ravd"));
-    std::filesystem::copy(ODD_SWITCH_LIBRARY, HostPath("/lib-switch/libswitch.so"));
-  }
-
-  void Run(const std::function<void()>& body) const { FixtureRoot::Run(body, kUsr | kProc); }
-};
-
-// Position of every text behind the one before it.
-void ExpectInOrder(const std::string& log, const std::vector<std::string>& texts) {
-  size_t at = 0;
-  for (const std::string& text : texts) {
-    const size_t found = log.find(text, at);
-    ASSERT_NE(found, std::string::npos) << "\"" << text << "\" is missing behind position " << at << " of\n" << log;
-    at = found + text.size();
-  }
-}
 
 }  // namespace
 
 TEST(Daemon, ForegroundRunFromStartToStop) {
-  const DaemonRoot root;
+  const DaemonRoot root(RAVD_BINARY, BAD_SWITCH);
   root.WriteFile("/etc/pelrix/RunLevel", "6\n");
   root.Run([] {
+    SwitchTracingOn();
     ::setenv("QN_LOG_DEBUG_LEVEL", "2", 1);
-    ::setenv("TraceFileLimit", "1", 1);
-    ::setenv("QN_LOG_RINGBUF_WEIGHT", "1", 1);
-    const Daemon daemon({"-rescan", "-tessel", "-agentless", "-n"});
-    ASSERT_TRUE(Daemon::WaitReady());
-    EXPECT_EQ(Daemon::StandardError(), "/ravd: RAVD-MAIN: started in \"No Demon\" Mode\n");
-    EXPECT_EQ(ReadWholeFile(kLockFile), "ravd#" + std::to_string(daemon.Started()));
-    EXPECT_EQ(ReadWholeFile(kPidFile), std::to_string(daemon.Started()) + "\n");
+    const Manager manager;
+    const pid_t daemon = StartDaemon(false, {"-rescan", "-tessel", "-agentless"});
+    // Ready is who has finished its start, and only who has.
+    EXPECT_EQ(manager.Wait(), "READY=1");
+    EXPECT_NE(Log().find("## Done initializing ##"), std::string::npos);
+    EXPECT_NE(::access(kRing, F_OK), -1);
+    ASSERT_TRUE(WaitReady());
+    EXPECT_EQ(TextOf("/stderr"), "/ravd: RAVD-MAIN: started in \"No Demon\" Mode\n");
+    EXPECT_EQ(ReadWholeFile(kLockFile), "ravd#" + std::to_string(daemon));
+    EXPECT_EQ(ReadWholeFile(kPidFile), std::to_string(daemon) + "\n");
     struct stat info {};
     ::stat(kPidFile, &info);
     EXPECT_EQ(info.st_mode & 0777U, 0640U);  // umask 026
-    EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(daemon.Started()) + "/cwd"), "/");
+    EXPECT_EQ(LinkOf(daemon, "cwd"), "/");
 
     // A second one leaves everything as it is.
-    EXPECT_EQ(Daemon::WaitExit(Daemon::Spawn({"-n"})), 1);
-    EXPECT_EQ(Daemon::StandardError(), "/ravd: RAVD-MAIN: Error! Another process instance is already running!\n");
-    EXPECT_EQ(ReadWholeFile(kLockFile), "ravd#" + std::to_string(daemon.Started()));
+    EXPECT_EQ(RunCommand({"/ravd", "-n"}), 1);
+    EXPECT_EQ(TextOf("/stderr"), "/ravd: RAVD-MAIN: Error! Another process instance is already running!\n");
+    EXPECT_EQ(ReadWholeFile(kLockFile), "ravd#" + std::to_string(daemon));
 
-    ::kill(daemon.Started(), SIGALRM);
-    ASSERT_TRUE(Daemon::WaitForLog("(SIGALRM) caught -> ignoring"));
-    ::kill(daemon.Started(), SIGHUP);
-    ASSERT_TRUE(Daemon::WaitForLog("Trace reset due to SIGHUP"));
-    ::kill(daemon.Started(), SIGHUP);
-    ASSERT_TRUE(Daemon::WaitForLog("Trace forced due to SIGHUP"));
-    ::kill(daemon.Started(), SIGTERM);
-    EXPECT_EQ(Daemon::WaitExit(daemon.Started()), 0);
-    EXPECT_NE(::access(kPidFile, F_OK), 0);
-    EXPECT_NE(::access(kLockFile, F_OK), 0);
+    ::kill(daemon, SIGALRM);
+    ASSERT_TRUE(WaitForLog("(SIGALRM) caught -> ignoring"));
+    ::kill(daemon, SIGHUP);
+    ASSERT_TRUE(WaitForLog("Trace reset due to SIGHUP"));
+    ::kill(daemon, SIGHUP);
+    ASSERT_TRUE(WaitForLog("Trace forced due to SIGHUP"));
+    Stop(daemon);
   });
   const std::string log = root.ReadFile(kLog);
   ExpectInOrder(log, {"ravd Command Line Options:",
                       "argv[4] = \"-n\"",
                       "ravd Version=\"3.12-05\" Milestone=\"-\" Built=\"",
                       "RAVD-MAIN: running as x86_64 (64-Bit) process; Build on SLES11 GA x86_64 (64-Bit)\n",
-                      "odd: constructed",
-                      "odd: load flags=1 mode=5 master=1\n",
-                      "odd: start\n",
+                      "bad: constructed",
+                      "bad: flags 1 mode 5 master 1\n",
+                      "bad: start\n",
                       "RAVD-MAIN: ## Done initializing ##\n",
                       "RAVD-MAIN:  Waiting for signals...\n",
                       "RAVD-MAIN:  ... got signal 14\n",
@@ -157,13 +111,13 @@ TEST(Daemon, ForegroundRunFromStartToStop) {
                       "RAVD-MAIN:  ... got signal 15\n",
                       "RAVD-MAIN: Signal 15 caught -> processing\n",
                       "RAVD-MAIN: Current RunLevel = 6\n",
-                      "odd: notify 00020000 level -99 1\n",
-                      "odd: notify 00030000 level 6 1\n",
+                      "bad: event 00020000 level -99 1\n",
+                      "bad: event 00030000 level 6 1\n",
                       "RAVD-MAIN: ## Someone signaled exit state ##\n",
-                      "odd: stop\n",
-                      "odd: unload 0\n",
-                      "odd: release\n",
-                      "odd: destroyed\n",
+                      "bad: stop\n",
+                      "bad: argument 0\n",
+                      "bad: release\n",
+                      "bad: destroyed\n",
                       "RAVD-MAIN: ## EXIT PROCESS RAVD ##\n"});
   EXPECT_THAT(log, Not(HasSubstr("smbus")));  // only asked in run mode 0
   const size_t start = log.find("Start=\"");
@@ -178,35 +132,48 @@ TEST(Daemon, ForegroundRunFromStartToStop) {
   EXPECT_TRUE(root.Exists("/var/log/pelrix/log.ravd_i.gz"));
 }
 
-TEST(Daemon, BackgroundRunKeepsTheLockOfItsParent) {
-  const DaemonRoot root;
+TEST(Daemon, BackgroundRunKeepsTheLockOfItsParentAndNothingElse) {
+  const DaemonRoot root(RAVD_BINARY, BAD_SWITCH);
+  root.Remove("/etc/pelrix/RunLevel");
   root.Run([] {
-    const Daemon daemon({});
-    EXPECT_EQ(Daemon::WaitExit(daemon.Started()), 0);
-    ASSERT_TRUE(Daemon::WaitReady());
-    EXPECT_EQ(Daemon::StandardError(), "");
-    const pid_t pid = Daemon::Pid();
-    EXPECT_NE(pid, daemon.Started());
+    ASSERT_EQ(::mkdir("/started-here", 0755), 0);
+    ASSERT_EQ(::chdir("/started-here"), 0);
+    const int inherited = ::open("/inherited", O_CREAT | O_RDWR, 0644);
+    const pid_t started = StartDaemon(true);
+    ASSERT_TRUE(WaitReady());
+    ::close(inherited);
+    EXPECT_EQ(TextOf("/stderr"), "");
+    const pid_t pid = PidOfDaemon();
+    EXPECT_NE(pid, started);
     EXPECT_EQ(::getsid(pid), pid);
-    EXPECT_EQ(ReadWholeFile(kLockFile), "ravd#" + std::to_string(daemon.Started()));
-    EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/fd/2"), "/dev/null");
-    EXPECT_EQ(Daemon::WaitExit(Daemon::Spawn({})), 1);
-    ::kill(pid, SIGINT);
-    EXPECT_EQ(Daemon::WaitExit(pid), 0);
-    EXPECT_NE(::access(kPidFile, F_OK), 0);
-    EXPECT_NE(::access(kLockFile, F_OK), 0);
+    EXPECT_EQ(LinkOf(pid, "cwd"), "/");
+    EXPECT_EQ(ReadWholeFile(kLockFile), "ravd#" + std::to_string(started));
+    EXPECT_EQ(LinkOf(pid, "fd/2"), "/dev/null");
+    for (int fd = 3; fd < 20; ++fd)
+      EXPECT_NE(LinkOf(pid, "fd/" + std::to_string(fd)), "/inherited");
+    EXPECT_EQ(RunCommand({"/ravd"}), 1);
+    Stop(pid, SIGINT);
   });
   const std::string log = root.ReadFile(kLog);
   // No run level file: three tries, then a simple stop without the news of a shutdown.
   ExpectInOrder(log, {"INFO: smbus-driver is not available", "cannot open /etc/pelrix/RunLevel (try 0)", "(try 1)",
                       "(try 2)", "RAVD-MAIN: this seems to be a simple stop of RAVD (not OS shutdown)\n",
-                      "RAVD-MAIN: Current RunLevel = 5\n", "odd: notify 00020000 level -99 1\n", "Someone signaled"});
+                      "RAVD-MAIN: Current RunLevel = 5\n", "bad: event 00020000 level -99 1\n", "Someone signaled"});
   EXPECT_THAT(log, Not(HasSubstr("00030000")));
+}
+
+TEST(Daemon, LimitOfItsStarterEndsNoProcess) {
+  const DaemonRoot root(RAVD_BINARY, BAD_SWITCH);
+  root.Run([] {
+    SwitchTracingOn();
+    EXPECT_EQ(RunCommand({"/usr/bin/sh", "-c", "ulimit -f 0; /ravd -n & sleep 3; kill $!; wait $!"}), 0);
+    EXPECT_NE(::access(kLockFile, F_OK), 0);
+  });
 }
 
 TEST(Daemon, OrdinaryUserIsRefusedBeforeAnythingHappens) {
   if (::getuid() != 0) GTEST_SKIP() << "needs a second user";
-  const DaemonRoot root;
+  const DaemonRoot root(RAVD_BINARY, BAD_SWITCH);
   root.Run([] {
     const pid_t child = ::fork();
     if (child == 0) {
@@ -214,52 +181,49 @@ TEST(Daemon, OrdinaryUserIsRefusedBeforeAnythingHappens) {
       ::execl("/ravd", "/ravd", nullptr);
       ::_exit(98);
     }
-    EXPECT_EQ(Daemon::WaitExit(child), 1);
-    EXPECT_NE(::access("/var/lock", F_OK), 0);
+    EXPECT_EQ(WEXITSTATUS(WaitFor(child)), 1);
+    EXPECT_NE(::access(kLockFile, F_OK), 0);
   });
 }
 
-TEST(Daemon, SwitchThatCannotBeUsedEndsTheStart) {
-  for (const char* behaviour : {"refuse", "null", "missing"}) {
-    SCOPED_TRACE(behaviour);
-    const DaemonRoot root;
-    if (std::string(behaviour) == "missing") root.Remove("/lib-switch/libswitch.so");
-    root.Run([behaviour] {
-      const Daemon daemon({"-nodemon"}, behaviour);
-      EXPECT_EQ(Daemon::WaitExit(daemon.Started()), 1);
-      EXPECT_NE(::access(kPidFile, F_OK), 0);
-      EXPECT_NE(::access(kLockFile, F_OK), 0);
-      EXPECT_THAT(Daemon::Log(), HasSubstr("RAVD-MAIN: FATAL ERROR! Tavrik SWITCH could not be loaded!\n"));
-      EXPECT_THAT(Daemon::Log(), Not(HasSubstr("odd: release")));
-    });
-  }
-}
-
-TEST(Daemon, ModulesThatCannotBeLoadedLeaveItRunning) {
-  for (const char* behaviour : {"fail", "throw"}) {
-    SCOPED_TRACE(behaviour);
-    const DaemonRoot root;
-    root.WriteFile("/etc/pelrix/RunLevel", "3");
-    root.Run([behaviour] {
-      const Daemon daemon({"-n"}, behaviour);
-      ASSERT_TRUE(Daemon::WaitReady());
-      ::kill(daemon.Started(), SIGTERM);
-      EXPECT_EQ(Daemon::WaitExit(daemon.Started()), 0);
-      EXPECT_THAT(Daemon::Log(), Not(HasSubstr("odd: start")));
-      ExpectInOrder(Daemon::Log(),
-                    {"## Done initializing ##", "odd: stop", "odd: unload 0", "odd: release", "EXIT PROCESS"});
+TEST(Daemon, SwitchesThatFailEndTheStartOrLeaveItRunning) {
+  const struct {
+    const char* library;
+    const char* behaviour;
+    bool isFatal;
+  } rows[] = {{"", "", true},
+              {BAD_SWITCH, "refuse", true},
+              {BAD_SWITCH, "null", true},
+              {BAD_SWITCH, "no modules", false},
+              {BAD_SWITCH, "load", false}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.behaviour);
+    const DaemonRoot root(RAVD_BINARY, row.library);
+    root.Run([&row] {
+      ::setenv("BAD_SWITCH", row.behaviour, 1);
+      const pid_t daemon = StartDaemon();
+      if (row.isFatal) {
+        EXPECT_EQ(WEXITSTATUS(WaitFor(daemon)), 1);
+        EXPECT_NE(::access(kLockFile, F_OK), 0);
+        EXPECT_THAT(Log(), HasSubstr("RAVD-MAIN: FATAL ERROR! Tavrik SWITCH could not be loaded!\n"));
+        EXPECT_THAT(Log(), Not(HasSubstr("bad: release")));
+        return;
+      }
+      ASSERT_TRUE(WaitReady());
+      Stop(daemon);
+      EXPECT_THAT(Log(), Not(HasSubstr("bad: start")));
+      ExpectInOrder(Log(), {"## Done initializing ##", "bad: stop", "bad: argument 0", "bad: release", "EXIT PROCESS"});
     });
   }
 }
 
 TEST(Daemon, IdleDaemonSleepsAndStaysSmall) {
-  const DaemonRoot root;
-  root.WriteFile("/etc/pelrix/RunLevel", "3");
+  const DaemonRoot root(RAVD_BINARY, BAD_SWITCH);
   root.Run([] {
-    const Daemon daemon({"-n"});
-    ASSERT_TRUE(Daemon::WaitReady());
+    const pid_t daemon = StartDaemon();
+    ASSERT_TRUE(WaitReady());
     const auto status = [&daemon](const std::string& key) {
-      const std::string text = ReadWholeFile("/proc/" + std::to_string(daemon.Started()) + "/status");
+      const std::string text = ReadWholeFile("/proc/" + std::to_string(daemon) + "/status");
       return std::atol(text.c_str() + text.find(key) + key.size());
     };
     ::usleep(200000);
@@ -270,8 +234,7 @@ TEST(Daemon, IdleDaemonSleepsAndStaysSmall) {
     if (RAVD_SANITIZED == 0) {
       EXPECT_LT(status("\nVmRSS:"), 6 * 1024);
     }
-    ::kill(daemon.Started(), SIGTERM);
-    EXPECT_EQ(Daemon::WaitExit(daemon.Started()), 0);
+    Stop(daemon);
   });
 }
 
@@ -279,19 +242,19 @@ TEST(Daemon, IdleDaemonSleepsAndStaysSmall) {
 TEST(Daemon, KilledDaemonNeverKeepsTheNextOneOut) {
   const char* wanted = std::getenv("RAVD_KILL_ROUNDS");
   const int rounds = wanted != nullptr ? std::atoi(wanted) : 40;
-  const DaemonRoot root;
+  const DaemonRoot root(RAVD_BINARY, BAD_SWITCH);
   root.Run([rounds] {
     for (int round = 0; round < rounds; ++round) {
-      const Daemon daemon({"-n"});
+      const pid_t daemon = StartDaemon();
       // Killed at any moment between the lock and the wait for signals.
-      ASSERT_TRUE(Daemon::WaitUntil([&daemon] {
-        return ::access(kLockFile, F_OK) == 0 && ReadWholeFile(kLockFile) == "ravd#" + std::to_string(daemon.Started());
+      ASSERT_TRUE(WaitUntil([&daemon] {
+        return ::access(kLockFile, F_OK) == 0 && ReadWholeFile(kLockFile) == "ravd#" + std::to_string(daemon);
       })) << "round "
-          << round << ": " << Daemon::StandardError();
+          << round << ": " << TextOf("/stderr");
       ::usleep(static_cast<useconds_t>(round * 7919 % 20000));
-      ::kill(daemon.Started(), SIGKILL);
+      ::kill(daemon, SIGKILL);
       int status = 0;
-      ASSERT_EQ(::waitpid(daemon.Started(), &status, 0), daemon.Started());
+      ASSERT_EQ(::waitpid(daemon, &status, 0), daemon);
       ASSERT_TRUE(WIFSIGNALED(status)) << "round " << round << ": it ended by itself with " << WEXITSTATUS(status);
     }
   });

@@ -70,6 +70,7 @@ TEST_F(TraceConfiguration, DirectoryAndHeaderSwitch) {
                  "MemoryTracesFlag=0\n[EndOfFile]\n");
   root.Run([] {
     ::setenv("AgentShut", "yes %s", 1);
+    ::setenv("QN_LOG_RINGBUF_DIR", "", 1);  // as good as none
     EXPECT_TRUE(Debug.Init("ravd"));
   });
   const std::string log = root.ReadFile("/my dir /log.ravd");

@@ -3,8 +3,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <atomic>
 #include <cerrno>
 #include <thread>
+#include <vector>
 
 #include "platform/process.h"
 #include "support/trace_capture.h"
@@ -113,6 +119,58 @@ TEST_F(TraceDebug, MemoryColumnIsTheResidentSizeOfTheStatusFile) {
       },
       FixtureRoot::kProc);
   EXPECT_THAT(FirstLine(root.ReadFile(TraceRoot::kLog)), MatchesRegex(".{35}   [0-9 ]{5} KB !ravd          here"));
+}
+
+TEST_F(TraceDebug, MemoryIsReadAnewAfterAMillisecondAndAboveTheStandardDescriptors) {
+  root.Run(
+      [] {
+        for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
+          ::close(fd);
+        ResidentMemory memory;
+        const size_t before = memory.KbAt(5000);
+        EXPECT_NE(::open("/dev/null", O_RDWR | O_CREAT, 0644), 3) << "a standard descriptor was taken";
+        const std::string large(64UL * 1024 * 1024, 'x');
+        EXPECT_EQ(memory.KbAt(5999), before);
+        EXPECT_GT(memory.KbAt(6000), before + large.size() / 2048);
+        EXPECT_GT(memory.KbAt(10), before) << "the clock has stepped back";
+      },
+      FixtureRoot::kProc);
+}
+
+TEST_F(TraceDebug, ForkedChildIsOffAndLeavesTheFilesAlone) {
+  root.ConfigureRing("1");
+  root.Run([] {
+    ASSERT_TRUE(Debug.Init("ravd"));
+    std::atomic<bool> stop = false;
+    std::vector<std::thread> writers;
+    for (int writer = 0; writer < 2; ++writer)
+      writers.emplace_back([&stop] {
+        while (!stop)
+          Debug.PrintAlways("of the parent");
+      });
+    for (int round = 0; round < 100; ++round) {
+      const pid_t child = ::fork();
+      if (child == 0) {
+        ::alarm(20);
+        Debug.Print(1, "of the child");
+        Debug.ForceMaxDebug(true);
+        Debug.PrintAlways("of the child");
+        if (round % 2 == 0) std::exit(0);
+        ::mkdir("/own", 0755);
+        ::setenv("QN_LOG_RINGBUF_DIR", "/own", 1);
+        ::_exit(Debug.Init("own") && Debug.Directory() == std::string("/own") ? 0 : 1);
+      }
+      int status = -1;
+      ::waitpid(child, &status, 0);
+      ASSERT_EQ(status, 0) << "round " << round;
+    }
+    stop = true;
+    for (std::thread& writer : writers)
+      writer.join();
+    for (const char* path : {TraceRoot::kLog, TraceRoot::kStartUpRing})
+      EXPECT_THAT(ReadWholeFile(path), ::testing::Not(::testing::HasSubstr("of the child"))) << path;
+    EXPECT_TRUE(Debug.m_TraceActive);
+  });
 }
 
 TEST_F(TraceDebug, CommandLineGoesToTheLogFile) {

@@ -1,5 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <csignal>
 
 #include "trace/trace_root.h"
 
@@ -13,9 +16,9 @@ void PrintEntryOf(size_t bytes, char fill) {
 
 }  // namespace
 
-using LogFile = TraceTest;
+using TraceLogFile = TraceTest;
 
-TEST_F(LogFile, WrapsBehindItsStartUpPart) {
+TEST_F(TraceLogFile, WrapsBehindItsStartUpPart) {
   root.Run([] {
     ::setenv("QN_LOG_FILE_MAX_SIZE", "1000", 1);
     ASSERT_TRUE(Debug.Init("ravd"));
@@ -43,7 +46,7 @@ TEST_F(LogFile, WrapsBehindItsStartUpPart) {
   });
 }
 
-TEST_F(LogFile, WrapsToItsBeginningWhileStarting) {
+TEST_F(TraceLogFile, WrapsToItsBeginningWhileStarting) {
   root.Run([] {
     ::setenv("QN_LOG_FILE_MAX_SIZE", "300", 1);
     ASSERT_TRUE(Debug.Init("ravd"));
@@ -54,4 +57,23 @@ TEST_F(LogFile, WrapsToItsBeginningWhileStarting) {
   const std::string log = root.ReadFile(TraceRoot::kLog);
   EXPECT_EQ(log.find("------ WRAP ----- Cycle=1, CntInitEnd=0, CurrentByteCnt=0 (MaxCnt=300)\n"), kHeader);
   EXPECT_NE(log.find(std::string("\0\n", 2)), std::string::npos);
+}
+
+TEST_F(TraceLogFile, TornLineIsEndedBeforeTheNextEntry) {
+  root.Run([] {
+    std::signal(SIGXFSZ, SIG_IGN);
+    ASSERT_TRUE(Debug.Init("ravd"));
+    rlimit limit{};
+    ::getrlimit(RLIMIT_FSIZE, &limit);
+    const rlimit full = {250, limit.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &full), 0);  // the disk fills up within the second entry
+    for (const char fill : {'a', 'b', 'c'})
+      PrintEntryOf(200, fill);
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+    PrintEntryOf(100, 'd');
+    const std::string log = ReadWholeFile(TraceRoot::kLog);
+    EXPECT_EQ(log.size(), 351U);
+    EXPECT_EQ(log[250], '\n');
+    EXPECT_EQ(TextOf(log, "ddd"), std::string(100 - kHeader - 1, 'd'));
+  });
 }

@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <thread>
 
 #include "trace/trace_root.h"
 
@@ -26,14 +28,14 @@ void FillUpTo(size_t offset, size_t end) {
   PrintEntryOf(end - offset, 'l');
 }
 
-class RingBuffer : public TraceTest {
+class TraceRing : public TraceTest {
  protected:
-  RingBuffer() { root.ConfigureRing("1"); }
+  TraceRing() { root.ConfigureRing("1"); }
 };
 
 }  // namespace
 
-TEST_F(RingBuffer, LayoutOfANewBuffer) {
+TEST_F(TraceRing, LayoutOfANewBuffer) {
   root.Run([] {
     ASSERT_TRUE(Debug.Init("ravd"));
     EXPECT_TRUE(Debug.m_TraceActive);
@@ -60,7 +62,7 @@ TEST_F(RingBuffer, LayoutOfANewBuffer) {
   }
 }
 
-TEST_F(RingBuffer, WrapsAtTheExactByte) {
+TEST_F(TraceRing, WrapsAtTheExactByte) {
   root.Run([] {
     char name[] = "ravd";
     char* argv[] = {name};
@@ -92,7 +94,7 @@ TEST_F(RingBuffer, WrapsAtTheExactByte) {
   });
 }
 
-TEST_F(RingBuffer, LongEntriesAreKeptUpToATenthOfTheBuffer) {
+TEST_F(TraceRing, LongEntriesAreKeptUpToATenthOfTheBuffer) {
   root.Run([] {
     ASSERT_TRUE(Debug.Init("ravd"));
     const size_t tenth = 4 * kMiB / 10;
@@ -107,7 +109,7 @@ TEST_F(RingBuffer, LongEntriesAreKeptUpToATenthOfTheBuffer) {
   });
 }
 
-TEST_F(RingBuffer, HugeHeaderNeverLeavesItsPlace) {
+TEST_F(TraceRing, HugeHeaderNeverLeavesItsPlace) {
   root.Run([] {
     ASSERT_TRUE(Debug.Init("ravd"));
     const size_t begin = ReadWholeFile(TraceRoot::kStartUpRing).find("### Begin of RingBuffer. ###\n") + 29;
@@ -123,8 +125,9 @@ TEST_F(RingBuffer, HugeHeaderNeverLeavesItsPlace) {
   });
 }
 
-TEST_F(RingBuffer, StartUpBufferIsCompressedAndReplaced) {
-  root.ConfigureRing("2", "NoHeaderToStderr=1\n");
+TEST_F(TraceRing, StartUpBufferIsCompressedAndReplaced) {
+  root.MakeDirectory("/my dir");
+  root.ConfigureRing("2", "NoHeaderToStderr=1\nRingBufferDirectory=/my dir\n");
   root.Run(
       [] {
         ::setenv("TraceFileLimit", "3", 1);
@@ -133,21 +136,76 @@ TEST_F(RingBuffer, StartUpBufferIsCompressedAndReplaced) {
         Debug.SetApplInitDone();
         EXPECT_TRUE(Debug.m_TraceActive);
         Debug.Print(2, "while running");
-        EXPECT_EQ(std::system("gzip -dc /var/log/pelrix/log.ravd_i.gz > /start-up"), 0);
+        EXPECT_EQ(std::system("gzip -dc '/my dir/log.ravd_i.gz' > /start-up"), 0);
       },
       FixtureRoot::kUsr);
-  EXPECT_FALSE(root.Exists(TraceRoot::kStartUpRing));
+  EXPECT_FALSE(root.Exists("/my dir/log.ravd_i"));
   const std::string startUp = root.ReadFile("/start-up");
   EXPECT_EQ(startUp.size(), 8 * kMiB);
   EXPECT_EQ(startUp.compare(EndOfEntries(startUp) - 31, 31, "### End of initialization. ###\n"), 0);
-  const std::string ring = root.ReadFile(TraceRoot::kRunTimeRing);
+  const std::string ring = root.ReadFile("/my dir/log.ravd_a");
   EXPECT_EQ(ring.size(), 2 * kMiB);
+  EXPECT_EQ(TextOf(ring, "Application Init Done"), "Application Init Done      : 0");
   EXPECT_EQ(TextOf(ring, "Ring Buffer Factor"), "Ring Buffer Factor         : 2");
   EXPECT_EQ(ring.compare(EndOfEntries(ring) - 14, 14, "while running\n"), 0);
   EXPECT_EQ(ring.find("while starting"), std::string::npos);
 }
 
-TEST_F(RingBuffer, FailuresAreReportedInTheLogFileAndSwitchTracingOff) {
+// While gzip runs, others trace into the run-time buffer; that it fails is reported.
+TEST_F(TraceRing, NobodyWaitsForGzipAndItsFailureIsReported) {
+  root.WriteFile("/own/gzip", "#!/usr/bin/sh\necho started > /started\nread line < /go\nexit 3\n", 0755);
+  root.Run(
+      [] {
+        ::setenv("PATH", "/own:/usr/bin", 1);
+        ASSERT_EQ(::mkfifo("/go", 0600), 0);
+        ASSERT_TRUE(Debug.Init("ravd"));
+        std::thread starter([] { Debug.SetApplInitDone(); });
+        while (::access("/started", F_OK) != 0)
+          ::usleep(1000);
+        Debug.Print(1, "meanwhile");
+        EXPECT_EQ(TextOf(ReadWholeFile(TraceRoot::kRunTimeRing), "meanwhile"), "meanwhile");
+        WriteWholeFile("/go", "now\n");
+        starter.join();
+        EXPECT_EQ(TextOf(ReadWholeFile(TraceRoot::kLog), "gziping"),
+                  "### gziping of startup log file failed -> it doesn't matter ###");
+      },
+      FixtureRoot::kUsr);
+}
+
+TEST_F(TraceRing, HeaderOfAWrapAsksNoEnvironment) {
+  root.Run([] {
+    ::setenv("QN_LOG_RINGBUF_WEIGHT_RAVD", "1", 1);
+    ASSERT_TRUE(Debug.Init("ravd"));
+    ::unsetenv("QN_LOG_RINGBUF_WEIGHT_RAVD");
+    for (int entry = 0; entry < 4500; ++entry)
+      PrintEntryOf(1000, 'e');
+    const std::string ring = ReadWholeFile(TraceRoot::kStartUpRing);
+    EXPECT_EQ(ring.substr(ring.size() - kMarker), std::string(kMarker, '.'));
+    EXPECT_EQ(TextOf(ring, "QN_LOG_RINGBUF_WEIGHT_RAVD"), "QN_LOG_RINGBUF_WEIGHT_RAVD=1");
+  });
+}
+
+TEST_F(TraceRing, SizeThatHasNoRoomFailsBeforeAnythingIsWritten) {
+  const auto bytesWritten = [] {
+    const std::string io = ReadWholeFile("/proc/self/io");
+    return std::atoll(io.c_str() + io.find("wchar: ") + 7);
+  };
+  root.Run(
+      [&bytesWritten] {
+        ASSERT_EQ(::mount("tmpfs", "/var/log/pelrix", "tmpfs", 0, "size=64m"), 0);
+        for (const char* weight : {"-1", "400"}) {
+          ::setenv("QN_LOG_RINGBUF_WEIGHT", weight, 1);
+          const long long before = bytesWritten();
+          EXPECT_FALSE(Debug.Init("ravd"));
+          EXPECT_LT(bytesWritten() - before, static_cast<long long>(kMiB));
+          EXPECT_EQ(TextOf(ReadWholeFile(TraceRoot::kLog), "InitRingBuffer"),
+                    "### InitRingBuffer(): (2) write m_InternalDebugBuffer to /var/log/pelrix/log.ravd_i failed ###");
+        }
+      },
+      FixtureRoot::kProc);
+}
+
+TEST_F(TraceRing, FailuresAreReportedInTheLogFileAndSwitchTracingOff) {
   root.MakeDirectory(TraceRoot::kRunTimeRing);
   root.Run([] {
     // Without gzip the switch-over goes on; the run-time buffer cannot be opened.
@@ -172,7 +230,7 @@ TEST_F(RingBuffer, FailuresAreReportedInTheLogFileAndSwitchTracingOff) {
   EXPECT_EQ(root.ReadFile(TraceRoot::kStartUpRing), "");
 }
 
-TEST_F(RingBuffer, FileThatIsCutShortSwitchesTracingOff) {
+TEST_F(TraceRing, FileThatIsCutShortSwitchesTracingOff) {
   root.Run(
       [] {
         ASSERT_TRUE(Debug.Init("ravd"));
@@ -189,7 +247,7 @@ TEST_F(RingBuffer, FileThatIsCutShortSwitchesTracingOff) {
       FixtureRoot::kProc);
 }
 
-TEST_F(RingBuffer, NothingIsWrittenThroughLinksAndPipes) {
+TEST_F(TraceRing, NothingIsWrittenThroughLinksAndPipes) {
   root.WriteFile("/victim", "precious");
   root.MakeLink(TraceRoot::kLog, "/victim");
   root.MakeLink(TraceRoot::kStartUpRing, "/victim");

@@ -17,6 +17,7 @@ void WriteEntries(int thread) {
     Debug.Print(1, "\nwriter %d entry %04d %s", thread, entry,
                 std::string(50, static_cast<char>('a' + thread)).c_str());
     TRACE(9, "never written");
+    if (entry % 8 == 0) Debug.PrintAlways("always %d entry %04d", thread, entry);
   }
 }
 
@@ -45,6 +46,7 @@ TEST(TraceThreads, EveryEntryIsWholeAndNoneIsLost) {
                  "[GlobalDebugSettings]\nDynamicUpdate=1\n[EndOfFile]\n");
   root.Run(
       [] {
+        ::setenv("QN_LOG_FILE_MAX_SIZE", "1000000000", 1);
         ASSERT_TRUE(Debug.Init("ravd"));
         std::atomic<bool> stop = false;
         std::vector<std::thread> threads;
@@ -64,6 +66,13 @@ TEST(TraceThreads, EveryEntryIsWholeAndNoneIsLost) {
         CountEntries(ReadWholeFile("/start-up"), perThread);
         CountEntries(ReadWholeFile(TraceRoot::kRunTimeRing), perThread);
         EXPECT_EQ(perThread, std::vector<int>(kThreads, kEntries));
+        const std::string log = ReadWholeFile(TraceRoot::kLog);
+        for (int thread = 0; thread < kThreads; ++thread)
+          for (int entry = 0; entry < kEntries; entry += 8) {
+            char text[32];
+            std::snprintf(text, sizeof text, "always %d entry %04d\n", thread, entry);
+            EXPECT_NE(log.find(text), std::string::npos) << text;
+          }
       },
       FixtureRoot::kUsr);
 }

@@ -1,4 +1,5 @@
-// A module switch that does one thing wrong, named by the environment variable BAD_SWITCH.
+// A module switch that does the one thing wrong that the environment variable BAD_SWITCH names, and always writes which
+// of its operations was called. Built from the public headers alone, as any switch.
 
 #include <pthread.h>
 #include <unistd.h>
@@ -13,6 +14,12 @@
 #include "trace/debug.h"
 
 namespace {
+
+// The environment as a module may change it: what the daemon needs of it, it has asked before.
+void ChangeEnvironment() {
+  ::setenv("QN_NICKNAME", "of a module", 1);
+  ::unsetenv("NOTIFY_SOCKET");
+}
 
 bool Does(const char* what) {
   const char* how = std::getenv("BAD_SWITCH");
@@ -54,11 +61,14 @@ void Enter(const char* operation) {
 
 class BadSwitch : public ISwitch {
  public:
-  bool LoadModules(const _ExtensionModuleLoaderConfig&) override {
+  bool LoadModules(const _ExtensionModuleLoaderConfig& config) override {
+    Debug.PrintAlways("bad: flags %u mode %u master %d", config.Flags, config.RunMode, Debug.IsMaster());
     Enter("load");
+    ChangeEnvironment();
     return !Does("no modules");
   }
-  bool UnloadModules(uint32_t) override {
+  bool UnloadModules(uint32_t argument) override {
+    Debug.PrintAlways("bad: argument %u", argument);
     Enter("unload");
     return true;
   }
@@ -71,13 +81,18 @@ class BadSwitch : public ISwitch {
     Enter("stop");
     if (Does("joined thread")) StopThreads();
   }
-  void NotifyEvent(uint32_t, void*, void*) override { Enter("notify"); }
+  void NotifyEvent(uint32_t event, void* data, void* reserved) override {
+    const int level = data != nullptr ? *static_cast<int32_t*>(data) : -99;
+    Debug.PrintAlways(0, "bad: event %08X level %d %d", event, level, reserved == nullptr);
+    Enter("notify");
+  }
 };
 
-// Tells when the library is closed.
-struct Closing {
-  ~Closing() { Debug.PrintAlways(0, "bad: destroyed"); }
-} closing;
+// Static objects may trace while the library is loaded and closed.
+struct Tracer {
+  Tracer() { Debug.PrintAlways(0, "bad: constructed"); }
+  ~Tracer() { Debug.PrintAlways(0, "bad: destroyed"); }
+} tracer;
 
 }  // namespace
 

@@ -9,7 +9,6 @@
 #include <string_view>
 
 #include "inventory/mount_entry.h"
-#include "inventory/scsi_device_list.h"
 #include "inventory/system_device_scan.h"
 #include "ravctl/answer/error.h"
 #include "ravctl/answer/record.h"
@@ -126,11 +125,6 @@ const char* DriveType(const CSystemDrive& drive) {
   }
 }
 
-Json ScsiText(const CSystemDrive& drive) {
-  CScsiAddress address;
-  return drive.GetScsiAddress(address) ? Json(ScsiAddressToString(address)) : Json();
-}
-
 Json DriveRecord(const CSystemDrive& drive) {
   const std::string& object = drive.GetFunctionalDeviceObjectName();
   const auto bus = static_cast<_DriveBusType>(drive.GetBusType());
@@ -142,7 +136,7 @@ Json DriveRecord(const CSystemDrive& drive) {
           {"revision", TextOrNull(drive.DeviceRevision)},
           {"serial", TextOrNull(drive.SerialNumber)},
           {"adapter", AddressText(drive.GetPciAddress())},
-          {"scsi", ScsiText(drive)},
+          {"scsi", TextOrNull(drive.GetScsiAddressText())},
           {"number", drive.GetDriveNo()},
           {"os_device", TextOrNull(drive.OsDeviceName)},
           {"id", TextOrNull(drive.DeviceIdText())},

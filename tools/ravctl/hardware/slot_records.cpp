@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "firmware/little_endian.h"
-#include "firmware/smbios_structures.h"
+#include "firmware/smbios_walk.h"
 #include "pci/pci_slot_map.h"
 #include "ravctl/answer/record.h"
 #include "ravctl/hardware/pci_records.h"

@@ -7,9 +7,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "firmware/bios_tables.h"
-#include "firmware/smbios.h"
-#include "firmware/smbios_structures.h"
+#include "firmware/smbios_lookup.h"
+#include "firmware/smbios_sources.h"
+#include "firmware/smbios_walk.h"
 #include "ravctl/answer/error.h"
 #include "ravctl/base/text.h"
 

@@ -24,7 +24,7 @@ std::string LineAsWritten(const RegistryLine& line) {
   CRegistryValue value;
   if (!MakeRegistryValue(line, value)) return "";
   std::string name(line.name);
-  const RegistryEntry entry{name.data(), value.Word(), value.Type(), static_cast<uint32_t>(name.size())};
+  const RegistryEntry entry = RegistryEntry::Of(name.data(), name.size(), value.Word(), value.Type());
   RegistryText text;
   AppendRegistryLine(entry, text);
   std::string written(text.From(0));

@@ -246,6 +246,17 @@ std::optional<StoreValue> ParseValue(uint32_t type, std::string_view text) {
   return value;
 }
 
+// Of the whole entry, its newline included, however much of it the library would write.
+static size_t LineSize(const std::string& name, const StoreValue* value) {
+  constexpr size_t kAroundKey = 3;    // "[]\n"
+  constexpr size_t kAroundValue = 4;  // "=s=\n"
+  if (value == nullptr) return name.size() + kAroundKey;
+  if (value->type == kRegistryNumber)
+    return name.size() + kAroundValue + std::to_string(static_cast<int32_t>(value->number)).size();
+  if (value->type == kRegistryBinary) return name.size() + kAroundValue + 3 * value->data.size();
+  return name.size() + kAroundValue + (value->type == kRegistryExpandString ? 1 : 0) + value->data.size();
+}
+
 std::string WhyNotKept(const std::string& name, const StoreValue* value) {
   std::string why = WhyNotNamed(name, value == nullptr);
   if (!why.empty()) return why;
@@ -255,13 +266,12 @@ std::string WhyNotKept(const std::string& name, const StoreValue* value) {
   }
   CRegistryValue held = value != nullptr ? ToLibraryValue(*value) : CRegistryValue::SubKey(new CRegistryNode);
   std::string copy = name;
-  const RegistryEntry entry{copy.data(), held.Word(), held.Type(), static_cast<uint32_t>(copy.size())};
+  const RegistryEntry entry = RegistryEntry::Of(copy.data(), copy.size(), held.Word(), held.Type());
   RegistryText text;
-  if (AppendRegistryLine(entry, text) == RegistryAppended::kCarried) return "";
-  if (text.Size() > kRegistryLineLimit) {
-    return "a line of " + std::to_string(text.Size()) + " bytes, where " + std::to_string(kRegistryLineLimit) + " fit";
-  }
-  return FateOfRegistryLine(entry, text.From(0)) == RegistryFate::kCarried ? "" : "a line that reads as something else";
+  if (AppendRegistryLine(entry, text) == RegistryFit::kWhole) return "";
+  if (const size_t size = LineSize(name, value); size > kRegistryLineLimit)
+    return "a line of " + std::to_string(size) + " bytes, where " + std::to_string(kRegistryLineLimit) + " fit";
+  return "a line that reads as something else";
 }
 
 std::vector<StoreChange> CompareStores(const StoreKey& before, const StoreKey& after) {

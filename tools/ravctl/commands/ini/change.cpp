@@ -57,7 +57,8 @@ bool HasSection(const Change& change, std::string_view content) {
 // Whether section, key and value are such that a file can hold them.
 void RequireWritable(const Change& change) {
   if (!change.value) return;
-  const std::string text = IniSectionText(change.section, *change.key, *change.value);
+  std::string text;
+  EditIniText(text, change.section, change.key->c_str(), change.value->c_str());
   const IniScan scan = ScanIni(text);
   if (scan.findings.empty() && scan.sections.size() == 1 && scan.sections[0].entries.size() == 1 &&
       ValueRead(change, text) == change.value) {
@@ -76,7 +77,8 @@ void RequireWritable(const Change& change) {
 // What the library makes of the content, null when the edit finds nothing to delete.
 Content Rehearse(const Change& change, const Content& old) {
   const char* const key = change.key ? change.key->c_str() : nullptr;
-  if (!change.value && PlanIniEdit(*old, change.section, key, nullptr).kind == IniEdit::kNothing) {
+  std::string edited = change.value ? "" : *old;
+  if (!change.value && !EditIniText(edited, change.section, key, nullptr)) {
     if (change.key ? ValueRead(change, *old).has_value() : HasSection(change, *old)) FailHidden(change);
     return std::nullopt;
   }

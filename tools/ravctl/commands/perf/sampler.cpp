@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 
+#include "perfmon/proc_file.h"
 #include "perfmon/sample_text.h"
 #include "ravctl/answer/error.h"
 #include "ravctl/answer/stream_table.h"
@@ -15,8 +16,6 @@ namespace ravctl {
 namespace {
 
 constexpr const char* kProcMemInfo = "/proc/meminfo";
-constexpr size_t kMemInfoSize = 4096;
-constexpr size_t kNetDevSize = 8192;
 constexpr unsigned int kMonitored = CPerfMon::systemCpu | CPerfMon::memory;
 constexpr uint64_t kMostPercent = 100;
 
@@ -96,8 +95,7 @@ void KeepInterfaces(const std::vector<std::string>& wanted, PerfSample& sample) 
 }
 
 // With an interval of 0 the monitor's thread ends at once, and samples are taken when they are asked for.
-PerfSampler::PerfSampler()
-    : m_Monitor(1), m_MemInfoFile(kProcMemInfo, kMemInfoSize), m_NetDevFile(kProcNetDev, kNetDevSize) {
+PerfSampler::PerfSampler() : m_Monitor(1) {
   if (!m_Monitor.StartMonitoring(static_cast<int>(kMonitored), 0)) {
     throw CommandError(ExitCode::kInternal, "the performance monitor does not start", "thread", "try again");
   }
@@ -125,8 +123,9 @@ void PerfSampler::ReadCpu(PerfSample& sample) {
 }
 
 void PerfSampler::ReadMemory(PerfSample& sample) {
+  std::string text;
   MemInfo info{};
-  if (!ParseMemInfo(ReadWhole(m_MemInfoFile), info)) return;
+  if (!ReadProcFile(kProcMemInfo, text) || !ParseMemInfo(text, info)) return;
   const _PerfDataMemory record = MakeMemoryRecord(info);
   sample.physical = {Percent(CPerfMon::memoryPhysical, 0), record.totalPhysical, record.usedPhysical};
   sample.virtualMemory = {Percent(CPerfMon::memoryVirtual, 0), record.totalVirtual, record.usedVirtual};
@@ -135,13 +134,15 @@ void PerfSampler::ReadMemory(PerfSample& sample) {
 // The monitor's own percentage of a link sets the bytes of a second against what the link carries in the whole
 // interval, so it holds for intervals of a second alone.
 void PerfSampler::ReadNetwork(PerfSample& sample) {
-  std::string_view text = ReadWhole(m_NetDevFile);
+  std::string text;
+  ReadProcFile(kProcNetDev, text);
   const uint64_t nowMs = NowMs();
   if (!m_Socket) m_Socket.Reset(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   std::map<std::string, NetInterfaceState, std::less<>> interfaces;
-  for (NetDevLine line; TakeSampledInterface(text, line);) {
+  std::string_view rest = text;
+  for (NetDevLine line; TakeSampledInterface(rest, line);) {
     NetworkLoad load{.name = std::string(line.name)};
-    NetInterfaceState state{.sampleTimeMs = nowMs};
+    NetInterfaceState state{.name = load.name, .sampleTimeMs = nowMs};
     if (ParseNumbers(line.counters, state.counters) != static_cast<int>(state.counters.size())) continue;
     const uint64_t speed = ReadLinkSpeed(m_Socket.Get(), line.name);
     if (speed != kUnknownSpeed) load.speed = speed;
@@ -153,13 +154,6 @@ void PerfSampler::ReadNetwork(PerfSample& sample) {
   m_Interfaces = std::move(interfaces);
   if (m_LastMs != 0 && nowMs > m_LastMs) sample.intervalMs = nowMs - m_LastMs;
   m_LastMs = nowMs;
-}
-
-std::string_view PerfSampler::ReadWhole(CProcFile& file) {
-  if (!file.Start()) return {};
-  while (file.More()) {
-  }
-  return file.Text();
 }
 
 int PerfSampler::Percent(CPerfMon::PerfMonitorValue value, int instance) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "perfmon/perf_mon.h"
+#include "platform/unique_fd.h"
 #include "ravctl/answer/output.h"
 
 namespace ravctl {
@@ -59,13 +60,9 @@ class PerfSampler {
   void ReadCpu(PerfSample& sample);
   void ReadMemory(PerfSample& sample);
   void ReadNetwork(PerfSample& sample);
-  // The text of the whole file, empty when it cannot be read. Valid until the next reading of that file.
-  static std::string_view ReadWhole(CProcFile& file);
   int Percent(CPerfMon::PerfMonitorValue value, int instance);
 
   CPerfMon m_Monitor;
-  CProcFile m_MemInfoFile;
-  CProcFile m_NetDevFile;
   UniqueFd m_Socket;
   std::map<std::string, NetInterfaceState, std::less<>> m_Interfaces;  // as of the sample before
   uint64_t m_LastMs = 0;

@@ -9,8 +9,8 @@
 #include <optional>
 
 #include "firmware/little_endian.h"
-#include "firmware/smbios_structures.h"
-#include "firmware/smbios_tables.h"
+#include "firmware/smbios_from_memory.h"
+#include "firmware/smbios_walk.h"
 #include "ravctl/base/text.h"
 #include "ravctl/tree/physical_memory.h"
 
