@@ -9,8 +9,8 @@
 #include <string_view>
 
 #include "firmware/physical_mapping.h"
-#include "firmware/smbios_lookup.h"
 #include "firmware/smbios_from_memory.h"
+#include "firmware/smbios_lookup.h"
 #include "platform/unique_fd.h"
 #include "ravctl/tree/bundle_format.h"
 
