@@ -5,8 +5,8 @@
 #include <numeric>
 #include <vector>
 
-#include "firmware/smbios_lookup.h"
 #include "firmware/smbios_from_memory.h"
+#include "firmware/smbios_lookup.h"
 #include "trace/debug.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

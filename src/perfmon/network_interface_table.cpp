@@ -11,7 +11,7 @@
 #include <string_view>
 
 #include "perfmon/net_dev.h"
-#include "perfmon/proc_file.h"
+#include "platform/descriptor_io.h"
 #include "platform/unique_fd.h"
 #include "trace/debug.h"
 
@@ -96,7 +96,7 @@ unsigned char CNetworkInterfaceTable::GetInterface(unsigned int index, CNetworkI
   const bool everyName = nickname != nullptr && std::strstr(nickname, "OVM3") != nullptr;
   TRACE(3, "GetInterface: INFO: LAN interface names: isOVM3 = %s.", everyName ? "true" : "false");
   std::string text;
-  if (!ReadProcFile(kProcNetDev, text)) {
+  if (!OpenAndReadToEnd(kProcNetDev, text)) {
     TRACE(3, "GetInterface: ERROR: cannot open /proc/net/dev\n");
     return kError;
   }

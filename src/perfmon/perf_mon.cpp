@@ -11,8 +11,8 @@
 #include <string_view>
 #include <thread>
 
-#include "perfmon/proc_file.h"
 #include "perfmon/sample_text.h"
+#include "platform/descriptor_io.h"
 #include "platform/unique_fd.h"
 #include "platform/wait_result.h"
 #include "trace/debug.h"
@@ -182,7 +182,7 @@ void CPerfMon::SnapshotMemory() {
 
 bool CPerfMon::ReadMemory(_PerfDataMemory& record) {
   std::string text;
-  if (!ReadProcFile(kProcMemInfo, text)) {
+  if (!OpenAndReadToEnd(kProcMemInfo, text)) {
     TRACE(3, "CPerfData::GetMemoryDataSnapShot: cannot open %s (errno=%d)\n", kProcMemInfo, errno);
     return false;
   }
@@ -212,7 +212,7 @@ void CPerfMon::SnapshotSystem() {
 
 bool CPerfMon::ReadSystem(_PerfDataSystem& ticks) {
   std::string text;
-  if (!ReadProcFile(kProcStat, text)) {
+  if (!OpenAndReadToEnd(kProcStat, text)) {
     TRACE(3, "CPerfData::GetSystemLoadSnapShot: cannot open %s (errno=%d)\n", kProcStat, errno);
     return false;
   }
@@ -228,7 +228,7 @@ void CPerfMon::SnapshotNetwork() {
   TRACE(5, "\nCPerfMon::SnapData  :   - update network usage for %d instances", count);
   if (count == 0) return;
   std::string text;
-  if (!ReadProcFile(kProcNetDev, text)) {
+  if (!OpenAndReadToEnd(kProcNetDev, text)) {
     TRACE(3, "CNetworkInterfaceStatistics::GetStatistikAtIndex: cannot open %s (errno=%d)\n", kProcNetDev, errno);
     return;
   }

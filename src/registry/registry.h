@@ -127,8 +127,8 @@ class CRegistry {
   // traced, the registry file is as it was, and the next save tries again - except when registry.new cannot be opened:
   // then the changes count as saved until the next one. Processes that save at once do so one after the other: a save
   // that has waited a second for another one fails as above, and so do those of the next five seconds without waiting.
-  // A tree is never written when reading a file failed for a reason that says nothing about its
-  // content (no memory, no descriptors, no permission, an error of the disk): what was not read may be all of it.
+  // A tree is never written when reading a file failed for a reason that says nothing about its content (no memory, no
+  // descriptors, no permission, an error of the disk): what was not read may be all of it.
   static void SaveTree();
 
   int m_Result;             // of the last operation

@@ -315,7 +315,7 @@ void CDebug::WriteLogHeader(unsigned int target) {
                             m_ApplInitDone, m_Settings,    m_RingBuffer, m_LogFile};
   const HeaderLines groups[] = {CommandLineLines(AppName(), m_Argc, m_Argv),
                                 m_VariableLines,
-                                IniLines(m_Settings),
+                                IniValueLines(m_Settings),
                                 StateLines(state),
                                 {kEndOfHeader}};
   m_RingBuffer.StartHeader();

@@ -89,7 +89,7 @@ HeaderLines VariableLines(const char* appName) {
   return lines;
 }
 
-HeaderLines IniLines(const TraceSettings& settings) {
+HeaderLines IniValueLines(const TraceSettings& settings) {
   return {
       "Debug values from ini file :",
       "DynamicUpdate              : " + Text(settings.iniDynamicUpdate),

@@ -22,7 +22,7 @@ HeaderLines CommandLineLines(const char* appName, int argc, char** argv);
 // nobody else can change the environment.
 HeaderLines VariableLines(const char* appName);
 
-HeaderLines IniLines(const TraceSettings& settings);
+HeaderLines IniValueLines(const TraceSettings& settings);
 
 // What the trace object works with.
 struct TraceState {

@@ -10,6 +10,7 @@
 #include <fstream>
 
 #include "ravctl/ravctl_runner.h"
+#include "ravctl/trace/log_follower.h"
 #include "ravctl/trace/trace_entry.h"
 #include "ravctl/trace/trace_layout.h"
 #include "trace/debug.h"
@@ -129,6 +130,29 @@ TEST(TraceLayout, CutAnywhereKeepsEveryCompleteEntry) {
       Numbers(std::string_view(ring).substr(length));
     }
   }
+}
+
+// Searches that go back or ahead for each place would take minutes.
+TEST(TraceLayout, HostileTextTakesLinearTime) {
+  const std::string entry = Line("01", "x");
+  const std::string later = Line("02", "y");
+  const std::string marker(ravctl::kEndMarker);
+  const std::string rows[][2] = {{"", "x"},
+                                 {entry, marker},
+                                 {"", marker + entry + later},
+                                 {"", "------ WRAP ----- Cycle=1, CntInitEnd=9"},
+                                 {"", "### Begin of RingBuffer. ###\n"},
+                                 {"", marker + std::string(99999, '\0')}};
+  for (const auto& [first, unit] : rows) {
+    std::string content = first;
+    while (content.size() < size_t{16} << 20)
+      content += unit;
+    Numbers(content + later);
+  }
+  // A megabyte that unpacks to more than is read.
+  const ToolRoot machine;
+  machine.Run([] { ASSERT_EQ(std::system("head -c 300M /dev/zero | gzip -1 >/log.x"), 0); }, FixtureRoot::kUsr);
+  EXPECT_THAT(machine.Ravctl({"trace", "show", "/log.x"}).err, HasSubstr("larger than 256M"));
 }
 
 TEST(TraceLayout, CrashWithinAnEntry) {
@@ -331,6 +355,39 @@ TEST(TraceFollow, LivingRingOverWrapsAndRestarts) {
   for (size_t index = 0; index < numbers.size(); ++index)
     ASSERT_EQ(numbers[index], static_cast<int>(index % 24000)) << index;
   ASSERT_EQ(numbers.size(), 48000U) << machine.ReadFile("/out.err");
+}
+
+TEST(TraceFollow, LogFileOverWrapsAndRestarts) {
+  const ToolRoot machine;
+  machine.MakeDirectory(kDirectory);
+  machine.Run([] {
+    SetTraceVariables(false);
+    ::setenv("QN_LOG_FILE_MAX_SIZE", "9000", 1);
+    ravctl::LogFollower follower(std::string(kDirectory) + "/log.ravd");
+    std::vector<int> numbers;
+    const auto look = [&] {
+      follower.Read([&numbers](std::string_view whole) {
+        const size_t at = whole.find("number ");
+        if (at != std::string_view::npos) numbers.push_back(std::atoi(whole.data() + at + 7));
+      });
+      ::usleep(1500);  // a cycle in less than a millisecond cannot be told from the one before
+    };
+    for (int run = 0; run < 2; ++run) {
+      CDebug debug("ravd");
+      look();
+      debug.SetApplInitDone();
+      // Bursts of growing length, some over a wrap.
+      for (int number = 0; number < 1500; ++number) {
+        debug.PrintAlways("\nnumber %d%s", number, number % 11 == 0 ? "\nof two lines" : "");
+        if (number % (7 + number / 100) == 0) look();
+      }
+      look();
+    }
+    EXPECT_EQ(follower.Losses(), 0U);
+    ASSERT_EQ(numbers.size(), 3000U);
+    for (size_t index = 0; index < numbers.size(); ++index)
+      ASSERT_EQ(numbers[index], static_cast<int>(index % 1500));
+  });
 }
 
 TEST(TraceFollow, EndsWithTheProcessAndItsLastWords) {

@@ -218,19 +218,14 @@ TEST_F(RegistryFile, SaveKeepsTheOldFileAndWritesOnce) {
   EXPECT_EQ(root.Mode(kRegistry) & 07777U, 0644U);
   EXPECT_FALSE(root.Exists(kNew));
   root.WriteFile(kRegistry, "");
-  root.Run([] {
+  root.Run([&before] {
     CRegistry registry("", CRegistry::HKEY_LOCAL_MACHINE, 0);
     registry.SetValue("V", 3U);
     CRegistry::SaveTree();
-  });
-  EXPECT_EQ(root.ReadFile(kRegistry), FileText("V=d=3\n"));
-  EXPECT_EQ(root.ReadFile(kOld), before) << "an empty file is no backup";
-  root.Run([] {
-    CRegistry registry("", CRegistry::HKEY_LOCAL_MACHINE, 0);
+    EXPECT_EQ(ReadWholeFile(kOld), before) << "an empty file is no backup";
     registry.SetValue("V", std::string(5000, 'x').c_str());
     const FailingCall withoutSecondNames("link", 1);
     CRegistry::SaveTree();
-    EXPECT_TRUE(withoutSecondNames.HasHappened());
   });
   EXPECT_EQ(root.ReadFile(kRegistry), FileText("V=s=" + std::string(1022 - 4, 'x') + "\n"));
   EXPECT_EQ(root.ReadFile(kOld), FileText("V=d=3\n"));
@@ -355,7 +350,6 @@ TEST(RegistrySave, StoppedSaverHoldsTheOthersUpForASecond) {
       EXPECT_EQ(trace.Count("SaveTree MPRegistryTemp"), 0);
       EXPECT_EQ(ReadWholeFile(kNew), "half");
       EXPECT_EQ(ReadWholeFile(kRegistry), FileText("V=d=1\n"));
-      std::printf("figure: a saver that is stopped holds the next one up for about a second; its file is left alone\n");
     }
     CRegistry::SaveTree();
     EXPECT_EQ(trace.Count("SaveTree MPRegistryTemp"), 1) << "tried again";

@@ -12,11 +12,10 @@
 
 #include "registry/registry_strings.h"
 #include "support/fixture_root.h"
+#include "support/registry_state.h"
 #include "support/trace_capture.h"
 
 namespace {
-
-constexpr const char* kRegistry = "/etc/pelrix/registry";
 
 const unsigned char* Bytes(const char* text) {
   return reinterpret_cast<const unsigned char*>(text);

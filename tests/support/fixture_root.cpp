@@ -15,6 +15,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "platform/unique_fd.h"
+
 extern "C" __attribute__((weak)) int __lsan_do_recoverable_leak_check();
 extern "C" __attribute__((weak)) void __gcov_dump();
 
@@ -48,6 +50,17 @@ void WriteTo(const char* path, const std::string& text) {
   ::close(fd);
 }
 
+// What is mounted from here on stays here. A root directory that is no mount (that of a package build) cannot be told so:
+// the root of the namespace is, and the old one entered again.
+void KeepMountsPrivate() {
+  if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0) return;
+  const UniqueFd root(::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  const UniqueFd self(static_cast<int>(::syscall(SYS_pidfd_open, ::getpid(), 0)));
+  Require(root && self && ::setns(self.Get(), CLONE_NEWNS) == 0, "setns");
+  Require(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "private mounts");
+  Require(::fchdir(root.Get()) == 0 && ::chroot(".") == 0, "the root before");
+}
+
 // A mount namespace of its own; an ordinary user gets it inside a user namespace in which it is root.
 void EnterNamespaces(unsigned int mounts) {
   const uid_t uid = ::geteuid();
@@ -60,7 +73,7 @@ void EnterNamespaces(unsigned int mounts) {
     WriteTo("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
     WriteTo("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
   }
-  Require(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "private mounts");
+  KeepMountsPrivate();
 }
 
 void BindReadOnly(const std::string& from, const std::string& to) {

@@ -28,8 +28,9 @@ FileWatch::FileWatch(const std::string& directory, pid_t pid)
 
 bool FileWatch::Wait(int timeoutMs) {
   if (m_Pid != 0 && !m_Process && (timeoutMs < 0 || timeoutMs > kProcessPollMs)) timeoutMs = kProcessPollMs;
-  std::array<pollfd, 2> files = {{{m_Watch.Get(), POLLIN, 0}, {m_Process.Get(), POLLIN, 0}}};
+  std::array<pollfd, 3> files = {{{m_Watch.Get(), POLLIN, 0}, {m_Process.Get(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}}};
   ::poll(files.data(), files.size(), timeoutMs);
+  m_IsReaderGone = (files[2].revents & POLLERR) != 0;
   if (m_Process && files[1].revents != 0) m_IsProcessGone = true;
   if (m_Pid != 0 && !m_Process && ::kill(m_Pid, 0) != 0 && errno == ESRCH) m_IsProcessGone = true;
   if (!m_Watch) return true;

@@ -2,12 +2,12 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 
 #include "ravctl/answer/error.h"
+#include "ravctl/trace/read_at.h"
 #include "ravctl/trace/trace_entry.h"
 #include "ravctl/trace/trace_layout.h"
 
@@ -35,23 +35,10 @@ bool RingFollower::IsCurrent() const {
          mine.st_ino == there.st_ino && mine.st_dev == there.st_dev;
 }
 
-std::string RingFollower::ReadAt(off_t offset, size_t length) const {
-  std::string bytes(length, '\0');
-  size_t have = 0;
-  while (have < length) {
-    const ssize_t got = ::pread(m_File.Get(), bytes.data() + have, length - have, offset + static_cast<off_t>(have));
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) break;
-    have += static_cast<size_t>(got);
-  }
-  bytes.resize(have);
-  return bytes;
-}
-
 bool RingFollower::FindBegin() {
   struct stat info {};
   if (!m_File || ::fstat(m_File.Get(), &info) != 0) return false;
-  const std::string start = ReadAt(0, static_cast<size_t>(std::min(info.st_size, kHeaderSearch)));
+  const std::string start = ReadAt(m_File, 0, static_cast<size_t>(std::min(info.st_size, kHeaderSearch)));
   const std::string_view line = FindBeginLine(start);
   if (line.empty()) return false;
   m_Size = info.st_size;
@@ -77,7 +64,7 @@ void RingFollower::HandOver(std::string_view bytes, const Visit& visit) {
 }
 
 bool RingFollower::HasWrapped() const {
-  return ReadAt(0, kPrintLength) != m_HeaderPrint;
+  return ReadAt(m_File, 0, kPrintLength) != m_HeaderPrint;
 }
 
 // The offset of the marker in force, npos when there is none.
@@ -85,7 +72,7 @@ size_t RingFollower::FindMarker(off_t from) const {
   // A marker that lies over the end of a chunk, or whose next entry does, is seen whole in the next reading.
   constexpr off_t kOverlap = off_t{4} << 10;
   for (off_t at = from; at < m_Size;) {
-    const std::string bytes = ReadAt(at, static_cast<size_t>(std::min<off_t>(m_Size - at, kChunk)));
+    const std::string bytes = ReadAt(m_File, at, static_cast<size_t>(std::min<off_t>(m_Size - at, kChunk)));
     const auto length = static_cast<off_t>(bytes.size());
     const bool isLast = at + length >= m_Size || length <= kOverlap;
     const size_t found = FindEndMarker(bytes, 0);
@@ -101,8 +88,9 @@ size_t RingFollower::FindMarker(off_t from) const {
 RingFollower::State RingFollower::Read(const Visit& visit) {
   struct stat info {};
   if (!m_File || ::fstat(m_File.Get(), &info) != 0) return State::kNotReady;
-  const bool isSame = !m_BeginTime.empty() && info.st_size == m_Size &&
-                      ReadAt(m_WrapOffset - static_cast<off_t>(m_BeginLine.size()), m_BeginLine.size()) == m_BeginLine;
+  const bool isSame =
+      !m_BeginTime.empty() && info.st_size == m_Size &&
+      ReadAt(m_File, m_WrapOffset - static_cast<off_t>(m_BeginLine.size()), m_BeginLine.size()) == m_BeginLine;
   if (!isSame) {
     m_BeginTime.clear();
     if (!FindBegin()) return State::kNotReady;
@@ -112,7 +100,7 @@ RingFollower::State RingFollower::Read(const Visit& visit) {
 
 RingFollower::State RingFollower::ReadAll(const Visit& visit) {
   if (m_BeginTime.empty() && !FindBegin()) return State::kNotReady;
-  const std::string header = ReadAt(0, kPrintLength);
+  const std::string header = ReadAt(m_File, 0, kPrintLength);
   const size_t marker = FindMarker(m_WrapOffset);
   if (marker == std::string::npos) return State::kNotReady;
   const auto end = static_cast<off_t>(marker);
@@ -123,7 +111,7 @@ RingFollower::State RingFollower::ReadAll(const Visit& visit) {
 // behind it.
 bool RingFollower::IsAtMarker() const {
   constexpr size_t kLookAhead = size_t{4} << 10;
-  const std::string bytes = ReadAt(m_Position, kLookAhead);
+  const std::string bytes = ReadAt(m_File, m_Position, kLookAhead);
   if (!bytes.starts_with(kEndMarker)) return false;
   bool isNewest = true;
   ForEachEntry(std::string_view(bytes).substr(kEndMarker.size()), [&](std::string_view whole) {
@@ -135,11 +123,11 @@ bool RingFollower::IsAtMarker() const {
 
 RingFollower::State RingFollower::ReadOn(const Visit& visit) {
   if (IsAtMarker()) return State::kQuiet;
-  const bool isText = ReadAt(m_Position, kEndMarker.size()) == kEndMarker;
+  const bool isText = ReadAt(m_File, m_Position, kEndMarker.size()) == kEndMarker;
   const size_t marker = FindMarker(m_Position + (isText ? 1 : 0));
   if (marker == std::string::npos) return State::kNotReady;
   // Read again, now that the end was seen, and handed over unless the writer has come round meanwhile.
-  const std::string bytes = ReadAt(m_Position, marker - static_cast<size_t>(m_Position));
+  const std::string bytes = ReadAt(m_File, m_Position, marker - static_cast<size_t>(m_Position));
   if (bytes.empty() || HasWrapped()) return State::kNotReady;
   GoOnFrom(static_cast<off_t>(marker), bytes);
   HandOver(bytes, visit);
@@ -147,12 +135,12 @@ RingFollower::State RingFollower::ReadOn(const Visit& visit) {
 }
 
 RingFollower::State RingFollower::ReadOverWrap(const Visit& visit) {
-  const std::string header = ReadAt(0, kPrintLength);
+  const std::string header = ReadAt(m_File, 0, kPrintLength);
   const size_t marker = FindMarker(m_WrapOffset);
   if (marker == std::string::npos) return State::kNotReady;
   const auto end = static_cast<off_t>(marker);
   const off_t printStart = m_Position - static_cast<off_t>(m_EntryPrint.size());
-  const bool isIntact = end < printStart && ReadAt(printStart, m_EntryPrint.size()) == m_EntryPrint;
+  const bool isIntact = end < printStart && ReadAt(m_File, printStart, m_EntryPrint.size()) == m_EntryPrint;
   const State state =
       ReadBothCycles(isIntact ? m_Position : end + static_cast<off_t>(kEndMarker.size()), end, header, visit);
   if (state == State::kNews && !isIntact) ++m_Losses;
@@ -161,11 +149,11 @@ RingFollower::State RingFollower::ReadOverWrap(const Visit& visit) {
 
 RingFollower::State RingFollower::ReadBothCycles(off_t olderFrom, off_t end, const std::string& header,
                                                  const Visit& visit) {
-  std::string older = ReadAt(olderFrom, static_cast<size_t>(m_Size - olderFrom));
-  const std::string newer = ReadAt(m_WrapOffset, static_cast<size_t>(end - m_WrapOffset));
+  std::string older = ReadAt(m_File, olderFrom, static_cast<size_t>(m_Size - olderFrom));
+  const std::string newer = ReadAt(m_File, m_WrapOffset, static_cast<size_t>(end - m_WrapOffset));
   // The writer may have gone on over the first of what was read as older.
   const size_t now = FindMarker(end);
-  if (now == std::string::npos || ReadAt(0, kPrintLength) != header) return State::kNotReady;
+  if (now == std::string::npos || ReadAt(m_File, 0, kPrintLength) != header) return State::kNotReady;
   if (static_cast<off_t>(now) > olderFrom) older.erase(0, now - static_cast<size_t>(olderFrom));
   m_HeaderPrint = header;
   GoOnFrom(end, newer.empty() ? m_BeginLine : newer);

@@ -44,7 +44,6 @@ class RingFollower {
   static constexpr size_t kPrintLength = 64;
 
   bool FindBegin();
-  std::string ReadAt(off_t offset, size_t length) const;
   size_t FindMarker(off_t from) const;
   bool IsAtMarker() const;
   State ReadOn(const Visit& visit);

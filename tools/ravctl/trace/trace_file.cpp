@@ -8,12 +8,13 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
+#include <new>
 
 #include "platform/descriptor_io.h"
 #include "platform/unique_fd.h"
 #include "ravctl/answer/error.h"
 #include "ravctl/answer/output.h"
+#include "ravctl/base/text.h"
 #include "ravctl/trace/trace_entry.h"
 #include "ravctl/trace/trace_settings.h"
 
@@ -21,7 +22,6 @@ namespace ravctl {
 
 namespace {
 
-constexpr size_t kLargestTrace = size_t{8} << 30;  // bytes unpacked; a packed file that holds more is none of ours
 constexpr size_t kFirstBlock = size_t{4} << 20;
 constexpr std::string_view kGzipMagic = "\x1f\x8b";
 
@@ -47,7 +47,7 @@ bool Exists(const std::string& path) {
 
 }  // namespace
 
-TraceFile::TraceFile(std::string path) : m_Path(std::move(path)) {
+TraceFile::TraceFile(std::string path, size_t largest) : m_Path(std::move(path)), m_Largest(largest) {
   const UniqueFd file(::open(m_Path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!file) throw SystemFailure("cannot open the trace", m_Path, errno);
   struct stat info {};
@@ -65,9 +65,16 @@ TraceFile::TraceFile(std::string path) : m_Path(std::move(path)) {
   m_Layout = FindLayout(Content());
 }
 
+void TraceFile::RefuseAbove(size_t size) const {
+  if (size <= m_Largest) return;
+  throw CommandError(ExitCode::kInputDamaged,
+                     "larger than " + HumanSize(m_Largest) + ", which is the most that is read", m_Path,
+                     "cut it, or unpack it and look at its parts");
+}
+
 void TraceFile::ReadPlain(int fd, size_t size) {
-  if (size > kLargestTrace) throw CommandError(ExitCode::kInputDamaged, "larger than a trace can be", m_Path, "");
-  m_Bytes = std::make_unique_for_overwrite<char[]>(size);
+  RefuseAbove(size);
+  Grow(size);
   Progress progress("reading " + m_Path, size);
   while (m_Size < size) {
     const ssize_t got = ReadSome(fd, m_Bytes.get() + m_Size, std::min(size - m_Size, kFirstBlock * 4));
@@ -78,11 +85,11 @@ void TraceFile::ReadPlain(int fd, size_t size) {
   }
 }
 
-void TraceFile::Grow(size_t& room) {
-  auto larger = std::make_unique_for_overwrite<char[]>(room * 2);
-  std::memcpy(larger.get(), m_Bytes.get(), m_Size);
-  m_Bytes = std::move(larger);
-  room *= 2;
+void TraceFile::Grow(size_t room) {
+  char* const larger = static_cast<char*>(std::realloc(m_Bytes.get(), std::max<size_t>(room, 1)));
+  if (larger == nullptr) throw std::bad_alloc();
+  static_cast<void>(m_Bytes.release());
+  m_Bytes.reset(larger);
 }
 
 // With the compression library itself rather than an archive reader, which drops the last block of a cut file.
@@ -91,8 +98,7 @@ void TraceFile::Unpack(int fd) {
   if (!inflater.IsGood()) throw std::bad_alloc();
   z_stream& stream = inflater.Stream();
   std::array<char, 1 << 16> packed{};
-  size_t room = kFirstBlock;
-  m_Bytes = std::make_unique_for_overwrite<char[]>(room);
+  size_t room = 0;
   for (int result = Z_OK; result != Z_STREAM_END;) {
     const ssize_t got = stream.avail_in == 0 ? ReadSome(fd, packed.data(), packed.size()) : 1;
     if (got < 0) throw SystemFailure("cannot read the trace", m_Path, errno);
@@ -104,7 +110,7 @@ void TraceFile::Unpack(int fd) {
       stream.next_in = reinterpret_cast<Bytef*>(packed.data());
       stream.avail_in = static_cast<uInt>(got);
     }
-    if (m_Size == room) Grow(room);
+    if (m_Size == room) Grow(room = std::max(room * 2, kFirstBlock));
     const auto free = static_cast<uInt>(std::min(room - m_Size, kFirstBlock));
     stream.next_out = reinterpret_cast<Bytef*>(m_Bytes.get() + m_Size);
     stream.avail_out = free;
@@ -114,7 +120,7 @@ void TraceFile::Unpack(int fd) {
       m_Damage = stream.msg != nullptr ? stream.msg : "damaged";
       return;
     }
-    if (m_Size > kLargestTrace) throw CommandError(ExitCode::kInputDamaged, "larger than a trace can be", m_Path, "");
+    RefuseAbove(m_Size);
   }
 }
 

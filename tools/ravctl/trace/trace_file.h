@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -12,11 +13,14 @@ namespace ravctl {
 // A trace file read into memory; a compressed one (.gz) is unpacked by its content, whatever its name is.
 //
 // It is read rather than mapped: a daemon that starts cuts the old file to nothing, and a mapping of it would take the
-// tool down. Large files cost their size in memory.
+// tool down. Large files cost their size in memory, so a file has a limit: anybody may have packed gigabytes of zeros
+// into a megabyte.
 class TraceFile {
  public:
-  // Throws CommandError when the file cannot be opened or read, or is larger than a trace can be.
-  explicit TraceFile(std::string path);
+  static constexpr size_t kUsualLargest = size_t{256} << 20;  // bytes, unpacked
+
+  // Throws CommandError when the file cannot be opened or read, or holds more than that many bytes.
+  explicit TraceFile(std::string path, size_t largest = kUsualLargest);
 
   const std::string& Path() const { return m_Path; }
   std::string_view Content() const { return {m_Bytes.get(), m_Size}; }
@@ -29,10 +33,16 @@ class TraceFile {
  private:
   void ReadPlain(int fd, size_t size);
   void Unpack(int fd);
-  void Grow(size_t& room);
+  void Grow(size_t room);
+  void RefuseAbove(size_t size) const;
+
+  struct Free {
+    void operator()(char* bytes) const { std::free(bytes); }
+  };
 
   std::string m_Path;
-  std::unique_ptr<char[]> m_Bytes;
+  size_t m_Largest;
+  std::unique_ptr<char, Free> m_Bytes;
   size_t m_Size = 0;
   TraceLayout m_Layout;
   std::string m_Damage;

@@ -17,6 +17,7 @@ constexpr std::string_view kArgument = "argv[";
 constexpr std::string_view kWrap = "------ WRAP ----- Cycle=";
 constexpr std::string_view kWrapPosition = "CntInitEnd=";
 constexpr size_t kHeaderSearch = size_t{1} << 20;  // a header is looked for in that much of the start
+constexpr size_t kLongestWrapLine = 256;           // before and behind its first word
 
 size_t LineStart(std::string_view content, size_t at) {
   const size_t before = at == 0 ? std::string_view::npos : content.rfind('\n', at - 1);
@@ -132,12 +133,14 @@ void FindRingBufferParts(std::string_view content, TraceLayout& layout) {
 // Where the line of a wrap says that it stands, when it does.
 std::optional<size_t> FindWrapPosition(std::string_view content) {
   for (size_t at = content.find(kWrap); at != std::string_view::npos; at = content.find(kWrap, at + 1)) {
-    const std::string_view line = content.substr(at, content.find('\n', at) - at);
-    const size_t field = line.find(kWrapPosition);
+    const size_t near = at - std::min(at, kLongestWrapLine);
+    const size_t start = near + LineStart(content.substr(near), at - near);
+    const std::string_view line = content.substr(at, kLongestWrapLine);
+    const size_t field = line.substr(0, line.find('\n')).find(kWrapPosition);
     if (field == std::string_view::npos) continue;
     size_t position = 0;
     std::from_chars(line.data() + field + kWrapPosition.size(), line.data() + line.size(), position);
-    if (position == LineStart(content, at)) return position;
+    if (position == start) return position;
   }
   return std::nullopt;
 }
@@ -167,6 +170,43 @@ void FindLogFileParts(std::string_view content, TraceLayout& layout) {
   layout.parts.push_back(content.substr(*wrap, (jump ? jump->newestEnd : content.size()) - *wrap));
 }
 
+// The starts of entries around places that are asked for in rising order, each at the start of a line: however many
+// places there are, the text is read twice at most.
+class EntryStarts {
+ public:
+  EntryStarts(std::string_view content, size_t from) : m_Content(content), m_Line(from) {}
+
+  // Of the last entry that starts before the place.
+  size_t LastBefore(size_t at) {
+    for (; m_Line < at; m_Line = NextLine(m_Line)) {
+      if (StartsEntry(m_Content.substr(m_Line))) m_Before = m_Line;
+    }
+    return m_Before;
+  }
+
+  // Of the first entry, no filler, that starts there or behind and whose line is complete.
+  size_t FirstFrom(size_t at) {
+    if (m_Behind != 0 && m_Behind >= at) return m_Behind;
+    for (; at < m_Content.size(); at = NextLine(at)) {
+      const size_t line = std::min(m_Content.find_first_not_of('\0', at), m_Content.size());
+      const std::string_view view = m_Content.substr(line, NextLine(line) - line);
+      if (StartsEntry(view) && view.ends_with('\n') && !IsFiller(view)) return m_Behind = line;
+    }
+    return m_Behind = std::string_view::npos;
+  }
+
+ private:
+  size_t NextLine(size_t at) const {
+    const size_t close = m_Content.find('\n', at);
+    return close == std::string_view::npos ? m_Content.size() : close + 1;
+  }
+
+  std::string_view m_Content;
+  size_t m_Line;
+  size_t m_Before = std::string_view::npos;
+  size_t m_Behind = 0;  // 0: not looked for yet
+};
+
 // A file without its Begin line is still a ring buffer when something in it belongs to one.
 bool LooksLikeRingBuffer(std::string_view content) {
   if (IsFiller(content.substr(0, kFillerLength)) || FindFiller(content, 0) < content.size()) return true;
@@ -191,22 +231,17 @@ std::string_view FindBeginLine(std::string_view content) {
 }
 
 size_t FindEndMarker(std::string_view content, size_t from) {
+  EntryStarts starts(content, from);
   size_t last = std::string_view::npos;
   for (size_t at = content.find(kEndMarker, from); at != std::string_view::npos;
        at = content.find(kEndMarker, at + 1)) {
     if (at != from && content[at - 1] != '\n') continue;
     last = at;
     // The times of the entry before it and of the one behind it: behind the true one stand older entries or filler.
-    size_t before = LineStart(content, at == 0 ? 0 : at - 1);
-    while (before > from && !StartsEntry(content.substr(before)))
-      before = LineStart(content, before - 1);
-    bool isNewest = true;
-    ForEachEntry(content.substr(at + kEndMarker.size(), size_t{256} << 10), [&](std::string_view whole) {
-      isNewest =
-          !StartsEntry(content.substr(before)) || whole.substr(0, kTimeLength) <= content.substr(before, kTimeLength);
-      return false;
-    });
-    if (isNewest) return at;
+    const size_t before = starts.LastBefore(at);
+    const size_t behind = starts.FirstFrom(at + kEndMarker.size());
+    if (before == std::string_view::npos || behind == std::string_view::npos) return at;
+    if (content.substr(behind, kTimeLength) <= content.substr(before, kTimeLength)) return at;
   }
   return last;
 }

@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <chrono>
 
-#include "perfmon/proc_file.h"
 #include "perfmon/sample_text.h"
+#include "platform/descriptor_io.h"
 #include "ravctl/answer/error.h"
 #include "ravctl/answer/stream_table.h"
 #include "ravctl/base/text.h"
@@ -125,7 +125,7 @@ void PerfSampler::ReadCpu(PerfSample& sample) {
 void PerfSampler::ReadMemory(PerfSample& sample) {
   std::string text;
   MemInfo info{};
-  if (!ReadProcFile(kProcMemInfo, text) || !ParseMemInfo(text, info)) return;
+  if (!OpenAndReadToEnd(kProcMemInfo, text) || !ParseMemInfo(text, info)) return;
   const _PerfDataMemory record = MakeMemoryRecord(info);
   sample.physical = {Percent(CPerfMon::memoryPhysical, 0), record.totalPhysical, record.usedPhysical};
   sample.virtualMemory = {Percent(CPerfMon::memoryVirtual, 0), record.totalVirtual, record.usedVirtual};
@@ -135,7 +135,7 @@ void PerfSampler::ReadMemory(PerfSample& sample) {
 // interval, so it holds for intervals of a second alone.
 void PerfSampler::ReadNetwork(PerfSample& sample) {
   std::string text;
-  ReadProcFile(kProcNetDev, text);
+  OpenAndReadToEnd(kProcNetDev, text);
   const uint64_t nowMs = NowMs();
   if (!m_Socket) m_Socket.Reset(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   std::map<std::string, NetInterfaceState, std::less<>> interfaces;

@@ -13,8 +13,8 @@
 #include <numeric>
 
 #include "firmware/little_endian.h"
-#include "firmware/smbios_walk.h"
 #include "firmware/smbios_from_memory.h"
+#include "firmware/smbios_walk.h"
 #include "platform/descriptor_io.h"
 #include "platform/unique_fd.h"
 #include "ravctl/answer/record.h"

@@ -6,19 +6,12 @@
 #include "ravctl/commands/trace/group.h"
 #include "ravctl/line/command.h"
 #include "ravctl/trace/entry_writer.h"
-#include "ravctl/trace/file_watch.h"
-#include "ravctl/trace/log_follower.h"
-#include "ravctl/trace/ring_follower.h"
 #include "ravctl/trace/trace_filter.h"
+#include "ravctl/trace/trace_follower.h"
 
 namespace ravctl {
 
 namespace {
-
-constexpr int kBusyMs = 10;      // an entry is being written
-constexpr int kShortestMs = 20;  // after news
-constexpr int kLongestMs = 500;  // when all is quiet: a write through a mapping wakes nobody
-constexpr int kBusyTries = 50;   // then the writer has died within an entry
 
 struct FollowOptions {
   TraceSource source;
@@ -28,7 +21,7 @@ struct FollowOptions {
 };
 
 // The entries that pass the filter: the newest of those that are there already, then each.
-class Sink {
+class Sink : public EntrySink {
  public:
   Sink(const FollowOptions& options, Output& out)
       : m_Filter(options.filter), m_Last(options.last), m_Out(out), m_Writer(out, {"trace-entry"}, true) {
@@ -36,7 +29,7 @@ class Sink {
     m_Writer.Begin();
   }
 
-  void Take(std::string_view whole) {
+  void Take(std::string_view whole) override {
     if (!m_Filter.IsEmpty() && !m_Filter.Matches(ParseEntry(whole))) return;
     if (m_IsLive) {
       m_Writer.Write(whole);
@@ -47,7 +40,7 @@ class Sink {
   }
 
   // From here on every entry is written as it comes.
-  void GoLive() {
+  void GoLive() override {
     m_IsLive = true;
     for (const std::string& whole : m_Held)
       m_Writer.Write(whole);
@@ -55,9 +48,9 @@ class Sink {
     m_Out.Flush();
   }
 
-  void Flush() { m_Out.Flush(); }
-  bool IsClosed() const { return m_Out.IsClosed(); }
-  void WarnAboutLoss(const std::string& path) {
+  void Flush() override { m_Out.Flush(); }
+  bool IsClosed() const override { return m_Out.IsClosed(); }
+  void WarnAboutLoss(const std::string& path) override {
     m_Out.Warn("entries were overwritten before they could be read", path, "use a larger ring buffer");
   }
 
@@ -70,116 +63,6 @@ class Sink {
   bool m_IsLive = false;
 };
 
-// The ring buffers of an application one after the other: the start-up one while it starts, the run-time one
-// afterwards, and so again after each start.
-class RingChain {
- public:
-  RingChain(std::string start, std::string run, Sink& sink)
-      : m_Start(std::move(start)), m_Run(std::move(run)), m_Sink(sink) {}
-
-  // What is there already.
-  void Begin() {
-    const bool hasRun = !m_Run.Path().empty() && m_Run.Open();
-    const bool hasStart = !m_Start.Path().empty() && m_Start.Open();
-    if (hasStart && (!hasRun || m_Start.BeginTime() >= m_Run.BeginTime())) {
-      if (hasRun) ReadAll(m_Run);
-      m_Current = &m_Start;
-    } else if (hasRun) {
-      m_Current = &m_Run;
-    }
-    if (m_Current != nullptr) ReadAll(*m_Current);
-    if (m_Current != nullptr) m_Since = m_Current->BeginTime();
-  }
-
-  // What is new. mayHaveChanged: files may have come or gone.
-  RingFollower::State Read(bool mayHaveChanged) {
-    RingFollower::State state = m_Current != nullptr ? ReadCurrent() : RingFollower::State::kQuiet;
-    if (mayHaveChanged || state == RingFollower::State::kNotReady || m_IsSwitching) {
-      if (Switch()) state = ReadCurrent();
-    }
-    return state;
-  }
-
- private:
-  RingFollower::Visit Visit() {
-    return [this](std::string_view whole) { m_Sink.Take(whole); };
-  }
-
-  void ReadAll(RingFollower& ring) {
-    for (int tries = 0; tries < kBusyTries && ring.ReadAll(Visit()) == RingFollower::State::kNotReady; ++tries)
-      FileWatch("", 0).Wait(kBusyMs);
-  }
-
-  RingFollower::State ReadCurrent() {
-    const unsigned int losses = m_Current->Losses();
-    const RingFollower::State state = m_Current->Read(Visit());
-    if (m_Current->Losses() != losses) m_Sink.WarnAboutLoss(m_Current->Path());
-    if (!m_Current->BeginTime().empty()) m_Since = m_Current->BeginTime();
-    return state;
-  }
-
-  // Goes to the buffer that the application has turned to; what the old one still holds was read before.
-  bool Switch() {
-    RingFollower& other = m_Current == &m_Start ? m_Run : m_Start;
-    m_IsSwitching = m_Current == &m_Start && !m_Start.IsCurrent();
-    if (m_Current == nullptr) return TurnTo(m_Start) || TurnTo(m_Run);
-    // A start-up buffer that came anew, or the run-time buffer that follows the start-up one that is gone.
-    if (m_Current == &m_Run || m_IsSwitching) {
-      if (TurnTo(other)) return true;
-    }
-    return m_IsSwitching && TurnTo(m_Start);
-  }
-
-  bool TurnTo(RingFollower& ring) {
-    if (ring.Path().empty() || !ring.Open() || ring.BeginTime().empty()) return false;
-    const bool isSame = &ring == m_Current;
-    if (isSame ? ring.BeginTime() <= m_Since : ring.BeginTime() < m_Since) return false;
-    m_Current = &ring;
-    m_IsSwitching = false;
-    m_Since = ring.BeginTime();
-    return true;
-  }
-
-  RingFollower m_Start;
-  RingFollower m_Run;
-  Sink& m_Sink;
-  RingFollower* m_Current = nullptr;
-  std::string m_Since;         // when the current one was begun
-  bool m_IsSwitching = false;  // the start-up buffer is gone, the run-time one is not ready yet
-};
-
-void FollowRings(RingChain& chain, FileWatch& watch, Sink& sink) {
-  int waitMs = kShortestMs;
-  int busyTries = 0;
-  bool mayHaveChanged = true;
-  while (!sink.IsClosed()) {
-    const bool isOver = watch.IsProcessGone();  // what is read from here on are its last words
-    const RingFollower::State state = chain.Read(mayHaveChanged);
-    sink.Flush();
-    const bool isBusy = state == RingFollower::State::kNotReady && ++busyTries < kBusyTries;
-    if (isOver && !isBusy && state != RingFollower::State::kNews) return;
-    if (state != RingFollower::State::kNotReady) busyTries = 0;
-    waitMs = state == RingFollower::State::kNews ? kShortestMs : std::min(waitMs * 2, kLongestMs);
-    mayHaveChanged = watch.Wait(isOver || isBusy ? kBusyMs : waitMs);
-  }
-}
-
-void FollowLog(const std::string& path, FileWatch& watch, Sink& sink) {
-  LogFollower log(path);
-  const auto visit = [&sink](std::string_view whole) { sink.Take(whole); };
-  log.Read(visit);
-  sink.GoLive();
-  while (!sink.IsClosed()) {
-    const bool isOver = watch.IsProcessGone();
-    const unsigned int losses = log.Losses();
-    log.Read(visit);
-    if (log.Losses() != losses) sink.WarnAboutLoss(path);
-    sink.Flush();
-    if (isOver) return;
-    watch.Wait(watch.HasWatch() ? -1 : kLongestMs);
-  }
-}
-
 std::string DirectoryPart(const std::string& path) {
   const size_t slash = path.rfind('/');
   return slash == std::string::npos ? "." : path.substr(0, std::max<size_t>(slash, 1));
@@ -190,25 +73,18 @@ ExitCode RunFollow(const FollowOptions& options, Output& out) {
   const TraceSource& source = options.source;
   const bool isPath = IsPath(source);
   const std::string directory = isPath ? DirectoryPart(source.what) : DirectoryOf(source);
-  FileWatch watch(directory, options.pid);
-  const TracePaths paths = PathsOf(directory, source.what);
-  if (source.part == TracePart::kLog && !isPath) {
-    FollowLog(paths.log, watch, sink);
-    return ExitCode::kDone;
-  }
+  FollowedTrace followed;
+  followed.directory = directory;
+  followed.pid = options.pid;
   if (isPath) {
-    const TraceFile file(source.what);
-    if (file.Layout().kind == TraceKind::kLogFile) {
-      FollowLog(source.what, watch, sink);
-      return ExitCode::kDone;
-    }
+    (TraceFile(source.what).Layout().kind == TraceKind::kLogFile ? followed.log : followed.run) = source.what;
+  } else {
+    const TracePaths paths = PathsOf(directory, source.what);
+    if (source.part == TracePart::kLog) followed.log = paths.log;
+    if (source.part != TracePart::kRun) followed.start = paths.start;
+    if (source.part != TracePart::kStart) followed.run = paths.run;
   }
-  const bool wantsStart = !isPath && source.part != TracePart::kRun;
-  const bool wantsRun = !isPath && source.part != TracePart::kStart;
-  RingChain chain(wantsStart ? paths.start : "", isPath ? source.what : wantsRun ? paths.run : "", sink);
-  chain.Begin();
-  sink.GoLive();
-  FollowRings(chain, watch, sink);
+  FollowTrace(followed, sink);
   return ExitCode::kDone;
 }
 

@@ -1,17 +1,16 @@
-#include "platform/cancellation.h"
+// Detached threads are cancelled wherever they are in the library.
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <random>
 #include <thread>
 
 #include "netif/host_ip_address.h"
 #include "netif/network_interface_manager.h"
 #include "platform/thread.h"
+#include "prove/prove.h"
 #include "registry/registry.h"
 #include "support/fixture_root.h"
 
@@ -58,21 +57,18 @@ int CancelThreads(unsigned int seed) {
 
 }  // namespace
 
-using Cancellation = RootedTest;
-
-TEST_F(Cancellation, EndsADetachedThreadAndNobodyElse) {
-  const char* rounds = std::getenv("RAVD_CANCEL_ROUNDS");  // processes; a short form without it
+TEST(Prove, Cancellations) {
+  const FixtureRoot root;
   root.MakeDirectory("/etc/pelrix");
-  const auto body = [rounds] {
-    const unsigned int processes = rounds != nullptr ? static_cast<unsigned int>(std::atoi(rounds)) : 4;
-    for (unsigned int number = 1; number <= processes; ++number) {
+  const auto body = [] {
+    const int processes = Rounds(40, 8);
+    for (int number = 1; number <= processes; ++number) {
       const pid_t child = ::fork();
-      if (child == 0) ::_exit(CancelThreads(number));
-      int status = -1;
-      ::waitpid(child, &status, 0);
-      ASSERT_EQ(status, 0) << "process " << number;
+      if (child == 0) ::_exit(CancelThreads(static_cast<unsigned int>(number)));
+      ASSERT_EQ(WaitFor(child, 60), 0) << "process " << number;
     }
-    std::printf("figure: %u processes of %d cancellations\n", processes, kCancellations);
+    Figure("%d processes of %d cancellations inside saves and network calls: each ended its thread and nobody else",
+           processes, kCancellations);
   };
   root.Run(body, FixtureRoot::kProc | FixtureRoot::kNetwork);
 }
