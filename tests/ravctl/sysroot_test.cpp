@@ -3,14 +3,21 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <net/if.h>
+#include <sched.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <functional>
 
+#include "ravctl/base/error.h"
 #include "ravctl/archive_file.h"
 #include "ravctl/ravctl_runner.h"
 #include "ravctl/tree/enter.h"
@@ -58,6 +65,76 @@ TEST(Sysroot, ShowsTheTreeAndNothingOfThisMachine) {
       },
       FixtureRoot::kUsr);
   EXPECT_FALSE(machine.Exists("/tree/bin")) << "the tree was changed";
+}
+
+TEST(Sysroot, LeavesNoRightsAndClosesWhatWaitsOrLoads) {
+  const FixtureRoot machine;
+  machine.WriteFile("/tree/etc/closed", "for root", 0600);
+  machine.WriteFile("/tree/etc/ld.so.preload", "/lib/evil.so\n");
+  machine.WriteFile("/tree/elsewhere", "/lib/evil.so\n");
+  machine.MakeLink("/tree/etc/ld.so.cache", "../elsewhere");
+  machine.WriteFile("/tree/dev/mem", "memory");
+  machine.WriteFile("/tree/dev/null", "no null");
+  machine.MakeLink("/tree/dev/disk/one", "../sda");
+  for (int number = 0; number < 2000; ++number)
+    machine.WriteFile("/tree/dev/sda" + (number == 0 ? "" : std::to_string(number)), "disk");
+  for (const char* place : {"/tree/etc/mtab", "/tree/dev/pipe", "/tree/var/log/deep/log.ravd"}) {
+    machine.MakeDirectory(std::filesystem::path(place).parent_path().string());
+    ASSERT_EQ(::mkfifo(machine.HostPath(place).c_str(), 0666), 0);
+  }
+  const bool isRoot = ::geteuid() == 0;
+  // An ordinary user can make no device.
+  EXPECT_EQ(::mknod(machine.HostPath("/tree/dev/zero").c_str(), S_IFCHR | 0666, makedev(1, 5)) == 0, isRoot);
+  machine.Run(
+      [&] {
+        ravctl::EnterSysroot("/tree");
+        EXPECT_NE(::getuid() == 0, isRoot);
+        EXPECT_EQ(::unshare(CLONE_NEWNS), -1);
+        EXPECT_EQ(::mkdir("/x", 0755), -1);
+        EXPECT_EQ(errno, EROFS);
+        for (const int capability : {CAP_DAC_OVERRIDE, CAP_SYS_ADMIN, CAP_SETUID})
+          EXPECT_EQ(::prctl(PR_CAPBSET_READ, capability), 0);
+        rlimit limit{};
+        EXPECT_EQ(::getrlimit(RLIMIT_CPU, &limit), 0);
+        EXPECT_LE(limit.rlim_max, 600U);
+        EXPECT_EQ(::getrlimit(RLIMIT_NPROC, &limit), 0);
+        EXPECT_LE(limit.rlim_max, 512U);
+        EXPECT_EQ(ReadWholeFile("/etc/closed"), "for root");
+        // Nothing waits; a child is not told what to load.
+        for (const char* path : {"/etc/mtab", "/dev/pipe", "/var/log/deep/log.ravd", "/etc/ld.so.preload",
+                                 "/etc/ld.so.cache", "/dev/zero"})
+          EXPECT_EQ(::open(path, O_RDONLY), -1) << path;
+        EXPECT_EQ(ReadWholeFile("/dev/mem") + ReadWholeFile("/dev/sda1999") + ReadWholeFile("/dev/disk/one"),
+                  "memorydiskdisk");
+        EXPECT_EQ(std::system("/usr/bin/true >/dev/null"), 0);
+      },
+      FixtureRoot::kUsr);
+}
+
+TEST(Sysroot, ATreeThatNoMachineHasIsRefused) {
+  const auto expect = [](const FixtureRoot& machine, const char* why) {
+    machine.Run([why] {
+      try {
+        ravctl::EnterSysroot("/tree");
+        ADD_FAILURE() << why;
+      } catch (const ravctl::CommandError& error) {
+        EXPECT_THAT(error.what(), HasSubstr(why));
+      }
+    });
+  };
+  const FixtureRoot deep, wide, piped;
+  std::string path = "/tree";
+  for (int depth = 0; depth < 140; ++depth)
+    path += "/d";
+  deep.MakeDirectory(path);
+  for (int number = 0; number < 300; ++number) {
+    wide.MakeDirectory("/tree/d" + std::to_string(number));
+    piped.MakeDirectory("/tree/d");
+    ASSERT_EQ(::mkfifo(piped.HostPath("/tree/d/" + std::to_string(number)).c_str(), 0666), 0);
+  }
+  expect(deep, "too many directories below each other");
+  expect(wide, "too many names in a directory");
+  expect(piped, "too many pipes");
 }
 
 TEST(Sysroot, AnswersFromDirectoryAndBundleAndForUsers) {
@@ -166,6 +243,26 @@ TEST(Sysroot, HostileBundlesAreRefused) {
       {"incomplete",
        [&] { return ArchiveFile().File("manifest.json", manifest(R"({"path":"etc/a","type":"file"})")).Bytes(); },
        "it lacks etc/a"},
+      {"deep manifest",
+       [&] { return ArchiveFile().File("manifest.json", manifest(std::string(1000000, '['))).Bytes(); },
+       "its manifest: it nests too deep"},
+      {"wide manifest",
+       [] {
+         std::string keys = "{";
+         for (int number = 0; number < 200000; ++number)
+           keys += '"' + std::to_string(number) + "\":1,";
+         return ArchiveFile().File("manifest.json", keys + "\"x\":1}").Bytes();
+       },
+       "its manifest: too many keys in one object"},
+      {"dot", [] { return ArchiveFile().Sparse(".", size_t{1} << 30).Bytes(); }, "leads out of the tree or is none: ."},
+      {"dots only",
+       [] {
+         ArchiveFile file;
+         for (int number = 0; number <= 100000; ++number)
+           file.Directory(".");
+         return file.Bytes();
+       },
+       "too many entries"},
       {"manifest", [] { return ArchiveFile().File("manifest.json", R"([{"schema":5}])").Bytes(); },
        "its manifest is none"},
   };

@@ -56,7 +56,7 @@ ExitCode RunBundle(const BundleOptions& options, Output& out) {
   if (options.redact) RedactAll(capture.Entries(), missing, origin);
   const CapturedEntry manifest = MakeManifest(origin, capture.Entries(), missing);
   const uint64_t packed = WriteEntries(writer, capture.Entries(), manifest);
-  WarnAboutMissing(capture.Missing(), out);
+  WarnAboutMissing(missing, out);
   out.Print({"bundle"},
             Printable(options.out) + ": " + std::to_string(capture.Entries().size()) + " entries, " +
                 HumanSize(capture.Bytes()) + " captured, " + HumanSize(packed) + " packed" +
@@ -67,7 +67,7 @@ ExitCode RunBundle(const BundleOptions& options, Output& out) {
              {"packed", packed},
              {"redacted", options.redact},
              {"traces", options.trace},
-             {"missing", ToJson(capture.Missing())},
+             {"missing", ToJson(missing)},
              {"live_only", LiveOnlyAnswers()}});
   return ExitCode::kDone;
 }

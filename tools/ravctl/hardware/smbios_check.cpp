@@ -6,8 +6,8 @@
 #include <numeric>
 
 #include "firmware/little_endian.h"
-#include "firmware/smbios_structures.h"
-#include "firmware/smbios_tables.h"
+#include "firmware/smbios_from_memory.h"
+#include "firmware/smbios_walk.h"
 #include "ravctl/hardware/record.h"
 #include "ravctl/hardware/smbios_names.h"
 

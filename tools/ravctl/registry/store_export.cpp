@@ -7,6 +7,7 @@
 
 #include "ravctl/answer/json.h"
 #include "ravctl/base/error.h"
+#include "ravctl/base/json_reader.h"
 #include "ravctl/base/text.h"
 
 namespace ravctl {
@@ -56,8 +57,10 @@ class Parser {
   explicit Parser(std::string path) : m_Path(std::move(path)) {}
 
   StoreKey Run(std::string_view bytes) {
-    const Json object = Json::parse(bytes, nullptr, false);
-    if (object.is_discarded()) Refuse("it is no JSON");
+    std::string why;
+    const std::optional<Json> read = ReadJson(bytes, why);
+    if (!read) Refuse(why);
+    const Json& object = *read;
     if (Text(object, "schema") != "ravctl/" + std::string(kExportSchema.name)) Refuse("its schema is another one");
     if (!object.contains("version") || object["version"] != kExportSchema.version) Refuse("its version is another one");
     const Json* data = Member(object, "data", &Json::is_object);

@@ -21,6 +21,7 @@
 #include "ravctl/answer/json.h"
 #include "ravctl/answer/output.h"
 #include "ravctl/base/error.h"
+#include "ravctl/base/json_reader.h"
 #include "ravctl/base/text.h"
 #include "ravctl/tree/bundle_format.h"
 
@@ -29,6 +30,8 @@ namespace ravctl {
 namespace {
 
 constexpr size_t kReadSize = 256 * 1024;
+// With the headers of the entries.
+constexpr auto kMostUnpacked = static_cast<int64_t>(kLargestBundle + kLargestManifest + uint64_t{kMostEntries} * 8192);
 
 using Archive = std::unique_ptr<archive, decltype([](archive* each) { ::archive_read_free(each); })>;
 
@@ -54,6 +57,13 @@ bool LeadsOut(std::string_view path, std::string_view target) {
     if (depth < 0) return true;
   }
   return false;
+}
+
+// Null for what is no object or lacks the key.
+const Json& Field(const Json& object, const char* key) {
+  static const Json none;
+  const auto found = object.is_object() ? object.find(key) : object.end();
+  return !object.is_object() || found == object.end() ? none : *found;
 }
 
 UniqueFd OpenBelow(int directory, const char* path) {
@@ -150,8 +160,10 @@ std::string Unpacker::PathOf(archive_entry* entry) const {
 
 void Unpacker::TakeEntry(archive_entry* entry) {
   m_Path = PathOf(entry);
-  if (m_Path.empty() || m_Path == ".") return;
   if (++m_Entries > kMostEntries) Refuse("too many entries");
+  // What was skipped was unpacked, too.
+  if (::archive_filter_bytes(m_Archive.get(), 0) > kMostUnpacked) Refuse("more than a bundle holds");
+  if ((m_Path.empty() || m_Path == ".") && ::archive_entry_filetype(entry) == AE_IFDIR) return;
   if (!IsPlainPath(m_Path)) Refuse("a path that leads out of the tree or is none");
   if (::archive_entry_hardlink(entry) != nullptr) Refuse("a hard link");
   const size_t slash = m_Path.rfind('/');
@@ -243,19 +255,22 @@ void Unpacker::CheckManifest() const {
   const UniqueFd file(::openat(m_Directory, kManifestPath, O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
   std::string text;
   if (!file || !ReadToEnd(file.Get(), text)) throw SystemFailure("cannot read " + m_Bundle, kManifestPath, errno);
-  const Json manifest = Json::parse(text, nullptr, false);
-  if (!manifest.is_object() || manifest.value("schema", Json()) != kManifestSchema) Damaged("its manifest is none");
-  if (manifest.value("version", Json()) != kManifestVersion) {
+  std::string why;
+  const std::optional<Json> manifest = ReadJson(text, why, {.size = kLargestManifest});
+  if (!manifest) Damaged("its manifest: " + why);
+  if (Field(*manifest, "schema") != kManifestSchema) Damaged("its manifest is none");
+  if (Field(*manifest, "version") != kManifestVersion) {
     throw CommandError(ExitCode::kInputDamaged, "the bundle is of another version", m_Bundle,
                        "use the ravctl that made it");
   }
-  const Json entries = manifest.value("entries", Json::array());
+  const Json& entries = Field(*manifest, "entries");
+  if (!entries.is_array()) Damaged("its manifest names no entries");
   for (const Json& entry : entries) {
-    if (!entry.is_object() || entry.value("type", Json()) != "file") continue;
-    const std::string path = entry.contains("path") && entry["path"].is_string() ? entry["path"] : Json("");
+    if (Field(entry, "type") != "file") continue;
+    const std::string path = Field(entry, "path").is_string() ? Field(entry, "path").get<std::string>() : "a path";
     const auto content = m_Files.find(path);
     if (content == m_Files.end()) Damaged("it lacks " + path);
-    if (entry.value("size", Json()) != content->second.size || entry.value("crc32", Json()) != content->second.crc) {
+    if (Field(entry, "size") != content->second.size || Field(entry, "crc32") != content->second.crc) {
       Damaged("it holds another " + path + " than it says");
     }
   }

@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <vector>
 
 #include "ravctl/base/error.h"
@@ -21,6 +23,16 @@ using Entry = std::unique_ptr<archive_entry, decltype([](archive_entry* each) { 
 
 bool EndsWithOneOf(const std::string& path, std::initializer_list<std::string_view> endings) {
   return std::ranges::any_of(endings, [&path](std::string_view ending) { return path.ends_with(ending); });
+}
+
+[[noreturn]] void RefuseToOverwrite(const std::string& path) {
+  throw CommandError(ExitCode::kUsage, "the file exists and is not overwritten", path, "choose another name");
+}
+
+// Not over another file, where the file system can tell.
+bool TakeName(const char* temporary, const char* path) {
+  if (::renameat2(AT_FDCWD, temporary, AT_FDCWD, path, RENAME_NOREPLACE) == 0) return true;
+  return (errno == EINVAL || errno == ENOSYS) && ::rename(temporary, path) == 0;
 }
 
 unsigned int FileType(EntryType type) {
@@ -39,10 +51,10 @@ BundleWriter::BundleWriter(std::string path) : m_Path(std::move(path)) {
   if (!isGzip && !EndsWithOneOf(m_Path, {".tar.zst", ".tzst"})) {
     throw CommandError(ExitCode::kUsage, "the name does not tell the packing", m_Path, "end it in .tar.gz or .tar.zst");
   }
-  m_File.Reset(::open(m_Path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC | O_NOFOLLOW, 0600));
-  if (!m_File && errno == EEXIST) {
-    throw CommandError(ExitCode::kUsage, "the file exists and is not overwritten", m_Path, "choose another name");
-  }
+  if (struct stat info{}; ::lstat(m_Path.c_str(), &info) == 0) RefuseToOverwrite(m_Path);
+  const size_t name = m_Path.rfind('/') + 1;
+  m_Temporary = m_Path.substr(0, name) + "." + m_Path.substr(name) + ".XXXXXX";
+  m_File.Reset(::mkostemp(m_Temporary.data(), O_CLOEXEC));
   if (!m_File) throw SystemFailure("cannot create the bundle", m_Path, errno);
   m_Archive.reset(::archive_write_new());
   archive* writer = m_Archive.get();
@@ -57,7 +69,7 @@ BundleWriter::BundleWriter(std::string path) : m_Path(std::move(path)) {
 BundleWriter::~BundleWriter() {
   if (m_IsFinished || !m_File) return;
   ::archive_write_fail(m_Archive.get());
-  ::unlink(m_Path.c_str());
+  ::unlink(m_Temporary.c_str());
 }
 
 void BundleWriter::Require(bool isDone, const std::string& what) const {
@@ -119,6 +131,10 @@ uint64_t BundleWriter::Finish() {
   Require(::archive_write_close(m_Archive.get()) == ARCHIVE_OK, "its end");
   struct stat info {};
   if (::fsync(m_File.Get()) != 0 || ::fstat(m_File.Get(), &info) != 0) {
+    throw SystemFailure("cannot write the bundle", m_Path, errno);
+  }
+  if (!TakeName(m_Temporary.c_str(), m_Path.c_str())) {
+    if (errno == EEXIST) RefuseToOverwrite(m_Path);
     throw SystemFailure("cannot write the bundle", m_Path, errno);
   }
   m_IsFinished = true;

@@ -10,8 +10,9 @@ struct archive;
 
 namespace ravctl {
 
-// Writes a bundle to a new file that its owner alone can read. What is not finished is removed with the object.
-// Failures are thrown as CommandError.
+// Writes a bundle to a new file that its owner alone can read. Until it is finished it lies beside its place, under a
+// hidden name (".NAME.XXXXXX"), so that a bundle under its name is whole; what is not finished is removed with the
+// object, and stays behind only when the process is killed. Failures are thrown as CommandError.
 class BundleWriter {
  public:
   // The ending of the name tells the packing: .tar.gz, .tgz, .tar.zst or .tzst. A file that exists is left alone.
@@ -34,6 +35,7 @@ class BundleWriter {
   void WriteHole(uint64_t size, const std::string& path);
 
   std::string m_Path;
+  std::string m_Temporary;
   UniqueFd m_File;
   std::unique_ptr<archive, FreeArchive> m_Archive;
   bool m_IsFinished = false;

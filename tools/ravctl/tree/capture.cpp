@@ -1,7 +1,8 @@
 #include "ravctl/tree/capture.h"
 
+#include <dirent.h>
 #include <fcntl.h>
-#include <glob.h>
+#include <fnmatch.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,7 +11,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <span>
+#include <memory>
 
 #include "platform/descriptor_io.h"
 #include "platform/unique_fd.h"
@@ -47,23 +48,38 @@ bool ReadUpTo(int file, uint64_t limit, std::string& content) {
 }  // namespace
 
 void Capture::AddMatching(const std::string& pattern, CaptureKind kind, uint64_t limit) {
-  glob_t matches = {};
-  if (::glob(pattern.c_str(), GLOB_NOSORT, nullptr, &matches) == 0) {
-    for (const char* path : std::span(matches.gl_pathv, matches.gl_pathc))
-      Add(path, kind, limit);
+  AddMatchingBelow("", pattern, kind, limit);
+}
+
+// pattern: what follows the directory, with its slash.
+void Capture::AddMatchingBelow(const std::string& directory, std::string_view pattern, CaptureKind kind,
+                               uint64_t limit) {
+  if (pattern.empty()) return Add(directory, kind, limit);
+  const size_t end = std::min(pattern.find('/', 1), pattern.size());
+  const std::string name(pattern.substr(1, end - 1));
+  const std::string_view rest = pattern.substr(end);
+  if (name.find_first_of("*?[") == std::string::npos)
+    return AddMatchingBelow(directory + "/" + name, rest, kind, limit);
+  const std::unique_ptr<DIR, decltype([](DIR* stream) { ::closedir(stream); })> stream(::opendir(directory.c_str()));
+  if (stream == nullptr) return AddFailure(directory, errno);
+  std::vector<std::string> names;
+  while (const dirent* entry = ::readdir(stream.get())) {
+    if (::fnmatch(name.c_str(), entry->d_name, FNM_PERIOD) == 0) names.emplace_back(entry->d_name);
   }
-  ::globfree(&matches);
+  for (const std::string& each : names)
+    AddMatchingBelow(directory + "/" + each, rest, kind, limit);
 }
 
 void Capture::Add(const std::string& path, CaptureKind kind, uint64_t limit) {
   const std::string real = Resolve(path, kind == CaptureKind::kContent);
+  if (real.empty() && kind == CaptureKind::kOwnContent) AddUncaptured(path, "a link", false);
   if (real.empty() || !IsNew(real)) return;
   struct stat info {};
   if (::lstat(real.c_str(), &info) != 0) return AddFailure(real, errno);
   if (S_ISDIR(info.st_mode)) {
     AddEntry({.path = real.substr(1), .type = EntryType::kDirectory, .mode = info.st_mode & 07777});
-  } else if (kind == CaptureKind::kContent) {
-    TakeFile(real, limit, info.st_mode & 0777, info.st_mtime);
+  } else if (kind != CaptureKind::kName) {
+    TakeFile(real, limit, kind);
   } else {
     AddEntry({.path = real.substr(1), .modified = info.st_mtime});
   }
@@ -75,7 +91,7 @@ void Capture::AddEntry(CapturedEntry entry) {
 }
 
 void Capture::AddUncaptured(const std::string& path, const std::string& reason, bool needsRoot) {
-  m_Missing.push_back({path, reason, needsRoot && ::geteuid() != 0});
+  if (m_Noted.insert(path).second) m_Missing.push_back({path, reason, needsRoot && ::geteuid() != 0});
 }
 
 void Capture::AddFailure(const std::string& path, int error) {
@@ -126,16 +142,20 @@ std::string Capture::Resolve(const std::string& path, bool followsLast) {
   return real;
 }
 
-void Capture::TakeFile(const std::string& path, uint64_t limit, mode_t mode, int64_t modified) {
+void Capture::TakeFile(const std::string& path, uint64_t limit, CaptureKind kind) {
   // Without waiting for a pipe's other end, and without making a device do anything.
-  const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW));
   if (!file) return AddFailure(path, errno);
   struct stat info {};
   if (::fstat(file.Get(), &info) != 0) return AddFailure(path, errno);
   if (!S_ISREG(info.st_mode) && !S_ISCHR(info.st_mode)) return AddUncaptured(path, "no file", false);
+  if (kind == CaptureKind::kOwnContent) {
+    if (!S_ISREG(info.st_mode) || info.st_nlink != 1) return AddUncaptured(path, "it has further names", false);
+    if (info.st_uid != 0 && info.st_uid != ::geteuid()) return AddUncaptured(path, "it is somebody else's", false);
+  }
   const uint64_t room = kLargestBundle - std::min(m_Bytes, kLargestBundle);
   const uint64_t most = std::min({limit, kLargestFile, room});
-  CapturedEntry entry{.path = path.substr(1), .mode = mode, .modified = modified};
+  CapturedEntry entry{.path = path.substr(1), .mode = info.st_mode & 0777, .modified = info.st_mtime};
   if (!ReadUpTo(file.Get(), limit <= most ? limit : most + 1, entry.content)) return AddFailure(path, errno);
   if (entry.content.size() > most) {
     return AddUncaptured(path, most == room ? "no room is left in the bundle" : "too large for a bundle", false);

@@ -39,14 +39,19 @@ struct Uncaptured {
 enum class CaptureKind {
   kContent,  // a file with its content, a directory by its name
   kName,     // that it is there: a link by its target, anything else as an empty directory or file
+  // A file with its content from a directory where others may write: neither a link nor one of several names of a file,
+  // which could make anything else come along, and of root or of the caller. What is not is noted.
+  kOwnContent,
 };
 
 // Collects files of this machine as they are found by their absolute paths: every link on the way is an entry of its
-// own, and its target is followed. What does not exist is passed over; what cannot be read is noted. Files that grow
+// own, and its target is followed. What does not exist is passed over; what cannot be read is noted, and so is a
+// directory that a pattern leads through and that cannot be listed. Files that grow
 // while they are read are taken as far as they were. One thread.
 class Capture {
  public:
-  // Paths as of glob(7). limit: so many bytes of each file; what is longer is cut there.
+  // Paths with the patterns of fnmatch(3) in their names. limit: so many bytes of each file; what is longer is cut
+  // there.
   void AddMatching(const std::string& pattern, CaptureKind kind, uint64_t limit);
   void Add(const std::string& path, CaptureKind kind, uint64_t limit);
   // What was read by other means.
@@ -63,11 +68,13 @@ class Capture {
   bool IsNew(const std::string& path);
   void AddLink(const std::string& path, const std::string& target);
   void AddFailure(const std::string& path, int error);
-  void TakeFile(const std::string& path, uint64_t limit, mode_t mode, int64_t modified);
+  void AddMatchingBelow(const std::string& directory, std::string_view pattern, CaptureKind kind, uint64_t limit);
+  void TakeFile(const std::string& path, uint64_t limit, CaptureKind kind);
 
   std::vector<CapturedEntry> m_Entries;
   std::vector<Uncaptured> m_Missing;
   std::set<std::string, std::less<>> m_Seen;
+  std::set<std::string, std::less<>> m_Noted;  // as missing
   uint64_t m_Bytes = 0;
 };
 

@@ -2,31 +2,32 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <linux/audit.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
+#include <linux/magic.h>
 #include <sched.h>
+#include <sys/fsuid.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstddef>
+#include <climits>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <memory>
 #include <string_view>
 #include <vector>
 
 #include "platform/unique_fd.h"
+#include "ravctl/base/child.h"
 #include "ravctl/base/error.h"
 #include "ravctl/tree/bundle_format.h"
 #include "ravctl/tree/bundle_reader.h"
+#include "ravctl/tree/confine.h"
+#include "ravctl/tree/mounts.h"
 
 namespace ravctl {
 
@@ -36,6 +37,7 @@ constexpr const char* kUserMap = "/proc/self/uid_map";
 constexpr const char* kGroupMap = "/proc/self/gid_map";
 constexpr const char* kSetGroups = "/proc/self/setgroups";
 constexpr const char* kNullDevice = "/dev/null";
+constexpr auto kLoaderFiles = std::to_array<const char*>({"/etc/ld.so.preload", "/etc/ld.so.cache"});
 
 // What the commands of the library come from: this machine's, whatever the tree has.
 constexpr auto kSystemDirectories =
@@ -47,26 +49,30 @@ constexpr uint64_t kSystemAttributes = MOUNT_ATTR_RDONLY | MOUNT_ATTR_NOSUID | M
 // Of the root that is put together: places to mount at, and links.
 constexpr uint64_t kRootSize = uint64_t{16} << 20;
 constexpr uint64_t kRootFiles = 65536;
+constexpr const char* kClosedFile = "/.closed";  // nobody may read it
+constexpr const char* kCapturedDevices = ".captured";
+
+// What a tree may hold.
+constexpr size_t kMostTopNames = 256;
+constexpr size_t kMostPipes = 256;
+constexpr unsigned int kDeepestDirectory = 128;
+constexpr size_t kMostFiles = 4000000;
+
+constexpr uid_t kNobody = 65534;
+constexpr int kUnpackSeconds = 300;
 
 bool isInSysroot = false;
 
-CommandError Refused(std::string_view what, int error) {
-  const bool isOld = error == ENOSYS || error == EINVAL;
-  return {ExitCode::kPermission, "cannot enter the tree", std::string(what) + ": " + std::strerror(error),
-          isOld              ? "it needs Linux 5.12 or newer"
-          : ::geteuid() == 0 ? "the system allows no private namespaces here"
-                             : "run as root, or allow user namespaces"};
-}
-
-void Require(bool isDone, std::string_view what) {
-  if (!isDone) throw Refused(what, errno);
+[[noreturn]] void RefuseTree(const char* why, const std::string& where) {
+  throw CommandError(ExitCode::kInputDamaged, "the tree is refused", std::string(why) + ": " + where,
+                     "no machine was captured like that");
 }
 
 // ---- namespaces
 
 void WriteTo(const char* path, const std::string& text) {
   const UniqueFd file(::open(path, O_WRONLY | O_CLOEXEC));
-  Require(file && ::write(file.Get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()), path);
+  RequireEntered(file && ::write(file.Get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()), path);
 }
 
 // In the user namespace the caller is nobody until mapped; it stays who it is.
@@ -81,8 +87,8 @@ void MapCaller(uid_t user, gid_t group) {
 void KeepMountsPrivate() {
   if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0) return;
   const UniqueFd self(static_cast<int>(::syscall(SYS_pidfd_open, ::getpid(), 0)));
-  Require(self && ::setns(self.Get(), CLONE_NEWNS) == 0, "setns");
-  Require(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "private mounts");
+  RequireEntered(self && ::setns(self.Get(), CLONE_NEWNS) == 0, "setns");
+  RequireEntered(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "private mounts");
 }
 
 void EnterNamespaces() {
@@ -90,77 +96,68 @@ void EnterNamespaces() {
   const gid_t group = ::getegid();
   constexpr int kFlags = CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWIPC;
   if (::unshare(kFlags) != 0) {
-    Require(errno == EPERM && ::unshare(kFlags | CLONE_NEWUSER) == 0, "unshare");
+    RequireEntered(errno == EPERM && ::unshare(kFlags | CLONE_NEWUSER) == 0, "unshare");
     MapCaller(user, group);
   }
 }
 
-// ---- mounts
-
-// A file system in memory, mounted over the root of the namespace (which the process's own root stays below) and known
-// by its descriptor.
-UniqueFd MountMemory(uint64_t size, uint64_t files) {
-  const UniqueFd context(::fsopen("tmpfs", FSOPEN_CLOEXEC));
-  Require(static_cast<bool>(context), "fsopen");
-  const std::pair<const char*, std::string> options[] = {
-      {"mode", "0755"}, {"size", std::to_string(size)}, {"nr_inodes", std::to_string(files)}};
-  for (const auto& [key, value] : options)
-    Require(::fsconfig(context.Get(), FSCONFIG_SET_STRING, key, value.c_str(), 0) == 0, key);
-  Require(::fsconfig(context.Get(), FSCONFIG_CMD_CREATE, nullptr, nullptr, 0) == 0, "tmpfs");
-  UniqueFd memory(::fsmount(context.Get(), FSMOUNT_CLOEXEC, MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOEXEC));
-  Require(memory && ::move_mount(memory.Get(), "", AT_FDCWD, "/", MOVE_MOUNT_F_EMPTY_PATH) == 0, "fsmount");
-  return memory;
+// Whether the user namespace has a user beside root.
+bool HasUser(uid_t user) {
+  ::setfsuid(user);
+  return static_cast<uid_t>(::setfsuid(::geteuid())) == user;
 }
 
-// Shows what the descriptor stands for at a place that exists, with more restrictions than it has.
-void Bind(int from, int directory, const std::string& name, uint64_t attributes) {
-  const UniqueFd copy(::open_tree(from, "", OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_EMPTY_PATH | AT_RECURSIVE));
-  Require(static_cast<bool>(copy), "open_tree " + name);
-  struct mount_attr attr {};
-  attr.attr_set = attributes;
-  Require(attributes == 0 || ::mount_setattr(copy.Get(), "", AT_EMPTY_PATH | AT_RECURSIVE, &attr, sizeof attr) == 0,
-          "mount_setattr " + name);
-  Require(::move_mount(copy.Get(), "", directory, name.c_str(), MOVE_MOUNT_F_EMPTY_PATH) == 0, "move_mount " + name);
+// Who is to read the tree.
+Reader ReaderOf(const struct stat& tree) {
+  if (::geteuid() != 0) return {::geteuid(), ::getegid()};
+  const bool isOwned = S_ISDIR(tree.st_mode) && tree.st_uid != 0;
+  const Reader reader = isOwned ? Reader{tree.st_uid, tree.st_gid} : Reader{kNobody, kNobody};
+  return HasUser(reader.user) ? reader : Reader{::geteuid(), ::getegid()};
 }
+
+// ---- names
 
 UniqueFd OpenPath(int directory, const std::string& name) {
   return UniqueFd(::openat(directory, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
 }
 
+UniqueFd OpenDirectory(int directory, const std::string& name) {
+  return UniqueFd(::openat(directory, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
 std::string ReadLink(int link) {
-  std::array<char, 4096> target{};
+  std::array<char, PATH_MAX> target{};
   const ssize_t length = ::readlinkat(link, "", target.data(), target.size());
   return length > 0 ? std::string(target.data(), static_cast<size_t>(length)) : std::string();
 }
 
-// Shows an open file, directory or link under its name in another directory. What is neither, such as a device or a
-// pipe, is left out.
-void Show(int from, int directory, const std::string& name, uint64_t attributes) {
+mode_t TypeOf(int file) {
   struct stat info {};
-  if (::fstat(from, &info) != 0) return;
-  if (S_ISLNK(info.st_mode)) {
-    Require(::symlinkat(ReadLink(from).c_str(), directory, name.c_str()) == 0, name);
-  } else if (S_ISDIR(info.st_mode)) {
-    Require(::mkdirat(directory, name.c_str(), 0755) == 0, name);
-    Bind(from, directory, name, attributes);
-  } else if (S_ISREG(info.st_mode)) {
-    const UniqueFd place(::openat(directory, name.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0444));
-    Require(static_cast<bool>(place), name);
-    Bind(from, directory, name, attributes);
-  }
+  return ::fstat(file, &info) == 0 ? info.st_mode & S_IFMT : 0;
 }
 
-std::vector<std::string> NamesIn(int directory) {
-  std::vector<std::string> names;
-  UniqueFd copy(::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+struct Name {
+  std::string text;
+  unsigned char type = DT_UNKNOWN;
+};
+
+std::vector<Name> NamesIn(int directory, size_t most) {
+  std::vector<Name> names;
+  UniqueFd copy = OpenDirectory(directory, ".");
   const std::unique_ptr<DIR, decltype([](DIR* stream) { ::closedir(stream); })> stream(::fdopendir(copy.Get()));
   if (stream == nullptr) throw SystemFailure("cannot list", "the tree", errno);
   copy.Release();
   while (const dirent* entry = ::readdir(stream.get())) {
     const std::string_view name = entry->d_name;
-    if (name != "." && name != "..") names.emplace_back(name);
+    if (name == "." || name == "..") continue;
+    if (names.size() >= most) RefuseTree("too many names in a directory", std::string(name));
+    names.push_back({std::string(name), entry->d_type});
   }
   return names;
+}
+
+bool IsOfSystem(std::string_view name) {
+  return std::ranges::find(kSystemDirectories, name) != kSystemDirectories.end();
 }
 
 // ---- the root that is put together
@@ -178,99 +175,180 @@ struct SystemParts {
   }
 };
 
-void ShowDevices(int tree, int root, const SystemParts& system) {
-  Require(::mkdirat(root, "dev", 0755) == 0, "dev");
-  const UniqueFd devices(::openat(root, "dev", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  Require(static_cast<bool>(devices), "dev");
+void MakeFile(int directory, const char* name, mode_t mode) {
+  RequireEntered(static_cast<bool>(UniqueFd(::openat(directory, name, O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, mode))),
+                 name);
+}
+
+// Shows an open file, directory or link under its name in another directory. What is neither, such as a device or a
+// pipe, is left out.
+void Show(int from, int directory, const std::string& name, uint64_t attributes, int owners = -1) {
+  const mode_t type = TypeOf(from);
+  if (type == S_IFLNK) RequireEntered(::symlinkat(ReadLink(from).c_str(), directory, name.c_str()) == 0, name);
+  if (type == S_IFDIR) RequireEntered(::mkdirat(directory, name.c_str(), 0755) == 0, name);
+  if (type == S_IFREG) MakeFile(directory, name.c_str(), 0444);
+  if (type == S_IFDIR || type == S_IFREG) ShowAt(from, directory, name, attributes, owners);
+}
+
+// One mount for all captured devices, and links to them beside this machine's null device.
+void ShowDevices(int tree, int root, const SystemParts& system, int owners) {
+  RequireEntered(::mkdirat(root, "dev", 0755) == 0, "dev");
+  const UniqueFd devices = OpenDirectory(root, "dev");
+  RequireEntered(static_cast<bool>(devices), "dev");
   if (system.null) {
-    const UniqueFd place(::openat(devices.Get(), "null", O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0666));
-    Require(static_cast<bool>(place), "dev/null");
-    Bind(system.null.Get(), devices.Get(), "null", 0);
+    MakeFile(devices.Get(), "null", 0666);
+    ShowAt(system.null.Get(), devices.Get(), "null", 0);
   }
-  const UniqueFd captured(::openat(tree, "dev", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  const UniqueFd captured = OpenDirectory(tree, "dev");
   if (!captured) return;
-  for (const std::string& name : NamesIn(captured.Get())) {
-    if (name != "null") Show(OpenPath(captured.Get(), name).Get(), devices.Get(), name, kTreeAttributes);
+  Show(captured.Get(), devices.Get(), kCapturedDevices, kTreeAttributes, owners);
+  for (const Name& name : NamesIn(captured.Get(), kRootFiles / 2)) {
+    const UniqueFd device = OpenPath(captured.Get(), name.text);
+    const mode_t type = TypeOf(device.Get());
+    if (name.text == "null" || name.text == kCapturedDevices) continue;
+    if (type == S_IFLNK) Show(device.Get(), devices.Get(), name.text, 0);
+    if (type != S_IFREG && type != S_IFDIR) continue;
+    const std::string target = std::string(kCapturedDevices) + "/" + name.text;
+    RequireEntered(::symlinkat(target.c_str(), devices.Get(), name.text.c_str()) == 0, name.text);
   }
 }
 
-void ShowTree(int tree, int root, const SystemParts& system) {
+void ShowTree(int tree, int root, const SystemParts& system, int owners) {
   for (const auto& [name, directory] : system.directories)
     Show(directory.Get(), root, name, kSystemAttributes);
-  ShowDevices(tree, root, system);
-  for (const std::string& name : NamesIn(tree)) {
-    const bool isOurs = name == "dev" || std::ranges::find(kSystemDirectories, name) != kSystemDirectories.end();
-    if (!isOurs) Show(OpenPath(tree, name).Get(), root, name, kTreeAttributes);
+  ShowDevices(tree, root, system, owners);
+  for (const Name& name : NamesIn(tree, kMostTopNames)) {
+    const bool isOurs = name.text == "dev" || IsOfSystem(name.text) || name.text == kClosedFile + 1;
+    if (!isOurs) Show(OpenPath(tree, name.text).Get(), root, name.text, kTreeAttributes, owners);
   }
 }
 
-// ---- what would tell about this machine all the same
+// ---- what is closed in it
+
+// What the kernel makes up, where somebody mounted it into the tree, has no pipes and no end.
+bool IsOfKernel(int directory) {
+  struct statfs info {};
+  return ::fstatfs(directory, &info) == 0 && (info.f_type == PROC_SUPER_MAGIC || info.f_type == SYSFS_MAGIC);
+}
+
+// Opening a pipe waits for its other end, sockets and devices cannot be opened here anyway.
+class PipeCloser {
+ public:
+  explicit PipeCloser(int closedFile) : m_ClosedFile(closedFile) {}
+
+  void Walk(int directory, unsigned int depth) {
+    if (IsOfKernel(directory)) return;
+    const std::vector<Name> names = NamesIn(directory, kMostFiles);
+    if ((m_Files += names.size()) > kMostFiles) RefuseTree("too many files", std::to_string(m_Files));
+    for (const Name& name : names) {
+      if (depth == 0 && IsOfSystem(name.text)) continue;
+      if (IsPipe(directory, name)) {
+        if (++m_Pipes > kMostPipes) RefuseTree("too many pipes", name.text);
+        ShowAt(m_ClosedFile, directory, name.text, kTreeAttributes);
+      }
+      if (name.type != DT_DIR && name.type != DT_UNKNOWN) continue;
+      const UniqueFd below = OpenDirectory(directory, name.text);
+      if (below && depth == kDeepestDirectory) RefuseTree("too many directories below each other", name.text);
+      if (below) Walk(below.Get(), depth + 1);
+    }
+  }
+
+ private:
+  static bool IsPipe(int directory, const Name& name) {
+    if (name.type != DT_UNKNOWN) return name.type == DT_FIFO;
+    const UniqueFd file = OpenPath(directory, name.text);
+    return file && TypeOf(file.Get()) == S_IFIFO;
+  }
+
+  int m_ClosedFile;
+  size_t m_Files = 0;
+  size_t m_Pipes = 0;
+};
+
+// Seen from inside.
+void CloseWhatWaitsOrLoads() {
+  MakeFile(AT_FDCWD, kClosedFile, 0);
+  const UniqueFd closed(::open(kClosedFile, O_PATH | O_CLOEXEC));
+  const UniqueFd root = OpenDirectory(AT_FDCWD, "/");
+  RequireEntered(closed && root, kClosedFile);
+  for (const char* path : kLoaderFiles) {
+    const UniqueFd file(::open(path, O_PATH | O_CLOEXEC));
+    if (file && TypeOf(file.Get()) == S_IFREG) ShowAt(closed.Get(), file.Get(), "", kTreeAttributes);
+  }
+  PipeCloser(closed.Get()).Walk(root.Get(), 0);
+  Restrict(root.Get(), kTreeAttributes);
+}
 
 // The variables that configure the library are settings of this machine.
 void ForgetVariables() {
   std::vector<std::string> names;
   for (char** variable = environ; *variable != nullptr; ++variable) {
     const std::string_view text = *variable;
-    if (text.starts_with("QN_") || text.starts_with("TraceFileLimit="))
+    if (text.starts_with("QN_") || text.starts_with("LD_") || text.starts_with("TraceFileLimit="))
       names.emplace_back(text.substr(0, text.find('=')));
   }
   for (const std::string& name : names)
     ::unsetenv(name.c_str());
 }
 
-// statfs and fstatfs see the file system that holds the tree.
-void RefuseFileSystemCalls() {
-  const auto refuse = static_cast<uint32_t>(SECCOMP_RET_ERRNO) | ENOSYS;
-  std::array<sock_filter, 8> program = {{
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, arch)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AUDIT_ARCH_X86_64, 1, 0),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_statfs, 1, 0),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_fstatfs, 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, refuse),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-  }};
-  const sock_fprog filter = {static_cast<unsigned short>(program.size()), program.data()};
-  Require(::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0,
-          "seccomp");
-}
+// ---- the tree
 
-UniqueFd OpenTree(const std::string& path, bool& isDirectory) {
-  UniqueFd tree(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+struct Tree {
+  UniqueFd file;
   struct stat info {};
-  if (!tree || ::fstat(tree.Get(), &info) != 0) throw SystemFailure("cannot open the tree", path, errno);
-  isDirectory = S_ISDIR(info.st_mode);
-  if (!isDirectory && !S_ISREG(info.st_mode)) {
-    throw CommandError(ExitCode::kInputMissing, "neither a directory nor a bundle", path, "see ravctl bundle --help");
+
+  explicit Tree(const std::string& path) : file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {
+    if (!file || ::fstat(file.Get(), &info) != 0) throw SystemFailure("cannot open the tree", path, errno);
+    if (!IsDirectory() && !S_ISREG(info.st_mode)) {
+      throw CommandError(ExitCode::kInputMissing, "neither a directory nor a bundle", path, "see ravctl bundle --help");
+    }
   }
-  return tree;
+  bool IsDirectory() const { return S_ISDIR(info.st_mode); }
+};
+
+int UnpackConfined(int bundle, const std::string& path, int directory, const Reader& reader, int reportFd) {
+  try {
+    Confine(reader);
+    UnpackBundle(bundle, path, directory);
+    return 0;
+  } catch (const CommandError& error) {
+    const std::string_view what = error.what();
+    return ::write(reportFd, what.data(), what.size()) > 0 ? static_cast<int>(error.Code()) : -1;
+  }
 }
 
 // The bundle's files in memory of their own.
-UniqueFd Unpack(int bundle, const std::string& path) {
-  UniqueFd tree = MountMemory(kLargestBundle + kLargestManifest, 2 * kMostEntries);
-  UnpackBundle(bundle, path, tree.Get());
-  return tree;
+UniqueFd Unpack(int bundle, const std::string& path, const Reader& reader) {
+  UniqueFd tree = MountMemory(kLargestBundle + kLargestManifest, 2 * kMostEntries, reader.user);
+  const ChildResult child = RunInChild(
+      kUnpackSeconds, [&](int reportFd) { return UnpackConfined(bundle, path, tree.Get(), reader, reportFd); });
+  if (child.status == 0) return tree;
+  if (!child.report.empty()) throw CommandError(static_cast<ExitCode>(child.status), child.report, "", "");
+  throw CommandError(ExitCode::kInputDamaged, "the bundle is damaged",
+                     path + (child.isTimeout ? ": it takes too long to unpack" : ": it takes too much to unpack"),
+                     "copy it anew");
 }
 
 }  // namespace
 
 void EnterSysroot(const std::string& directoryOrBundle) {
-  bool isDirectory = false;
-  OpenTree(directoryOrBundle, isDirectory);
+  const Tree seen(directoryOrBundle);
   EnterNamespaces();
   // What is opened in the namespace can be shown again in it; what was open before cannot.
-  UniqueFd tree = OpenTree(directoryOrBundle, isDirectory);
+  Tree tree(directoryOrBundle);
   const SystemParts system;
   KeepMountsPrivate();
-  if (!isDirectory) tree = Unpack(tree.Get(), directoryOrBundle);
-  const UniqueFd root = MountMemory(kRootSize, kRootFiles);
-  ShowTree(tree.Get(), root.Get(), system);
+  const Reader reader = ReaderOf(tree.info);
+  if (!tree.IsDirectory()) tree.file = Unpack(tree.file.Get(), directoryOrBundle, reader);
+  const bool isOfRoot = tree.IsDirectory() && tree.info.st_uid == 0 && reader.user != 0 && ::geteuid() == 0;
+  const UniqueFd owners = isOfRoot ? MapOwner(0, reader.user) : UniqueFd();
+  const UniqueFd root = MountMemory(kRootSize, kRootFiles, ::geteuid());
+  ShowTree(tree.file.Get(), root.Get(), system, owners.Get());
   ::tzset();  // times are shown in the zone of who looks at them
-  Require(::fchdir(root.Get()) == 0 && ::chroot(".") == 0 && ::chdir("/") == 0, "chroot");
+  RequireEntered(::fchdir(root.Get()) == 0 && ::chroot(".") == 0 && ::chdir("/") == 0, "chroot");
+  CloseWhatWaitsOrLoads();
   ForgetVariables();
-  RefuseFileSystemCalls();
+  Confine(reader);
   isInSysroot = true;
 }
 

@@ -137,8 +137,8 @@ void CaptureDaemon(Capture& capture) {
 }
 
 void CaptureTraces(const std::string& configured, Capture& capture) {
-  capture.AddMatching("/var/log/pelrix/log.*", CaptureKind::kContent, kLargestFile);
-  capture.AddMatching(configured + "/log.*", CaptureKind::kContent, kLargestFile);
+  capture.AddMatching("/var/log/pelrix/log.*", CaptureKind::kOwnContent, kLargestFile);
+  capture.AddMatching(configured + "/log.*", CaptureKind::kOwnContent, kLargestFile);
 }
 
 // The kernel hides the addresses in them instead of refusing to show them.

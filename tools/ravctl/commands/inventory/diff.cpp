@@ -16,6 +16,7 @@
 #include "platform/unique_fd.h"
 #include "ravctl/answer/json.h"
 #include "ravctl/base/child.h"
+#include "ravctl/base/json_reader.h"
 #include "ravctl/commands/inventory/group.h"
 #include "ravctl/hardware/inventory_records.h"
 #include "ravctl/line/command.h"
@@ -26,6 +27,7 @@ namespace ravctl {
 namespace {
 
 constexpr int kTreeSeconds = 120;
+constexpr size_t kMostRecords = 10000;  // of a kind; each is compared with each
 constexpr std::string_view kLive = "live";
 constexpr std::string_view kSchema = "ravctl/inventory";
 
@@ -72,10 +74,28 @@ bool Has(std::span<const std::string_view> names, std::string_view name) {
 
 // ---- the two sides
 
+// Of a pipe nobody knows the size before.
 std::string ReadFile(const std::string& path, int fd) {
   std::string text;
-  if (!ReadToEnd(fd, text)) throw SystemFailure("cannot read", path, errno);
+  std::array<char, 65536> part{};
+  ssize_t got = 0;
+  while ((got = ReadSome(fd, part.data(), part.size())) > 0) {
+    text.append(part.data(), static_cast<size_t>(got));
+    if (text.size() > JsonLimits().size) {
+      throw CommandError(ExitCode::kInputDamaged, "too large for an inventory", path, "");
+    }
+  }
+  if (got < 0) throw SystemFailure("cannot read", path, errno);
   return text;
+}
+
+// An archive does not begin as JSON does.
+bool BeginsAsJson(int fd) {
+  std::array<char, 4096> head{};
+  const ssize_t got = ::pread(fd, head.data(), head.size(), 0);
+  const std::string_view text(head.data(), static_cast<size_t>(std::max<ssize_t>(got, 0)));
+  const size_t first = text.find_first_not_of(" \t\r\n");
+  return first == std::string_view::npos || text[first] == '{';
 }
 
 // What the records have to have for a comparison; the schema says the rest.
@@ -83,20 +103,22 @@ bool IsInventory(const Json& object) {
   if (!object.is_object() || object.value("schema", Json()) != kSchema || !object.contains("data")) return false;
   return std::ranges::all_of(kKinds, [&data = object["data"]](const Kind& kind) {
     if (!data.is_object() || !data.contains(kind.list) || !data[kind.list].is_array()) return false;
+    if (data[kind.list].size() > kMostRecords) return false;
     return std::ranges::all_of(data[kind.list], [](const Json& record) { return record.is_object(); });
   });
 }
 
 Json ReadSaved(const std::string& path, const std::string& text) {
-  const Json object = Json::parse(text, nullptr, false);
-  if (object.is_discarded()) {
-    throw CommandError(ExitCode::kInputDamaged, "neither JSON nor a captured tree", path,
+  std::string why;
+  std::optional<Json> object = ReadJson(text, why);
+  if (!object) {
+    throw CommandError(ExitCode::kInputDamaged, "neither JSON nor a captured tree", path + ": " + why,
                        "save one with ravctl inventory --json");
   }
-  if (!IsInventory(object)) {
+  if (!IsInventory(*object)) {
     throw CommandError(ExitCode::kInputDamaged, "not an inventory", path, "save one with ravctl inventory --json");
   }
-  return object["data"];
+  return std::move((*object)["data"]);
 }
 
 int ReportTree(const std::string& path, int reportFd) {
@@ -120,15 +142,17 @@ Json ReadTree(const std::string& path) {
                        "leave --sysroot out");
   }
   const ChildResult child = RunInChild(kTreeSeconds, [&path](int reportFd) { return ReportTree(path, reportFd); });
-  const Json report = Json::parse(child.report, nullptr, false);
-  if (child.isTimeout || report.is_discarded() || !report.is_object()) {
+  std::string why;
+  std::optional<Json> read = ReadJson(child.report, why);
+  if (child.isTimeout || !read || !read->is_object()) {
     throw CommandError(ExitCode::kInputDamaged, child.isTimeout ? "reading took too long" : "it could not be read",
                        path, "try ravctl inventory --sysroot with it");
   }
+  Json& report = *read;
   if (report.contains("error")) {
     throw CommandError(static_cast<ExitCode>(report["code"].get<int>()), report["error"].get<std::string>(), "", "");
   }
-  return report["data"];
+  return std::move(report["data"]);
 }
 
 bool IsLive(const std::string& operand) {
@@ -144,12 +168,11 @@ Json ReadSide(const std::string& operand, Output& out) {
   const UniqueFd file(::open(operand.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat info {};
   if (!file || ::fstat(file.Get(), &info) != 0) throw SystemFailure("cannot open", operand, errno);
-  if (S_ISDIR(info.st_mode)) return ReadTree(operand);
-  // An archive does not begin as JSON does.
-  const std::string text = ReadFile(operand, file.Get());
-  const size_t first = text.find_first_not_of(" \t\r\n");
-  if (first != std::string::npos && text[first] != '{' && S_ISREG(info.st_mode)) return ReadTree(operand);
-  return ReadSaved(operand, text);
+  if (S_ISDIR(info.st_mode) || (S_ISREG(info.st_mode) && !BeginsAsJson(file.Get()))) return ReadTree(operand);
+  if (!S_ISREG(info.st_mode) && !S_ISFIFO(info.st_mode)) {
+    throw CommandError(ExitCode::kInputMissing, "neither a file nor a pipe", operand, "check the path");
+  }
+  return ReadSaved(operand, ReadFile(operand, file.Get()));
 }
 
 // ---- comparison

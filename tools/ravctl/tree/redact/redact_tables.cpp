@@ -104,7 +104,7 @@ void RedactUuid(std::string& text, const Structure& structure, Redactor& redacto
   const std::string bytes = text.substr(structure.start + kSystemUuid, kUuidSize);
   // All zeros or all ones: there is none.
   if (bytes.find_first_not_of(bytes.front()) == std::string::npos) return;
-  text.replace(structure.start + kSystemUuid, kUuidSize, UuidBytes(redactor.AllTokens().Uuid(UuidDigits(bytes))));
+  text.replace(structure.start + kSystemUuid, kUuidSize, UuidBytes(redactor.Uuid(UuidDigits(bytes))));
 }
 
 void RedactStrings(std::string& text, const Structure& structure, Redactor& redactor) {
@@ -112,7 +112,7 @@ void RedactStrings(std::string& text, const Structure& structure, Redactor& reda
   for (const auto& [place, length] : structure.strings) {
     std::string string = text.substr(place, length);
     if (isForeign) {
-      string = redactor.AllTokens().Name(string);
+      string = redactor.Name(string);
     } else {
       redactor.Text(string);
     }
@@ -244,7 +244,7 @@ void LearnFromSmbios(std::string_view table, Redactor& redactor) {
       }
     }
     if (HasUuid(structure)) {
-      redactor.LearnUuid(UuidDigits(table.substr(structure.start + kSystemUuid, kUuidSize)));
+      redactor.LearnHex(UuidDigits(table.substr(structure.start + kSystemUuid, kUuidSize)));
     }
   });
 }

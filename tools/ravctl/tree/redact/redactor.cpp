@@ -3,10 +3,10 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
-#include <cstring>
-#include <optional>
+#include <array>
 
 #include "ravctl/base/text.h"
+#include "ravctl/tree/redact/forms.h"
 
 namespace ravctl {
 
@@ -14,54 +14,62 @@ namespace {
 
 constexpr size_t kShortestSerial = 5;
 constexpr size_t kShortestHost = 2;
+constexpr size_t kShortestIpV6 = 5;  // its digits: "fe80::1"
 constexpr size_t kUuidDigits = 32;
-constexpr size_t kMacBytes = 6;
-
-char Lower(char character) {
-  return character >= 'A' && character <= 'Z' ? static_cast<char>(character - 'A' + 'a') : character;
-}
-
-std::string Lower(std::string_view text) {
-  std::string lower(text);
-  for (char& character : lower)
-    character = Lower(character);
-  return lower;
-}
+constexpr size_t kMacDigits = 12;
+constexpr size_t kIpV6Groups = 8;
+constexpr size_t kLongestGap = 4;  // between the words of an identity: ", 0x"
 
 bool IsDigit(char character) {
   return character >= '0' && character <= '9';
 }
 
-bool IsHex(char character) {
-  return IsDigit(character) || (Lower(character) >= 'a' && Lower(character) <= 'f');
+bool IsUpper(char character) {
+  return character >= 'A' && character <= 'Z';
+}
+
+char Lower(char character) {
+  return IsUpper(character) ? static_cast<char>(character - 'A' + 'a') : character;
 }
 
 bool IsWord(char character) {
   return IsDigit(character) || (Lower(character) >= 'a' && Lower(character) <= 'z');
 }
 
-char At(std::string_view text, size_t at) {
-  return at < text.size() ? text[at] : '\0';
-}
-
-char Before(std::string_view text, size_t at) {
-  return at > 0 ? text[at - 1] : '\0';
-}
-
-size_t HexRun(std::string_view text, size_t at) {
-  size_t length = 0;
-  while (IsHex(At(text, at + length)))
-    ++length;
-  return length;
-}
-
-bool IsAllOne(std::string_view digits) {
-  return digits.find_first_not_of(digits.front()) == std::string_view::npos &&
-         (digits.front() == '0' || digits.front() == 'f');
+bool IsDecimal(std::string_view text) {
+  return std::ranges::all_of(text, IsDigit);
 }
 
 bool HasDigit(std::string_view text) {
   return std::ranges::any_of(text, IsDigit);
+}
+
+// The character of a token where that one stood; isRaised: letters stand for digits in upper case, too.
+char Cased(char token, char original, bool isRaised) {
+  const bool isUpper = IsUpper(original) || (isRaised && IsDigit(original));
+  return isUpper && token >= 'a' && token <= 'z' ? static_cast<char>(token - 'a' + 'A') : token;
+}
+
+std::string Lower(std::string_view text) {
+  std::string lower(text);
+  std::ranges::transform(lower, lower.begin(), [](char character) { return Lower(character); });
+  return lower;
+}
+
+std::string Digits(std::string_view spelling) {
+  std::string digits = Lower(spelling);
+  std::erase_if(digits, [](char character) { return !IsWord(character); });
+  return digits;
+}
+
+bool IsHex(std::string_view text) {
+  return text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
+}
+
+// All zeros or all ones: no address.
+bool IsAllOne(std::string_view digits) {
+  return digits.find_first_not_of(digits.front()) == std::string_view::npos &&
+         (digits.front() == '0' || digits.front() == 'f');
 }
 
 // What firmware holds where nobody wrote a number.
@@ -74,148 +82,52 @@ bool IsPlaceholder(std::string_view serial) {
   return lower.find_first_not_of(" 0.-_x") == std::string::npos;
 }
 
-std::string WithSeparator(std::string_view digits, char separator) {
-  std::string text;
-  for (size_t at = 0; at < digits.size(); at += 2) {
-    if (at > 0) text += separator;
-    text += digits.substr(at, 2);
-  }
-  return text;
-}
+// Words of a text by their limits.
+struct Word {
+  size_t start = 0;
+  size_t end = 0;
 
-std::string WithDashes(std::string_view digits) {
-  std::string text(digits);
-  for (const size_t place : {20UL, 16UL, 12UL, 8UL})
-    text.insert(place, 1, '-');
-  return text;
-}
+  std::string_view In(std::string_view text) const { return text.substr(start, end - start); }
+};
 
-// Writes a token of lower-case letters over what stands there, in upper case where that has it.
-void Overwrite(std::string& text, size_t at, size_t length, std::string_view token) {
-  const bool isUpper =
-      std::any_of(text.begin() + static_cast<ptrdiff_t>(at), text.begin() + static_cast<ptrdiff_t>(at + length),
-                  [](char character) { return character >= 'A' && character <= 'F'; });
-  for (size_t place = 0; place < length; ++place) {
-    const char character = token[place];
-    const bool isRaised = isUpper && character >= 'a' && character <= 'f';
-    text[at + place] = isRaised ? static_cast<char>(character - 'a' + 'A') : character;
-  }
-}
-
-// "00:11:22:33:44:55" => 17; 0 when no six or more pairs with one separator stand there.
-size_t PairsLength(std::string_view text, size_t at) {
-  const char separator = At(text, at + 2);
-  if (separator != ':' && separator != '-') return 0;
-  size_t pairs = 0;
-  while (HexRun(text, at + 3 * pairs) == 2) {
-    ++pairs;
-    if (At(text, at + 3 * pairs - 1) != separator) break;
-  }
-  const size_t end = at + 3 * pairs - 1;
-  const bool isWhole =
-      pairs >= kMacBytes && !IsWord(At(text, end)) && !(At(text, end) == separator && IsHex(At(text, end + 1)));
-  return isWhole ? end - at : 0;
-}
-
-size_t UuidLength(std::string_view text, size_t at) {
-  size_t end = at;
-  for (const size_t group : {8UL, 4UL, 4UL, 4UL, 12UL}) {
-    if (end != at && At(text, end++) != '-') return 0;
-    if (HexRun(text, end) != group) return 0;
-    end += group;
-  }
-  return IsWord(At(text, end)) ? 0 : end - at;
-}
-
-size_t IpV4Length(std::string_view text, size_t at) {
-  size_t end = at;
-  for (int number = 0; number < 4; ++number) {
-    if (number > 0 && At(text, end++) != '.') return 0;
-    size_t digits = 0;
-    unsigned int value = 0;
-    for (; digits < 4 && IsDigit(At(text, end)); ++digits)
-      value = value * 10 + static_cast<unsigned int>(text[end++] - '0');
-    if (digits == 0 || digits > 3 || value > 255) return 0;
-  }
-  const bool goesOn = IsWord(At(text, end)) || (At(text, end) == '.' && IsDigit(At(text, end + 1)));
-  return goesOn ? 0 : end - at;
-}
-
-// Addresses that name no machine.
-bool IsCommonIpV4(std::string_view address) {
-  return address.starts_with("127.") || address.starts_with("255.") || address == "0.0.0.0";
-}
-
-size_t IpV6Length(std::string_view text, size_t at) {
-  size_t end = at;
-  while (IsHex(At(text, end)) || At(text, end) == ':' || At(text, end) == '.')
-    ++end;
-  while (end > at && (text[end - 1] == '.' || (text[end - 1] == ':' && Before(text, end - 1) != ':')))
-    --end;
-  const std::string address(text.substr(at, end - at));
-  if (address.size() < 3 || address.size() > INET6_ADDRSTRLEN || std::ranges::count(address, ':') < 2) return 0;
-  in6_addr parsed{};
-  if (!HasDigit(address) || ::inet_pton(AF_INET6, address.c_str(), &parsed) != 1) return 0;
-  return IsWord(At(text, end)) || address == "::1" ? 0 : end - at;
-}
-
-// "0x5001438012345678", "naa.600508b1001c..." and "eui...." => place of the digits; npos for none. The first digit of a
-// WWN is 1, 2, 5 or 6, which no address in a process has in front of 15 more.
-size_t WwnPlace(std::string_view text, size_t at) {
-  const std::string prefix = Lower(text.substr(at, 4));
-  const bool isNamed = prefix == "naa." || prefix == "eui.";
-  if (!isNamed && !prefix.starts_with("0x")) return std::string_view::npos;
-  const size_t digits = at + (isNamed ? 4 : 2);
-  const size_t length = HexRun(text, digits);
-  if (length != 16 && length != 32) return std::string_view::npos;
-  const bool isKind = std::string_view("1256").find(text[digits]) != std::string_view::npos;
-  return isNamed || isKind ? digits : std::string_view::npos;
-}
-
-// "UUID=", "by-id/" and the like: what follows up to a blank is an identifier.
-size_t IdentifierPlace(std::string_view text, size_t at) {
-  constexpr std::string_view kMarks[] = {"uuid=", "partuuid=", "by-id/", "by-uuid/", "by-partuuid/"};
-  for (const std::string_view mark : kMarks) {
-    if (Lower(text.substr(at, mark.size())) == mark) return at + mark.size();
-  }
-  return std::string_view::npos;
-}
-
-// Behind a word that tells what follows: the separator, blanks and quotes. npos for none.
-size_t ValuePlace(std::string_view text, size_t at) {
-  constexpr size_t kLongestRest = 24;  // of the key: "serial" of "serial number (chassis)"
-  const size_t end = std::min(text.size(), at + kLongestRest);
-  while (at < end && (IsWord(text[at]) || std::string_view(" _-.#()").find(text[at]) != std::string_view::npos))
+// The next word at or behind the place; empty at the end of the text. What marks hexadecimal digits ("0x") or the name
+// of an interface made of its address ("enx") is not part of it.
+Word NextWord(std::string_view text, size_t at) {
+  constexpr size_t kNameOfMac = 3 + kMacDigits;
+  while (at < text.size() && !IsWord(text[at]))
     ++at;
-  if (At(text, at) != '=' && At(text, at) != ':') return std::string_view::npos;
-  ++at;
-  while (At(text, at) == ' ' || At(text, at) == '"' || At(text, at) == '\'')
-    ++at;
-  return at;
-}
-
-size_t WordEnd(std::string_view text, size_t at) {
-  size_t end = at;
-  while (IsWord(At(text, end)) || (end > at && std::string_view("._-/").find(At(text, end)) != std::string_view::npos))
-    ++end;
-  while (end > at && !IsWord(text[end - 1]))
-    --end;
-  return end;
-}
-
-// The text of a registry value ("s=PN 0031X77"), which has the rest of the line; else a word, with the next ones where
-// it is too short to be a serial number by itself.
-std::string_view ValueAt(std::string_view text, size_t at) {
-  for (const std::string_view type : {"s=", "es="}) {
-    if (!text.substr(at).starts_with(type)) continue;
-    at += type.size();
-    return text.substr(at, text.find_first_of("\r\n", at) - at);
+  Word word{at, at};
+  while (word.end < text.size() && IsWord(text[word.end]))
+    ++word.end;
+  const std::string_view written = word.In(text);
+  if (written.size() > 2 && written[0] == '0' && Lower(written[1]) == 'x') word.start += 2;
+  if (written.size() == kNameOfMac && Lower(written[2]) == 'x' && std::string_view("nlw").find(Lower(written[1])) < 3) {
+    word.start += 3;
   }
-  size_t end = WordEnd(text, at);
-  while (end > at && end - at < kShortestSerial && At(text, end) == ' ' && WordEnd(text, end + 1) > end + 1)
-    end = WordEnd(text, end + 1);
-  return text.substr(at, end - at);
+  return word;
 }
+
+// Numbers of an IPv4 address are told apart: "1.22" is not "12.2".
+bool IsIpV4Gap(std::string_view text, const Word& word, const Word& next) {
+  constexpr size_t kMost = 3;
+  return next.start == word.end + 1 && text[word.end] == '.' && word.end - word.start <= kMost &&
+         next.end - next.start <= kMost && IsDecimal(word.In(text)) && IsDecimal(next.In(text));
+}
+
+// Adds a word to an identity.
+void Append(std::string& identity, std::string_view text, const Word& previous, const Word& word) {
+  if (!identity.empty() && IsIpV4Gap(text, previous, word)) identity += '.';
+  for (const char character : word.In(text))
+    identity += Lower(character);
+}
+
+// Words that stand in texts of any machine.
+constexpr auto kCommonWords = std::to_array<std::string_view>(
+    {"admin",     "administrator", "boot",   "daemon", "data",    "default", "eth0",  "false",  "file",
+     "files",     "home",          "host",   "http",   "https",   "linux",   "local", "lo",     "localdomain",
+     "localhost", "log",           "mail",   "name",   "network", "nobody",  "none",  "norrow", "notset",
+     "null",      "pelrix",        "ravctl", "ravd",   "root",    "server",  "ssh",   "swap",   "system",
+     "true",      "unknown",       "user",   "www",    "yes"});
 
 }  // namespace
 
@@ -226,179 +138,256 @@ std::string SwapUuid(std::string_view digits) {
   return swapped + std::string(digits.substr(16));
 }
 
-void Redactor::AddNeedle(std::string_view spelling, std::string token, bool isHex, bool isHost) {
-  std::string lower = Lower(spelling);
-  if (lower.size() < 2 || !m_Known.insert(lower).second) return;
-  const auto start =
-      static_cast<uint16_t>(static_cast<unsigned char>(lower[0]) << 8 | static_cast<unsigned char>(lower[1]));
-  m_Starts.set(start);
-  m_NeedlesByStart[start].push_back(m_Needles.size());
-  m_Needles.push_back({std::move(lower), std::move(token), isHex, isHost});
+// ---- learning
+
+void Redactor::Know(const std::string& identity, const std::string& token, std::string_view firstWord, size_t words) {
+  m_Known.try_emplace(identity, token);
+  for (const auto& [word, count] : {std::pair{Lower(firstWord), words}, std::pair{identity, size_t{1}}}) {
+    size_t& most = m_Starts.try_emplace(word, 0).first->second;
+    most = std::max(most, count);
+  }
+  m_Longest = std::max(m_Longest, identity.size());
 }
 
-void Redactor::AddHexSpellings(std::string_view digits, const std::string& token) {
-  AddNeedle(digits, token, true);
-  for (const char separator : {':', '-', ' '})
-    AddNeedle(WithSeparator(digits, separator), WithSeparator(token, separator), true);
+void Redactor::KnowWords(std::string_view spelling) {
+  std::string identity;
+  std::string_view first;
+  size_t words = 0;
+  Word previous;
+  for (Word word = NextWord(spelling, 0); word.start < word.end; word = NextWord(spelling, word.end)) {
+    if (words++ == 0) first = word.In(spelling);
+    Append(identity, spelling, previous, word);
+    previous = word;
+  }
+  if (identity.size() >= kMacDigits && IsHex(identity)) return LearnHex(identity);
+  if (!identity.empty()) Know(identity, m_Tokens.Of(TokenForm::kWord, identity), first, words);
+}
+
+void Redactor::KnowHex(const std::string& digits, const std::string& token) {
+  // A UUID has one group more than its length tells.
+  for (const size_t group : {2UL, 4UL, 6UL, 8UL})
+    Know(digits, token, std::string_view(digits).substr(0, group), digits.size() / group + 1);
+}
+
+void Redactor::LearnHex(std::string_view digits) {
+  const std::string lower = Digits(digits);
+  if (lower.size() < kMacDigits || IsAllOne(lower)) return;
+  const std::string& token = m_Tokens.Of(TokenForm::kHex, lower);
+  KnowHex(lower, token);
+  if (lower.size() == kUuidDigits) KnowHex(SwapUuid(lower), SwapUuid(token));
+}
+
+void Redactor::LearnIpV4(std::string_view address) {
+  in_addr parsed{};
+  const std::string text(address);
+  // Addresses that name no machine.
+  if (text.starts_with("127.") || text.starts_with("255.") || text == "0.0.0.0") return;
+  if (::inet_pton(AF_INET, text.c_str(), &parsed) != 1) return;
+  const std::string& token = m_Tokens.Of(TokenForm::kIpV4, text);
+  Know(text, token, text.substr(0, text.find('.')), 4);
+  in_addr other{};
+  if (::inet_pton(AF_INET, token.c_str(), &other) != 1) return;
+  std::string bytes(reinterpret_cast<const char*>(&parsed), sizeof parsed);
+  std::string otherBytes(reinterpret_cast<const char*>(&other), sizeof other);
+  for (int order = 0; order < 2; ++order) {
+    // Decimal digits alone would be some number.
+    if (const std::string digits = HexBytes(bytes); !IsDecimal(digits)) KnowHex(digits, HexBytes(otherBytes));
+    std::ranges::reverse(bytes);
+    std::ranges::reverse(otherBytes);
+  }
+}
+
+// Every spelling of an address gets the digits of the one token that it has a place for.
+void Redactor::LearnIpV6(std::string_view address) {
+  if (const size_t dot = address.find('.'); dot != std::string_view::npos) {
+    return LearnIpV4(address.substr(address.rfind(':', dot) + 1));
+  }
+  if (address.ends_with(':') && !address.ends_with("::")) address.remove_suffix(1);  // "... to fe80::1: refused"
+  in6_addr parsed{};
+  if (::inet_pton(AF_INET6, std::string(address).c_str(), &parsed) != 1) return;
+  const std::string spelled = Digits(address);
+  const std::vector<std::string> groups = SplitList(address, ':');
+  // "::Add" is a name of C++, not an address.
+  if (spelled.size() < kShortestIpV6 || (!HasDigit(spelled) && groups.size() < 2)) return;
+  const std::string digits = HexBytes({reinterpret_cast<const char*>(&parsed), sizeof parsed});
+  const std::string& token = m_Tokens.Of(TokenForm::kIpV6, digits);
+  KnowHex(digits, token);
+  const size_t gap = address.find("::");
+  const size_t before = gap == std::string_view::npos ? groups.size() : SplitList(address.substr(0, gap), ':').size();
+  std::string spelledToken;
+  for (size_t at = 0; at < groups.size(); ++at) {
+    const size_t group = at < before ? at : kIpV6Groups - groups.size() + at;
+    spelledToken += token.substr(4 * group + 4 - groups[at].size(), groups[at].size());
+  }
+  Know(spelled, spelledToken, groups.front(), groups.size());
 }
 
 void Redactor::LearnSerial(std::string_view serial) {
-  while (serial.ends_with(' '))
-    serial.remove_suffix(1);
-  while (serial.starts_with(' '))
-    serial.remove_prefix(1);
-  if (serial.size() < kShortestSerial || !HasDigit(serial) || IsPlaceholder(serial)) return;
-  const std::string token = m_Tokens.Name(serial);
-  AddNeedle(serial, token, false);
-  AddNeedle(HexBytes(serial, " "), HexBytes(token, " "), true);
+  const auto isSerial = [](std::string_view text) {
+    return Digits(text).size() >= kShortestSerial && HasDigit(text) && !IsPlaceholder(text);
+  };
+  if (!isSerial(serial)) return;
+  KnowWords(serial);
+  std::string token(serial);
+  Text(token);
+  KnowHex(HexBytes(serial), HexBytes(token));
+  for (const std::string& part : SplitList(serial, ' ')) {
+    if (isSerial(part)) KnowWords(part);
+  }
+}
+
+bool Redactor::IsCommon(std::string_view word) const {
+  const std::string lower = Lower(word);
+  return std::ranges::find(kCommonWords, lower) != kCommonWords.end() || m_Protected.contains(lower);
 }
 
 void Redactor::LearnHost(std::string_view name) {
-  const std::string_view label = name.substr(0, name.find('.'));
-  // The names of the product itself stand in every file.
-  constexpr std::string_view kNoHosts[] = {"localhost", "ravd", "ravctl", "pelrix", "norrow", "none"};
-  if (label.size() < kShortestHost || std::ranges::find(kNoHosts, Lower(label)) != std::end(kNoHosts)) return;
-  if (label.find_first_not_of("0123456789.") == std::string_view::npos) return;
-  AddNeedle(label, m_Tokens.Name(Lower(label)), false, true);
+  const size_t dot = name.find('.');
+  const std::string_view label = name.substr(0, dot);
+  if (name.find_first_not_of("0123456789.") == std::string_view::npos && dot != std::string_view::npos) return;
+  if (label.size() >= kShortestHost && !IsCommon(label)) KnowWords(label);
+  if (dot == std::string_view::npos) return;
+  const std::string_view domain = name.substr(dot + 1);
+  if (domain.size() > kShortestHost && !IsCommon(domain)) KnowWords(domain);
 }
 
-void Redactor::LearnAddress(std::span<const unsigned char> bytes) {
-  const std::string digits = HexBytes({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
-  if (bytes.size() < kMacBytes || IsAllOne(digits)) return;
-  AddHexSpellings(digits, m_Tokens.Hex(digits));
+void Redactor::LearnName(std::string_view name) {
+  const bool hasLetter =
+      std::ranges::any_of(name, [](char character) { return IsWord(character) && !IsDigit(character); });
+  if (hasLetter && !name.starts_with('/') && !IsCommon(name)) KnowWords(name);
 }
 
-void Redactor::LearnUuid(std::string_view digits) {
-  if (digits.size() != kUuidDigits || IsAllOne(digits)) return;
-  const std::string token = m_Tokens.Uuid(digits);
-  AddHexSpellings(digits, token);
-  AddNeedle(WithDashes(digits), WithDashes(token), true);
-  AddHexSpellings(SwapUuid(digits), SwapUuid(token));
+// "ata-MODEL_SER12345-part1" and "scsi-3600..." => the part that is the device's own.
+void Redactor::LearnDevice(std::string_view name) {
+  const size_t part = name.rfind("-part");
+  name = name.substr(0, part);
+  const size_t mark = name.rfind('_');
+  KnowWords(name);
+  LearnSerial(name.substr(mark == std::string_view::npos ? name.find('-') + 1 : mark + 1));
 }
 
-void Redactor::LearnFromText(std::string_view text) {
-  struct Key {
-    std::string_view word;
-    bool isHost;
-  };
-  constexpr Key kKeys[] = {{"serial", false},    {"servicetag", false},  {"service tag", false}, {"assettag", false},
-                           {"asset tag", false}, {"sn:", false},         {"hostname", true},     {"host name", true},
-                           {"nodename", true},   {"computername", true}, {"fqdn", true}};
-  const std::string lower = Lower(text);
-  for (const Key& key : kKeys) {
-    for (size_t at = lower.find(key.word); at != std::string::npos; at = lower.find(key.word, at + 1)) {
-      const size_t rest = at + key.word.size() - (key.word.ends_with(':') ? 1 : 0);
-      const size_t place = ValuePlace(text, rest);
-      if (place == std::string_view::npos) continue;
-      const std::string_view value = ValueAt(text, place);
-      if (key.isHost) {
-        LearnHost(value);
-      } else {
-        LearnSerial(value);
+void Redactor::Protect(std::string_view path) {
+  for (Word word = NextWord(path, 0); word.start < word.end; word = NextWord(path, word.end)) {
+    if (!HasDigit(word.In(path))) m_Protected.insert(Lower(word.In(path)));
+  }
+}
+
+void Redactor::Learn(std::string_view text) {
+  ForEachForm(text, [this, text](Form form, std::string_view found) {
+    const auto start = static_cast<size_t>(found.data() - text.data());
+    const size_t end = start + found.size();
+    const char before = start > 0 ? text[start - 1] : '\0';
+    const char behind = end < text.size() ? text[end] : '\0';
+    switch (form) {
+      case Form::kUuid:
+      case Form::kAddress:
+        return LearnHex(found);
+      case Form::kBareMac:
+        if (HasDigit(found) && !IsDecimal(found)) LearnHex(found);
+        return;
+      case Form::kIpV4:
+        if (before != '.' && !(behind == '.' && end + 1 < text.size() && IsDigit(text[end + 1]))) LearnIpV4(found);
+        return;
+      case Form::kIpV6:
+        if (!IsWord(before) && before != ':' && !IsWord(behind)) LearnIpV6(found);
+        return;
+      case Form::kSerial:
+        return LearnSerial(found);
+      case Form::kDevice:
+        return LearnDevice(found);
+      case Form::kHost:
+        if (!IsDecimal(found)) LearnHost(found);
+        return;
+      case Form::kName:
+        return LearnName(found);
+    }
+  });
+}
+
+// ---- replacing
+
+struct Redactor::Match {
+  const std::string* token = nullptr;  // null: no identity begins here
+  std::vector<Word> words = {};
+  size_t end = 0;  // where to go on
+};
+
+// The longest identity that begins with the next word.
+Redactor::Match Redactor::MatchAt(std::string_view text, size_t at, bool keepsNumbers) const {
+  Word word = NextWord(text, at);
+  Match match{.end = word.end};
+  if (word.end - word.start > m_Longest) return match;
+  std::string identity;
+  Append(identity, text, word, word);
+  const auto start = m_Starts.find(identity);
+  if (start == m_Starts.end()) return match;
+  size_t matched = 0;
+  while (true) {
+    match.words.push_back(word);
+    const auto known = m_Known.find(identity);
+    if (known != m_Known.end() && !(keepsNumbers && IsDecimal(identity))) {
+      match.token = &known->second;
+      match.end = word.end;
+      matched = match.words.size();
+    }
+    if (match.words.size() == start->second) break;
+    const Word next = NextWord(text, word.end);
+    const std::string_view gap = text.substr(word.end, next.start - word.end);
+    if (next.start == next.end || gap.size() > kLongestGap || gap.find('\n') != std::string_view::npos) break;
+    Append(identity, text, word, next);
+    if (identity.size() > m_Longest) break;
+    word = next;
+  }
+  match.words.resize(matched);
+  return match;
+}
+
+void Redactor::Text(std::string& text, bool keepsNumbers) const {
+  for (size_t at = 0; at < text.size();) {
+    const Match match = MatchAt(text, at, keepsNumbers);
+    at = std::max(match.end, at + 1);
+    if (match.token == nullptr) continue;
+    const bool isRaised = std::ranges::any_of(
+        match.words, [&text](const Word& word) { return std::ranges::any_of(word.In(text), IsUpper); });
+    auto next = match.token->begin();
+    for (const Word& word : match.words) {
+      for (size_t place = word.start; place < word.end; ++place, ++next) {
+        if (!IsWord(*next)) ++next;
+        text[place] = Cased(*next, text[place], isRaised);
       }
     }
   }
 }
 
+void Redactor::Bytes(std::string& bytes) const {
+  Text(bytes);
+  for (size_t first = 0; first < 2; ++first) {
+    std::string half;
+    for (size_t at = first; at < bytes.size(); at += 2)
+      half += bytes[at];
+    Text(half);
+    for (size_t at = first; at < bytes.size(); at += 2)
+      bytes[at] = half[at / 2];
+  }
+}
+
+std::string Redactor::Name(std::string_view name) {
+  std::string text(name);
+  const std::string& token = m_Tokens.Of(TokenForm::kWord, Lower(name));
+  for (size_t at = 0; at < text.size(); ++at)
+    text[at] = Cased(token[at], text[at], false);
+  return text;
+}
+
 std::string Redactor::Serial(std::string_view serial) {
-  return serial.empty() || IsPlaceholder(serial) ? std::string(serial) : m_Tokens.Name(serial);
+  std::string text(serial);
+  if (IsPlaceholder(serial)) return text;
+  Text(text);
+  return text == serial ? Name(serial) : text;
 }
 
-void Redactor::Text(std::string& text) {
-  ReplaceForms(text);
-  ReplaceLearned(text);
-}
-
-void Redactor::ReplaceLearned(std::string& text) {
-  for (size_t at = 0; at + 1 < text.size();) {
-    const auto start = static_cast<uint16_t>(static_cast<unsigned char>(Lower(text[at])) << 8 |
-                                             static_cast<unsigned char>(Lower(text[at + 1])));
-    const size_t replaced = m_Starts.test(start) ? ReplaceLearnedAt(text, at) : 0;
-    at += std::max<size_t>(replaced, 1);
-  }
-}
-
-size_t Redactor::ReplaceLearnedAt(std::string& text, size_t at) {
-  const auto start = static_cast<uint16_t>(static_cast<unsigned char>(Lower(text[at])) << 8 |
-                                           static_cast<unsigned char>(Lower(text[at + 1])));
-  for (const size_t index : m_NeedlesByStart.at(start)) {
-    const Needle& needle = m_Needles[index];
-    const size_t length = needle.lower.size();
-    if (Lower(std::string_view(text).substr(at, length)) != needle.lower) continue;
-    const auto isLimit = [&needle](char character) { return !(needle.isHex ? IsHex(character) : IsWord(character)); };
-    if (!isLimit(Before(text, at)) || !isLimit(At(text, at + length))) continue;
-    if (needle.isHex) {
-      Overwrite(text, at, length, needle.token);
-    } else {
-      text.replace(at, length, needle.token);
-    }
-    return needle.isHost ? length + ReplaceDomain(text, at + length) : length;
-  }
-  return 0;
-}
-
-// ".example.com" behind a host's name; the length of what was replaced.
-size_t Redactor::ReplaceDomain(std::string& text, size_t at) {
-  size_t end = at;
-  while (At(text, end) == '.' && IsWord(At(text, end + 1))) {
-    for (++end; IsWord(At(text, end)) || At(text, end) == '-';)
-      ++end;
-  }
-  text.replace(at, end - at, m_Tokens.Name(Lower(std::string_view(text).substr(at, end - at))));
-  return end - at;
-}
-
-void Redactor::ReplaceForms(std::string& text) {
-  for (size_t at = 0; at < text.size();) {
-    const char character = text[at];
-    const bool isStart = IsHex(character) || std::string_view(":nNpPuU").find(character) != std::string_view::npos;
-    // A form begins where no word goes on.
-    const size_t replaced = isStart && !IsWord(Before(text, at)) ? ReplaceFormAt(text, at) : 0;
-    if (replaced > 0) {
-      at += replaced;
-    } else {
-      ++at;
-    }
-  }
-}
-
-// The length of what was replaced, 0 for nothing.
-size_t Redactor::ReplaceFormAt(std::string& text, size_t at) {
-  const std::string_view view = text;
-  if (const size_t length = UuidLength(view, at); length > 0) {
-    std::string digits = Lower(view.substr(at, length));
-    std::erase(digits, '-');
-    if (!IsAllOne(digits)) Overwrite(text, at, length, WithDashes(m_Tokens.Uuid(digits)));
-    return length;
-  }
-  if (const size_t length = PairsLength(view, at); length > 0) {
-    const char separator = text[at + 2];
-    std::string digits = Lower(view.substr(at, length));
-    std::erase(digits, separator);
-    if (!IsAllOne(digits)) Overwrite(text, at, length, WithSeparator(m_Tokens.Hex(digits), separator));
-    return length;
-  }
-  if (const size_t length = IpV4Length(view, at); length > 0 && Before(view, at) != '.') {
-    const std::string address(view.substr(at, length));
-    if (!IsCommonIpV4(address)) text.replace(at, length, m_Tokens.IpV4(address));
-    return length;
-  }
-  if (const size_t length = IpV6Length(view, at); length > 0) {
-    Overwrite(text, at, length, m_Tokens.IpV6(Lower(view.substr(at, length))));
-    return length;
-  }
-  if (const size_t place = WwnPlace(view, at); place != std::string_view::npos) {
-    const size_t length = HexRun(view, place);
-    const std::string digits = Lower(view.substr(place, length));
-    if (!IsAllOne(digits)) Overwrite(text, place, length, m_Tokens.Hex(digits));
-    return place + length - at;
-  }
-  const size_t place = IdentifierPlace(view, at);
-  if (place == std::string_view::npos) return 0;
-  if (UuidLength(view, place) > 0) return place - at;
-  const size_t end = std::min(view.find_first_of(" \t\n\"',", place), view.size());
-  text.replace(place, end - place, m_Tokens.Name(view.substr(place, end - place)));
-  return end - at;
+std::string Redactor::Uuid(std::string_view digits) {
+  return m_Tokens.Of(TokenForm::kHex, std::string(digits));
 }
 
 }  // namespace ravctl

@@ -2,41 +2,38 @@
 
 #include <array>
 #include <cstdint>
-#include <map>
-#include <set>
 #include <string>
 #include <string_view>
+#include <unordered_map>
+#include <unordered_set>
 
 namespace ravctl {
 
-// Gives each secret a token of the same length and syntax: the same one for the same secret, different ones for
-// different secrets. The tokens come from a keyed hash (SipHash-2-4); the key is random and never leaves the object, so
-// that nobody can find a secret by trying candidates. One thread.
+// What stands in an identity, and so in its token.
+enum class TokenForm {
+  kWord,  // letters for letters, digits for digits
+  kHex,   // hexadecimal digits; a MAC address becomes a locally administered one, others keep their first digit, which
+          // tells the kind of a WWN
+  kIpV4,  // "10.0.0.15": each number keeps as many digits
+  kIpV6,  // 32 digits: zeros in front of a group stay, so that every way to shorten the address stays possible
+};
+
+// Random tokens of the same length and form for identities in lower case: the same one for the same identity, different
+// ones for different identities. Nothing of the identity but its form is in them. One thread.
 class Tokens {
  public:
-  // Throws CommandError when the system gives no random bytes.
-  Tokens();
-
-  // Letters for letters, digits for digits, everything else as it is.
-  std::string Name(std::string_view name);
-  // Hexadecimal digits without separators, in lower case. A MAC address (12 digits) becomes a locally administered one,
-  // other numbers keep their first digit, which tells the kind of a WWN.
-  std::string Hex(std::string_view digits);
-  // 32 digits; version and variant of the token are those of a random UUID.
-  std::string Uuid(std::string_view digits);
-  // "10.0.0.15"; each number of the token has as many digits.
-  std::string IpV4(std::string_view address);
-  // The colons and the lengths of the groups stay.
-  std::string IpV6(std::string_view address);
+  // Throws CommandError when the system gives no random bytes. The reference lives as long as the object.
+  const std::string& Of(TokenForm form, const std::string& identity);
 
  private:
-  class Stream;
-  template <typename Make>
-  std::string Unique(char kind, std::string_view secret, Make make);
+  unsigned int Below(unsigned int limit);
+  std::string Make(TokenForm form, std::string_view identity);
+  std::string MakeIpV4(std::string_view address);
 
-  std::array<uint64_t, 2> m_Key{};
-  std::map<std::string, std::string, std::less<>> m_Tokens;  // by kind and secret
-  std::set<std::string, std::less<>> m_Used;                 // kind and token
+  std::array<uint32_t, 1024> m_Random{};
+  size_t m_Left = 0;  // random numbers that were not used yet
+  std::unordered_map<std::string, std::string> m_Tokens;
+  std::unordered_set<std::string> m_Used;
 };
 
 }  // namespace ravctl
