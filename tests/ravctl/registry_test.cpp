@@ -193,7 +193,7 @@ TEST_F(Registry, BadInputsAreRefusedInOneLine) {
       {{"import", "/ravctl", "--merge", "--replace"}, 2, "--"},
       {{"diff", "live", "/none"}, 4, "diff: cannot read: /none"},
       {{"verify", "/none"}, 4, "verify: cannot read: /none"},
-      {{"verify", "/etc"}, 4, "verify: cannot read the file: /etc"},
+      {{"verify", "/etc"}, 4, "verify: cannot read: /etc"},
   };
   for (const Row& row : rows) {
     std::vector<std::string> words = {"registry"};

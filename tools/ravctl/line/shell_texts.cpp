@@ -6,6 +6,7 @@
 #include <array>
 #include <string_view>
 
+#include "ravctl/answer/json.h"
 #include "ravctl/base/text.h"
 #include "ravctl/line/command.h"
 

@@ -161,7 +161,7 @@ ExitCode Report(const IniChange& change, const Content& old, const Content& cont
 ExitCode RunIniChange(const IniChange& change, Output& out) {
   RequireWritable(change);
   const Content old = ReadFileIfThere(change.file);
-  if (!old && !change.value) throw SystemFailure("cannot open", change.file, ENOENT);
+  if (!old && !change.value) throw SystemFailure("cannot read", change.file, ENOENT);
   const Content content = Rehearse(change, old);
   if (content) WarnOfWhatIsLeft(change, *content, out);
   if (content && content != old) {

@@ -54,7 +54,7 @@ void PrintValue(const Options& options, const char* source, const std::optional<
 // A file that cannot be read would give the default, too: only one that is not there may.
 ExitCode Run(const Options& options, Output& out) {
   const bool isThere = ReadFileIfThere(options.file).has_value();
-  if (!isThere && !options.defaultValue) throw SystemFailure("cannot open", options.file, ENOENT);
+  if (!isThere && !options.defaultValue) throw SystemFailure("cannot read", options.file, ENOENT);
   CIniFile ini;
   ini.Open(options.file.c_str());
   std::string value;

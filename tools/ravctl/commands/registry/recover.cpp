@@ -69,7 +69,7 @@ std::vector<Copy> MakeCopies(const std::vector<StoreFileState>& files) {
 StoreFileState Choose(const Options& options, const std::vector<StoreFileState>& files) {
   if (!options.from.empty()) {
     StoreFileState file = LookAtStoreFile(options.from);
-    if (file.error != 0) throw SystemFailure("cannot read the file", options.from, file.error);
+    if (file.error != 0) throw SystemFailure("cannot read", options.from, file.error);
     if (file.check.hasValueLine) return file;
     throw CommandError(ExitCode::kInputDamaged, "the file holds no value", options.from, "choose another one");
   }

@@ -62,7 +62,7 @@ class Report {
 
 ExitCode VerifyFile(const std::string& path, Output& out) {
   StoreFileState file = LookAtStoreFile(path);
-  if (file.error != 0) throw SystemFailure("cannot read the file", path, file.error);
+  if (file.error != 0) throw SystemFailure("cannot read", path, file.error);
   file.reason = file.check.hasValueLine ? "a start could load it" : "a start could not load it";
   Report report;
   report.Add(file, true);
