@@ -305,7 +305,9 @@ TEST(Ini, TheOldFileOutlivesAFullOrReadOnlyDisk) {
         EXPECT_EQ(ReadWholeFile("/full/a.ini"), content);
         EXPECT_EQ(RunAs(0, {"ini", "set", "/full/new.ini", "A", "k", "1"}), 4);
         EXPECT_NE(::access("/full/new.ini", F_OK), 0);
-        EXPECT_EQ(RunAs(0, {"ini", "set", "/full/a.ini", "B", "l", "2"}), 0);
+        // Not even what needs no more room: only a whole new file replaces the old one.
+        EXPECT_EQ(RunAs(0, {"ini", "set", "/full/a.ini", "B", "l", "2"}), 4);
+        EXPECT_EQ(ReadWholeFile("/full/a.ini"), content);
 
         ASSERT_EQ(::mount("none", "/full", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
         EXPECT_EQ(RunAs(0, {"ini", "set", "/full/a.ini", "B", "l", "3"}), 4);

@@ -187,7 +187,7 @@ TEST_F(Registry, BadInputsAreRefusedInOneLine) {
       {{"export", "--output", kFile}, 2, "export: the file exists and is not overwritten: /etc/pelrix/registry"},
       {{"export", "--output", "/no/x"}, 4, "export: cannot create the file: /no/x: No such file or directory"},
       {{"import", "/none"}, 4, "import: cannot read: /none: No such file or directory (check the path)"},
-      {{"import", "/cut.json"}, 5, "import: the export cannot be used: it is no JSON: /cut.json (export it again)"},
+      {{"import", "/cut.json"}, 5, "import: the export cannot be used: it is no JSON at byte 24: /cut.json (export it again)"},
       {{"import", "/bad.json"}, 5, "import: the export cannot be used: \"encoding\" is missing"},
       {{"import", "/newline.json"}, 2, "import: the registry cannot keep a text with a newline: A: n"},
       {{"import", "/ravctl", "--merge", "--replace"}, 2, "--"},

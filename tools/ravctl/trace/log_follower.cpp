@@ -18,6 +18,7 @@ namespace {
 constexpr size_t kPrintLength = 64;  // bytes that tell whether something is still there
 constexpr size_t kWrapLine = 512;    // a line of a wrap is shorter
 constexpr size_t kChunk = size_t{1} << 20;
+constexpr off_t kQuicklyRead = off_t{1} << 20;  // looked through for its first wrap at each look
 
 off_t SizeOf(const UniqueFd& file) {
   struct stat info {};
@@ -38,12 +39,16 @@ void LogFollower::Read(const Visit& visit) {
     throw SystemFailure("cannot open the trace", m_Path, errno);
   }
   const off_t size = SizeOf(file);
-  const bool isSameRun = size >= m_Position && ReadAt(file, 0, m_Start.size()) == m_Start;
+  // Without a start-up part each cycle begins at the beginning of the file.
+  const bool hasSameStart =
+      ReadAt(file, 0, m_Start.size()) == m_Start || LineAt(file, 0).find(kWrapWords) != std::string::npos;
+  const bool isSameRun = size >= m_Position && hasSameStart;
   if (!isSameRun || m_Position == 0) {
     ReadAll(file, visit);
     return;
   }
-  const bool mayHaveWrapped = m_Wrap ? LineAt(file, m_Wrap->offset) != m_Wrap->line : size == m_Position;
+  const bool mayHaveWrapped =
+      m_Wrap ? LineAt(file, m_Wrap->offset) != m_Wrap->line : size == m_Position || size <= kQuicklyRead;
   if (std::optional<Wrap> wrap = mayHaveWrapped ? FindWrap(file) : std::nullopt; wrap) {
     if (IsIntact(file)) {
       ReadOn(file, visit);

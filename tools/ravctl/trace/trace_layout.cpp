@@ -14,7 +14,6 @@ constexpr std::string_view kHeaderEnd = "# End of header.";
 constexpr std::string_view kHeaderFirst = "Quennet Environment:";
 constexpr std::string_view kCommandLine = " Command Line Options:";
 constexpr std::string_view kArgument = "argv[";
-constexpr std::string_view kWrap = "------ WRAP ----- Cycle=";
 constexpr std::string_view kWrapPosition = "CntInitEnd=";
 constexpr size_t kHeaderSearch = size_t{1} << 20;  // a header is looked for in that much of the start
 constexpr size_t kLongestWrapLine = 256;           // before and behind its first word
@@ -132,7 +131,7 @@ void FindRingBufferParts(std::string_view content, TraceLayout& layout) {
 
 // Where the line of a wrap says that it stands, when it does.
 std::optional<size_t> FindWrapPosition(std::string_view content) {
-  for (size_t at = content.find(kWrap); at != std::string_view::npos; at = content.find(kWrap, at + 1)) {
+  for (size_t at = content.find(kWrapWords); at != std::string_view::npos; at = content.find(kWrapWords, at + 1)) {
     const size_t near = at - std::min(at, kLongestWrapLine);
     const size_t start = near + LineStart(content.substr(near), at - near);
     const std::string_view line = content.substr(at, kLongestWrapLine);

@@ -7,6 +7,9 @@
 
 namespace ravctl {
 
+// In the line with which each cycle of a log file begins.
+inline constexpr std::string_view kWrapWords = "------ WRAP ----- Cycle=";
+
 enum class TraceKind { kRingBuffer, kLogFile };
 
 // Where the entries of a trace file stand, in the order in which they were written. Pure: works on the content alone,
