@@ -17,8 +17,8 @@
 #include <cerrno>
 #include <functional>
 
-#include "ravctl/base/error.h"
 #include "ravctl/archive_file.h"
+#include "ravctl/base/error.h"
 #include "ravctl/ravctl_runner.h"
 #include "ravctl/tree/enter.h"
 

@@ -151,7 +151,8 @@ TEST(TraceLayout, HostileTextTakesLinearTime) {
   }
   // A megabyte that unpacks to more than is read.
   const ToolRoot machine;
-  machine.Run([] { ASSERT_EQ(std::system("truncate -s 300M /zeros && gzip -1 -c /zeros >/log.x"), 0); }, FixtureRoot::kUsr);
+  machine.Run([] { ASSERT_EQ(std::system("truncate -s 300M /zeros && gzip -1 -c /zeros >/log.x"), 0); },
+              FixtureRoot::kUsr);
   EXPECT_THAT(machine.Ravctl({"trace", "show", "/log.x"}).err, HasSubstr("larger than 256M"));
 }
 

@@ -50,8 +50,8 @@ void WriteTo(const char* path, const std::string& text) {
   ::close(fd);
 }
 
-// What is mounted from here on stays here. A root directory that is no mount (that of a package build) cannot be told so:
-// the root of the namespace is, and the old one entered again.
+// What is mounted from here on stays here. A root directory that is no mount (that of a package build) cannot be told
+// so: the root of the namespace is, and the old one entered again.
 void KeepMountsPrivate() {
   if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0) return;
   const UniqueFd root(::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));

@@ -16,8 +16,8 @@ namespace ravctl {
 //
 // Once the file is full the application goes on behind its start-up part, over the oldest entries, and writes there a
 // line with the number of the cycle. A changed line is a wrap. Behind the newest entry stand those of the cycle before,
-// told apart by their times, which go back. Where a whole cycle takes less than a millisecond, entries of the cycle before
-// are handed over again.
+// told apart by their times, which go back. Where a whole cycle takes less than a millisecond, entries of the cycle
+// before are handed over again.
 class LogFollower {
  public:
   using Visit = std::function<void(std::string_view whole)>;
