@@ -40,7 +40,8 @@ void ReserveStandardDescriptors() {
   if (fd > STDERR_FILENO) ::close(fd);
 }
 
-// Every call in which code of the modules runs: it may have closed the standard descriptors for all of them.
+// Every call but the last ones, in which code of the modules runs: it may have closed the standard descriptors for all
+// of them.
 template <class Call>
 auto CallModules(Call call) {
   struct Afterwards {

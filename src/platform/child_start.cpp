@@ -136,12 +136,13 @@ bool CChildStart::StartOrphan() {
     if (child == 0) RunChild();
     ::_exit(child > 0 ? 0 : kCannotRun);
   }
+  if (between < 0) return false;  // waited for, that would be any child
   int status = 0;
   pid_t ended = -1;
   do {
     ended = ::waitpid(between, &status, 0);
   } while (ended < 0 && errno == EINTR);
-  return between > 0 && status == 0;
+  return ended == between && status == 0;
 }
 
 void CChildStart::RunChild() {

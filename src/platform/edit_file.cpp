@@ -9,6 +9,7 @@
 #include <exception>
 #include <string_view>
 
+#include "platform/cancellation.h"
 #include "platform/descriptor_io.h"
 #include "platform/regular_file.h"
 #include "platform/replace_file.h"
@@ -160,6 +161,7 @@ class Edit {
 }  // namespace
 
 FileEdit EditFile(const char* path, mode_t newFileMode, const FileChange& change) {
+  const CancellationBlock block;  // a thread that ended half way would leave a mixture in place
   try {
     Edit edit(path, newFileMode, change);
     for (int attempt = 0; attempt < kAttempts; ++attempt) {

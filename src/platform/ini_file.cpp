@@ -231,6 +231,7 @@ bool CIniFile::GetString(std::string& out, const char* section, const char* key,
   uint32_t size = 0;
   const bool isComplete = ReadWithGrowingBuffer(section, key, defaultValue, fileName.get(), buffer, size);
   try {
+    if (!isComplete && defaultValue == nullptr) return false;
     out = isComplete ? buffer.get() : defaultValue;  // a value ends with its line: only a default can be too long
   } catch (const std::bad_alloc&) {
     return false;

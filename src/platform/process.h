@@ -59,7 +59,8 @@ class CProcess {
                          bool ignored, bool inheritHandles);
   // Start a command. True when it has a process, whether or not its program could be run. The caller who is told the
   // process waits for it with WaitForExit; until then it stays behind as a zombie when it has ended. One that nobody is
-  // told of is no child of this process and leaves nothing behind.
+  // told of is no child of this process and leaves nothing behind - but where orphans come to this process (it is the
+  // first of a container, or asked for them), and where children are reaped by others: there the result is false.
   static bool ExecuteCmdAsync(const std::string& cmdLine, const char* directory, bool ignored, bool inheritHandles);
   static bool ExecuteCmdAsync(const std::string& cmdLine, uint32_t& pid, const char* directory, bool ignored,
                               bool inheritHandles);

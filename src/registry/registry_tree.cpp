@@ -250,6 +250,7 @@ bool CRegistry::ReadTree(const char* path, CRegistryNode& node) {
 bool CRegistry::LoadFile(const char* path) {
   FileReading reading;
   if (ReadFile(path, MRootNode, reading)) return true;
+  if (path == MPRegistryDefault) return false;  // never written, so nothing of it can be lost
   if (!IsNothingThere(reading.error)) {
     knowledge = Knowledge::kUnread;
   } else if (path == MPRegistry) {

@@ -13,6 +13,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <utility>
 
 #include "platform/cancellation.h"
 #include "platform/never_destroyed.h"
@@ -104,9 +105,10 @@ bool CDebug::Init(const char* appName) {
   std::snprintf(name, sizeof name, "%s", AppName());
   StringToLower(name);
   m_LogFile.Open(m_Settings.directory, name, m_Settings.maxLogFileSize);
-  m_RingBuffer.Configure(m_Settings.directory, name, m_Settings.ringBufferFactor, m_Settings.ringBufferWeight);
+  m_RingBuffer.Configure(m_Settings.ringBufferFactor, m_Settings.ringBufferWeight);
 
   const bool isWanted = m_TraceActive && m_RingBuffer.ComputeSize() != 0;
+  if (isWanted) m_RingBuffer.SetPaths(m_Settings.directory, name);
   if (!isWanted) SwitchTracingOff();
   const bool isCreated = isWanted && InitRingBuffer(RingBuffer::Phase::kStartUp);
   if (m_Settings.noHeader == 0) WriteLogHeader(kTargetLogFile);
@@ -141,8 +143,7 @@ void CDebug::SetApplicationName(const char* appName) {
   const size_t size = std::strlen(appName) + 1;
   char* copy = new char[size];
   std::memcpy(copy, appName, size);
-  delete[] m_AppName;
-  m_AppName = copy;
+  delete[] std::exchange(m_AppName, copy);
 }
 
 void CDebug::StoreStartTime() {
@@ -309,7 +310,8 @@ void CDebug::PrintToHeader(const char* fmt, ...) {
   if (!m_RingBuffer.AddToHeader(entry.Text(), m_Formatter.Second())) LoseRingBuffer();
 }
 
-void CDebug::WriteLogHeader(unsigned int target) {
+// Without memory for its lines the block ends where they do.
+void CDebug::WriteLogHeader(unsigned int target) try {
   const CancellationBlock block;  // a thread that ended half way would leave a part of the block
   const TraceState state = {m_Pid,          m_TraceTarget, m_TraceLevel, m_TraceLevelSaved,
                             m_ApplInitDone, m_Settings,    m_RingBuffer, m_LogFile};
@@ -328,6 +330,7 @@ void CDebug::WriteLogHeader(unsigned int target) {
       }
     }
   }
+} catch (const std::bad_alloc&) {
 }
 
 bool CDebug::InitRingBuffer(RingBuffer::Phase phase) {

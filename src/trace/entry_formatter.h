@@ -55,7 +55,10 @@ class EntryFormatter {
   // Gives up the descriptor that the resident memory is read from; the next entry opens it again.
   void Close() { m_ResidentMemory.Close(); }
   // The same in a forked child, where the descriptor is the parent's.
-  void ForgetInChild() { m_ResidentMemory.ForgetInChild(); }
+  void ForgetInChild() {
+    m_IsKept = false;
+    m_ResidentMemory.ForgetInChild();
+  }
 
  private:
   static constexpr size_t kSecondSize = 22;

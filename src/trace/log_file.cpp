@@ -30,6 +30,7 @@ void LogFile::Open(const char* directory, const char* name, uint32_t maxSize) {
 
 void LogFile::MarkEndOfStartUpPart() {
   if (!m_File) return;
+  if (m_IsTorn) Append("\n");
   m_WrapPosition = std::max<int64_t>(::lseek(m_File.Get(), 0, SEEK_CUR), 0);
   m_ByteCountAtInitEnd = static_cast<uint32_t>(m_WrapPosition);
 }

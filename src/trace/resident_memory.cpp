@@ -41,7 +41,9 @@ bool ResidentMemory::ReadPages(size_t& pages) {
   if (m_Fd >= 0 && ReadDescriptor(m_Fd, pages)) return true;
   // Somebody else closed the descriptor, and the number may be theirs by now: forget it without closing it.
   m_Fd = -1;
-  return Open() && ReadDescriptor(m_Fd, pages);
+  if (Open() && ReadDescriptor(m_Fd, pages)) return true;
+  Close();
+  return false;
 }
 
 bool ResidentMemory::Open() {

@@ -27,12 +27,16 @@ constexpr int64_t kFillerLines = 64;     // written at once
 
 }  // namespace
 
-void RingBuffer::Configure(const char* directory, const char* name, uint32_t factor, uint32_t weight) {
-  std::snprintf(m_RunTimePath, sizeof m_RunTimePath, "%s/log.%s_a", directory, name);
-  std::snprintf(m_StartUpPath, sizeof m_StartUpPath, "%s/log.%s_i", directory, name);
+void RingBuffer::Configure(uint32_t factor, uint32_t weight) {
+  m_RunTimePath[0] = m_StartUpPath[0] = '\0';
   m_Factor = factor;
   m_Weight = weight;
   m_Size = 0;
+}
+
+void RingBuffer::SetPaths(const char* directory, const char* name) {
+  std::snprintf(m_RunTimePath, sizeof m_RunTimePath, "%s/log.%s_a", directory, name);
+  std::snprintf(m_StartUpPath, sizeof m_StartUpPath, "%s/log.%s_i", directory, name);
 }
 
 int64_t RingBuffer::ComputeSize() {
@@ -76,7 +80,11 @@ bool RingBuffer::Reserve() const {
   struct statvfs info {};
   const bool isTold = ::fstatvfs(m_File.Get(), &info) == 0 && info.f_blocks != 0;
   if (isTold && static_cast<uint64_t>(m_Size) / info.f_frsize > info.f_bfree) return false;
-  return ::fallocate(m_File.Get(), 0, 0, m_Size) == 0 || errno == EOPNOTSUPP || errno == ENOSYS;
+  int result = 0;
+  do {
+    result = ::fallocate(m_File.Get(), 0, 0, m_Size);
+  } while (result != 0 && errno == EINTR);
+  return result == 0 || errno == EOPNOTSUPP || errno == ENOSYS;
 }
 
 // Every 1 KiB of a new buffer is a line of its own.

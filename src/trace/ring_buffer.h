@@ -9,7 +9,8 @@
 // The ring buffer files: memory-mapped text, written in a circle. docs/trace-files.md draws their layout; every byte of
 // them is written here.
 //
-//   Create, StartHeader, AddToHeader..., EndHeader, Append (the "Begin" entry), MarkBegin, Append...
+//   Configure, SetPaths, Create, StartHeader, AddToHeader..., EndHeader, Append (the "Begin" entry), MarkBegin,
+//   Append...
 //
 // An entry that does not fit in front of the end goes behind the "Begin" entry, and the caller writes the header block
 // anew: StartHeader, AddToHeader... The entry comes first, so that nothing that befalls the header loses it.
@@ -21,7 +22,9 @@ class RingBuffer {
   enum class Phase { kStartUp, kRunTime };
 
   // Page size x factor x weight x 256 bytes, the start-up buffer four times that; a factor above 2 is taken as 2.
-  void Configure(const char* directory, const char* name, uint32_t factor, uint32_t weight);
+  // Without paths, as it stays when nothing is traced.
+  void Configure(uint32_t factor, uint32_t weight);
+  void SetPaths(const char* directory, const char* name);
   // The size of the run-time buffer with what was configured, 0 for none. Caps the factor.
   int64_t ComputeSize();
 
