@@ -5,10 +5,14 @@
 
 namespace ravctl {
 
-void AddSourceOptions(Command& command, TraceSource& source) {
-  command.AddWord("SOURCE", &source.what, "An application, or a trace file by its path (also .gz); usually ravd");
+void AddDirectoryOption(Command& command, TraceSource& source) {
   command.AddOption("-d,--dir", &source.directory, "DIR",
                     "Where the application's traces are, if not where it is configured");
+}
+
+void AddSourceOptions(Command& command, TraceSource& source) {
+  command.AddWord("SOURCE", &source.what, "An application, or a trace file by its path (also .gz); usually ravd");
+  AddDirectoryOption(command, source);
   const auto setPart = [&source](const std::string& part) {
     source.part = part == "start" ? TracePart::kStart
                   : part == "run" ? TracePart::kRun

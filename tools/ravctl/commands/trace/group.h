@@ -7,6 +7,7 @@
 namespace ravctl {
 
 // ravctl trace ...
+void AddTraceList(Command& trace);
 void AddTraceShow(Command& trace);
 void AddTraceFollow(Command& trace);
 void AddTraceHeader(Command& trace);
@@ -16,6 +17,8 @@ void AddTraceConfig(Command& trace);
 void AddTraceToggle(Command& trace);
 void AddTraceLevel(Command& trace);
 
+// Where the traces are.
+void AddDirectoryOption(Command& command, TraceSource& source);
 // The argument and options that say which trace is meant.
 void AddSourceOptions(Command& command, TraceSource& source);
 
