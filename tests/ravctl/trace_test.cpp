@@ -288,6 +288,17 @@ TEST(TraceRuns, AreListedAndShownByTheirNumber) {
   EXPECT_EQ(runs[2]["size"], Line("01", "older").size());
   EXPECT_THAT(machine.Ravctl({"trace", "list", "-o", "result"}).out, HasSubstr("\\x1b[2Jxxx"));
   EXPECT_EQ(machine.Json({"trace", "list", "-d", "/none"}, 1)["data"].size(), 0U);
+
+  for (const auto& [run, text] : {std::pair{"0", "now"}, {"1", "last words"}, {"2", "older"}}) {
+    const nlohmann::json entries = machine.Json({"trace", "show", "--run", run, "-p", *run == '2' ? "run" : "log"});
+    ASSERT_EQ(entries["data"].size(), 1U);
+    EXPECT_EQ(entries["data"][0]["text"], text);
+  }
+  EXPECT_EQ(machine.Json({"trace", "stats", "--run", "1"})["data"][0]["file"], newer + "/log.ravd");
+  EXPECT_THAT(machine.Ravctl({"trace", "show", "--run", "2"}).err, HasSubstr("cannot open the trace: " + older));
+  EXPECT_EQ(machine.Ravctl({"trace", "verify", "--run", "3"}).err,
+            "ravctl: trace verify: no run 3 is kept: /var/log/pelrix (ravctl trace list shows those that are)\n");
+  EXPECT_EQ(machine.Ravctl({"trace", "header", directory + "log.ravd", "--run", "1"}).status, 2);
 }
 
 TEST(TraceCommands, FaultsAreOneLineWithTheirStatus) {

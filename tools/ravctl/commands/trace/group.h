@@ -19,7 +19,8 @@ void AddTraceLevel(Command& trace);
 
 // Where the traces are.
 void AddDirectoryOption(Command& command, TraceSource& source);
-// The argument and options that say which trace is meant.
+// The argument and options that say which trace of the present run is meant; the second adds those of the kept runs.
+void AddPresentSource(Command& command, TraceSource& source);
 void AddSourceOptions(Command& command, TraceSource& source);
 
 // Warns about a file that was damaged; true when it was.
