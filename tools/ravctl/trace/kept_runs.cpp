@@ -11,7 +11,6 @@
 #include <string_view>
 
 #include "platform/directory.h"
-#include "platform/regular_file.h"
 #include "ravctl/answer/json.h"
 #include "ravctl/base/error.h"
 #include "ravctl/base/text.h"
@@ -50,7 +49,7 @@ std::optional<unsigned int> Number(std::string_view text) {
 }
 
 void ReadExit(KeptRun& run) {
-  const UniqueFd file = OpenRegularFile((run.path + "/exit").c_str(), O_RDONLY | O_NOFOLLOW);
+  const UniqueFd file = OpenKept(run.path + "/exit");
   if (!file) return;
   for (const std::string& line : SplitList(ReadAt(file, 0, kMostOfExit), '\n')) {
     const size_t equals = line.find('=');
@@ -83,6 +82,14 @@ std::vector<KeptRun> FindKeptRuns(const std::string& directory) {
     if (runs.size() == kMostRuns) break;
   }
   return runs;
+}
+
+UniqueFd OpenKept(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  const UniqueFd directory(::open(path.substr(0, slash).c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!directory) return UniqueFd();
+  const int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+  return UniqueFd(::openat(directory.Get(), path.c_str() + slash + 1, flags));
 }
 
 Json EndOf(const KeptRun& run) {

@@ -1,12 +1,11 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "platform/unique_fd.h"
 #include "ravctl/answer/json_name.h"
 
 namespace ravctl {
@@ -26,6 +25,11 @@ struct KeptRun {
 // what lies there: no symbolic link is followed, little is read of `exit`, and its values are cut to 64 bytes; they may
 // hold any character. None where there is no such directory. Throws CommandError when it cannot be looked into.
 std::vector<KeptRun> FindKeptRuns(const std::string& directory);
+
+// Opens for reading a file in the directory of a kept run, "/var/log/pelrix/crash-20261125T024523Z/exit": a symbolic
+// link at its name is refused, and one at that of the directory, whatever is exchanged meanwhile. On failure errno
+// tells why.
+UniqueFd OpenKept(const std::string& path);
 
 // {"result", "status", "signal", "pid"}, null for what is not told.
 Json EndOf(const KeptRun& run);

@@ -26,8 +26,8 @@ constexpr off_t kMostOfKernelLog = off_t{1} << 20;
 constexpr const char* kJournalReader = "/usr/bin/journalctl";
 constexpr const char* kMostJournalLines = "5000";
 constexpr int kJournalSeconds = 5;  // for reading it
-constexpr int64_t kDumpSeconds =
-    300;  // from the crash, which the kernel notes, over its core dump to the end of the run
+// From the crash, which the kernel notes, over its core dump to the end of the run.
+constexpr int64_t kDumpSeconds = 300;
 constexpr size_t kLongestLine = 1024;
 constexpr size_t kLongestName = 255;
 
@@ -88,7 +88,8 @@ std::string PlaceIn(std::string_view text, unsigned int first, unsigned int last
   return place;
 }
 
-// A thread has a higher number than its process; those of earlier runs have lower ones.
+// In the journal a thread counts by its number: higher than that of its process, while earlier runs have lower ones.
+// The log may reach back over starts of the system.
 std::string PlaceOf(const KeptRun& run) {
   if (!run.pid || std::ranges::find(kFaults, run.signal) == kFaults.end()) return "";
   const std::string place = PlaceIn(JournalBefore(run.endedAt), *run.pid, UINT32_MAX);

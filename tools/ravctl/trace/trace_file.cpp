@@ -58,8 +58,8 @@ std::string RunDirectory(const TraceSource& source) {
 
 }  // namespace
 
-TraceFile::TraceFile(std::string path, size_t largest, bool followsLink) : m_Path(std::move(path)), m_Largest(largest) {
-  const UniqueFd file(::open(m_Path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | (followsLink ? 0 : O_NOFOLLOW)));
+TraceFile::TraceFile(std::string path, size_t largest, bool isKept) : m_Path(std::move(path)), m_Largest(largest) {
+  const UniqueFd file = isKept ? OpenKept(m_Path) : UniqueFd(::open(m_Path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!file) throw SystemFailure("cannot open the trace", m_Path, errno);
   struct stat info {};
   if (::fstat(file.Get(), &info) != 0) throw SystemFailure("cannot read the trace", m_Path, errno);
@@ -180,7 +180,7 @@ std::vector<TraceFile> ReadTraceFiles(const TraceSource& source) {
   const bool wantsStart = source.part == TracePart::kRings || source.part == TracePart::kStart;
   const bool wantsRun = source.part == TracePart::kRings || source.part == TracePart::kRun;
   const auto read = [&](const std::string& path) {
-    if (Exists(path)) files.emplace_back(path, TraceFile::kUsualLargest, source.run == 0);
+    if (Exists(path)) files.emplace_back(path, TraceFile::kUsualLargest, source.run != 0);
   };
   if (wantsStart) read(start);
   if (wantsRun) read(paths.run);

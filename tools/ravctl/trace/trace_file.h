@@ -19,9 +19,9 @@ class TraceFile {
  public:
   static constexpr size_t kUsualLargest = size_t{256} << 20;  // bytes, unpacked
 
-  // Throws CommandError when the file cannot be opened or read, or holds more than that many bytes, or is a symbolic
-  // link where none is followed.
-  explicit TraceFile(std::string path, size_t largest = kUsualLargest, bool followsLink = true);
+  // Throws CommandError when the file cannot be opened or read, or holds more than that many bytes. isKept: it is in
+  // the directory of a kept run (OpenKept).
+  explicit TraceFile(std::string path, size_t largest = kUsualLargest, bool isKept = false);
 
   const std::string& Path() const { return m_Path; }
   std::string_view Content() const { return {m_Bytes.get(), m_Size}; }
@@ -74,8 +74,7 @@ std::string DirectoryOf(const TraceSource& source);
 bool IsPath(const TraceSource& source);
 
 // The files of the source, oldest first. For the rings of an application: its start-up and its run-time ring buffer,
-// and where there is neither, its log file. Throws CommandError when there is none or one cannot be read. In the
-// directory of a kept run, and on the way into it, no symbolic link is followed.
+// and where there is neither, its log file. Throws CommandError when there is none or one cannot be read.
 std::vector<TraceFile> ReadTraceFiles(const TraceSource& source);
 
 }  // namespace ravctl
