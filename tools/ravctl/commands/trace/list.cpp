@@ -46,6 +46,7 @@ ExitCode RunList(const TraceSource& source, Output& out) {
     row.update({{"run", number}, {"time", LocalTimeText(time)}, {"size", LookAt(run.path).size}, {"path", run.path}});
     table.Add(std::move(row));
   };
+  // The present run is listed with the time at which it last wrote.
   const std::string directory = DirectoryOf(source);
   const std::vector<KeptRun> kept = FindKeptRuns(directory);
   const int64_t writtenAt = LookAt(directory).writtenAt;
@@ -62,8 +63,7 @@ void AddTraceList(Command& trace) {
   auto source = std::make_shared<TraceSource>();
   Command& list =
       trace.Add({"list",
-                 "List the runs of the daemon whose traces are there: the present one, which has number 0 and"
-                 " the time of its newest file, and those without success that the service kept",
+                 "List the runs of the daemon whose traces are there: the present one (0) and those that were kept",
                  {{"ravctl trace list", "newest first: when each ended, and how"},
                   {"ravctl trace list --json | jq '.data[1].signal'", "what ended the last of those that are kept"}}},
                 [source](Output& out) { return RunList(*source, out); });
