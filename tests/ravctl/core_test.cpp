@@ -3,8 +3,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "ravctl/base/text.h"
 #include "ravctl/ravctl_runner.h"
+#include "ravctl/trace/last_crash.h"
 
 using ::testing::HasSubstr;
 
@@ -71,4 +74,67 @@ TEST(Doctor, OneLineAFinding) {
   const nlohmann::json answer = machine.Json({"doctor"}, 1);
   EXPECT_EQ(answer["data"][0]["place"], "/var/run/ravd.pid");
   EXPECT_EQ(answer["data"][0]["severity"], "warning");
+}
+
+// By the kernel's line, whatever stands around it.
+TEST(LastCrash, LineOfTheKernel) {
+  const std::string fault = "ravd[4711]: segfault at 0 ip 00007f0000001139 sp 00007ffe00000000 error 4 in ";
+  struct Row {
+    std::string line;
+    const char* place;
+  };
+  const Row rows[] = {
+      {"Nov 25 02:45:22 host kernel: [  12.5] " + fault +
+           "libx.so[7f0000001000+1000] likely on CPU 1 (core 0, socket 0)",
+       "libx.so at 0x139 of its mapping"},
+      {fault + "lib x.so[2139,7f0000001000+1000]", "lib x.so at 0x2139"},
+      {"traps: ravd[4711] general protection fault ip:7f0000001139 sp:7ffe00000000 error:0 in libx.so[7f0000001000+1000]",
+       "libx.so at 0x139 of its mapping"},
+      {"x" + fault + "libx.so[7f0000001000+1000]", ""},
+      {fault + "libx.so[7f0000001000+139]", ""},  // the instruction is not in it
+      {fault + "libx.so[7f0000002000+1000]", ""},
+      {fault + "libx.so[g,7f0000001000+1000]", ""},
+      {fault + "libx.so[7f0000001000+10000000000000000]", ""},
+      {fault + std::string(256, 'x') + "[7f0000001000+1000]", ""},
+      {fault + std::string(2000, 'x') + "[7f0000001000+1000]", ""},
+      {"ravd[4711]: segfault at 0 ip 0000000000000000 sp 00007ffe00000000 error 14", ""},
+      {"ravd[99999999999]: segfault at 0 ip 7f0000001139 sp 0 error 4 in libx.so[7f0000001000+1000]", ""},
+  };
+  for (const Row& row : rows) {
+    const auto crash = ravctl::ParseCrashLine(row.line);
+    EXPECT_EQ(crash ? crash->place : "", row.place) << row.line;
+    if (crash) {
+      EXPECT_EQ(crash->thread, 4711U);
+    }
+    for (size_t length = 0; length < row.line.size(); ++length)
+      ravctl::ParseCrashLine(std::string_view(row.line).substr(0, length));
+  }
+}
+
+TEST(LastCrash, StatusAndDoctorTellOfIt) {
+  const ToolRoot machine;
+  EXPECT_EQ(machine.Json({"daemon", "status"}, 6)["data"]["last_crash"], nullptr);
+  const std::string kept = "/var/log/pelrix/crash-20261125T024523Z";
+  const std::string line = ": segfault at 0 ip 1139 sp 0 error 4 in ";
+  machine.WriteFile("/var/log/pelrix/crash-20261124T024523Z/exit", "result=timeout\nsignal=ABRT\n");
+  machine.WriteFile(kept + "/exit", "result=core-dump\nstatus=\nsignal=SEGV\npid=4711\n");
+  // The library is that of the process, not of another one.
+  machine.WriteFile("/var/log/kern.log",
+                    "ravd[4711]" + line + "libx.so[1000+1000]\nravd[4712]" + line + "y[1000+1000]\n");
+  const nlohmann::json status = machine.Json({"daemon", "status"}, 6)["data"];
+  const std::string text = "crashed 2026-11-25 02:45:23 by SEGV (core-dump)";
+  EXPECT_EQ(status["last_crash"], text + ", in libx.so at 0x139 of its mapping");
+  EXPECT_EQ(status["last_crash_trace"], kept);
+  const nlohmann::json doctor = machine.Json({"doctor"}, 1)["data"];
+  const auto finding = std::ranges::find_if(doctor, [](const auto& row) { return row["check"] == "crash"; });
+  ASSERT_NE(finding, doctor.end());
+  EXPECT_EQ((*finding)["severity"], "warning");
+  EXPECT_EQ((*finding)["place"], kept);
+  EXPECT_THAT((*finding)["finding"].get<std::string>(), HasSubstr(text + ", in libx.so at 0x139"));
+  // Nothing tells where.
+  machine.WriteFile("/var/log/kern.log", "ravd[471]" + line + "libx.so[1000+1000]\n");
+  EXPECT_EQ(machine.Json({"daemon", "status"}, 6)["data"]["last_crash"], text);
+  machine.WriteFile(kept + "/exit", "result=exit-code\nstatus=1\nsignal=\npid=471\n");
+  EXPECT_EQ(machine.Json({"daemon", "status"}, 6)["data"]["last_crash"],
+            "ended 2026-11-25 02:45:23 with status 1 (exit-code)");
 }

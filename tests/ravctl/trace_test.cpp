@@ -253,6 +253,54 @@ TEST(TraceShow, PackedStartUpAndDamage) {
   machine.Json({"trace", "verify", kRing}, 5);
 }
 
+// What others could have put into the directory is neither followed nor believed.
+TEST(TraceRuns, AreListedAndShownByTheirNumber) {
+  const ToolRoot machine;
+  const std::string directory = std::string(kDirectory) + "/";
+  const std::string older = directory + "crash-20261124T235959Z";
+  const std::string newer = directory + "crash-20261125T024523Z";
+  machine.WriteFile(directory + "log.ravd", Line("03", "now"));
+  machine.WriteFile(newer + "/log.ravd", Line("02", "last words"));
+  machine.WriteFile(newer + "/exit", "time=x\nresult=core-dump\nstatus=\nsignal=SEGV\nnoise\n=\npid=4711\n");
+  machine.WriteFile(older + "/log.ravd_a", Line("01", "older"));
+  machine.WriteFile(older + "/exit", "result=\x1b[2J" + std::string(5000, 'x') + "\nsignal=late\n");
+  machine.WriteFile("/secret/exit", "result=secret\n");
+  machine.WriteFile("/secret/log.ravd", Line("09", "secret"));
+  machine.MakeLink(directory + "crash-20261126T000000Z", "/secret");
+  machine.MakeLink(older + "/log.ravd_i", "/secret/log.ravd");
+  for (const char* name : {"crash-20261399T000000Z", "crash-2026 1 1T000000Z", "crash-20261126T000000Zz"})
+    machine.MakeDirectory(directory + name);
+
+  const nlohmann::json runs = machine.Json({"trace", "list"})["data"];
+  ASSERT_EQ(runs.size(), 3U) << runs;
+  EXPECT_EQ(runs[0]["path"], kDirectory);
+  EXPECT_EQ(runs[0]["result"], nullptr);
+  EXPECT_EQ(runs[1], nlohmann::json({{"run", 1},
+                                     {"time", "2026-11-25 02:45:23"},
+                                     {"result", "core-dump"},
+                                     {"status", nullptr},
+                                     {"signal", "SEGV"},
+                                     {"pid", 4711},
+                                     {"size", Line("02", "last words").size()},
+                                     {"path", newer}}));
+  EXPECT_EQ(runs[2]["result"], "\x1b[2J" + std::string(60, 'x'));
+  EXPECT_EQ(runs[2]["signal"], nullptr);
+  EXPECT_EQ(runs[2]["size"], Line("01", "older").size());
+  EXPECT_THAT(machine.Ravctl({"trace", "list", "-o", "result"}).out, HasSubstr("\\x1b[2Jxxx"));
+  EXPECT_EQ(machine.Json({"trace", "list", "-d", "/none"}, 1)["data"].size(), 0U);
+
+  for (const auto& [run, text] : {std::pair{"0", "now"}, {"1", "last words"}, {"2", "older"}}) {
+    const nlohmann::json entries = machine.Json({"trace", "show", "--run", run, "-p", *run == '2' ? "run" : "log"});
+    ASSERT_EQ(entries["data"].size(), 1U);
+    EXPECT_EQ(entries["data"][0]["text"], text);
+  }
+  EXPECT_EQ(machine.Json({"trace", "stats", "--run", "1"})["data"][0]["file"], newer + "/log.ravd");
+  EXPECT_THAT(machine.Ravctl({"trace", "show", "--run", "2"}).err, HasSubstr("cannot open the trace: " + older));
+  EXPECT_EQ(machine.Ravctl({"trace", "verify", "--run", "3"}).err,
+            "ravctl: trace verify: no run 3 is kept: /var/log/pelrix (ravctl trace list shows those that are)\n");
+  EXPECT_EQ(machine.Ravctl({"trace", "header", directory + "log.ravd", "--run", "1"}).status, 2);
+}
+
 TEST(TraceCommands, FaultsAreOneLineWithTheirStatus) {
   struct Row {
     std::vector<std::string> arguments;

@@ -23,6 +23,7 @@ namespace {
 
 void AddTraceGroup(Command& root) {
   Command& trace = root.AddGroup("trace", "Traces of the daemon and of other applications of the library");
+  AddTraceList(trace);
   AddTraceShow(trace);
   AddTraceFollow(trace);
   AddTraceHeader(trace);

@@ -20,6 +20,7 @@
 #include "ravctl/registry/store_check.h"
 #include "ravctl/registry/store_files.h"
 #include "ravctl/registry/store_findings.h"
+#include "ravctl/trace/last_crash.h"
 #include "ravctl/trace/trace_check.h"
 #include "ravctl/trace/trace_settings.h"
 #include "ravctl/tree/enter.h"
@@ -34,6 +35,14 @@ Findings CheckDaemon() {
   const std::optional<DaemonProcess> daemon = FindDaemon();
   if (!daemon) return {{Severity::kWarning, "", kPidFile, "the daemon does not run", "start it"}};
   return {{Severity::kGood, "", kPidFile, "runs as process " + std::to_string(daemon->pid), ""}};
+}
+
+// It stays a finding as long as its trace is kept.
+Findings CheckLastCrash() {
+  const std::optional<LastCrash> crash = FindLastCrash();
+  if (!crash) return {{Severity::kGood, "", DirectoryOf(TraceSource()), "no run that crashed is kept"}};
+  return {{Severity::kWarning, "", crash->path, "the last run that is kept " + crash->text,
+           "see ravctl trace show --run 1, then remove the directory"}};
 }
 
 Findings CheckKernelFiles() {
@@ -189,6 +198,7 @@ struct Check {
 // One line a check.
 constexpr auto kChecks = std::to_array<Check>({
     {"daemon", CheckDaemon},
+    {"crash", CheckLastCrash},
     {"permissions", CheckPermissions},
     {"kernel", CheckKernelFiles},
     {"smbios", CheckFirmware},

@@ -15,6 +15,7 @@
 #include "ravctl/answer/output.h"
 #include "ravctl/base/error.h"
 #include "ravctl/base/text.h"
+#include "ravctl/trace/kept_runs.h"
 #include "ravctl/trace/trace_entry.h"
 #include "ravctl/trace/trace_settings.h"
 
@@ -45,10 +46,20 @@ bool Exists(const std::string& path) {
   return ::access(path.c_str(), F_OK) == 0;
 }
 
+// Where the files of the source's run are.
+std::string RunDirectory(const TraceSource& source) {
+  const std::string directory = DirectoryOf(source);
+  if (source.run == 0) return directory;
+  const std::vector<KeptRun> kept = FindKeptRuns(directory);
+  if (source.run <= kept.size()) return kept[source.run - 1].path;
+  throw CommandError(ExitCode::kInputMissing, "no run " + std::to_string(source.run) + " is kept", directory,
+                     "ravctl trace list shows those that are");
+}
+
 }  // namespace
 
-TraceFile::TraceFile(std::string path, size_t largest) : m_Path(std::move(path)), m_Largest(largest) {
-  const UniqueFd file(::open(m_Path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+TraceFile::TraceFile(std::string path, size_t largest, bool isKept) : m_Path(std::move(path)), m_Largest(largest) {
+  const UniqueFd file = isKept ? OpenKept(m_Path) : UniqueFd(::open(m_Path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!file) throw SystemFailure("cannot open the trace", m_Path, errno);
   struct stat info {};
   if (::fstat(file.Get(), &info) != 0) throw SystemFailure("cannot read the trace", m_Path, errno);
@@ -156,18 +167,25 @@ std::string DirectoryOf(const TraceSource& source) {
 std::vector<TraceFile> ReadTraceFiles(const TraceSource& source) {
   std::vector<TraceFile> files;
   if (IsPath(source)) {
+    if (source.run != 0) {
+      throw CommandError(ExitCode::kUsage, "a file has no runs", source.what,
+                         "name an application, or leave --run out");
+    }
     files.emplace_back(source.what);
     return files;
   }
-  const std::string directory = DirectoryOf(source);
+  const std::string directory = RunDirectory(source);
   const TracePaths paths = PathsOf(directory, source.what);
   const std::string start = Exists(paths.start) ? paths.start : paths.startPacked;
   const bool wantsStart = source.part == TracePart::kRings || source.part == TracePart::kStart;
   const bool wantsRun = source.part == TracePart::kRings || source.part == TracePart::kRun;
-  if (wantsStart && Exists(start)) files.emplace_back(start);
-  if (wantsRun && Exists(paths.run)) files.emplace_back(paths.run);
+  const auto read = [&](const std::string& path) {
+    if (Exists(path)) files.emplace_back(path, TraceFile::kUsualLargest, source.run != 0);
+  };
+  if (wantsStart) read(start);
+  if (wantsRun) read(paths.run);
   const bool wantsLog = source.part == TracePart::kLog || (source.part == TracePart::kRings && files.empty());
-  if (wantsLog && Exists(paths.log)) files.emplace_back(paths.log);
+  if (wantsLog) read(paths.log);
   if (files.empty()) {
     if (::access(directory.c_str(), X_OK) != 0) throw SystemFailure("cannot look into", directory, errno);
     throw CommandError(ExitCode::kInputMissing, "no trace of " + source.what, directory,

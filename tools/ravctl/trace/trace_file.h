@@ -19,8 +19,9 @@ class TraceFile {
  public:
   static constexpr size_t kUsualLargest = size_t{256} << 20;  // bytes, unpacked
 
-  // Throws CommandError when the file cannot be opened or read, or holds more than that many bytes.
-  explicit TraceFile(std::string path, size_t largest = kUsualLargest);
+  // Throws CommandError when the file cannot be opened or read, or holds more than that many bytes. isKept: it is in
+  // the directory of a kept run (OpenKept).
+  explicit TraceFile(std::string path, size_t largest = kUsualLargest, bool isKept = false);
 
   const std::string& Path() const { return m_Path; }
   std::string_view Content() const { return {m_Bytes.get(), m_Size}; }
@@ -65,9 +66,10 @@ struct TraceSource {
   std::string what = "ravd";
   std::string directory;  // instead of the configured one when not empty
   TracePart part = TracePart::kRings;
+  size_t run = 0;  // 0 for the present one, else the number of a kept one: 1 for the newest
 };
 
-// The directory in which the source's application traces, as configured.
+// The directory in which the source's application traces, as configured; the runs that are kept lie in it.
 std::string DirectoryOf(const TraceSource& source);
 bool IsPath(const TraceSource& source);
 

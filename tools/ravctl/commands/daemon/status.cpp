@@ -5,6 +5,7 @@
 #include "ravctl/base/times.h"
 #include "ravctl/commands/daemon/group.h"
 #include "ravctl/daemon/process.h"
+#include "ravctl/trace/last_crash.h"
 
 namespace ravctl {
 
@@ -12,8 +13,19 @@ namespace {
 
 constexpr const char* kLockFile = "/var/lock/ravd.lock";
 
+// Who may not look into the trace directory is told the rest.
+std::optional<LastCrash> LastCrashIfTold(Output& out) {
+  try {
+    return FindLastCrash();
+  } catch (const CommandError& error) {
+    out.Warn(error.what());
+    return std::nullopt;
+  }
+}
+
 ExitCode RunStatus(Output& out) {
   const std::optional<DaemonProcess> daemon = FindDaemon();
+  const std::optional<LastCrash> crash = LastCrashIfTold(out);
   std::string lock;
   ReadFileInto(kLockFile, lock);
   Json data = {{"running", daemon.has_value()},
@@ -23,7 +35,9 @@ ExitCode RunStatus(Output& out) {
                {"resident_kb", daemon ? Json(daemon->residentKb) : Json()},
                {"threads", daemon ? Json(daemon->threads) : Json()},
                {"pid_file", kPidFile},
-               {"lock_owner", lock.empty() ? Json() : Json(lock)}};
+               {"lock_owner", lock.empty() ? Json() : Json(lock)},
+               {"last_crash", crash ? Json(crash->text) : Json()},
+               {"last_crash_trace", crash ? Json(crash->path) : Json()}};
   Table table({{.key = "name", .heading = "NAME"}, {.key = "value", .heading = "VALUE"}});
   for (const auto& [name, value] : data.items())
     table.Add({{"name", name}, {"value", value}});

@@ -101,7 +101,7 @@ void AddTraceFollow(Command& trace) {
                   {"ravctl trace follow --pid 1234", "until process 1234 has ended"}},
                  Effect::kChanges},
                 [options](Output& out) { return RunFollow(*options, out); });
-  AddSourceOptions(follow, options->source);
+  AddPresentSource(follow, options->source);
   options->filter.AddOptions(follow);
   follow.AddOption("-n,--last", &options->last, "N", "Begin with the newest N entries that are there (usually 10)",
                    NotNegative());

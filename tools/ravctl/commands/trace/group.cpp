@@ -5,10 +5,14 @@
 
 namespace ravctl {
 
-void AddSourceOptions(Command& command, TraceSource& source) {
-  command.AddWord("SOURCE", &source.what, "An application, or a trace file by its path (also .gz); usually ravd");
+void AddDirectoryOption(Command& command, TraceSource& source) {
   command.AddOption("-d,--dir", &source.directory, "DIR",
                     "Where the application's traces are, if not where it is configured");
+}
+
+void AddPresentSource(Command& command, TraceSource& source) {
+  command.AddWord("SOURCE", &source.what, "An application, or a trace file by its path (also .gz); usually ravd");
+  AddDirectoryOption(command, source);
   const auto setPart = [&source](const std::string& part) {
     source.part = part == "start" ? TracePart::kStart
                   : part == "run" ? TracePart::kRun
@@ -18,6 +22,13 @@ void AddSourceOptions(Command& command, TraceSource& source) {
   command.AddOption("-p,--part", setPart, "PART",
                     "rings (the usual: start-up and run-time ring buffer), start, run, or log for the log file",
                     OneOf({"rings", "start", "run", "log"}));
+}
+
+void AddSourceOptions(Command& command, TraceSource& source) {
+  AddPresentSource(command, source);
+  command.AddOption("--run", &source.run, "N",
+                    "A run as trace list numbers them: 1 is the last that was kept, 0 (the usual) the present one",
+                    NotNegative());
 }
 
 bool WarnAboutDamage(const TraceFile& file, Output& out) {

@@ -7,6 +7,7 @@
 namespace ravctl {
 
 // ravctl trace ...
+void AddTraceList(Command& trace);
 void AddTraceShow(Command& trace);
 void AddTraceFollow(Command& trace);
 void AddTraceHeader(Command& trace);
@@ -16,7 +17,10 @@ void AddTraceConfig(Command& trace);
 void AddTraceToggle(Command& trace);
 void AddTraceLevel(Command& trace);
 
-// The argument and options that say which trace is meant.
+// Where the traces are.
+void AddDirectoryOption(Command& command, TraceSource& source);
+// The argument and options that say which trace of the present run is meant; the second adds those of the kept runs.
+void AddPresentSource(Command& command, TraceSource& source);
 void AddSourceOptions(Command& command, TraceSource& source);
 
 // Warns about a file that was damaged; true when it was.

@@ -95,7 +95,8 @@ void AddTraceShow(Command& trace) {
         {"ravctl trace show --since 5m -g ERROR -g FAILED", "what went wrong in the last five minutes"},
         {"ravctl trace show --not-tag ravd -o time,tag,text", "what the modules traced, in three columns"},
         {"ravctl trace show /var/log/pelrix/log.ravd_i.gz --json | jq '.data[].text'", "a start-up, for a script"},
-        {"ravctl trace show -p log", "the log file, over its wraps"}}},
+        {"ravctl trace show -p log", "the log file, over its wraps"},
+        {"ravctl trace show --run 1 -n 20", "the last words of the last run that crashed"}}},
       [options](Output& out) { return RunShow(*options, out); });
   AddSourceOptions(show, options->source);
   options->filter.AddOptions(show);
