@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <utmp.h>
 
 #include <cstring>
@@ -12,7 +11,6 @@
 #include "daemon/smbus_probe.h"
 #include "daemon/switch_api.h"
 #include "support/fake_ioctl.h"
-#include "support/fixture_root.h"
 #include "support/trace_capture.h"
 
 using ::testing::Contains;
@@ -31,20 +29,36 @@ bool Foreground(std::vector<const char*> arguments) {
   return IsForeground(static_cast<int>(arguments.size()), const_cast<char**>(arguments.data()));
 }
 
-void WriteRunLevelRecord(const FixtureRoot& root, int type, int pid) {
-  utmp record{};
-  record.ut_type = static_cast<short>(type);
-  record.ut_pid = pid;
-  root.WriteFile("/var/run/utmp", std::string(reinterpret_cast<const char*>(&record), sizeof record));
-}
+struct RunLevelRow {
+  const char* release;
+  const char* file;
+  int recordType;
+  int recordPid;
+  int expected;
+  const char* traced;
+};
+const RunLevelRow kRunLevels[] = {
+    {"SLES12", "0", 0, 0, 0, "RAVD-MAIN: we are runing on OS \"SLES12\""},
+    {"SLES12", "6\n", RUN_LVL, '0', 6, "RAVD-MAIN: OS shutdown reguired: RunLevel = 6 from /etc/pelrix/RunLevel"},
+    {"OL7", " 6 x", 0, 0, 6, "RAVD-MAIN: we are runing on OS \"OL7\""},
+    {"OL7", "3", 0, 0, -1, "RAVD-MAIN: OS shutdown reguired: RunLevel = 3 from /etc/pelrix/RunLevel"},
+    {"RHEL7", "-1", 0, 0, -1, "RAVD-MAIN: OS shutdown reguired: RunLevel = -1 from /etc/pelrix/RunLevel"},
+    {"RHEL7", "reboot", 0, 0, -1, ""},
+    {"RHEL7", "", 0, 0, -1, ""},
+    {"rhel7", "0", RUN_LVL, 256 * 'N' + '6', 6, "RAVD-MAIN: try to indentify runlevel on older OS"},
+    {"", "0", BOOT_TIME, '6', -1, "RAVD-MAIN: cannot identify OS (from QN_NICKNAME) on which we are running"},
+};
 
 }  // namespace
 
-TEST(CommandLine, OptionsAreExactAndTheLastRunModeWins) {
-  const FixtureRoot root;
-  root.Run([] {
-    const TraceCapture trace(2);
-    _ExtensionModuleLoaderConfig config = Parse({"-rescan", "-tessel", "-agentless", "-RESCAN", "-vantle2"});
+using CommandLine = RootedTest;
+using SmbusProbe = RootedTest;
+using RunLevel = RootedTest;
+using SwitchApi = RootedTest;
+
+TEST_F(CommandLine, OptionsAreExactAndTheLastRunModeWins) {
+  RunTraced(root, 2, [](const TraceCapture& trace) {
+    const _ExtensionModuleLoaderConfig config = Parse({"-rescan", "-tessel", "-agentless", "-RESCAN", "-vantle2"});
     EXPECT_EQ(config.Flags, 1U);
     EXPECT_EQ(config.RunMode, RUNMODE_AGENTLESS);
     EXPECT_THAT(trace.Lines(), ElementsAre("RAVD-MAIN::ParseCommandLine   : RESCAN due to -rescan",
@@ -60,11 +74,9 @@ TEST(CommandLine, OptionsAreExactAndTheLastRunModeWins) {
   EXPECT_FALSE(Foreground({"-nodemonx", "-nx", "n"}));
 }
 
-TEST(SmbusProbe, AnswerIsTracedFieldByField) {
-  const FixtureRoot root;
+TEST_F(SmbusProbe, AnswerIsTracedFieldByField) {
   root.WriteFile("/dev/pci/smbus", "");
-  root.Run([] {
-    const TraceCapture trace(2);
+  RunTraced(root, 2, [](const TraceCapture& trace) {
     ::setenv("QN_SYSTEM", std::string(40, 's').c_str(), 1);
     ::setenv("QN_OS", "Linux %d", 1);
     const FakeIoctl driver([](const std::string& path, unsigned long request, void* argument) -> std::optional<int> {
@@ -98,111 +110,68 @@ TEST(SmbusProbe, AnswerIsTracedFieldByField) {
   });
 }
 
-TEST(SmbusProbe, MissingOrRefusingDriverEndsInTheInfoLine) {
-  static constexpr const char* kInfo =
-      "RAVD-MAIN: INFO: smbus-driver is not available on this OS (But, don't worry about this, it might be OK on some OS systems!)";
-  const FixtureRoot root;
-  root.Run([] {
-    const TraceCapture trace(2);
-    DiscoverSmbusDriverInfo();
-    EXPECT_THAT(
-        trace.Lines(),
-        ElementsAre(
-            "RAVD-MAIN::DiscoverSmbusDriverInfo: cannot open /dev/pci/smbus (errno=2: No such file or directory)",
-            kInfo));
-  });
-  root.WriteFile("/dev/pci/smbus", "");
-  root.Run([] {
-    const TraceCapture trace(2);
-    DiscoverSmbusDriverInfo();
-    EXPECT_THAT(
-        trace.Lines(),
-        ElementsAre(
-            "RAVD-MAIN::DiscoverSmbusDriverInfo: IOCTL_SMBUS_DRIVER_INFO (0xC00873FF) to /dev/pci/smbus failed (errno=25: Inappropriate ioctl for device)",
-            kInfo));
-  });
+TEST_F(SmbusProbe, MissingOrRefusingDriverEndsInTheInfoLine) {
+  for (const char* reason :
+       {"cannot open /dev/pci/smbus (errno=2: No such file or directory)",
+        "IOCTL_SMBUS_DRIVER_INFO (0xC00873FF) to /dev/pci/smbus failed (errno=25: Inappropriate ioctl for device)"}) {
+    RunTraced(root, 2, [reason](const TraceCapture& trace) {
+      DiscoverSmbusDriverInfo();
+      EXPECT_THAT(
+          trace.Lines(),
+          ElementsAre(
+              std::string("RAVD-MAIN::DiscoverSmbusDriverInfo: ") + reason,
+              "RAVD-MAIN: INFO: smbus-driver is not available on this OS (But, don't worry about this, it might be OK on some OS systems!)"));
+    });
+    root.WriteFile("/dev/pci/smbus", "");
+  }
 }
 
-TEST(RunLevel, FileOfTheServiceScripts) {
-  const struct {
-    const char* content;
-    int expected;
-  } rows[] = {{"0", 0}, {"6\n", 6}, {" 6 x", 6}, {"3", -1}, {"-1", -1}, {"reboot", -1}, {"", -1}};
-  const FixtureRoot root;
-  for (const auto& row : rows) {
-    root.WriteFile("/etc/pelrix/RunLevel", row.content);
-    root.Run([&row] {
-      const TraceCapture trace(1);
-      ::setenv("QN_NICKNAME", "SLES12", 1);
+// The file of the service scripts, or on older systems the login records.
+TEST_F(RunLevel, IsThatOfTheFileOrOfTheLoginRecords) {
+  for (const RunLevelRow& row : kRunLevels) {
+    utmp record{};
+    record.ut_type = static_cast<short>(row.recordType);
+    record.ut_pid = row.recordPid;
+    root.WriteFile("/var/run/utmp", std::string(reinterpret_cast<const char*>(&record), sizeof record));
+    root.WriteFile("/etc/pelrix/RunLevel", row.file);
+    RunTraced(root, 1, [&row](const TraceCapture& trace) {
+      ::setenv("QN_NICKNAME", row.release, 1);
       RememberRelease();
       ::setenv("QN_NICKNAME", "of a module", 1);
-      EXPECT_EQ(DetermineRunLevel(), row.expected) << row.content;
-      EXPECT_TRUE(trace.Has("RAVD-MAIN: we are runing on OS \"SLES12\""));
+      EXPECT_EQ(DetermineRunLevel(), row.expected) << row.release << row.file;
+      EXPECT_EQ(trace.Missing(row.traced), "");
       EXPECT_TRUE(trace.Has("RAVD-MAIN: Current RunLevel = " + std::to_string(row.expected)));
     });
   }
-  root.WriteFile("/etc/pelrix/RunLevel", "3");
-  root.Run([] {
-    const TraceCapture trace(1);
-    ::setenv("QN_NICKNAME", "OL7", 1);
-    RememberRelease();
-    DetermineRunLevel();
-    EXPECT_TRUE(trace.Has("RAVD-MAIN: OS shutdown reguired: RunLevel = 3 from /etc/pelrix/RunLevel"));
-  });
 }
 
-TEST(RunLevel, OlderSystemsAreAskedThroughTheLoginRecords) {
-  const FixtureRoot root;
-  WriteRunLevelRecord(root, RUN_LVL, 256 * 'N' + '6');
-  root.Run([] {
-    const TraceCapture trace(1);
-    ::setenv("QN_NICKNAME", "rhel7", 1);
-    RememberRelease();
-    EXPECT_EQ(DetermineRunLevel(), 6);
-    EXPECT_TRUE(trace.Has("RAVD-MAIN: try to indentify runlevel on older OS"));
-  });
-  WriteRunLevelRecord(root, BOOT_TIME, '6');
-  root.Run([] {
-    const TraceCapture trace(1);
-    EXPECT_EQ(DetermineRunLevel(), -1);
-    EXPECT_TRUE(trace.Has("RAVD-MAIN: cannot identify OS (from QN_NICKNAME) on which we are running"));
-  });
+TEST_F(RunLevel, OlderSystemsAreAskedThroughTheCommand) {
+  root.WriteFile("/own/runlevel", "#!/bin/sh\necho \"N 0\"\n", 0755);
+  root.MakeDirectory("/machine");
+  const auto body = [] {
+    // The commands of the machine without its /usr/bin/systemctl and /sbin.
+    ASSERT_EQ(::mount("/usr", "/machine", nullptr, MS_MOVE, nullptr), 0);
+    for (const std::string link : {"/bin", "/lib", "/lib64", "/sbin"}) {
+      ::unlink(link.c_str());
+      ASSERT_EQ(::symlink(link == "/sbin" ? "own" : ("machine" + link).c_str(), link.c_str()), 0);
+    }
+    EXPECT_EQ(DetermineRunLevel(), 0);
+  };
+  root.Run(body, FixtureRoot::kUsr);
 }
 
-TEST(RunLevel, OlderSystemsAreAskedThroughTheCommand) {
-  const FixtureRoot root;
-  root.WriteFile("/machine/sbin/runlevel", "#!/bin/sh\necho \"N 0\"\n", 0755);
-  root.Run(
-      [] {
-        // The commands of the machine without its /usr/bin/systemctl and /sbin.
-        ASSERT_EQ(::mkdir("/machine/usr", 0755), 0);
-        ASSERT_EQ(::mount("/usr", "/machine/usr", nullptr, MS_MOVE, nullptr), 0);
-        for (const char* name : {"bin", "lib", "lib64"}) {
-          ::unlink((std::string("/") + name).c_str());
-          ASSERT_EQ(::symlink((std::string("machine/usr/") + name).c_str(), (std::string("/") + name).c_str()), 0);
-        }
-        ::unlink("/sbin");
-        ASSERT_EQ(::symlink("machine/sbin", "/sbin"), 0);
-        EXPECT_EQ(DetermineRunLevel(), 0);
-      },
-      FixtureRoot::kUsr);
-}
-
-TEST(SwitchApi, MissingLibraryIsOneTraceLine) {
-  const FixtureRoot root;
-  root.Run([] {
-    const TraceCapture trace(3);
+TEST_F(SwitchApi, MissingLibraryIsOneTraceLine) {
+  RunTraced(root, 3, [](const TraceCapture& trace) {
     CSwitchApi api;
     EXPECT_FALSE(api.LoadSwitch());
     EXPECT_FALSE(api.LoadModules({1, 0}));
     EXPECT_FALSE(api.UnloadModules(0));
     api.Release();
-    const std::vector<std::string> lines = trace.Lines();
-    ASSERT_EQ(lines.size(), 5U);
-    EXPECT_THAT(lines[0], HasSubstr("LoadLibrary: ## ERROR:  libswitch.so: cannot open shared object file"));
-    EXPECT_EQ(lines[1], "SWITCH API          : Loading modules, force rescan = 1");
-    EXPECT_EQ(lines[2], "SWITCH API          : ## ERROR! Loading modules FAILED!");
-    EXPECT_EQ(lines[3], "SWITCH API          : Unloading modules...");
-    EXPECT_EQ(lines[4], "SWITCH API          : ## ERROR! Unloading modules FAILED!");
+    EXPECT_THAT(trace.Lines(),
+                ElementsAre(HasSubstr("LoadLibrary: ## ERROR:  libswitch.so: cannot open shared object file"),
+                            "SWITCH API          : Loading modules, force rescan = 1",
+                            "SWITCH API          : ## ERROR! Loading modules FAILED!",
+                            "SWITCH API          : Unloading modules...",
+                            "SWITCH API          : ## ERROR! Unloading modules FAILED!"));
   });
 }
