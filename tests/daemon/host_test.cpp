@@ -19,14 +19,11 @@ using ::testing::HasSubstr;
 
 namespace {
 
-_ExtensionModuleLoaderConfig Parse(std::vector<const char*> arguments) {
-  arguments.insert(arguments.begin(), "ravd");
-  return ParseCommandLine(static_cast<int>(arguments.size()), const_cast<char**>(arguments.data()));
-}
-
-bool Foreground(std::vector<const char*> arguments) {
+// As the arguments behind the name of a program that means nothing.
+template <class Function>
+auto Call(Function* function, std::vector<const char*> arguments) {
   arguments.insert(arguments.begin(), "-n");
-  return IsForeground(static_cast<int>(arguments.size()), const_cast<char**>(arguments.data()));
+  return function(static_cast<int>(arguments.size()), const_cast<char**>(arguments.data()));
 }
 
 struct RunLevelRow {
@@ -58,20 +55,21 @@ using SwitchApi = RootedTest;
 
 TEST_F(CommandLine, OptionsAreExactAndTheLastRunModeWins) {
   RunTraced(root, 2, [](const TraceCapture& trace) {
-    const _ExtensionModuleLoaderConfig config = Parse({"-rescan", "-tessel", "-agentless", "-RESCAN", "-vantle2"});
+    const _ExtensionModuleLoaderConfig config =
+        Call(ParseCommandLine, {"-rescan", "-tessel", "-agentless", "-RESCAN", "-vantle2"});
     EXPECT_EQ(config.Flags, 1U);
     EXPECT_EQ(config.RunMode, RUNMODE_AGENTLESS);
     EXPECT_THAT(trace.Lines(), ElementsAre("RAVD-MAIN::ParseCommandLine   : RESCAN due to -rescan",
                                            "RAVD-MAIN::ParseCommandLine   : TESSEL mode due to -tessel",
                                            "RAVD-MAIN::ParseCommandLine   : Agentsless mode due to -agentless",
                                            "RAVD-MAIN: RUN MODE: 5"));
-    EXPECT_EQ(Parse({"-tessel-agentless"}).RunMode, RUNMODE_DORLAN);
-    EXPECT_EQ(Parse({"-vantle"}).RunMode, RUNMODE_VANTLE);
-    EXPECT_EQ(Parse({}).RunMode, RUNMODE_NORMAL);
+    EXPECT_EQ(Call(ParseCommandLine, {"-tessel-agentless"}).RunMode, RUNMODE_DORLAN);
+    EXPECT_EQ(Call(ParseCommandLine, {"-vantle"}).RunMode, RUNMODE_VANTLE);
+    EXPECT_EQ(Call(ParseCommandLine, {}).RunMode, RUNMODE_NORMAL);
   });
-  EXPECT_TRUE(Foreground({"-x", "-nodemon"}));
-  EXPECT_TRUE(Foreground({"-rescan", "-n"}));
-  EXPECT_FALSE(Foreground({"-nodemonx", "-nx", "n"}));
+  EXPECT_TRUE(Call(IsForeground, {"-x", "-nodemon"}));
+  EXPECT_TRUE(Call(IsForeground, {"-rescan", "-n"}));
+  EXPECT_FALSE(Call(IsForeground, {"-nodemonx", "-nx", "n"}));
 }
 
 TEST_F(SmbusProbe, AnswerIsTracedFieldByField) {
