@@ -69,25 +69,6 @@ TEST_F(TraceConfiguration, SourcesAndTheirOrder) {
   }
 }
 
-TEST_F(TraceConfiguration, DirectoryAndHeaderSwitch) {
-  root.MakeDirectory("/my dir ");
-  root.WriteFile(TraceRoot::kGlobal,
-                 "[GlobalDebugSettings]\nDynamicUpdate=0\n[ravd]\nRingBufferDirectory= /my dir \nNoHeaderToStderr=0\n"
-                 "MemoryTracesFlag=0\n[EndOfFile]\n");
-  root.Run([] {
-    ::setenv("AgentShut", "yes %s", 1);
-    ::setenv("QN_LOG_RINGBUF_DIR", "", 1);  // as good as none
-    EXPECT_TRUE(Debug.Init("ravd"));
-  });
-  const std::string log = root.ReadFile("/my dir /log.ravd");
-  EXPECT_EQ(TextOf(log, "RingBufferDirectory  "), "RingBufferDirectory        : /my dir ");
-  EXPECT_EQ(TextOf(log, "AgentShut"), "AgentShut=yes %s");
-  EXPECT_EQ(TextOf(log, "QN_LOG_RINGBUF_WEIGHT_RAVD"), "QN_LOG_RINGBUF_WEIGHT_RAVD=NotSet");
-  EXPECT_EQ(TextOf(log, "RingBufferSizeFactor"), "RingBufferSizeFactor       : -1");
-  EXPECT_EQ(TextOf(log, "End of header"), "# End of header.");
-  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 80);
-}
-
 TEST_F(TraceConfiguration, ChangedFilesAreFollowedWhileItRuns) {
   root.ConfigureRing("5");
   root.WriteFile(TraceRoot::kGlobal, "[GlobalDebugSettings]\nDynamicUpdate=1\n[EndOfFile]\n");

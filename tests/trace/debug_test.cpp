@@ -147,31 +147,24 @@ TEST_F(TraceDebug, ForkedChildIsOffAndLeavesTheFilesAlone) {
     EXPECT_EQ(root.ReadFile(path).find("of the child"), std::string::npos) << path;
 }
 
-TEST_F(TraceDebug, EmptyNameAndMissingDirectoryAreSurvived) {
+TEST_F(TraceDebug, EmptyAndLongNamesAndAMissingDirectoryAreSurvived) {
   root.Run([] {
+    char name[16] = "QN_X";
+    for (const char* app : {static_cast<const char*>(nullptr), "", "overlong-name"})
+      CDebug::BuildAppVarName(name, sizeof name, app);
+    EXPECT_STREQ(name, "QN_X_OVERLONG-N");
     EXPECT_TRUE(Debug.Init(""));
     Debug.PrintAlways("nameless");
+    EXPECT_NE(ReadWholeFile("/var/log/pelrix/log.").find("nameless"), std::string::npos);
     ::setenv("QN_LOG_RINGBUF_DIR", "/nowhere", 1);
     EXPECT_TRUE(Debug.Init("ravd"));
     Debug.PrintAlways("lost without a word");
-    ::setenv("QN_LOG_DEBUG_LEVEL", "3", 1);
-    ::setenv("TraceFileLimit", "1", 1);
-    ::setenv("QN_LOG_RINGBUF_WEIGHT_RAVD", "1", 1);
+    for (const char* variable : {"QN_LOG_DEBUG_LEVEL", "TraceFileLimit", "QN_LOG_RINGBUF_WEIGHT_RAVD"})
+      ::setenv(variable, "1", 1);
     EXPECT_FALSE(Debug.Init("ravd"));
     EXPECT_FALSE(Debug.m_TraceActive);
     EXPECT_EQ(Debug.m_TraceLevel, 0U);
   });
-  EXPECT_NE(root.ReadFile("/var/log/pelrix/log.").find("nameless"), std::string::npos);
-}
-
-TEST_F(TraceDebug, VariableNamesAreBuiltWithinTheirBuffer) {
-  char name[16] = "QN_X";
-  CDebug::BuildAppVarName(name, sizeof name, "");
-  CDebug::BuildAppVarName(name, sizeof name, nullptr);
-  EXPECT_STREQ(name, "QN_X");
-  CDebug::BuildAppVarName(name, sizeof name, "overlong-name");
-  EXPECT_STREQ(name, "QN_X_OVERLONG-N");
-  EXPECT_EQ(CDebug::StringToLower(nullptr), nullptr);
 }
 
 TEST_F(TraceDebug, StaticObjectsMayTraceAfterTheEndOfMain) {

@@ -115,28 +115,39 @@ TEST_F(TraceRing, LongEntriesAreKeptUpToATenthOfTheBufferWhileThereIsOne) {
 }
 
 TEST_F(TraceRing, StartUpBufferIsCompressedAndReplaced) {
-  root.MakeDirectory("/my dir");
-  root.ConfigureRing("2", "NoHeaderToStderr=1\nRingBufferDirectory=/my dir\n");
-  root.Run(
-      [] {
-        ::setenv("TraceFileLimit", "3", 1);
-        ASSERT_TRUE(Debug.Init("ravd"));
-        Debug.Print(2, "while starting");
-        Debug.SetApplInitDone();
-        Debug.Print(2, "while running");
-        EXPECT_EQ(std::system("gzip -dc '/my dir/log.ravd_i.gz' > /start-up"), 0);
-      },
-      FixtureRoot::kUsr);
-  EXPECT_FALSE(root.Exists("/my dir/log.ravd_i"));
+  root.MakeDirectory("/my dir ");
+  root.WriteFile(TraceRoot::kIni,
+                 "[ravd]\nFileDebugLevel=2\nRingBufferSizeWeight=1\nMemoryTracesFlag=0\n"
+                 "NoHeaderToStderr=0\nRingBufferDirectory= /my dir \n[EndOfFile]\n");
+  const auto body = [] {
+    ::setenv("TraceFileLimit", "3", 1);
+    ::setenv("AgentShut", "yes %s", 1);
+    ::setenv("QN_LOG_RINGBUF_DIR", "", 1);  // as good as none
+    ASSERT_TRUE(Debug.Init("ravd"));
+    Debug.Print(2, "while starting");
+    Debug.SetApplInitDone();
+    Debug.Print(2, "while running");
+    EXPECT_EQ(std::system("gzip -dc '/my dir /log.ravd_i.gz' > /start-up"), 0);
+  };
+  root.Run(body, FixtureRoot::kUsr);
+  EXPECT_FALSE(root.Exists("/my dir /log.ravd_i"));
   const std::string startUp = root.ReadFile("/start-up");
   EXPECT_EQ(startUp.size(), 8 * kMiB);
   EXPECT_EQ(startUp.compare(EndOfEntries(startUp) - 31, 31, "### End of initialization. ###\n"), 0);
-  const std::string ring = root.ReadFile("/my dir/log.ravd_a");
+  const std::string ring = root.ReadFile("/my dir /log.ravd_a");
   EXPECT_EQ(ring.size(), 2 * kMiB);
   EXPECT_EQ(TextOf(ring, "Application Init Done"), "Application Init Done      : 0");
   EXPECT_EQ(TextOf(ring, "Ring Buffer Factor"), "Ring Buffer Factor         : 2");
+  EXPECT_EQ(TextOf(ring, "AgentShut"), "AgentShut=yes %s");
   EXPECT_EQ(ring.compare(EndOfEntries(ring) - 14, 14, "while running\n"), 0);
   EXPECT_EQ(ring.find("while starting"), std::string::npos);
+  // The header stands in the log file as well.
+  const std::string log = root.ReadFile("/my dir /log.ravd");
+  EXPECT_EQ(TextOf(log, "RingBufferDirectory  "), "RingBufferDirectory        : /my dir ");
+  EXPECT_EQ(TextOf(log, "QN_LOG_RINGBUF_WEIGHT_RAVD"), "QN_LOG_RINGBUF_WEIGHT_RAVD=NotSet");
+  EXPECT_EQ(TextOf(log, "RingBufferSizeFactor"), "RingBufferSizeFactor       : -1");
+  EXPECT_EQ(TextOf(log, "End of header"), "# End of header.");
+  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 80);
 }
 
 // While gzip runs, others trace into the run-time buffer; that it fails is reported.
