@@ -91,16 +91,13 @@ namespace {
 
 // Shared between the contenders for the lock.
 struct Arena {
-  std::atomic<int> holders;
-  std::atomic<int> overlaps;
-  std::atomic<int> changes;  // of a holder's lock file
-  std::atomic<int> held;
+  std::atomic<int> holders, overlaps, changes, held;  // changes: of a holder's lock file
 };
 
 // What can be seen of the lock file: its owner's name, and which file of which age it is.
 std::string LookAtLock() {
   struct stat info {};
-  if (::stat(kFile, &info) != 0) return "none";
+  ::stat(kFile, &info);
   return ReadWholeFile(kFile) + " " + std::to_string(info.st_ino) + " " + std::to_string(info.st_mtim.tv_nsec);
 }
 

@@ -5,11 +5,9 @@
 
 #include <cstring>
 
-#include "daemon/build_info.h"
 #include "daemon/command_line.h"
 #include "daemon/run_level.h"
 #include "daemon/smbus_probe.h"
-#include "daemon/switch_api.h"
 #include "support/fake_ioctl.h"
 #include "support/trace_capture.h"
 
@@ -29,9 +27,7 @@ auto Call(Function* function, std::vector<const char*> arguments) {
 struct RunLevelRow {
   const char* release;
   const char* file;
-  int recordType;
-  int recordPid;
-  int expected;
+  int recordType, recordPid, expected;
   const char* traced;
 };
 const RunLevelRow kRunLevels[] = {
@@ -41,7 +37,6 @@ const RunLevelRow kRunLevels[] = {
     {"OL7", "3", 0, 0, -1, "RAVD-MAIN: OS shutdown reguired: RunLevel = 3 from /etc/pelrix/RunLevel"},
     {"RHEL7", "-1", 0, 0, -1, "RAVD-MAIN: OS shutdown reguired: RunLevel = -1 from /etc/pelrix/RunLevel"},
     {"RHEL7", "reboot", 0, 0, -1, ""},
-    {"RHEL7", "", 0, 0, -1, ""},
     {"rhel7", "0", RUN_LVL, 256 * 'N' + '6', 6, "RAVD-MAIN: try to indentify runlevel on older OS"},
     {"", "0", BOOT_TIME, '6', -1, "RAVD-MAIN: cannot identify OS (from QN_NICKNAME) on which we are running"},
 };

@@ -10,14 +10,6 @@
 
 #include "platform/unique_fd.h"
 
-namespace {
-
-int LowestFreeDescriptor() {
-  return UniqueFd{::open("/dev/null", O_RDONLY | O_CLOEXEC)}.Get();
-}
-
-}  // namespace
-
 // The name of a path is the daemon's own test.
 TEST(NotifyReady, ReachesAnAbstractNameUpToTheLongest) {
   for (const size_t length : {20UL, sizeof(sockaddr_un::sun_path) - 1}) {
@@ -39,10 +31,11 @@ TEST(NotifyReady, ReachesAnAbstractNameUpToTheLongest) {
 
 TEST(NotifyReady, AnythingElseIsPassedOverAndLeavesNoDescriptor) {
   ::unsetenv("NOTIFY_SOCKET");
-  const int before = LowestFreeDescriptor();
+  const auto lowestFree = [] { return UniqueFd{::open("/dev/null", O_RDONLY | O_CLOEXEC)}.Get(); };
+  const int before = lowestFree();
   for (const std::string& name : {NotifySocket(), std::string("/"), std::string("@"), std::string("vsock:2:1234"),
                                   std::string("/nobody/listens/here"), "/" + std::string(107, 'x')}) {
     NotifyReady(name);
-    EXPECT_EQ(LowestFreeDescriptor(), before) << name;
+    EXPECT_EQ(lowestFree(), before) << name;
   }
 }

@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <utime.h>
 
 #include <vector>
 
@@ -9,8 +8,7 @@ namespace {
 
 struct Row {
   const char* name;
-  unsigned int level;
-  unsigned int flags;
+  unsigned int level, flags;
   std::vector<std::pair<const char*, const char*>> files;
   const char* variable = nullptr;  // QN_LOG_DEBUG_LEVEL
 };
@@ -73,8 +71,8 @@ TEST_F(TraceConfiguration, ChangedFilesAreFollowedWhileItRuns) {
   root.ConfigureRing("5");
   root.WriteFile(TraceRoot::kGlobal, "[GlobalDebugSettings]\nDynamicUpdate=1\n[EndOfFile]\n");
   root.Run([] {
-    const utimbuf past = {1000, 1000};
-    ASSERT_EQ(::utime(TraceRoot::kIni, &past), 0);
+    std::filesystem::last_write_time(TraceRoot::kIni,
+                                     std::filesystem::file_time_type::clock::now() - std::chrono::hours(1));
     ::setenv("QN_LOG_DEBUG_LEVEL", "2", 1);
     ASSERT_TRUE(Debug.Init("ravd"));
     Debug.Print(9, "looks at the files");

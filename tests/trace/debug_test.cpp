@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <sys/wait.h>
 
-#include <atomic>
 #include <cerrno>
 #include <thread>
 
@@ -116,13 +115,12 @@ TEST_F(TraceDebug, ForkedChildIsOffAndLeavesTheFilesAlone) {
   root.MakeDirectory("/own");
   root.Run([] {
     ASSERT_TRUE(Debug.Init("ravd"));
-    std::atomic<bool> stop = false;
-    const auto write = [&stop] {
-      while (!stop)
+    const auto write = [](const std::stop_token& stop) {
+      while (!stop.stop_requested())
         Debug.PrintAlways("of the parent");
     };
-    std::thread writer(write);
-    std::thread other(write);
+    const std::jthread writer(write);
+    const std::jthread other(write);
     for (int round = 0; round < 100; ++round) {
       const pid_t child = ::fork();
       if (child == 0) {
@@ -138,9 +136,6 @@ TEST_F(TraceDebug, ForkedChildIsOffAndLeavesTheFilesAlone) {
       ::waitpid(child, &status, 0);
       ASSERT_EQ(status, 0) << "round " << round;
     }
-    stop = true;
-    writer.join();
-    other.join();
     EXPECT_TRUE(Debug.m_TraceActive);
   });
   for (const char* path : {TraceRoot::kLog, TraceRoot::kStartUpRing})

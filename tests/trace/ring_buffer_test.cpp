@@ -44,12 +44,11 @@ TEST_F(TraceRing, LayoutOfANewBuffer) {
   // Header block, its end marker, filler up to the boundary.
   EXPECT_EQ(ring.compare(kHeader, 20, "Quennet Environment:"), 0);
   EXPECT_EQ(TextOf(ring, "Trace Target"), "Trace Target               : 2");
-  EXPECT_EQ(TextOf(ring, "Ring Buffer Size"), "Ring Buffer Size           : 4194304");
   const size_t headerEnd = ring.find(std::string("# End of header.\n") + kEndMarker) + 17;
   const size_t boundary = (headerEnd + 2048) / 1024 * 1024;
   EXPECT_EQ(ring.compare(boundary + kHeader, 29, kBegin), 0);
   EXPECT_EQ(ring.compare(boundary + 29 + 2 * kHeader, 33, "### Start of initialization. ###\n"), 0);
-  const size_t end = EndOfEntries(ring);
+  const size_t end = ring.rfind(kEndMarker);
   EXPECT_EQ(ring.compare(end - 12, 12, "first entry\n"), 0);
   // Filler lines of 1 KiB up to the end.
   for (size_t line = (end / 1024 + 1) * 1024; line < ring.size(); line += 1024) {
@@ -66,7 +65,7 @@ TEST_F(TraceRing, WrapsAtTheExactByteBehindItsHeader) {
     const std::string fresh = ReadWholeFile(TraceRoot::kStartUpRing);
     const size_t begin = fresh.find(kBegin) + 29;
     // The last entry ends exactly one end marker before the end of the buffer.
-    FillUpTo(EndOfEntries(fresh), fresh.size() - kMarker);
+    FillUpTo(fresh.rfind(kEndMarker), fresh.size() - kMarker);
     const std::string full = ReadWholeFile(TraceRoot::kStartUpRing);
     EXPECT_EQ(full.substr(0, begin), fresh.substr(0, begin));
     EXPECT_EQ(full.substr(full.size() - kMarker - 2), std::string("l\n") + kEndMarker);
@@ -133,13 +132,13 @@ TEST_F(TraceRing, StartUpBufferIsCompressedAndReplaced) {
   EXPECT_FALSE(root.Exists("/my dir /log.ravd_i"));
   const std::string startUp = root.ReadFile("/start-up");
   EXPECT_EQ(startUp.size(), 8 * kMiB);
-  EXPECT_EQ(startUp.compare(EndOfEntries(startUp) - 31, 31, "### End of initialization. ###\n"), 0);
+  EXPECT_EQ(startUp.compare(startUp.rfind(kEndMarker) - 31, 31, "### End of initialization. ###\n"), 0);
   const std::string ring = root.ReadFile("/my dir /log.ravd_a");
   EXPECT_EQ(ring.size(), 2 * kMiB);
   EXPECT_EQ(TextOf(ring, "Application Init Done"), "Application Init Done      : 0");
   EXPECT_EQ(TextOf(ring, "Ring Buffer Factor"), "Ring Buffer Factor         : 2");
   EXPECT_EQ(TextOf(ring, "AgentShut"), "AgentShut=yes %s");
-  EXPECT_EQ(ring.compare(EndOfEntries(ring) - 14, 14, "while running\n"), 0);
+  EXPECT_EQ(ring.compare(ring.rfind(kEndMarker) - 14, 14, "while running\n"), 0);
   EXPECT_EQ(ring.find("while starting"), std::string::npos);
   // The header stands in the log file as well.
   const std::string log = root.ReadFile("/my dir /log.ravd");

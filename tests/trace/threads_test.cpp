@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -43,19 +42,16 @@ TEST(TraceThreads, EveryEntryIsWholeAndNoneIsLost) {
   const auto body = [] {
     ::setenv("QN_LOG_FILE_MAX_SIZE", "1000000000", 1);
     ASSERT_TRUE(Debug.Init("ravd"));
-    std::atomic<bool> stop = false;
-    std::vector<std::thread> threads;
-    for (int thread = 0; thread < kThreads; ++thread)
-      threads.emplace_back(WriteEntries, thread);
-    std::thread toggler([&stop] {
-      while (!stop)
-        Debug.ForceMaxDebug(true);
-    });
-    Debug.SetApplInitDone();
-    for (std::thread& thread : threads)
-      thread.join();
-    stop = true;
-    toggler.join();
+    {
+      const std::jthread toggler([](const std::stop_token& stop) {
+        while (!stop.stop_requested())
+          Debug.ForceMaxDebug(true);
+      });
+      std::vector<std::jthread> threads;
+      for (int thread = 0; thread < kThreads; ++thread)
+        threads.emplace_back(WriteEntries, thread);
+      Debug.SetApplInitDone();
+    }
     EXPECT_EQ(std::system("gzip -dc /var/log/pelrix/log.ravd_i.gz > /start-up"), 0);
     const auto traced = EntriesOf(ReadWholeFile("/start-up") + ReadWholeFile(TraceRoot::kRunTimeRing));
     const auto logged = EntriesOf(ReadWholeFile(TraceRoot::kLog));

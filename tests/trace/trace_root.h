@@ -34,11 +34,6 @@ class TraceTest : public ::testing::Test {
 
 inline constexpr const char* kEndMarker = "## TRACE-END ##\n";
 
-// Where the newest entry ends: the last end marker of a ring buffer that did not wrap.
-inline size_t EndOfEntries(const std::string& ring) {
-  return ring.rfind(kEndMarker);
-}
-
 // The text of the first entry that contains the word, without its header: "<time> [<thread>] ravd          <text>".
 inline std::string TextOf(const std::string& file, const std::string& word) {
   const size_t at = file.find(word);
