@@ -24,13 +24,12 @@ auto Call(Function* function, std::vector<const char*> arguments) {
   return function(static_cast<int>(arguments.size()), const_cast<char**>(arguments.data()));
 }
 
-struct RunLevelRow {
+const struct {
   const char* release;
   const char* file;
   int recordType, recordPid, expected;
   const char* traced;
-};
-const RunLevelRow kRunLevels[] = {
+} kRunLevels[] = {
     {"SLES12", "0", 0, 0, 0, "RAVD-MAIN: we are runing on OS \"SLES12\""},
     {"SLES12", "6\n", RUN_LVL, '0', 6, "RAVD-MAIN: OS shutdown reguired: RunLevel = 6 from /etc/pelrix/RunLevel"},
     {"OL7", " 6 x", 0, 0, 6, "RAVD-MAIN: we are runing on OS \"OL7\""},
@@ -118,7 +117,7 @@ TEST_F(SmbusProbe, MissingOrRefusingDriverEndsInTheInfoLine) {
 
 // The file of the service scripts, or on older systems the login records.
 TEST_F(RunLevel, IsThatOfTheFileOrOfTheLoginRecords) {
-  for (const RunLevelRow& row : kRunLevels) {
+  for (const auto& row : kRunLevels) {
     utmp record{};
     record.ut_type = static_cast<short>(row.recordType);
     record.ut_pid = row.recordPid;

@@ -6,16 +6,15 @@
 
 namespace {
 
-struct Row {
+constexpr const char* kLevel2 = "[ravd]\nFileDebugLevel=2\n[EndOfFile]";
+constexpr const char* kLevel5 = "[ravd]\nFileDebugLevel=5\n[EndOfFile]";
+
+const struct {
   const char* name;
   unsigned int level, flags;
   std::vector<std::pair<const char*, const char*>> files;
   const char* variable = nullptr;  // QN_LOG_DEBUG_LEVEL
-};
-
-constexpr const char* kLevel2 = "[ravd]\nFileDebugLevel=2\n[EndOfFile]";
-constexpr const char* kLevel5 = "[ravd]\nFileDebugLevel=5\n[EndOfFile]";
-const Row kRows[] = {
+} kRows[] = {
     {"no directory, no variables", 0, 0, {}},
     {"environment alone", 2, 0, {}, "2"},
     {"environment is decimal", 0, 0, {}, "0x10"},
@@ -40,7 +39,7 @@ const Row kRows[] = {
 using TraceConfiguration = TraceTest;
 
 TEST_F(TraceConfiguration, SourcesAndTheirOrder) {
-  for (const Row& row : kRows) {
+  for (const auto& row : kRows) {
     SCOPED_TRACE(row.name);
     const TraceRoot machine;
     for (const auto& [name, content] : row.files)

@@ -152,21 +152,20 @@ TEST_F(TraceRing, StartUpBufferIsCompressedAndReplaced) {
 // While gzip runs, others trace into the run-time buffer; that it fails is reported.
 TEST_F(TraceRing, NobodyWaitsForGzipAndItsFailureIsReported) {
   root.WriteFile("/own/gzip", "#!/usr/bin/sh\necho started > /started\nread line < /go\nexit 3\n", 0755);
-  root.Run(
-      [] {
-        ::setenv("PATH", "/own:/usr/bin", 1);
-        ASSERT_EQ(::mkfifo("/go", 0600), 0);
-        ASSERT_TRUE(Debug.Init("ravd"));
-        std::thread starter([] { Debug.SetApplInitDone(); });
-        while (::access("/started", F_OK) != 0)
-          ::usleep(1000);
-        Debug.Print(1, "meanwhile");
-        EXPECT_EQ(TextOf(ReadWholeFile(TraceRoot::kRunTimeRing), "meanwhile"), "meanwhile");
-        WriteWholeFile("/go", "now\n");
-        starter.join();
-        EXPECT_EQ(LogText("gziping"), "### gziping of startup log file failed -> it doesn't matter ###");
-      },
-      FixtureRoot::kUsr);
+  const auto body = [] {
+    ::setenv("PATH", "/own:/usr/bin", 1);
+    ASSERT_EQ(::mkfifo("/go", 0600), 0);
+    ASSERT_TRUE(Debug.Init("ravd"));
+    std::thread starter([] { Debug.SetApplInitDone(); });
+    while (::access("/started", F_OK) != 0)
+      ::usleep(1000);
+    Debug.Print(1, "meanwhile");
+    EXPECT_EQ(TextOf(ReadWholeFile(TraceRoot::kRunTimeRing), "meanwhile"), "meanwhile");
+    WriteWholeFile("/go", "now\n");
+    starter.join();
+    EXPECT_EQ(LogText("gziping"), "### gziping of startup log file failed -> it doesn't matter ###");
+  };
+  root.Run(body, FixtureRoot::kUsr);
 }
 
 TEST_F(TraceRing, SizeThatHasNoRoomFailsBeforeAnythingIsWritten) {
