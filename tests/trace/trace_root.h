@@ -10,6 +10,8 @@
 class TraceRoot : public FixtureRoot {
  public:
   static constexpr const char* kConfig = "/etc/norrow/QuennetSuite/TraceConfig/";
+  static constexpr const char* kIni = "/etc/norrow/QuennetSuite/TraceConfig/ravd.ini";
+  static constexpr const char* kGlobal = "/etc/norrow/QuennetSuite/TraceConfig/global_trace.ini";
   static constexpr const char* kLog = "/var/log/pelrix/log.ravd";
   static constexpr const char* kStartUpRing = "/var/log/pelrix/log.ravd_i";
   static constexpr const char* kRunTimeRing = "/var/log/pelrix/log.ravd_a";
@@ -18,10 +20,9 @@ class TraceRoot : public FixtureRoot {
 
   // A ring buffer of 1 MiB (4 MiB while starting) at this level, without the memory column.
   void ConfigureRing(const std::string& level, const std::string& more = "") const {
-    WriteFile(std::string(kConfig) + "ravd.ini", "[ravd]\nFileDebugLevel=" + level +
-                                                     "\nRingBufferSizeFactor=1\nRingBufferSizeWeight=1\n"
-                                                     "MemoryTracesFlag=0\n" +
-                                                     more + "[EndOfFile]\n");
+    WriteFile(kIni, "[ravd]\nFileDebugLevel=" + level +
+                        "\nRingBufferSizeFactor=1\nRingBufferSizeWeight=1\nMemoryTracesFlag=0\n" + more +
+                        "[EndOfFile]\n");
   }
 };
 
@@ -33,16 +34,16 @@ class TraceTest : public ::testing::Test {
 
 inline constexpr const char* kEndMarker = "## TRACE-END ##\n";
 
-// Where the newest entry ends: the last end marker of a ring buffer that did not wrap.
-inline size_t EndOfEntries(const std::string& ring) {
-  return ring.rfind(kEndMarker);
-}
-
-// The texts of all entries that contain the word, without their headers: "<time> [<thread>] ravd          <text>".
+// The text of the first entry that contains the word, without its header: "<time> [<thread>] ravd          <text>".
 inline std::string TextOf(const std::string& file, const std::string& word) {
   const size_t at = file.find(word);
   if (at == std::string::npos) return "";
   const size_t begin = file.rfind('\n', at) == std::string::npos ? 0 : file.rfind('\n', at) + 1;
   const size_t tag = file.find("ravd          ", begin);
   return file.substr(tag + 14, file.find('\n', at) - tag - 14);
+}
+
+// The text of the first such entry in the log file, for the body of a run.
+inline std::string LogText(const std::string& word) {
+  return TextOf(ReadWholeFile(TraceRoot::kLog), word);
 }
