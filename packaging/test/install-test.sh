@@ -456,7 +456,7 @@ timed fill_root
 timed kit_builds_modules
 # What the packages bring as dependencies is part of the machine before them.
 prepare sh -euc 'apt-get purge -y -qq ravd-dev; cd /root/source/build/package
-  apt-get install -y -qq --no-install-recommends $(apt-get install -s --no-install-recommends ./ravctl_*.deb |
+  apt-get install -y -qq --no-install-recommends pciutils $(apt-get install -s --no-install-recommends ./ravctl_*.deb |
     awk "\$1 == \"Inst\" && \$2 !~ /^rav/ { print \$2 }")' >"$work/apt.log" 2>&1 || fail "$(tail -n 5 "$work/apt.log")"
 timed boot
 snapshot "$work/before"
