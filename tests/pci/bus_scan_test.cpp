@@ -299,10 +299,14 @@ TEST_F(BusTablesOfAMachine, CachesOutliveStaticObjects) {
           if (!known || GetPciSlotNumber(0, 0x1C) != 3) ::_exit(1);
         };
         const auto exitAfterUse = [] {
-          std::atexit(kUseAll);  // runs after the destructors of what is made from here on
+          // Runs after the destructors of what is made from here on, and tells that it did.
+          std::atexit([] {
+            kUseAll();
+            ::_exit(0);
+          });
           RefreshFcControllers(std::chrono::steady_clock::now());
           kUseAll();
-          std::exit(0);
+          std::exit(2);
         };
         EXPECT_EXIT(exitAfterUse(), ::testing::ExitedWithCode(0), "");
       },

@@ -122,7 +122,7 @@ TEST_F(TraceDebug, ForkedChildIsOffAndLeavesTheFilesAlone) {
         Debug.Print(1, "of the child");
         Debug.ForceMaxDebug(true);
         Debug.PrintAlways("of the child");
-        if (round % 2 == 0) std::exit(0);
+        if (round % 2 == 0 && !kSanitized) std::exit(0);  // a leak checker does not find the child's threads
         ::setenv("QN_LOG_RINGBUF_DIR", "/own", 1);
         ::_exit(Debug.Init("own") && Debug.Directory() == std::string("/own") ? 0 : 1);
       }

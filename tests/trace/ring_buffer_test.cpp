@@ -107,6 +107,7 @@ TEST_F(TraceRing, LongEntriesAreKeptUpToATenthOfTheBufferWhileThereIsOne) {
     for (const std::string& entry : {std::string(tenth, 'k') + "\n", std::string(1024, 'e') + "\n" + kEndMarker,
                                      std::string(1024, 'c') + "\n## WARNING: TRACE-SIZE TOO BIG: Output Truncated!\n"})
       EXPECT_NE(ring.find(" " + entry), std::string::npos) << entry[0];
+    ShowOwnProcess();
     ASSERT_EQ(::truncate(TraceRoot::kStartUpRing, 0), 0);
     Debug.Print(1, "into a page that is gone");
     EXPECT_FALSE(Debug.m_TraceActive);

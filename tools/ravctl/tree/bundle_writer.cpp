@@ -67,9 +67,7 @@ BundleWriter::BundleWriter(std::string path) : m_Path(std::move(path)) {
 }
 
 BundleWriter::~BundleWriter() {
-  if (m_IsFinished || !m_File) return;
-  ::archive_write_fail(m_Archive.get());
-  ::unlink(m_Temporary.c_str());
+  if (!m_IsFinished) ::unlink(m_Temporary.c_str());
 }
 
 void BundleWriter::Require(bool isDone, const std::string& what) const {
