@@ -97,7 +97,7 @@ TEST_F(TraceRing, WrapsAtTheExactByteBehindItsHeader) {
 }
 
 TEST_F(TraceRing, LongEntriesAreKeptUpToATenthOfTheBufferWhileThereIsOne) {
-  root.Run([] {
+  const auto body = [] {
     ASSERT_TRUE(Debug.Init("ravd"));
     const size_t tenth = 4 * kMiB / 10;
     Debug.Print(1, "\n%s", std::string(tenth, 'k').c_str());
@@ -107,11 +107,11 @@ TEST_F(TraceRing, LongEntriesAreKeptUpToATenthOfTheBufferWhileThereIsOne) {
     for (const std::string& entry : {std::string(tenth, 'k') + "\n", std::string(1024, 'e') + "\n" + kEndMarker,
                                      std::string(1024, 'c') + "\n## WARNING: TRACE-SIZE TOO BIG: Output Truncated!\n"})
       EXPECT_NE(ring.find(" " + entry), std::string::npos) << entry[0];
-    ShowOwnProcess();
     ASSERT_EQ(::truncate(TraceRoot::kStartUpRing, 0), 0);
     Debug.Print(1, "into a page that is gone");
     EXPECT_FALSE(Debug.m_TraceActive);
-  });
+  };
+  root.Run(body, FixtureRoot::kProc);
 }
 
 TEST_F(TraceRing, StartUpBufferIsCompressedAndReplaced) {
