@@ -107,18 +107,18 @@ TEST_F(NetCommands, ListTellsWhatWasSet) {
 
 TEST_F(NetCommands, RatesAreThoseOfTheInterval) {
   Run([] {
-    SendDatagrams(50);  // not within the interval
+    SendDatagrams(1000);  // not within the interval
     const pid_t sender = ::fork();
-    if (sender == 0) {
-      ::usleep(500000);
-      SendDatagrams(100);
-      ::_exit(0);
+    while (sender == 0) {
+      SendDatagrams(1);
+      ::usleep(10000);
     }
     const json rows = Answer({"net", "list", "lo", "--rates=1.5"});
+    ::kill(sender, SIGKILL);
     ::waitpid(sender, nullptr, 0);
-    // A busy machine stretches the interval, never the traffic.
-    EXPECT_LE(rows[0]["rx_packets_per_s"], 67);
-    EXPECT_GT(rows[0]["rx_packets_per_s"], 20);
+    // A busy machine makes the datagrams fewer, never more.
+    EXPECT_LE(rows[0]["rx_packets_per_s"], 101);
+    EXPECT_GT(rows[0]["rx_packets_per_s"], 5);
     EXPECT_NEAR(rows[0]["tx_bytes_per_s"].get<double>() / rows[0]["tx_packets_per_s"].get<double>(), 1028, 25);
   });
   ExpectValidAnswers(root, "/answers");

@@ -373,8 +373,8 @@ TEST(TraceFollow, LivingRingOverWrapsAndRestarts) {
   machine.MakeDirectory(kDirectory);
   machine.Run(
       [] {
-        const pid_t follower = StartRavctl({"trace", "follow", "-n", "0", "-d", kDirectory}, "/out");
-        if (kSanitized) ::sleep(3);  // what is there when it begins to look is not shown
+        const pid_t follower = StartRavctl({"trace", "follow", "-n", "100000", "-d", kDirectory}, "/out");
+        if (kSanitized) ::sleep(3);  // what is overwritten when it begins to look is not shown
         for (int run = 0; run < 2; ++run) {
           const pid_t writer = ::fork();
           if (writer == 0) {
