@@ -6,8 +6,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <exception>
 #include <string_view>
+#include <thread>
 
 #include "platform/cancellation.h"
 #include "platform/descriptor_io.h"
@@ -16,6 +18,7 @@
 
 namespace {
 
+constexpr std::chrono::milliseconds kPause{1};
 constexpr int kAttempts = 100;  // for a file that others make, remove or replace meanwhile
 constexpr size_t kLongestNamePart = 200;
 
@@ -61,14 +64,14 @@ class Edit {
     // Without the lock at first, so that what changes nothing writes nothing.
     if (!Open() || !Change()) return kFinished;
     const std::string place = ResolvePath(m_Path);
-    if (place.empty()) return EditInPlace();
+    if (place.empty() && !m_File) return Finish(FileEdit::kNotOpened);
     const Way way = WayTo(place);
-    if (way != Way::kRename) return way == Way::kAgain ? kAgain : EditInPlace();
+    if (way != Way::kRename) return way == Way::kAgain ? kAgain : EditInPlace(place, way);
     CTempFile temp(TempPathOf(place));
     const CTempFile::Opening opening = temp.Open();
     if (opening == CTempFile::kNotOpened) {
       if (!m_File) return Finish(FileEdit::kNotOpened);
-      return IsRenameImpossible(errno) ? EditInPlace() : Finish(FileEdit::kFailed);
+      return IsRenameImpossible(errno) ? EditInPlace(place, way) : Finish(FileEdit::kFailed);
     }
     if (opening == CTempFile::kNotLocked) return Finish(FileEdit::kFailed);
     const Outcome outcome = EditUnder(temp, place);
@@ -109,7 +112,8 @@ class Edit {
     return m_New != m_Old;
   }
 
-  // How the open file, or the one to be made, may get its new content. Another file at the place was put there since.
+  // How the open file, or the one to be made, may get its new content. Another file at the place was put there since;
+  // one without any name that is still found there is being replaced at this moment.
   Way WayTo(const std::string& place) const {
     if (!m_File) return Way::kRename;
     struct stat opened {};
@@ -117,6 +121,7 @@ class Edit {
     if (::fstat(m_File.Get(), &opened) != 0) return Way::kAgain;
     if (::lstat(place.c_str(), &named) != 0) return errno == ENOENT ? Way::kInPlace : Way::kAgain;
     if (opened.st_dev != named.st_dev || opened.st_ino != named.st_ino) return Way::kAgain;
+    if (opened.st_nlink == 0) return Way::kAgain;
     return opened.st_nlink == 1 ? Way::kRename : Way::kInPlace;
   }
 
@@ -124,24 +129,26 @@ class Edit {
   Outcome EditUnder(const CTempFile& temp, const std::string& place) {
     if (!Open() || !Change()) return kFinished;
     const Way way = WayTo(place);
-    if (way != Way::kRename) return way == Way::kAgain ? kAgain : EditInPlace();
+    if (way != Way::kRename) return way == Way::kAgain ? kAgain : EditInPlace(place, way);
     if (!WriteAllAt(temp.Get(), m_New, 0)) return Finish(FileEdit::kFailed);
     const bool hasAttributes = m_File ? temp.TakeAttributesOf(m_File.Get()) : ::fchmod(temp.Get(), m_NewFileMode) == 0;
     if (!hasAttributes && (!m_File || !IsRenameImpossible(errno))) return Finish(FileEdit::kFailed);
-    if (!hasAttributes) return EditInPlace();
+    if (!hasAttributes) return EditInPlace(place, way);
     if (!temp.Sync()) return Finish(FileEdit::kFailed);
     if (m_File ? !temp.RenameTo(place.c_str()) : !temp.RenameToNew(place.c_str())) {
       if (!m_File && errno == EEXIST) return kAgain;
-      return m_File && IsRenameImpossible(errno) ? EditInPlace() : Finish(FileEdit::kFailed);
+      return m_File && IsRenameImpossible(errno) ? EditInPlace(place, way) : Finish(FileEdit::kFailed);
     }
     // There is no way back any more; a directory that cannot be brought to the disk now is written later.
     SyncDirectoryOf(place.c_str());
     return Finish(FileEdit::kDone);
   }
 
-  Outcome EditInPlace() {
+  // The file may have been replaced before its lock was taken.
+  Outcome EditInPlace(const std::string& place, Way way) {
     if (!m_File) return Finish(FileEdit::kNotOpened);
     if (!LockFile(m_File.Get())) return Finish(FileEdit::kFailed);
+    if (WayTo(place) != way) return kAgain;
     if (!Change()) return kFinished;
     const auto same = std::ranges::mismatch(m_Old, m_New).in1 - m_Old.begin();
     const auto offset = static_cast<size_t>(same);
@@ -166,6 +173,7 @@ FileEdit EditFile(const char* path, mode_t newFileMode, const FileChange& change
     Edit edit(path, newFileMode, change);
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
       if (edit.Try() == Edit::kFinished) return edit.Result();
+      std::this_thread::sleep_for(kPause);
     }
   } catch (const std::exception&) {
   }
