@@ -8,13 +8,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "daemon/daemon_name.h"
 #include "platform/regular_file.h"
+#include "platform/stream.h"
 #include "trace/debug.h"
 
 namespace {
@@ -27,13 +27,6 @@ constexpr std::array<std::string_view, 3> kReleasesWithRunLevelFile = {"RHEL7", 
 constexpr int kUnknown = -1;
 constexpr int kSimpleStop = 5;
 constexpr int kTries = 3;
-
-struct CloseFile {
-  void operator()(FILE* file) const { std::fclose(file); }
-};
-struct ClosePipe {
-  void operator()(FILE* pipe) const { ::pclose(pipe); }
-};
 
 std::string& Release() {
   static std::string release;
@@ -61,7 +54,7 @@ bool UsesRunLevelFile() {
 }
 
 int ReadRunLevelFile() {
-  std::unique_ptr<FILE, CloseFile> file;
+  FileStream file;
   for (int attempt = 0; attempt < kTries; ++attempt) {
     file.reset(OpenRegularStream(kRunLevelFile, O_RDONLY, 0, "r"));
     if (file != nullptr) break;
@@ -93,7 +86,7 @@ std::optional<int> ReadLoginRecords() {
 
 // "N 5" => 5
 int AskRunLevelCommand() {
-  const std::unique_ptr<FILE, ClosePipe> pipe(::popen(kRunLevelCommand, "re"));
+  const PipeStream pipe(::popen(kRunLevelCommand, "re"));
   char line[64];
   if (pipe == nullptr || std::fgets(line, sizeof line, pipe.get()) == nullptr) return kUnknown;
   const char* blank = std::strchr(line, ' ');

@@ -8,12 +8,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <string_view>
 
 #include "firmware/little_endian.h"
 #include "firmware/physical_mapping.h"
+#include "platform/stream.h"
 #include "platform/unique_fd.h"
 #include "trace/debug.h"
 
@@ -26,13 +26,11 @@ constexpr const char* kMemoryDevice = "/dev/mem";
 constexpr size_t kLineSize = 255;              // 254 characters and the end of the text
 constexpr uint64_t kLargestTable = 16U << 20;  // real ones stay below 1 MiB
 
-using File = std::unique_ptr<FILE, decltype([](FILE* file) { std::fclose(file); })>;
-
 // The system table's new place, else its old one; path tells which.
-File OpenSystemTable(const char*& path) {
+FileStream OpenSystemTable(const char*& path) {
   for (const char* candidate : {kSystemTable, kOldSystemTable}) {
     path = candidate;
-    if (File file{std::fopen(candidate, "re")}) return file;
+    if (FileStream file{std::fopen(candidate, "re")}) return file;
     const int error = errno;
     TRACE(4, "\nSMBiosTableFromMemory::GetUEFIAddress() : Couldn't open '%s' : %s", candidate, std::strerror(error));
   }
@@ -97,7 +95,7 @@ uint64_t SMBiosTableFromMemory<EntryPoint>::GetUEFIAddress() const {
   TRACE(5, "\nSMBiosTableFromMemory::GetUEFIAddress() : Start.");
   const char* key = GetVersionString();
   const char* path = nullptr;
-  const File file = OpenSystemTable(path);
+  const FileStream file = OpenSystemTable(path);
   if (!file) {
     TRACE(3, "\nSMBiosTableFromMemory::GetUEFIAddress() : Failed.");
     return 0;

@@ -6,18 +6,14 @@
 #include <cstdio>
 #include <filesystem>
 #include <limits>
-#include <memory>
 
+#include "platform/stream.h"
 #include "trace/debug.h"
 
 namespace {
 
 constexpr const char* kVmkfstools = "/usr/sbin/vmkfstools";
 constexpr size_t kMaxOutput = 65536;  // bytes of the tool's output that are looked at
-
-struct ClosePipe {
-  void operator()(FILE* pipe) const { ::pclose(pipe); }
-};
 
 // The name comes from a directory and goes to a shell of root.
 bool IsPlainShellWord(std::string_view text) {
@@ -73,7 +69,7 @@ bool list_vmfs_names(const char* directory, std::vector<std::string>& names) {
 void get_vmfs_data(mount_entry* entry, const char* volume) {
   const std::string command = std::string(kVmkfstools) + " -l " + volume;
   TRACE(2, "\nget_vmfs_data: cmd '%s'", command.c_str());
-  std::unique_ptr<FILE, ClosePipe> pipe(IsPlainShellWord(volume) ? ::popen(command.c_str(), "re") : nullptr);
+  PipeStream pipe(IsPlainShellWord(volume) ? ::popen(command.c_str(), "re") : nullptr);
   if (!pipe) {
     TRACE(3, "\nget_vmfs_data: popen '%s' failed", command.c_str());
     return;

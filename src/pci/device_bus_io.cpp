@@ -8,10 +8,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <memory>
 #include <string_view>
 #include <vector>
 
+#include "platform/directory_stream.h"
 #include "platform/text_cursor.h"
 #include "platform/unique_fd.h"
 #include "trace/debug.h"
@@ -20,14 +20,10 @@ namespace {
 
 constexpr const char* kProcBusPci = "/proc/bus/pci";
 
-struct CloseDirectory {
-  void operator()(DIR* directory) const { ::closedir(directory); }
-};
-
 // Adds the names of the entries in alphabetical order. False, with a trace, when the directory cannot be listed.
 bool ListDirectory(const std::string& path, std::vector<std::string>& names) {
   errno = 0;
-  if (const std::unique_ptr<DIR, CloseDirectory> directory{::opendir(path.c_str())}) {
+  if (const DirectoryStream directory{::opendir(path.c_str())}) {
     while (const dirent* entry = ::readdir(directory.get()))
       names.emplace_back(entry->d_name);
   }

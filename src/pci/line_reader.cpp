@@ -1,11 +1,5 @@
 #include "pci/line_reader.h"
 
-#include <cstdlib>
-
-void LineReader::FreeLine::operator()(char* line) const {
-  std::free(line);
-}
-
 LineReader LineReader::OpenFile(const char* path) {
   return {std::fopen(path, "re"), [](FILE* stream) { return std::fclose(stream); }};
 }

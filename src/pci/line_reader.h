@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/owned_text.h"
+
 // Reads a text file or the output of a shell command line by line. What the command has to complain about reaches
 // nobody, least of all the standard error stream of the process.
 //
@@ -23,13 +25,10 @@ class LineReader {
 
  private:
   using Close = int (*)(FILE*);
-  struct FreeLine {
-    void operator()(char* line) const;
-  };
 
   LineReader(FILE* stream, Close close) : m_Stream(stream, close) {}
 
   std::unique_ptr<FILE, Close> m_Stream;
-  std::unique_ptr<char, FreeLine> m_Line;
+  MallocText m_Line;
   size_t m_Room = 0;
 };

@@ -16,6 +16,14 @@
 #include <string_view>
 #include <utility>
 
+bool WaitForEnd(pid_t child, int& status) {
+  pid_t ended = -1;
+  do {
+    ended = ::waitpid(child, &status, 0);
+  } while (ended < 0 && errno == EINTR);
+  return ended == child;
+}
+
 namespace {
 
 constexpr const char* kOwnDescriptors = "/proc/self/fd";
@@ -138,11 +146,7 @@ bool CChildStart::StartOrphan() {
   }
   if (between < 0) return false;  // waited for, that would be any child
   int status = 0;
-  pid_t ended = -1;
-  do {
-    ended = ::waitpid(between, &status, 0);
-  } while (ended < 0 && errno == EINTR);
-  return ended == between && status == 0;
+  return WaitForEnd(between, status) && status == 0;
 }
 
 void CChildStart::RunChild() {

@@ -10,6 +10,10 @@ void CloseDescriptors(unsigned int first, unsigned int end);
 // The end of the descriptors that a process may have. Not safe there.
 unsigned int DescriptorLimit();
 
+// Waits for the end of a child of this process, whatever interrupts. False when the status is lost: it is no child of
+// this process (any more), or somebody ignores the end of children.
+bool WaitForEnd(pid_t child, int& status);
+
 // Everything that a child needs to become another program, prepared before the fork: between fork and exec the child
 // of a process with threads may only call functions that are safe in a signal handler, since any lock may be held by a
 // thread that does not exist in the child. No allocation, no look-up and no call that may lock stands there.

@@ -1,19 +1,14 @@
 #include "platform/directory.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string_view>
 
 #include "platform/directory_stream.h"
+#include "platform/owned_text.h"
 #include "trace/debug.h"
 
 namespace {
-
-struct FreeText {
-  void operator()(char* text) const { std::free(text); }
-};
 
 bool IsSelfOrParent(std::string_view name) {
   return name == "." || name == "..";
@@ -31,7 +26,7 @@ bool CDirectory::GetDirectoryContent(std::vector<std::string>& entries, const st
   }
   std::string prefix;
   if (fullPath) {
-    const std::unique_ptr<char, FreeText> canonical(::realpath(directory.c_str(), nullptr));
+    const MallocText canonical(::realpath(directory.c_str(), nullptr));
     error = errno;
     if (canonical == nullptr) {
       TRACE(1, "\nCDirectory::GetDirectoryContent : Cannot get absolute directory of path: \"%s\". Error message: %s",

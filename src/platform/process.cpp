@@ -15,6 +15,7 @@
 #include "platform/child_start.h"
 #include "platform/descriptor_io.h"
 #include "platform/directory_stream.h"
+#include "platform/text_cursor.h"
 #include "platform/unique_fd.h"
 
 namespace {
@@ -22,19 +23,10 @@ namespace {
 constexpr const char* kProc = "/proc/";
 constexpr size_t kPathSize = 4096;
 constexpr unsigned int kUnitsOfAllBits = 7;  // of 1024 each, in 64 bits
-constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
 
 template <typename Pid>
 std::string FileOfProcess(Pid pid, const char* name) {
   return kProc + std::to_string(pid) + "/" + name;
-}
-
-// Takes the next word off the front of the text; empty at the end.
-std::string_view NextWord(std::string_view& text) {
-  text.remove_prefix(std::min(text.find_first_not_of(kWhiteSpace), text.size()));
-  const std::string_view word = text.substr(0, text.find_first_of(kWhiteSpace));
-  text.remove_prefix(word.size());
-  return word;
 }
 
 uint64_t Multiplier(std::string_view unitName) {
@@ -46,11 +38,10 @@ uint64_t Multiplier(std::string_view unitName) {
 
 // "VmRSS:     10244 kB" with the key "VmRSS:" => 10244 * 1024
 bool ParseStatusLine(std::string_view line, std::string_view key, uint64_t& value) {
-  if (NextWord(line) != key) return false;
-  const std::string_view digits = NextWord(line);
+  TextCursor cursor(line);
   uint64_t number = 0;
-  if (std::from_chars(digits.data(), digits.data() + digits.size(), number).ec != std::errc()) return false;
-  value = number * Multiplier(NextWord(line));
+  if (cursor.Word() != key || !cursor.Field(number, 10)) return false;
+  value = number * Multiplier(cursor.Word());
   return true;
 }
 
@@ -71,9 +62,9 @@ uint32_t ParsePid(std::string_view name) {
 
 std::vector<std::string> SplitIntoWords(std::string_view text) {
   std::vector<std::string> words;
-  for (std::string_view word = NextWord(text); !word.empty(); word = NextWord(text)) {
+  TextCursor cursor(text);
+  for (std::string_view word = cursor.Word(); !word.empty(); word = cursor.Word())
     words.emplace_back(word);
-  }
   return words;
 }
 
@@ -83,11 +74,7 @@ bool IsSingleProcess(uint32_t pid) {
 
 bool WaitForChild(pid_t child, uint32_t& exitCode) {
   int status = 0;
-  pid_t ended = -1;
-  do {
-    ended = ::waitpid(child, &status, 0);
-  } while (ended < 0 && errno == EINTR);
-  if (ended != child || !WIFEXITED(status)) return false;
+  if (!WaitForEnd(child, status) || !WIFEXITED(status)) return false;
   exitCode = static_cast<uint32_t>(WEXITSTATUS(status));
   return exitCode == 0;
 }

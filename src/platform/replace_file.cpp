@@ -9,12 +9,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
-#include <memory>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "platform/owned_text.h"
 #include "platform/regular_file.h"
 
 namespace {
@@ -92,10 +91,6 @@ std::string DirectoryOf(const std::string& path) {
   const size_t slash = path.rfind('/');
   return slash == std::string::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
 }
-
-struct FreeText {
-  void operator()(char* text) const { std::free(text); }
-};
 
 }  // namespace
 
@@ -214,7 +209,7 @@ bool LockFile(int fd) {
 std::string ResolvePath(const char* path) {
   std::string link = path;
   for (int length = 0; length < kLongestChain; ++length) {
-    const std::unique_ptr<char, FreeText> directory(::realpath(DirectoryOf(link).c_str(), nullptr));
+    const MallocText directory(::realpath(DirectoryOf(link).c_str(), nullptr));
     if (directory == nullptr) return "";
     const std::string place = std::string(directory.get()) + "/" + link.substr(link.rfind('/') + 1);
     char target[PATH_MAX];

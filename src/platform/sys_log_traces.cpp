@@ -5,20 +5,16 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <mutex>
+
+#include "platform/owned_text.h"
 
 namespace {
 
 std::mutex g_ConnectionMutex;
 std::unique_ptr<SysLogTraces> g_ConnectionOwner;  // guarded by the mutex
 std::atomic<SysLogTraces*> g_Connection;          // what the owner owns, readable without the mutex
-
-const char* SkipLeadingNewlines(const char* format) {
-  const char* text = format + std::strspn(format, "\n");
-  return *text == '\0' ? format : text;
-}
 
 }  // namespace
 

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <new>
 
+#include "platform/owned_text.h"
+
 namespace {
 
 constexpr size_t kTagColumns = 13;
@@ -53,13 +55,6 @@ char* AppendTag(char* out, const char* end, const char* tag) {
   const size_t blanks = std::min(1 + (length < kTagColumns ? kTagColumns - length : 0), static_cast<size_t>(end - out));
   std::memset(out, ' ', blanks);
   return out + blanks;
-}
-
-const char* SkipLeadingNewlines(const char* fmt) {
-  const char* text = fmt;
-  while (*text == '\n')
-    ++text;
-  return *text != '\0' ? text : fmt;
 }
 
 // Of a result of vsnprintf.

@@ -2,12 +2,12 @@
 
 #include <fcntl.h>
 #include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
 #include <initializer_list>
+
+#include "platform/child_start.h"
 
 namespace {
 
@@ -49,11 +49,7 @@ class QuietSpawn {
 // Where somebody ignores the end of children, or has taken this one's, the status is lost: the file tells then.
 bool HasSucceeded(pid_t child, const char* path) {
   int status = 0;
-  pid_t ended;
-  do {
-    ended = ::waitpid(child, &status, 0);
-  } while (ended < 0 && errno == EINTR);
-  return ended == child ? status == 0 : ::access(path, F_OK) != 0;
+  return WaitForEnd(child, status) ? status == 0 : ::access(path, F_OK) != 0;
 }
 
 }  // namespace
