@@ -160,12 +160,13 @@ void TakeFigures(mount_entry& entry, const mount_entry& known) {
 void TakeKnownFigures(std::vector<Row>& added) {
   for (Row& row : added) {
     if (row.info.answer == kAnswered || row.info.answer == kRefused) continue;
-    const auto same = std::ranges::equal_range(Table().rows, row, StandsBefore);
-    const auto known = std::ranges::find_if(same, [&row](const Row& each) {
+    const std::vector<Row>& rows = Table().rows;
+    const auto [first, end] = std::equal_range(rows.begin(), rows.end(), row, StandsBefore);
+    const auto known = std::find_if(first, end, [&row](const Row& each) {
       return std::strcmp(each.entry->device, row.entry->device) == 0 &&
              std::strcmp(each.entry->type, row.entry->type) == 0;
     });
-    if (known != same.end()) TakeFigures(*row.entry, *known->entry);
+    if (known != end) TakeFigures(*row.entry, *known->entry);
   }
 }
 
@@ -259,7 +260,7 @@ int ReadVmfsList(const char* directory) {
   for (const std::string& name : names) {
     EntryOwner owner = MakeEntry("", std::string(directory) + "/" + name, "vmfs", kVmfsList);
     if (!owner) continue;
-    mount_entry& entry = *added.emplace_back(std::move(owner)).entry;
+    mount_entry& entry = *added.emplace_back(Row{std::move(owner)}).entry;
     get_vmfs_data(&entry, name.c_str());
     TRACE(2, "\nadd_vmfs_entry['%s' %s %d 0x%x]", entry.mount_point, entry.type, static_cast<int>(entry.mounted),
           entry.source);

@@ -17,6 +17,7 @@
 
 #include "platform/cancellation.h"
 #include "platform/descriptor_io.h"
+#include "platform/never_destroyed.h"
 #include "platform/regular_file.h"
 #include "platform/replace_file.h"
 #include "platform/unique_fd.h"
@@ -27,16 +28,8 @@ namespace {
 
 constexpr mode_t kRegistryMode = 0644;
 
-// Constructed at compile time and left alone at the end of the process.
-template <typename Object>
-union Immortal {
-  constexpr Immortal() : object() {}
-  ~Immortal() {}
-  Object object;
-};
-
-constinit Immortal<CRegistryNode> rootNode;
-constinit Immortal<CCriticalSection> classLock;
+constinit NeverDestroyed<CRegistryNode> rootNode;
+constinit NeverDestroyed<CCriticalSection> lockOfClass;
 
 struct RootKeyRow {
   const char* name;
@@ -228,7 +221,7 @@ CRegistryNode* CRegistry::HKEY_USERS = nullptr;
 CRegistryNode* CRegistry::HKEY_CLASSES_ROOT = nullptr;
 CRegistryNode* CRegistry::HKEY_CURRENT_CONFIG = nullptr;
 constinit CRegistryNode& CRegistry::MRootNode = rootNode.object;
-constinit CCriticalSection& CRegistry::MClassLock = classLock.object;
+constinit CCriticalSection& CRegistry::MClassLock = lockOfClass.object;
 std::atomic<CRegistry::TreeState> CRegistry::MTreeState = TreeState::kClean;
 std::atomic<bool> CRegistry::MIsSetup = false;
 
