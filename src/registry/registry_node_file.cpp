@@ -109,9 +109,9 @@ class Dump {
 };
 
 // The lines of a stream, read in blocks.
-class LineReader {
+class BoundedLines {
  public:
-  explicit LineReader(FILE* file) : m_File(file), m_Buffer(std::make_unique_for_overwrite<char[]>(kReadSize + 1)) {}
+  explicit BoundedLines(FILE* file) : m_File(file), m_Buffer(std::make_unique_for_overwrite<char[]>(kReadSize + 1)) {}
 
   // The next line without its newline, or the next piece of an over-long one. A line ends at a zero byte, too; a zero
   // byte follows it. Valid until the next call. False at the end or on a read error.
@@ -171,7 +171,7 @@ class Restore {
   explicit Restore(CRegistryNode& top) : m_Top(top) {}
 
   bool Run(FILE* file) {
-    LineReader lines(file);
+    BoundedLines lines(file);
     std::string_view line;
     while (lines.Next(line)) {
       if (!line.empty()) {
