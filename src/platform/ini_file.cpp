@@ -83,7 +83,7 @@ void CollectSections(IniReader& reader, Result& result) {
 }
 
 bool EnterSection(IniReader& reader, std::string_view section) {
-  const std::string header = "[" + std::string(section) + "]";
+  const std::string header = std::string("[").append(section).append("]");
   for (std::string_view line; reader.NextWith(line, header);) {
     const IniLine parsed = ParseIniLine(line);
     if (parsed.kind == IniLine::kHeader && IsIniHeaderOf(parsed.header, section)) return true;
