@@ -2,9 +2,14 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 
+#include "ravctl/base/child.h"
 #include "ravctl/base/text.h"
 #include "ravctl/ravctl_runner.h"
 #include "ravctl/trace/last_crash.h"
@@ -67,6 +72,45 @@ TEST(DaemonStatus, TellsThatItDoesNotRun) {
   // What is left of a daemon names a process that is none.
   machine.WriteFile("/var/run/ravd.pid", "1\n");
   EXPECT_EQ(machine.Json({"daemon", "status"}, 6, {}, FixtureRoot::kProc)["data"]["pid"], nullptr);
+}
+
+// What the work starts is in a session of its own; a pipe that all inherit ends when none of them is left.
+TEST(KeptChild, LeavesNothingThatItStarted) {
+  enum class End { kByItself, kTimeout, kCommandKilled };
+  for (const End end : {End::kByItself, End::kTimeout, End::kCommandKilled}) {
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(::pipe(ends), 0);
+    const auto tell = [&ends](char byte) { EXPECT_EQ(::write(ends[1], &byte, 1), 1); };
+    const auto work = [&](int) {
+      const pid_t stray = ::fork();
+      if (stray == 0 && ::setsid() > 0) ::pause();
+      while (::getsid(stray) != stray)
+        ::usleep(1000);
+      tell('s');
+      if (end != End::kByItself) ::pause();
+      return 7;
+    };
+    const pid_t command = ::fork();
+    if (command == 0) {
+      const ravctl::ChildResult result =
+          ravctl::KeptChild(work, [&tell] { tell('i'); }).Wait(end == End::kTimeout ? 1 : 3600);
+      ::_exit(result.isTimeout ? result.signal : result.status);
+    }
+    ::close(ends[1]);
+    char byte = 0;
+    EXPECT_TRUE(::read(ends[0], &byte, 1) == 1 && byte == 's');
+    if (end == End::kCommandKilled) ::kill(command, SIGKILL);
+    int status = 0;
+    ::waitpid(command, &status, 0);
+    EXPECT_EQ(WEXITSTATUS(status), end == End::kByItself ? 7 : end == End::kTimeout ? SIGKILL : 0);
+    std::string told;
+    pollfd all{ends[0], POLLIN, 0};
+    while (::poll(&all, 1, 20000) == 1 && ::read(ends[0], &byte, 1) == 1)
+      told += byte;
+    EXPECT_NE(all.revents, 0);
+    EXPECT_EQ(told, end == End::kCommandKilled ? "i" : "");
+    ::close(ends[0]);
+  }
 }
 
 TEST(Doctor, OneLineAFinding) {

@@ -2,11 +2,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 
@@ -75,6 +77,41 @@ TEST(ModuleRun, StepsAndTrace) {
   EXPECT_THAT(killed.out, HasSubstr("ok   modules started\nFAIL killed: not done after 1 s\n"));
   EXPECT_THAT(killed.out, HasSubstr("heartbeat.so started"));
   EXPECT_EQ(machine.Json({"module", "run", "/ravctl"}, 1)["data"]["good"], false);
+}
+
+// A pipe that the tool and all that it starts inherit ends when none of them is left.
+TEST(ModuleRun, KilledLeavesNeitherProcessNorDirectory) {
+  const SwitchRoot machine;
+  machine.Run(
+      [] {
+        const auto isTracing = [] {
+          return std::ranges::any_of(fs::directory_iterator("/tmp"), [](const fs::path& directory) {
+            return fs::exists(directory / "log.ravctl-module");
+          });
+        };
+        for (const int signal : {SIGKILL, SIGINT, SIGHUP}) {
+          int ends[2] = {-1, -1};
+          ASSERT_EQ(::pipe(ends), 0);
+          const pid_t tool =
+              StartRavctl({"module", "run", "/switch/libswitch.so", "-s", "60", "--timeout", "90"}, "/run");
+          ::close(ends[1]);
+          for (int tries = 0; tries < 3000 && !isTracing(); ++tries)
+            ::usleep(10000);
+          EXPECT_TRUE(isTracing());
+          ::kill(tool, signal);
+          ::waitpid(tool, nullptr, 0);
+          pollfd all{ends[0], POLLIN, 0};
+          EXPECT_EQ(::poll(&all, 1, 20000), 1) << "signal " << signal;
+          EXPECT_TRUE(fs::is_empty("/tmp")) << "signal " << signal;
+          ::close(ends[0]);
+        }
+      },
+      FixtureRoot::kUsr | FixtureRoot::kProc);
+  const ToolResult nowhere = machine.Ravctl({"module", "run", "/switch/libswitch.so"}, {"TMPDIR=/no"});
+  EXPECT_EQ(nowhere.status, 4);
+  EXPECT_EQ(nowhere.err,
+            "ravctl: module run: cannot make a temporary directory: TMPDIR=/no: No such file or directory "
+            "(let TMPDIR name a directory that can be written to)\n");
 }
 
 TEST(RunningDaemon, StatusToggleAndTrace) {

@@ -2,29 +2,58 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 
 #include "platform/descriptor_io.h"
-#include "platform/unique_fd.h"
 #include "ravctl/base/error.h"
+#include "ravctl/base/files.h"
+#include "ravctl/base/text.h"
 
 namespace ravctl {
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using Work = std::function<int(int)>;
 
+constexpr const char* kOwnChildren = "/proc/thread-self/children";
 constexpr int kPollMs = 10;
+constexpr int kRoundsOfKilling = 200;  // where /proc does not tell whom to kill
 
-[[noreturn]] void RunWork(int reportFd, const std::function<int(int)>& work) {
+struct Pipe {
+  UniqueFd reader;
+  UniqueFd writer;
+
+  Pipe() {
+    int ends[2] = {-1, -1};
+    if (::pipe2(ends, O_CLOEXEC) != 0) throw SystemFailure("cannot start a child", "pipe", errno);
+    reader.Reset(ends[0]);
+    writer.Reset(ends[1]);
+  }
+};
+
+struct Pipes {
+  Pipe report;  // work => command
+  Pipe ending;  // keeper => command: the status of waitpid
+  Pipe life;    // command => keeper: a byte to go on to its next step, or the end of the command
+};
+
+// ---- the child
+
+[[noreturn]] void RunWork(pid_t keeper, int reportFd, const Work& work) {
   ::setpgid(0, 0);
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (::getppid() != keeper) ::_exit(70);
   ::dup2(STDERR_FILENO, STDOUT_FILENO);
   int status = 70;
   try {
@@ -36,56 +65,140 @@ constexpr int kPollMs = 10;
   ::_exit(status);
 }
 
-enum class Report { kNothingNow, kSome, kEnd };
+// ---- the keeper
 
-// Takes what is there within the time.
-Report ReadReport(int fd, int waitMs, std::string& report) {
-  pollfd file{fd, POLLIN, 0};
-  if (::poll(&file, 1, waitMs) <= 0) return Report::kNothingNow;
+// Whatever lost its parent below the keeper has become a child of the keeper.
+void KillDescendants() {
+  for (int round = 0; round < kRoundsOfKilling; ++round) {
+    std::string children;
+    ReadFileInto(kOwnChildren, children);
+    for (const std::string& word : SplitList(children, ' ')) {
+      pid_t child = 0;
+      std::from_chars(word.data(), word.data() + word.size(), child);
+      if (child > 0) ::kill(child, SIGKILL);
+    }
+    pid_t ended = 0;
+    while ((ended = ::waitpid(-1, nullptr, WNOHANG)) > 0) {
+    }
+    if (ended < 0) return;
+    ::poll(nullptr, 0, kPollMs);
+  }
+}
+
+// Whether the command is there and wants the keeper to go on.
+bool IsToldToGoOn(int life) {
+  char byte = 0;
+  return ReadSome(life, &byte, 1) == 1;
+}
+
+// Until the child has ended by itself, or is to be killed. False when the command is gone.
+bool Watch(pid_t child, int life) {
+  siginfo_t info{};
+  pollfd file{life, POLLIN, 0};
+  while (::waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0) {
+    if (::poll(&file, 1, kPollMs) > 0) return IsToldToGoOn(life);
+  }
+  return true;
+}
+
+[[noreturn]] void Keep(Pipes& pipes, const Work& work, const std::function<void()>& whenGone) {
+  sigset_t all, before;
+  ::sigfillset(&all);
+  ::sigprocmask(SIG_SETMASK, &all, &before);
+  std::signal(SIGCHLD, SIG_DFL);
+  ::setpgid(0, 0);
+  ::prctl(PR_SET_CHILD_SUBREAPER, 1);
+  const pid_t keeper = ::getpid();
+  pipes.report.reader.Reset();
+  pipes.ending.reader.Reset();
+  pipes.life.writer.Reset();
+  const pid_t child = ::fork();
+  if (child < 0) ::_exit(errno);
+  if (child == 0) {
+    pipes.ending.writer.Reset();
+    pipes.life.reader.Reset();
+    ::sigprocmask(SIG_SETMASK, &before, nullptr);
+    RunWork(keeper, pipes.report.writer.Get(), work);
+  }
+  pipes.report.writer.Reset();
+  const int life = pipes.life.reader.Get();
+  bool isWanted = Watch(child, life);
+  ::kill(-child, SIGKILL);
+  ::kill(child, SIGKILL);
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  KillDescendants();
+  const bool isTold = ::write(pipes.ending.writer.Get(), &status, sizeof status) == sizeof status;
+  isWanted = isWanted && isTold && IsToldToGoOn(life);
+  if (!isWanted && whenGone) whenGone();
+  ::_exit(0);
+}
+
+// ---- the command
+
+// Takes what is there; false at the end.
+bool TakeReport(int fd, std::string& report) {
   std::array<char, 4096> bytes{};
   const ssize_t got = ReadSome(fd, bytes.data(), bytes.size());
   if (got > 0) report.append(bytes.data(), static_cast<size_t>(got));
-  return got > 0 ? Report::kSome : Report::kEnd;
+  return got > 0;
+}
+
+int MsUntil(Clock::time_point end) {
+  const auto rest = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
+  return static_cast<int>(std::clamp<int64_t>(rest, 0, 3600000));
 }
 
 }  // namespace
 
-ChildResult RunInChild(int timeoutSeconds, const std::function<int(int reportFd)>& work) {
-  int ends[2] = {-1, -1};
-  if (::pipe2(ends, O_CLOEXEC) != 0) throw SystemFailure("cannot start a child", "pipe", errno);
-  const UniqueFd reader(ends[0]);
-  UniqueFd writer(ends[1]);
+KeptChild::KeptChild(const Work& work, const std::function<void()>& whenGone) {
+  Pipes pipes;
   std::fflush(nullptr);
-  const pid_t child = ::fork();
-  if (child < 0) throw SystemFailure("cannot start a child", "fork", errno);
-  if (child == 0) RunWork(writer.Get(), work);
-  ::setpgid(child, child);
-  writer.Reset();
+  m_Keeper = ::fork();
+  if (m_Keeper < 0) throw SystemFailure("cannot start a child", "fork", errno);
+  if (m_Keeper == 0) Keep(pipes, work, whenGone);
+  m_Report = std::move(pipes.report.reader);
+  m_Ending = std::move(pipes.ending.reader);
+  m_Life = std::move(pipes.life.writer);
+}
 
+KeptChild::~KeptChild() {
+  Tell(2);  // kill it, and that is all
+  ::waitpid(m_Keeper, nullptr, 0);
+}
+
+void KeptChild::Tell(size_t steps) const {
+  constexpr std::array<char, 2> kBytes{};
+  [[maybe_unused]] const ssize_t written = ::write(m_Life.Get(), kBytes.data(), steps);
+}
+
+ChildResult KeptChild::Wait(int timeoutSeconds) {
   ChildResult result;
   const Clock::time_point end = Clock::now() + std::chrono::seconds(timeoutSeconds);
+  std::array<pollfd, 2> files = {{{m_Ending.Get(), POLLIN, 0}, {m_Report.Get(), POLLIN, 0}}};
+  while (files[0].revents == 0) {
+    if (::poll(files.data(), files.size(), result.isTimeout ? -1 : MsUntil(end)) < 0) continue;
+    if (files[1].revents != 0 && !TakeReport(m_Report.Get(), result.report)) files[1].fd = -1;
+    if (result.isTimeout || Clock::now() < end || files[0].revents != 0) continue;
+    result.isTimeout = true;
+    Tell(1);
+  }
+  while (files[1].fd >= 0 && ::poll(&files[1], 1, 0) > 0 && TakeReport(m_Report.Get(), result.report)) {
+  }
   int status = 0;
-  bool isOpen = true;
-  pid_t ended = 0;
-  while ((ended = ::waitpid(child, &status, WNOHANG)) == 0) {
-    if (Clock::now() >= end) {
-      result.isTimeout = true;
-      ::kill(-child, SIGKILL);
-      ended = ::waitpid(child, &status, 0);
-      break;
-    }
-    if (isOpen) {
-      isOpen = ReadReport(reader.Get(), kPollMs, result.report) != Report::kEnd;
-    } else {
-      ::poll(nullptr, 0, kPollMs);
-    }
+  if (::read(m_Ending.Get(), &status, sizeof status) != sizeof status) {
+    siginfo_t keeper{};
+    ::waitid(P_PID, static_cast<id_t>(m_Keeper), &keeper, WEXITED | WNOWAIT);
+    if (keeper.si_code == CLD_EXITED) throw SystemFailure("cannot start a child", "fork", keeper.si_status);
+    status = keeper.si_status;
   }
-  ::kill(-child, SIGKILL);  // what it left behind
-  while (isOpen && ReadReport(reader.Get(), 0, result.report) == Report::kSome) {
-  }
-  if (ended == child && WIFSIGNALED(status)) result.signal = WTERMSIG(status);
-  if (ended == child && WIFEXITED(status)) result.status = WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
+  if (WIFEXITED(status)) result.status = WEXITSTATUS(status);
   return result;
+}
+
+ChildResult RunInChild(int timeoutSeconds, const Work& work) {
+  return KeptChild(work).Wait(timeoutSeconds);
 }
 
 }  // namespace ravctl

@@ -17,10 +17,7 @@ namespace ravctl {
 
 namespace {
 
-std::string TemporaryPlace() {
-  const char* directory = std::getenv("TMPDIR");
-  return directory != nullptr && *directory != '\0' ? directory : "/tmp";
-}
+constexpr const char* kTemporaryPlace = "/tmp";
 
 }  // namespace
 
@@ -56,14 +53,21 @@ void WriteNewFile(const std::string& path, std::string_view content) {
   throw SystemFailure("cannot write the file", path, error);
 }
 
-TemporaryDirectory::TemporaryDirectory() : m_Path(TemporaryPlace() + "/ravctl-XXXXXX") {
+TemporaryDirectory::TemporaryDirectory() {
+  const char* set = std::getenv("TMPDIR");
+  const bool isSet = set != nullptr && *set != '\0';
+  std::error_code ignored;
+  const std::string place = std::filesystem::absolute(isSet ? set : kTemporaryPlace, ignored).string();
+  m_Path = place + "/ravctl-XXXXXX";
   if (::mkdtemp(m_Path.data()) != nullptr) return;
   const int error = errno;
-  throw CommandError(error == EACCES ? ExitCode::kPermission : ExitCode::kInputMissing, "cannot make a private copy",
-                     TemporaryPlace() + ": " + std::strerror(error), "let TMPDIR name a directory with space");
+  throw CommandError(error == EACCES ? ExitCode::kPermission : ExitCode::kInputMissing,
+                     "cannot make a temporary directory",
+                     (isSet ? "TMPDIR=" + std::string(set) : place) + ": " + std::strerror(error),
+                     isSet ? "let TMPDIR name a directory that can be written to" : "make room, or set TMPDIR");
 }
 
-TemporaryDirectory::~TemporaryDirectory() {
+void TemporaryDirectory::Remove() const {
   std::error_code ignored;
   std::filesystem::remove_all(m_Path, ignored);
 }

@@ -19,17 +19,20 @@ std::optional<std::string> ReadFileIfThere(const std::string& path);
 // that could not be completed is taken away again. Throws CommandError.
 void WriteNewFile(const std::string& path, std::string_view content);
 
-// A directory that nobody else can enter, below the temporary one (TMPDIR). It goes with the object, and with it all
-// that is in it.
+// A directory that nobody else can enter, below the temporary one (TMPDIR, /tmp without it). It goes with the object,
+// and with it all that is in it.
 class TemporaryDirectory {
  public:
-  // Throws CommandError when there is no place for it.
+  // Throws CommandError when there is no place for it, which names TMPDIR where that is set.
   TemporaryDirectory();
-  ~TemporaryDirectory();
+  ~TemporaryDirectory() { Remove(); }
   TemporaryDirectory(const TemporaryDirectory&) = delete;
   TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
 
+  // Absolute.
   const std::string& Path() const { return m_Path; }
+  // Before the object goes, or in another process instead of it.
+  void Remove() const;
 
  private:
   std::string m_Path;

@@ -1,4 +1,5 @@
 // module run: loads, starts, stops and unloads a module switch in a child, the way the daemon does, with its trace.
+// Whatever ends the command, SIGKILL included, no process of the modules is left, nor the directory of the trace.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -126,15 +127,30 @@ Json ReadTrace(const std::string& directory) {
   return entries;
 }
 
+struct SwitchRun {
+  ChildResult result;
+  Json trace;
+};
+
+// The directory of the trace is there no longer than the child and its keeper.
+SwitchRun RunTraced(const RunOptions& options) {
+  const TemporaryDirectory directory;
+  KeptChild child([&](int report) { return RunSwitch(options, directory.Path(), report); },
+                  [&directory] { directory.Remove(); });
+  SwitchRun run;
+  run.result = child.Wait(static_cast<int>(options.timeout));
+  run.trace = ReadTrace(directory.Path());
+  directory.Remove();
+  return run;
+}
+
 ExitCode RunRun(const RunOptions& options, Output& out) {
   if (::access(options.library.c_str(), R_OK) != 0)
     throw SystemFailure("cannot open the library", options.library, errno);
-  const TemporaryDirectory directory;
   const std::string library = std::filesystem::absolute(options.library).string();
   RunOptions absolute = options;
   absolute.library = library;
-  const ChildResult result = RunInChild(static_cast<int>(options.timeout),
-                                        [&](int report) { return RunSwitch(absolute, directory.Path(), report); });
+  const auto [result, trace] = RunTraced(absolute);
   std::string text;
   Json steps = Json::array();
   bool isGood = !result.isTimeout && result.signal == 0 && result.status == 0;
@@ -146,7 +162,6 @@ ExitCode RunRun(const RunOptions& options, Output& out) {
   for (const std::string& line : SplitList(result.report, '\n'))
     addStep(line.starts_with('!') ? line.substr(1) : line, !line.starts_with('!'));
   if (const std::string ending = Ending(result, options); !ending.empty()) addStep(ending, false);
-  const Json trace = ReadTrace(directory.Path());
   text += "\nTrace:\n";
   for (const Json& entry : trace) {
     text += Printable(entry["time"].get_ref<const std::string&>()) + " [" +
