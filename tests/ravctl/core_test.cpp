@@ -118,6 +118,14 @@ TEST(Doctor, OneLineAFinding) {
   const nlohmann::json answer = machine.Json({"doctor"}, 1);
   EXPECT_EQ(answer["data"][0]["place"], "/var/run/ravd.pid");
   EXPECT_EQ(answer["data"][0]["severity"], "warning");
+
+  // Damage behind as many notes as a check lists.
+  std::string registry;
+  for (int note = 0; note < 1000; ++note)
+    registry += "N" + std::to_string(note) + "=d=+1\n";
+  machine.WriteFile("/etc/pelrix/registry", registry + "nothing\n\n");
+  const std::string text = machine.Ravctl({"doctor"}).out;
+  EXPECT_THAT(text, HasSubstr("more: 1 further findings"));
 }
 
 // By the kernel's line, whatever stands around it.

@@ -52,6 +52,21 @@ TEST(ModuleCheck, InterfaceAndWriters) {
   rows = machine.Json({"module", "check", "--no-load", "/switch/libswitch.so"}, 1)["data"];
   EXPECT_EQ(Find(rows, "writable")["finding"], "/switch by everybody");
   EXPECT_EQ(Find(rows, "interface")["severity"], nullptr);
+  // Root runs no constructor of what another may have written.
+  rows = machine.Json({"module", "check", "/switch/libswitch.so"}, 1)["data"];
+  EXPECT_EQ(Find(rows, "interface")["severity"], "unknown");
+  fs::permissions(machine.HostPath("/switch"), fs::perms(0755));
+
+  // A link and its directory decide as much as what it leads to; a bare name is that of a file here.
+  machine.MakeLink("/libswitch.so", "tmp/../switch/./libswitch.so");
+  machine.Json({"module", "check", "libswitch.so"}, 0);
+  machine.MakeDirectory("/open", 01777);
+  machine.MakeLink("/open/libswitch.so", "/libswitch.so");
+  machine.Json({"module", "check", "/open/libswitch.so"}, 0);
+  fs::permissions(machine.HostPath("/open"), fs::perms::all);
+  rows = machine.Json({"module", "check", "/open/libswitch.so"}, 1)["data"];
+  EXPECT_EQ(Find(rows, "writable")["finding"], "/open by everybody");
+  EXPECT_EQ(Find(rows, "interface")["severity"], "unknown");
 
   // A module is no switch; other files are no libraries, cut ones included.
   rows = machine.Json({"module", "check", "/switch/modules/heartbeat.so"}, 1)["data"];
@@ -157,6 +172,21 @@ TEST(RunningDaemon, StatusToggleAndTrace) {
   EXPECT_EQ(parse("/config")["environment"], "process " + parse("/status")["pid"].dump());
   EXPECT_EQ(parse("/config")["tracing"], true);
   EXPECT_THAT(machine.ReadFile("/show"), HasSubstr("RAVD-MAIN: Start all modules  ...\n"));
+}
+
+TEST(ShellTexts, CompletionKeepsNamesWithBlanksWhole) {
+  const ToolRoot machine;
+  machine.WriteFile("/completion", machine.Ravctl({"completion"}).out);
+  machine.WriteFile("/files/my file", "");
+  machine.WriteFile("/files/my*", "");
+  machine.WriteFile("/ask", R"(cd /files && source /completion
+ask() { COMP_WORDS=(ravctl "$@"); COMP_CWORD=$#; _ravctl; printf '[%s]' "${COMPREPLY[@]}"; echo; }
+ask registry diff my
+ask registry re
+ask daemon status --js
+)");
+  machine.Run([] { EXPECT_EQ(std::system("bash /ask >/answer"), 0); }, FixtureRoot::kUsr);
+  EXPECT_EQ(machine.ReadFile("/answer"), "[my file][my*]\n[recover]\n[--json]\n");
 }
 
 // The help, the manual page and the completion are made from one table; this walks it.

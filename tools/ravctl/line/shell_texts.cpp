@@ -65,8 +65,8 @@ _ravctl() {
   text += "      " + names + ") path=\"$candidate\" ;;\n    esac\n  done\n  case \"$path\" in\n";
   AppendCompletion(root, root, text);
   return text + R"(  esac
-  COMPREPLY=($(compgen -W "$words" -- "$current"))
-  [[ "$current" != -* ]] && COMPREPLY+=($(compgen -f -- "$current"))
+  candidate=$(compgen -W "$words" -- "$current"; [[ "$current" == -* ]] || compgen -f -- "$current")
+  [[ -z "$candidate" ]] || mapfile -t COMPREPLY <<<"$candidate"
 }
 complete -o filenames -F _ravctl ravctl
 )";

@@ -1,4 +1,5 @@
-// module check: whether a library can be the module switch of the daemon, and who could change it.
+// module check: whether a library can be the module switch of the daemon, and who could change it. Root loads nothing
+// that another user could have changed.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -6,14 +7,14 @@
 #include <libelf.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <climits>
-#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <set>
 
@@ -27,8 +28,12 @@
 
 namespace ravctl {
 
+namespace fs = std::filesystem;
+
 namespace {
 
+constexpr const char* kAccessList = "system.posix_acl_access";
+constexpr int kMostLinks = 40;  // as many as the kernel follows
 constexpr int kLoadSeconds = 10;
 constexpr int kNotLoaded = 1;
 constexpr int kRefused = 2;
@@ -49,6 +54,9 @@ class CheckList {
 
   void Say(bool isGood, const char* check, const std::string& what, const char* toDo = "") {
     m_Findings.push_back({isGood ? Severity::kGood : Severity::kBad, check, m_Place, what, toDo});
+  }
+  void Skip(const char* check, const std::string& what, const char* toDo) {
+    m_Findings.push_back({Severity::kUnknown, check, m_Place, what, toDo});
   }
   const Findings& Result() const { return m_Findings; }
 
@@ -175,47 +183,82 @@ std::string UserName(uid_t uid) {
   return user != nullptr ? user->pw_name : "user " + std::to_string(uid);
 }
 
-// Who besides root may change what the path leads to; empty when nobody may.
+// Who besides root may change what is at the path; empty when nobody may.
 std::string Writers(const std::string& path) {
   struct stat info {};
-  if (::stat(path.c_str(), &info) != 0) return std::string("unknown: ") + std::strerror(errno);
+  if (::lstat(path.c_str(), &info) != 0) return std::string("unknown: ") + std::strerror(errno);
   std::string writers;
-  if (info.st_uid != 0) writers = UserName(info.st_uid);
-  // In a directory with the sticky bit nobody replaces what belongs to another.
+  const auto add = [&writers](const std::string& who) { writers += (writers.empty() ? "" : ", ") + who; };
+  if (info.st_uid != 0) add(UserName(info.st_uid));
+  // In a directory with the sticky bit nobody replaces what belongs to another; a link has no mode.
   const bool isShared = S_ISDIR(info.st_mode) && (info.st_mode & S_ISVTX) != 0;
-  if ((info.st_mode & S_IWGRP) != 0 && !isShared && info.st_gid != 0) {
-    writers += (writers.empty() ? "" : ", ") + std::string("group ") + std::to_string(info.st_gid);
-  }
-  if ((info.st_mode & S_IWOTH) != 0 && !isShared) writers += writers.empty() ? "everybody" : ", everybody";
+  if (isShared || S_ISLNK(info.st_mode)) return writers;
+  const bool hasList = ::getxattr(path.c_str(), kAccessList, nullptr, 0) > 0;
+  // The bits of the group bound what an access list grants.
+  if ((info.st_mode & S_IWGRP) != 0 && hasList) add("its access list");
+  if ((info.st_mode & S_IWGRP) != 0 && info.st_gid != 0) add("group " + std::to_string(info.st_gid));
+  if ((info.st_mode & S_IWOTH) != 0) add("everybody");
   return writers;
 }
 
-// The daemon runs it as root: whoever may write the file, or replace it in a directory above, is root.
-void CheckWriters(const std::string& path, CheckList& list) {
-  const std::unique_ptr<char, decltype(&std::free)> real(::realpath(path.c_str(), nullptr), &std::free);
-  std::string at = real != nullptr ? real.get() : path;
-  bool isSafe = true;
-  while (!at.empty()) {
-    const std::string writers = Writers(at);
-    if (!writers.empty()) {
-      isSafe = false;
-      list.Say(false, "writable", at + " by " + writers, "the daemon runs it as root: let root alone write");
+// What decides where an absolute path leads: the directories on the way, links and what they lead to, the file.
+std::vector<std::string> Way(const std::string& path) {
+  std::vector<std::string> way = {"/"};
+  std::vector<fs::path> names;  // to be gone through, the next one at the end
+  const auto push = [&names](const fs::path& part) {
+    const std::vector<fs::path> parts(part.begin(), part.end());
+    names.insert(names.end(), parts.rbegin(), parts.rend());
+  };
+  push(path);
+  fs::path at = "/";
+  for (int links = 0; !names.empty() && links <= kMostLinks;) {
+    const fs::path name = names.back();
+    names.pop_back();
+    if (name == "..") at = at.parent_path();
+    if (name.empty() || name == "." || name == ".." || name == "/") continue;
+    const fs::path here = at / name;
+    if (std::ranges::find(way, here.string()) == way.end()) way.push_back(here);
+    std::error_code isNoLink;
+    const fs::path target = fs::read_symlink(here, isNoLink);
+    if (isNoLink) {
+      at = here;
+      continue;
     }
-    if (at == "/") break;
-    const size_t slash = at.rfind('/');
-    if (slash == std::string::npos) break;
-    at.resize(std::max<size_t>(slash, 1));
+    ++links;
+    if (target.is_absolute()) at = "/";
+    push(target);
   }
-  if (isSafe) list.Say(true, "writable", "by root alone, and so are the directories above");
+  return way;
 }
 
-ExitCode RunCheck(const std::string& path, bool loads, Output& out) {
+// The daemon runs it as root: whoever may write the file, or replace it in a directory above, is root.
+bool CheckWriters(const std::string& path, CheckList& list) {
+  bool isSafe = true;
+  for (const std::string& place : Way(path)) {
+    const std::string writers = Writers(place);
+    if (writers.empty()) continue;
+    isSafe = false;
+    list.Say(false, "writable", place + " by " + writers, "the daemon runs it as root: let root alone write");
+  }
+  if (isSafe) list.Say(true, "writable", "by root alone, and so are the directories above");
+  return isSafe;
+}
+
+ExitCode RunCheck(const std::string& library, bool loads, Output& out) {
+  const std::string path = fs::absolute(library).string();  // the loader looks for a bare name elsewhere
   CheckList list(path);
   const LibraryNames names = ReadLibrary(path);
   list.Say(true, "file", "shared library for x86-64");
+  const bool isSafe = CheckWriters(path, list);
   CheckSymbols(names, list);
-  if (loads && names.defined.contains("SW_QueryInterface")) CheckInterface(path, list);
-  CheckWriters(path, list);
+  if (loads && names.defined.contains("SW_QueryInterface")) {
+    if (isSafe || ::geteuid() != 0) {
+      CheckInterface(path, list);
+    } else {
+      list.Skip("interface", "not loaded: another user could have put code into it, and it would run as root",
+                "mend what is writable, or check it as an ordinary user");
+    }
+  }
   PrintFindings({"module-check", 2}, list.Result(), out);
   return WorstOf(list.Result()) == Severity::kGood ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
