@@ -192,7 +192,7 @@ power_off() {
 # Runs ExecStart with the environment of the unit and waits until it tells READY=1.
 start_by_hand() {
   inside sh -euc '
-    unit=/lib/systemd/system/ravd.service
+    unit=/usr/lib/systemd/system/ravd.service
     set -a; eval "$(sed -n "s/^Environment=//p" $unit)"; . /etc/default/ravd; set +a
     export NOTIFY_SOCKET=/run/notify
     rm -f $NOTIFY_SOCKET
@@ -208,7 +208,7 @@ start_by_hand() {
 service() { # start, stop, restart
   if [ -z "$by_hand" ]; then inside systemctl "$1" ravd; return; fi
   [ "$1" = start ] || inside sh -c 'MAINPID=$(cat /var/run/ravd.pid 2>/dev/null) $(sed -n "s/^ExecStop=//p" \
-    /lib/systemd/system/ravd.service)'
+    /usr/lib/systemd/system/ravd.service)'
   [ "$1" = stop ] || start_by_hand
 }
 
@@ -286,7 +286,7 @@ files_are_right() {
   has /usr/libexec/ravd/ravd-keep-crash 'regular file' 755
   has /usr/lib/ravd directory 755
   has /usr/lib/tmpfiles.d/ravd.conf 'regular file' 644
-  has /lib/systemd/system/ravd.service 'regular file' 644
+  has /usr/lib/systemd/system/ravd.service 'regular file' 644
   has /etc/default/ravd 'regular file' 644
   has /etc/pelrix directory 755
   has /etc/norrow/QuennetSuite/TraceConfig directory 755
