@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # Builds the Debian packages of this tree in build/package. Called by ./dev package, which installs what it needs.
+# "build-packages.sh rpm" packs what that has built as RPM packages too, in build/package/rpm.
 # "build-packages.sh next" builds them once more as the version after this one, in build/package/next, from the tree that
 # the first call has left: what changes from one release to the next at least, for a test of the upgrade.
 set -euo pipefail
@@ -63,11 +64,33 @@ check_reproducible() {
   echo "package: a second build gives the same daemon"
 }
 
+# As on a machine whose own packages are RPMs, from the same programs.
+build_rpms() {
+  local build
+  build=$(echo "$PWD/$tree"/obj-*)
+  rm -rf "$out/rpm"
+  (
+    cd "$tree"
+    SOURCE_DATE_EPOCH=$(dpkg-parsechangelog -STimestamp)
+    export SOURCE_DATE_EPOCH
+    cmake "$build" -DCMAKE_INSTALL_LIBDIR=lib64 -DRAVD_DEFAULTS_DIR=/etc/sysconfig
+    ninja -C "$build"
+    cd "$build"
+    cpack -B ../../rpm
+  )
+  rm -rf "$out/rpm/_CPack_Packages"
+  ls "$out"/rpm/*.rpm
+}
+
 case "${1:-}" in
 '')
   copy_sources
   build_packages "$version" "$out"
   check_reproducible
+  ;;
+rpm)
+  [ -d "$tree" ] || fail "build the Debian packages of this version first"
+  build_rpms
   ;;
 next)
   [ -d "$tree" ] || fail "build the packages of this version first"
@@ -76,5 +99,5 @@ next)
   grep -q "^## $next " "$tree/CHANGELOG.md" || sed -i "0,/^## /s/^## $version \(.*\)/## $next \1\n\n- What comes after $version.\n\n&/" "$tree/CHANGELOG.md"
   build_packages "$next" "$out/next" -nc
   ;;
-*) fail "usage: build-packages.sh [next]" ;;
+*) fail "usage: build-packages.sh [rpm | next]" ;;
 esac

@@ -1,0 +1,4 @@
+if [ -d /run/systemd/system ]; then
+  systemctl daemon-reload || :
+  [ "$1" -eq 0 ] || systemctl try-restart ravd.service || :
+fi
