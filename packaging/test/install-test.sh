@@ -17,6 +17,7 @@ root=$work/root
 kit=$root/root/kit  # what was built from the development package
 given_root=${1:-}
 guide=docs/module-writers-guide.md
+package_test=packaging/debian/tests/service
 version=$(sed -n 's/^project(ravd VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 next=${version%.*}.$((${version##*.} + 1))
 tools=(g++ cmake make pkg-config)
@@ -112,6 +113,7 @@ fill_root() {
   mkdir -p "$root/root/source/build" "$root/var/cache/apt/archives/partial"
   cp -r "$packages" "$root/root/source/build/package"
   rm -rf "$root/root/source/build/package/tree"
+  install -D "$package_test" "$root/root/source/$package_test"
   cp -n "$work/cache"/*.deb "$root/var/cache/apt/archives/" 2>/dev/null || true
   prepare sh -euc "echo 'APT::Keep-Downloaded-Packages \"true\";' >/etc/apt/apt.conf.d/keep
     apt-get update -qq
@@ -309,6 +311,13 @@ waits_for_its_switch() {
   [ "$(inside systemctl show -P ConditionResult ravd)" = no ] || fail "the service started without a switch"
 }
 
+# What a distribution runs after it has built the packages.
+distribution_test_passes() {
+  [ -z "$by_hand" ] || return 0
+  inside "/root/source/$package_test" >"$work/package-test.log" 2>&1 || fail "$package_test: $(tail -n 20 "$work/package-test.log")"
+  say "the test that comes with the packages passes"
+}
+
 put_switch() {
   inside sh -euc 'cp /root/kit/libswitch.so /usr/lib/ravd/
     mkdir -p /usr/lib/ravd/modules && cp /root/kit/my-modules/build/lib/modules/heartbeat.so /usr/lib/ravd/modules/
@@ -465,6 +474,7 @@ documented 'apt-get install -y ./build/package/ravd_*.deb ./build/package/ravctl
 documented 'apt-get install -y ./build/package/ravd-dev_*.deb'
 timed files_are_right
 waits_for_its_switch
+timed distribution_test_passes
 put_switch
 timed service_starts
 timed service_is_confined
