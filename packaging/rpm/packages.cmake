@@ -73,7 +73,9 @@ Suggests: bash-completion
 %endif
 %if "%{name}" == "ravd-devel"
 Recommends: cmake, gcc-c++, ravd = %{version}-%{release}
-%endif]])
+%endif
+]])
+string(APPEND CPACK_RPM_SPEC_MORE_DEFINE "%define packager ${maintainer}")
 set(CPACK_STRIP_FILES ON)
 set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_GENERATOR RPM)
