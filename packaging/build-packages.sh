@@ -66,7 +66,7 @@ check_reproducible() {
 
 # As on a machine whose own packages are RPMs, from the same programs.
 build_rpms() {
-  local build
+  local build package
   build=$(echo "$PWD/$tree"/obj-*)
   rm -rf "$out/rpm"
   (
@@ -77,8 +77,12 @@ build_rpms() {
     ninja -C "$build"
     cd "$build"
     cpack -B ../../rpm
+    cpack -B ../../rpm/again >/dev/null
   )
-  rm -rf "$out/rpm/_CPack_Packages"
+  for package in "$out"/rpm/*.rpm; do
+    cmp "$package" "$out/rpm/again/${package##*/}" || fail "packing a second time gives another package"
+  done
+  rm -rf "$out"/rpm/_CPack_Packages "$out/rpm/again"
   ls "$out"/rpm/*.rpm
 }
 
