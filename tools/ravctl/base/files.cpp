@@ -1,8 +1,10 @@
 #include "ravctl/base/files.h"
 
 #include <fcntl.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -18,6 +20,12 @@ namespace ravctl {
 namespace {
 
 constexpr const char* kTemporaryPlace = "/tmp";
+
+bool IsFull(const std::string& directory, size_t growth) {
+  struct statvfs info {};
+  if (::statvfs(directory.c_str(), &info) != 0) return false;
+  return info.f_favail == 0 || static_cast<unsigned long long>(info.f_bavail) * info.f_frsize < growth;
+}
 
 }  // namespace
 
@@ -51,6 +59,25 @@ void WriteNewFile(const std::string& path, std::string_view content) {
   const int error = errno;
   ::unlink(path.c_str());
   throw SystemFailure("cannot write the file", path, error);
+}
+
+void ThrowNotWritten(const std::string& path, const std::optional<std::string>& old, std::string_view wanted) {
+  const std::string directory = DirectoryPart(path);
+  if (old && ::access(path.c_str(), W_OK) != 0) throw SystemFailure("cannot write", path, errno);
+  if (!old && ::access(directory.c_str(), W_OK | X_OK) != 0) {
+    throw SystemFailure("cannot make a file in", directory, errno);
+  }
+  const size_t growth = wanted.size() - std::min(wanted.size(), old ? old->size() : 0);
+  const bool isFull = growth > 0 && IsFull(directory, growth);
+  const bool isAsBefore = ReadFileIfThere(path) == old;
+  throw CommandError(isAsBefore ? ExitCode::kInputMissing : ExitCode::kInputDamaged, "cannot write",
+                     path + (isFull ? ": no space is left" : ""),
+                     isAsBefore ? "the file is as it was" : "the file is neither the old nor the new one: look at it");
+}
+
+std::string DirectoryPart(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "." : path.substr(0, std::max<size_t>(slash, 1));
 }
 
 TemporaryDirectory::TemporaryDirectory() {

@@ -19,6 +19,14 @@ std::optional<std::string> ReadFileIfThere(const std::string& path);
 // that could not be completed is taken away again. Throws CommandError.
 void WriteNewFile(const std::string& path, std::string_view content);
 
+// After an edit that failed: tells why as far as that can be found out, and whether the file is as it was. old: what it
+// held, none when it was not there. Throws CommandError.
+[[noreturn]] void ThrowNotWritten(const std::string& path, const std::optional<std::string>& old,
+                                  std::string_view wanted);
+
+// "/etc/a" => "/etc", "/a" => "/", "a" => "."
+std::string DirectoryPart(const std::string& path);
+
 // A directory that nobody else can enter, below the temporary one (TMPDIR, /tmp without it). It goes with the object,
 // and with it all that is in it.
 class TemporaryDirectory {

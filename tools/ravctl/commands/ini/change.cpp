@@ -1,10 +1,8 @@
 #include "ravctl/commands/ini/change.h"
 
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <optional>
 
 #include "platform/ini_file.h"
@@ -93,34 +91,8 @@ void WarnOfWhatIsLeft(const IniChange& change, const std::string& content, Outpu
   }
 }
 
-std::string Parent(const std::string& path) {
-  const std::filesystem::path parent = std::filesystem::path(path).parent_path();
-  return parent.empty() ? "." : parent.string();
-}
-
-bool IsFull(const std::string& directory, size_t growth) {
-  struct statvfs info {};
-  if (::statvfs(directory.c_str(), &info) != 0) return false;
-  return info.f_favail == 0 || static_cast<unsigned long long>(info.f_bavail) * info.f_frsize < growth;
-}
-
-// The library tells no more than that it failed.
-[[noreturn]] void FailWrite(const IniChange& change, const Content& old, const std::string& wanted) {
-  const std::string parent = Parent(change.file);
-  if (old && ::access(change.file.c_str(), W_OK) != 0) throw SystemFailure("cannot write", change.file, errno);
-  if (!old && ::access(parent.c_str(), W_OK | X_OK) != 0) {
-    throw SystemFailure("cannot make a file in", parent, errno);
-  }
-  const size_t growth = wanted.size() - std::min(wanted.size(), old ? old->size() : 0);
-  const bool isFull = growth > 0 && IsFull(parent, growth);
-  const bool isAsBefore = ReadFileIfThere(change.file) == old;
-  throw CommandError(isAsBefore ? ExitCode::kInputMissing : ExitCode::kInputDamaged, "cannot write",
-                     change.file + (isFull ? ": no space is left" : ""),
-                     isAsBefore ? "the file is as it was" : "the file is neither the old nor the new one: look at it");
-}
-
 void WarnIfUnwritable(const IniChange& change, const Content& old, Output& out) {
-  const std::string place = old ? change.file : Parent(change.file);
+  const std::string place = old ? change.file : DirectoryPart(change.file);
   if (::access(place.c_str(), old ? W_OK : W_OK | X_OK) == 0) return;
   const CommandError failure = SystemFailure("the real run would fail", place, errno);
   out.Warn(failure.what());
@@ -168,7 +140,7 @@ ExitCode RunIniChange(const IniChange& change, Output& out) {
     if (change.isDry) {
       WarnIfUnwritable(change, old, out);
     } else if (!Write(change, change.file)) {
-      FailWrite(change, old, *content);
+      ThrowNotWritten(change.file, old, *content);
     } else if (ReadFileIfThere(change.file) != content) {
       out.Warn("somebody else wrote the file meanwhile", change.file, "look at it");
     }

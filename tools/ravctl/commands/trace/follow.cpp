@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "ravctl/answer/json.h"
+#include "ravctl/base/files.h"
 #include "ravctl/commands/trace/group.h"
 #include "ravctl/line/command.h"
 #include "ravctl/trace/entry_writer.h"
@@ -63,11 +64,6 @@ class Sink : public EntrySink {
   std::deque<std::string> m_Held;
   bool m_IsLive = false;
 };
-
-std::string DirectoryPart(const std::string& path) {
-  const size_t slash = path.rfind('/');
-  return slash == std::string::npos ? "." : path.substr(0, std::max<size_t>(slash, 1));
-}
 
 ExitCode RunFollow(const FollowOptions& options, Output& out) {
   Sink sink(options, out);

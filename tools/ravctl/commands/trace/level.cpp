@@ -1,93 +1,114 @@
 // trace level: write the level into the configuration.
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstdlib>
+#include <cctype>
+#include <optional>
 
-#include "platform/descriptor_io.h"
-#include "platform/unique_fd.h"
+#include "platform/edit_file.h"
 #include "ravctl/answer/json.h"
 #include "ravctl/base/files.h"
 #include "ravctl/commands/trace/group.h"
 #include "ravctl/daemon/process.h"
 #include "ravctl/trace/trace_settings.h"
+#include "trace/debug_trace_config_file.h"
 
 namespace ravctl {
 
 namespace {
 
-constexpr const char* kKey = "FileDebugLevel";
+constexpr std::string_view kKey = "FileDebugLevel";
+constexpr const char* kEndOfFile = "EndOfFile";
+constexpr mode_t kNewFileMode = 0644;
+constexpr int kAttempts = 20;  // while others write the file
 
-// Where the value of the key stands in the section as the trace object finds it: the first occurrence of the key's
-// text, the next "=", the end of the line. npos/0 when the key is not there; sectionEnd is where it could be added.
-struct ValuePlace {
-  size_t start = std::string::npos;
-  size_t length = 0;
-  size_t sectionStart = std::string::npos;
+// It becomes the name of a section and of a file.
+std::string ApplicationFault(const std::string& name) {
+  const bool isPlain = std::ranges::none_of(
+      name, [](unsigned char c) { return std::iscntrl(c) != 0 || c == '/' || c == '[' || c == ']'; });
+  return isPlain && !name.empty() && ::strcasecmp(name.c_str(), kEndOfFile) != 0 ? ""
+                                                                                 : "not the name of an application";
+}
+
+// A part of the text.
+struct Range {
+  size_t begin;
+  size_t end;
 };
 
-ValuePlace FindValuePlace(const std::string& text, const std::string& section) {
-  ValuePlace place;
+// The text of a section, from behind its name on.
+std::optional<Range> FindSection(const std::string& text, const std::string& wanted) {
   for (size_t open = text.find('['); open != std::string::npos; open = text.find('[', open + 1)) {
     const size_t close = text.find(']', open);
-    if (close == std::string::npos) return place;
+    if (close == std::string::npos) break;
     const std::string name = text.substr(open + 1, close - open - 1);
-    if (::strcasecmp(name.c_str(), section.c_str()) != 0) continue;
-    place.sectionStart = close + 1;
-    const size_t end = std::min(text.find('[', close), text.size());
-    const size_t key = text.find(kKey, close);
-    const size_t equals = key < end ? text.find('=', key) : std::string::npos;
-    if (equals >= end) return place;
-    place.start = std::min(text.find_first_not_of(" \t\r\n\v\f", equals + 1), end);
-    place.length = std::min(text.find('\n', place.start), end) - place.start;
-    return place;
+    if (::strcasecmp(name.c_str(), wanted.c_str()) == 0)
+      return Range{close + 1, std::min(text.find('[', close), text.size())};
   }
-  return place;
+  return std::nullopt;
 }
 
-// The file's text with the level set; a section that is missing goes before what ends the file.
-std::string WithLevel(std::string text, const std::string& section, const std::string& level) {
-  const ValuePlace place = FindValuePlace(text, section);
-  if (place.start != std::string::npos) return text.replace(place.start, place.length, level);
-  const std::string line = std::string(kKey) + "=" + level + "\n";
-  if (place.sectionStart != std::string::npos) {
-    // Behind the section's own line, so that nothing that follows is torn apart.
-    const size_t lineEnd = text.find('\n', place.sectionStart);
-    if (lineEnd == std::string::npos) return text.insert(place.sectionStart, "\n" + line);
-    return text.insert(lineEnd + 1, line);
+// Where the level stands, on the line of the key alone; begin and end are the same when it is empty. None when the
+// trace object finds it elsewhere, as in a comment, or nowhere.
+std::optional<Range> FindLevel(const std::string& text, const Range& section) {
+  constexpr const char* kBlanks = " \t";
+  const size_t key = text.find(kKey, section.begin);
+  const size_t equals = key < section.end ? text.find('=', key) : std::string::npos;
+  if (equals >= section.end) return std::nullopt;
+  const size_t line = std::max(section.begin, text.rfind('\n', equals) + 1);
+  const size_t first = text.find_first_not_of(kBlanks, line);
+  if (text.compare(first, kKey.size(), kKey) != 0 || text.find_first_not_of(kBlanks, first + kKey.size()) != equals) {
+    return std::nullopt;
   }
-  const std::string whole = "[" + section + "]\n" + line + "\n";
+  const size_t begin = std::min(text.find_first_not_of(kBlanks, equals + 1), section.end);
+  return Range{begin, std::min(text.find_first_of(" \t\r\n;", begin), section.end)};
+}
+
+// The file's text with the level set and all else as it is.
+std::string WithLevel(std::string text, const std::string& application, const std::string& level) {
+  const std::string line = std::string(kKey) + "=" + level + "\n";
+  if (const std::optional<Range> section = FindSection(text, application)) {
+    if (const std::optional<Range> old = FindLevel(text, *section)) {
+      return text.replace(old->begin, old->end - old->begin, level);
+    }
+    const size_t lineEnd = text.find('\n', section->begin);
+    return lineEnd < section->end ? text.insert(lineEnd + 1, line) : text.insert(section->begin, "\n" + line);
+  }
+  // Before what ends the file.
+  const std::string whole = "[" + application + "]\n" + line + "\n";
   const size_t close = text.rfind(']');
   const size_t last = close == std::string::npos ? close : text.rfind('[', close);
-  return last == std::string::npos ? text + whole + "[EndOfFile]\n" : text.insert(last, whole);
+  return last == std::string::npos ? text + whole + "[" + kEndOfFile + "]\n" : text.insert(last, whole);
 }
 
-void WriteWhole(int fd, const std::string& text, const std::string& path) {
-  if (!WriteAllAt(fd, text, 0) || ::fsync(fd) != 0) throw SystemFailure("cannot write", path, errno);
+bool IsLevelRead(const std::string& text, const std::string& application, uint32_t level) {
+  constexpr const char* kName = "copy.ini";
+  const TemporaryDirectory directory;
+  WriteNewFile(directory.Path() + "/" + kName, text);
+  CDebugTraceConfigFile file;
+  uint32_t read = 0;
+  return file.OpenSectionInIniFile(application.c_str(), kName, directory.Path().c_str()) &&
+         file.ReadNumber(kKey.data(), read) && read == level;
 }
 
-// Over a temporary file, so that the daemon reads the old text or the new one; owner and mode stay.
-void ReplaceFile(const std::string& path, const std::string& text) {
-  struct stat info {};
-  const bool isOld = ::stat(path.c_str(), &info) == 0;
-  std::string temporary = path + ".XXXXXX";
-  UniqueFd file(::mkostemp(temporary.data(), O_CLOEXEC));
-  if (!file) throw SystemFailure("cannot write beside", path, errno);
-  try {
-    WriteWhole(file.Get(), text, temporary);
-    if (::fchmod(file.Get(), isOld ? info.st_mode & 07777 : 0644) != 0 ||
-        (isOld && ::fchown(file.Get(), info.st_uid, info.st_gid) != 0) ||
-        ::rename(temporary.c_str(), path.c_str()) != 0) {
-      throw SystemFailure("cannot replace", path, errno);
+// The trace object reads the new text from a private copy first. A file that somebody else wrote meanwhile is read
+// anew.
+void WriteLevel(const std::string& path, const std::string& application, uint32_t level) {
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    const std::optional<std::string> old = ReadFileIfThere(path);
+    const std::string text = WithLevel(old.value_or(""), application, std::to_string(level));
+    if (!IsLevelRead(text, application, level)) {
+      throw CommandError(ExitCode::kInputDamaged, "the level would not be read there, nothing was written", path,
+                         "see ravctl trace config, and mend the file in an editor");
     }
-  } catch (const CommandError&) {
-    ::unlink(temporary.c_str());
-    throw;
+    const FileEdit edit = EditFile(path.c_str(), kNewFileMode, [&](std::string& content, bool isThere) {
+      const bool isOld = isThere == old.has_value() && content == old.value_or("");
+      content = text;
+      return isOld;
+    });
+    if (edit == FileEdit::kDone) return;
+    if (edit != FileEdit::kRefused) ThrowNotWritten(path, old, text);
   }
+  throw CommandError(ExitCode::kInputMissing, "others write the file all the time", path, "try again");
 }
 
 void WarnAboutEffect(const TraceSettings& settings, Output& out) {
@@ -107,15 +128,14 @@ ExitCode Run(const std::string& application, uint32_t level, Output& out) {
   const TraceSettings settings(application);
   const std::string name = settings.ApplicationFile().empty() ? application + "_trace.ini" : settings.ApplicationFile();
   const std::string path = std::string(kTraceConfigDirectory) + "/" + name;
-  const std::string old = ReadFileIfThere(path).value_or("");
-  ReplaceFile(path, WithLevel(old, application, std::to_string(level)));
+  WriteLevel(path, application, level);
   const TraceSettings now(application);
   if (now.ApplicationFile() != name) {
     throw CommandError(ExitCode::kInputDamaged, "the level was written but is not read", path,
                        "see ravctl trace config");
   }
   WarnAboutEffect(now, out);
-  out.Print({"trace-level"}, path + ": " + kKey + "=" + std::to_string(level) + "\n",
+  out.Print({"trace-level"}, path + ": " + std::string(kKey) + "=" + std::to_string(level) + "\n",
             {{"path", path}, {"level", level}, {"effective_level", now.Level()}});
   return ExitCode::kDone;
 }
@@ -135,7 +155,7 @@ void AddTraceLevel(Command& trace) {
                               Effect::kChanges},
                              [options](Output& out) { return Run(options->application, options->level, out); });
   level.AddRequired("LEVEL", &options->level, "0 to 6", InRange(0, 6));
-  level.AddOption("--app", &options->application, "NAME", "Application, usually ravd");
+  level.AddOption("--app", &options->application, "NAME", "Application, usually ravd", ApplicationFault);
 }
 
 }  // namespace ravctl
