@@ -237,6 +237,19 @@ TEST_F(Registry, ExportsComeBack) {
   EXPECT_EQ(machine.ReadFile(kFile), kStore);
 }
 
+TEST_F(Registry, ANameThatBeginsWithABraceIsNoJson) {
+  for (const char* text : {"{x}=s=1\n\n", " {=s=1\n\n", "{\"a\":2=d=7\n\n"}) {
+    machine.WriteFile("/store", text);
+    EXPECT_EQ(machine.Json({"registry", "diff", "/store", "live"}, 1)["data"].size(), 11U) << text;
+    EXPECT_EQ(machine.Ravctl({"registry", "import", "/store", "--replace"}).status, 0) << text;
+    EXPECT_EQ(machine.ReadFile(kFile), text);
+    machine.WriteFile(kFile, kStore);
+    EXPECT_EQ(machine.Ravctl({"registry", "recover", "--from", "/store"}).status, 0) << text;
+    EXPECT_EQ(machine.ReadFile(kFile), text);
+    machine.WriteFile(kFile, kStore);
+  }
+}
+
 TEST_F(Registry, VerifyTellsEveryLoss) {
   EXPECT_THAT(Findings(machine.Json({"registry", "verify"}), "bad"), IsEmpty());
   struct Row {

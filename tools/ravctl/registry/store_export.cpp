@@ -1,5 +1,7 @@
 #include "ravctl/registry/store_export.h"
 
+#include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -16,6 +18,7 @@ namespace {
 
 constexpr const char* kPlain = "text";
 constexpr const char* kHex = "hex";
+constexpr std::array<const char*, 5> kMembers = {"schema", "version", "root", "data", "warnings"};
 
 bool IsUtf8(std::string_view text) {
   return ValidUtf8(text) == text;
@@ -159,8 +162,16 @@ std::string ExportText(const StoreKey& root) {
 }
 
 bool IsExport(std::string_view bytes) {
-  const size_t first = bytes.find_first_not_of(" \t\r\n");
-  return first != std::string_view::npos && bytes[first] == '{';
+  constexpr std::string_view kBlanks = " \t\r\n";
+  const auto skip = [&bytes](std::string_view characters) {
+    bytes.remove_prefix(std::min(bytes.find_first_not_of(characters), bytes.size()));
+  };
+  skip(kBlanks);
+  if (!bytes.starts_with('{')) return false;
+  bytes.remove_prefix(1);
+  skip(kBlanks);
+  return std::ranges::any_of(kMembers,
+                             [bytes](const char* name) { return bytes.starts_with('"' + std::string(name) + "\":"); });
 }
 
 StoreKey ParseExport(std::string_view bytes, const std::string& path) {

@@ -18,7 +18,8 @@ Json ExportData(const StoreKey& root);
 // The whole object with schema and version, as text that ends with a newline.
 std::string ExportText(const StoreKey& root);
 
-// Whether the bytes are meant as such an object.
+// Whether the bytes are meant as such an object: they begin with one of its members. Lines of the store may begin with
+// a brace, too.
 bool IsExport(std::string_view bytes);
 // Throws CommandError (damaged) that says where the object is not what it should be.
 StoreKey ParseExport(std::string_view bytes, const std::string& path);
