@@ -2,14 +2,22 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <fstream>
 
+#include "platform/descriptor_io.h"
+#include "platform/replace_file.h"
+#include "platform/unique_fd.h"
+#include "ravctl/base/error.h"
 #include "ravctl/ravctl_runner.h"
+#include "ravctl/registry/live_store.h"
+#include "ravctl/registry/store_lock.h"
 #include "ravctl/tool_machine.h"
 
 using ::testing::ElementsAre;
@@ -22,6 +30,7 @@ constexpr const char* kFile = "/etc/pelrix/registry";
 constexpr const char* kOld = "/etc/pelrix/registry.old";
 constexpr const char* kNew = "/etc/pelrix/registry.new";
 constexpr const char* kDefault = "/etc/pelrix/registry.default";
+constexpr const char* kLock = "/etc/pelrix/.registry.lock";
 
 constexpr const char* kStore =
     "[HKEY_LOCAL_MACHINE]\n"
@@ -473,4 +482,132 @@ TEST(RegistryWriters, ChangesAtTheSameTimeAllCount) {
   const std::string saved = machine.ReadFile(kFile);
   for (int writer = 0; writer < kWriters; ++writer)
     EXPECT_THAT(saved, HasSubstr("Writer" + std::to_string(writer) + "=s=here\n"));
+}
+
+namespace {
+
+int StatusOf(pid_t child) {
+  int status = -1;
+  ::waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// As a module saves its tree.
+void SaveAsModule(std::string_view content) {
+  WriteWholeFile(kNew, content);
+  std::filesystem::rename(kFile, kOld);
+  std::filesystem::rename(kNew, kFile);
+}
+
+constexpr const char* kOfModule = "[HKEY_LOCAL_MACHINE]\nModule=s=1\n\n\n";
+constexpr const char* kOfBoth = "[HKEY_LOCAL_MACHINE]\nModule=s=1\nOwn=s=1\n\n\n";
+
+ravctl::StoreKey WithOwn(const ravctl::StoreKey& root) {
+  ravctl::StoreKey target = root;
+  MakeStoreKey(target, {"HKEY_LOCAL_MACHINE"}).values["Own"] = {.type = kRegistryString, .data = "1", .number = 0};
+  return target;
+}
+
+}  // namespace
+
+TEST(RegistryWriters, OneThatDoesNotEndIsNamedAndOthersLocksDoNotCount) {
+  const ToolRoot machine;
+  machine.WriteFile(kFile, kStore);
+  machine.Run(
+      [] {
+        ::alarm(100);
+        const auto set = [](const char* value) {
+          return StatusOf(StartRavctl({"registry", "set", kUnit, "Port", value}, "/out"));
+        };
+        const UniqueFd directory(::open("/etc/pelrix", O_RDONLY | O_CLOEXEC));
+        ASSERT_EQ(::flock(directory.Get(), LOCK_EX), 0);
+        EXPECT_EQ(set("1"), 0);
+        std::ofstream(kLock) << "1\n";  // a killed edit's
+        EXPECT_EQ(set("2"), 0);
+        EXPECT_FALSE(std::filesystem::exists(kLock));
+
+        std::optional<ravctl::StoreLock> lock(std::in_place);
+        struct stat info {};
+        EXPECT_EQ(::stat(kLock, &info), 0);
+        EXPECT_EQ(info.st_mode & 07777U, 0600U);
+        EXPECT_EQ(set("2"), 0) << "waited for nothing to write";
+        EXPECT_EQ(set("3"), 4);
+        EXPECT_THAT(ReadWholeFile("/out.err"), HasSubstr("set: another edit of the registry does not end, nothing was "
+                                                         "written: process " +
+                                                         std::to_string(::getpid()) + " (test_ravctl)"));
+        EXPECT_THAT(ReadWholeFile(kFile), HasSubstr("Port=d=2\n"));
+
+        // What was best before another edit ended is not taken after it.
+        WriteWholeFile(kFile, "A=s=cut");
+        const pid_t recover = StartRavctl({"registry", "recover"}, "/out");
+        ::usleep(300000);
+        WriteWholeFile(kFile, kBackup);
+        lock.reset();
+        EXPECT_EQ(StatusOf(recover), 0);
+        EXPECT_EQ(ReadWholeFile(kFile), kBackup);
+      },
+      FixtureRoot::kUsr | FixtureRoot::kProc);
+}
+
+TEST(RegistryWriters, WhatAModuleSavesMeanwhileIsKept) {
+  const ToolRoot machine;
+  machine.WriteFile(kFile, kStore);
+  machine.Run([] {
+    ravctl::Output out({});
+    int calls = 0;
+    const auto edit = [&](int saves) {
+      calls = 0;
+      return ravctl::EditLiveStore(
+          [&](const ravctl::StoreKey& root) {
+            if (calls++ < saves) SaveAsModule(std::string(calls % 2 == 0 ? "" : "A=s=1\n") + kOfModule);
+            return WithOwn(root);
+          },
+          {}, out);
+    };
+    EXPECT_TRUE(edit(2).isWritten);
+    EXPECT_EQ(calls, 3);
+    EXPECT_EQ(ReadWholeFile(kFile), kOfBoth);
+    EXPECT_EQ(ReadWholeFile(kOld), kOfModule);
+    SaveAsModule(kOfModule);
+    try {
+      edit(1000);
+      ADD_FAILURE() << "written over a save";
+    } catch (const ravctl::CommandError& error) {
+      EXPECT_THAT(error.what(), HasSubstr("others save the registry all the time, nothing was written"));
+    }
+    EXPECT_THAT(ReadWholeFile(kFile), HasSubstr(kOfModule));
+    EXPECT_FALSE(std::filesystem::exists(kLock));
+  });
+}
+
+// The module holds the lock of its save already when the edit looks for the last time.
+TEST(RegistryWriters, ASaveThatIsOnItsWayIsTold) {
+  const ToolRoot machine;
+  machine.WriteFile(kFile, kStore);
+  machine.Run([] {
+    ravctl::Output out({});
+    const ravctl::LiveStore before = ravctl::LoadLiveStore();
+    int isLocked[2];
+    ASSERT_EQ(::pipe(isLocked), 0);
+    const pid_t module = ::fork();
+    if (module == 0) {
+      CTempFile temp(kNew);
+      const bool isOpen = temp.Open() == CTempFile::kDone && WriteAllAt(temp.Get(), kOfModule, 0);
+      if (!isOpen || ::write(isLocked[1], "x", 1) != 1) ::_exit(1);
+      ::usleep(300000);
+      ::_exit(::rename(kFile, kOld) == 0 && temp.RenameTo(kFile) ? 0 : 1);
+    }
+    char byte = 0;
+    ASSERT_EQ(::read(isLocked[0], &byte, 1), 1);
+    bool isTold = false;
+    try {
+      isTold = !ravctl::SaveLiveStore(before, WithOwn(before.root), out);
+    } catch (const ravctl::CommandError& error) {
+      EXPECT_THAT(error.what(), HasSubstr("saved, but another process saved at the same moment"));
+      isTold = true;
+    }
+    EXPECT_EQ(StatusOf(module), 0);
+    EXPECT_TRUE(isTold);
+    EXPECT_TRUE(ReadWholeFile(kFile) == kOfModule || ReadWholeFile(kOld) == kOfModule);
+  });
 }

@@ -1,11 +1,9 @@
 #include "ravctl/registry/live_store.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 
 #include "platform/regular_file.h"
 #include "ravctl/base/error.h"
@@ -14,11 +12,14 @@
 #include "ravctl/registry/store_check.h"
 #include "ravctl/registry/store_export.h"
 #include "ravctl/registry/store_files.h"
+#include "ravctl/registry/store_lock.h"
 #include "registry/registry.h"
 
 namespace ravctl {
 
 namespace {
+
+constexpr int kAttempts = 20;  // while others save
 
 // Never destroyed: its end would save a tree whose change was given up half-way.
 CRegistry& Library() {
@@ -26,71 +27,32 @@ CRegistry& Library() {
   return registry;
 }
 
-CRegistryNode& LibraryRoot() {
+// The library's tree becomes the target and counts as changed.
+void FillLibrary(const StoreKey& target) {
   CRegistry& registry = Library();
   registry.Open("", nullptr);
-  return *registry.KeepKeyHandle();
-}
-
-// A separator behind each name keeps a slash within one.
-std::string LibraryPath(const StorePath& path) {
-  std::string text;
-  for (const std::string& name : path)
-    text += name + "\\";
-  return text;
-}
-
-[[noreturn]] void ThrowLibraryFailure(const char* what, const StorePath& path, const std::string& name) {
-  throw CommandError(ExitCode::kInternal, what, PathText(path) + (name.empty() ? "" : ": " + name),
-                     "nothing was written");
-}
-
-void SetLibraryValue(CRegistry& registry, const StorePath& path, const std::string& name, const StoreValue& value) {
-  std::string bytes = value.data;
-  if (value.type == kRegistryNumber) {
-    bytes.resize(sizeof value.number);
-    std::memcpy(bytes.data(), &value.number, sizeof value.number);
+  CRegistryNode& root = *registry.KeepKeyHandle();
+  std::vector<std::string> names;
+  {
+    const CCriticalSectionLock lock(root);
+    for (const RegistryEntry& entry : root.Entries())
+      names.emplace_back(entry.Name());
   }
-  const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
-  if (!registry.SetValue(name.c_str(), data, static_cast<unsigned int>(bytes.size()), value.type)) {
-    ThrowLibraryFailure("the library refuses the value", path, name);
+  for (const std::string& name : names) {
+    CRegistryValue removed;
+    root.Remove(name, removed);
   }
+  FillNode(target, root);
+  // No name: nothing is stored.
+  const unsigned char nothing[sizeof(uint32_t)] = {};
+  registry.Open("", nullptr);
+  registry.SetValue(nullptr, nothing, sizeof nothing, kRegistryNumber);
 }
 
-void OpenLibraryKey(CRegistry& registry, const StorePath& path) {
-  if (registry.Open(LibraryPath(path).c_str(), nullptr) != CRegistry::kSuccess) {
-    ThrowLibraryFailure("the library does not open the key", path, "");
-  }
-}
-
-void ApplyValues(CRegistry& registry, const StorePath& path, const StoreKey& before, const StoreKey& after) {
-  OpenLibraryKey(registry, path);
-  for (const auto& [name, value] : before.values)
-    if (!after.values.contains(name)) registry.DeleteValue(name.c_str());
-  for (const auto& [name, key] : before.keys)
-    if (!after.keys.contains(name)) registry.DeleteKey(name.c_str());
-  for (const auto& [name, value] : after.values) {
-    const auto old = before.values.find(name);
-    if (old == before.values.end() || old->second != value) SetLibraryValue(registry, path, name, value);
-  }
-}
-
-void Apply(CRegistry& registry, const StorePath& path, const StoreKey& before, const StoreKey& after) {
-  static const StoreKey nothing;
-  if (before == after) return;
-  ApplyValues(registry, path, before, after);
-  for (const auto& [name, key] : after.keys) {
-    StorePath longer = path;
-    longer.push_back(name);
-    const StoreKey* old = FindStoreKey(before, {name});
-    if (old == nullptr) {
-      OpenLibraryKey(registry, path);
-      if (registry.CreateKey(nullptr, (name + "\\").c_str()) != CRegistry::kSuccess) {
-        ThrowLibraryFailure("the library does not create the key", longer, "");
-      }
-    }
-    Apply(registry, longer, old != nullptr ? *old : nothing, key);
-  }
+// None also when it cannot be read: nothing of it can be compared then, and the library knows when not to save.
+std::optional<std::string> RegistryFile() {
+  std::string content;
+  return ReadFileInto(kStoreFile, content) == 0 ? std::optional(std::move(content)) : std::nullopt;
 }
 
 StoreKey WhatFileHolds() {
@@ -104,41 +66,26 @@ bool HasValue(const StoreKey& key) {
 }
 
 // The library tells no reason but leaves the error number of the call that failed. A save is only believed when the
-// file holds what was to be saved.
-void Save(const StoreKey& expected) {
+// file holds what was to be saved, and the backup what it was loaded from: a save that was on its way meanwhile would
+// have come between them.
+void Save(const LiveStore& before, const StoreKey& target, const StoreKey& expected) {
   errno = 0;
   CRegistry::SaveTree();
   const int error = errno;
-  if (WhatFileHolds() == expected) return;
-  if (error != 0) throw SystemFailure("the registry could not be saved, it is as it was", kStoreDirectory, error);
-  throw CommandError(ExitCode::kInternal, "the registry does not hold what was saved", kStoreFile,
-                     "another process may have written it; look at registry.old and try again");
-}
-
-// Waits for other changes to end. A directory that cannot be opened has nothing to lock either.
-UniqueFd LockStore() {
-  UniqueFd directory(::open(kStoreDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  while (directory && ::flock(directory.Get(), LOCK_EX) != 0 && errno == EINTR) {
+  if (WhatFileHolds() != expected) {
+    if (error != 0) throw SystemFailure("the registry could not be saved, it is as it was", kStoreDirectory, error);
+    throw CommandError(ExitCode::kInternal, "the registry does not hold what was saved", kStoreFile,
+                       "another process may have written it; look at registry.old and try again");
   }
-  return directory;
+  const bool isKept = before.loadedFrom == kStoreFile && before.file != StoreText(target);
+  if (isKept && ReadFileIfThere(kStoreOld) != before.file) {
+    throw CommandError(ExitCode::kInputDamaged,
+                       "saved, but another process saved at the same moment, and what it wrote is in the backup alone",
+                       kStoreOld, "ravctl registry diff /etc/pelrix/registry.old live shows it");
+  }
 }
 
-// A process that runs for long keeps its tree and writes it as a whole.
-void WarnAboutDaemon(Output& out) {
-  const std::optional<DaemonProcess> daemon = FindDaemon();
-  if (!daemon) return;
-  out.Warn("the daemon runs: it and its modules keep the registry in memory and may write their own over this change",
-           "process " + std::to_string(daemon->pid), "stop it first, or restart it now and look again");
-}
-
-}  // namespace
-
-LiveStore::LiveStore(Output& out) : m_Out(out), m_Lock(LockStore()) {
-  WarnAboutDaemon(out);
-  m_Root = CopyOfNode(LibraryRoot());
-}
-
-void LiveStore::RefuseDamaged() {
+void RefuseDamaged() {
   for (const char* path : kStartOrder) {
     const UniqueFd file = OpenRegularFile(path, O_RDONLY);
     const int error = file ? 0 : errno;
@@ -151,6 +98,53 @@ void LiveStore::RefuseDamaged() {
     }
     if (check.hasValueLine) return;
   }
+}
+
+}  // namespace
+
+LiveStore LoadLiveStore() {
+  LiveStore store;
+  store.file = RegistryFile();  // first: a save in between must not go unnoticed
+  CRegistryNode node;
+  store.loadedFrom = LoadFirst(node);
+  store.root = CopyOfNode(node);
+  return store;
+}
+
+bool SaveLiveStore(const LiveStore& before, const StoreKey& target, Output& out) {
+  const StoreKey expected = AsReadBack(target);
+  FillLibrary(target);
+  if (RegistryFile() != before.file) return false;
+  Save(before, target, expected);
+  for (const StoreChange& loss : CompareStores(target, expected))
+    out.Warn("it does not fit into the registry file and is lost", PathText(loss.key) + ": " + loss.name.value_or(""));
+  return true;
+}
+
+StoreEdit EditLiveStore(const std::function<StoreKey(const StoreKey& root)>& change, const WriteOptions& options,
+                        Output& out) {
+  WarnAboutDaemon(out);
+  std::optional<StoreLock> lock;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    const LiveStore before = LoadLiveStore();
+    const StoreKey target = change(before.root);
+    std::vector<StoreChange> changes = CompareStores(before.root, target);
+    RequireKeepable(changes, target);
+    if (changes.empty() || options.isDryRun) return {std::move(changes), false};
+    if (!options.isForced) RefuseDamaged();
+    if (lock && SaveLiveStore(before, target, out)) return {std::move(changes), true};
+    if (!lock) lock.emplace();
+  }
+  throw CommandError(ExitCode::kInputMissing, "others save the registry all the time, nothing was written", kStoreFile,
+                     "try again");
+}
+
+// A process that runs for long keeps its tree and writes it as a whole.
+void WarnAboutDaemon(Output& out) {
+  const std::optional<DaemonProcess> daemon = FindDaemon();
+  if (!daemon) return;
+  out.Warn("the daemon runs: it and its modules keep the registry in memory and may write their own over this change",
+           "process " + std::to_string(daemon->pid), "stop it first, or restart it now and look again");
 }
 
 void RequireKeepable(const std::vector<StoreChange>& changes, const StoreKey& target) {
@@ -167,26 +161,6 @@ void RequireKeepable(const std::vector<StoreChange>& changes, const StoreKey& ta
                          PathText(change.key) + (change.name ? ": " + *change.name : ""), "nothing was written");
     }
   }
-}
-
-void LiveStore::Replace(const StoreKey& target, bool isForced) {
-  const std::vector<StoreChange> changes = CompareStores(m_Root, target);
-  if (changes.empty() && !isForced) return;
-  RequireKeepable(changes, target);
-  const StoreKey expected = AsReadBack(target);
-  CRegistry& registry = Library();
-  Apply(registry, {}, m_Root, target);
-  if (isForced) {
-    // No name: nothing is stored, but the tree counts as changed.
-    const unsigned char nothing[sizeof(uint32_t)] = {};
-    OpenLibraryKey(registry, {});
-    registry.SetValue(nullptr, nothing, sizeof nothing, kRegistryNumber);
-  }
-  Save(expected);
-  for (const StoreChange& loss : CompareStores(target, expected))
-    m_Out.Warn("it does not fit into the registry file and is lost",
-               PathText(loss.key) + ": " + loss.name.value_or(""));
-  m_Root = expected;
 }
 
 }  // namespace ravctl

@@ -128,18 +128,6 @@ class Parser {
   size_t m_Count = 0;
 };
 
-void FillNode(const StoreKey& key, CRegistryNode& node) {
-  for (const auto& [name, value] : key.values) {
-    CRegistryValue held = ToLibraryValue(value);
-    node.Exchange(name, held);
-  }
-  for (const auto& [name, below] : key.keys) {
-    CRegistryNodeRef child;
-    node.FindOrCreateSubKey(name, child);
-    FillNode(below, *child.Get());
-  }
-}
-
 struct FreeMemory {
   void operator()(char* text) const { std::free(text); }
 };
@@ -176,6 +164,18 @@ bool IsExport(std::string_view bytes) {
 
 StoreKey ParseExport(std::string_view bytes, const std::string& path) {
   return Parser(path).Run(bytes);
+}
+
+void FillNode(const StoreKey& key, CRegistryNode& node) {
+  for (const auto& [name, value] : key.values) {
+    CRegistryValue held = ToLibraryValue(value);
+    node.Exchange(name, held);
+  }
+  for (const auto& [name, below] : key.keys) {
+    CRegistryNodeRef child;
+    node.FindOrCreateSubKey(name, child);
+    FillNode(below, *child.Get());
+  }
 }
 
 std::string StoreText(const StoreKey& root) {

@@ -24,6 +24,8 @@ bool IsExport(std::string_view bytes);
 // Throws CommandError (damaged) that says where the object is not what it should be.
 StoreKey ParseExport(std::string_view bytes, const std::string& path);
 
+// Stores all of the key in the node.
+void FillNode(const StoreKey& key, CRegistryNode& node);
 // The text form of the store, as the library writes it.
 std::string StoreText(const StoreKey& root);
 // What the library reads when that text is in a file.

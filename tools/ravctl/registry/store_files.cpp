@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "platform/descriptor_io.h"
@@ -46,15 +47,18 @@ void WarnAboutFallback(const char* used, Output& out) {
 
 }  // namespace
 
+std::string LoadFirst(CRegistryNode& node) {
+  const auto* path =
+      std::ranges::find_if(kStartOrder, [&](const char* file) { return CRegistry::ReadTree(file, node); });
+  return path != kStartOrder.end() ? *path : "";
+}
+
 LoadedStore LoadStore(Output& out) {
-  // One node for all files, as in the library: what a refused file left stays.
   CRegistryNode node;
-  for (const char* path : kStartOrder) {
-    if (!CRegistry::ReadTree(path, node)) continue;
-    if (std::string_view(path) != kStoreFile) WarnAboutFallback(path, out);
-    return {CopyOfNode(node), path};
-  }
-  ThrowNothingLoaded();
+  std::string path = LoadFirst(node);
+  if (path.empty()) ThrowNothingLoaded();
+  if (path != kStoreFile) WarnAboutFallback(path.c_str(), out);
+  return {CopyOfNode(node), std::move(path)};
 }
 
 StoreKey ReadStoreFile(const std::string& path) {

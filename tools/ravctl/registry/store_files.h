@@ -14,9 +14,14 @@ inline constexpr const char* kStoreFile = "/etc/pelrix/registry";
 inline constexpr const char* kStoreOld = "/etc/pelrix/registry.old";
 inline constexpr const char* kStoreNew = "/etc/pelrix/registry.new";
 inline constexpr const char* kStoreDefault = "/etc/pelrix/registry.default";
+inline constexpr const char* kStoreLock = "/etc/pelrix/.registry.lock";
 
 // What a start tries, one after the other.
 inline constexpr std::array<const char*, 3> kStartOrder = {kStoreFile, kStoreOld, kStoreDefault};
+
+// Reads the first file that can be used, as a start does: what a refused file left in the node stays. Its path, or ""
+// when there is none.
+std::string LoadFirst(CRegistryNode& node);
 
 // The tree that a process starting now would have, and the file that it comes from.
 struct LoadedStore {

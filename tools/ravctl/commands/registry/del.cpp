@@ -27,15 +27,17 @@ void DeleteKey(const Options& options, const StorePath& path, StoreKey& target) 
 
 ExitCode Run(const Options& options, Output& out) {
   const StorePath path = ParseStorePath(options.key);
-  LiveStore live(out);
-  StoreKey target = live.Root();
-  if (options.name) {
-    RequireValue(RequireKey(target, path), path, *options.name);
-    MakeStoreKey(target, path).values.erase(*options.name);
-  } else {
-    DeleteKey(options, path, target);
-  }
-  return FinishChange({"registry-del"}, live, target, options.write, out);
+  const auto change = [&](const StoreKey& root) {
+    StoreKey target = root;
+    if (options.name) {
+      RequireValue(RequireKey(target, path), path, *options.name);
+      MakeStoreKey(target, path).values.erase(*options.name);
+    } else {
+      DeleteKey(options, path, target);
+    }
+    return target;
+  };
+  return RunEdit({"registry-del"}, change, options.write, out);
 }
 
 }  // namespace

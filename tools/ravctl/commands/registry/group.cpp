@@ -106,17 +106,11 @@ void AddWriteOptions(Command& command, WriteOptions& options) {
                   "Write even though the registry is damaged and loses what cannot be read");
 }
 
-ExitCode FinishChange(const Schema& schema, LiveStore& live, const StoreKey& target, const WriteOptions& options,
-                      Output& out) {
-  const std::vector<StoreChange> changes = CompareStores(live.Root(), target);
-  RequireKeepable(changes, target);
-  const bool isWritten = !changes.empty() && !options.isDryRun;
-  if (isWritten) {
-    if (!options.isForced) LiveStore::RefuseDamaged();
-    live.Replace(target);
-  }
-  const Table table = ChangeTable(changes);
-  out.Print(schema, table, {{"written", isWritten}, {"file", kStoreFile}, {"changes", table.ToJson()}});
+ExitCode RunEdit(const Schema& schema, const std::function<StoreKey(const StoreKey& root)>& change,
+                 const WriteOptions& options, Output& out) {
+  const StoreEdit edit = EditLiveStore(change, options, out);
+  const Table table = ChangeTable(edit.changes);
+  out.Print(schema, table, {{"written", edit.isWritten}, {"file", kStoreFile}, {"changes", table.ToJson()}});
   return ExitCode::kDone;
 }
 

@@ -37,15 +37,11 @@ std::vector<Column> EntryColumns();
 Table ChangeTable(const std::vector<StoreChange>& changes);
 
 // --dry-run and --force.
-struct WriteOptions {
-  bool isDryRun = false;
-  bool isForced = false;
-};
 void AddWriteOptions(Command& command, WriteOptions& options);
 
-// Saves the registry as the target has it, unless that changes nothing or is not wanted, and prints the changes.
-ExitCode FinishChange(const Schema& schema, LiveStore& live, const StoreKey& target, const WriteOptions& options,
-                      Output& out);
+// Edits the registry and prints the changes.
+ExitCode RunEdit(const Schema& schema, const std::function<StoreKey(const StoreKey& root)>& change,
+                 const WriteOptions& options, Output& out);
 
 // --type, checked.
 void AddTypeOption(Command& command, std::string& type, const std::string& meaning);

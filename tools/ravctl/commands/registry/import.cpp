@@ -17,13 +17,13 @@ struct Options {
 
 ExitCode Run(const Options& options, Output& out) {
   const StoreKey given = ReadStoreFile(options.file);
-  LiveStore live(out);
-  StoreKey target = given;
-  if (!options.replaces) {
-    target = live.Root();
+  const auto change = [&](const StoreKey& root) {
+    if (options.replaces) return given;
+    StoreKey target = root;
     MergeStores(target, given);
-  }
-  return FinishChange({"registry-import"}, live, target, options.write, out);
+    return target;
+  };
+  return RunEdit({"registry-import"}, change, options.write, out);
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 #include "ravctl/commands/registry/group.h"
 #include "ravctl/registry/live_store.h"
 #include "ravctl/registry/store_files.h"
+#include "ravctl/registry/store_lock.h"
 #include "ravctl/registry/store_survey.h"
 
 namespace ravctl {
@@ -103,23 +104,49 @@ void Print(const StoreFileState& from, const std::vector<Copy>& copies, const st
              {"changes", ChangeTable(changes).ToJson()}});
 }
 
+// What a recovery would do at this moment.
+struct Plan {
+  std::vector<StoreFileState> files;
+  StoreFileState from;
+  LiveStore before;
+  StoreKey target;
+  std::vector<StoreChange> changes;
+
+  bool IsCurrent() const { return from.path == kStoreFile && from.IsWhole(); }
+};
+
+Plan MakePlan(const Options& options) {
+  Plan plan;
+  plan.before = LoadLiveStore();  // first: a save behind it is noticed
+  plan.files = SurveyStore();
+  plan.from = Choose(options, plan.files);
+  plan.target = ReadStoreFile(plan.from.path);
+  plan.changes = CompareStores(plan.before.root, plan.target);
+  RequireKeepable(plan.changes, plan.target);
+  return plan;
+}
+
 ExitCode Run(const Options& options, Output& out) {
-  const std::vector<StoreFileState> files = SurveyStore();
-  const StoreFileState from = Choose(options, files);
-  const bool isCurrent = from.path == kStoreFile && from.IsWhole();
-  if (from.check.Damage() > 0) {
-    out.Warn("the file is damaged, what could be read of it is taken", from.path, "see ravctl registry verify");
+  WarnAboutDaemon(out);
+  std::optional<StoreLock> lock;
+  Plan plan = MakePlan(options);
+  if (!plan.IsCurrent() && !options.isDryRun) {
+    lock.emplace();
+    plan = MakePlan(options);
   }
-  const StoreKey target = ReadStoreFile(from.path);
-  LiveStore live(out);
-  const std::vector<StoreChange> changes = CompareStores(live.Root(), target);
-  RequireKeepable(changes, target);
+  if (plan.from.check.Damage() > 0) {
+    out.Warn("the file is damaged, what could be read of it is taken", plan.from.path, "see ravctl registry verify");
+  }
+  const bool isRecovered = !plan.IsCurrent() && lock;
   std::vector<Copy> copies;
-  if (!isCurrent && !options.isDryRun) {
-    copies = MakeCopies(files);
-    live.Replace(target, true);
+  if (isRecovered) {
+    copies = MakeCopies(plan.files);
+    if (!SaveLiveStore(plan.before, plan.target, out)) {
+      throw CommandError(ExitCode::kInputMissing, "another process saved the registry meanwhile, nothing was replaced",
+                         kStoreFile, "look at it and try again");
+    }
   }
-  Print(from, copies, changes, !isCurrent && !options.isDryRun, out);
+  Print(plan.from, copies, plan.changes, isRecovered, out);
   return ExitCode::kDone;
 }
 

@@ -24,10 +24,8 @@ uint32_t ChosenType(const Options& options, const StoreKey* key) {
   return old != key->values.end() ? old->second.type : static_cast<uint32_t>(kRegistryString);
 }
 
-ExitCode Run(const Options& options, Output& out) {
-  const StorePath path = ParseStorePath(options.key);
-  LiveStore live(out);
-  const StoreKey* key = FindStoreKey(live.Root(), path);
+StoreKey WithValue(const Options& options, const StorePath& path, const StoreKey& root) {
+  const StoreKey* key = FindStoreKey(root, path);
   const uint32_t type = ChosenType(options, key);
   const std::optional<StoreValue> value = ParseValue(type, options.value);
   if (!value) {
@@ -40,16 +38,22 @@ ExitCode Run(const Options& options, Output& out) {
                        "delete the key first");
   }
   for (StorePath above; above.size() < path.size();) {
-    const StoreKey* parent = FindStoreKey(live.Root(), above);
+    const StoreKey* parent = FindStoreKey(root, above);
     above.push_back(path[above.size()]);
     if (parent != nullptr && parent->values.contains(above.back())) {
       throw CommandError(ExitCode::kUsage, "a value stands where a key is wanted", PathText(above),
                          "delete the value first");
     }
   }
-  StoreKey target = live.Root();
+  StoreKey target = root;
   MakeStoreKey(target, path).values[options.name] = *value;
-  return FinishChange({"registry-set"}, live, target, options.write, out);
+  return target;
+}
+
+ExitCode Run(const Options& options, Output& out) {
+  const StorePath path = ParseStorePath(options.key);
+  return RunEdit(
+      {"registry-set"}, [&](const StoreKey& root) { return WithValue(options, path, root); }, options.write, out);
 }
 
 }  // namespace
