@@ -351,13 +351,15 @@ TEST(TraceConfig, ValueSourceAndIgnoredFiles) {
     }
     return nlohmann::json();
   };
-  nlohmann::json answer = machine.Json({"trace", "config"}, 0, {"QN_LOG_RINGBUF_WEIGHT=2", "QN_LOG_FILE_MAX_SIZE=1"});
+  nlohmann::json answer = machine.Json({"trace", "config"}, 0,
+                                       {"QN_LOG_RINGBUF_WEIGHT=2", "QN_LOG_FILE_MAX_SIZE=1", "QN_LOG_RINGBUF_DIR="});
   EXPECT_EQ(setting(answer, "level")["value"], "4");
   EXPECT_EQ(setting(answer, "level")["from"], directory + "b.ini: FileDebugLevel");
   EXPECT_EQ(setting(answer, "ring_buffer_factor")["comment"], "counts as 2");
   EXPECT_EQ(setting(answer, "ring_buffer_weight")["source"], "environment");
   EXPECT_EQ(setting(answer, "ring_buffer_size")["value"], "4194304");
   EXPECT_EQ(setting(answer, "directory")["source"], "default");
+  EXPECT_EQ(setting(answer, "directory")["value"], kDirectory);
   EXPECT_EQ(answer["data"]["tracing"], true);
   EXPECT_EQ(answer["data"]["files"][0]["reason"], "its last bracketed name is not [EndOfFile]");
   EXPECT_EQ(answer["data"]["files"][2]["reason"], "b.ini comes first");

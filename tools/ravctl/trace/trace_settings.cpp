@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -15,8 +14,7 @@
 #include "ravctl/base/error.h"
 #include "ravctl/base/text.h"
 #include "ravctl/daemon/process.h"
-#include "trace/debug.h"
-#include "trace/debug_trace_config.h"
+#include "trace/trace_settings.h"
 
 namespace ravctl {
 
@@ -24,11 +22,10 @@ namespace {
 
 constexpr const char* kGlobalFileName = "global_trace.ini";
 constexpr const char* kGlobalSection = "GlobalDebugSettings";
+constexpr const char* kDynamicUpdate = "DynamicUpdate";
 constexpr const char* kDaemonApplication = "ravd";
-constexpr const char* kDefaultDirectory = "/var/log/pelrix";
-constexpr uint32_t kDefaultLogFileSize = 51200;
 constexpr uint32_t kLargestFactor = 2;
-constexpr uint32_t kNotGiven = 0xFFFFFFFF;
+constexpr uint32_t kNotGiven = ::TraceSettings::kNotGiven;
 
 std::string PathInDirectory(const std::string& name) {
   return std::string(kTraceConfigDirectory) + "/" + name;
@@ -60,19 +57,34 @@ std::string ReasonAgainst(const std::string& name, const std::string& section) {
   return "has no section [" + section + "]";
 }
 
-std::string Decimal(uint32_t value) {
-  return std::to_string(value);
-}
+// Its variables, each with a zero behind it, take the place of the process's own.
+class Environment {
+ public:
+  explicit Environment(std::string text) : m_Text(std::move(text)), m_Own(environ) {
+    for (size_t at = 0; at < m_Text.size(); at = std::min(m_Text.find('\0', at), m_Text.size()) + 1)
+      m_Variables.push_back(m_Text.data() + at);
+    m_Variables.push_back(nullptr);
+    environ = m_Variables.data();
+  }
+  ~Environment() { environ = m_Own; }
+  Environment(const Environment&) = delete;
+  Environment& operator=(const Environment&) = delete;
+
+ private:
+  std::string m_Text;
+  char** m_Own;
+  std::vector<char*> m_Variables;
+};
 
 }  // namespace
 
 TraceSettings::TraceSettings(std::string application) : m_Application(std::move(application)) {
-  ReadEnvironment();
   ReadFiles();
+  const Environment environment(ReadEnvironment());
   Compute();
 }
 
-void TraceSettings::ReadEnvironment() {
+std::string TraceSettings::ReadEnvironment() {
   std::string text;
   m_EnvironmentOf = "this command";
   if (m_Application == kDaemonApplication) {
@@ -85,10 +97,7 @@ void TraceSettings::ReadEnvironment() {
     for (char** variable = environ; *variable != nullptr; ++variable)
       text += std::string(*variable) + '\0';
   }
-  for (const std::string& variable : SplitList(text, '\0')) {
-    const size_t equals = variable.find('=');
-    if (equals != std::string::npos) m_Environment.push_back({variable.substr(0, equals), variable.substr(equals + 1)});
-  }
+  return m_IsDirectoryEmpty ? "" : text;  // it is not consulted then either
 }
 
 void TraceSettings::ReadFiles() {
@@ -126,74 +135,59 @@ void TraceSettings::ReadFiles() {
   }
 }
 
-const std::string* TraceSettings::Find(const std::string& variable) const {
-  const auto found = std::ranges::find(m_Environment, variable, &Variable::name);
-  return found != m_Environment.end() ? &found->value : nullptr;
-}
-
-// The first variable that is set (decimal), else the key of the file, else the default.
-uint32_t TraceSettings::Add(const std::string& name, const std::vector<std::string>& variables, const std::string& key,
-                            uint32_t defaultValue) {
-  for (const std::string& variable : variables) {
-    const std::string* text = Find(variable);
-    if (text == nullptr) continue;
-    const auto value = static_cast<uint32_t>(std::strtol(text->c_str(), nullptr, 10));
-    m_Settings.push_back({name, Decimal(value), "environment", variable, ""});
-    if (Decimal(value) != *text) m_Settings.back().comment = "given as \"" + *text + "\"";
-    return value;
+void TraceSettings::Add(const std::string& name, uint32_t value, const std::vector<std::string>& variables,
+                        const CDebugTraceConfigFile* file, const char* key) {
+  TraceSetting setting{name, std::to_string(value), "default", "", ""};
+  const auto set =
+      std::ranges::find_if(variables, [](const std::string& variable) { return ::getenv(variable.c_str()); });
+  uint32_t read = kNotGiven;
+  if (set != variables.end()) {
+    setting.source = "environment";
+    setting.from = *set;
+    const std::string text = ::getenv(set->c_str());
+    if (setting.value != text) setting.comment = "given as \"" + text + "\"";
+  } else if (file != nullptr && file->ReadNumber(key, read) && read != kNotGiven) {
+    setting.source = "file";
+    setting.from =
+        PathInDirectory(key == std::string_view(kDynamicUpdate) ? m_GlobalFile : m_ApplicationFile) + ": " + key;
   }
-  const bool isGlobal = key == "DynamicUpdate";
-  const std::string& fileName = isGlobal ? m_GlobalFile : m_ApplicationFile;
-  CDebugTraceConfigFile file;
-  uint32_t value = kNotGiven;
-  if (!key.empty() && !fileName.empty() &&
-      file.OpenSectionInIniFile(isGlobal ? kGlobalSection : m_Application.c_str(), fileName.c_str(),
-                                kTraceConfigDirectory)) {
-    file.ReadNumber(key.c_str(), value);
-  }
-  if (value != kNotGiven) {
-    m_Settings.push_back({name, Decimal(value), "file", PathInDirectory(fileName) + ": " + key, ""});
-    return value;
-  }
-  m_Settings.push_back({name, Decimal(defaultValue), "default", "", ""});
-  return defaultValue;
+  m_Settings.push_back(std::move(setting));
 }
 
 void TraceSettings::Compute() {
-  if (m_IsDirectoryEmpty) m_Environment.clear();  // it is not consulted either
-  m_Directory = kDefaultDirectory;
-  TraceSetting directory{"directory", m_Directory, "default", "", ""};
-  CDebugTraceConfigFile file;
-  std::array<char, 256> text{};
-  if (const std::string* given = Find("QN_LOG_RINGBUF_DIR"); given != nullptr) {
-    directory = {"directory", given->substr(0, text.size() - 1), "environment", "QN_LOG_RINGBUF_DIR", ""};
-  } else if (!m_ApplicationFile.empty() &&
-             file.OpenSectionInIniFile(m_Application.c_str(), m_ApplicationFile.c_str(), kTraceConfigDirectory) &&
-             file.ReadText("RingBufferDirectory", text.data(), text.size()) && text[0] != '\0') {
-    directory = {"directory", text.data(), "file", PathInDirectory(m_ApplicationFile) + ": RingBufferDirectory", ""};
-  }
-  m_Directory = directory.value;
+  CDebugTraceConfigFile global, file;
+  const ::TraceSettings read = ReadTraceSettings(m_Application.c_str(), global, file);
+  m_Directory = read.directory;
+  m_Level = read.traceLevel;
+  m_DynamicUpdate = static_cast<uint32_t>(read.dynamicUpdate);
+  const uint32_t factor = std::min(read.ringBufferFactor, kLargestFactor);
 
-  std::array<char, 48> weightName{"QN_LOG_RINGBUF_WEIGHT"};
-  CDebug::BuildAppVarName(weightName.data(), weightName.size(), m_Application.c_str());
-  m_Level = Add("level", {"QN_LOG_DEBUG_LEVEL"}, "FileDebugLevel", 0);
+  Add("level", m_Level, {"QN_LOG_DEBUG_LEVEL"}, &file, "FileDebugLevel");
   m_IsLevelFromEnvironment = m_Settings.back().source == "environment";
-  m_Settings.push_back(directory);
-  const uint32_t factor = Add("ring_buffer_factor", {"TraceFileLimit"}, "RingBufferSizeFactor", 0);
-  if (factor > kLargestFactor) m_Settings.back().comment = "counts as 2";
+  const char* variable = ::getenv("QN_LOG_RINGBUF_DIR");
+  const bool isVariable = variable != nullptr && *variable != '\0';
+  TraceSetting directory{"directory", m_Directory, isVariable ? "environment" : "default",
+                         isVariable ? "QN_LOG_RINGBUF_DIR" : "", ""};
+  if (!isVariable && read.iniDirectory[0] != '\0') {
+    directory.source = "file";
+    directory.from = PathInDirectory(m_ApplicationFile) + ": RingBufferDirectory";
+  }
+  m_Settings.push_back(std::move(directory));
+  Add("ring_buffer_factor", read.ringBufferFactor, {"TraceFileLimit"}, &file, "RingBufferSizeFactor");
+  if (read.ringBufferFactor > kLargestFactor) m_Settings.back().comment = "counts as 2";
   std::vector<std::string> weights = {"QN_LOG_RINGBUF_WEIGHT"};
-  if (m_Level != 0) weights.insert(weights.begin(), weightName.data());
-  const uint32_t weight = Add("ring_buffer_weight", weights, "RingBufferSizeWeight", 0);
-  Add("log_file_max_size", {"QN_LOG_FILE_MAX_SIZE"}, "", kDefaultLogFileSize);
-  Add("no_header", {"QN_LOG_NOHDR_TOSDTERR"}, "NoHeaderToStderr", m_IsDirectoryEmpty ? 0 : 1);
-  const uint32_t memory = Add("memory_column", {}, "MemoryTracesFlag", m_IsDirectoryEmpty ? 0 : 1);
-  m_Settings.back().comment = memory != 0 ? "on" : "off";
-  Add("trace_flags", {}, "TraceFlags", 0);
-  m_DynamicUpdate = Add("dynamic_update", {"QN_LOG_DYNAMIC_UPDATE"}, "DynamicUpdate", 0);
+  if (m_Level != 0) weights.insert(weights.begin(), WeightVariable(m_Application.c_str()).name);
+  Add("ring_buffer_weight", read.ringBufferWeight, weights, &file, "RingBufferSizeWeight");
+  Add("log_file_max_size", read.maxLogFileSize, {"QN_LOG_FILE_MAX_SIZE"});
+  Add("no_header", read.noHeader, {"QN_LOG_NOHDR_TOSDTERR"}, &file, "NoHeaderToStderr");
+  Add("memory_column", read.memoryTracesFlag == kNotGiven ? 1 : read.memoryTracesFlag, {}, &file, "MemoryTracesFlag");
+  m_Settings.back().comment = read.memoryTracesFlag != 0 ? "on" : "off";
+  Add("trace_flags", read.traceFlags, {}, &file, "TraceFlags");
+  Add("dynamic_update", m_DynamicUpdate, {"QN_LOG_DYNAMIC_UPDATE"}, &global, kDynamicUpdate);
   m_Settings.back().comment = m_DynamicUpdate == 0 ? "files are read at start alone" : "seconds between two looks";
 
   const uint64_t page = static_cast<uint64_t>(std::max(::sysconf(_SC_PAGESIZE), 1L));
-  const uint64_t size = page * uint64_t{std::min(factor, kLargestFactor) * weight} * 256;
+  const uint64_t size = page * uint64_t{factor * read.ringBufferWeight} * 256;
   m_IsTracing = m_Level != 0 && size != 0;
   m_Settings.push_back({"ring_buffer_size", std::to_string(size), "computed", "page size x factor x weight x 256",
                         size == 0 ? "nothing is traced without a ring buffer" : HumanSize(size)});

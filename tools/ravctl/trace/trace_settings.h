@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "trace/debug_trace_config_file.h"
+
 namespace ravctl {
 
 inline constexpr const char* kTraceConfigDirectory = "/etc/norrow/QuennetSuite/TraceConfig";
@@ -24,9 +26,9 @@ struct TraceConfigFile {
   std::string reason;  // why it was not used, or for what it was
 };
 
-// The trace configuration of an application: the environment before the ini files before the defaults, read the way the
-// trace object reads them. The environment is that of the running daemon when the application is the daemon and may be
-// looked into, else the caller's own.
+// The trace configuration of an application as the trace object itself reads it, and where each value comes from. The
+// environment is that of the running daemon when the application is the daemon and may be looked into, else the
+// caller's own; it takes the place of the caller's while an object is made, which only one thread may do.
 class TraceSettings {
  public:
   explicit TraceSettings(std::string application);
@@ -46,20 +48,14 @@ class TraceSettings {
   bool IsLevelFromEnvironment() const { return m_IsLevelFromEnvironment; }
 
  private:
-  struct Variable {
-    std::string name;
-    std::string value;
-  };
-
-  void ReadEnvironment();
+  // A number of the trace object's: the first of the variables that is set gave it, else the key, else nobody.
+  void Add(const std::string& name, uint32_t value, const std::vector<std::string>& variables,
+           const CDebugTraceConfigFile* file = nullptr, const char* key = "");
+  std::string ReadEnvironment();
   void ReadFiles();
   void Compute();
-  const std::string* Find(const std::string& variable) const;
-  uint32_t Add(const std::string& name, const std::vector<std::string>& variables, const std::string& key,
-               uint32_t defaultValue);
 
   std::string m_Application;
-  std::vector<Variable> m_Environment;
   std::string m_EnvironmentOf;
   std::string m_ApplicationFile;
   std::string m_GlobalFile;
