@@ -126,7 +126,7 @@ TEST_F(NetworkInterface, AThreadIsCancelledAnywhere) {
   Run([] {
     const std::ptrdiff_t before = CountDescriptors();
     for (int run = 0; run < 400; ++run) {
-      std::thread thread([run] {
+      std::jthread thread([run] {
         if (run == 0) ::pthread_cancel(::pthread_self());
         for (;; ::pthread_testcancel()) {
           if (run % 2 == 0) Texts(network_interface_manager().get_network_interfaces());
@@ -138,7 +138,6 @@ TEST_F(NetworkInterface, AThreadIsCancelledAnywhere) {
       });
       if (run > 0) ::usleep(static_cast<useconds_t>(run));
       ::pthread_cancel(thread.native_handle());
-      thread.join();
     }
     EXPECT_EQ(CountDescriptors(), before);
   });

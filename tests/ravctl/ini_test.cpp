@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <map>
 
 #include "platform/ini_file.h"
 #include "ravctl/ravctl_runner.h"
@@ -52,18 +53,14 @@ std::string Patched(const std::string& old, const std::string& diff) {
   return text + old.substr(position);
 }
 
-// The exit status of the tool for the user, inside a root. The output goes to /tmp/out and /tmp/out.err.
-int RunAs(uid_t user, const std::vector<std::string>& arguments) {
+// The exit status of the tool for the user, inside a root, and what it said.
+int RunAs(uid_t user, const CommandLine& words) {
   const pid_t child = ::fork();
   if (child == 0) {
     if (user != 0 && (::setgid(user) != 0 || ::setuid(user) != 0)) ::_exit(99);
-    int status = 0;
-    ::waitpid(StartRavctl(arguments, "/tmp/out"), &status, 0);
-    ::_exit(WEXITSTATUS(status));
+    ::_exit(RunRavctl(words).status);
   }
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  return WEXITSTATUS(status);
+  return WaitForRavctl(child).status;
 }
 
 }  // namespace
@@ -71,39 +68,31 @@ int RunAs(uid_t user, const std::vector<std::string>& arguments) {
 TEST(Ini, GetAndSections) {
   const ToolRoot machine;
   machine.WriteFile(kFile, std::string(kPlain) + "e=\x1b[31m\xff\n[One]\na=2\n");
-  struct Row {
-    std::vector<std::string> arguments;
-    int status;
-    const char* out;
-    const char* err;
-  };
-  const Row rows[] = {
-      {{kFile, "One", "b"}, 0, "two words\n", ""},
-      {{kFile, "One", "a", "--default", "9"}, 0, "1\n", ""},
-      {{kFile, "One", "empty"}, 0, "\n", ""},
-      {{kFile, "One", "empty", "--default", "9"}, 0, "9\n", ""},
-      {{kFile, "Two", "e"}, 0, "\\x1b[31m\\xff\n", ""},
-      {{kFile, "Two", "e", "--raw"}, 0, "\x1b[31m\xff\n", ""},
-      {{kFile, "One", "aa"}, 1, "", "ravctl: warning: no such key: /etc/a.ini: [One] aa (did you mean a?)\n"},
-      {{kFile, "Ohne", "a"}, 1, "", "ravctl: warning: no such section: /etc/a.ini: [Ohne] (did you mean [One]?)\n"},
-      {{"/no", "One", "a"}, 4, "", "ravctl: ini get: cannot read: /no: No such file or directory (check the path)\n"},
-      {{"/no", "One", "a", "--default", "9"}, 0, "9\n", ""},
-      {{"/dev/null", "One", "a"}, 4, "", "ravctl: ini get: cannot read: /dev/null: Operation not supported\n"},
-      {{kFile, "One"}, 2, "", "ravctl: KEY is required: ini get (see ravctl ini get --help)\n"},
-  };
-  for (const Row& row : rows) {
-    std::vector<std::string> arguments{"ini", "get"};
-    arguments.insert(arguments.end(), row.arguments.begin(), row.arguments.end());
-    const ToolResult result = machine.Ravctl(arguments);
-    EXPECT_EQ(result.status, row.status) << row.out << row.err;
-    EXPECT_EQ(result.out, row.out);
-    EXPECT_EQ(result.err, row.err);
+  for (const auto& [words, out] : std::map<std::string, std::string>{
+           {"/etc/a.ini One b", "two words"},
+           {"/etc/a.ini One a --default 9", "1"},
+           {"/etc/a.ini One empty", ""},
+           {"/etc/a.ini One empty --default 9", "9"},
+           {"/etc/a.ini Two e", "\\x1b[31m\\xff"},
+           {"/etc/a.ini Two e --raw", "\x1b[31m\xff"},
+           {"/no One a --default 9", "9"},
+       }) {
+    const ToolResult result = machine.Ravctl("ini get " + words);
+    EXPECT_EQ(std::to_string(result.status) + result.out + result.err, "0" + out + "\n") << words;
   }
-  EXPECT_EQ(machine.Json({"ini", "get", kFile, "One", "nix"}, 1)["data"]["source"], "none");
-  const nlohmann::json sections = machine.Json({"ini", "sections", kFile})["data"];
+  const Fault faults[] = {
+      {"/etc/a.ini One aa", 1, "warning: no such key: /etc/a.ini: [One] aa (did you mean a?)"},
+      {"/etc/a.ini Ohne a", 1, "warning: no such section: /etc/a.ini: [Ohne] (did you mean [One]?)"},
+      {"/no One a", 4, "ini get: cannot read: /no: No such file or directory (check the path)"},
+      {"/dev/null One a", 4, "ini get: cannot read: /dev/null: Operation not supported"},
+      {"/etc/a.ini One", 2, "KEY is required: ini get (see ravctl ini get --help)"},
+  };
+  ExpectFaults(machine, "ini get", faults);
+  EXPECT_EQ(machine.Json("ini get /etc/a.ini One nix", 1)["data"]["source"], "none");
+  const nlohmann::json sections = machine.Json("ini sections /etc/a.ini")["data"];
   EXPECT_EQ(sections[0], nlohmann::json({{"section", "One"}, {"line", 2}, {"keys", 3}, {"read", true}}));
   EXPECT_EQ(sections[2], nlohmann::json({{"section", "One"}, {"line", 12}, {"keys", 1}, {"read", false}}));
-  EXPECT_EQ(machine.Json({"ini", "sections", kFile, "--keys"})["data"].size(), 6U);
+  EXPECT_EQ(machine.Json("ini sections /etc/a.ini --keys")["data"].size(), 6U);
 }
 
 // What is said to be read is what the library reads.
@@ -111,7 +100,7 @@ TEST(Ini, SectionsAgreeWithTheLibrary) {
   const ToolRoot machine;
   machine.WriteFile(kFile, Zeros("x=0\n [A] ; c\nk=1\n\tk = 2\n[B\nl=1\n[A]\nm=1\n[a]b]\nn=@1\n[C]\r\no=1;2\r\n" +
                                  std::string(1023, 'z') + "[D]\np=1\n\xff=\xfe"));
-  const nlohmann::json keys = machine.Json({"ini", "sections", kFile, "--keys"})["data"];
+  const nlohmann::json keys = machine.Json("ini sections /etc/a.ini --keys")["data"];
   size_t read = 0;
   CIniFile ini;
   ini.Open(machine.HostPath(kFile).c_str());
@@ -129,69 +118,65 @@ TEST(Ini, CheckTellsDamageFromOddities) {
   struct Row {
     std::string content;
     int status;
-    const char* findings;  // line, severity and kind of each
+    const char* findings;  // place in the file, severity and kind of each
   };
   const Row rows[] = {
       {kPlain, 0, ""},
       {"", 0, ""},
-      {"Words to the reader; and more\n[A]\nk=1\n", 1, "1 note stray\n"},
-      {"k=1\n[A]\nlost\n[B\nk=2\n", 5, "1 bad orphan\n3 bad stray\n4 bad header\n5 bad orphan\n"},
+      {"Words to the reader; and more\n[A]\nk=1\n", 1, ":1, note, stray\n"},
+      {"k=1\n[A]\nlost\n[B\nk=2\n", 5, ":1, bad, orphan\n:3, bad, stray\n:4, bad, header\n:5, bad, orphan\n"},
       {"[A]\nk=" + std::string(1021, 'x') + "\n", 0, ""},
-      {"[A]\nk=" + std::string(1022, 'x') + "\n", 5, "2 bad long\n"},
-      {Zeros("[A]\n@\nk=1@2\n"), 5, "2 bad nul\n3 bad nul\n"},
-      {"[A]\nk=1\nk=2\n[A]\nk=3\n", 1, "3 note key\n4 note section\n"},
-      {"[A] ; c\n k=1", 1, "1 note writer\n2 note writer\n2 note end\n"},
-      {"[A]\r\n; c\r\nk=1\n", 1, "1 note crlf\n"},
+      {"[A]\nk=" + std::string(1022, 'x') + "\n", 5, ":2, bad, long\n"},
+      {Zeros("[A]\n@\nk=1@2\n"), 5, ":2, bad, nul\n:3, bad, nul\n"},
+      {"[A]\nk=1\nk=2\n[A]\nk=3\n", 1, ":3, note, key\n:4, note, section\n"},
+      {"[A] ; c\n k=1", 1, ":1, note, writer\n:2, note, writer\n:2, note, end\n"},
+      {"[A]\r\n; c\r\nk=1\n", 1, ":1, note, crlf\n"},
   };
   const ToolRoot machine;
   for (const Row& row : rows) {
     machine.WriteFile(kFile, row.content);
     std::string findings;
-    const nlohmann::json answer = machine.Json({"ini", "check", kFile}, row.status);
-    for (const nlohmann::json& finding : answer["data"]) {
-      findings += finding["place"].get<std::string>().substr(std::string(kFile).size() + 1) + ' ' +
-                  finding["severity"].get<std::string>() + ' ' + finding["check"].get<std::string>() + '\n';
-    }
+    const nlohmann::json answer = machine.Json("ini check /etc/a.ini", row.status);
+    for (const nlohmann::json& finding : answer["data"])
+      findings += Members(finding, "place severity check").substr(std::string_view(kFile).size()) + '\n';
     EXPECT_EQ(findings, row.findings) << row.content;
   }
   machine.WriteFile(kFile, "[A]\nk=1\n\x1b[2Jk=2\nk=3\n");
-  EXPECT_THAT(machine.Ravctl({"ini", "check", kFile}).out, HasSubstr("k again: that of line 2 is read"));
+  EXPECT_THAT(machine.Ravctl("ini check /etc/a.ini").out, HasSubstr("k again: that of line 2 is read"));
   machine.WriteFile(kFile, "[A]\n\x1b[2J\n");
-  EXPECT_THAT(machine.Ravctl({"ini", "check", kFile}).out, HasSubstr("neither section, key nor comment: \\x1b[2J"));
-  EXPECT_EQ(machine.Ravctl({"ini", "check", "/no"}).status, 4);
+  EXPECT_THAT(machine.Ravctl("ini check /etc/a.ini").out, HasSubstr("neither section, key nor comment: \\x1b[2J"));
+  EXPECT_EQ(machine.Ravctl("ini check /no").status, 4);
 }
 
 // The file stays as it is with --dry-run, and the diff makes of it what the run without writes.
 TEST(Ini, DryRunShowsWhatTheRunWrites) {
   struct Row {
     std::string content;
-    std::vector<std::string> arguments;
+    CommandLine words;
     bool isChange = true;
   };
   const std::string crlf = Zeros("[A]\r\nk=\xff@\x1b\r\n[B]\n\tx\n\n; of k\nk=1\n; of C\n[C]\nz=1");
   const Row rows[] = {
-      {kPlain, {"set", kFile, "One", "a", "one"}},
-      {kPlain, {"set", kFile, "One", "b", "x=y"}},
-      {kPlain, {"set", kFile, "One", "new", "1"}},
-      {kPlain, {"set", kFile, "Three", "new", ""}},
-      {kPlain, {"set", kFile, "Two", "c", "3"}, false},
-      {kPlain, {"del", kFile, "One", "b"}},
-      {kPlain, {"del", kFile, "One"}},
-      {kPlain, {"del", kFile, "Two"}},
-      {"", {"set", kFile, "A", "k", "1"}},
-      {"[A]\nk=1\n", {"del", kFile, "A"}},
-      {crlf, {"set", kFile, "B", "k", "\xf0"}},
-      {crlf, {"set", kFile, "C", "y", "\x1b"}},
-      {crlf, {"set", kFile, "D", "y", "2"}},
-      {crlf, {"del", kFile, "C", "z"}},
+      {kPlain, "set /etc/a.ini One a one"},
+      {kPlain, "set /etc/a.ini One b x=y"},
+      {kPlain, "set /etc/a.ini One new 1"},
+      {kPlain, "set /etc/a.ini Three new ''"},
+      {kPlain, "set /etc/a.ini Two c 3", false},
+      {kPlain, "del /etc/a.ini One b"},
+      {kPlain, "del /etc/a.ini One"},
+      {kPlain, "del /etc/a.ini Two"},
+      {"", "set /etc/a.ini A k 1"},
+      {"[A]\nk=1\n", "del /etc/a.ini A"},
+      {crlf, "set /etc/a.ini B k \xf0"},
+      {crlf, "set /etc/a.ini C y \x1b"},
+      {crlf, "set /etc/a.ini D y 2"},
+      {crlf, "del /etc/a.ini C z"},
   };
   const ToolRoot machine;
   for (const Row& row : rows) {
     machine.WriteFile(kFile, row.content, 0640);
-    std::vector<std::string> dry{"ini"};
-    dry.insert(dry.end(), row.arguments.begin(), row.arguments.end());
-    std::vector<std::string> real = dry;
-    dry.insert(dry.end(), {"--dry-run", "--raw"});
+    const CommandLine real = CommandLine("ini") + row.words;
+    const CommandLine dry = real + "--dry-run --raw";
     const ToolResult shown = machine.Ravctl(dry);
     EXPECT_EQ(shown.status, 0) << shown.err;
     EXPECT_EQ(machine.ReadFile(kFile), row.content);
@@ -207,58 +192,47 @@ TEST(Ini, DryRunShowsWhatTheRunWrites) {
 
 TEST(Ini, DiffsToTheCharacter) {
   const ToolRoot machine;
-  EXPECT_EQ(machine.Ravctl({"ini", "set", kFile, "A", "k", "1", "--dry-run"}).status, 0);
+  EXPECT_EQ(machine.Ravctl("ini set /etc/a.ini A k 1 --dry-run").status, 0);
   machine.WriteFile(kFile, "[A]\n\nk=\x1b\nl=2");
-  EXPECT_EQ(machine.Ravctl({"ini", "set", kFile, "B", "m", "3", "--dry-run"}).out,
+  EXPECT_EQ(machine.Ravctl("ini set /etc/a.ini B m 3 --dry-run").out,
             "--- /etc/a.ini\n+++ /etc/a.ini\n@@ -1,4 +1,8 @@\n [A]\n \n k=\\x1b\n-l=2\n\\ No newline at end of file\n"
             "+l=2\n+\n+[B]\n+\n+m=3\n");
-  EXPECT_EQ(machine.Ravctl({"ini", "set", "/etc/new.ini", "B", "m", "3", "--dry-run"}).out,
+  EXPECT_EQ(machine.Ravctl("ini set /etc/new.ini B m 3 --dry-run").out,
             "--- /dev/null\n+++ /etc/new.ini\n@@ -0,0 +1,4 @@\n+\n+[B]\n+\n+m=3\n");
   EXPECT_FALSE(machine.Exists("/etc/new.ini"));
-  EXPECT_EQ(machine.Json({"ini", "set", "/etc/new.ini", "B", "m", "3"})["data"]["created"], true);
+  EXPECT_EQ(machine.Json("ini set /etc/new.ini B m 3")["data"]["created"], true);
   EXPECT_EQ(machine.ReadFile("/etc/new.ini"), "\n[B]\n\nm=3\n");
-  EXPECT_EQ(machine.Ravctl({"ini", "set", "--", "/etc/new.ini", "B", "m", "-5"}).out, "set: /etc/new.ini: [B] m\n");
-  EXPECT_EQ(machine.Ravctl({"ini", "del", "/etc/new.ini", "B", "x", "--dry-run"}).out, "nothing would change\n");
+  EXPECT_EQ(machine.Ravctl("ini set -- /etc/new.ini B m -5").out, "set: /etc/new.ini: [B] m\n");
+  EXPECT_EQ(machine.Ravctl("ini del /etc/new.ini B x --dry-run").out, "nothing would change\n");
 }
 
 TEST(Ini, RefusesWhatAReaderWouldNotGet) {
-  struct Row {
-    std::vector<std::string> arguments;
-    int status;
-    const char* err;
-  };
   const std::string content = "[A]\nk=1\n i=1\nk=2\n [I]\nk=3\n[D]\nk=4\n[D]\nk=5\n";
-  const Row rows[] = {
-      {{"set", kFile, "A", "k", "1;2"}, 2, "ini set: a reader would not get this back: /etc/a.ini: [A] k=1;2 ("},
-      {{"set", kFile, "A", "k", "1\n[X]"}, 2, "[A] k=1\\x0a[X] ("},
-      {{"set", kFile, "A", "k", " 1"}, 2, "no blanks at the ends"},
-      {{"set", kFile, "A", "k=l", "1"}, 2, "no = or leading [ in a key"},
-      {{"set", kFile, "A", ";k", "1"}, 2, "reader would not get"},
-      {{"set", kFile, "A;", "k", "1"}, 2, "reader would not get"},
-      {{"set", kFile, "A", "k", std::string(1022, 'x')}, 2, "at most 1023 characters"},
-      {{"set", kFile, "A", "i", "2"}, 5, "ini set: a reader finds it, but a writer does not: /etc/a.ini: [A] i ("},
-      {{"set", kFile, "I", "k", "4"}, 5, "a writer does not: /etc/a.ini: [I] k ("},
-      {{"del", kFile, "A", "i"}, 5, "ini del: a reader finds it, but a writer does not"},
-      {{"del", kFile, "I"}, 5, "a writer does not: /etc/a.ini: [I] ("},
-      {{"del", kFile, "A", "nix"}, 1, ""},
-      {{"del", "/etc/no.ini", "A"}, 4, "ini del: cannot read: /etc/no.ini: No such file or directory (check the path)"},
-      {{"set", "/no/a.ini", "A", "k", "1"}, 4, "ini set: cannot make a file in: /no: No such file or directory ("},
-      {{"set", "/etc", "A", "k", "1"}, 4, "ini set: cannot read: /etc: Is a directory"},
-      {{"set", kFile, "A", "k", "9", "--sysroot", "/"}, 2, "--sysroot /"},
+  const Fault faults[] = {
+      {"set /etc/a.ini A k 1;2", 2, "ini set: a reader would not get this back: /etc/a.ini: [A] k=1;2 (..."},
+      {"set /etc/a.ini A k '1\n[X]'", 2, "...[A] k=1\\x0a[X] (..."},
+      {"set /etc/a.ini A k ' 1'", 2, "...no blanks at the ends..."},
+      {"set /etc/a.ini A k=l 1", 2, "...no = or leading [ in a key..."},
+      {"set /etc/a.ini A ;k 1", 2, "...reader would not get..."},
+      {"set /etc/a.ini A; k 1", 2, "...reader would not get..."},
+      {"set /etc/a.ini A k " + std::string(1022, 'x'), 2, "...at most 1023 characters..."},
+      {"set /etc/a.ini A i 2", 5, "ini set: a reader finds it, but a writer does not: /etc/a.ini: [A] i (..."},
+      {"set /etc/a.ini I k 4", 5, "...a writer does not: /etc/a.ini: [I] k (..."},
+      {"del /etc/a.ini A i", 5, "ini del: a reader finds it, but a writer does not..."},
+      {"del /etc/a.ini I", 5, "...a writer does not: /etc/a.ini: [I] (..."},
+      {"del /etc/no.ini A", 4, "ini del: cannot read: /etc/no.ini: No such file or directory (check the path)"},
+      {"set /no/a.ini A k 1", 4, "ini set: cannot make a file in: /no: No such file or directory (..."},
+      {"set /etc A k 1", 4, "ini set: cannot read: /etc: Is a directory..."},
+      {"set /etc/a.ini A k 9 --sysroot /", 2, "...--sysroot /..."},
   };
   const ToolRoot machine;
   machine.WriteFile(kFile, content);
-  for (const Row& row : rows) {
-    std::vector<std::string> arguments{"ini"};
-    arguments.insert(arguments.end(), row.arguments.begin(), row.arguments.end());
-    const ToolResult result = machine.Ravctl(arguments);
-    EXPECT_EQ(result.status, row.status) << row.err << result.err;
-    EXPECT_THAT(result.err, HasSubstr(row.err));
-    EXPECT_EQ(machine.ReadFile(kFile), content) << row.err;
-  }
-  EXPECT_EQ(machine.Ravctl({"ini", "del", kFile, "A", "k"}).err,
+  ExpectFaults(machine, "ini", faults);
+  EXPECT_EQ(machine.Ravctl("ini del /etc/a.ini A nix").status, 1);
+  EXPECT_EQ(machine.ReadFile(kFile), content);
+  EXPECT_EQ(machine.Ravctl("ini del /etc/a.ini A k").err,
             "ravctl: warning: a further key of that name is read now: /etc/a.ini: [A] k=2 (delete it as well)\n");
-  EXPECT_THAT(machine.Ravctl({"ini", "del", kFile, "D"}).err, HasSubstr("a further section of that name is read now"));
+  EXPECT_THAT(machine.Ravctl("ini del /etc/a.ini D").err, HasSubstr("a further section of that name is read now"));
 }
 
 TEST(Ini, AnOrdinaryUserIsToldWhatNeedsRoot) {
@@ -270,15 +244,15 @@ TEST(Ini, AnOrdinaryUserIsToldWhatNeedsRoot) {
   machine.WriteFile("/etc/secret.ini", kPlain, 0600);
   machine.Run(
       [&] {
-        EXPECT_EQ(RunAs(kNobody, {"ini", "get", kFile, "One", "a"}), 0);
-        EXPECT_EQ(RunAs(kNobody, {"ini", "get", "/etc/secret.ini", "One", "a", "--default", "1"}), 3);
-        EXPECT_EQ(RunAs(kNobody, {"ini", "set", kFile, "One", "a", "2", "--dry-run"}), 0);
+        EXPECT_EQ(RunAs(kNobody, "ini get /etc/a.ini One a"), 0);
+        EXPECT_EQ(RunAs(kNobody, "ini get /etc/secret.ini One a --default 1"), 3);
+        EXPECT_EQ(RunAs(kNobody, "ini set /etc/a.ini One a 2 --dry-run"), 0);
         EXPECT_THAT(ReadWholeFile("/tmp/out.err"), HasSubstr("the real run would fail: /etc/a.ini: Permission denied"));
-        EXPECT_EQ(RunAs(kNobody, {"ini", "set", kFile, "One", "a", "2"}), 3);
+        EXPECT_EQ(RunAs(kNobody, "ini set /etc/a.ini One a 2"), 3);
         EXPECT_EQ(ReadWholeFile("/tmp/out.err"),
                   "ravctl: ini set: cannot write: /etc/a.ini: Permission denied (needs root)\n");
-        EXPECT_EQ(RunAs(kNobody, {"ini", "set", "/etc/new.ini", "One", "a", "2"}), 3);
-        EXPECT_EQ(RunAs(kNobody, {"ini", "set", "/tmp/own.ini", "One", "a", "2"}), 0);
+        EXPECT_EQ(RunAs(kNobody, "ini set /etc/new.ini One a 2"), 3);
+        EXPECT_EQ(RunAs(kNobody, "ini set /tmp/own.ini One a 2"), 0);
       },
       FixtureRoot::kUsr);
   EXPECT_EQ(machine.ReadFile(kFile), kPlain);
@@ -299,23 +273,23 @@ TEST(Ini, TheOldFileOutlivesAFullOrReadOnlyDisk) {
           ASSERT_EQ(std::fclose(file), 0);
         }
         const std::string longer(900, 'y');
-        EXPECT_EQ(RunAs(0, {"ini", "set", "/full/a.ini", "A", "k", longer}), 4);
+        EXPECT_EQ(RunAs(0, "ini set /full/a.ini A k " + longer), 4);
         EXPECT_EQ(ReadWholeFile("/tmp/out.err"),
                   "ravctl: ini set: cannot write: /full/a.ini: no space is left (the file is as it was)\n");
         EXPECT_EQ(ReadWholeFile("/full/a.ini"), content);
-        EXPECT_EQ(RunAs(0, {"ini", "set", "/full/new.ini", "A", "k", "1"}), 4);
+        EXPECT_EQ(RunAs(0, "ini set /full/new.ini A k 1"), 4);
         EXPECT_NE(::access("/full/new.ini", F_OK), 0);
         // Not even what needs no more room: only a whole new file replaces the old one.
-        EXPECT_EQ(RunAs(0, {"ini", "set", "/full/a.ini", "B", "l", "2"}), 4);
+        EXPECT_EQ(RunAs(0, "ini set /full/a.ini B l 2"), 4);
         EXPECT_EQ(ReadWholeFile("/full/a.ini"), content);
 
         ASSERT_EQ(::mount("none", "/full", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
-        EXPECT_EQ(RunAs(0, {"ini", "set", "/full/a.ini", "B", "l", "3"}), 4);
+        EXPECT_EQ(RunAs(0, "ini set /full/a.ini B l 3"), 4);
         EXPECT_THAT(ReadWholeFile("/tmp/out.err"), HasSubstr("cannot write: /full/a.ini: Read-only file system"));
       },
       FixtureRoot::kUsr);
   // No place for the private copy: nothing is written.
   machine.WriteFile(kFile, kPlain);
-  EXPECT_EQ(machine.Ravctl({"ini", "set", kFile, "One", "a", "2"}, {"TMPDIR=/no"}).status, 4);
+  EXPECT_EQ(machine.Ravctl("ini set /etc/a.ini One a 2", {"TMPDIR=/no"}).status, 4);
   EXPECT_EQ(machine.ReadFile(kFile), kPlain);
 }

@@ -3,20 +3,21 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "ravctl/tool_machine.h"
 
 namespace {
 
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using Arguments = std::vector<std::string>;
 
 constexpr auto kNetwork = FixtureRoot::kNetwork;
 
 TEST(Inventory, TreeLinksAdaptersDrivesAndVolumes) {
   const ToolRoot machine;
   ServerTree().Install(machine);
-  const ToolResult result = machine.Ravctl({"inventory", "-o", "device,kind,slot,identity,name"}, {}, kNetwork);
+  const ToolResult result = machine.Ravctl("inventory -o device,kind,slot,identity,name", {}, kNetwork);
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.err, "");
   EXPECT_EQ(result.out,
@@ -31,7 +32,7 @@ TEST(Inventory, TreeLinksAdaptersDrivesAndVolumes) {
             "/dev/nst0      drive   -    -                 KESTREL UBRIUM-TD4\n"
             "/other         volume  -    -                 /dev/sdaa1\n");
 
-  const nlohmann::json data = machine.Json({"inventory", "--all"}, 0, {}, kNetwork)["data"];
+  const nlohmann::json data = machine.Json("inventory --all", 0, {}, kNetwork)["data"];
   EXPECT_THAT(Values(data["adapters"], "driver"), ElementsAre("igb", "megaraid_sas", "nvme"));
   EXPECT_THAT(Values(data["drives"], "type"), ElementsAre("disk", "tape", "disk"));
   EXPECT_THAT(Values(data["drives"], "adapter"), ElementsAre("0000:18:00.0", "-", "0000:5e:00.0"));
@@ -39,46 +40,39 @@ TEST(Inventory, TreeLinksAdaptersDrivesAndVolumes) {
 }
 
 TEST(Inventory, FiltersKeepWhatMatchesAndWhatItHangsOn) {
-  struct Row {
-    Arguments arguments;
-    const char* key;
-    std::vector<std::string> values;
-  };
-  const Row rows[] = {
-      {{"adapters", "--class", "NET", "--class", "scsi*"}, "address", {"0000:17:00.0", "0000:18:00.0"}},
-      {{"adapters", "--driver", "mega"}, "address", {}},
-      {{"adapters", "--slot", "4"}, "interface", {"eth7"}},
-      {{"adapters", "-m", "quad"}, "vendor", {"Kestrel"}},
-      {{"drives", "--adapter", "*:18:*"}, "scsi", {"0:2:0:0"}},
-      {{"drives", "--type", "tape", "--vendor", "kestrel"}, "device", {"/dev/nst0"}},
-      {{"volumes", "--drive", "/dev/sda"}, "mount_point", {"/system"}},
-      {{"volumes", "--type", "proc"}, "mount_point", {}},
-      {{"volumes", "--type", "proc", "--all"}, "mount_point", {"/proc"}},
-      {{"volumes", "--kind", "local", "-m", "/d*"}, "mount_point", {"/data", "/other", "/system"}},
+  const std::tuple<const char*, const char*, std::vector<std::string>> rows[] = {
+      {"adapters --class NET --class scsi*", "address", {"0000:17:00.0", "0000:18:00.0"}},
+      {"adapters --driver mega", "address", {}},
+      {"adapters --slot 4", "interface", {"eth7"}},
+      {"adapters -m quad", "vendor", {"Kestrel"}},
+      {"drives --adapter *:18:*", "scsi", {"0:2:0:0"}},
+      {"drives --type tape --vendor kestrel", "device", {"/dev/nst0"}},
+      {"volumes --drive /dev/sda", "mount_point", {"/system"}},
+      {"volumes --type proc", "mount_point", {}},
+      {"volumes --type proc --all", "mount_point", {"/proc"}},
+      {"volumes --kind local -m /d*", "mount_point", {"/data", "/other", "/system"}},
   };
   const ToolRoot machine;
   ServerTree().Install(machine);
-  for (const Row& row : rows) {
-    Arguments arguments = row.arguments;
-    arguments.insert(arguments.begin(), "inventory");
-    const nlohmann::json answer = machine.Json(arguments, row.values.empty() ? 1 : 0, {}, kNetwork);
-    EXPECT_EQ(Values(answer["data"], row.key), row.values) << row.arguments[0] << ' ' << row.arguments[2];
+  for (const auto& [words, key, values] : rows) {
+    const nlohmann::json answer = machine.Json(CommandLine("inventory") + words, values.empty() ? 1 : 0, {}, kNetwork);
+    EXPECT_EQ(Values(answer["data"], key), values) << words;
   }
-  EXPECT_EQ(machine.Ravctl({"inventory", "-m", "RAVEN", "-o", "device", "--no-headings"}).out,
+  EXPECT_EQ(machine.Ravctl("inventory -m RAVEN -o device --no-headings").out,
             "0000:18:00.0\n└─/dev/sda\n  └─/system\n");
-  EXPECT_EQ(machine.Ravctl({"inventory", "-m", "nvme0n1p2", "-o", "device", "--no-headings"}).out,
+  EXPECT_EQ(machine.Ravctl("inventory -m nvme0n1p2 -o device --no-headings").out,
             "0000:5e:00.0\n└─/dev/nvme0n1\n  └─/data\n");
 }
 
 TEST(Inventory, BareMachineAndCapturedTree) {
   const ToolRoot machine;
-  EXPECT_EQ(machine.Ravctl({"inventory"}).status, 1);
+  EXPECT_EQ(machine.Ravctl("inventory").status, 1);
   ServerTree().Install(machine, "/captured");
-  nlohmann::json answer = machine.Json({"inventory", "--sysroot", "/captured"});
+  nlohmann::json answer = machine.Json("inventory --sysroot /captured");
   EXPECT_THAT(answer["warnings"][0]["where"].get<std::string>(), HasSubstr("drive inquiries"));
   const ToolRoot live;
   ServerTree().Install(live);
-  EXPECT_EQ(answer["data"], live.Json({"inventory"}, 0, {}, kNetwork)["data"]);
+  EXPECT_EQ(answer["data"], live.Json("inventory", 0, {}, kNetwork)["data"]);
 }
 
 // Two machines that differ in one thing of each kind.
@@ -98,11 +92,11 @@ TEST(InventoryDiff, EveryKindOfChangeFromEverySource) {
   after.MakeDirectory(DriveMachine::Device("0:2:1:0") + "/block/sdb");
   after.WriteFile("/etc/mtab", "/dev/sda1 /system xfs rw 0 0\n/dev/sdaa1 /elsewhere ext4 rw 0 0\n");
   after.Install(machine, "/after");
-  machine.WriteFile("/before.json", machine.Ravctl({"inventory", "--json"}, {}, kNetwork).out);
+  machine.WriteFile("/before.json", machine.Ravctl("inventory --json", {}, kNetwork).out);
 
-  EXPECT_EQ(machine.Ravctl({"inventory", "diff", "/before", "/before.json"}, {}, kNetwork).out, "");
-  EXPECT_EQ(machine.Json({"inventory", "diff", "live", "/before"}, 0, {}, kNetwork)["data"].size(), 0U);
-  const ToolResult trees = machine.Ravctl({"inventory", "diff", "/before", "/after", "--no-headings"}, {}, kNetwork);
+  EXPECT_EQ(machine.Ravctl("inventory diff /before /before.json", {}, kNetwork).out, "");
+  EXPECT_EQ(machine.Json("inventory diff live /before", 0, {}, kNetwork)["data"].size(), 0U);
+  const ToolResult trees = machine.Ravctl("inventory diff /before /after --no-headings", {}, kNetwork);
   EXPECT_EQ(trees.status, 1) << trees.err;
   EXPECT_EQ(trees.out,
             "moved   adapter 0000:19:00.0 eth8 0000:19:00.0 address     0000:17:00.0 0000:19:00.0\n"
@@ -116,9 +110,9 @@ TEST(InventoryDiff, EveryKindOfChangeFromEverySource) {
             "removed volume  /data        /dev/nvme0n1p2    -           /data        -\n");
   for (const char* from : {"live", "-", "/before.json"})
     EXPECT_EQ(machine.Ravctl({"inventory", "diff", from, "/after", "--no-headings"}, {}, kNetwork).out, trees.out);
-  EXPECT_EQ(machine.Json({"inventory", "diff", "/after", "/before"}, 1)["data"].size(), 9U);
-  ASSERT_EQ(machine.Ravctl({"bundle", "/bundle.tar.gz"}, {}, kNetwork).status, 0);
-  EXPECT_EQ(machine.Ravctl({"inventory", "diff", "/bundle.tar.gz", "/after", "--no-headings"}).out, trees.out);
+  EXPECT_EQ(machine.Json("inventory diff /after /before", 1)["data"].size(), 9U);
+  ASSERT_EQ(machine.Ravctl("bundle /bundle.tar.gz", {}, kNetwork).status, 0);
+  EXPECT_EQ(machine.Ravctl("inventory diff /bundle.tar.gz /after --no-headings").out, trees.out);
 }
 
 TEST(InventoryDiff, SidesThatCannotBeRead) {
@@ -129,26 +123,16 @@ TEST(InventoryDiff, SidesThatCannotBeRead) {
   machine.WriteFile("/odd.json", R"({"schema":"ravctl/inventory","data":{"adapters":[7],"drives":[],"volumes":[]}})");
   machine.WriteFile("/bare.json",
                     R"({"schema":"ravctl/inventory","data":{"adapters":[{}],"drives":[],"volumes":[{}]}})");
-  struct Row {
-    const char* operand;
-    int status;
-    const char* said;
+  const Fault faults[] = {
+      {"/none", 4, "...cannot open: /none..."},
+      {"/text", 5, "...the bundle is damaged: /text..."},
+      {"/cut.json", 5, "...neither JSON nor a captured tree: /cut.json..."},
+      {"/other.json", 5, "...not an inventory: /other.json..."},
+      {"/odd.json", 5, "...not an inventory: /odd.json..."},
+      {"", 2, "..."},
   };
-  const Row rows[] = {
-      {"/none", 4, "cannot open: /none"},
-      {"/text", 5, "the bundle is damaged: /text"},
-      {"/cut.json", 5, "neither JSON nor a captured tree: /cut.json"},
-      {"/other.json", 5, "not an inventory: /other.json"},
-      {"/odd.json", 5, "not an inventory: /odd.json"},
-  };
-  for (const Row& row : rows) {
-    const ToolResult result = machine.Ravctl({"inventory", "diff", "live", row.operand});
-    EXPECT_EQ(result.status, row.status) << result.err;
-    EXPECT_THAT(result.err, HasSubstr(row.said));
-    EXPECT_EQ(result.out, "");
-  }
-  EXPECT_EQ(machine.Ravctl({"inventory", "diff", "live", "/bare.json"}).status, 1);
-  EXPECT_EQ(machine.Ravctl({"inventory", "diff", "live"}).status, 2);
+  ExpectFaults(machine, "inventory diff live", faults);
+  EXPECT_EQ(machine.Ravctl("inventory diff live /bare.json").status, 1);
 }
 
 }  // namespace

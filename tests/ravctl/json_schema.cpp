@@ -50,22 +50,23 @@ class Checker {
   std::string Check(const Json& value, const Json& schema, const std::string& place) const {
     for (const auto& [keyword, rule] : schema.items()) {
       std::string fault;
+      const auto expect = [&fault, &value, &place, &rule = rule](bool isSo, const char* what) {
+        if (!isSo) fault = place + ": " + value.dump() + what + rule.dump();
+      };
       if (keyword == "type") {
-        if (!IsOfOneType(value, rule)) fault = place + ": " + value.dump() + " is not of type " + rule.dump();
+        expect(IsOfOneType(value, rule), " is not of type ");
       } else if (keyword == "const") {
-        if (value != rule) fault = place + ": not " + rule.dump();
+        expect(value == rule, " is not ");
       } else if (keyword == "enum") {
-        if (std::ranges::find(rule, value) == rule.end()) fault = place + ": " + value.dump() + " is not in the list";
+        expect(std::ranges::find(rule, value) != rule.end(), " is not in the list ");
       } else if (keyword == "minimum") {
-        if (value.is_number() && value < rule) fault = place + ": below " + rule.dump();
+        expect(!value.is_number() || value >= rule, " is below ");
       } else if (keyword == "pattern") {
-        if (value.is_string() && !std::regex_search(value.get<std::string>(), std::regex(rule.get<std::string>()))) {
-          fault = place + ": " + value.dump() + " does not match " + rule.dump();
-        }
+        expect(!value.is_string() || std::regex_search(value.get<std::string>(), std::regex(rule.get<std::string>())),
+               " does not match ");
       } else if (keyword == "required") {
-        for (const Json& key : rule) {
+        for (const Json& key : rule)
           if (value.is_object() && !value.contains(key)) fault = place + ": lacks " + key.dump();
-        }
       } else if (keyword == "items") {
         for (size_t index = 0; value.is_array() && index < value.size() && fault.empty(); ++index)
           fault = Check(value[index], rule, place + "/" + std::to_string(index));

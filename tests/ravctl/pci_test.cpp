@@ -20,13 +20,13 @@ TEST(Pci, TreeAndInheritedSlots) {
   const ToolRoot machine;
   ServerTree().Install(machine);
   AddFunction(machine, {.bus = "17", .name = "01.0", .classCode = 0x060400, .headerType = 1, .secondaryBus = 0x18});
-  const nlohmann::json rows = machine.Json({"pci"})["data"];
+  const nlohmann::json rows = machine.Json("pci")["data"];
   EXPECT_THAT(Values(rows, "address"),
               ElementsAre("0000:00:01.0", "0000:17:00.0", "0000:17:01.0", "0000:18:00.0", "0000:5e:00.0"));
   EXPECT_THAT(Values(rows, "slot"), ElementsAre("4", "4", "4", "3", "-"));
   EXPECT_THAT(Values(rows, "slot_from"), ElementsAre("firmware", "bridge", "bridge", "firmware", "-"));
   EXPECT_THAT(Values(rows, "parent"), ElementsAre("-", "0000:00:01.0", "0000:00:01.0", "0000:17:01.0", "-"));
-  EXPECT_EQ(machine.Ravctl({"pci", "--tree", "-o", "address,ids,slot_text,buses,name"}).out,
+  EXPECT_EQ(machine.Ravctl("pci --tree -o address,ids,slot_text,buses,name").out,
             "ADDRESS          IDS       SLOT       BUSES    NAME\n"
             "0000:00:01.0     8086:2030 4          00 -> 17 PCI-to-PCI bridge\n"
             "├─0000:17:00.0   8086:1521 4 (bridge) -        Kestrel Quad \\x1b[31mPort\n"
@@ -36,29 +36,23 @@ TEST(Pci, TreeAndInheritedSlots) {
 }
 
 TEST(Pci, FiltersAndBadInput) {
-  struct Row {
-    std::vector<std::string> arguments;
-    int status;
-    const char* said;
+  const std::pair<const char*, const char*> rows[] = {
+      {"--id 8086:", "0000:00:01.0\n0000:17:00.0\n"},
+      {"--id :A808", "0000:5e:00.0\n"},
+      {"--class net* --slot 4", "0000:17:00.0\n"},
+      {"--tree --driver igb", "0000:00:01.0\n└─0000:17:00.0\n"},
   };
-  const Row rows[] = {
-      {{"--id", "8086:"}, 0, "0000:00:01.0\n0000:17:00.0\n"},
-      {{"--id", ":A808"}, 0, "0000:5e:00.0\n"},
-      {{"--class", "net*", "--slot", "4"}, 0, "0000:17:00.0\n"},
-      {{"--tree", "--driver", "igb"}, 0, "0000:00:01.0\n└─0000:17:00.0\n"},
-      {{"--driver", "none"}, 1, ""},
-      {{"--id", "intel"}, 2, "ravctl: --id: not VENDOR:DEVICE in hexadecimal: intel: pci (see ravctl pci --help)\n"},
-      {{"--slots", "4"}, 2, "ravctl: unknown option: --slots (did you mean --slot?)\n"},
+  const Fault faults[] = {
+      {"--driver none", 1, ""},
+      {"--id intel", 2, "--id: not VENDOR:DEVICE in hexadecimal: intel: pci (see ravctl pci --help)"},
+      {"--slots 4", 2, "unknown option: --slots (did you mean --slot?)"},
   };
   const ToolRoot machine;
   ServerTree().Install(machine);
-  for (const Row& row : rows) {
-    std::vector<std::string> arguments = {"pci", "-o", "address", "--no-headings"};
-    arguments.insert(arguments.end(), row.arguments.begin(), row.arguments.end());
-    const ToolResult result = machine.Ravctl(arguments);
-    EXPECT_EQ(result.status, row.status) << row.said;
-    EXPECT_EQ(row.status == 2 ? result.err : result.out, row.said);
-  }
+  const CommandLine pci = "pci -o address --no-headings";
+  for (const auto& [words, out] : rows)
+    EXPECT_EQ(machine.Ravctl(pci + words).out, out);
+  ExpectFaults(machine, pci, faults);
 }
 
 // A bridge whose bus is its own, as broken firmware sets it up.
@@ -66,7 +60,7 @@ TEST(Pci, BridgesInACircleAreShownOnce) {
   const ToolRoot machine;
   AddFunction(machine, {.bus = "01", .name = "00.0", .classCode = 0x060400, .headerType = 1, .secondaryBus = 2});
   AddFunction(machine, {.bus = "02", .name = "00.0", .classCode = 0x060400, .headerType = 1, .secondaryBus = 1});
-  EXPECT_EQ(machine.Ravctl({"pci", "--tree", "-o", "address", "--no-headings"}).out, "0000:01:00.0\n└─0000:02:00.0\n");
+  EXPECT_EQ(machine.Ravctl("pci --tree -o address --no-headings").out, "0000:01:00.0\n└─0000:02:00.0\n");
 }
 
 TEST(Slots, SourcesThatAgreeShareALine) {
@@ -79,22 +73,14 @@ TEST(Slots, SourcesThatAgreeShareALine) {
                            .AddOnboardDevice(0x5E, 0)
                            .AddEnd());
   WriteRoutingTable(machine, {{0x17, 0, 4}, {0x18, 0, 6}, {0x18, 0, 6}, {0x30, 2, 9}, {0, 0x1F, 0}});
-  EXPECT_EQ(machine.Ravctl({"slots", "-o", "number,type,usage,address,card,sources"}).out,
+  EXPECT_EQ(machine.Ravctl("slots -o number,type,usage,address,card,sources").out,
             "SLOT TYPE       USE       ADDRESS      CARD                          SAID BY\n"
             "4    PCIe       In use    0000:17:00.0 Quad \\x1b[31mPort [8086:1521] SMBIOS type 9 (0x0000), $PIR\n"
             "5    PCIe 3 x16 Available -            -                             SMBIOS type 9 (0x0001)\n"
             "6    PCI        In use    0000:18:00.0 RAID controller [1000:0016]   SMBIOS type 9 (0x0002), $PIR\n"
             "9    -          -         0000:30:02.0 -                             $PIR\n");
-  const nlohmann::json all = machine.Json({"slots", "--onboard", "-m", "onboard*"})["data"];
-  EXPECT_EQ(all[0]["functions"][0], "0000:5e:00.0");
-  EXPECT_THAT(Values(machine.Json({"slots", "--usage", "available"})["data"], "number"), ElementsAre("5"));
-}
-
-TEST(Slots, NothingIsSaidByTheFirmware) {
-  const ToolRoot machine;
-  const ToolResult result = machine.Ravctl({"slots"});
-  EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.err, HasSubstr("no table of the firmware describes a slot"));
+  EXPECT_EQ(machine.Json("slots --onboard -m onboard*")["data"][0]["functions"][0], "0000:5e:00.0");
+  EXPECT_THAT(Values(machine.Json("slots --usage available")["data"], "number"), ElementsAre("5"));
 }
 
 }  // namespace

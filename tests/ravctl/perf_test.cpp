@@ -2,10 +2,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <sstream>
 
 #include "netif/private_network.h"
@@ -25,10 +23,6 @@ std::string NetDev(uint64_t received, uint64_t sent) {
          std::to_string(sent) + " 0 0 0 0 0 0 0\n";
 }
 
-void Rewrite(const char* path, const std::string& text) {
-  std::ofstream(path, std::ios::trunc) << text;
-}
-
 void Fill(const ToolRoot& machine) {
   machine.WriteFile("/proc/stat", kStat);
   machine.WriteFile("/proc/meminfo", kMemInfo);
@@ -44,25 +38,21 @@ TEST(Perf, OnceOverTwoStates) {
   machine.Run(
       [] {
         Ip("link add eth0 type veth peer name peer");  // a link of 10 Gbit/s
-        const pid_t tool = StartRavctl({"perf", "--interval", "2", "--json"}, "/out");
+        const pid_t tool = StartRavctl("perf --interval 2 --json");
         ::usleep(1200000);  // the first reading takes a quarter of a second
-        Rewrite("/proc/stat", kBusyStat);
-        Rewrite("/proc/meminfo", "MemTotal: 8192 kB\nMemFree: 4096 kB\nSwapTotal: 8192 kB\nSwapFree: 8192 kB\n");
-        Rewrite("/proc/net/dev", NetDev(1000 + 655360000, 2000 + 262144000));
-        int status = 0;
-        ::waitpid(tool, &status, 0);
-        EXPECT_EQ(status, 0) << ReadWholeFile("/out.err");
+        WriteWholeFile("/proc/stat", kBusyStat);
+        WriteWholeFile("/proc/meminfo", "MemTotal: 8192 kB\nMemFree: 4096 kB\nSwapTotal: 8192 kB\nSwapFree: 8192 kB\n");
+        WriteWholeFile("/proc/net/dev", NetDev(1000 + 655360000, 2000 + 262144000));
+        const ToolResult result = WaitForRavctl(tool);
+        EXPECT_EQ(result.status, 0) << result.err;
       },
       FixtureRoot::kUsr | FixtureRoot::kNetwork);
-  const json answer = json::parse(machine.ReadFile("/out"));
+  const json answer = json::parse(machine.ReadFile("/tmp/out"));
   ExpectValid(answer);
   const json& data = answer["data"];
-  EXPECT_EQ(data["cpu"],
-            json({{"used_percent", 50}, {"user_percent", 30}, {"kernel_percent", 20}, {"idle_percent", 50}}));
-  EXPECT_EQ(data["memory"]["physical_percent"], 50);
-  EXPECT_EQ(data["memory"]["physical_used"], 4096 * 1024);
-  EXPECT_EQ(data["memory"]["virtual_percent"], 25);
-  EXPECT_EQ(data["memory"]["virtual_total"], 16384 * 1024);
+  EXPECT_EQ(Members(data["cpu"], "used_percent user_percent kernel_percent idle_percent"), "50, 30, 20, 50");
+  EXPECT_EQ(Members(data["memory"], "physical_percent physical_used virtual_percent virtual_total"),
+            "50, 4194304, 25, 16777216");
   ASSERT_EQ(data["network"].size(), 1U);
   const json& eth0 = data["network"][0];
   const double seconds = data["interval_ms"].get<double>() / 1000;
@@ -79,31 +69,26 @@ TEST(Perf, RowsAndWhatCannotBeRead) {
   Fill(machine);
   machine.Run(
       [] {
-        const pid_t tool = StartRavctl({"perf", "--count", "2", "--interval", "1.5", "--json"}, "/out");
+        const pid_t tool = StartRavctl("perf --count 2 --interval 1.5 --json");
         ::usleep(1000000);
-        Rewrite("/proc/stat", kBusyStat);
-        int status = 0;
-        ::waitpid(tool, &status, 0);
-        EXPECT_EQ(WEXITSTATUS(status), 4);  // nothing changed for the second row
+        WriteWholeFile("/proc/stat", kBusyStat);
+        EXPECT_EQ(WaitForRavctl(tool).status, 4);  // nothing changed for the second row
       },
       FixtureRoot::kUsr);
-  std::istringstream lines(machine.ReadFile("/out"));
+  std::istringstream lines(machine.ReadFile("/tmp/out"));
   std::vector<json> rows;
   for (std::string line; std::getline(lines, line);)
     rows.push_back(json::parse(line));
   ASSERT_EQ(rows.size(), 2U);
   for (const json& row : rows)
     ExpectValid(row);
-  EXPECT_EQ(rows[0]["data"]["cpu"]["used_percent"], 50);
-  EXPECT_EQ(rows[0]["warnings"].size(), 0U);
-  EXPECT_EQ(rows[1]["data"]["cpu"]["used_percent"], nullptr);
-  EXPECT_EQ(rows[1]["warnings"][0]["where"], "/proc/stat");
+  EXPECT_EQ(Members(rows[0], "data/cpu/used_percent warnings"), "50, []");
+  EXPECT_EQ(Members(rows[1], "data/cpu/used_percent warnings/0/where"), "-, /proc/stat");
 
-  const ToolResult text =
-      machine.Ravctl({"perf", "-n", "2", "--interval", "0.1", "-o", "memory,received,eth0.sent,cpu"});
+  const ToolResult text = machine.Ravctl("perf -n 2 --interval 0.1 -o memory,received,eth0.sent,cpu");
   EXPECT_EQ(text.out, "MEMORY      IN eth0-OUT  CPU\n   25%    0B/s     0B/s    -\n   25%    0B/s     0B/s    -\n");
   machine.Remove("/proc/meminfo");
-  const ToolResult once = machine.Ravctl({"perf"});
+  const ToolResult once = machine.Ravctl("perf");
   EXPECT_EQ(once.status, 4);
   EXPECT_THAT(once.err, HasSubstr("ravctl: warning: the use of the memory cannot be told: /proc/meminfo\n"));
   EXPECT_THAT(once.out, HasSubstr("memory  physical    - -\n"));
@@ -111,25 +96,11 @@ TEST(Perf, RowsAndWhatCannotBeRead) {
 }
 
 TEST(Perf, BadCommandLines) {
-  struct Row {
-    std::vector<std::string> arguments;
-    int status;
-    const char* line;
-  };
-  const Row rows[] = {
-      {{"perf", "-i", "eth1"},
-       1,
-       "ravctl: perf: no such interface among those that are sampled: eth1 (did you mean eth0?)\n"},
-      {{"perf", "-n", "1", "-o", "cpus"}, 2, "ravctl: perf: no such column: cpus (did you mean cpu?)\n"},
+  const Fault faults[] = {
+      {"-i eth1", 1, "perf: no such interface among those that are sampled: eth1 (did you mean eth0?)"},
+      {"-n 1 -o cpus", 2, "perf: no such column: cpus (did you mean cpu?)"},
   };
   const ToolRoot machine;
   Fill(machine);
-  for (const Row& row : rows) {
-    const ToolResult result = machine.Ravctl(row.arguments);
-    EXPECT_EQ(result.status, row.status) << row.line;
-    EXPECT_THAT(result.err, HasSubstr(row.line));
-    EXPECT_EQ(result.out, "") << row.line;
-  }
-  for (const char* bad : {"--interval=0", "--interval=x", "--count=-1"})
-    EXPECT_EQ(machine.Ravctl({"perf", bad}).status, 2) << bad;
+  ExpectFaults(machine, "perf", faults);
 }

@@ -1,9 +1,12 @@
 #include "ravctl/ravctl_runner.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 #include "ravctl/json_schema.h"
 
@@ -40,32 +43,42 @@ constexpr const char* kTool = "/ravctl";
 
 }  // namespace
 
+CommandLine::CommandLine(const std::string& text) {
+  bool isQuoted = false;
+  bool isWord = false;
+  for (const char character : text) {
+    if (character == '\'') {
+      isQuoted = !isQuoted;
+    } else if (character == ' ' && !isQuoted) {
+      isWord = false;
+      continue;
+    }
+    if (!isWord) emplace_back();
+    isWord = true;
+    if (character != '\'') back() += character;
+  }
+}
+
 ToolRoot::ToolRoot() {
   fs::copy_file(RAVCTL_BINARY, HostPath(kTool));
   MakeDirectory("/tmp", 01777);
 }
 
-ToolResult ToolRoot::Ravctl(const std::vector<std::string>& arguments, const std::vector<std::string>& environment,
+ToolResult ToolRoot::Ravctl(const CommandLine& words, const std::vector<std::string>& environment,
                             unsigned int mounts) const {
   Run(
       [&] {
         const pid_t child = ::fork();
-        if (child == 0) Execute(arguments, environment, "/tool-out", "/tool-err");
-        int status = 0;
-        ASSERT_EQ(::waitpid(child, &status, 0), child);
-        std::FILE* file = std::fopen("/tool-status", "w");
-        ASSERT_NE(file, nullptr);
-        std::fprintf(file, "%d", WIFEXITED(status) ? WEXITSTATUS(status) : -1);
-        std::fclose(file);
+        if (child == 0) Execute(words, environment, "/tool-out", "/tool-err");
+        WriteWholeFile("/tool-status", std::to_string(WaitForRavctl(child, "").status));
       },
       mounts | kUsr);
   return {std::stoi(ReadFile("/tool-status")), ReadFile("/tool-out"), ReadFile("/tool-err")};
 }
 
-nlohmann::json ToolRoot::Json(std::vector<std::string> arguments, int status,
-                              const std::vector<std::string>& environment, unsigned int mounts) const {
-  arguments.emplace_back("--json");
-  const ToolResult result = Ravctl(arguments, environment, mounts);
+nlohmann::json ToolRoot::Json(const CommandLine& words, int status, const std::vector<std::string>& environment,
+                              unsigned int mounts) const {
+  const ToolResult result = Ravctl(words + "--json", environment, mounts);
   EXPECT_EQ(result.status, status) << result.err << result.out;
   nlohmann::json object = nlohmann::json::parse(result.out, nullptr, false);
   EXPECT_FALSE(object.is_discarded()) << result.out << result.err;
@@ -80,8 +93,47 @@ void ExpectValid(const nlohmann::json& object) {
   EXPECT_EQ(SchemaFault(object, fs::path(RAVCTL_SCHEMAS) / (name.substr(7) + ".json")), "");
 }
 
-pid_t StartRavctl(const std::vector<std::string>& arguments, const std::string& outputFile) {
+void ExpectFaults(const ToolRoot& machine, const CommandLine& command, std::span<const Fault> faults) {
+  for (const auto& [words, status, said] : faults) {
+    SCOPED_TRACE(::testing::PrintToString(command + words));
+    const ToolResult result = machine.Ravctl(command + words);
+    EXPECT_EQ(result.status, status);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(std::ranges::count(result.err, '\n'), said.empty() ? 0 : 1) << result.err;
+    if (said.empty()) continue;
+    const size_t front = said.starts_with("...") ? 3 : 0;
+    const size_t end = said.ends_with("...") ? 3 : 0;
+    const std::string part = said.substr(front, said.size() - std::min(front + end, said.size()));
+    EXPECT_THAT(result.err, ::testing::HasSubstr((front == 0 ? "ravctl: " : "") + part + (end == 0 ? "\n" : "")));
+  }
+}
+
+std::string Members(const nlohmann::json& object, const std::string& places) {
+  std::string all;
+  for (const std::string& place : CommandLine(places)) {
+    const nlohmann::json::json_pointer pointer("/" + place);
+    const nlohmann::json member = object.contains(pointer) ? object[pointer] : nlohmann::json("none");
+    all += (all.empty() ? "" : ", ") + (member.is_string() ? member.get<std::string>()
+                                        : member.is_null() ? "-"
+                                                           : member.dump());
+  }
+  return all;
+}
+
+pid_t StartRavctl(const CommandLine& words, const std::string& outputFile) {
   const pid_t child = ::fork();
-  if (child == 0) Execute(arguments, {}, outputFile.c_str(), (outputFile + ".err").c_str());
+  if (child == 0) Execute(words, {}, outputFile.c_str(), (outputFile + ".err").c_str());
   return child;
+}
+
+ToolResult WaitForRavctl(pid_t tool, const std::string& outputFile) {
+  int status = 0;
+  EXPECT_EQ(::waitpid(tool, &status, 0), tool);
+  ToolResult result{WIFEXITED(status) ? WEXITSTATUS(status) : -1, "", ""};
+  if (!outputFile.empty()) result.out = ReadWholeFile(outputFile), result.err = ReadWholeFile(outputFile + ".err");
+  return result;
+}
+
+ToolResult RunRavctl(const CommandLine& words) {
+  return WaitForRavctl(StartRavctl(words));
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <algorithm>
+#include <cctype>
 #include <string>
 #include <vector>
 
@@ -40,6 +42,27 @@ class ServerTree : public ServerMachine {
              fs::copy_options::recursive | fs::copy_options::copy_symlinks | fs::copy_options::overwrite_existing);
   }
 };
+
+// The firmware tables of a machine with an identity of every kind.
+inline SmbiosTable SecretSmbios() {
+  // As the firmware stores it: the first three fields turned round.
+  const std::string uuid("\x04\x03\x02\x01\x06\x05\x08\x07\x09\x0a\x0b\x0c\x0d\x0e\x0f\x10", 16);
+  return SmbiosTable()
+      .Add(1, std::string("\x01\x02\x03\x04", 4) + uuid + std::string(3, '\0'),
+           {"Kestrel", "Perch 2", "1.0", "SGH512XK7Q"})
+      .Add(2, std::string("\x01\x02\x00\x03\x04", 5), {"Kestrel", "Board", "PFE77Z0012345", "INV-0042-7"})
+      .Add(11, "\x01", {"svc4711tag"})
+      .Add(17, std::string(0x17 - 4 + 1, '\0') + "\x01\x02", {"3F1A09C7", "INV-0042-7"})
+      .Add(0xD1, std::string("\x12\xa0\x36\x9f\x12\x34\x56", 7), {"svc4711tag"})
+      .AddSlot({.id = 3, .bus = 0x18})
+      .AddSlot({.id = 4, .bus = 0x00, .device = 1})
+      .AddEnd();
+}
+
+inline std::string Lower(std::string text) {
+  std::ranges::transform(text, text.begin(), [](unsigned char letter) { return std::tolower(letter); });
+  return text;
+}
 
 // The values of a key, null as "-".
 inline std::vector<std::string> Values(const nlohmann::json& rows, const char* key) {

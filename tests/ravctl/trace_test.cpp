@@ -6,8 +6,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <fstream>
+#include <tuple>
 
 #include "ravctl/ravctl_runner.h"
 #include "ravctl/trace/log_follower.h"
@@ -53,24 +55,38 @@ class TraceRoot : public ToolRoot {
   }
 };
 
-// The numbers of the entries that the layout of the content finds, in its order.
-std::vector<int> Numbers(std::string_view content) {
-  std::vector<int> numbers;
+// The entries that the layout of the content finds, in its order.
+std::vector<std::string_view> Entries(std::string_view content) {
+  std::vector<std::string_view> entries;
   for (const std::string_view part : ravctl::FindLayout(content).parts) {
-    ravctl::ForEachEntry(part, [&numbers](std::string_view whole) {
-      const size_t at = whole.find("number ");
-      if (at != std::string_view::npos) numbers.push_back(std::atoi(whole.data() + at + 7));
+    ravctl::ForEachEntry(part, [&entries](std::string_view whole) {
+      entries.push_back(whole);
       return true;
     });
   }
+  return entries;
+}
+
+void AddNumber(std::vector<int>& numbers, std::string_view entry) {
+  const size_t at = entry.find("number ");
+  if (at != std::string_view::npos) numbers.push_back(std::atoi(entry.data() + at + 7));
+}
+
+std::vector<int> Numbers(std::string_view content) {
+  std::vector<int> numbers;
+  for (const std::string_view entry : Entries(content))
+    AddNumber(numbers, entry);
   return numbers;
 }
 
-void ExpectCountsUpTo(const std::vector<int>& numbers, int last) {
+// That many runs after each other, each counting from its first number; a single one may begin anywhere.
+void ExpectCounts(const std::vector<int>& numbers, int end, size_t runs = 1) {
   ASSERT_FALSE(numbers.empty());
-  EXPECT_EQ(numbers.back(), last);
+  EXPECT_EQ(numbers.back(), end - 1);
+  const size_t all = runs * static_cast<size_t>(end);
+  ASSERT_TRUE(runs == 1 ? numbers.size() <= all : numbers.size() == all) << numbers.size();
   for (size_t index = 1; index < numbers.size(); ++index)
-    ASSERT_EQ(numbers[index], numbers[index - 1] + 1);
+    ASSERT_EQ(numbers[index], (numbers[index - 1] + 1) % end) << index;
 }
 
 std::string Line(const char* second, const std::string& text) {
@@ -80,19 +96,19 @@ std::string Line(const char* second, const std::string& text) {
 }  // namespace
 
 TEST(TraceEntry, IsTakenApart) {
-  const auto parse = [](const char* line) { return ravctl::ParseEntry(line); };
-  ravctl::TraceEntry entry = parse("2024-05-06 10:11:12.345 [1A2B3C40]    10244 KB !ravd          RAVD-MAIN: Load\n");
-  EXPECT_EQ(entry.thread, "1A2B3C40");
-  EXPECT_EQ(entry.memoryKb, 10244U);
-  EXPECT_EQ(entry.tag, "ravd");
-  EXPECT_EQ(entry.text, "RAVD-MAIN: Load");
-  entry = parse("2024-05-06 10:11:12.345 [1A2B3C40] a-rather-long-tag 5 KB !x\nmore\n");
-  EXPECT_EQ(entry.memoryKb, std::nullopt);
-  EXPECT_EQ(entry.tag, "a-rather-long-tag");
-  EXPECT_EQ(entry.text, "5 KB !x\nmore");
-  entry = parse("2024-05-06 10:11:12.345 [1A2B3C40] ravd\n");
-  EXPECT_EQ(entry.tag, "ravd");
-  EXPECT_EQ(entry.text, "");
+  const std::string time = "2024-05-06 10:11:12.345 [1A2B3C40] ";
+  const std::tuple<std::string, std::optional<uint64_t>, const char*, const char*> rows[] = {
+      {"   10244 KB !ravd          RAVD-MAIN: Load\n", 10244, "ravd", "RAVD-MAIN: Load"},
+      {"a-rather-long-tag 5 KB !x\nmore\n", std::nullopt, "a-rather-long-tag", "5 KB !x\nmore"},
+      {"ravd\n", std::nullopt, "ravd", ""},
+      {"4711          KB\n", std::nullopt, "4711", "KB"},
+  };
+  for (const auto& [line, memoryKb, tag, text] : rows) {
+    const std::string whole = time + line;
+    const ravctl::TraceEntry entry = ravctl::ParseEntry(whole);
+    EXPECT_EQ(std::tuple(entry.thread, entry.memoryKb, entry.tag, entry.text),
+              std::tuple("1A2B3C40", memoryKb, tag, text));
+  }
 }
 
 TEST(TraceLayout, OrderOverWraps) {
@@ -104,7 +120,7 @@ TEST(TraceLayout, OrderOverWraps) {
     EXPECT_TRUE(layout.hasHeaderEnd);
     EXPECT_EQ(layout.hasWrapped, entries > 10000) << entries;
     ASSERT_TRUE(layout.marker.has_value());
-    if (entries > 0) ExpectCountsUpTo(Numbers(ring), entries - 1);
+    if (entries > 0) ExpectCounts(Numbers(ring), entries);
     if (entries == 4000) {
       EXPECT_EQ(Numbers(ring).size(), 4000U);
     }
@@ -153,7 +169,7 @@ TEST(TraceLayout, HostileTextTakesLinearTime) {
   const ToolRoot machine;
   machine.Run([] { ASSERT_EQ(std::system("truncate -s 300M /zeros && gzip -1 -c /zeros >/log.x"), 0); },
               FixtureRoot::kUsr);
-  EXPECT_THAT(machine.Ravctl({"trace", "show", "/log.x"}).err, HasSubstr("larger than 256M"));
+  EXPECT_THAT(machine.Ravctl("trace show /log.x").err, HasSubstr("larger than 256M"));
 }
 
 TEST(TraceLayout, CrashWithinAnEntry) {
@@ -163,7 +179,6 @@ TEST(TraceLayout, CrashWithinAnEntry) {
   const std::vector<int> whole = Numbers(ring);
   // Killed between an entry and its marker: the entry overwrites the marker and tears an older one.
   const std::string entry = ring.substr(ring.rfind('\n', marker - 2) + 1, marker - ring.rfind('\n', marker - 2) - 1);
-  std::string time = entry.substr(0, 23);
   ring.replace(marker, entry.size(), entry.substr(0, entry.find("number ")) + "number 25000 \n");
   const std::vector<int> after = Numbers(ring);
   EXPECT_EQ(after.back(), 25000);
@@ -174,12 +189,8 @@ TEST(TraceLayout, TextThatLooksLikeTheMarker) {
   std::string ring = Line("01", "### Begin of RingBuffer. ###") + Line("02", "a\n## TRACE-END ##") + Line("03", "b");
   ring += "## TRACE-END ##\nremains\n" + Line("00", "old") + "....";
   std::vector<std::string> texts;
-  for (const std::string_view part : ravctl::FindLayout(ring).parts) {
-    ravctl::ForEachEntry(part, [&texts](std::string_view whole) {
-      texts.emplace_back(ravctl::ParseEntry(whole).text);
-      return true;
-    });
-  }
+  for (const std::string_view entry : Entries(ring))
+    texts.emplace_back(ravctl::ParseEntry(entry).text);
   EXPECT_THAT(texts, ElementsAre("old", "a\n## TRACE-END ##", "b"));
 }
 
@@ -187,8 +198,8 @@ TEST(TraceLayout, LogFileOverItsWraps) {
   for (const int entries : {100, 1500, 4000}) {
     const TraceRoot machine(entries, false);
     const std::string log = machine.ReadFile("/var/log/pelrix/log.ravd");
-    ExpectCountsUpTo(Numbers(log), entries - 1);
-    EXPECT_THAT(machine.Ravctl({"trace", "show", "-d", kDirectory}).out, HasSubstr("Example : starting\n"));
+    ExpectCounts(Numbers(log), entries);
+    EXPECT_THAT(machine.Ravctl("trace show -d /var/log/pelrix").out, HasSubstr("Example : starting\n"));
   }
 }
 
@@ -198,51 +209,47 @@ TEST(TraceShow, FiltersAndTheirNegations) {
                            "2026-01-02 03:04:03.500 [00001234] other         Three\nfour\n" + Line("59", "five");
   machine.WriteFile("/t/log.x", file);
   struct Row {
-    std::vector<std::string> arguments;
+    const char* words;
     const char* texts;  // of the entries, each with a bar behind it
   };
   const Row rows[] = {
-      {{}, "one ERROR|two\x1b[2J|Three\nfour|five|"},
-      {{"-n", "2"}, "Three\nfour|five|"},
-      {{"-g", "ERROR", "-g", "five"}, "one ERROR|five|"},
-      {{"--not-text", "ERROR"}, "two\x1b[2J|Three\nfour|five|"},
-      {{"-i", "-g", "three"}, "Three\nfour|"},
-      {{"--tag", "other"}, "Three\nfour|"},
-      {{"--not-tag", "other", "-n", "1"}, "five|"},
-      {{"-t", "abcd", "--until", "03:04:02"}, "one ERROR|two\x1b[2J|"},
-      {{"--not-thread", "0x0000ABCD"}, "Three\nfour|"},
-      {{"--since", "2026-01-02 03:04:02", "--until", "2026-01-02T03:04:03"}, "two\x1b[2J|Three\nfour|"},
-      {{"--not-time", "03:04:02..03:04:10"}, "one ERROR|five|"},
+      {"", "one ERROR|two\x1b[2J|Three\nfour|five|"},
+      {"-n 2", "Three\nfour|five|"},
+      {"-g ERROR -g five", "one ERROR|five|"},
+      {"--not-text ERROR", "two\x1b[2J|Three\nfour|five|"},
+      {"-i -g three", "Three\nfour|"},
+      {"--tag other", "Three\nfour|"},
+      {"--not-tag other -n 1", "five|"},
+      {"-t abcd --until 03:04:02", "one ERROR|two\x1b[2J|"},
+      {"--not-thread 0x0000ABCD", "Three\nfour|"},
+      {"--since '2026-01-02 03:04:02' --until 2026-01-02T03:04:03", "two\x1b[2J|Three\nfour|"},
+      {"--not-time 03:04:02..03:04:10", "one ERROR|five|"},
   };
   for (const Row& row : rows) {
-    std::vector<std::string> arguments = {"trace", "show", "/t/log.x"};
-    arguments.insert(arguments.end(), row.arguments.begin(), row.arguments.end());
+    const nlohmann::json answer = machine.Json(CommandLine("trace show /t/log.x") + row.words);
     std::string texts;
-    const nlohmann::json answer = machine.Json(arguments);
     for (const nlohmann::json& entry : answer["data"])
       texts += entry["text"].get<std::string>() + "|";
-    EXPECT_EQ(texts, row.texts) << ::testing::PrintToString(row.arguments);
+    EXPECT_EQ(texts, row.texts) << row.words;
   }
-  EXPECT_EQ(machine.Ravctl({"trace", "show", "/t/log.x", "-o", "tag,text", "-n", "3"}).out,
+  EXPECT_EQ(machine.Ravctl("trace show /t/log.x -o tag,text -n 3").out,
             "TAG           TEXT\nravd          two\\x1b[2J\nother         Three\\x0afour\nravd          five\n");
-  EXPECT_THAT(machine.Ravctl({"trace", "show", "/t/log.x"}).out, HasSubstr("two\\x1b[2J\n"));
-  EXPECT_EQ(machine.Json({"trace", "show", "/t/log.x", "-g", "nothing"}, 1)["data"].size(), 0U);
+  EXPECT_THAT(machine.Ravctl("trace show /t/log.x").out, HasSubstr("two\\x1b[2J\n"));
+  EXPECT_EQ(machine.Json("trace show /t/log.x -g nothing", 1)["data"].size(), 0U);
 }
 
 TEST(TraceShow, PackedStartUpAndDamage) {
   const TraceRoot machine(10);
   const char* packed = "/var/log/pelrix/log.ravd_i.gz";
-  const nlohmann::json all = machine.Json({"trace", "show", "-d", kDirectory});
+  const nlohmann::json all = machine.Json("trace show -d /var/log/pelrix");
   ASSERT_GT(all["data"].size(), 13U);  // both rings
   EXPECT_EQ(all["data"][0]["text"], "### Start of initialization. ###");
   EXPECT_EQ(machine.Json({"trace", "show", packed})["data"][1]["text"], "Example : starting");
-  EXPECT_EQ(machine.Json({"trace", "verify", "-d", kDirectory})["data"][0]["severity"], "ok");
-  EXPECT_EQ(machine.Json({"trace", "stats", "-d", kDirectory, "-p", "run"})["data"][0]["entries"], 11);
-  bool hasDirectory = false;
-  const nlohmann::json header = machine.Json({"trace", "header", "-d", kDirectory});
-  for (const nlohmann::json& row : header["data"])
-    hasDirectory = hasDirectory || (row["name"] == "Ring Buffer Directory" && row["value"] == kDirectory);
-  EXPECT_TRUE(hasDirectory);
+  EXPECT_EQ(machine.Json("trace verify -d /var/log/pelrix")["data"][0]["severity"], "ok");
+  EXPECT_EQ(machine.Json("trace stats -d /var/log/pelrix -p run")["data"][0]["entries"], 11);
+  EXPECT_TRUE(std::ranges::any_of(machine.Json("trace header -d /var/log/pelrix")["data"], [](const auto& row) {
+    return Members(row, "name value") == "Ring Buffer Directory, /var/log/pelrix";
+  }));
 
   machine.WriteFile(packed, machine.ReadFile(packed).substr(0, machine.ReadFile(packed).size() / 2));
   const nlohmann::json cut = machine.Json({"trace", "show", packed}, 5);
@@ -271,72 +278,47 @@ TEST(TraceRuns, AreListedAndShownByTheirNumber) {
   for (const char* name : {"crash-20261399T000000Z", "crash-2026 1 1T000000Z", "crash-20261126T000000Zz"})
     machine.MakeDirectory(directory + name);
 
-  const nlohmann::json runs = machine.Json({"trace", "list"})["data"];
+  const nlohmann::json runs = machine.Json("trace list")["data"];
   ASSERT_EQ(runs.size(), 3U) << runs;
-  EXPECT_EQ(runs[0]["path"], kDirectory);
-  EXPECT_EQ(runs[0]["result"], nullptr);
-  EXPECT_EQ(runs[1], nlohmann::json({{"run", 1},
-                                     {"time", "2026-11-25 02:45:23"},
-                                     {"result", "core-dump"},
-                                     {"status", nullptr},
-                                     {"signal", "SEGV"},
-                                     {"pid", 4711},
-                                     {"size", Line("02", "last words").size()},
-                                     {"path", newer}}));
-  EXPECT_EQ(runs[2]["result"], "\x1b[2J" + std::string(60, 'x'));
-  EXPECT_EQ(runs[2]["signal"], nullptr);
-  EXPECT_EQ(runs[2]["size"], Line("01", "older").size());
-  EXPECT_THAT(machine.Ravctl({"trace", "list", "-o", "result"}).out, HasSubstr("\\x1b[2Jxxx"));
-  EXPECT_EQ(machine.Json({"trace", "list", "-d", "/none"}, 1)["data"].size(), 0U);
+  EXPECT_EQ(Members(runs, "0/path 0/result"), std::string(kDirectory) + ", -");
+  EXPECT_EQ(Members(runs[1], "run time result status signal pid size path"),
+            "1, 2026-11-25 02:45:23, core-dump, -, SEGV, 4711, " + std::to_string(Line("02", "last words").size()) +
+                ", " + newer);
+  EXPECT_EQ(Members(runs[2], "result signal size"),
+            "\x1b[2J" + std::string(60, 'x') + ", -, " + std::to_string(Line("01", "older").size()));
+  EXPECT_THAT(machine.Ravctl("trace list -o result").out, HasSubstr("\\x1b[2Jxxx"));
+  EXPECT_EQ(machine.Json("trace list -d /none", 1)["data"].size(), 0U);
 
-  for (const auto& [run, text] : {std::pair{"0", "now"}, {"1", "last words"}, {"2", "older"}}) {
-    const nlohmann::json entries = machine.Json({"trace", "show", "--run", run, "-p", *run == '2' ? "run" : "log"});
-    ASSERT_EQ(entries["data"].size(), 1U);
-    EXPECT_EQ(entries["data"][0]["text"], text);
+  for (const auto& [words, text] : {std::pair{"0 -p log", "now"}, {"1 -p log", "last words"}, {"2 -p run", "older"}}) {
+    const nlohmann::json entries = machine.Json(std::string("trace show --run ") + words)["data"];
+    ASSERT_EQ(entries.size(), 1U);
+    EXPECT_EQ(entries[0]["text"], text);
   }
-  EXPECT_EQ(machine.Json({"trace", "stats", "--run", "1"})["data"][0]["file"], newer + "/log.ravd");
-  EXPECT_THAT(machine.Ravctl({"trace", "show", "--run", "2"}).err, HasSubstr("cannot open the trace: " + older));
-  EXPECT_EQ(machine.Ravctl({"trace", "verify", "--run", "3"}).err,
-            "ravctl: trace verify: no run 3 is kept: /var/log/pelrix (ravctl trace list shows those that are)\n");
-  EXPECT_EQ(machine.Ravctl({"trace", "header", directory + "log.ravd", "--run", "1"}).status, 2);
+  EXPECT_EQ(machine.Json("trace stats --run 1")["data"][0]["file"], newer + "/log.ravd");
+  EXPECT_THAT(machine.Ravctl("trace show --run 2").err, HasSubstr("cannot open the trace: " + older));
+  const Fault faults[] = {
+      {"verify --run 3", 4, "trace verify: no run 3 is kept: /var/log/pelrix (ravctl trace list shows those that are)"},
+      {"header /var/log/pelrix/log.ravd --run 1", 2, "..."},
+  };
+  ExpectFaults(machine, "trace", faults);
 }
 
 TEST(TraceCommands, FaultsAreOneLineWithTheirStatus) {
-  struct Row {
-    std::vector<std::string> arguments;
-    int status;
-    const char* line;
-  };
-  const Row rows[] = {
-      {{"show", "/none"},
-       4,
-       "ravctl: trace show: cannot open the trace: /none: No such file or directory (check the path)\n"},
-      {{"show", "/tmp"}, 4, "ravctl: trace show: not a regular file: /tmp (name a trace file or an application)\n"},
-      {{"show", "mytool"},
-       4,
-       "ravctl: trace show: cannot look into: /var/log/pelrix: No such file or directory (check the path)\n"},
-      {{"show", "/t", "-t", "xyz"},
-       2,
-       "ravctl: trace show: not a thread: xyz (give its up to eight hexadecimal digits: 1A2B3C40)\n"},
-      {{"show", "/t", "--since", "noon"},
-       2,
-       "ravctl: trace show: not a time: noon (give 2024-05-06 10:11:12, 10:11, or 5m for 5 minutes ago)\n"},
-      {{"show", "/t", "-o", "txt"},
-       2,
-       "ravctl: trace show: no such column: txt (known: time, thread, memory, tag, text)\n"},
-      {{"toggle"}, 6, "ravctl: trace toggle: the daemon does not run: /var/run/ravd.pid (start it first)\n"},
-      {{"level", "9"}, 2, "ravctl: LEVEL: Value 9 not in range 0 to 6: trace level (see ravctl trace level --help)\n"},
-      {{"shw"}, 2, "ravctl: unknown command: shw (did you mean show?)\n"},
+  const Fault faults[] = {
+      {"show /none", 4, "trace show: cannot open the trace: /none: No such file or directory (check the path)"},
+      {"show /tmp", 4, "trace show: not a regular file: /tmp (name a trace file or an application)"},
+      {"show mytool", 4, "trace show: cannot look into: /var/log/pelrix: No such file or directory (check the path)"},
+      {"show /t -t xyz", 2, "trace show: not a thread: xyz (give its up to eight hexadecimal digits: 1A2B3C40)"},
+      {"show /t --since noon", 2,
+       "trace show: not a time: noon (give 2024-05-06 10:11:12, 10:11, or 5m for 5 minutes ago)"},
+      {"show /t -o txt", 2, "trace show: no such column: txt (known: time, thread, memory, tag, text)"},
+      {"toggle", 6, "trace toggle: the daemon does not run: /var/run/ravd.pid (start it first)"},
+      {"level 9", 2, "LEVEL: Value 9 not in range 0 to 6: trace level (see ravctl trace level --help)"},
+      {"shw", 2, "unknown command: shw (did you mean show?)"},
   };
   const ToolRoot machine;
   machine.WriteFile("/t", Line("01", "one"));
-  for (Row row : rows) {
-    row.arguments.insert(row.arguments.begin(), "trace");
-    const ToolResult result = machine.Ravctl(row.arguments);
-    EXPECT_EQ(result.err, row.line);
-    EXPECT_EQ(result.status, row.status) << row.line;
-    EXPECT_EQ(result.out, "") << row.line;
-  }
+  ExpectFaults(machine, "trace", faults);
 }
 
 TEST(TraceConfig, ValueSourceAndIgnoredFiles) {
@@ -450,7 +432,7 @@ TEST(TraceFollow, LivingRingOverWrapsAndRestarts) {
   machine.MakeDirectory(kDirectory);
   machine.Run(
       [] {
-        const pid_t follower = StartRavctl({"trace", "follow", "-n", "100000", "-d", kDirectory}, "/out");
+        const pid_t follower = StartRavctl("trace follow -n 100000 -d /var/log/pelrix");
         if (kSanitized) ::sleep(3);  // what is overwritten when it begins to look is not shown
         for (int run = 0; run < 2; ++run) {
           const pid_t writer = ::fork();
@@ -473,14 +455,10 @@ TEST(TraceFollow, LivingRingOverWrapsAndRestarts) {
       },
       FixtureRoot::kUsr);
   std::vector<int> numbers;
-  std::ifstream lines(machine.HostPath("/out"));
-  for (std::string line; std::getline(lines, line);) {
-    const size_t at = line.find("number ");
-    if (at != std::string::npos) numbers.push_back(std::atoi(line.c_str() + at + 7));
-  }
-  for (size_t index = 0; index < numbers.size(); ++index)
-    ASSERT_EQ(numbers[index], static_cast<int>(index % 24000)) << index;
-  ASSERT_EQ(numbers.size(), 48000U) << machine.ReadFile("/out.err");
+  std::ifstream lines(machine.HostPath("/tmp/out"));
+  for (std::string line; std::getline(lines, line);)
+    AddNumber(numbers, line);
+  ExpectCounts(numbers, 24000, 2);
 }
 
 TEST(TraceFollow, LogFileOverWrapsAndRestarts) {
@@ -492,10 +470,7 @@ TEST(TraceFollow, LogFileOverWrapsAndRestarts) {
     ravctl::LogFollower follower(std::string(kDirectory) + "/log.ravd");
     std::vector<int> numbers;
     const auto look = [&] {
-      follower.Read([&numbers](std::string_view whole) {
-        const size_t at = whole.find("number ");
-        if (at != std::string_view::npos) numbers.push_back(std::atoi(whole.data() + at + 7));
-      });
+      follower.Read([&numbers](std::string_view whole) { AddNumber(numbers, whole); });
       ::usleep(1500);  // a cycle in less than a millisecond cannot be told from the one before
     };
     for (int run = 0; run < 2; ++run) {
@@ -510,9 +485,7 @@ TEST(TraceFollow, LogFileOverWrapsAndRestarts) {
       look();
     }
     EXPECT_EQ(follower.Losses(), 0U);
-    ASSERT_EQ(numbers.size(), 3000U);
-    for (size_t index = 0; index < numbers.size(); ++index)
-      ASSERT_EQ(numbers[index], static_cast<int>(index % 1500));
+    ExpectCounts(numbers, 1500, 2);
   });
 }
 
@@ -532,18 +505,16 @@ TEST(TraceFollow, EndsWithTheProcessAndItsLastWords) {
           debug.PrintAlways("last words");
           ::_exit(0);
         }
-        const pid_t follower = StartRavctl(
-            {"trace", "follow", "-d", kDirectory, "-p", "log", "--json", "--pid", std::to_string(writer)}, "/out");
+        const pid_t follower =
+            StartRavctl("trace follow -d /var/log/pelrix -p log --json --pid " + std::to_string(writer));
         ::usleep(200000);
         ASSERT_EQ(::write(gate[1], "x", 1), 1);
         ::waitpid(writer, nullptr, 0);
-        int status = 0;
-        ::waitpid(follower, &status, 0);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        EXPECT_EQ(WaitForRavctl(follower).status, 0);
       },
       FixtureRoot::kUsr);
-  const nlohmann::json line = nlohmann::json::parse(machine.ReadFile("/out"), nullptr, false);
-  ASSERT_FALSE(line.is_discarded()) << machine.ReadFile("/out");
+  const nlohmann::json line = nlohmann::json::parse(machine.ReadFile("/tmp/out"), nullptr, false);
+  ASSERT_FALSE(line.is_discarded()) << machine.ReadFile("/tmp/out");
   ExpectValid(line);
   EXPECT_EQ(line["data"]["text"], "last words");
 }

@@ -94,14 +94,13 @@ TEST(RegistryText, DepthIsBoundByMemoryAlone) {
   for (size_t level = 0; level < kDepth; ++level)
     text += "[k]\n";
   text += "V=d=1\n" + std::string(kDepth + 1, '\n');
-  std::thread([&text] {  // on a stack of 8 MiB
+  std::jthread([&text] {  // on a stack of 8 MiB
     CRegistryNode node;
     EXPECT_TRUE(Restore(node, text));
     EXPECT_EQ(Dump(node), text);
     EXPECT_TRUE(Restore(node, "[k]\nV=d=2\n\n")) << "the deep subtree is replaced";
     EXPECT_EQ(Dump(node), "[k]\nV=d=2\n\n\n");
-  })
-      .join();
+  });
 }
 
 TEST(RegistryText, WhatALineCannotCarryIsTracedAndHarmsNothing) {
@@ -145,15 +144,14 @@ TEST_F(RegistryFile, LoadFallsBackAndTellsWhy) {
   root.WriteFile(kOld, "");
   RunTraced(root, 1, [](TraceCapture& trace) {
     CRegistry registry("", CRegistry::HKEY_LOCAL_MACHINE, 0);
-    EXPECT_EQ(trace.Lines(),
-              (std::vector<std::string>{
-                  "CRegistry: WARNING: Node restoring from \"/etc/pelrix/registry\" failed - check the content of this "
-                  "file",
-                  "CRegistry: WARNING: Could not restore tree from \"/etc/pelrix/registry\", trying backup",
-                  "CRegistry: WARNING: The length of \"/etc/pelrix/registry.old\" is not sufficient",
-                  "CRegistry: WARNING: Could not restore tree from \"/etc/pelrix/registry.old\", trying default",
-                  "CRegistry: WARNING: Could not open \"/etc/pelrix/registry.default\"",
-                  "CRegistry: ERROR: Could not restore tree from \"/etc/pelrix/registry.default\", restoring failed"}));
+    EXPECT_EQ(trace.Text(),
+              R"(CRegistry: WARNING: Node restoring from "/etc/pelrix/registry" failed - check the content of this file
+CRegistry: WARNING: Could not restore tree from "/etc/pelrix/registry", trying backup
+CRegistry: WARNING: The length of "/etc/pelrix/registry.old" is not sufficient
+CRegistry: WARNING: Could not restore tree from "/etc/pelrix/registry.old", trying default
+CRegistry: WARNING: Could not open "/etc/pelrix/registry.default"
+CRegistry: ERROR: Could not restore tree from "/etc/pelrix/registry.default", restoring failed
+)");
     EXPECT_EQ(CRegistry::HKEY_LOCAL_MACHINE, nullptr);
     EXPECT_FALSE(CRegistry::ReadTree("/etc", *registry.KeepKeyHandle())) << "a read error";
   });
@@ -207,8 +205,9 @@ TEST_F(RegistryFile, SaveKeepsTheOldFileAndWritesOnce) {
       EXPECT_TRUE(last.HasHappened());
     }
     CRegistry::SaveTree();
-    EXPECT_EQ(trace.Lines(), std::vector<std::string>{"CRegistry::SaveTree MPRegistryTemp[/etc/pelrix/registry.new] \t "
-                                                      "MPRegistry[/etc/pelrix/registry]"});
+    EXPECT_EQ(trace.Text(),
+              "CRegistry::SaveTree MPRegistryTemp[/etc/pelrix/registry.new] \t "
+              "MPRegistry[/etc/pelrix/registry]\n");
     registry.SetValue("V", 2U);
     CRegistry::SaveTree();
     EXPECT_EQ(ReadWholeFile(kOld), before) << "what changes nothing takes no backup away";
@@ -259,13 +258,12 @@ TEST_F(RegistryFile, CancelledThreadsHarmNothing) {
   root.WriteFile(kRegistry, FileText("V=d=1\n"));
   root.Run([] {
     for (useconds_t round = 0; round < 20; ++round) {
-      std::thread thread([] {
+      std::jthread thread([] {
         for (unsigned int number = 0;; ::pthread_testcancel())
           CRegistry("", CRegistry::HKEY_LOCAL_MACHINE, 0).SetValue("V", ++number);
       });
       ::usleep(500 * round);
       ::pthread_cancel(thread.native_handle());
-      thread.join();
     }
     CRegistry("", CRegistry::HKEY_LOCAL_MACHINE, 0).SetValue("V", "last");
   });

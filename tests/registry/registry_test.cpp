@@ -21,24 +21,21 @@ const unsigned char* Bytes(const char* text) {
   return reinterpret_cast<const unsigned char*>(text);
 }
 
-class Registry : public testing::Test {
- protected:
+struct Registry : RootedTest {
   Registry() {
-    m_Root.WriteFile(kRegistry,
-                     "[HKEY_LOCAL_MACHINE]\nRoot=d=1\n"
-                     "[A]\nPort=d=3172\nText=s=abc\nHome=es=%HOME%/x%%y%z\nData=b=0a ff 01 \n"
-                     "[B]\n[C]\nDeep=d=-1\n\n\n\n"
-                     "[D]\n\n\n"
-                     "[HKEY_USERS]\nPointer=s=hkey_local_machine\\A\nBare=s=HKEY_USERS\n\n\n");
+    root.WriteFile(kRegistry,
+                   "[HKEY_LOCAL_MACHINE]\nRoot=d=1\n"
+                   "[A]\nPort=d=3172\nText=s=abc\nHome=es=%HOME%/x%%y%z\nData=b=0a ff 01 \n"
+                   "[B]\n[C]\nDeep=d=-1\n\n\n\n"
+                   "[D]\n\n\n"
+                   "[HKEY_USERS]\nPointer=s=hkey_local_machine\\A\nBare=s=HKEY_USERS\n\n\n");
   }
-
-  FixtureRoot m_Root;
 };
 
 }  // namespace
 
 TEST_F(Registry, PathsFollowSeparatorsAndEndAtValues) {
-  m_Root.Run([] {
+  root.Run([] {
     using Row = std::pair<const char*, int>;
     CRegistry registry;
     for (const Row& row : {Row{"A\\B\\C", 0}, Row{"A/B/C", 0}, Row{"A\\B/C", 0}, Row{"A\\B\\", 0}, Row{"", 0},
@@ -64,10 +61,10 @@ TEST_F(Registry, PathsFollowSeparatorsAndEndAtValues) {
 }
 
 TEST_F(Registry, ValuesAreReadByTypeAndSize) {
-  m_Root.Run([] {
+  root.Run([] {
     ::setenv("HOME", "/root", 1);
     CRegistry registry("A", CRegistry::HKEY_LOCAL_MACHINE, 0);
-    unsigned int number = 0;
+    unsigned int number = 0, count = 3;
     std::string text;
     EXPECT_EQ(registry.QueryValue(&number, "Home"), 61);
     EXPECT_EQ(registry.QueryValue(text, "Port"), 61);
@@ -84,7 +81,6 @@ TEST_F(Registry, ValuesAreReadByTypeAndSize) {
 
     const TraceCapture trace(1);
     char buffer[] = "######";
-    unsigned int count = 3;
     EXPECT_EQ(registry.QueryValue(buffer, "Text", &count), 34);
     EXPECT_STREQ(buffer, "abc###");
     count = 4;
@@ -93,13 +89,12 @@ TEST_F(Registry, ValuesAreReadByTypeAndSize) {
     EXPECT_EQ(registry.QueryValue(nullptr, "Text", &count), 0);
     EXPECT_EQ(count, 4U);
     EXPECT_EQ(registry.QueryValue(buffer, "Text", nullptr), 34);
-    EXPECT_EQ(trace.Lines(),
-              std::vector<std::string>{"CRegistry::QueryValue: ** ERROR **  pdwCount is a NULL pointer"});
+    EXPECT_EQ(trace.Text(), "CRegistry::QueryValue: ** ERROR **  pdwCount is a NULL pointer\n");
   });
 }
 
 TEST_F(Registry, SetAndDeleteReplaceWhateverHasTheName) {
-  m_Root.Run([] {
+  root.Run([] {
     CRegistry registry("A", CRegistry::HKEY_LOCAL_MACHINE, 0);
     CRegistry below("A\\B\\C", CRegistry::HKEY_LOCAL_MACHINE, 0);
     EXPECT_TRUE(registry.SetValue("N", Bytes("abcdef"), 3, 1));
@@ -135,11 +130,10 @@ TEST_F(Registry, SetAndDeleteReplaceWhateverHasTheName) {
 }
 
 TEST_F(Registry, EnumerationsCountTheirOwnKind) {
-  m_Root.Run([] {
+  root.Run([] {
     CRegistry registry("", CRegistry::HKEY_LOCAL_MACHINE, 0);
     char name[4] = "###";
-    unsigned int length = 2;
-    unsigned int count = 9;
+    unsigned int length = 2, count = 9;
     EXPECT_EQ(registry.NoOfSubKeys(&count), 0);
     EXPECT_EQ(count, 2U);
     EXPECT_EQ(registry.EnumKey(name, &length, 1, nullptr, &count), 0);
@@ -173,7 +167,7 @@ TEST_F(Registry, EnumerationsCountTheirOwnKind) {
 }
 
 TEST_F(Registry, PointersNameARootKeyInAnyCase) {
-  m_Root.Run([] {
+  root.Run([] {
     CRegistry registry;
     EXPECT_EQ(registry.OpenPointerKey("", "Pointer", CRegistry::HKEY_USERS), 0);
     EXPECT_EQ(registry.GetValueSize("Port"), 4U);
@@ -190,7 +184,7 @@ TEST_F(Registry, PointersNameARootKeyInAnyCase) {
 }
 
 TEST_F(Registry, LargeKeyBehavesLikeASortedMap) {
-  m_Root.Run([] {
+  root.Run([] {
     CRegistry registry("A\\B\\C", CRegistry::HKEY_LOCAL_MACHINE, 0);
     registry.DeleteValue("Deep");
     std::map<std::string, unsigned int> model;
@@ -219,8 +213,8 @@ TEST_F(Registry, LargeKeyBehavesLikeASortedMap) {
 }
 
 TEST_F(Registry, ThreadsReadWriteDeleteAndSaveAtOnce) {
-  m_Root.Run([] {
-    std::vector<std::thread> threads;
+  root.Run([] {
+    std::vector<std::jthread> threads;
     for (unsigned int thread = 0; thread < 4; ++thread) {
       threads.emplace_back([thread] {
         const std::string own = "Own" + std::to_string(thread);
@@ -239,10 +233,8 @@ TEST_F(Registry, ThreadsReadWriteDeleteAndSaveAtOnce) {
         }
       });
     }
-    for (std::thread& thread : threads)
-      thread.join();
   });
-  const std::string file = m_Root.ReadFile(kRegistry);
+  const std::string file = root.ReadFile(kRegistry);
   for (const char* own : {"[Own0]", "[Own1]", "[Own2]", "[Own3]"})
     EXPECT_NE(file.find(own + std::string("\nRound=d=59\n")), std::string::npos) << own;
 }
