@@ -6,12 +6,14 @@ target_compile_options(ravd_flags INTERFACE
   -Wno-format-nonliteral
   # PIC rather than PIE code: it needs no copy relocations, which would appear as exported data.
   -fPIC -fstack-protector-strong -fcf-protection=full -fno-omit-frame-pointer)
-target_link_options(ravd_flags INTERFACE -pie -Wl,-z,relro,-z,now,-z,noexecstack)
+target_link_options(ravd_flags INTERFACE $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-pie>
+  -Wl,-z,relro,-z,now,-z,noexecstack)
 if(RAVD_WERROR)
   target_compile_options(ravd_flags INTERFACE -Werror)
 endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-  target_compile_options(ravd_flags INTERFACE -fstack-clash-protection -Wduplicated-cond -Wlogical-op
+  # A unique symbol would keep a library in the process for good.
+  target_compile_options(ravd_flags INTERFACE -fno-gnu-unique -fstack-clash-protection -Wduplicated-cond -Wlogical-op
     -Wno-format-truncation)  # a text that is cut is cut by contract
   if(RAVD_SANITIZE)
     # The instrumented code makes GCC see null pointers where there are none.

@@ -2,11 +2,7 @@
 
 #include <cstdlib>
 
-#include "netif/interface_change.h"
-#include "netif/ipv4_routing_entry.h"
-#include "netif/netlink.h"
-#include "netif/network_interface.h"
-#include "netif/network_statistics.h"
+#include "netif/kernel_answers.h"
 
 namespace {
 

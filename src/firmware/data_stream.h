@@ -5,10 +5,12 @@
 #include <string>
 #include <vector>
 
+#include "platform/export.h"
+
 // Growable sequence of bytes with value semantics: what a firmware source delivered. An empty one means "not found".
 //
 // Not synchronised; a copy is independent of its original. Pointers into the bytes are valid until the next change.
-class CDataStream {
+class RAVD_EXPORT CDataStream {
  public:
   // Empty, with room for a few bytes.
   CDataStream();
@@ -41,4 +43,4 @@ class CDataStream {
 };
 
 // Traces a dump of single bytes, 16 per line, at level 5. Nothing is formatted while that level is not traced.
-void TraceHexDump(std::span<const unsigned char> bytes, bool showOffset, bool showAscii);
+RAVD_EXPORT void TraceHexDump(std::span<const unsigned char> bytes, bool showOffset, bool showAscii);

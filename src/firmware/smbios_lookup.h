@@ -6,6 +6,7 @@
 
 #include "firmware/data_stream.h"
 #include "firmware/smbios_walk.h"
+#include "platform/export.h"
 
 class CDeviceBios;
 
@@ -14,7 +15,7 @@ class CDeviceBios;
 // Used by one thread from connect to disconnect. The object counts as connected while it holds a structure table; what
 // getStructuresByType hands out points into that table and is valid until the next connect or disconnect. Every failure
 // is false plus a trace line.
-class CSMBios {
+class RAVD_EXPORT CSMBios {
  public:
   CSMBios() = default;
   // Disconnects when connected.

@@ -5,6 +5,8 @@
 #include <memory>
 #include <string>
 
+#include "platform/export.h"
+
 // Identifier of a device class: three little-endian groups, then eight single bytes.
 struct CGuid {
   uint32_t data1 = 0;
@@ -22,7 +24,7 @@ static_assert(sizeof(CGuid) == 16);
 //
 // A plain value without virtual operations and without a lock: a record belongs to one thread at a time. It owns its
 // device ID; a copy gets a duplicate of its own, so either side may change or go without the other noticing.
-class CPnpDevice {
+class RAVD_EXPORT CPnpDevice {
  public:
   CPnpDevice() = default;
   CPnpDevice(const CPnpDevice& other);

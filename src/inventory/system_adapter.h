@@ -8,6 +8,7 @@
 #include "inventory/adapter_resources.h"
 #include "inventory/system_device.h"
 #include "pci/pci_config_list.h"
+#include "platform/export.h"
 
 struct ethtool_drvinfo;
 class PciDriverTable;
@@ -21,7 +22,7 @@ class PciDriverTable;
 // name "eth0 0000:02:00.0" that begins with the interface, else the driver, else nothing before the blank. The queries
 // below read the kernel's files when they are asked. Failures give false and leave outputs as they were, unless it says
 // otherwise; nothing throws but std::bad_alloc.
-class CSystemAdapter : public CSystemDevice {
+class RAVD_EXPORT CSystemAdapter : public CSystemDevice {
  public:
   CSystemAdapter() = default;
   CSystemAdapter(const CSystemAdapter& other) = default;

@@ -3,9 +3,10 @@
 #include <vector>
 
 #include "inventory/system_adapter.h"
+#include "platform/export.h"
 
 // The adapters of a machine in scan order. A value without a lock of its own.
-class CSystemAdapterList : public std::vector<CSystemAdapter> {
+class RAVD_EXPORT CSystemAdapterList : public std::vector<CSystemAdapter> {
  public:
   // The first adapter at that address. An invalid address is nobody's: ISA devices are not found by it.
   bool GetAdapter(CSystemAdapter& adapter, const CPciAddress& address) const;

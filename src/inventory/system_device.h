@@ -4,12 +4,13 @@
 #include <string>
 
 #include "inventory/pnp_device.h"
+#include "platform/export.h"
 
 // The inventory record that adapters and drives have in common. Texts that a scanner cannot find stay empty.
 //
 // A value like its base: copying an object copies every field, the device ID as a duplicate. The destructor is the only
 // virtual operation. No lock: the holder of the record decides who reads and writes it.
-class CSystemDevice : public CPnpDevice {
+class RAVD_EXPORT CSystemDevice : public CPnpDevice {
  public:
   CSystemDevice() = default;
   CSystemDevice(const CSystemDevice& other) = default;

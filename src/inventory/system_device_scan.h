@@ -16,6 +16,7 @@
 #include "pci/pci_config_list.h"
 #include "platform/critical_section.h"
 #include "platform/event.h"
+#include "platform/export.h"
 #include "platform/thread.h"
 
 // Options of a scan. Nothing reads them yet; a client may pass null.
@@ -34,7 +35,7 @@ struct _ScanOptions;
 // Failures: results only. ScanHardware catches every exception; a query may throw std::bad_alloc and leaves the gate
 // free.
 // Destruction ends the update thread and waits for the calls that are under way. None may be made from then on.
-class CSystemDeviceScan {
+class RAVD_EXPORT CSystemDeviceScan {
  public:
   static constexpr int SCAN_ADAPTERS = 0x1;
   static constexpr int SCAN_DRIVES = 0x2;

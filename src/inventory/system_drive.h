@@ -9,6 +9,7 @@
 #include "inventory/system_device.h"
 #include "pci/pci_address.h"
 #include "platform/critical_section.h"
+#include "platform/export.h"
 
 struct CScsiListDevice;
 
@@ -31,7 +32,7 @@ enum _DriveBusType : uint32_t {
 };
 
 // "SCSI" for 1 to "MMC" for 13, "N/A" for every other value.
-const char* StorageBusTypeToString(_DriveBusType busType);
+RAVD_EXPORT const char* StorageBusTypeToString(_DriveBusType busType);
 
 // Inventory record of one drive: a SCSI device that the kernel lists (disk, CD/DVD, optical drive, tape), a Fusion-io
 // card or an NVMe block device.
@@ -39,7 +40,7 @@ const char* StorageBusTypeToString(_DriveBusType busType);
 // A value, used by one thread at a time. Copies are whole, the device ID duplicated, except that every record has a
 // lock of its own. Scanning needs root for the serial numbers; what cannot be found out stays empty or unset, and a
 // source that is missing does not keep the others from being read. Nothing here throws but std::bad_alloc.
-class CSystemDrive : public CSystemDevice {
+class RAVD_EXPORT CSystemDrive : public CSystemDevice {
  public:
   CSystemDrive() = default;
   // The ID is copied; null leaves it unset.

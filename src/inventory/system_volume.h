@@ -6,10 +6,11 @@
 #include <vector>
 
 #include "inventory/mount_entry.h"
+#include "platform/export.h"
 
 // Inventory record of one mounted file system: the mount table entry by value.
 // A value without a lock; copying copies everything.
-class CSystemVolume {
+class RAVD_EXPORT CSystemVolume {
  public:
   // Appends the mounted file systems but those of the types "tmpfs" and "rootfs". Any thread may call it; scans take
   // turns. Never fails: without a readable source there are no volumes. One that does not answer, or not in time, keeps

@@ -3,13 +3,14 @@
 #include <string>
 
 #include "netif/ip_address.h"
+#include "platform/export.h"
 
 // Picks the IP address of one of the host's Ethernet interfaces.
 //
 // index counts, from 0, the Ethernet interfaces that have an address of the wanted version, in the order of the
 // system's interface list. Any thread may ask; there is no state. Nothing is thrown: a failure is traced at level 1 and
 // gives an empty result.
-class CHostIPAddress {
+class RAVD_EXPORT CHostIPAddress {
  public:
   enum ip_version { ipv4 = 4, ipv6 = 6 };
 

@@ -4,6 +4,8 @@
 #include <string_view>
 #include <utility>
 
+#include "netif/kernel_answers.h"
+
 namespace libnetif {
 
 namespace {

@@ -3,8 +3,6 @@
 #include <cstdint>
 #include <string>
 
-#include "netif/netlink.h"
-
 namespace libnetif {
 
 // What a listener can be told about. The values are the rtnetlink multicast group bits and may be combined.
@@ -21,10 +19,5 @@ struct interface_change {
   int interface_index = 0;
   std::string name;  // as the message itself gives it; empty when it gives none
 };
-
-// True when the message reports a change of one of the wanted types, which is then in change. Otherwise change stays as
-// it was.
-bool parse_interface_change(const netlink_message& message, interface_change_event_type wanted,
-                            interface_change& change);
 
 }  // namespace libnetif

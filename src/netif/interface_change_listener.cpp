@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "netif/interface_name.h"
+#include "netif/kernel_answers.h"
 #include "netif/libnetif_exception.h"
 #include "netif/libnetif_socket.h"
 #include "netif/network_interface_manager.h"

@@ -6,6 +6,7 @@
 
 #include "netif/interface_change.h"
 #include "netif/network_interface.h"
+#include "platform/export.h"
 
 namespace libnetif {
 
@@ -32,7 +33,7 @@ using network_interface_change_callback = std::function<void(network_interface)>
 // An interface that is gone when its change is read has the name that the message gives; with no name there either, the
 // change is passed over. When changes come faster than the callback returns and the kernel has dropped some, the
 // callback is called once for every interface that there is.
-pid_t start_interface_change_listener(interface_change_event_type type,
-                                      const network_interface_change_callback& callback);
+RAVD_EXPORT pid_t start_interface_change_listener(interface_change_event_type type,
+                                                  const network_interface_change_callback& callback);
 
 }  // namespace libnetif

@@ -4,6 +4,8 @@
 
 #include <array>
 
+#include "netif/kernel_answers.h"
+
 namespace libnetif {
 
 namespace {

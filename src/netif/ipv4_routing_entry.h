@@ -3,8 +3,6 @@
 #include <cstdint>
 #include <string>
 
-#include "netif/netlink.h"
-
 namespace libnetif {
 
 // One route of the main IPv4 table. Addresses are in network byte order; 0 stands for an attribute that the route does
@@ -21,10 +19,5 @@ struct ipv4_routing_entry {
 
   bool operator==(const ipv4_routing_entry&) const = default;
 };
-
-// True when the message is an IPv4 route of the main table. entry then holds everything but the interface name, for
-// which interface_index stands, 0 when the route has none. Otherwise both stay as they were. An attribute too short for
-// its value counts as missing, a prefix beyond 32 bits as 32.
-bool parse_ipv4_route(const netlink_message& message, ipv4_routing_entry& entry, int& interface_index);
 
 }  // namespace libnetif

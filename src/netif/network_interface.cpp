@@ -16,6 +16,7 @@
 #include <memory>
 #include <utility>
 
+#include "netif/kernel_answers.h"
 #include "netif/libnetif_exception.h"
 #include "netif/libnetif_socket.h"
 #include "netif/netlink_dump.h"

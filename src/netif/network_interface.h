@@ -3,9 +3,9 @@
 #include <array>
 #include <cstdint>
 #include <string>
-#include <string_view>
 
 #include "netif/network_statistics.h"
+#include "platform/export.h"
 
 namespace libnetif {
 
@@ -21,7 +21,7 @@ using infiniband_address = std::array<uint8_t, 20>;  // in the order of its text
 // closes. So any thread may ask, and an interface that is gone or renamed meanwhile gives a failure.
 // Failures: libnetif_exception with the text given at the property and the system's error, after the socket is closed.
 // A name longer than the kernel's limit of 15 characters is no interface's: the failure is ENODEV.
-class network_interface {
+class RAVD_EXPORT network_interface {
  public:
   explicit network_interface(std::string name);
 
@@ -72,9 +72,5 @@ class network_interface {
  private:
   std::string m_name;
 };
-
-// "80:00:02:08:fe:80:...:f1\n", twenty hexadecimal byte values => the twenty bytes. False for anything else; address
-// then stays as it was.
-bool parse_infiniband_address(std::string_view text, infiniband_address& address);
 
 }  // namespace libnetif

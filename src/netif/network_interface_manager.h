@@ -8,12 +8,13 @@
 #include "netif/interface_change.h"
 #include "netif/interface_change_listener.h"
 #include "netif/network_interface.h"
+#include "platform/export.h"
 
 namespace libnetif {
 
 // The interfaces of the host. It has no state; any thread may ask, and each call uses sockets of its own.
 // Failures: libnetif_exception with the text given at the operation.
-class network_interface_manager {
+class RAVD_EXPORT network_interface_manager {
  public:
   // Every interface, of whatever kind and state, in the order of the system's name index. Where that index cannot be
   // had, those with an IPv4 address, one entry per address. "Retriving interface information failed."

@@ -1,5 +1,7 @@
 #include "netif/network_statistics.h"
 
+#include "netif/kernel_answers.h"
+
 namespace libnetif {
 
 namespace {

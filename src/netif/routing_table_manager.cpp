@@ -8,6 +8,7 @@
 #include <unordered_map>
 
 #include "netif/interface_name.h"
+#include "netif/kernel_answers.h"
 #include "netif/libnetif_socket.h"
 #include "netif/netlink_dump.h"
 

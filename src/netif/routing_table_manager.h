@@ -3,11 +3,12 @@
 #include <vector>
 
 #include "netif/ipv4_routing_entry.h"
+#include "platform/export.h"
 
 namespace libnetif {
 
 // The IPv4 routing table of the host. It has no state; any thread may ask.
-class routing_table_manager {
+class RAVD_EXPORT routing_table_manager {
  public:
   // The routes of the main table in the kernel's order, one entry per route. The interface names are looked up once per
   // interface when the routes are there; one that has vanished meanwhile leaves the name empty.

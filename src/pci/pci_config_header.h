@@ -3,10 +3,12 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "platform/export.h"
+
 // The first 64 bytes of a function's configuration space as the hardware stores them: little-endian, type 0 and type 1
 // headers of PCI Local Bus 3.0, 6.1. A new one is all zero. A plain value: it may be copied byte by byte, and
 // every accessor reads inside the 64 bytes.
-class CPciCommonConfigHeader {
+class RAVD_EXPORT CPciCommonConfigHeader {
  public:
   static constexpr size_t kSize = 64;
 

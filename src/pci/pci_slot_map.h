@@ -4,8 +4,10 @@
 #include <string>
 #include <vector>
 
+#include "platform/export.h"
+
 // One entry of the slot table: the system slot in which the device at a bus and device number sits. Packed bytes.
-struct PciSlotData {
+struct RAVD_EXPORT PciSlotData {
   uint8_t bus;
   uint8_t device;        // 0-31
   uint8_t slot;          // 0 = onboard
@@ -34,7 +36,7 @@ inline bool operator==(const PciSlotData& entry, const PciSlotData& value) {
 //
 // Used by one thread. The firmware is read once, by the first look-up, which needs root and takes its time; a machine
 // that has no such tables is not asked again. Every failure is an empty list plus a trace line.
-class CPciSlotMap {
+class RAVD_EXPORT CPciSlotMap {
  public:
   // slot is 0 unless an entry matches; entries in use go before others. Slot tables know neither functions nor
   // segments: both are ignored.

@@ -1,8 +1,6 @@
 #pragma once
 
-#include <array>
 #include <cstdint>
-#include <string>
 #include <string_view>
 
 #include "perfmon/perf_data.h"
@@ -12,20 +10,9 @@
 inline constexpr const char* kProcNetDev = "/proc/net/dev";
 inline constexpr uint64_t kUnknownSpeed = UINT64_MAX;
 
-// Counters of an interface in the kernel's order: eight of reception, beginning with the bytes, then eight of sending.
-using NetCounters = std::array<uint64_t, 16>;
-
 struct NetDevLine {
   std::string_view name;
   std::string_view counters;  // the text behind the colon
-};
-
-// State of one interface between two samples.
-struct NetInterfaceState {
-  std::string name = {};      // empty = none yet
-  uint64_t sampleTimeMs = 0;  // 0 = not sampled yet
-  NetCounters counters{};
-  std::array<uint64_t, 2> unused{UINT64_MAX, UINT64_MAX};
 };
 
 // Takes the text up to and with the next line of an interface that is sampled, by its name; false when there is none.

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <string>
 
 // The sample records of the performance monitor: four unsigned 64-bit numbers each, in this order.
 
@@ -28,6 +30,17 @@ struct _PerfDataNetwork {
   uint64_t capacity;  // bytes that the link carries in the interval of the sample
   uint64_t received;  // bytes per second
   uint64_t sent;      // bytes per second
+};
+
+// Counters of an interface in the kernel's order: eight of reception, beginning with the bytes, then eight of sending.
+using NetCounters = std::array<uint64_t, 16>;
+
+// State of one interface between two samples.
+struct NetInterfaceState {
+  std::string name = {};      // empty = none yet
+  uint64_t sampleTimeMs = 0;  // 0 = not sampled yet
+  NetCounters counters{};
+  std::array<uint64_t, 2> unused{UINT64_MAX, UINT64_MAX};
 };
 
 // Products and sums of 64-bit counters do not fit in 64 bits.

@@ -11,6 +11,8 @@
 #include <string_view>
 #include <thread>
 
+#include "perfmon/net_dev.h"
+#include "perfmon/network_interface_table.h"
 #include "perfmon/sample_text.h"
 #include "platform/descriptor_io.h"
 #include "platform/unique_fd.h"

@@ -6,14 +6,14 @@
 #include <vector>
 
 #include "perfmon/data_history_buffer.h"
-#include "perfmon/net_dev.h"
-#include "perfmon/network_interface_table.h"
 #include "perfmon/perf_data.h"
 #include "platform/critical_section.h"
 #include "platform/event.h"
+#include "platform/export.h"
 #include "platform/thread.h"
 
 class CProcInfo;
+struct NetDevLine;
 
 // Samples the load of the machine at a fixed interval in a thread of its own, keeps a bounded history per monitored
 // object and answers what percentage was used: at the latest sample, or on average over the history.
@@ -29,7 +29,7 @@ class CProcInfo;
 // Failures: what cannot be read is traced and left out of the histories; a query that has no object to answer for
 // gives 0 % and false.
 // Not copyable; the monitoring thread holds the object's address.
-class CPerfMon {
+class RAVD_EXPORT CPerfMon {
  public:
   // The bits of the start mask, but for processes, which any bit of kProcessMask selects.
   enum PerfMonitorType : unsigned int {

@@ -4,12 +4,14 @@
 
 #include <atomic>
 
+#include "platform/export.h"
+
 // Recursive lock: a plain mutex with its owner and how often the owner has entered.
 //
 // Any thread may enter; a thread that owns the section enters again without blocking and must leave as often.
 // Construction is constant initialisation and cannot fail, so a section with static storage is usable by code that
 // runs before or after any other static object. This class never traces: the trace object stands on it.
-class CCriticalSection {
+class RAVD_EXPORT CCriticalSection {
  public:
   constexpr CCriticalSection() = default;
   // Unlocks when the calling thread still owns the section, then destroys the mutex.

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "platform/export.h"
 #include "platform/wait_result.h"
 
 struct CEventData;
@@ -26,7 +27,7 @@ struct CEventData;
 // Static objects may make, use and destroy events at any time, before main and after it.
 // Lock order: the process-wide lock of the reference counts, then the lock of the names; the event's own mutex stands
 // alone. Trace lines are written under any of them.
-class CEvent {
+class RAVD_EXPORT CEvent {
  public:
   // With a name (null: none; an empty one is a name) that an event already has, this handle joins that event, and both
   // initialState and manualReset are dropped.

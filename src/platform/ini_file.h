@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/export.h"
+
 // INI profile files: two static operations that work on a file directly, and an object that binds a file name to typed
 // getters and setters, enumeration, and copying and deletion of sections. docs/ini-files.md describes the format.
 //
@@ -20,7 +22,7 @@
 // Names and values are written as they are. What a reader cuts off or skips does not come back: white space around a
 // name or value, ';' and what follows it, line breaks, an '=' in a key, a key that begins with '[' or ';', and what
 // lies beyond the 1023rd character of a line. A value that is empty reads as the default.
-class CIniFile {
+class RAVD_EXPORT CIniFile {
  public:
   CIniFile() = default;
 

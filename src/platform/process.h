@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "platform/export.h"
+
 // Operations on processes and on the current directory. There is no state; any thread may call them.
 //
 // Nothing here traces or throws: a failure shows in the result alone, and outputs that could not be determined get
@@ -20,7 +22,7 @@
 //
 // A command given a directory is started in it, while the process itself stays where it is. When the directory cannot
 // be entered nothing runs, nor when the process's own directory cannot be told.
-class CProcess {
+class RAVD_EXPORT CProcess {
  public:
   static constexpr uint32_t kNone = 0xFFFFFFFF;  // no such process; exit code not known
 

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 
+#include "platform/export.h"
 #include "platform/wait_result.h"
 
 struct CSemaphoreData;
@@ -14,7 +15,7 @@ struct CSemaphoreData;
 // Threads: Wait and Release may be called from any thread. Create, Delete and destruction need the handle to
 // themselves, and the last handle may only go when no thread waits. A cancelled thread leaves Wait without a trace.
 // Failure: results only, nothing is thrown; a failed Create leaves the handle without a semaphore.
-class CSemaphore {
+class RAVD_EXPORT CSemaphore {
  public:
   constexpr CSemaphore() = default;
   // As Delete.

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <memory>
 
+#include "platform/export.h"
+
 struct CThreadRecord;
 
 // Handle of one worker thread.
@@ -19,7 +21,7 @@ struct CThreadRecord;
 // A thread identifier that was joined, or whose detached thread has ended, is never used again, though the system gives
 // it to new threads.
 // Failure: false, with a trace line; nothing is thrown.
-class CThread {
+class RAVD_EXPORT CThread {
  public:
   using Function = void* (*)(void*);
 

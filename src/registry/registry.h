@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "platform/critical_section.h"
+#include "platform/export.h"
 #include "registry/registry_node.h"
 #include "registry/registry_value.h"
 
@@ -28,7 +29,7 @@
 // holds for the root key handles and for what KeepKeyHandle gives away.
 // Cancellation of a thread is held back while it loads, saves or destroys an object. Failure: by result code, which is
 // also left in m_Result; nothing throws. A name, path or text argument that is null counts as missing.
-class CRegistry {
+class RAVD_EXPORT CRegistry {
  public:
   enum Result : int {
     kSuccess = 0,

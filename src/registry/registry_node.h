@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "platform/critical_section.h"
+#include "platform/export.h"
 #include "registry/registry_value.h"
 
 class CRegistryNodeRef;
@@ -27,7 +28,7 @@ class CRegistryNodeRef;
 // Cost: a look-up is a binary search. Names that come in order are appended; in a large node the others gather in a
 // short sorted run behind the main one, which takes it up when it is full, so that filling a node of any size costs
 // about the same per name.
-class CRegistryNode : public CCriticalSection {
+class RAVD_EXPORT CRegistryNode : public CCriticalSection {
  public:
   enum class Creation { kFound, kCreated, kIsValue, kRefused };
 

@@ -4,6 +4,8 @@
 #include <span>
 #include <string_view>
 
+#include "platform/export.h"
+
 class CRegistryNode;
 
 // Type codes of the entries of a key. They reach callers and other processes' files: they must not change.
@@ -17,7 +19,7 @@ enum RegistryType : uint32_t {
 };
 
 // One entry of a key: three words, moved about as plain memory by the node that owns it.
-struct RegistryEntry {
+struct RAVD_EXPORT RegistryEntry {
   char* name;      // owned, made with new[]
   uintptr_t word;  // owned text, block or node, or the number itself; see RegistryType
   uint32_t type;
@@ -42,7 +44,7 @@ struct RegistryEntry {
 
 // The value of one entry on its way into a node or out of it. Owns what it holds, a whole subtree included.
 // Making one may throw std::bad_alloc. Not shared between threads.
-class CRegistryValue {
+class RAVD_EXPORT CRegistryValue {
  public:
   CRegistryValue() = default;
   CRegistryValue(uintptr_t word, uint32_t type) : m_Word(word), m_Type(type) {}  // takes over what the word owns

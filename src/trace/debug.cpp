@@ -1,3 +1,4 @@
+#define RAVD_DEFINES_DEBUG  // the operations stand here: no stubs for them
 #include "trace/debug.h"
 
 #include <pthread.h>
@@ -19,10 +20,12 @@
 #include "platform/never_destroyed.h"
 #include "trace/gzip.h"
 
-// The definition of `Debug`, under its plain symbol name: what runs after the end of main finds a closed trace object
-// instead of a destroyed one.
-extern __attribute__((visibility("default"))) NeverDestroyed<CDebug> DebugStorage __asm__("Debug");
+// What runs after the end of main finds a closed trace object instead of a destroyed one.
+extern NeverDestroyed<CDebug> DebugStorage __asm__("ravd_own_trace_object");
 constinit NeverDestroyed<CDebug> DebugStorage;
+// `Debug` is its second, exported name. Everybody's `Debug` is the executable's where that has one, so what follows
+// keeps to the first: a library with an object of its own must not close the executable's.
+extern RAVD_EXPORT NeverDestroyed<CDebug> DebugSymbol __asm__("Debug") __attribute__((alias("ravd_own_trace_object")));
 
 // Closes the files of `Debug` at normal termination, and switches it off in every forked child. There is nothing to do
 // before a fork: waiting for the lock there could wait for a thread that waits for another lock of the forking one.
@@ -392,15 +395,7 @@ bool CDebug::SwitchToRunTimeRingBuffer() {
 }
 
 void CDebug::BuildAppVarName(char* buf, size_t size, const char* appName) {
-  if (buf == nullptr || size == 0 || appName == nullptr || *appName == '\0') return;
-  size_t length = strnlen(buf, size - 1);
-  const auto append = [&](char character) {
-    if (length + 1 < size) buf[length++] = character;
-  };
-  append('_');
-  for (; *appName != '\0'; ++appName)
-    append(static_cast<char>(std::toupper(static_cast<unsigned char>(*appName))));
-  buf[length] = '\0';
+  AppendAppName(buf, size, appName);
 }
 
 char* CDebug::StringToLower(char* text) {

@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "platform/critical_section.h"
+#include "platform/export.h"
 #include "trace/debug_trace_config.h"
 #include "trace/entry_formatter.h"
 #include "trace/header_lines.h"
@@ -147,7 +148,7 @@ class CDebug : public CDebugTraceConfig {
 };
 
 // The one instance. Exported under its plain name.
-extern __attribute__((visibility("default"))) CDebug Debug;
+extern RAVD_EXPORT CDebug Debug;
 
 // Writes a message when tracing is on and the level passes. While tracing is off this costs the test of a bool, and no
 // argument is evaluated.
@@ -156,6 +157,6 @@ extern __attribute__((visibility("default"))) CDebug Debug;
     if (Debug.m_TraceActive.load(std::memory_order_relaxed)) Debug.Print((level), __VA_ARGS__); \
   } while (false)
 
-#ifndef RAVD_CORE
+#ifndef RAVD_DEFINES_DEBUG
 #include "trace/debug_module_calls.h"
 #endif

@@ -2,11 +2,13 @@
 
 #include <dirent.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include "trace/debug.h"
+#include "trace/debug_trace_config_file.h"
+#include "trace/log_file.h"
 
 namespace {
 
@@ -121,7 +123,19 @@ bool UpdateTraceSettings(TraceSettings& settings, const char* appName, CDebugTra
   return application.ReadNumber("FileDebugLevel", settings.fileDebugLevel) && settings.fileDebugLevel != kNotGiven;
 }
 
+void AppendAppName(char* buf, size_t size, const char* appName) {
+  if (buf == nullptr || size == 0 || appName == nullptr || *appName == '\0') return;
+  size_t length = strnlen(buf, size - 1);
+  const auto append = [&](char character) {
+    if (length + 1 < size) buf[length++] = character;
+  };
+  append('_');
+  for (; *appName != '\0'; ++appName)
+    append(static_cast<char>(std::toupper(static_cast<unsigned char>(*appName))));
+  buf[length] = '\0';
+}
+
 WeightVariable::WeightVariable(const char* appName) {
   std::snprintf(name, sizeof name, "%s", "QN_LOG_RINGBUF_WEIGHT");
-  CDebug::BuildAppVarName(name, sizeof name, appName);
+  AppendAppName(name, sizeof name, appName);
 }

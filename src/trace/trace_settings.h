@@ -40,6 +40,9 @@ TraceSettings ReadTraceSettings(const char* appName, CDebugTraceConfigFile& glob
 bool UpdateTraceSettings(TraceSettings& settings, const char* appName, CDebugTraceConfigFile& global,
                          CDebugTraceConfigFile& application);
 
+// As CDebug::BuildAppVarName.
+void AppendAppName(char* buf, size_t size, const char* appName);
+
 // The name of an application's own weight variable: "ravd" => "QN_LOG_RINGBUF_WEIGHT_RAVD", cut to the buffer.
 struct WeightVariable {
   explicit WeightVariable(const char* appName);

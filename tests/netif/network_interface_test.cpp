@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "netif/host_ip_address.h"
+#include "netif/kernel_answers.h"
 #include "netif/network_interface_manager.h"
 #include "netif/private_network.h"
 #include "netif/routing_table_manager.h"

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <linux/ethtool.h>
 #include <linux/sockios.h>
+#include <net/if.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -12,6 +13,8 @@
 #include <thread>
 #include <vector>
 
+#include "perfmon/net_dev.h"
+#include "perfmon/network_interface_table.h"
 #include "support/fake_ioctl.h"
 #include "support/fixture_root.h"
 #include "support/trace_capture.h"

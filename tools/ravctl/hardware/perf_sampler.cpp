@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 
+#include "perfmon/net_dev.h"
 #include "perfmon/sample_text.h"
 #include "platform/descriptor_io.h"
 #include "ravctl/answer/json.h"
