@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/export.h"
+
 // Header of an SMBIOS structure (DMTF DSP0134, 6.1.2), as it stands in the table. Bytes alone: no alignment.
 struct _DMI_20_HEADER {
   uint8_t type;
@@ -37,5 +39,5 @@ using SmbiosStructureIndex = std::map<uint8_t, SmbiosStructureList>;  // by type
 // least and ends in any case.
 //
 // walked: the structures that were stepped over, the end-of-table structure included.
-bool WalkSmbiosStructures(std::span<const unsigned char> table, SmbiosStructureIndex& index, unsigned int& walked,
-                          std::string& error);
+RAVD_EXPORT bool WalkSmbiosStructures(std::span<const unsigned char> table, SmbiosStructureIndex& index,
+                                      unsigned int& walked, std::string& error);
