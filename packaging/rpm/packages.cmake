@@ -7,7 +7,7 @@ set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS debian/control ${
 set(CPACK_COMPONENTS_ALL ravd ravctl devel)
 set(debian_name_of_ravd ravd)
 set(debian_name_of_ravctl ravctl)
-set(debian_name_of_devel ravd-dev)
+set(debian_name_of_devel libravagent-dev)
 foreach(component ${CPACK_COMPONENTS_ALL})
   string(REGEX MATCH "\nPackage: ${debian_name_of_${component}}\n([^\n]+\n)+" paragraph "${control}")
   string(REGEX MATCH "\nDescription: ([^\n]*)\n(.*)" description "${paragraph}")
@@ -71,7 +71,7 @@ Suggests: ravctl
 Recommends: ravd, pciutils
 Suggests: bash-completion
 %endif
-%if "%{name}" == "ravd-devel"
+%if "%{name}" == "libravagent-devel"
 Recommends: cmake, gcc-c++, ravd = %{version}-%{release}
 %endif
 ]])

@@ -244,7 +244,7 @@ console_blocks() { # document
 # With nothing of ravd but its development package: what the guide tells, which finds it through cmake and pkg-config.
 kit_builds_modules() {
   prepare sh -euc "cd /root/source/build/package
-    apt-get install -y -qq --no-install-recommends ./ravd-dev_*.deb ${tools[*]}" >"$work/apt.log" 2>&1 ||
+    apt-get install -y -qq --no-install-recommends ./libravagent-dev_*.deb ${tools[*]}" >"$work/apt.log" 2>&1 ||
     fail "$(tail -n 5 "$work/apt.log")"
   prepare sh -euc '! dpkg-query -W ravd ravctl 2>/dev/null | grep "[0-9]"
     mkdir /root/kit && cd /root/kit
@@ -256,7 +256,7 @@ kit_builds_modules() {
     >"$work/kit.log" 2>&1 || fail "the kit: $(tail -n 20 "$work/kit.log")"
   "$here/module-symbols.sh" "$kit/libswitch.so" "$kit/heartbeat.so" "$kit/my-modules/build/lib/libswitch.so" \
     "$kit/my-modules/build/lib/modules/heartbeat.so"
-  say "modules built from ravd-dev alone, through cmake and through pkg-config"
+  say "modules built from libravagent-dev alone, through cmake and through pkg-config"
 }
 
 # Everything that is there, with owner and mode, but for the books of the package tools and of the service manager.
@@ -298,7 +298,7 @@ files_are_right() {
   has /usr/share/man/man8/ravd.8.gz 'regular file' 644
   has /usr/share/bash-completion/completions/ravctl 'regular file' 644
   local wrong
-  wrong=$(inside sh -c 'dpkg -L ravd ravd-dev ravctl | grep . | sort -u | xargs -d "\n" -I{} find {} -maxdepth 0 \
+  wrong=$(inside sh -c 'dpkg -L ravd libravagent-dev ravctl | grep . | sort -u | xargs -d "\n" -I{} find {} -maxdepth 0 \
     \( ! -user root -o ! -group root -o -perm /7022 \) ! -type l')
   [ -z "$wrong" ] || fail "owner or mode of $wrong"
   "$here/hardening.sh" "$root/usr/sbin/ravd" "$root/usr/bin/ravctl" >/dev/null || fail "hardening: see above"
@@ -401,7 +401,7 @@ upgrade_keeps_it_running() {
   local pid banner
   pid=$(service_pid)
   inside sh -euc "cd /root/source/build/package/next
-    apt-get install -y -qq ./ravd_*.deb ./ravctl_*.deb ./ravd-dev_*.deb" >"$work/apt.log" 2>&1 || fail "$(cat "$work/apt.log")"
+    apt-get install -y -qq ./ravd_*.deb ./ravctl_*.deb ./libravagent-dev_*.deb" >"$work/apt.log" 2>&1 || fail "$(cat "$work/apt.log")"
   [ -z "$by_hand" ] || service restart
   [ "$(inside dpkg-query -W -f '${Version}' ravd)" = "$next" ] || fail "not upgraded"
   [ "$(inside ravctl --version)" = "ravctl $next" ] || fail "ravctl is not upgraded"
@@ -429,7 +429,7 @@ machine_goes_down_and_up() {
 removed_and_purged() {
   local pid
   pid=$(service_pid)
-  documented 'apt-get remove -y ravd ravctl ravd-dev'
+  documented 'apt-get remove -y ravd ravctl libravagent-dev'
   if [ -z "$by_hand" ]; then
     ! inside test -e "/proc/$pid" || fail "removed, but process $pid runs"
   else
@@ -464,14 +464,14 @@ timed make_root
 timed fill_root
 timed kit_builds_modules
 # What the packages bring as dependencies is part of the machine before them.
-prepare sh -euc 'apt-get purge -y -qq ravd-dev; cd /root/source/build/package
+prepare sh -euc 'apt-get purge -y -qq libravagent-dev; cd /root/source/build/package
   apt-get install -y -qq --no-install-recommends pciutils $(apt-get install -s --no-install-recommends ./ravctl_*.deb |
     awk "\$1 == \"Inst\" && \$2 !~ /^rav/ { print \$2 }")' >"$work/apt.log" 2>&1 || fail "$(tail -n 5 "$work/apt.log")"
 timed boot
 snapshot "$work/before"
 ravd_needs_no_library
 documented 'apt-get install -y ./build/package/ravd_*.deb ./build/package/ravctl_*.deb'
-documented 'apt-get install -y ./build/package/ravd-dev_*.deb'
+documented 'apt-get install -y ./build/package/libravagent-dev_*.deb'
 timed files_are_right
 waits_for_its_switch
 timed distribution_test_passes

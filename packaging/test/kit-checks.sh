@@ -48,7 +48,7 @@ packed_layout_does_not_build() { # include directory
 }
 
 examples_build_out_of_tree() { # prefix
-  cp -r "$1/share/doc/ravd-dev/examples" "$work/examples"
+  cp -r "$1/share/doc/libravagent-dev/examples" "$work/examples"
   cmake -S "$work/examples" -B "$work/examples-build" -G Ninja -DCMAKE_PREFIX_PATH="$1" >/dev/null
   cmake --build "$work/examples-build" >/dev/null || fail "the examples do not build"
   (cd "$work/examples-build" && ctest --output-on-failure >"$work/ctest") || { cat "$work/ctest"; fail "template test"; }

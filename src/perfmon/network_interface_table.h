@@ -5,15 +5,13 @@
 #include <array>
 #include <cstdint>
 
-#include "platform/export.h"
-
 // Counts the network interfaces of the machine by name. Holds no state: safe from any thread; reads the environment
 // variable QN_NICKNAME, which must not be changed meanwhile. A failure is traced and gives kError.
 //
 // A name counts when it starts with "eth", "bond", "sha", "vswif", "br", "xenbr", "en", "mic", "lo" or "em", or with
 // "p" and a digit, or whatever it is when QN_NICKNAME contains "OVM3"; and when the kernel knows the interface. The
 // performance monitor samples fewer names (net_dev.h), so that the n-th interface here need not be the n-th there.
-class RAVD_EXPORT CNetworkInterfaceTable {
+class CNetworkInterfaceTable {
  public:
   static constexpr unsigned char kError = 255;
 

@@ -48,6 +48,12 @@ class RAVD_EXPORT CRegistry {
   static CRegistryNode* HKEY_USERS;
   static CRegistryNode* HKEY_CLASSES_ROOT;
   static CRegistryNode* HKEY_CURRENT_CONFIG;
+  // The same, for those who would not refer to data of a library.
+  static CRegistryNode* LocalMachine();
+  static CRegistryNode* CurrentUser();
+  static CRegistryNode* Users();
+  static CRegistryNode* ClassesRoot();
+  static CRegistryNode* CurrentConfig();
 
   CRegistry();
   // hKey is looked at after the tree was loaded, so a root key handle may be given by the first object, too.

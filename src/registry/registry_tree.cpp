@@ -225,6 +225,26 @@ constinit CCriticalSection& CRegistry::MClassLock = lockOfClass.object;
 std::atomic<CRegistry::TreeState> CRegistry::MTreeState = TreeState::kClean;
 std::atomic<bool> CRegistry::MIsSetup = false;
 
+CRegistryNode* CRegistry::LocalMachine() {
+  return HKEY_LOCAL_MACHINE;
+}
+
+CRegistryNode* CRegistry::CurrentUser() {
+  return HKEY_CURRENT_USER;
+}
+
+CRegistryNode* CRegistry::Users() {
+  return HKEY_USERS;
+}
+
+CRegistryNode* CRegistry::ClassesRoot() {
+  return HKEY_CLASSES_ROOT;
+}
+
+CRegistryNode* CRegistry::CurrentConfig() {
+  return HKEY_CURRENT_CONFIG;
+}
+
 bool CRegistry::ReadTree(const char* path, CRegistryNode& node) {
   if (path == nullptr) {
     TRACE(1, "CRegistry: ERROR: Empty file path");
