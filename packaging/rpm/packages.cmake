@@ -4,9 +4,10 @@
 file(READ debian/control control)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS debian/control ${PROJECT_SOURCE_DIR}/CHANGELOG.md)
 
-set(CPACK_COMPONENTS_ALL ravd ravctl devel)
+set(CPACK_COMPONENTS_ALL ravd ravctl library devel)
 set(debian_name_of_ravd ravd)
 set(debian_name_of_ravctl ravctl)
+set(debian_name_of_library libravagent3)
 set(debian_name_of_devel libravagent-dev)
 foreach(component ${CPACK_COMPONENTS_ALL})
   string(REGEX MATCH "\nPackage: ${debian_name_of_${component}}\n([^\n]+\n)+" paragraph "${control}")
@@ -17,6 +18,8 @@ foreach(component ${CPACK_COMPONENTS_ALL})
 endforeach()
 set(CPACK_RPM_MAIN_COMPONENT ravd)
 set(CPACK_RPM_RAVCTL_PACKAGE_NAME ravctl)
+set(CPACK_RPM_LIBRARY_PACKAGE_NAME libravagent)
+set(CPACK_RPM_DEVEL_PACKAGE_NAME libravagent-devel)
 set(CPACK_RPM_COMPONENT_INSTALL ON)
 set(CPACK_RPM_FILE_NAME RPM-DEFAULT)
 
@@ -72,6 +75,9 @@ Recommends: ravd, pciutils
 Suggests: bash-completion
 %endif
 %if "%{name}" == "libravagent-devel"
+Requires: libravagent = %{version}-%{release}
+Obsoletes: ravd-devel < 3.12.5
+Provides: ravd-devel = %{version}
 Recommends: cmake, gcc-c++, ravd = %{version}-%{release}
 %endif
 ]])

@@ -244,7 +244,7 @@ console_blocks() { # document
 # With nothing of ravd but its development package: what the guide tells, which finds it through cmake and pkg-config.
 kit_builds_modules() {
   prepare sh -euc "cd /root/source/build/package
-    apt-get install -y -qq --no-install-recommends ./libravagent-dev_*.deb ${tools[*]}" >"$work/apt.log" 2>&1 ||
+    apt-get install -y -qq --no-install-recommends ./libravagent3_*.deb ./libravagent-dev_*.deb ${tools[*]}" >"$work/apt.log" 2>&1 ||
     fail "$(tail -n 5 "$work/apt.log")"
   prepare sh -euc '! dpkg-query -W ravd ravctl 2>/dev/null | grep "[0-9]"
     mkdir /root/kit && cd /root/kit
@@ -255,8 +255,21 @@ kit_builds_modules() {
     [ "$(pkg-config --modversion ravd)" = '"$version"' ] && [ "$(pkg-config --variable=moduledir ravd)" = /usr/lib/ravd ]' \
     >"$work/kit.log" 2>&1 || fail "the kit: $(tail -n 20 "$work/kit.log")"
   "$here/module-symbols.sh" "$kit/libswitch.so" "$kit/heartbeat.so" "$kit/my-modules/build/lib/libswitch.so" \
-    "$kit/my-modules/build/lib/modules/heartbeat.so"
-  say "modules built from libravagent-dev alone, through cmake and through pkg-config"
+    "$kit/my-modules/build/lib/modules/heartbeat.so" "$kit/my-modules/build/lib/library_modules/machine_load.so"
+  say "modules and programs built from libravagent-dev alone, through cmake and through pkg-config"
+}
+
+# The programs on the library, without the daemon; the registry client once more after a save that somebody killed.
+programs_run() {
+  prepare sh -euc 'cd /root/kit/my-modules/build
+    ./inventory_table | grep "^volume .*% used"
+    ./load_sampler 1 | grep "^on average"
+    ./interface_watcher 1 | grep "^lo "
+    printf "[A]\nB=1\n" >example.ini && ./ini_edit example.ini A B 2 | grep -x "\[A\] B=2" && grep -x B=2 example.ini
+    mkdir -p /etc/pelrix && ./registry_client && echo half >/etc/pelrix/registry.new
+    ./registry_client | grep -x "run 2 is stored"; rm -r /etc/pelrix' >"$work/programs.log" 2>&1 ||
+    fail "the programs on the library: $(tail -n 20 "$work/programs.log")"
+  say "the programs on the library run"
 }
 
 # Everything that is there, with owner and mode, but for the books of the package tools and of the service manager.
@@ -298,7 +311,7 @@ files_are_right() {
   has /usr/share/man/man8/ravd.8.gz 'regular file' 644
   has /usr/share/bash-completion/completions/ravctl 'regular file' 644
   local wrong
-  wrong=$(inside sh -c 'dpkg -L ravd libravagent-dev ravctl | grep . | sort -u | xargs -d "\n" -I{} find {} -maxdepth 0 \
+  wrong=$(inside sh -c 'dpkg -L ravd libravagent3 libravagent-dev ravctl | grep . | sort -u | xargs -d "\n" -I{} find {} -maxdepth 0 \
     \( ! -user root -o ! -group root -o -perm /7022 \) ! -type l')
   [ -z "$wrong" ] || fail "owner or mode of $wrong"
   "$here/hardening.sh" "$root/usr/sbin/ravd" "$root/usr/bin/ravctl" >/dev/null || fail "hardening: see above"
@@ -321,7 +334,7 @@ distribution_test_passes() {
 put_switch() {
   inside sh -euc 'cp /root/kit/libswitch.so /usr/lib/ravd/
     mkdir -p /usr/lib/ravd/modules && cp /root/kit/my-modules/build/lib/modules/heartbeat.so /usr/lib/ravd/modules/
-    cp /root/kit/crashing.so /usr/lib/ravd/modules/'
+    cp /root/kit/my-modules/build/lib/library_modules/machine_load.so /root/kit/crashing.so /usr/lib/ravd/modules/'
   documented "sed -i 's/^FileDebugLevel=.*/FileDebugLevel=3/' /etc/norrow/QuennetSuite/TraceConfig/ravd.ini"
 }
 
@@ -329,6 +342,8 @@ service_starts() {
   if [ -z "$by_hand" ]; then documented 'systemctl start ravd'; else start_by_hand || fail "not ready in 20 seconds"; fi
   [ -n "$(service_pid)" ] || fail "ready, but there is no PID file"
   traces_soon 'Heartbeat           : beat'
+  traces_soon 'MachineLoad         : a sample each 1000 ms'
+  traced 'CPerfMon' || fail "the library does not trace through the daemon"
   traced 'RAVD-MAIN' || fail "the daemon itself does not trace"
   [ -n "$by_hand" ] || [ "$(inside systemctl show -P MainPID ravd)" = "$(service_pid)" ] || fail "the wrong main process"
   say "the service is ready and the module built from the package traces into it"
@@ -401,7 +416,7 @@ upgrade_keeps_it_running() {
   local pid banner
   pid=$(service_pid)
   inside sh -euc "cd /root/source/build/package/next
-    apt-get install -y -qq ./ravd_*.deb ./ravctl_*.deb ./libravagent-dev_*.deb" >"$work/apt.log" 2>&1 || fail "$(cat "$work/apt.log")"
+    apt-get install -y -qq ./ravd_*.deb ./ravctl_*.deb ./libravagent3_*.deb ./libravagent-dev_*.deb" >"$work/apt.log" 2>&1 || fail "$(cat "$work/apt.log")"
   [ -z "$by_hand" ] || service restart
   [ "$(inside dpkg-query -W -f '${Version}' ravd)" = "$next" ] || fail "not upgraded"
   [ "$(inside ravctl --version)" = "ravctl $next" ] || fail "ravctl is not upgraded"
@@ -429,7 +444,7 @@ machine_goes_down_and_up() {
 removed_and_purged() {
   local pid
   pid=$(service_pid)
-  documented 'apt-get remove -y ravd ravctl libravagent-dev'
+  documented 'apt-get remove -y ravd ravctl libravagent-dev libravagent3'
   if [ -z "$by_hand" ]; then
     ! inside test -e "/proc/$pid" || fail "removed, but process $pid runs"
   else
@@ -463,15 +478,16 @@ timed packages_are_clean
 timed make_root
 timed fill_root
 timed kit_builds_modules
+timed programs_run
 # What the packages bring as dependencies is part of the machine before them.
-prepare sh -euc 'apt-get purge -y -qq libravagent-dev; cd /root/source/build/package
+prepare sh -euc 'apt-get purge -y -qq libravagent-dev libravagent3; cd /root/source/build/package
   apt-get install -y -qq --no-install-recommends pciutils $(apt-get install -s --no-install-recommends ./ravctl_*.deb |
     awk "\$1 == \"Inst\" && \$2 !~ /^rav/ { print \$2 }")' >"$work/apt.log" 2>&1 || fail "$(tail -n 5 "$work/apt.log")"
 timed boot
 snapshot "$work/before"
 ravd_needs_no_library
 documented 'apt-get install -y ./build/package/ravd_*.deb ./build/package/ravctl_*.deb'
-documented 'apt-get install -y ./build/package/libravagent-dev_*.deb'
+documented 'apt-get install -y ./build/package/libravagent3_*.deb ./build/package/libravagent-dev_*.deb'
 timed files_are_right
 waits_for_its_switch
 timed distribution_test_passes

@@ -17,7 +17,7 @@ headers_compile_alone() { # include directory
     for compiler in g++ clang++; do
       command -v $compiler >/dev/null || { echo "kit: $compiler is not installed"; continue; }
       echo "#include \"${header#./}\"" >"$work/alone.cpp"
-      $compiler -std=c++20 -Wall -Wextra -Wpedantic -Wshadow -Werror -fsyntax-only -I"$1" "$work/alone.cpp" ||
+      $compiler -std=c++20 -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -fsyntax-only -I"$1" "$work/alone.cpp" ||
         fail "$header does not compile alone with $compiler"
     done
   done
@@ -53,7 +53,7 @@ examples_build_out_of_tree() { # prefix
   cmake --build "$work/examples-build" >/dev/null || fail "the examples do not build"
   (cd "$work/examples-build" && ctest --output-on-failure >"$work/ctest") || { cat "$work/ctest"; fail "template test"; }
   "$source/packaging/test/module-symbols.sh" "$work"/examples-build/lib/libswitch.so \
-    "$work"/examples-build/lib/modules/heartbeat.so "$work"/examples-build/my_module.so
+    "$work"/examples-build/lib/*modules/*.so "$work"/examples-build/my_module.so
 }
 
 versions_agree() { # prefix
