@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -203,4 +204,18 @@ TEST(LastCrash, StatusAndDoctorTellOfIt) {
   machine.WriteFile(kept + "/exit", "result=exit-code\nstatus=1\nsignal=\npid=471\n");
   EXPECT_EQ(machine.Json("daemon status", 6)["data"]["last_crash"],
             "ended 2026-11-25 02:45:23 with status 1 (exit-code)");
+}
+
+// What draws the tables never ended on a character that the locale does not have.
+TEST(Tables, CharactersInAnyLocale) {
+  const ToolRoot machine;
+  machine.WriteFile("/a.ini", "[Gr\xc3\xb6\xc3\x9f]\na=1\n");
+  for (const char* locale : {"LC_ALL=C", "LC_ALL=none"})
+    EXPECT_THAT(machine.Ravctl("ini sections /a.ini", {locale}).out, HasSubstr("\nGr\xc3\xb6\xc3\x9f ")) << locale;
+  machine.Run(
+      [] {
+        ASSERT_EQ(::mount("none", "/usr/lib/locale", "tmpfs", 0, nullptr), 0);
+        EXPECT_THAT(RunRavctl("ini sections /a.ini").out, HasSubstr("\nGr???? "));
+      },
+      FixtureRoot::kUsr);
 }

@@ -1,9 +1,12 @@
 #include "ravctl/tool.h"
 
+#include <langinfo.h>
+
 #include <clocale>
 #include <csignal>
 #include <cstdio>
 #include <stdexcept>
+#include <string_view>
 
 #include "ravctl/base/text.h"
 #include "ravctl/commands/all_commands.h"
@@ -134,10 +137,17 @@ int Run(const ParsedLine& line, const GlobalOptions& options) {
   return RunCommand(*line.command, options);
 }
 
+// All texts are UTF-8, and what draws tables does not end on a character that the locale does not have: the caller's
+// locale counts where it is one of UTF-8, and one of the system's own elsewhere.
+void SetCharacters() {
+  std::setlocale(LC_CTYPE, "");
+  if (std::string_view(::nl_langinfo(CODESET)) != "UTF-8") std::setlocale(LC_CTYPE, "C.UTF-8");
+}
+
 }  // namespace
 
 int RunTool(int argc, char** argv) {
-  std::setlocale(LC_CTYPE, "");
+  SetCharacters();
   std::signal(SIGPIPE, SIG_IGN);
   try {
     Command root({"ravctl", "Look at and steer what the ravd service daemon and its library know of this machine."},

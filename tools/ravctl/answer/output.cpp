@@ -71,6 +71,13 @@ std::string Dump(const Json& value) {
   }
 }
 
+// Where the system has no locale of UTF-8 at all, the library that draws does not end on such a character.
+std::string Drawable(std::string text) {
+  const auto isOther = [](char byte) { return (byte & 0x80) != 0; };
+  if (MB_CUR_MAX == 1) std::ranges::replace_if(text, isOther, '?');
+  return text;
+}
+
 }  // namespace
 
 std::string CellText(const Column& column, const Json& row) {
@@ -292,7 +299,7 @@ void Output::PrintTable(const Table& table) {
     made.push_back(line);
     for (size_t cell = 0; cell < chosen.size(); ++cell) {
       const Column& column = table.Columns()[chosen[cell]];
-      scols_line_set_data(line, cell, CellText(column, table.Row(number)).c_str());
+      scols_line_set_data(line, cell, Drawable(CellText(column, table.Row(number))).c_str());
       const Color color = column.color ? column.color(table.Row(number)) : Color::kNone;
       if (color != Color::kNone) scols_cell_set_color(scols_line_get_cell(line, cell), ColorSequence(color));
     }
