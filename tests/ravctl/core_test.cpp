@@ -9,6 +9,8 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
+#include <tuple>
 
 #include "ravctl/base/child.h"
 #include "ravctl/base/text.h"
@@ -216,6 +218,35 @@ TEST(Tables, CharactersInAnyLocale) {
       [] {
         ASSERT_EQ(::mount("none", "/usr/lib/locale", "tmpfs", 0, nullptr), 0);
         EXPECT_THAT(RunRavctl("ini sections /a.ini").out, HasSubstr("\nGr???? "));
+      },
+      FixtureRoot::kUsr);
+}
+
+// A cut answer must not look like a whole one; a reader that went away is no fault.
+TEST(Output, EndsWithAStatusOfItsOwnWhenItIsNotWritten) {
+  const ToolRoot machine;
+  machine.MakeDirectory("/full");
+  machine.WriteFile("/log.x", "2026-01-02 03:04:05.000 [0000ABCD] ravd          text\n");
+  machine.Run(
+      [] {
+        ASSERT_EQ(::mount("none", "/full", "tmpfs", 0, "size=4k"), 0);
+        WriteWholeFile("/full/filler", std::string(4096, 'f'));
+        const std::tuple<const char*, int, const char*> rows[] = {
+            {"--help >/full/out", 7, "No space left on device\n"},
+            {"--version >&-", 7, "Bad file descriptor\n"},
+            {"man --json >/full/out", 7, "No space left on device\n"},
+            {"trace show /log.x >&-", 7, "Bad file descriptor\n"},
+            {"doctor >/full/out", 7, "No space left on device\n"},
+            {"man | true", 0, ""},
+            {"man >&- <&-", 7, "Bad file descriptor\n"},
+        };
+        for (const auto& [words, status, said] : rows) {
+          const std::string command = "set -o pipefail; LANG=C /ravctl " + std::string(words) + " 2>/err";
+          const int ended = std::system(("bash -c '" + command + "'").c_str());
+          EXPECT_EQ(WEXITSTATUS(ended), status) << words;
+          EXPECT_EQ(ReadWholeFile("/err"), *said ? std::string("ravctl: cannot write the answer: ") + said : "")
+              << words;
+        }
       },
       FixtureRoot::kUsr);
 }

@@ -1,10 +1,13 @@
 #include "ravctl/tool.h"
 
+#include <fcntl.h>
 #include <langinfo.h>
+#include <unistd.h>
 
 #include <clocale>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <stdexcept>
 #include <string_view>
 
@@ -105,12 +108,26 @@ void EnterTree(const CommandText& command, const std::string& tree, Output& out)
   }
 }
 
+// An answer that is not whole must not look like one, whatever the command says.
+int Finish(ExitCode code, Output& out) {
+  out.Flush();
+  if (out.WriteError() == 0) return Status(code);
+  return Report(ExitCode::kNotWritten, OneLine("cannot write the answer", std::strerror(out.WriteError()), ""));
+}
+
+int Say(const std::string& text) {
+  Output out({});
+  out.Write(text);
+  return Finish(ExitCode::kDone, out);
+}
+
 int RunCommand(const Command& command, const GlobalOptions& options) {
   if (command.IsGroup()) return ReportMissingCommand(command);
   Output out(options.output);
   try {
     if (!options.sysroot.empty()) EnterTree(command.Text(), options.sysroot, out);
-    return Status(command.Run(out));
+    const ExitCode code = command.Run(out);
+    return Finish(code, out);
   } catch (const CommandError& error) {
     out.Flush();
     return Report(error.Code(), command.FullName() + ": " + error.what());
@@ -120,11 +137,9 @@ int RunCommand(const Command& command, const GlobalOptions& options) {
 int Run(const ParsedLine& line, const GlobalOptions& options) {
   switch (line.kind) {
     case ParsedLine::Kind::kHelp:
-      std::fputs(line.text.c_str(), stdout);
-      return 0;
+      return Say(line.text);
     case ParsedLine::Kind::kVersion:
-      std::puts("ravctl " RAVCTL_VERSION);
-      return 0;
+      return Say("ravctl " RAVCTL_VERSION "\n");
     case ParsedLine::Kind::kUnknown:
       return ReportUnknown(*line.command, line.text);
     case ParsedLine::Kind::kFault: {
@@ -144,15 +159,26 @@ void SetCharacters() {
   if (std::string_view(::nl_langinfo(CODESET)) != "UTF-8") std::setlocale(LC_CTYPE, "C.UTF-8");
 }
 
+// A standard stream that is closed stays so: no file that is opened later takes its number and gets what is meant for
+// it.
+void KeepStandardNumbers() {
+  constexpr const char* kNothing = "/dev/null";  // neither read nor written through such a descriptor
+  int opened = 0;
+  while (opened >= 0 && opened <= STDERR_FILENO)
+    opened = ::open(kNothing, O_PATH);
+  if (opened > STDERR_FILENO) ::close(opened);
+}
+
 }  // namespace
 
 int RunTool(int argc, char** argv) {
+  KeepStandardNumbers();
   SetCharacters();
   std::signal(SIGPIPE, SIG_IGN);
   try {
     Command root({"ravctl", "Look at and steer what the ravd service daemon and its library know of this machine."},
                  "Exit status: 0 done, 1 nothing or a difference found, 2 usage, 3 permission, 4 input missing,\n"
-                 "5 input damaged, 6 daemon not running, 70 internal.\n"
+                 "5 input damaged, 6 daemon not running, 7 answer not written, 70 internal.\n"
                  "ravctl COMMAND --help tells more and gives examples.");
     GlobalOptions options;
     AddGlobalOptions(root, options);

@@ -1,6 +1,7 @@
 #include "ravctl/answer/output.h"
 
 #include <libsmartcols.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -204,11 +205,14 @@ void Output::EndStream() {
 void Output::Flush() {
   for (size_t at = 0; at < m_Buffer.size() && !m_IsClosed;) {
     const ssize_t written = ::write(STDOUT_FILENO, m_Buffer.data() + at, m_Buffer.size() - at);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) {
-      m_IsClosed = true;
-    } else {
+    if (written >= 0) {
       at += static_cast<size_t>(written);
+    } else if (errno == EAGAIN) {  // whoever shares the terminal may have made it so
+      pollfd file = {STDOUT_FILENO, POLLOUT, 0};
+      ::poll(&file, 1, -1);
+    } else if (errno != EINTR) {
+      m_WriteError = errno == EPIPE ? 0 : errno;
+      m_IsClosed = true;
     }
   }
   m_Buffer.clear();

@@ -82,7 +82,7 @@ class Table {
 class Output {
  public:
   explicit Output(OutputOptions options);
-  // What was written is flushed.
+  // What was written is flushed; who wants to know of an error flushes before.
   ~Output();
   Output(const Output&) = delete;
   Output& operator=(const Output&) = delete;
@@ -110,8 +110,11 @@ class Output {
   void Write(std::string_view textOrElement);
   void EndStream();
   void Flush();
-  // Whether the reader went away (a closed pipe): the command may stop.
+  // Whether nothing more can be written, for the reader went away (a closed pipe) or for an error: the command may
+  // stop.
   bool IsClosed() const { return m_IsClosed; }
+  // The number of that error, 0 when there was none; that a reader went away is none.
+  int WriteError() const { return m_WriteError; }
 
   // what, where, toDo as in CommandError; where and toDo may be empty.
   void Warn(std::string_view what, std::string_view where = {}, std::string_view toDo = {});
@@ -141,6 +144,7 @@ class Output {
   bool m_HasColors;
   bool m_IsFirstElement = true;
   bool m_IsClosed = false;
+  int m_WriteError = 0;
 };
 
 // Shows on a terminal how far a long piece of work is: "reading 43 %" on the standard error, overwritten and removed at
