@@ -93,6 +93,16 @@ TEST(DaemonStatus, TellsThatItDoesNotRun) {
   // What is left of a daemon names a process that is none.
   machine.WriteFile("/var/run/ravd.pid", "1\n");
   EXPECT_EQ(machine.Json({"daemon", "status"}, 6, {}, FixtureRoot::kProc)["data"]["pid"], nullptr);
+
+  // One that was killed and that nobody has reaped is none either; memory is in units of 1024 bytes.
+  const std::string times = " 1 1 1 0 -1 4194560 1 0 0 0 1 1 0 0 20 0 1 0 900 1 1 1\n";
+  machine.WriteFile("/proc/stat", "cpu 1\nbtime 1700000000\n");
+  machine.WriteFile("/proc/1/comm", "ravd\n");
+  machine.WriteFile("/proc/1/status", "Name:\travd\nVmRSS:\t    5120 kB\nThreads:\t3\n");
+  machine.WriteFile("/proc/1/stat", "1 (ravd) S" + times);
+  EXPECT_EQ(Members(machine.Json("daemon status")["data"], "pid resident_kb threads"), "1, 5120, 3");
+  machine.WriteFile("/proc/1/stat", "1 (ravd) Z" + times);
+  EXPECT_EQ(machine.Json("daemon status", 6)["data"]["pid"], nullptr);
 }
 
 // What the work starts is in a session of its own; a pipe that all inherit ends when none of them is left.
@@ -241,7 +251,7 @@ TEST(Output, EndsWithAStatusOfItsOwnWhenItIsNotWritten) {
             {"man >&- <&-", 7, "Bad file descriptor\n"},
         };
         for (const auto& [words, status, said] : rows) {
-          const std::string command = "set -o pipefail; LANG=C /ravctl " + std::string(words) + " 2>/err";
+          const std::string command = "set -o pipefail; { /ravctl " + std::string(words) + "; } 2>/err";
           const int ended = std::system(("bash -c '" + command + "'").c_str());
           EXPECT_EQ(WEXITSTATUS(ended), status) << words;
           EXPECT_EQ(ReadWholeFile("/err"), *said ? std::string("ravctl: cannot write the answer: ") + said : "")
