@@ -146,18 +146,15 @@ Json Output::WarningsAsJson() const {
 }
 
 void Output::Print(const Schema& schema, const Table& table) {
-  if (IsJson()) {
-    Print(schema, std::string(), table.ToJson());
-  } else {
-    PrintTable(table);
-  }
+  Print(schema, table, IsJson() ? table.ToJson() : Json());
 }
 
 void Output::Print(const Schema& schema, const Table& table, const Json& data) {
+  const std::vector<size_t> chosen = ChosenColumns(table.Columns());
   if (IsJson()) {
     Print(schema, std::string(), data);
   } else {
-    PrintTable(table);
+    PrintTable(table, chosen);
   }
 }
 
@@ -200,6 +197,15 @@ void Output::Write(std::string_view textOrElement) {
 void Output::EndStream() {
   if (!IsJson()) return;
   m_Buffer += "],\"warnings\":" + Dump(WarningsAsJson()) + "}\n";
+}
+
+void Output::PrintError(int code, const std::string& message) {
+  if (!IsJson()) return;
+  Json object = Envelope({"error"});
+  object["data"] = nullptr;
+  object["error"] = {{"code", code}, {"message", message}};
+  object["warnings"] = WarningsAsJson();
+  m_Buffer += Dump(object) + '\n';
 }
 
 void Output::Flush() {
@@ -277,8 +283,7 @@ std::vector<size_t> Output::ChosenColumns(const std::vector<Column>& columns) co
   return chosen;
 }
 
-void Output::PrintTable(const Table& table) {
-  const std::vector<size_t> chosen = ChosenColumns(table.Columns());
+void Output::PrintTable(const Table& table, const std::vector<size_t>& chosen) {
   const std::unique_ptr<libscols_table, TableDeleter> lines(scols_new_table());
   if (lines == nullptr) throw std::bad_alloc();
   scols_table_enable_noencoding(lines.get(), 1);  // the texts are fit for a terminal already

@@ -79,6 +79,7 @@ class Table {
 //   Print           once, with everything
 //   Line            for what follows or watches: a line of text, or with --json a whole JSON object a line (JSON Lines)
 //   BeginStream, Write..., EndStream   for output too large to hold, such as a trace
+// A name of -o that is none of a table's columns is a CommandError in every form.
 class Output {
  public:
   explicit Output(OutputOptions options);
@@ -109,6 +110,11 @@ class Output {
   void BeginStream(const Schema& schema);
   void Write(std::string_view textOrElement);
   void EndStream();
+
+  // A failure in the place of the answer: with --json {"schema": "ravctl/error", ..., "data": null, "error": {"code",
+  // "message"}}, in the other forms nothing.
+  void PrintError(int code, const std::string& message);
+
   void Flush();
   // Whether nothing more can be written, for the reader went away (a closed pipe) or for an error: the command may
   // stop.
@@ -134,7 +140,7 @@ class Output {
 
   Json Envelope(const Schema& schema) const;
   Json WarningsAsJson() const;
-  void PrintTable(const Table& table);
+  void PrintTable(const Table& table, const std::vector<size_t>& chosen);
 
   OutputOptions m_Options;
   std::string m_Root = "/";

@@ -53,7 +53,7 @@ void EntryWriter::ChooseParts(const std::string& columns) {
 
 void EntryWriter::Begin() {
   if (!m_IsFollowing) m_Out.BeginStream(m_Schema);
-  if (m_Parts.empty() || m_Out.Options().noHeadings) return;
+  if (m_Parts.empty() || m_Out.IsJson() || m_Out.Options().noHeadings) return;
   std::string line;
   for (const Part part : m_Parts) {
     const PartRow& row = kPartRows[static_cast<size_t>(part)];
