@@ -27,15 +27,15 @@ constexpr auto kPartRows = std::to_array<PartRow>({
 });
 
 Color ColorOf(std::string_view text) {
-  if (text.find("ERROR") != std::string_view::npos || text.find("FAILED") != std::string_view::npos) return Color::kRed;
-  return text.find("WARNING") != std::string_view::npos ? Color::kYellow : Color::kNone;
+  const Gravity gravity = GravityOf(text);
+  return gravity == Gravity::kError ? Color::kRed : gravity == Gravity::kWarning ? Color::kYellow : Color::kNone;
 }
 
 }  // namespace
 
 EntryWriter::EntryWriter(Output& out, const Schema& schema, bool isFollowing)
     : m_Out(out), m_Schema(schema), m_IsFollowing(isFollowing) {
-  if (!out.IsJson()) ChooseParts(out.Options().columns);
+  ChooseParts(out.Options().columns);
 }
 
 void EntryWriter::ChooseParts(const std::string& columns) {

@@ -51,6 +51,12 @@ TraceEntry ParseEntry(std::string_view whole) {
   return entry;
 }
 
+Gravity GravityOf(std::string_view text) {
+  const auto has = [text](std::string_view word) { return text.find(word) != std::string_view::npos; };
+  if (has("ERROR") || has("FAILED")) return Gravity::kError;
+  return has("WARNING") ? Gravity::kWarning : Gravity::kPlain;
+}
+
 bool IsFiller(std::string_view line) {
   // Most lines show at their end that they are none; the entry header takes the first third at most.
   constexpr size_t kMaxHeader = 128;

@@ -30,6 +30,10 @@ inline bool StartsEntry(std::string_view line) {
 // Takes an entry apart; whole must start one (StartsEntry).
 TraceEntry ParseEntry(std::string_view whole);
 
+// What an entry tells of, by the words that those who trace use: ERROR or FAILED, WARNING.
+enum class Gravity { kPlain, kWarning, kError };
+Gravity GravityOf(std::string_view text);
+
 // Whether the line, with its end, is one with which a new ring buffer is filled.
 bool IsFiller(std::string_view line);
 

@@ -23,11 +23,9 @@ struct Count {
   void Add(const TraceEntry& entry) {
     ++entries;
     bytes += entry.whole.size();
-    if (entry.text.find("ERROR") != std::string_view::npos || entry.text.find("FAILED") != std::string_view::npos) {
-      ++errors;
-    } else if (entry.text.find("WARNING") != std::string_view::npos) {
-      ++warnings;
-    }
+    const Gravity gravity = GravityOf(entry.text);
+    errors += gravity == Gravity::kError ? 1 : 0;
+    warnings += gravity == Gravity::kWarning ? 1 : 0;
     if (first.empty()) first = entry.time;
     last = entry.time;
   }
