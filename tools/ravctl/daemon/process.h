@@ -9,6 +9,7 @@
 namespace ravctl {
 
 inline constexpr const char* kPidFile = "/var/run/ravd.pid";
+inline constexpr const char* kLockFile = "/var/lock/ravd.lock";
 
 // The daemon as its PID file and /proc tell.
 struct DaemonProcess {
