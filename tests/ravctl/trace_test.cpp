@@ -310,7 +310,13 @@ TEST(TraceCommands, FaultsAreOneLineWithTheirStatus) {
       {"show mytool", 4, "trace show: cannot look into: /var/log/pelrix: No such file or directory (check the path)"},
       {"show /t -t xyz", 2, "trace show: not a thread: xyz (give its up to eight hexadecimal digits: 1A2B3C40)"},
       {"show /t --since noon", 2,
-       "trace show: not a time: noon (give 2024-05-06 10:11:12, 10:11, or 5m for 5 minutes ago)"},
+       "trace show: not a time: noon (give 2024-05-06 10:11:12, 10:11, yesterday, or 5m for 5 minutes ago)"},
+      {"show /t --since 2026-13-45", 2, "trace show: not a time: 2026-13-45..."},
+      {"show /t --since 2025-02-29", 2, "trace show: not a time: 2025-02-29..."},
+      {"show /t --until 24:00", 2, "trace show: not a time: 24:00..."},
+      {"show /t --until 2026-1", 2, "trace show: not a time: 2026-1..."},
+      {"show /garbage", 5, "warning: not a trace: no line of it begins an entry: /garbage..."},
+      {"stats /t -o nosuch", 2, "trace stats: no such column: nosuch..."},
       {"show /t -o txt", 2, "trace show: no such column: txt (known: time, thread, memory, tag, text)"},
       {"toggle", 6, "trace toggle: the daemon does not run: /var/run/ravd.pid (start it first)"},
       {"level 9", 2, "LEVEL: Value 9 not in range 0 to 6: trace level (see ravctl trace level --help)"},
@@ -318,7 +324,11 @@ TEST(TraceCommands, FaultsAreOneLineWithTheirStatus) {
   };
   const ToolRoot machine;
   machine.WriteFile("/t", Line("01", "one"));
+  machine.WriteFile("/garbage", std::string(5000, '\x7f'));
   ExpectFaults(machine, "trace", faults);
+  EXPECT_EQ(Members(machine.Json("trace verify /garbage", 5)["data"], "0/severity 0/check"), "bad, kind");
+  for (const char* day : {"yesterday", "'yesterday 10:11'", "today"})
+    EXPECT_EQ(machine.Ravctl(std::string("trace show /t --since ") + day).status, 1) << day;
 }
 
 TEST(TraceConfig, ValueSourceAndIgnoredFiles) {

@@ -30,6 +30,8 @@ class TraceFile {
   const std::string& Damage() const { return m_Damage; }
   // "2024-05-06 10:11:12.345" of the first entry that stands in the file, header included; empty when there is none.
   std::string_view FirstTime() const;
+  // Whether it holds something, but no entry: it is no trace.
+  bool HasNoEntry() const { return !Content().empty() && FirstTime().empty(); }
 
  private:
   void ReadPlain(int fd, size_t size);

@@ -44,8 +44,9 @@ class TraceFilter {
 };
 
 // A time as given by a user, completed to the beginning of a trace's time:
-//   "2024-05-06 10:11" as it is, "10:11" of newestTime's day, "5m", "2h", "3d" ago (the caller's clock).
-// Throws CommandError when it is none of these.
+//   "2024-05-06 10:11" as it is, "10:11" of newestTime's day, "yesterday", "today 10:11", "5m", "2h", "3d" ago (the
+//   caller's clock).
+// A time that no calendar or clock has is none. Throws CommandError when it is none of these.
 std::string CompleteTime(const std::string& given, std::string_view newestTime);
 
 }  // namespace ravctl

@@ -32,6 +32,10 @@ void AddSourceOptions(Command& command, TraceSource& source) {
 }
 
 bool WarnAboutDamage(const TraceFile& file, Output& out) {
+  if (file.HasNoEntry()) {
+    out.Warn("not a trace: no line of it begins an entry", file.Path(), "name a file that an application traced to");
+    return true;
+  }
   if (file.Damage().empty()) return false;
   out.Warn("the trace cannot be unpacked to its end: " + file.Damage(), file.Path(), "what could be read is shown");
   return true;
