@@ -25,6 +25,7 @@
 #include "ravctl/trace/trace_check.h"
 #include "ravctl/trace/trace_settings.h"
 #include "ravctl/tree/enter.h"
+#include "ravctl/tree/machine_answers.h"
 
 namespace ravctl {
 
@@ -145,10 +146,19 @@ Findings CheckRegistry() {
   return findings;
 }
 
+constexpr const char* kNotTold = "a captured tree does not tell";
+
 Findings CheckTheSwitch() {
+  if (IsInSysroot()) return {{Severity::kUnknown, "", "module switch", kNotTold, "ask on the machine itself"}};
   Findings findings;
   Pass(CheckSwitch(), "module switch", "can be loaded, and root alone can change it", findings);
   return findings;
+}
+
+Findings CheckUnit() {
+  const std::string told = IsInSysroot() ? ReadFileIfThere(kUnitAnswer).value_or("") : AskForUnit();
+  if (!told.empty()) return UnitFindings(told);
+  return {{Severity::kUnknown, "", kUnit, IsInSysroot() ? kNotTold : "no service manager tells of it"}};
 }
 
 Findings CheckServiceDefaults() {
@@ -188,7 +198,7 @@ Findings CheckDiskSpace() {
   Findings findings;
   for (const char* path : {"/var/log/pelrix", "/etc/pelrix", "/var/run"}) {
     if (IsInSysroot()) {
-      findings.push_back({Severity::kUnknown, "", path, "a captured tree does not tell", "ask on the machine itself"});
+      findings.push_back({Severity::kUnknown, "", path, kNotTold, "ask on the machine itself"});
       continue;
     }
     struct statvfs info {};

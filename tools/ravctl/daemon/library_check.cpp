@@ -300,4 +300,25 @@ Findings CheckLibrary(const std::string& library, bool loads) {
   return list.Result();
 }
 
+std::string BuildIdOf(const std::string& library) {
+  const UniqueFd file(::open(library.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  elf_version(EV_CURRENT);
+  const std::unique_ptr<Elf, ElfDeleter> elf(file ? elf_begin(file.Get(), ELF_C_READ, nullptr) : nullptr);
+  Elf_Scn* section = nullptr;
+  while (elf != nullptr && (section = elf_nextscn(elf.get(), section)) != nullptr) {
+    GElf_Shdr part;
+    Elf_Data* data = elf_getdata(section, nullptr);
+    if (gelf_getshdr(section, &part) == nullptr || part.sh_type != SHT_NOTE || data == nullptr) continue;
+    GElf_Nhdr note;
+    size_t name = 0, description = 0;
+    for (size_t at = 0; (at = gelf_getnote(data, at, &note, &name, &description)) > 0;) {
+      const std::string_view bytes(static_cast<const char*>(data->d_buf), data->d_size);
+      if (note.n_type == NT_GNU_BUILD_ID && bytes.substr(name).starts_with("GNU")) {
+        return HexBytes(bytes.substr(description, note.n_descsz));
+      }
+    }
+  }
+  return "";
+}
+
 }  // namespace ravctl

@@ -12,4 +12,7 @@ namespace ravctl {
 // of the right to write. Throws CommandError when the file is no shared library of this machine.
 Findings CheckLibrary(const std::string& library, bool loads);
 
+// The build ID that the linker left in the file, in hexadecimal digits; empty when there is none.
+std::string BuildIdOf(const std::string& library);
+
 }  // namespace ravctl

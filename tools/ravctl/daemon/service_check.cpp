@@ -17,7 +17,6 @@
 #include "ravctl/base/text.h"
 #include "ravctl/daemon/library_check.h"
 #include "ravctl/daemon/process.h"
-#include "ravctl/tree/enter.h"
 
 namespace ravctl {
 
@@ -29,7 +28,6 @@ constexpr const char* kRpmDefaults = "/etc/sysconfig/ravd";
 constexpr const char* kManagerRuns = "/run/systemd/system";
 constexpr const char* kManagerClient = "/usr/bin/systemctl";
 constexpr int kManagerSeconds = 5;
-constexpr const char* kUnit = "ravd.service";
 constexpr const char* kLocks = "/proc/locks";
 constexpr std::string_view kSwitchName = "/libswitch.so";
 constexpr std::string_view kRingName = "/log.ravd_";
@@ -121,9 +119,6 @@ void CheckDefaultsLine(const std::string& line, const std::string& place, Findin
 }  // namespace
 
 Findings CheckSwitch() {
-  if (IsInSysroot()) {
-    return {{Severity::kUnknown, "", kServiceSwitch, "a captured tree does not tell", "ask on the machine itself"}};
-  }
   const std::optional<DaemonProcess> daemon = FindDaemon();
   const std::vector<MappedFile> loaded = daemon ? MappedFiles(daemon->pid, kSwitchName) : std::vector<MappedFile>();
   std::string path = loaded.empty() ? kServiceSwitch : loaded.front().path;
@@ -191,16 +186,11 @@ Findings UnitFindings(std::string_view properties) {
   return findings;
 }
 
-Findings CheckUnit() {
-  if (IsInSysroot()) {
-    return {{Severity::kUnknown, "", kUnit, "a captured tree does not tell", "ask on the machine itself"}};
-  }
-  if (!IsThere(kManagerRuns)) return {{Severity::kUnknown, "", kUnit, "no systemd runs here"}};
-  const ChildResult asked =
-      RunProgram(kManagerSeconds, kManagerClient,
-                 {"show", kUnit, "--property=LoadState,ActiveState,SubState,Result,NRestarts,UnitFileState"});
-  if (asked.status != 0) return {{Severity::kUnknown, "", kUnit, "the service manager does not answer"}};
-  return UnitFindings(asked.report);
+std::string AskForUnit() {
+  if (!IsThere(kManagerRuns)) return "";
+  return RunProgram(kManagerSeconds, kManagerClient,
+                    {"show", kUnit, "--property=LoadState,ActiveState,SubState,Result,NRestarts,UnitFileState"})
+      .report;
 }
 
 Findings CheckLeftovers() {
@@ -211,7 +201,7 @@ Findings CheckLeftovers() {
     findings.push_back({Severity::kWarning, "", kPidFile, "names no process of the daemon: it did not end by itself",
                         "the next start writes it anew"});
   }
-  if (IsInSysroot() || !IsThere(kLocks)) {
+  if (!IsThere(kLocks)) {
     findings.push_back({Severity::kUnknown, "", kLockFile, "whether it is held is not told here"});
   } else if (daemon && !holder) {
     findings.push_back({Severity::kWarning, "", kLockFile, "the running daemon does not hold it: another can start",

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <string>
 #include <string_view>
 
 #include "ravctl/answer/finding.h"
@@ -18,9 +19,11 @@ Findings CheckSwitch();
 const char* DefaultsPath();
 Findings CheckDefaults();
 
-// What the service manager tells of the unit.
-Findings CheckUnit();
-// The same from "ActiveState=active" and its like, a line each.
+inline constexpr const char* kUnit = "ravd.service";
+// What the service manager tells of the unit: "ActiveState=active" and its like, a line each. Empty when none runs or
+// it does not answer.
+std::string AskForUnit();
+// What that means.
 Findings UnitFindings(std::string_view properties);
 
 // The daemon's PID and lock file, whether they are its own. No lock is taken, which could be in the way of a start.

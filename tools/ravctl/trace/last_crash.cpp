@@ -11,11 +11,13 @@
 
 #include "platform/regular_file.h"
 #include "ravctl/base/child.h"
+#include "ravctl/base/files.h"
 #include "ravctl/base/times.h"
 #include "ravctl/trace/kept_runs.h"
 #include "ravctl/trace/read_at.h"
 #include "ravctl/trace/trace_file.h"
 #include "ravctl/tree/enter.h"
+#include "ravctl/tree/machine_answers.h"
 
 namespace ravctl {
 
@@ -62,7 +64,7 @@ std::string KernelLogEnd() {
 
 // What the kernel said in the minutes before.
 std::string JournalBefore(int64_t time) {
-  if (IsInSysroot()) return "";
+  if (IsInSysroot()) return ReadFileIfThere(kKernelAnswer).value_or("");
   return RunProgram(kJournalSeconds, kJournalReader,
                     {"-q", "-o", "cat", "--no-pager", "-n", kMostJournalLines,
                      "--since=@" + std::to_string(time - kDumpSeconds), "--until=@" + std::to_string(time + 1),

@@ -68,7 +68,9 @@ struct TraceSource {
   std::string what = "ravd";
   std::string directory;  // instead of the configured one when not empty
   TracePart part = TracePart::kRings;
-  size_t run = 0;  // 0 for the present one, else the number of a kept one: 1 for the newest
+  size_t run = 0;           // 0 for the present one, else the number of a kept one: 1 for the newest
+  bool isPrevious = false;  // the same as 1
+  size_t Run() const { return isPrevious ? 1 : run; }
 };
 
 // The directory in which the source's application traces, as configured; the runs that are kept lie in it.

@@ -1,5 +1,6 @@
 #include "ravctl/trace/trace_filter.h"
 
+#include <re2/re2.h>
 #include <strings.h>
 
 #include <algorithm>
@@ -11,6 +12,8 @@
 
 #include "ravctl/base/error.h"
 #include "ravctl/base/times.h"
+#include "ravctl/line/record_filter.h"
+#include "ravctl/tree/enter.h"
 
 namespace ravctl {
 
@@ -47,7 +50,7 @@ std::string WithDate(const std::string& given) {
   constexpr std::array<std::pair<std::string_view, int>, 2> kDays = {{{"today", 0}, {"yesterday", 1}}};
   for (const auto& [word, daysAgo] : kDays) {
     if (!given.starts_with(word)) continue;
-    const time_t now = std::time(nullptr);
+    const time_t now = PresentTime();
     tm local{};
     localtime_r(&now, &local);
     local.tm_mday -= daysAgo;
@@ -55,14 +58,6 @@ std::string WithDate(const std::string& given) {
     return LocalTimeText(std::mktime(&local), "%F") + given.substr(word.size());
   }
   return given;
-}
-
-bool Contains(std::string_view text, const std::string& part, bool ignoresCase) {
-  if (!ignoresCase) return text.find(part) != std::string_view::npos;
-  const auto isSame = [](char a, char b) {
-    return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
-  };
-  return std::search(text.begin(), text.end(), part.begin(), part.end(), isSame) != text.end() || part.empty();
 }
 
 bool IsThread(std::string_view thread, const std::string& wanted) {
@@ -98,7 +93,7 @@ std::string CompleteTime(const std::string& given, std::string_view newestTime) 
                           return digit >= '0' && digit <= '9';
                         });
   if (unit != std::string_view::npos && isNumber) {
-    return LocalTimeText(std::time(nullptr) - std::stol(time) * kUnitSeconds[unit]);
+    return LocalTimeText(PresentTime() - std::stol(time) * kUnitSeconds[unit]);
   }
   throw CommandError(ExitCode::kUsage, "not a time", given,
                      "give 2024-05-06 10:11:12, 10:11, yesterday, or 5m for 5 minutes ago");
@@ -120,9 +115,29 @@ void TraceFilter::AddOptions(Command& command) {
   list("--not-thread", m_NotThreads, "HEX", "Not of that thread");
   list("--tag", m_Tags, "TAG", "Of that application or module");
   list("--not-tag", m_NotTags, "TAG", "Not of that application or module");
-  list("-g,--text", m_Texts, "TEXT", "With that text");
-  list("--not-text", m_NotTexts, "TEXT", "Without that text");
+  list("--source", m_Sources, "PATTERN",
+       "Of that module or routine, which the text names at its front: Heartbeat, CFile*");
+  list("--not-source", m_NotSources, "PATTERN", "Not of that module or routine");
+  list("-g,--text", m_Texts, "REGEX", "With a text that the regular expression matches: 'ERROR|FAILED'");
+  list("--not-text", m_NotTexts, "REGEX", "Without such a text");
+  command.AddFlag("-F,--fixed-text", &m_IsPlainText, "Texts are looked for as they stand, not as regular expressions");
   command.AddFlag("-i,--ignore-case", &m_IgnoresCase, "Upper and lower case are the same in texts");
+}
+
+TraceFilter::Expressions TraceFilter::Compile(const std::vector<std::string>& texts) const {
+  re2::RE2::Options options;
+  options.set_case_sensitive(!m_IgnoresCase);
+  options.set_encoding(re2::RE2::Options::EncodingLatin1);  // a trace may hold any bytes
+  options.set_log_errors(false);
+  Expressions expressions;
+  for (const std::string& text : texts) {
+    expressions.push_back(std::make_shared<re2::RE2>(m_IsPlainText ? re2::RE2::QuoteMeta(text) : text, options));
+    if (!expressions.back()->ok()) {
+      throw CommandError(ExitCode::kUsage, "not a regular expression", text + ": " + expressions.back()->error(),
+                         "with -F a text is looked for as it stands");
+    }
+  }
+  return expressions;
 }
 
 void TraceFilter::Prepare(std::string_view newestTime) {
@@ -141,20 +156,25 @@ void TraceFilter::Prepare(std::string_view newestTime) {
   }
   CompleteThreads(m_Threads);
   CompleteThreads(m_NotThreads);
+  m_Wanted = Compile(m_Texts);
+  m_Unwanted = Compile(m_NotTexts);
   m_IsEmpty = m_Since.empty() && m_Until.empty() && m_NotTimes.empty() && m_Threads.empty() && m_NotThreads.empty() &&
-              m_Tags.empty() && m_NotTags.empty() && m_Texts.empty() && m_NotTexts.empty();
+              m_Tags.empty() && m_NotTags.empty() && m_Sources.empty() && m_NotSources.empty() && m_Texts.empty() &&
+              m_NotTexts.empty();
 }
 
 bool TraceFilter::Matches(const TraceEntry& entry) const {
   const auto isThread = [&entry](const std::string& wanted) { return IsThread(entry.thread, wanted); };
   const auto isTag = [&entry](const std::string& wanted) { return entry.tag == wanted; };
-  const auto hasText = [this, &entry](const std::string& part) { return Contains(entry.text, part, m_IgnoresCase); };
+  const auto isSource = [&entry](const std::string& wanted) { return MatchesWhole(entry.source, wanted); };
+  const auto hasText = [&entry](const auto& expression) { return re2::RE2::PartialMatch(entry.text, *expression); };
   const auto isInRange = [&entry](const TimeRange& range) { return range.Contains(entry.time); };
   return m_Time.Contains(entry.time) && std::ranges::none_of(m_NotTimeRanges, isInRange) &&
          (m_Threads.empty() || std::ranges::any_of(m_Threads, isThread)) &&
          std::ranges::none_of(m_NotThreads, isThread) && (m_Tags.empty() || std::ranges::any_of(m_Tags, isTag)) &&
-         std::ranges::none_of(m_NotTags, isTag) && (m_Texts.empty() || std::ranges::any_of(m_Texts, hasText)) &&
-         std::ranges::none_of(m_NotTexts, hasText);
+         std::ranges::none_of(m_NotTags, isTag) && (m_Sources.empty() || std::ranges::any_of(m_Sources, isSource)) &&
+         std::ranges::none_of(m_NotSources, isSource) && (m_Wanted.empty() || std::ranges::any_of(m_Wanted, hasText)) &&
+         std::ranges::none_of(m_Unwanted, hasText);
 }
 
 }  // namespace ravctl

@@ -29,6 +29,7 @@ void AddSourceOptions(Command& command, TraceSource& source) {
   command.AddOption("--run", &source.run, "N",
                     "A run as trace list numbers them: 1 is the last that was kept, 0 (the usual) the present one",
                     NotNegative());
+  command.AddFlag("--previous", &source.isPrevious, "The run that was kept last, as --run 1").excludes = "--run";
 }
 
 bool WarnAboutDamage(const TraceFile& file, Output& out) {
