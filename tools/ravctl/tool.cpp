@@ -171,13 +171,12 @@ void SetCharacters() {
   if (std::string_view(::nl_langinfo(CODESET)) != "UTF-8") std::setlocale(LC_CTYPE, "C.UTF-8");
 }
 
-// A standard stream that is closed stays so: no file that is opened later takes its number and gets what is meant for
-// it.
+// Where a standard stream is closed, no file that is opened later takes its number and gets what is meant for it: that
+// still cannot be written.
 void KeepStandardNumbers() {
-  constexpr const char* kNothing = "/dev/null";  // neither read nor written through such a descriptor
   int opened = 0;
   while (opened >= 0 && opened <= STDERR_FILENO)
-    opened = ::open(kNothing, O_PATH);
+    opened = ::open("/dev/null", O_RDONLY);
   if (opened > STDERR_FILENO) ::close(opened);
 }
 
