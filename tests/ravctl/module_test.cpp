@@ -262,6 +262,7 @@ TEST(ModuleRun, BringsTheExampleSwitchAlongAndFailsWithTheModule) {
       {"return false;", stop, "--allow-errors", 0, "ok   library closed\n"},
       {"return true;", "", "", 1, "ERROR! m.so lacks ModuleStart or ModuleStop\n"},
       {"return Broken(nullptr);", stop, "", 1, "FAIL crashed: Segmentation fault, in m.so at 0x"},
+      {"std::exit(0);", stop, "", 1, "FAIL a module ended the process with status 0\n"},
       {"std::abort();", stop, "", 1, ", called from m.so at 0x"},
   };
   for (const Row& row : rows) {

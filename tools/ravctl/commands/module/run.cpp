@@ -36,6 +36,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char* kApplication = "ravctl-module";
+constexpr int kWhole = 42;  // status of a child that came to its end; what a module exits with is another one
 
 struct RunOptions {
   std::string library;
@@ -111,7 +112,7 @@ int RunSwitch(const RunOptions& options, const std::string& directory, int repor
   if (release != nullptr) release();
   ::dlclose(library);
   Tell(report, "library closed");
-  return isLoaded ? 0 : 1;
+  return isLoaded ? kWhole : 1;
 }
 
 std::string Ending(const ChildResult& result, const RunOptions& options) {
@@ -203,13 +204,16 @@ ExitCode RunRun(const RunOptions& options, Output& out) {
   const ChildResult result =
       child.Wait(static_cast<int>(options.timeout), [&progress](const std::string& report) { progress.Look(report); });
   progress.Look(result.report);
-  if (const std::string ending = Ending(result, options); !ending.empty()) progress.AddStep(ending, false);
+  if (const std::string ending = Ending(result, options); !ending.empty()) {
+    progress.AddStep(ending, false);
+  } else if (progress.IsGood() && result.status != kWhole) {
+    progress.AddStep("a module ended the process with status " + std::to_string(result.status), false);
+  }
   if (progress.Errors() > 0 && !options.allowsErrors) {
     progress.AddStep(std::to_string(progress.Errors()) + " errors in the trace", false);
   }
-  const bool isGood = progress.IsGood() && result.status == 0;
   if (out.IsJson()) out.Print({"module-run"}, "", progress.ToJson(path));
-  return isGood ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
+  return progress.IsGood() ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
 
 }  // namespace
