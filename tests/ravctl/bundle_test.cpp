@@ -58,6 +58,12 @@ class SecretMachine : public ToolRoot {
     WriteFile("/proc/77/environ", std::string("SECRET=password1\0QN_LOG_DEBUG_LEVEL=3\0", 38));
     MakeLink("/proc/77/exe", "/usr/sbin/ravd");
     WriteFile("/var/log/pelrix/log.ravd", Trace());
+    WriteFile("/var/log/pelrix/crash-20261125T024523Z/log.ravd", Trace());
+    WriteFile("/var/log/pelrix/crash-20261125T024523Z/exit", "result=core-dump\nsignal=SEGV\npid=4711\n");
+    WriteFile("/etc/default/ravd", "QN_NICKNAME=fileserver7\n");
+    WriteFile("/etc/os-release", "ID=debian\n");
+    WriteFile("/proc/77/maps", "7f0000000000-7f0000001000 r-xp 00000000 08:01 4711   /opt/libx.so\n");
+    WriteFile("/opt/libx.so", ReadWholeFile(EXAMPLE_SWITCH_LIBRARY));
     Run([] { ASSERT_EQ(std::system("gzip -c /var/log/pelrix/log.ravd > /var/log/pelrix/log.old.gz"), 0); }, kUsr);
   }
 
@@ -87,7 +93,7 @@ class SecretMachine : public ToolRoot {
 const CommandLine kCommands =
     "'inventory --no-headings' 'inventory adapters' 'inventory drives' pci slots 'smbios list' 'smbios show' "
     "'smbios verify' 'trace show' 'trace verify' 'trace stats' 'trace config' 'trace show /var/log/pelrix/log.old.gz' "
-    "'daemon status' 'registry list' 'registry tree' 'registry verify' "
+    "'daemon status' 'trace list' 'trace show --previous' 'registry list' 'registry tree' 'registry verify' "
     "'ini check /etc/norrow/QuennetSuite/TraceConfig/ravd_trace.ini'";
 
 nlohmann::json Answer(const ToolRoot& machine, const CommandLine& words) {
@@ -130,6 +136,10 @@ TEST(Bundle, TheAnswersAreThoseOfTheMachine) {
   EXPECT_THAT(machine.ReadFile("/tree/proc/77/environ"),
               AllOf(HasSubstr("QN_LOG_DEBUG_LEVEL=3"), Not(HasSubstr("password1"))));
   EXPECT_EQ(machine.ReadFile("/tree/dev/mem").substr(kTable, 100), kSmbios.substr(0, 100));
+  EXPECT_THAT(machine.ReadFile("/tree/ravctl/modules.txt"),
+              ::testing::MatchesRegex("/opt/libx.so [0-9]+ [0-9a-f]{40}\n"));
+  EXPECT_EQ(machine.ReadFile("/tree/etc/default/ravd") + machine.ReadFile("/tree/etc/os-release"),
+            "QN_NICKNAME=fileserver7\nID=debian\n");
   for (const std::string& command : kCommands) {
     const nlohmann::json live = Answer(machine, command);
     for (const char* tree : {"/b.tar.gz", "/b.tar.zst", "/tree"})
@@ -230,14 +240,16 @@ TEST(Bundle, AnOrdinaryUserGetsWhatIsReadable) {
 TEST(Doctor, ChecksWritersTracesAndFirmware) {
   const SecretMachine machine;
   // The first finding of that check that is not good.
-  const auto worst = [&machine](const std::string& check, const CommandLine& tree = "") {
-    const nlohmann::json answer = machine.Json(CommandLine("doctor") + tree, 1);
+  int status = 0;
+  const auto worst = [&](const std::string& check, const CommandLine& tree = "") {
+    const nlohmann::json answer = machine.Json(CommandLine("doctor") + tree, status);
     for (const nlohmann::json& row : answer["data"])
       if (row["check"] == check && row["severity"] != "ok") return Members(row, "severity place");
     return std::string();
   };
   for (const char* check : {"permissions", "trace", "registry"})
     EXPECT_EQ(worst(check), "") << check;
+  status = 1;
   machine.WriteFile("/etc/pelrix/registry", SecretMachine::Registry() + "more", 0666);
   machine.WriteFile(kUnfinishedIni, "[ravd]\nFileDebugLevel=5\n[broken\n");
   machine.WriteFile("/var/log/pelrix/log.ravd", SecretMachine::Trace() + "2026-01-02 03:04:06.000 [0000ABCD] cut");

@@ -3,14 +3,20 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <tuple>
 
 #include "ravctl/base/child.h"
 #include "ravctl/base/text.h"
+#include "ravctl/daemon/service_check.h"
 #include "ravctl/ravctl_runner.h"
 #include "ravctl/trace/last_crash.h"
 
@@ -90,6 +96,16 @@ TEST(DaemonStatus, TellsThatItDoesNotRun) {
   // What is left of a daemon names a process that is none.
   machine.WriteFile("/var/run/ravd.pid", "1\n");
   EXPECT_EQ(machine.Json({"daemon", "status"}, 6, {}, FixtureRoot::kProc)["data"]["pid"], nullptr);
+
+  // One that was killed and that nobody has reaped is none either; memory is in units of 1024 bytes.
+  const std::string times = " 1 1 1 0 -1 4194560 1 0 0 0 1 1 0 0 20 0 1 0 900 1 1 1\n";
+  machine.WriteFile("/proc/stat", "cpu 1\nbtime 1700000000\n");
+  machine.WriteFile("/proc/1/comm", "ravd\n");
+  machine.WriteFile("/proc/1/status", "Name:\travd\nVmRSS:\t    5120 kB\nThreads:\t3\n");
+  machine.WriteFile("/proc/1/stat", "1 (ravd) S" + times);
+  EXPECT_EQ(Members(machine.Json("daemon status")["data"], "pid resident_kb threads"), "1, 5120, 3");
+  machine.WriteFile("/proc/1/stat", "1 (ravd) Z" + times);
+  EXPECT_EQ(machine.Json("daemon status", 6)["data"]["pid"], nullptr);
 }
 
 // What the work starts is in a session of its own; a pipe that all inherit ends when none of them is left.
@@ -133,7 +149,7 @@ TEST(KeptChild, LeavesNothingThatItStarted) {
 
 TEST(Doctor, OneLineAFinding) {
   const ToolRoot machine;
-  const nlohmann::json answer = machine.Json({"doctor"}, 1);
+  const nlohmann::json answer = machine.Json({"doctor"});
   EXPECT_EQ(answer["data"][0]["place"], "/var/run/ravd.pid");
   EXPECT_EQ(answer["data"][0]["severity"], "warning");
 
@@ -192,7 +208,7 @@ TEST(LastCrash, StatusAndDoctorTellOfIt) {
   const std::string text = "crashed 2026-11-25 02:45:23 by SEGV (core-dump)";
   EXPECT_EQ(Members(machine.Json("daemon status", 6)["data"], "last_crash last_crash_trace"),
             text + ", in libx.so at 0x139 of its mapping, " + kept);
-  const nlohmann::json doctor = machine.Json("doctor", 1)["data"];
+  const nlohmann::json doctor = machine.Json("doctor")["data"];
   const auto finding = std::ranges::find_if(doctor, [](const auto& row) { return row["check"] == "crash"; });
   ASSERT_NE(finding, doctor.end());
   EXPECT_THAT(Members(*finding, "severity place finding"),
@@ -203,4 +219,145 @@ TEST(LastCrash, StatusAndDoctorTellOfIt) {
   machine.WriteFile(kept + "/exit", "result=exit-code\nstatus=1\nsignal=\npid=471\n");
   EXPECT_EQ(machine.Json("daemon status", 6)["data"]["last_crash"],
             "ended 2026-11-25 02:45:23 with status 1 (exit-code)");
+}
+
+// What draws the tables never ended on a character that the locale does not have.
+TEST(Tables, CharactersInAnyLocale) {
+  const ToolRoot machine;
+  machine.WriteFile("/a.ini", "[Gr\xc3\xb6\xc3\x9f]\na=1\n");
+  for (const char* locale : {"LC_ALL=C", "LC_ALL=none"})
+    EXPECT_THAT(machine.Ravctl("ini sections /a.ini", {locale}).out, HasSubstr("\nGr\xc3\xb6\xc3\x9f ")) << locale;
+  machine.Run(
+      [] {
+        ASSERT_EQ(::mount("none", "/usr/lib/locale", "tmpfs", 0, nullptr), 0);
+        EXPECT_THAT(RunRavctl("ini sections /a.ini").out, HasSubstr("\nGr???? "));
+      },
+      FixtureRoot::kUsr);
+}
+
+// A cut answer must not look like a whole one; a reader that went away is no fault.
+TEST(Output, EndsWithAStatusOfItsOwnWhenItIsNotWritten) {
+  const ToolRoot machine;
+  machine.MakeDirectory("/full");
+  machine.WriteFile("/log.x", "2026-01-02 03:04:05.000 [0000ABCD] ravd          text\n");
+  machine.Run(
+      [] {
+        ASSERT_EQ(::mount("none", "/full", "tmpfs", 0, "size=4k"), 0);
+        WriteWholeFile("/full/filler", std::string(4096, 'f'));
+        const std::tuple<const char*, int, const char*> rows[] = {
+            {"--help >/full/out", 7, "No space left on device\n"},
+            {"--version >&-", 7, "Bad file descriptor\n"},
+            {"man --json >/full/out", 7, "No space left on device\n"},
+            {"trace show /log.x >&-", 7, "Bad file descriptor\n"},
+            {"doctor >/full/out", 7, "No space left on device\n"},
+            {"man | true", 0, ""},
+            {"man >&- <&-", 7, "Bad file descriptor\n"},
+        };
+        for (const auto& [words, status, said] : rows) {
+          const std::string command = "set -o pipefail; { /ravctl " + std::string(words) + "; } 2>/err";
+          const int ended = std::system(("bash -c '" + command + "'").c_str());
+          EXPECT_EQ(WEXITSTATUS(ended), status) << words;
+          EXPECT_EQ(ReadWholeFile("/err"), *said ? std::string("ravctl: cannot write the answer: ") + said : "")
+              << words;
+        }
+      },
+      FixtureRoot::kUsr);
+}
+
+namespace {
+
+// "severity: finding" of each line of a check.
+std::string Told(const nlohmann::json& findings, const std::string& check) {
+  std::string told;
+  for (const nlohmann::json& row : findings)
+    if (row["check"] == check) told += Members(row, "severity") + ": " + Members(row, "finding") + "\n";
+  return told;
+}
+
+}  // namespace
+
+TEST(Doctor, AFreshInstallationIsHealthy) {
+  const ToolRoot machine;
+  const std::filesystem::path shipped = std::filesystem::path(RAVCTL_SCHEMAS) / "../../../packaging";
+  const std::string settings = "/etc/norrow/QuennetSuite/TraceConfig/ravd.ini";
+  machine.WriteFile(settings, ReadWholeFile(shipped / "ravd.ini"));
+  machine.WriteFile("/etc/default/ravd", ReadWholeFile(shipped / "ravd.default"));
+  machine.MakeDirectory("/var/log/pelrix");
+  EXPECT_EQ(machine.Ravctl("ini check " + settings).status, 0);
+  const nlohmann::json findings = machine.Json("doctor")["data"];
+  EXPECT_THAT(Told(findings, "switch"), StartsWith("warning: there is none"));
+  EXPECT_EQ(Told(findings, "defaults") + Told(findings, "ini"),
+            "ok: every line reaches the service\nok: every line reaches a reader\n");
+}
+
+TEST(Doctor, WhatTheDaemonNeedsFirst) {
+  const ToolRoot machine;
+  const auto told = [&machine](const std::string& check, int status) {
+    return Told(machine.Json("doctor", status)["data"], check);
+  };
+  machine.WriteFile("/etc/default/ravd", "# it\nexport A=1\nB=2\nRAVD_OPTIONS=\"-rescan -tesel\"\n");
+  EXPECT_EQ(told("defaults", 1),
+            "bad: the service manager drops this line: export A=1\n"
+            "warning: the daemon passes over the option -tesel\n");
+  machine.Remove("/etc/default/ravd");
+
+  // Of a daemon that was killed, of one that hangs in its start, and of one that runs.
+  machine.WriteFile("/var/run/ravd.pid", "1\n");
+  machine.WriteFile("/var/lock/ravd.lock", "ravd#1");
+  machine.WriteFile("/proc/locks", "1: FLOCK  ADVISORY  WRITE 77 08:01:1 0 EOF\n");
+  EXPECT_EQ(told("leftovers", 0),
+            "warning: names no process of the daemon: it did not end by itself\n"
+            "note: left over: the daemon did not end by itself\n");
+  struct stat lock {};
+  ASSERT_EQ(::stat(machine.HostPath("/var/lock/ravd.lock").c_str(), &lock), 0);
+  machine.WriteFile("/proc/locks", "1: FLOCK  ADVISORY  WRITE 77 08:01:" + std::to_string(lock.st_ino) + " 0 EOF\n");
+  EXPECT_THAT(told("leftovers", 0), HasSubstr("warning: held by process 77, though no daemon"));
+  machine.WriteFile("/proc/1/comm", "ravd\n");
+  EXPECT_EQ(told("leftovers", 0), "ok: held by the daemon\n");
+  machine.WriteFile("/proc/locks", "");
+  EXPECT_THAT(told("leftovers", 0), StartsWith("warning: the running daemon does not hold it"));
+
+  // By what the daemon has mapped: its switch and its ring buffers.
+  const std::string range = "7f0000000000-7f0000100000 rw-s 00000000 08:01 1   ";
+  machine.WriteFile("/var/log/pelrix/log.ravd_a", std::string(20000, '_'));
+  machine.WriteFile("/opt/libswitch.so", "text");
+  machine.WriteFile("/proc/1/maps", range + "/opt/libswitch.so\n" + range + "/var/log/pelrix/log.ravd_a\n" + range +
+                                        "/var/log/pelrix/log.ravd_i (deleted)\n");
+  EXPECT_EQ(told("ring", 1),
+            "bad: cut short under the running daemon, to 20000 bytes\nbad: removed under the running daemon\n");
+  EXPECT_THAT(told("switch", 1), StartsWith("bad: not a shared library"));
+  machine.WriteFile("/opt/libswitch.so", ReadWholeFile(EXAMPLE_SWITCH_LIBRARY), 0666);
+  EXPECT_THAT(told("switch", 1), HasSubstr("bad: writable: /opt/libswitch.so by everybody"));
+  machine.WriteFile("/opt/libswitch.so", ReadWholeFile(EXAMPLE_SWITCH_LIBRARY));
+  machine.WriteFile("/var/log/pelrix/log.ravd_a", "");
+  machine.WriteFile("/proc/1/maps", range + "/opt/libswitch.so\n");
+  EXPECT_EQ(told("switch", 0), "ok: can be loaded, and root alone can change it\n");
+}
+
+TEST(Doctor, StateOfTheUnit) {
+  struct Row {
+    const char* properties;
+    const char* told;
+  };
+  const Row rows[] = {
+      {"LoadState=loaded\nActiveState=active\nSubState=running\nNRestarts=0\nUnitFileState=enabled\n",
+       "ok: active (running)\n"},
+      {"LoadState=loaded\nActiveState=active\nSubState=running\nNRestarts=2\nUnitFileState=disabled\n",
+       "warning: active (running), started again 2 times\nnote: does not start with the machine\n"},
+      {"LoadState=loaded\nActiveState=failed\nSubState=failed\nResult=core-dump\nNRestarts=9\n",
+       "bad: failed: core-dump, started again 9 times\n"},
+      {"LoadState=loaded\nActiveState=activating\nSubState=auto-restart\nResult=signal\nNRestarts=3\n",
+       "bad: ends again and again: signal, started again 3 times\n"},
+      {"LoadState=loaded\nActiveState=inactive\nSubState=dead\n", "warning: inactive (dead)\n"},
+      {"LoadState=not-found\n", "note: there is no such unit\n"},
+      {"LoadState=bad-setting\n", "bad: cannot be loaded: bad-setting\n"},
+      {"", "bad: cannot be loaded: \n"},
+  };
+  for (const Row& row : rows) {
+    std::string told;
+    const nlohmann::json findings = ravctl::FindingTable(ravctl::UnitFindings(row.properties)).ToJson();
+    for (const nlohmann::json& finding : findings)
+      told += Members(finding, "severity") + ": " + Members(finding, "finding") + "\n";
+    EXPECT_EQ(told, row.told);
+  }
 }

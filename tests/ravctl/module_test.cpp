@@ -68,9 +68,9 @@ TEST(ModuleCheck, InterfaceAndWriters) {
   EXPECT_EQ(Find(rows, "writable")["finding"], "/open by everybody");
   EXPECT_EQ(Find(rows, "interface")["severity"], "unknown");
 
-  // A module is no switch; other files are no libraries, cut ones included.
-  rows = machine.Json({"module", "check", "/switch/modules/heartbeat.so"}, 1)["data"];
-  EXPECT_EQ(Find(rows, "SW_QueryInterface")["severity"], "bad");
+  // A module is judged as one; other files are no libraries, cut ones included.
+  rows = machine.Json({"module", "check", "/switch/modules/heartbeat.so"}, 0)["data"];
+  EXPECT_EQ(Find(rows, "ModuleStart")["finding"], "exported");
   machine.WriteFile("/text.so", "text");
   EXPECT_EQ(machine.Ravctl({"module", "check", "/text.so"}).status, 5);
   EXPECT_EQ(machine.Ravctl({"module", "check", "/none.so"}).status, 4);
@@ -89,7 +89,8 @@ TEST(ModuleRun, StepsAndTrace) {
   EXPECT_THAT(run["trace"].dump(), HasSubstr("Heartbeat           : beat 1"));
   const ToolResult killed = machine.Ravctl({"module", "run", "/switch/libswitch.so", "-s", "60", "--timeout", "1"});
   EXPECT_EQ(killed.status, 1);
-  EXPECT_THAT(killed.out, HasSubstr("ok   modules started\nFAIL killed: not done after 1 s\n"));
+  EXPECT_THAT(killed.out, HasSubstr("ok   modules started\n"));
+  EXPECT_THAT(killed.out, HasSubstr("FAIL killed: not done after 1 s\n"));
   EXPECT_THAT(killed.out, HasSubstr("heartbeat.so started"));
   EXPECT_EQ(machine.Json({"module", "run", "/ravctl"}, 1)["data"]["good"], false);
 }
@@ -231,4 +232,47 @@ TEST(ShellTexts, NoCommandAndNoOptionIsMissing) {
   };
   check(root);
   EXPECT_GT(options, 40U);
+}
+
+// A module that does what its name says.
+class ModuleRoot : public ToolRoot {
+ public:
+  explicit ModuleRoot(const std::string& start, const std::string& stop = "") {
+    WriteFile("/m.cpp",
+              "#include <cstdlib>\n#define API extern \"C\" __attribute__((visibility(\"default\")))\n"
+              "__attribute__((noinline)) int Broken(volatile int* place) { return *place = 1; }\n"
+              "API bool ModuleStart() { " +
+                  start + " }\n" + stop);
+    Run([] { EXPECT_EQ(std::system("g++ -shared -fPIC -o /m.so /m.cpp"), 0); }, kUsr);
+  }
+};
+
+TEST(ModuleRun, BringsTheExampleSwitchAlongAndFailsWithTheModule) {
+  const std::string stop = "API void ModuleStop() {}";
+  struct Row {
+    const char* start;
+    std::string stop;
+    const char* options;
+    int status;
+    const char* said;  // one of its lines, or a part of one
+  };
+  const Row rows[] = {
+      {"return true;", stop, "", 0, "ExampleSwitch       : m.so started\n"},
+      {"return false;", stop, "", 1, "FAIL 1 errors in the trace\n"},
+      {"return false;", stop, "--allow-errors", 0, "ok   library closed\n"},
+      {"return true;", "", "", 1, "ERROR! m.so lacks ModuleStart or ModuleStop\n"},
+      {"return Broken(nullptr);", stop, "", 1, "FAIL crashed: Segmentation fault, in m.so at 0x"},
+      {"std::exit(0);", stop, "", 1, "FAIL a module ended the process with status 0\n"},
+      {"std::abort();", stop, "", 1, ", called from m.so at 0x"},
+  };
+  for (const Row& row : rows) {
+    const ModuleRoot machine(row.start, row.stop);
+    const CommandLine command = CommandLine("module run --module /m.so -s 0") + row.options;
+    const ToolResult result = machine.Ravctl(command, {}, FixtureRoot::kProc);
+    EXPECT_EQ(result.status, row.status) << row.start << result.err;
+    EXPECT_THAT(result.out, HasSubstr(row.said));
+    const nlohmann::json checked = machine.Json(CommandLine("module check /m.so"), row.stop.empty() ? 1 : 0)["data"];
+    EXPECT_EQ(Find(checked, "ModuleStop")["finding"], row.stop.empty() ? "missing" : "exported");
+    EXPECT_EQ(Find(checked, "load")["severity"], "ok");
+  }
 }

@@ -216,6 +216,9 @@ TEST(TraceShow, FiltersAndTheirNegations) {
       {"", "one ERROR|two\x1b[2J|Three\nfour|five|"},
       {"-n 2", "Three\nfour|five|"},
       {"-g ERROR -g five", "one ERROR|five|"},
+      {"-g '^(one|fi.e)\\b'", "one ERROR|five|"},
+      {"-F -g 'fi.e'", ""},
+      {"-g five -C 1", "Three\nfour|five|"},
       {"--not-text ERROR", "two\x1b[2J|Three\nfour|five|"},
       {"-i -g three", "Three\nfour|"},
       {"--tag other", "Three\nfour|"},
@@ -226,7 +229,7 @@ TEST(TraceShow, FiltersAndTheirNegations) {
       {"--not-time 03:04:02..03:04:10", "one ERROR|five|"},
   };
   for (const Row& row : rows) {
-    const nlohmann::json answer = machine.Json(CommandLine("trace show /t/log.x") + row.words);
+    const nlohmann::json answer = machine.Json(CommandLine("trace show /t/log.x") + row.words, *row.texts ? 0 : 1);
     std::string texts;
     for (const nlohmann::json& entry : answer["data"])
       texts += entry["text"].get<std::string>() + "|";
@@ -294,7 +297,7 @@ TEST(TraceRuns, AreListedAndShownByTheirNumber) {
     ASSERT_EQ(entries.size(), 1U);
     EXPECT_EQ(entries[0]["text"], text);
   }
-  EXPECT_EQ(machine.Json("trace stats --run 1")["data"][0]["file"], newer + "/log.ravd");
+  EXPECT_EQ(machine.Json("trace stats --previous")["data"][0]["file"], newer + "/log.ravd");
   EXPECT_THAT(machine.Ravctl("trace show --run 2").err, HasSubstr("cannot open the trace: " + older));
   const Fault faults[] = {
       {"verify --run 3", 4, "trace verify: no run 3 is kept: /var/log/pelrix (ravctl trace list shows those that are)"},
@@ -310,15 +313,28 @@ TEST(TraceCommands, FaultsAreOneLineWithTheirStatus) {
       {"show mytool", 4, "trace show: cannot look into: /var/log/pelrix: No such file or directory (check the path)"},
       {"show /t -t xyz", 2, "trace show: not a thread: xyz (give its up to eight hexadecimal digits: 1A2B3C40)"},
       {"show /t --since noon", 2,
-       "trace show: not a time: noon (give 2024-05-06 10:11:12, 10:11, or 5m for 5 minutes ago)"},
-      {"show /t -o txt", 2, "trace show: no such column: txt (known: time, thread, memory, tag, text)"},
+       "trace show: not a time: noon (give 2024-05-06 10:11:12, 10:11, yesterday, or 5m for 5 minutes ago)"},
+      {"show /t --since 2026-13-45", 2, "trace show: not a time: 2026-13-45..."},
+      {"show /t --since 2025-02-29", 2, "trace show: not a time: 2025-02-29..."},
+      {"show /t --until 24:00", 2, "trace show: not a time: 24:00..."},
+      {"show /t --until 2026-1", 2, "trace show: not a time: 2026-1..."},
+      {"show /t -g '(a'", 2, "trace show: not a regular expression: (a: missing ): (a (with -F a text..."},
+      {"show /t --previous --run 2", 2, "--previous excludes --run..."},
+      {"show /garbage", 5, "warning: not a trace: no line of it begins an entry: /garbage..."},
+      {"stats /t -o nosuch", 2, "trace stats: no such column: nosuch..."},
+      {"show /t -o txt", 2,
+       "trace show: no such column: txt (known: time, thread, memory, tag, source, message, text)"},
       {"toggle", 6, "trace toggle: the daemon does not run: /var/run/ravd.pid (start it first)"},
       {"level 9", 2, "LEVEL: Value 9 not in range 0 to 6: trace level (see ravctl trace level --help)"},
       {"shw", 2, "unknown command: shw (did you mean show?)"},
   };
   const ToolRoot machine;
   machine.WriteFile("/t", Line("01", "one"));
+  machine.WriteFile("/garbage", std::string(5000, '\x7f'));
   ExpectFaults(machine, "trace", faults);
+  EXPECT_EQ(Members(machine.Json("trace verify /garbage", 5)["data"], "0/severity 0/check"), "bad, kind");
+  for (const char* day : {"yesterday", "'yesterday 10:11'", "today"})
+    EXPECT_EQ(machine.Ravctl(std::string("trace show /t --since ") + day).status, 1) << day;
 }
 
 TEST(TraceConfig, ValueSourceAndIgnoredFiles) {
@@ -517,4 +533,78 @@ TEST(TraceFollow, EndsWithTheProcessAndItsLastWords) {
   ASSERT_FALSE(line.is_discarded()) << machine.ReadFile("/tmp/out");
   ExpectValid(line);
   EXPECT_EQ(line["data"]["text"], "last words");
+}
+
+TEST(TraceEntry, SourceIsTheNameAtTheFront) {
+  const std::tuple<const char*, const char*, const char*> rows[] = {
+      {"Heartbeat           : beat 1: 2", "Heartbeat", "beat 1: 2"},
+      {"CFileLock::Lock     : Trying", "CFileLock::Lock", "Trying"},
+      {"ANameThatIsLongerThanTheColumn: text", "ANameThatIsLongerThanTheColumn", "text"},
+      {"RAVD-MAIN: Load", "RAVD-MAIN", "Load"},
+      {"RAVD-MAIN::ParseCommandLine   : x", "RAVD-MAIN::ParseCommandLine", "x"},
+      {"ERROR: none", "", "ERROR: none"},
+      {"two words           : none", "", "two words           : none"},
+      {"Heartbeat           :", "Heartbeat", ""},
+      {"                    : none", "", "                    : none"},
+      {"", "", ""},
+  };
+  for (const auto& [text, source, message] : rows) {
+    const std::string whole = Line("01", text);
+    const ravctl::TraceEntry entry = ravctl::ParseEntry(whole);
+    EXPECT_EQ(std::tuple(entry.source, entry.message), std::tuple(source, message));
+  }
+  const ToolRoot machine;
+  std::string trace;
+  for (const char* text :
+       {"RAVD-MAIN: Load", "Heartbeat           : ERROR 1", "Heartbeat           : beat", "Other               : x"})
+    trace += Line("01", text);
+  machine.WriteFile("/log.x", trace);
+  EXPECT_EQ(machine.Ravctl("trace show /log.x --not-source 'RAVD-MAIN*' --not-source other -o source,message").out,
+            "SOURCE               MESSAGE\nHeartbeat            ERROR 1\nHeartbeat            beat\n");
+  EXPECT_EQ(
+      machine.Ravctl("trace show /log.x --source Heartbeat -n 1 -o +source --no-headings").out,
+      "2026-01-02 03:04:01.000 0000ABCD -          ravd          Heartbeat            Heartbeat           : beat\n");
+  EXPECT_EQ(machine.Ravctl("trace show /log.x -g 'Load|x$' -C 0 -o message").out, "MESSAGE\nLoad\nx\n");
+  EXPECT_EQ(Members(machine.Json("trace stats /log.x")["data"], "2/group 2/name 2/entries 2/errors"),
+            "source, Heartbeat, 2, 1");
+}
+
+// Of a bundle they count from its capture, in the zone of the machine.
+TEST(TraceShow, RelativeTimesOfABundle) {
+  const ToolRoot machine;
+  machine.MakeLink("/etc/localtime", "/usr/share/zoneinfo/Asia/Tokyo");
+  machine.Run(
+      [] {
+        ASSERT_EQ(std::system("mkdir -p /var/log/pelrix && "
+                              "date '+%F %T.000 [0000ABCD] ravd          now' >/var/log/pelrix/log.ravd"),
+                  0);
+        EXPECT_EQ(RunRavctl("bundle --trace /b.tar.gz").status, 0);
+        ASSERT_EQ(std::system("mkdir /tree && tar -xf /b.tar.gz -C /tree && touch -d '2 days ago' /tree/manifest.json"),
+                  0);
+      },
+      FixtureRoot::kUsr);
+  EXPECT_EQ(machine.Ravctl("trace show --since 2m --sysroot /b.tar.gz", {"TZ=UTC"}).status, 0);
+  EXPECT_EQ(machine.Ravctl("trace show --until 1d --sysroot /tree").status, 1);
+  EXPECT_EQ(machine.Ravctl("trace show --since 1d --sysroot /tree").status, 0);
+  EXPECT_EQ(Members(nlohmann::json::parse(machine.ReadFile("/tree/manifest.json")), "time_zone"), "JST +0900");
+}
+
+TEST(TraceLevel, LeavesThePackageItsFile) {
+  const ToolRoot machine;
+  const std::string directory = "/etc/norrow/QuennetSuite/TraceConfig/";
+  const std::string shipped = "; of the package\n[ravd]\nFileDebugLevel=0\nRingBufferSizeWeight=4\n\n[EndOfFile]\n";
+  machine.WriteFile(directory + "ravd.ini", shipped);
+  for (const char* level : {"5", "3"}) {
+    EXPECT_EQ(machine.Json({"trace", "level", level})["warnings"].size(), *level == '5' ? 2U : 1U);
+    EXPECT_EQ(machine.ReadFile(directory + "00-ravctl.ini"),
+              std::string("[ravd]\nFileDebugLevel=") + level + "\nRingBufferSizeWeight=4\n\n[EndOfFile]\n");
+    EXPECT_EQ(machine.ReadFile(directory + "ravd.ini"), shipped);
+  }
+  // But the daemon that runs follows the one with which it was started.
+  machine.Remove(directory + "00-ravctl.ini");
+  machine.WriteFile(directory + "global_trace.ini", "[GlobalDebugSettings]\nDynamicUpdate=5\n[EndOfFile]\n");
+  machine.WriteFile("/var/run/ravd.pid", "77\n");
+  machine.WriteFile("/proc/77/comm", "ravd\n");
+  machine.Json("trace level 2");
+  EXPECT_THAT(machine.ReadFile(directory + "ravd.ini"), HasSubstr("\nFileDebugLevel=2\n"));
 }

@@ -1,9 +1,16 @@
 #include "ravctl/tool.h"
 
+#include <fcntl.h>
+#include <langinfo.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <clocale>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <stdexcept>
+#include <string_view>
 
 #include "ravctl/base/text.h"
 #include "ravctl/commands/all_commands.h"
@@ -24,7 +31,10 @@ int Status(ExitCode code) {
   return static_cast<int>(code);
 }
 
-int Report(ExitCode code, const std::string& line) {
+// The failure on the standard error, and in the answer where it is JSON.
+int Fail(ExitCode code, const std::string& line, Output& out) {
+  out.PrintError(Status(code), line);
+  out.Flush();
   std::fprintf(stderr, "ravctl: %s\n", line.c_str());
   return Status(code);
 }
@@ -32,7 +42,8 @@ int Report(ExitCode code, const std::string& line) {
 void AddGlobalOptions(Command& root, GlobalOptions& global) {
   OutputOptions& options = global.output;
   root.AddFlag("--json", &options.json,
-               "One JSON object {schema, version, root, data, warnings}; one a line from what follows or watches");
+               "One JSON object {schema, version, root, data, warnings}, of a failure {..., data: null, error: {code, "
+               "message}}; one a line from what follows or watches");
   root.AddOption("-o,--columns", &options.columns, "LIST",
                  "Columns of a table: a list such as name,size, or +name for one more");
   const auto setColor = [&options](const std::string& when) {
@@ -73,20 +84,18 @@ std::string Advice(const Command& command) {
   return "see " + Called(command) + " --help";
 }
 
-int ReportUnknown(const Command& command, const std::string& word) {
+CommandError Unknown(const Command& command, const std::string& word) {
   const bool isOption = word.starts_with('-');
   const std::vector<std::string> known = isOption ? OptionWords(command) : CommandWords(command);
   const char* what = isOption ? "unknown option" : known.empty() ? "unexpected word" : "unknown command";
-  return Report(ExitCode::kUsage,
-                OneLine(what, word, DidYouMean(word.substr(0, word.find('=')), known, Advice(command))));
+  return {ExitCode::kUsage, what, word, DidYouMean(word.substr(0, word.find('=')), known, Advice(command))};
 }
 
-int ReportMissingCommand(const Command& command) {
+CommandError MissingCommand(const Command& command) {
   std::string list;
   for (const std::string& word : CommandWords(command))
     list += (list.empty() ? "" : ", ") + word;
-  return Report(ExitCode::kUsage,
-                OneLine("a command is missing", Called(command), "one of " + list + "; " + Advice(command)));
+  return {ExitCode::kUsage, "a command is missing", Called(command), "one of " + list + "; " + Advice(command)};
 }
 
 void EnterTree(const CommandText& command, const std::string& tree, Output& out) {
@@ -102,55 +111,92 @@ void EnterTree(const CommandText& command, const std::string& tree, Output& out)
   }
 }
 
-int RunCommand(const Command& command, const GlobalOptions& options) {
-  if (command.IsGroup()) return ReportMissingCommand(command);
-  Output out(options.output);
+ExitCode Say(const std::string& text, Output& out) {
+  out.Write(text);
+  return ExitCode::kDone;
+}
+
+ExitCode RunCommand(const Command& command, const GlobalOptions& options, Output& out) {
+  if (command.IsGroup()) throw MissingCommand(command);
   try {
     if (!options.sysroot.empty()) EnterTree(command.Text(), options.sysroot, out);
-    return Status(command.Run(out));
+    return command.Run(out);
   } catch (const CommandError& error) {
-    out.Flush();
-    return Report(error.Code(), command.FullName() + ": " + error.what());
+    throw CommandError(error.Code(), command.FullName() + ": " + error.what(), "", "");
   }
 }
 
-int Run(const ParsedLine& line, const GlobalOptions& options) {
+ExitCode Run(const ParsedLine& line, const GlobalOptions& options, Output& out) {
   switch (line.kind) {
     case ParsedLine::Kind::kHelp:
-      std::fputs(line.text.c_str(), stdout);
-      return 0;
+      return Say(line.text, out);
     case ParsedLine::Kind::kVersion:
-      std::puts("ravctl " RAVCTL_VERSION);
-      return 0;
+      return Say("ravctl " RAVCTL_VERSION "\n", out);
     case ParsedLine::Kind::kUnknown:
-      return ReportUnknown(*line.command, line.text);
+      throw Unknown(*line.command, line.text);
     case ParsedLine::Kind::kFault: {
       const std::string name = line.command->FullName();
-      return Report(ExitCode::kUsage, OneLine(line.text, name.empty() ? "ravctl" : name, Advice(*line.command)));
+      throw CommandError(ExitCode::kUsage, line.text, name.empty() ? "ravctl" : name, Advice(*line.command));
     }
     case ParsedLine::Kind::kCommand:
       break;
   }
-  return RunCommand(*line.command, options);
+  return RunCommand(*line.command, options, out);
+}
+
+// An answer that is not whole must not look like one, whatever the command says.
+int RunToItsEnd(const ParsedLine& line, const GlobalOptions& options, Output& out) {
+  try {
+    const ExitCode code = Run(line, options, out);
+    out.Flush();
+    if (out.WriteError() == 0) return Status(code);
+    return Fail(ExitCode::kNotWritten, OneLine("cannot write the answer", std::strerror(out.WriteError()), ""), out);
+  } catch (const CommandError& error) {
+    return Fail(error.Code(), error.what(), out);
+  } catch (const std::exception& error) {
+    return Fail(ExitCode::kInternal, OneLine("internal fault", error.what(), "please report it"), out);
+  }
+}
+
+// What was not understood fills no option.
+bool AsksForJson(const ParsedLine& line, int argc, char** argv) {
+  const bool isFault = line.kind == ParsedLine::Kind::kUnknown || line.kind == ParsedLine::Kind::kFault;
+  return isFault && std::any_of(argv, argv + argc, [](std::string_view word) { return word == "--json"; });
+}
+
+// All texts are UTF-8, and what draws tables does not end on a character that the locale does not have: the caller's
+// locale counts where it is one of UTF-8, and one of the system's own elsewhere.
+void SetCharacters() {
+  std::setlocale(LC_CTYPE, "");
+  if (std::string_view(::nl_langinfo(CODESET)) != "UTF-8") std::setlocale(LC_CTYPE, "C.UTF-8");
+}
+
+// Where a standard stream is closed, no file that is opened later takes its number and gets what is meant for it: that
+// still cannot be written.
+void KeepStandardNumbers() {
+  int opened = 0;
+  while (opened >= 0 && opened <= STDERR_FILENO)
+    opened = ::open("/dev/null", O_RDONLY);
+  if (opened > STDERR_FILENO) ::close(opened);
 }
 
 }  // namespace
 
 int RunTool(int argc, char** argv) {
-  std::setlocale(LC_CTYPE, "");
+  KeepStandardNumbers();
+  SetCharacters();
   std::signal(SIGPIPE, SIG_IGN);
-  try {
-    Command root({"ravctl", "Look at and steer what the ravd service daemon and its library know of this machine."},
-                 "Exit status: 0 done, 1 nothing or a difference found, 2 usage, 3 permission, 4 input missing,\n"
-                 "5 input damaged, 6 daemon not running, 70 internal.\n"
-                 "ravctl COMMAND --help tells more and gives examples.");
-    GlobalOptions options;
-    AddGlobalOptions(root, options);
-    AddAllCommands(root);
-    return Run(ParseLine(root, argc, argv), options);
-  } catch (const std::exception& error) {
-    return Report(ExitCode::kInternal, OneLine("internal fault", error.what(), "please report it"));
-  }
+  Command root({"ravctl", "Look at and steer what the ravd service daemon and its library know of this machine."},
+               "Exit status: 0 done, 1 nothing or a difference found, 2 usage, 3 permission, 4 input missing,\n"
+               "5 input damaged, 6 daemon not running, 7 answer not written, 70 internal.\n"
+               "ravctl COMMAND --help tells more and gives examples.");
+  GlobalOptions options;
+  AddGlobalOptions(root, options);
+  AddAllCommands(root);
+  const ParsedLine line = ParseLine(root, argc, argv);
+  options.output.json = options.output.json || AsksForJson(line, argc, argv);
+  Output out(options.output);
+  return RunToItsEnd(line, options, out);
 }
 
 }  // namespace ravctl

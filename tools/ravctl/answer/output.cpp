@@ -1,6 +1,7 @@
 #include "ravctl/answer/output.h"
 
 #include <libsmartcols.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -71,6 +72,13 @@ std::string Dump(const Json& value) {
   }
 }
 
+// Where the system has no locale of UTF-8 at all, the library that draws does not end on such a character.
+std::string Drawable(std::string text) {
+  const auto isOther = [](char byte) { return (byte & 0x80) != 0; };
+  if (MB_CUR_MAX == 1) std::ranges::replace_if(text, isOther, '?');
+  return text;
+}
+
 }  // namespace
 
 std::string CellText(const Column& column, const Json& row) {
@@ -138,18 +146,15 @@ Json Output::WarningsAsJson() const {
 }
 
 void Output::Print(const Schema& schema, const Table& table) {
-  if (IsJson()) {
-    Print(schema, std::string(), table.ToJson());
-  } else {
-    PrintTable(table);
-  }
+  Print(schema, table, IsJson() ? table.ToJson() : Json());
 }
 
 void Output::Print(const Schema& schema, const Table& table, const Json& data) {
+  const std::vector<size_t> chosen = ChosenColumns(table.Columns());
   if (IsJson()) {
     Print(schema, std::string(), data);
   } else {
-    PrintTable(table);
+    PrintTable(table, chosen);
   }
 }
 
@@ -194,14 +199,26 @@ void Output::EndStream() {
   m_Buffer += "],\"warnings\":" + Dump(WarningsAsJson()) + "}\n";
 }
 
+void Output::PrintError(int code, const std::string& message) {
+  if (!IsJson()) return;
+  Json object = Envelope({"error"});
+  object["data"] = nullptr;
+  object["error"] = {{"code", code}, {"message", message}};
+  object["warnings"] = WarningsAsJson();
+  m_Buffer += Dump(object) + '\n';
+}
+
 void Output::Flush() {
   for (size_t at = 0; at < m_Buffer.size() && !m_IsClosed;) {
     const ssize_t written = ::write(STDOUT_FILENO, m_Buffer.data() + at, m_Buffer.size() - at);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) {
-      m_IsClosed = true;
-    } else {
+    if (written >= 0) {
       at += static_cast<size_t>(written);
+    } else if (errno == EAGAIN) {  // whoever shares the terminal may have made it so
+      pollfd file = {STDOUT_FILENO, POLLOUT, 0};
+      ::poll(&file, 1, -1);
+    } else if (errno != EINTR) {
+      m_WriteError = errno == EPIPE ? 0 : errno;
+      m_IsClosed = true;
     }
   }
   m_Buffer.clear();
@@ -266,8 +283,7 @@ std::vector<size_t> Output::ChosenColumns(const std::vector<Column>& columns) co
   return chosen;
 }
 
-void Output::PrintTable(const Table& table) {
-  const std::vector<size_t> chosen = ChosenColumns(table.Columns());
+void Output::PrintTable(const Table& table, const std::vector<size_t>& chosen) {
   const std::unique_ptr<libscols_table, TableDeleter> lines(scols_new_table());
   if (lines == nullptr) throw std::bad_alloc();
   scols_table_enable_noencoding(lines.get(), 1);  // the texts are fit for a terminal already
@@ -292,7 +308,7 @@ void Output::PrintTable(const Table& table) {
     made.push_back(line);
     for (size_t cell = 0; cell < chosen.size(); ++cell) {
       const Column& column = table.Columns()[chosen[cell]];
-      scols_line_set_data(line, cell, CellText(column, table.Row(number)).c_str());
+      scols_line_set_data(line, cell, Drawable(CellText(column, table.Row(number))).c_str());
       const Color color = column.color ? column.color(table.Row(number)) : Color::kNone;
       if (color != Color::kNone) scols_cell_set_color(scols_line_get_cell(line, cell), ColorSequence(color));
     }

@@ -79,10 +79,11 @@ class Table {
 //   Print           once, with everything
 //   Line            for what follows or watches: a line of text, or with --json a whole JSON object a line (JSON Lines)
 //   BeginStream, Write..., EndStream   for output too large to hold, such as a trace
+// A name of -o that is none of a table's columns is a CommandError in every form.
 class Output {
  public:
   explicit Output(OutputOptions options);
-  // What was written is flushed.
+  // What was written is flushed; who wants to know of an error flushes before.
   ~Output();
   Output(const Output&) = delete;
   Output& operator=(const Output&) = delete;
@@ -109,9 +110,17 @@ class Output {
   void BeginStream(const Schema& schema);
   void Write(std::string_view textOrElement);
   void EndStream();
+
+  // A failure in the place of the answer: with --json {"schema": "ravctl/error", ..., "data": null, "error": {"code",
+  // "message"}}, in the other forms nothing.
+  void PrintError(int code, const std::string& message);
+
   void Flush();
-  // Whether the reader went away (a closed pipe): the command may stop.
+  // Whether nothing more can be written, for the reader went away (a closed pipe) or for an error: the command may
+  // stop.
   bool IsClosed() const { return m_IsClosed; }
+  // The number of that error, 0 when there was none; that a reader went away is none.
+  int WriteError() const { return m_WriteError; }
 
   // what, where, toDo as in CommandError; where and toDo may be empty.
   void Warn(std::string_view what, std::string_view where = {}, std::string_view toDo = {});
@@ -131,7 +140,7 @@ class Output {
 
   Json Envelope(const Schema& schema) const;
   Json WarningsAsJson() const;
-  void PrintTable(const Table& table);
+  void PrintTable(const Table& table, const std::vector<size_t>& chosen);
 
   OutputOptions m_Options;
   std::string m_Root = "/";
@@ -141,6 +150,7 @@ class Output {
   bool m_HasColors;
   bool m_IsFirstElement = true;
   bool m_IsClosed = false;
+  int m_WriteError = 0;
 };
 
 // Shows on a terminal how far a long piece of work is: "reading 43 %" on the standard error, overwritten and removed at

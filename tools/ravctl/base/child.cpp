@@ -28,6 +28,7 @@ using Work = std::function<int(int)>;
 
 constexpr const char* kOwnChildren = "/proc/thread-self/children";
 constexpr int kPollMs = 10;
+constexpr int kMeanwhileMs = 100;
 constexpr int kRoundsOfKilling = 200;  // where /proc does not tell whom to kill
 
 struct Pipe {
@@ -144,9 +145,9 @@ bool TakeReport(int fd, std::string& report) {
   return got > 0;
 }
 
-int MsUntil(Clock::time_point end) {
+int MsUntil(Clock::time_point end, int64_t most) {
   const auto rest = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
-  return static_cast<int>(std::clamp<int64_t>(rest, 0, 3600000));
+  return static_cast<int>(std::clamp<int64_t>(rest, 0, most));
 }
 
 }  // namespace
@@ -172,13 +173,15 @@ void KeptChild::Tell(size_t steps) const {
   [[maybe_unused]] const ssize_t written = ::write(m_Life.Get(), kBytes.data(), steps);
 }
 
-ChildResult KeptChild::Wait(int timeoutSeconds) {
+ChildResult KeptChild::Wait(int timeoutSeconds, const std::function<void(const std::string&)>& meanwhile) {
   ChildResult result;
   const Clock::time_point end = Clock::now() + std::chrono::seconds(timeoutSeconds);
   std::array<pollfd, 2> files = {{{m_Ending.Get(), POLLIN, 0}, {m_Report.Get(), POLLIN, 0}}};
+  const int64_t longestMs = meanwhile ? kMeanwhileMs : 3600000;
   while (files[0].revents == 0) {
-    if (::poll(files.data(), files.size(), result.isTimeout ? -1 : MsUntil(end)) < 0) continue;
+    if (::poll(files.data(), files.size(), result.isTimeout ? -1 : MsUntil(end, longestMs)) < 0) continue;
     if (files[1].revents != 0 && !TakeReport(m_Report.Get(), result.report)) files[1].fd = -1;
+    if (meanwhile) meanwhile(result.report);
     if (result.isTimeout || Clock::now() < end || files[0].revents != 0) continue;
     result.isTimeout = true;
     Tell(1);
@@ -199,6 +202,22 @@ ChildResult KeptChild::Wait(int timeoutSeconds) {
 
 ChildResult RunInChild(int timeoutSeconds, const Work& work) {
   return KeptChild(work).Wait(timeoutSeconds);
+}
+
+ChildResult RunProgram(int timeoutSeconds, const std::string& path, const std::vector<std::string>& words) {
+  return RunInChild(timeoutSeconds, [&path, &words](int reportFd) {
+    std::vector<std::string> texts = {path};
+    texts.insert(texts.end(), words.begin(), words.end());
+    std::vector<char*> argv;
+    for (std::string& text : texts)
+      argv.push_back(text.data());
+    argv.push_back(nullptr);
+    ::dup2(reportFd, STDOUT_FILENO);
+    ::close(STDERR_FILENO);
+    ::open("/dev/null", O_WRONLY);
+    ::execv(path.c_str(), argv.data());
+    return 127;
+  });
 }
 
 }  // namespace ravctl

@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "platform/unique_fd.h"
 
@@ -38,9 +39,10 @@ class KeptChild {
   KeptChild(const KeptChild&) = delete;
   KeptChild& operator=(const KeptChild&) = delete;
 
-  // Until it has ended, at most that long; nothing of it runs any more then. To be called once. Throws CommandError
-  // when the keeper could not make it.
-  ChildResult Wait(int timeoutSeconds);
+  // Until it has ended, at most that long; nothing of it runs any more then. meanwhile: called with what the work has
+  // reported so far, after each piece of it and several times a second. To be called once. Throws CommandError when the
+  // keeper could not make it.
+  ChildResult Wait(int timeoutSeconds, const std::function<void(const std::string& report)>& meanwhile = {});
 
  private:
   void Tell(size_t steps) const;
@@ -53,5 +55,9 @@ class KeptChild {
 
 // All in one.
 ChildResult RunInChild(int timeoutSeconds, const std::function<int(int reportFd)>& work);
+
+// A program by its path, with these words behind its name. The report is its standard output; what it says on the
+// standard error is dropped. Status 127 when it cannot be run.
+ChildResult RunProgram(int timeoutSeconds, const std::string& path, const std::vector<std::string>& words);
 
 }  // namespace ravctl

@@ -11,6 +11,7 @@ enum class ExitCode : int {
   kInputMissing = 4,        // a file does not exist or cannot be read
   kInputDamaged = 5,        // a file was damaged; what could be read was printed
   kNotRunning = 6,          // the daemon does not run
+  kNotWritten = 7,          // the answer could not be written, or not to its end
   kInternal = 70,           // a fault of the tool itself
 };
 

@@ -5,6 +5,7 @@
 #include "ravctl/answer/json.h"
 #include "ravctl/base/text.h"
 #include "ravctl/line/command.h"
+#include "ravctl/trace/kept_runs.h"
 #include "ravctl/trace/trace_settings.h"
 #include "ravctl/tree/bundle_format.h"
 #include "ravctl/tree/bundle_writer.h"
@@ -42,10 +43,23 @@ void WarnAboutMissing(const std::vector<Uncaptured>& missing, Output& out) {
   }
 }
 
+// Who may not look into the trace directory captures the rest.
+std::vector<KeptRun> KeptRunsIfTold(const std::string& directory, Output& out) {
+  try {
+    return FindKeptRuns(directory);
+  } catch (const CommandError& error) {
+    out.Warn(error.what());
+    return {};
+  }
+}
+
 ExitCode RunBundle(const BundleOptions& options, Output& out) {
   BundleWriter writer(options.out);
   Capture capture;
-  CaptureMachine(options.trace ? TraceSettings("ravd").Directory() : "", capture);
+  TraceChoice traces{options.trace, TraceSettings("ravd").Directory(), {}};
+  for (const KeptRun& run : KeptRunsIfTold(traces.directory, out))
+    traces.keptRuns.push_back(run.path);
+  CaptureMachine(traces, capture);
   if (capture.Entries().size() >= kMostEntries) {
     throw CommandError(ExitCode::kInternal, "more files than a bundle holds", std::to_string(capture.Entries().size()),
                        "please report it");

@@ -14,6 +14,7 @@
 #include "ravctl/base/files.h"
 #include "ravctl/base/text.h"
 #include "ravctl/daemon/process.h"
+#include "ravctl/daemon/service_check.h"
 #include "ravctl/hardware/smbios_check.h"
 #include "ravctl/ini/ini_check.h"
 #include "ravctl/line/command.h"
@@ -24,6 +25,7 @@
 #include "ravctl/trace/trace_check.h"
 #include "ravctl/trace/trace_settings.h"
 #include "ravctl/tree/enter.h"
+#include "ravctl/tree/machine_answers.h"
 
 namespace ravctl {
 
@@ -99,16 +101,17 @@ Findings CheckPermissions() {
 
 constexpr size_t kMostOfOnePlace = 5;
 
-// What a checker has to complain of, or one line that says that the place is sound.
+// What a checker has to complain of or cannot tell, or one line that says that the place is sound.
 void Pass(const Findings& found, const std::string& place, const std::string& good, Findings& findings) {
-  if (WorstOf(found) < Severity::kWarning) {
-    findings.push_back({Severity::kGood, "", place, good});
-    return;
-  }
+  const auto isTold = [](const Finding& each) {
+    return each.severity >= Severity::kWarning || each.severity == Severity::kUnknown;
+  };
+  if (std::ranges::none_of(found, isTold)) findings.push_back({Severity::kGood, "", place, good});
   size_t count = 0;
   for (const Finding& each : found) {
-    if (each.severity < Severity::kWarning || ++count > kMostOfOnePlace) continue;
-    findings.push_back({each.severity, "", each.place, each.check + ": " + each.what, each.toDo});
+    if (!isTold(each) || ++count > kMostOfOnePlace) continue;
+    const std::string check = each.check.empty() ? "" : each.check + ": ";
+    findings.push_back({each.severity, "", each.place, check + each.what, each.toDo});
   }
   if (count > kMostOfOnePlace) {
     findings.push_back({WorstOf(found), "", place, std::to_string(count - kMostOfOnePlace) + " more findings"});
@@ -143,6 +146,28 @@ Findings CheckRegistry() {
   return findings;
 }
 
+constexpr const char* kNotTold = "a captured tree does not tell";
+
+Findings CheckTheSwitch() {
+  if (IsInSysroot()) return {{Severity::kUnknown, "", "module switch", kNotTold, "ask on the machine itself"}};
+  Findings findings;
+  Pass(CheckSwitch(), "module switch", "can be loaded, and root alone can change it", findings);
+  return findings;
+}
+
+Findings CheckUnit() {
+  const std::string told = IsInSysroot() ? ReadFileIfThere(kUnitAnswer).value_or("") : AskForUnit();
+  if (!told.empty()) return UnitFindings(told);
+  return {{Severity::kUnknown, "", kUnit, IsInSysroot() ? kNotTold : "no service manager tells of it"}};
+}
+
+Findings CheckServiceDefaults() {
+  Findings findings;
+  CheckWriters(DefaultsPath(), findings);
+  Pass(CheckDefaults(), DefaultsPath(), "every line reaches the service", findings);
+  return findings;
+}
+
 // Files of the trace configuration that are passed over, but for those of other applications.
 Findings CheckTraceConfiguration() {
   const TraceSettings settings("ravd");
@@ -173,7 +198,7 @@ Findings CheckDiskSpace() {
   Findings findings;
   for (const char* path : {"/var/log/pelrix", "/etc/pelrix", "/var/run"}) {
     if (IsInSysroot()) {
-      findings.push_back({Severity::kUnknown, "", path, "a captured tree does not tell", "ask on the machine itself"});
+      findings.push_back({Severity::kUnknown, "", path, kNotTold, "ask on the machine itself"});
       continue;
     }
     struct statvfs info {};
@@ -198,6 +223,11 @@ struct Check {
 // One line a check.
 constexpr auto kChecks = std::to_array<Check>({
     {"daemon", CheckDaemon},
+    {"switch", CheckTheSwitch},
+    {"defaults", CheckServiceDefaults},
+    {"unit", CheckUnit},
+    {"leftovers", CheckLeftovers},
+    {"ring", CheckMappedRings},
     {"crash", CheckLastCrash},
     {"permissions", CheckPermissions},
     {"kernel", CheckKernelFiles},
@@ -214,7 +244,8 @@ Findings RunCheck(const Check& check) {
   try {
     findings = check.run();
   } catch (const CommandError& error) {
-    findings = {{Severity::kUnknown, "", check.name, error.what()}};
+    const bool isDamage = error.Code() == ExitCode::kInputDamaged;
+    findings = {{isDamage ? Severity::kBad : Severity::kUnknown, "", check.name, error.what()}};
   }
   for (Finding& finding : findings)
     finding.check = check.name;
@@ -228,14 +259,15 @@ ExitCode RunDoctor(Output& out) {
       findings.push_back(finding);
   }
   PrintFindings({"doctor", 2}, findings, out);
-  return WorstOf(findings) < Severity::kWarning ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
+  return WorstOf(findings) < Severity::kBad ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
 
 }  // namespace
 
 void AddDoctor(Command& root) {
   root.Add({"doctor",
-            "Check everything that the daemon and the library stand on; exit status 1 when something is wrong",
+            "Check everything that the daemon and the library stand on; exit status 1 when something is broken (bad), "
+            "while a warning is none",
             {{"ravctl doctor", "one line a finding"},
              {"ravctl doctor --json | jq '.data[] | select(.severity == \"bad\")'", "what is broken"}}},
            [](Output& out) { return RunDoctor(out); });

@@ -22,17 +22,28 @@ pid_t ParsePid(std::string_view text) {
   return result.ec == std::errc() && pid > 0 ? pid : 0;
 }
 
+// Of the stat file of a process, with the blank before it; fields from the third on, the first behind the name.
+size_t FieldOf(const std::string& stat, int wanted) {
+  size_t at = stat.rfind(')');
+  for (int field = 2; field < wanted && at != std::string::npos; ++field)
+    at = stat.find(' ', at + 1);
+  return at;
+}
+
+// Whether it has ended, and its parent has not asked how: a container without an init keeps it for ever.
+bool HasEnded(const std::string& stat) {
+  const size_t state = FieldOf(stat, 3);
+  return state != std::string::npos && stat.find_first_of("ZX", state) == state + 1;
+}
+
 // Start of the process in seconds since 1970: field 22 of its stat file counts clock ticks from the start of the
 // system, which the kernel tells as a time of its own. So the answer is the same whenever the files are looked at.
-int64_t StartTime(pid_t pid) {
+int64_t StartTime(const std::string& stat) {
   constexpr std::string_view kSystemStart = "\nbtime ";
-  std::string stat, system;
-  ReadFileInto("/proc/" + std::to_string(pid) + "/stat", stat);
+  std::string system;
   ReadFileInto("/proc/stat", system);
   const size_t start = system.find(kSystemStart);
-  size_t at = stat.rfind(')');
-  for (int field = 2; field < 22 && at != std::string::npos; ++field)
-    at = stat.find(' ', at + 1);
+  const size_t at = FieldOf(stat, 22);
   if (at == std::string::npos || start == std::string::npos) return 0;
   const auto ticks = static_cast<int64_t>(std::strtoull(stat.c_str() + at, nullptr, 10));
   return std::strtoll(system.c_str() + start + kSystemStart.size(), nullptr, 10) + ticks / ::sysconf(_SC_CLK_TCK);
@@ -52,12 +63,15 @@ std::optional<DaemonProcess> FindDaemon() {
     return std::nullopt;
   }
   const auto pid = static_cast<uint32_t>(daemon.pid);
+  std::string stat;
+  ReadFileInto("/proc/" + std::to_string(daemon.pid) + "/stat", stat);
+  if (HasEnded(stat)) return std::nullopt;
   CProcess::GetProcessPath(daemon.executable, pid);
   uint64_t threads = 0;
-  CProcess::GetProcessMemorySpecificInfo(pid, daemon.residentKb, "VmRSS:", CProcess::bytes);
+  CProcess::GetProcessMemorySpecificInfo(pid, daemon.residentKb, "VmRSS:", CProcess::kilobytes);
   CProcess::GetProcessMemorySpecificInfo(pid, threads, "Threads:", CProcess::bytes);
   daemon.threads = static_cast<unsigned int>(threads);
-  daemon.startedAt = StartTime(daemon.pid);
+  daemon.startedAt = StartTime(stat);
   return daemon;
 }
 

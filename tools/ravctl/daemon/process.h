@@ -9,6 +9,7 @@
 namespace ravctl {
 
 inline constexpr const char* kPidFile = "/var/run/ravd.pid";
+inline constexpr const char* kLockFile = "/var/lock/ravd.lock";
 
 // The daemon as its PID file and /proc tell.
 struct DaemonProcess {
@@ -19,7 +20,7 @@ struct DaemonProcess {
   int64_t startedAt = 0;  // seconds since 1970, 0 when not known
 };
 
-// The running daemon; nullopt when there is no PID file or its process is gone or is another program.
+// The running daemon; nullopt when there is no PID file or its process is gone, has ended, or is another program.
 // Throws CommandError when the PID file cannot be read.
 std::optional<DaemonProcess> FindDaemon();
 

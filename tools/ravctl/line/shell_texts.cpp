@@ -160,6 +160,7 @@ constexpr auto kExitStatus = std::to_array<Item>({
     {"4", "input missing: a file does not exist or cannot be read"},
     {"5", "input damaged; what could be read was printed"},
     {"6", "the daemon is not running"},
+    {"7", "the answer could not be written to its end: a full disk, a closed output"},
     {"70", "internal: a fault of the tool itself"},
 });
 

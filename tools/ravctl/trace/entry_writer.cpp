@@ -23,19 +23,21 @@ constexpr auto kPartRows = std::to_array<PartRow>({
     {"thread", "THREAD", 8},
     {"memory", "MEMORY KB", 10},
     {"tag", "TAG", 13},
+    {"source", "SOURCE", 20},
+    {"message", "MESSAGE", 0},
     {"text", "TEXT", 0},
 });
 
 Color ColorOf(std::string_view text) {
-  if (text.find("ERROR") != std::string_view::npos || text.find("FAILED") != std::string_view::npos) return Color::kRed;
-  return text.find("WARNING") != std::string_view::npos ? Color::kYellow : Color::kNone;
+  const Gravity gravity = GravityOf(text);
+  return gravity == Gravity::kError ? Color::kRed : gravity == Gravity::kWarning ? Color::kYellow : Color::kNone;
 }
 
 }  // namespace
 
 EntryWriter::EntryWriter(Output& out, const Schema& schema, bool isFollowing)
     : m_Out(out), m_Schema(schema), m_IsFollowing(isFollowing) {
-  if (!out.IsJson()) ChooseParts(out.Options().columns);
+  ChooseParts(out.Options().columns);
 }
 
 void EntryWriter::ChooseParts(const std::string& columns) {
@@ -44,16 +46,18 @@ void EntryWriter::ChooseParts(const std::string& columns) {
   for (const std::string& wanted : SplitList(std::string_view(columns).substr(isOnTop ? 1 : 0))) {
     const auto row = std::ranges::find(kPartRows, wanted, &PartRow::key);
     if (row == kPartRows.end()) {
-      throw CommandError(ExitCode::kUsage, "no such column", wanted, "known: time, thread, memory, tag, text");
+      throw CommandError(ExitCode::kUsage, "no such column", wanted,
+                         "known: time, thread, memory, tag, source, message, text");
     }
     const auto part = static_cast<Part>(row - kPartRows.begin());
     if (std::ranges::find(m_Parts, part) == m_Parts.end()) m_Parts.push_back(part);
   }
+  if (isOnTop) std::ranges::sort(m_Parts);
 }
 
 void EntryWriter::Begin() {
   if (!m_IsFollowing) m_Out.BeginStream(m_Schema);
-  if (m_Parts.empty() || m_Out.Options().noHeadings) return;
+  if (m_Parts.empty() || m_Out.IsJson() || m_Out.Options().noHeadings) return;
   std::string line;
   for (const Part part : m_Parts) {
     const PartRow& row = kPartRows[static_cast<size_t>(part)];
@@ -81,6 +85,7 @@ void EntryWriter::Write(std::string_view whole) {
                 {"thread", entry.thread},
                 {"memory_kb", entry.memoryKb ? Json(*entry.memoryKb) : Json()},
                 {"tag", entry.tag},
+                {"source", entry.source.empty() ? Json() : Json(entry.source)},
                 {"text", entry.text}});
     return;
   }
@@ -111,7 +116,8 @@ void EntryWriter::AppendColumns(const TraceEntry& entry) {
   if (color != Color::kNone) m_Line += Output::ColorSequence(color);
   const std::string memory = entry.memoryKb ? std::to_string(*entry.memoryKb) : "-";
   for (const Part part : m_Parts) {
-    const std::array<std::string_view, 5> values = {entry.time, entry.thread, memory, entry.tag, entry.text};
+    const std::array<std::string_view, 7> values = {entry.time,   entry.thread,  memory,    entry.tag,
+                                                    entry.source, entry.message, entry.text};
     const size_t start = m_Line.size();
     AppendPrintable(m_Line, values[static_cast<size_t>(part)]);
     const size_t width = kPartRows[static_cast<size_t>(part)].width;
@@ -132,9 +138,19 @@ void EntryWriter::AppendJson(const TraceEntry& entry) {
   m_Line += entry.memoryKb ? std::to_string(*entry.memoryKb) : "null";
   m_Line += ",\"tag\":";
   AppendJsonString(m_Line, entry.tag);
+  m_Line += ",\"source\":";
+  if (entry.source.empty()) {
+    m_Line += "null";
+  } else {
+    AppendJsonString(m_Line, entry.source);
+  }
   m_Line += ",\"text\":";
   AppendJsonString(m_Line, entry.text);
   m_Line += '}';
+}
+
+void EntryWriter::Gap() {
+  if (!m_Out.IsJson()) m_Out.Write("--\n");
 }
 
 void EntryWriter::End() {

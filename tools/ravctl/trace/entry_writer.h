@@ -9,8 +9,8 @@
 
 namespace ravctl {
 
-// Writes trace entries: as they stand in the file, in the columns of -o (time, thread, memory, tag, text), or as JSON
-// objects. Errors and warnings are coloured. Nothing is allocated for an entry that is plain text.
+// Writes trace entries: as they stand in the file, in the columns of -o (time, thread, memory, tag, source, message,
+// text), or as JSON objects. Errors and warnings are coloured. Nothing is allocated for an entry that is plain text.
 class EntryWriter {
  public:
   // The entries of a file between Begin and End, or with isFollowing one by one as they come.
@@ -19,10 +19,12 @@ class EntryWriter {
 
   void Begin();
   void Write(std::string_view whole);
+  // That entries were passed over here; not in JSON.
+  void Gap();
   void End();
 
  private:
-  enum class Part { kTime, kThread, kMemory, kTag, kText };
+  enum class Part { kTime, kThread, kMemory, kTag, kSource, kMessage, kText };
 
   void ChooseParts(const std::string& columns);
   void AppendPlain(std::string_view whole);

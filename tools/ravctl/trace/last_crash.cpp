@@ -11,11 +11,13 @@
 
 #include "platform/regular_file.h"
 #include "ravctl/base/child.h"
+#include "ravctl/base/files.h"
 #include "ravctl/base/times.h"
 #include "ravctl/trace/kept_runs.h"
 #include "ravctl/trace/read_at.h"
 #include "ravctl/trace/trace_file.h"
 #include "ravctl/tree/enter.h"
+#include "ravctl/tree/machine_answers.h"
 
 namespace ravctl {
 
@@ -62,18 +64,12 @@ std::string KernelLogEnd() {
 
 // What the kernel said in the minutes before.
 std::string JournalBefore(int64_t time) {
-  if (IsInSysroot()) return "";
-  const std::string since = "--since=@" + std::to_string(time - kDumpSeconds);
-  const std::string until = "--until=@" + std::to_string(time + 1);
-  const ChildResult child = RunInChild(kJournalSeconds, [&since, &until](int reportFd) {
-    ::dup2(reportFd, STDOUT_FILENO);
-    ::close(STDERR_FILENO);
-    ::open("/dev/null", O_WRONLY);
-    ::execl(kJournalReader, "journalctl", "-q", "-o", "cat", "--no-pager", "-n", kMostJournalLines, since.c_str(),
-            until.c_str(), "_TRANSPORT=kernel", nullptr);
-    return 1;
-  });
-  return child.report;
+  if (IsInSysroot()) return ReadFileIfThere(kKernelAnswer).value_or("");
+  return RunProgram(kJournalSeconds, kJournalReader,
+                    {"-q", "-o", "cat", "--no-pager", "-n", kMostJournalLines,
+                     "--since=@" + std::to_string(time - kDumpSeconds), "--until=@" + std::to_string(time + 1),
+                     "_TRANSPORT=kernel"})
+      .report;
 }
 
 // The place in the last line that is about one of these threads; empty when there is none.

@@ -15,6 +15,10 @@ class TraceChecker {
   explicit TraceChecker(const TraceFile& file) : m_File(file), m_Layout(file.Layout()) {}
 
   Findings Run() {
+    if (m_File.HasNoEntry()) {
+      Say(false, "kind", "not a trace: no line of it begins an entry");
+      return m_Findings;
+    }
     Say(true, "kind", m_Layout.kind == TraceKind::kRingBuffer ? "ring buffer" : "log file");
     if (!m_File.Damage().empty()) Say(false, "packing", "cannot be unpacked to its end: " + m_File.Damage());
     if (m_Layout.kind == TraceKind::kRingBuffer) {

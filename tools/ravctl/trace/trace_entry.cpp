@@ -36,6 +36,27 @@ std::string_view TakeTag(std::string_view& rest) {
   return tag;
 }
 
+// "Heartbeat           : beat 1": a name without blanks, filled up to 20 columns, and a colon. The daemon host's own
+// name, "RAVD-MAIN: Load", is not filled up.
+void SplitText(TraceEntry& entry) {
+  constexpr size_t kNameColumns = 20;
+  constexpr std::string_view kHost = "-MAIN";
+  const std::string_view text = entry.text;
+  std::string_view name = text.substr(0, text.find_first_of(" \n"));
+  const size_t colon = name.ends_with(':') ? name.size() - 1 : text.find_first_not_of(' ', name.size());
+  entry.message = text;
+  if (colon >= text.size() || text[colon] != ':') return;
+  name = name.substr(0, colon);
+  const bool isHost = name.find(kHost) != std::string_view::npos;
+  const bool isName = !name.empty() && (colon >= kNameColumns || isHost) && std::ranges::all_of(name, [](char letter) {
+    return (letter >= 'a' && letter <= 'z') || (letter >= 'A' && letter <= 'Z') || (letter >= '0' && letter <= '9') ||
+           std::string_view("_:.-~<>").find(letter) != std::string_view::npos;
+  });
+  if (!isName) return;
+  entry.source = name;
+  entry.message = text.substr(std::min(colon + (text.substr(colon + 1).starts_with(' ') ? 2 : 1), text.size()));
+}
+
 }  // namespace
 
 TraceEntry ParseEntry(std::string_view whole) {
@@ -48,7 +69,14 @@ TraceEntry ParseEntry(std::string_view whole) {
   entry.tag = TakeTag(rest);
   if (rest.ends_with('\n')) rest.remove_suffix(1);
   entry.text = rest;
+  SplitText(entry);
   return entry;
+}
+
+Gravity GravityOf(std::string_view text) {
+  const auto has = [text](std::string_view word) { return text.find(word) != std::string_view::npos; };
+  if (has("ERROR") || has("FAILED")) return Gravity::kError;
+  return has("WARNING") ? Gravity::kWarning : Gravity::kPlain;
 }
 
 bool IsFiller(std::string_view line) {

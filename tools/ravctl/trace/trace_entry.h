@@ -19,6 +19,10 @@ struct TraceEntry {
   std::optional<uint64_t> memoryKb;  // when the memory column was on
   std::string_view tag;
   std::string_view text;  // without the last end of line
+  // The module or routine that the text names at its front, "Heartbeat", and the text behind the name; no name and the
+  // whole text where it names none. Traces of modules bear the daemon's tag.
+  std::string_view source;
+  std::string_view message;
 };
 
 // Whether an entry starts here: a time and a thread in brackets.
@@ -29,6 +33,10 @@ inline bool StartsEntry(std::string_view line) {
 
 // Takes an entry apart; whole must start one (StartsEntry).
 TraceEntry ParseEntry(std::string_view whole);
+
+// What an entry tells of, by the words that those who trace use: ERROR or FAILED, WARNING.
+enum class Gravity { kPlain, kWarning, kError };
+Gravity GravityOf(std::string_view text);
 
 // Whether the line, with its end, is one with which a new ring buffer is filled.
 bool IsFiller(std::string_view line);

@@ -49,10 +49,10 @@ bool Exists(const std::string& path) {
 // Where the files of the source's run are.
 std::string RunDirectory(const TraceSource& source) {
   const std::string directory = DirectoryOf(source);
-  if (source.run == 0) return directory;
+  if (source.Run() == 0) return directory;
   const std::vector<KeptRun> kept = FindKeptRuns(directory);
-  if (source.run <= kept.size()) return kept[source.run - 1].path;
-  throw CommandError(ExitCode::kInputMissing, "no run " + std::to_string(source.run) + " is kept", directory,
+  if (source.Run() <= kept.size()) return kept[source.Run() - 1].path;
+  throw CommandError(ExitCode::kInputMissing, "no run " + std::to_string(source.Run()) + " is kept", directory,
                      "ravctl trace list shows those that are");
 }
 
@@ -167,7 +167,7 @@ std::string DirectoryOf(const TraceSource& source) {
 std::vector<TraceFile> ReadTraceFiles(const TraceSource& source) {
   std::vector<TraceFile> files;
   if (IsPath(source)) {
-    if (source.run != 0) {
+    if (source.Run() != 0) {
       throw CommandError(ExitCode::kUsage, "a file has no runs", source.what,
                          "name an application, or leave --run out");
     }
@@ -180,7 +180,7 @@ std::vector<TraceFile> ReadTraceFiles(const TraceSource& source) {
   const bool wantsStart = source.part == TracePart::kRings || source.part == TracePart::kStart;
   const bool wantsRun = source.part == TracePart::kRings || source.part == TracePart::kRun;
   const auto read = [&](const std::string& path) {
-    if (Exists(path)) files.emplace_back(path, TraceFile::kUsualLargest, source.run != 0);
+    if (Exists(path)) files.emplace_back(path, TraceFile::kUsualLargest, source.Run() != 0);
   };
   if (wantsStart) read(start);
   if (wantsRun) read(paths.run);

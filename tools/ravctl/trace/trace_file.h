@@ -30,6 +30,8 @@ class TraceFile {
   const std::string& Damage() const { return m_Damage; }
   // "2024-05-06 10:11:12.345" of the first entry that stands in the file, header included; empty when there is none.
   std::string_view FirstTime() const;
+  // Whether it holds something, but no entry: it is no trace.
+  bool HasNoEntry() const { return !Content().empty() && FirstTime().empty(); }
 
  private:
   void ReadPlain(int fd, size_t size);
@@ -66,7 +68,9 @@ struct TraceSource {
   std::string what = "ravd";
   std::string directory;  // instead of the configured one when not empty
   TracePart part = TracePart::kRings;
-  size_t run = 0;  // 0 for the present one, else the number of a kept one: 1 for the newest
+  size_t run = 0;           // 0 for the present one, else the number of a kept one: 1 for the newest
+  bool isPrevious = false;  // the same as 1
+  size_t Run() const { return isPrevious ? 1 : run; }
 };
 
 // The directory in which the source's application traces, as configured; the runs that are kept lie in it.

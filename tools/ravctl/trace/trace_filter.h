@@ -1,11 +1,16 @@
 #pragma once
 
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 #include "ravctl/line/command.h"
 
 #include "ravctl/trace/trace_entry.h"
+
+namespace re2 {
+class RE2;
+}
 
 namespace ravctl {
 
@@ -35,17 +40,24 @@ class TraceFilter {
   std::vector<std::string> m_NotTimes;  // "FROM..TO"
   std::vector<std::string> m_Threads, m_NotThreads;
   std::vector<std::string> m_Tags, m_NotTags;
-  std::vector<std::string> m_Texts, m_NotTexts;
+  std::vector<std::string> m_Sources, m_NotSources;  // shell patterns
+  std::vector<std::string> m_Texts, m_NotTexts;      // regular expressions
+  bool m_IsPlainText = false;                        // they are none
   bool m_IgnoresCase = false;
 
+  using Expressions = std::vector<std::shared_ptr<const re2::RE2>>;
+  Expressions Compile(const std::vector<std::string>& texts) const;
+
+  Expressions m_Wanted, m_Unwanted;
   TimeRange m_Time;
   std::vector<TimeRange> m_NotTimeRanges;
   bool m_IsEmpty = true;
 };
 
 // A time as given by a user, completed to the beginning of a trace's time:
-//   "2024-05-06 10:11" as it is, "10:11" of newestTime's day, "5m", "2h", "3d" ago (the caller's clock).
-// Throws CommandError when it is none of these.
+//   "2024-05-06 10:11" as it is, "10:11" of newestTime's day, "yesterday", "today 10:11", "5m", "2h", "3d" ago (the
+//   clock; of a bundle from the time of its capture).
+// A time that no calendar or clock has is none. Throws CommandError when it is none of these.
 std::string CompleteTime(const std::string& given, std::string_view newestTime);
 
 }  // namespace ravctl

@@ -291,6 +291,14 @@ void ForgetVariables() {
     ::unsetenv(name.c_str());
 }
 
+// Its traces bear the times of the machine's own zone, where the tree tells that.
+void TakeTimeZone() {
+  constexpr const char* kZoneFile = "/etc/localtime";
+  if (::access(kZoneFile, R_OK) != 0) return;
+  ::setenv("TZ", (std::string(":") + kZoneFile).c_str(), 1);
+  ::tzset();
+}
+
 // ---- the tree
 
 struct Tree {
@@ -344,16 +352,23 @@ void EnterSysroot(const std::string& directoryOrBundle) {
   const UniqueFd owners = isOfRoot ? MapOwner(0, reader.user) : UniqueFd();
   const UniqueFd root = MountMemory(kRootSize, kRootFiles, ::geteuid());
   ShowTree(tree.file.Get(), root.Get(), system, owners.Get());
-  ::tzset();  // times are shown in the zone of who looks at them
+  ::tzset();  // before the tree is the root: the zone of who looks, unless the tree tells its own
   RequireEntered(::fchdir(root.Get()) == 0 && ::chroot(".") == 0 && ::chdir("/") == 0, "chroot");
   CloseWhatWaitsOrLoads();
   ForgetVariables();
   Confine(reader);
+  TakeTimeZone();
   isInSysroot = true;
 }
 
 bool IsInSysroot() {
   return isInSysroot;
+}
+
+int64_t PresentTime() {
+  struct stat manifest {};
+  const bool isBundle = isInSysroot && ::stat((std::string("/") + kManifestPath).c_str(), &manifest) == 0;
+  return isBundle ? manifest.st_mtime : std::time(nullptr);
 }
 
 }  // namespace ravctl

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 namespace ravctl {
@@ -31,5 +32,9 @@ void EnterSysroot(const std::string& directoryOrBundle);
 
 // Whether this process has a captured tree as its root.
 bool IsInSysroot();
+
+// Seconds since 1970 from which times count back: those of the clock, and in a bundle's tree those of its capture, when
+// the manifest was written.
+int64_t PresentTime();
 
 }  // namespace ravctl

@@ -6,9 +6,11 @@
 
 #include "ravctl/answer/output.h"
 #include "ravctl/base/error.h"
+#include "ravctl/base/files.h"
 #include "ravctl/base/text.h"
 #include "ravctl/daemon/process.h"
 #include "ravctl/tree/bundle_format.h"
+#include "ravctl/tree/machine_answers.h"
 #include "ravctl/tree/physical_memory.h"
 
 namespace ravctl {
@@ -93,6 +95,8 @@ constexpr auto kFiles = std::to_array<FileRow>({
     {"/etc/pelrix/RunLevel"},
     {"/etc/norrow/QuennetSuite/TraceConfig", CaptureKind::kName},
     {"/etc/norrow/QuennetSuite/TraceConfig/*.ini*"},
+    {"/etc/default/ravd"},
+    {"/etc/sysconfig/ravd"},
     // the daemon
     {kPidFile},
     {"/var/lock/ravd.lock"},
@@ -130,15 +134,32 @@ void CaptureDaemon(Capture& capture) {
   }
   if (!daemon) return;
   const std::string process = "/proc/" + std::to_string(daemon->pid);
-  for (const char* name : {"/comm", "/stat", "/status"})
+  for (const char* name : {"/comm", "/stat", "/status", "/maps"})
     capture.Add(process + name, CaptureKind::kContent, kLargestFile);
   capture.Add(process + "/exe", CaptureKind::kName, kLargestFile);
   CaptureEnvironment(process, capture);
 }
 
-void CaptureTraces(const std::string& configured, Capture& capture) {
+// How the kept runs ended is told without the traces, too.
+void CaptureTraces(const TraceChoice& traces, Capture& capture) {
+  for (const std::string& run : traces.keptRuns) {
+    capture.Add(run + "/exit", CaptureKind::kOwnContent, kLargestFile);
+    if (traces.isWanted) capture.AddMatching(run + "/log.*", CaptureKind::kOwnContent, kLargestFile);
+  }
+  if (!traces.isWanted) return;
   capture.AddMatching("/var/log/pelrix/log.*", CaptureKind::kOwnContent, kLargestFile);
-  capture.AddMatching(configured + "/log.*", CaptureKind::kOwnContent, kLargestFile);
+  capture.AddMatching(traces.directory + "/log.*", CaptureKind::kOwnContent, kLargestFile);
+}
+
+// The zone of the times in traces, and the name of the system. The files themselves: what their usual links lead to is
+// part of /usr, which a tree has from the machine that shows it.
+void CaptureLinkedFiles(Capture& capture) {
+  for (const char* path : {"/etc/localtime", "/etc/os-release"}) {
+    CapturedEntry entry{.path = path + 1};
+    if (ReadFileInto(path, entry.content) != 0) continue;
+    entry.size = entry.content.size();
+    capture.AddEntry(std::move(entry));
+  }
 }
 
 // The kernel hides the addresses in them instead of refusing to show them.
@@ -150,7 +171,7 @@ void NoteHiddenAddresses(Capture& capture) {
 
 }  // namespace
 
-void CaptureMachine(const std::string& traceDirectory, Capture& capture) {
+void CaptureMachine(const TraceChoice& traces, Capture& capture) {
   Progress progress("capturing", kFiles.size() + 1);
   unsigned long long done = 0;
   for (const FileRow& row : kFiles) {
@@ -158,9 +179,11 @@ void CaptureMachine(const std::string& traceDirectory, Capture& capture) {
     progress.Update(++done);
   }
   NoteHiddenAddresses(capture);
+  CaptureLinkedFiles(capture);
   CapturePhysicalMemory(capture);
   CaptureDaemon(capture);
-  if (!traceDirectory.empty()) CaptureTraces(traceDirectory, capture);
+  CaptureTraces(traces, capture);
+  CaptureAnswers(capture);
 }
 
 const std::vector<std::string>& LiveOnlyAnswers() {

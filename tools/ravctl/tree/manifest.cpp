@@ -9,6 +9,7 @@
 
 #include "ravctl/answer/json.h"
 #include "ravctl/base/text.h"
+#include "ravctl/base/times.h"
 #include "ravctl/tree/bundle_format.h"
 #include "ravctl/tree/machine_files.h"
 
@@ -70,6 +71,7 @@ CapturedEntry MakeManifest(const BundleOrigin& origin, const std::vector<Capture
                    {"host", ValidUtf8(origin.host)},
                    {"kernel", origin.kernel},
                    {"time", UniversalTime(now)},
+                   {"time_zone", LocalTimeText(now, "%Z %z")},
                    {"as_root", origin.isRoot},
                    {"traces", origin.hasTraces},
                    {"redacted", origin.isRedacted},

@@ -11,8 +11,6 @@ namespace ravctl {
 
 namespace {
 
-constexpr const char* kLockFile = "/var/lock/ravd.lock";
-
 // Who may not look into the trace directory is told the rest.
 std::optional<LastCrash> LastCrashIfTold(Output& out) {
   try {

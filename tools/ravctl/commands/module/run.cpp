@@ -1,5 +1,6 @@
-// module run: loads, starts, stops and unloads a module switch in a child, the way the daemon does, with its trace.
-// Whatever ends the command, SIGKILL included, no process of the modules is left, nor the directory of the trace.
+// module run: loads, starts, stops and unloads a module switch in a child, the way the daemon does, and shows its trace
+// as it comes. Whatever ends the command, SIGKILL included, no process of the modules is left, nor the directory of the
+// trace.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -17,22 +18,30 @@
 #include "daemon/switch_interface.h"
 #include "ravctl/answer/json.h"
 #include "ravctl/base/child.h"
+#include "ravctl/base/crash_report.h"
 #include "ravctl/base/files.h"
 #include "ravctl/base/text.h"
+#include "ravctl/commands/module/example_switch.h"
 #include "ravctl/commands/module/group.h"
 #include "ravctl/line/command.h"
+#include "ravctl/trace/log_follower.h"
 #include "ravctl/trace/trace_entry.h"
 #include "ravctl/trace/trace_file.h"
 #include "trace/debug.h"
 
 namespace ravctl {
 
+namespace fs = std::filesystem;
+
 namespace {
 
 constexpr const char* kApplication = "ravctl-module";
+constexpr int kWhole = 42;  // status of a child that came to its end; what a module exits with is another one
 
 struct RunOptions {
   std::string library;
+  std::string module;  // instead of a library: what the example switch is to load
+  bool allowsErrors = false;
   unsigned int seconds = 2;   // between start and stop
   unsigned int timeout = 30;  // for all of it
   unsigned int level = 5;
@@ -66,12 +75,14 @@ void BlockSignals() {
 
 // In the child. The daemon's order of calls; each step is told when it has returned.
 int RunSwitch(const RunOptions& options, const std::string& directory, int report) {
+  ReportCrashesTo(report);
   StartTrace(directory, options.level);
   BlockSignals();
   void* library = ::dlopen(options.library.c_str(), RTLD_NOW | RTLD_GLOBAL);
   if (library == nullptr) {
     const char* why = ::dlerror();
-    Tell(report, std::string("!") + (why != nullptr ? why : "cannot be loaded"));
+    const std::string advice = options.module.empty() ? "" : " (the files of TMPDIR must be executable)";
+    Tell(report, std::string("!") + (why != nullptr ? why : "cannot be loaded") + advice);
     return 1;
   }
   Tell(report, "library loaded");
@@ -101,89 +112,126 @@ int RunSwitch(const RunOptions& options, const std::string& directory, int repor
   if (release != nullptr) release();
   ::dlclose(library);
   Tell(report, "library closed");
-  return isLoaded ? 0 : 1;
+  return isLoaded ? kWhole : 1;
 }
 
 std::string Ending(const ChildResult& result, const RunOptions& options) {
   if (result.isTimeout) return "killed: not done after " + std::to_string(options.timeout) + " s";
-  if (result.signal != 0) return std::string("crashed: ") + ::strsignal(result.signal);
-  return "";
+  if (result.signal == 0) return "";
+  const size_t crash = result.report.find(kCrashMark);
+  const std::string place =
+      crash == std::string::npos ? "" : PlaceOfCrash(std::string_view(result.report).substr(crash));
+  return std::string("crashed: ") + ::strsignal(result.signal) + (place.empty() ? "" : ", in " + place);
 }
 
-Json ReadTrace(const std::string& directory) {
-  Json entries = Json::array();
-  try {
-    const TraceFile file(PathsOf(directory, kApplication).log);
-    for (const std::string_view part : file.Layout().parts) {
-      ForEachEntry(part, [&entries](std::string_view whole) {
-        const TraceEntry entry = ParseEntry(whole);
-        entries.push_back({{"time", entry.time}, {"thread", entry.thread}, {"text", entry.text}});
-        return true;
-      });
+// What happens in a run, shown as it happens and kept for the answer.
+class RunProgress {
+ public:
+  RunProgress(const std::string& directory, Output& out) : m_Trace(PathsOf(directory, kApplication).log), m_Out(out) {}
+
+  // Takes what is new in the trace, and in the report of the child, whose steps are lines.
+  void Look(std::string_view report) {
+    m_Trace.Read([this](std::string_view whole) { AddEntry(ParseEntry(whole)); });
+    report = report.substr(0, report.find(kCrashMark));
+    for (size_t end = 0; (end = report.find('\n', m_Reported)) != std::string_view::npos; m_Reported = end + 1) {
+      const std::string_view line = report.substr(m_Reported, end - m_Reported);
+      const bool isGood = !line.starts_with('!');
+      AddStep(std::string(line.substr(isGood ? 0 : 1)), isGood);
     }
-  } catch (const CommandError&) {
-    // It ended before it could trace.
+    m_Out.Flush();
   }
-  return entries;
-}
 
-struct SwitchRun {
-  ChildResult result;
-  Json trace;
+  void AddStep(const std::string& step, bool isGood) {
+    m_IsGood = m_IsGood && isGood;
+    m_Steps.push_back({{"step", step}, {"good", isGood}});
+    Show(m_Out.Colored(isGood ? Color::kGreen : Color::kRed, isGood ? "ok   " : "FAIL ") + Printable(step));
+  }
+
+  bool IsGood() const { return m_IsGood; }
+  size_t Errors() const { return m_Errors; }
+  Json ToJson(const std::string& library) const {
+    return {{"library", library}, {"good", m_IsGood}, {"errors", m_Errors}, {"steps", m_Steps}, {"trace", m_Entries}};
+  }
+
+ private:
+  void AddEntry(const TraceEntry& entry) {
+    const bool isError = GravityOf(entry.text) == Gravity::kError;
+    m_Errors += isError ? 1 : 0;
+    m_Entries.push_back({{"time", entry.time}, {"thread", entry.thread}, {"text", entry.text}});
+    const std::string line = Printable(entry.time) + " [" + Printable(entry.thread) + "] " + Printable(entry.text);
+    Show(m_Out.Colored(isError ? Color::kRed : Color::kNone, line));
+  }
+
+  void Show(const std::string& line) {
+    if (!m_Out.IsJson()) m_Out.Write(line + "\n");
+  }
+
+  LogFollower m_Trace;
+  Output& m_Out;
+  size_t m_Reported = 0;  // bytes of the report that were taken
+  Json m_Steps = Json::array();
+  Json m_Entries = Json::array();
+  size_t m_Errors = 0;
+  bool m_IsGood = true;
 };
 
-// The directory of the trace is there no longer than the child and its keeper.
-SwitchRun RunTraced(const RunOptions& options) {
-  const TemporaryDirectory directory;
-  KeptChild child([&](int report) { return RunSwitch(options, directory.Path(), report); },
-                  [&directory] { directory.Remove(); });
-  SwitchRun run;
-  run.result = child.Wait(static_cast<int>(options.timeout));
-  run.trace = ReadTrace(directory.Path());
-  directory.Remove();
-  return run;
+// The example switch with that one module beside it. Result: the switch.
+std::string MakeSwitch(const std::string& directory, const std::string& module) {
+  std::error_code error;
+  const fs::path name = fs::path(module).filename();
+  fs::create_directory(directory + "/modules", error);
+  fs::create_symlink(module, directory + "/modules/" + name.stem().string() + ".so", error);
+  if (error) throw SystemFailure("cannot make the directory of the module", directory, error.value());
+  WriteNewFile(directory + "/libswitch.so", ExampleSwitch());
+  return directory + "/libswitch.so";
 }
 
+// The directory of the trace is there no longer than the child and its keeper.
 ExitCode RunRun(const RunOptions& options, Output& out) {
-  if (::access(options.library.c_str(), R_OK) != 0)
-    throw SystemFailure("cannot open the library", options.library, errno);
-  const std::string library = std::filesystem::absolute(options.library).string();
-  RunOptions absolute = options;
-  absolute.library = library;
-  const auto [result, trace] = RunTraced(absolute);
-  std::string text;
-  Json steps = Json::array();
-  bool isGood = !result.isTimeout && result.signal == 0 && result.status == 0;
-  const auto addStep = [&](const std::string& step, bool isStepGood) {
-    steps.push_back({{"step", step}, {"good", isStepGood}});
-    text +=
-        out.Colored(isStepGood ? Color::kGreen : Color::kRed, isStepGood ? "ok   " : "FAIL ") + Printable(step) + "\n";
-  };
-  for (const std::string& line : SplitList(result.report, '\n'))
-    addStep(line.starts_with('!') ? line.substr(1) : line, !line.starts_with('!'));
-  if (const std::string ending = Ending(result, options); !ending.empty()) addStep(ending, false);
-  text += "\nTrace:\n";
-  for (const Json& entry : trace) {
-    text += Printable(entry["time"].get_ref<const std::string&>()) + " [" +
-            Printable(entry["thread"].get_ref<const std::string&>()) + "] " +
-            Printable(entry["text"].get_ref<const std::string&>()) + "\n";
+  if (options.library.empty() == options.module.empty()) {
+    throw CommandError(ExitCode::kUsage, "either LIB or --module is wanted", options.library,
+                       "see ravctl module run --help");
   }
-  out.Print({"module-run"}, text, {{"library", library}, {"good", isGood}, {"steps", steps}, {"trace", trace}});
-  return isGood ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
+  const std::string& given = options.module.empty() ? options.library : options.module;
+  if (::access(given.c_str(), R_OK) != 0) throw SystemFailure("cannot open the library", given, errno);
+  const std::string path = fs::absolute(given).string();
+  const TemporaryDirectory directory;
+  RunOptions absolute = options;
+  absolute.library = options.module.empty() ? path : MakeSwitch(directory.Path(), path);
+  KeptChild child([&](int report) { return RunSwitch(absolute, directory.Path(), report); },
+                  [&directory] { directory.Remove(); });
+  RunProgress progress(directory.Path(), out);
+  const ChildResult result =
+      child.Wait(static_cast<int>(options.timeout), [&progress](const std::string& report) { progress.Look(report); });
+  progress.Look(result.report);
+  if (const std::string ending = Ending(result, options); !ending.empty()) {
+    progress.AddStep(ending, false);
+  } else if (progress.IsGood() && result.status != kWhole) {
+    progress.AddStep("a module ended the process with status " + std::to_string(result.status), false);
+  }
+  if (progress.Errors() > 0 && !options.allowsErrors) {
+    progress.AddStep(std::to_string(progress.Errors()) + " errors in the trace", false);
+  }
+  if (out.IsJson()) out.Print({"module-run"}, "", progress.ToJson(path));
+  return progress.IsGood() ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
 
 }  // namespace
 
 void AddModuleRun(Command& module) {
   auto options = std::make_shared<RunOptions>();
-  Command& run =
-      module.Add({"run",
-                  "Load, start, stop and unload a module switch in a child, as the daemon does, and show its trace",
-                  {{"ravctl module run ./libswitch.so", "let its modules run for two seconds"},
-                   {"ravctl module run ./libswitch.so --seconds 60 --timeout 90", "a longer run with a longer limit"}},
-                  Effect::kChanges},
-                 [options](Output& out) { return RunRun(*options, out); });
-  run.AddRequired("LIB", &options->library, "The library");
+  Command& run = module.Add(
+      {"run",
+       "Load, start, stop and unload a module switch in a child, as the daemon does, and show its trace as it "
+       "comes; exit status 1 when a step fails or an error was traced",
+       {{"ravctl module run ./libswitch.so", "let its modules run for two seconds"},
+        {"ravctl module run --module ./my_module.so", "a single module, by the switch of the examples"},
+        {"ravctl module run ./libswitch.so --seconds 60 --timeout 90", "a longer run with a longer limit"}},
+       Effect::kChanges},
+      [options](Output& out) { return RunRun(*options, out); });
+  run.AddWord("LIB", &options->library, "The module switch");
+  run.AddOption("--module", &options->module, "FILE", "Instead of a switch: a module as the example switch loads it");
+  run.AddFlag("--allow-errors", &options->allowsErrors, "Entries with ERROR or FAILED in the trace are no failure");
   run.AddOption("-s,--seconds", &options->seconds, "N", "How long the modules run (usually 2)");
   run.AddOption("--timeout", &options->timeout, "N", "Seconds after which all is killed (usually 30)",
                 InRange(1, 86400));

@@ -29,9 +29,14 @@ void AddSourceOptions(Command& command, TraceSource& source) {
   command.AddOption("--run", &source.run, "N",
                     "A run as trace list numbers them: 1 is the last that was kept, 0 (the usual) the present one",
                     NotNegative());
+  command.AddFlag("--previous", &source.isPrevious, "The run that was kept last, as --run 1").excludes = "--run";
 }
 
 bool WarnAboutDamage(const TraceFile& file, Output& out) {
+  if (file.HasNoEntry()) {
+    out.Warn("not a trace: no line of it begins an entry", file.Path(), "name a file that an application traced to");
+    return true;
+  }
   if (file.Damage().empty()) return false;
   out.Warn("the trace cannot be unpacked to its end: " + file.Damage(), file.Path(), "what could be read is shown");
   return true;

@@ -23,7 +23,7 @@ void AddDirectoryOption(Command& command, TraceSource& source);
 void AddPresentSource(Command& command, TraceSource& source);
 void AddSourceOptions(Command& command, TraceSource& source);
 
-// Warns about a file that was damaged; true when it was.
+// Warns about a file that was damaged, or is none of a trace; true when it was.
 bool WarnAboutDamage(const TraceFile& file, Output& out);
 
 }  // namespace ravctl

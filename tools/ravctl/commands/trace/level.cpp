@@ -18,6 +18,9 @@ namespace {
 
 constexpr std::string_view kKey = "FileDebugLevel";
 constexpr const char* kEndOfFile = "EndOfFile";
+constexpr const char* kDaemon = "ravd";
+constexpr const char* kPackageFile = "ravd.ini";
+constexpr const char* kOwnFile = "00-ravctl.ini";  // the first of them counts
 constexpr mode_t kNewFileMode = 0644;
 constexpr int kAttempts = 20;  // while others write the file
 
@@ -63,8 +66,9 @@ std::optional<Range> FindLevel(const std::string& text, const Range& section) {
   return Range{begin, std::min(text.find_first_of(" \t\r\n;", begin), section.end)};
 }
 
-// The file's text with the level set and all else as it is.
-std::string WithLevel(std::string text, const std::string& application, const std::string& level) {
+// The file's text with the level set and all else as it is. body: of the section where there is none yet.
+std::string WithLevel(std::string text, const std::string& application, const std::string& level,
+                      const std::string& body) {
   const std::string line = std::string(kKey) + "=" + level + "\n";
   if (const std::optional<Range> section = FindSection(text, application)) {
     if (const std::optional<Range> old = FindLevel(text, *section)) {
@@ -74,10 +78,11 @@ std::string WithLevel(std::string text, const std::string& application, const st
     return lineEnd < section->end ? text.insert(lineEnd + 1, line) : text.insert(section->begin, "\n" + line);
   }
   // Before what ends the file.
-  const std::string whole = "[" + application + "]\n" + line + "\n";
+  const std::string whole = "[" + application + "]" + body;
   const size_t close = text.rfind(']');
   const size_t last = close == std::string::npos ? close : text.rfind('[', close);
-  return last == std::string::npos ? text + whole + "[" + kEndOfFile + "]\n" : text.insert(last, whole);
+  text = last == std::string::npos ? text + whole + "[" + kEndOfFile + "]\n" : text.insert(last, whole);
+  return WithLevel(std::move(text), application, level, body);
 }
 
 bool IsLevelRead(const std::string& text, const std::string& application, uint32_t level) {
@@ -92,10 +97,10 @@ bool IsLevelRead(const std::string& text, const std::string& application, uint32
 
 // The trace object reads the new text from a private copy first. A file that somebody else wrote meanwhile is read
 // anew.
-void WriteLevel(const std::string& path, const std::string& application, uint32_t level) {
+void WriteLevel(const std::string& path, const std::string& application, uint32_t level, const std::string& body) {
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     const std::optional<std::string> old = ReadFileIfThere(path);
-    const std::string text = WithLevel(old.value_or(""), application, std::to_string(level));
+    const std::string text = WithLevel(old.value_or(""), application, std::to_string(level), body);
     if (!IsLevelRead(text, application, level)) {
       throw CommandError(ExitCode::kInputDamaged, "the level would not be read there, nothing was written", path,
                          "see ravctl trace config, and mend the file in an editor");
@@ -111,6 +116,24 @@ void WriteLevel(const std::string& path, const std::string& application, uint32_
   throw CommandError(ExitCode::kInputMissing, "others write the file all the time", path, "try again");
 }
 
+// Where the level goes: into the file that holds the application's section. The package's own file is left alone, but
+// for one that the running daemon follows, where the level counts at once; a file that goes before it takes over its
+// section instead.
+struct Destination {
+  std::string name;
+  std::string body = "\n\n";  // of a new section
+};
+
+Destination ChooseFile(const std::string& application, const TraceSettings& settings) {
+  const std::string& used = settings.ApplicationFile();
+  if (used.empty()) return {application + "_trace.ini"};
+  const bool isFollowed = settings.DynamicUpdate() != 0 && application == kDaemon && FindDaemon().has_value();
+  if (used != kPackageFile || isFollowed) return {used};
+  const std::string text = ReadWholeFile(std::string(kTraceConfigDirectory) + "/" + used);
+  const std::optional<Range> section = FindSection(text, application);
+  return {kOwnFile, section ? text.substr(section->begin, section->end - section->begin) : "\n\n"};
+}
+
 void WarnAboutEffect(const TraceSettings& settings, Output& out) {
   const bool isRunning = FindDaemon().has_value();
   if (settings.IsLevelFromEnvironment()) {
@@ -120,19 +143,24 @@ void WarnAboutEffect(const TraceSettings& settings, Output& out) {
     out.Warn("there is no ring buffer to trace into", kTraceConfigDirectory,
              "set RingBufferSizeFactor and RingBufferSizeWeight, then restart");
   } else if (isRunning && settings.DynamicUpdate() == 0) {
-    out.Warn("DynamicUpdate is 0: the running daemon keeps its level", kTraceConfigDirectory, "restart it");
+    out.Warn("DynamicUpdate is 0: the running daemon keeps its level", kTraceConfigDirectory,
+             "a restart overwrites its traces: keep them by ravctl bundle --trace, then restart it");
   }
 }
 
 ExitCode Run(const std::string& application, uint32_t level, Output& out) {
   const TraceSettings settings(application);
-  const std::string name = settings.ApplicationFile().empty() ? application + "_trace.ini" : settings.ApplicationFile();
+  const auto [name, body] = ChooseFile(application, settings);
   const std::string path = std::string(kTraceConfigDirectory) + "/" + name;
-  WriteLevel(path, application, level);
+  WriteLevel(path, application, level, body);
   const TraceSettings now(application);
   if (now.ApplicationFile() != name) {
     throw CommandError(ExitCode::kInputDamaged, "the level was written but is not read", path,
                        "see ravctl trace config");
+  }
+  if (name == kOwnFile && settings.ApplicationFile() != name) {
+    out.Warn("goes before the file of the package from now on, with a copy of its section", path,
+             "remove it to go back");
   }
   WarnAboutEffect(now, out);
   out.Print({"trace-level"}, path + ": " + std::string(kKey) + "=" + std::to_string(level) + "\n",
@@ -145,7 +173,7 @@ ExitCode Run(const std::string& application, uint32_t level, Output& out) {
 void AddTraceLevel(Command& trace) {
   struct Options {
     uint32_t level = 0;
-    std::string application = "ravd";
+    std::string application = kDaemon;
   };
   auto options = std::make_shared<Options>();
   Command& level = trace.Add({"level",

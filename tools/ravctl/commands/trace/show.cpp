@@ -1,5 +1,7 @@
 // trace show: the entries of a trace in the order in which they were written.
 
+#include <algorithm>
+
 #include "ravctl/answer/json.h"
 #include "ravctl/commands/trace/group.h"
 #include "ravctl/line/command.h"
@@ -13,7 +15,8 @@ namespace {
 struct ShowOptions {
   TraceSource source;
   TraceFilter filter;
-  size_t last = 0;  // 0 = all
+  size_t last = 0;     // 0 = all
+  size_t context = 0;  // entries around each
 };
 
 std::string_view NewestTime(const std::vector<TraceFile>& files) {
@@ -29,37 +32,29 @@ std::string_view NewestTime(const std::vector<TraceFile>& files) {
   return time;
 }
 
-// The newest entries that were handed to it, at most as many as wanted.
-class LastEntries {
- public:
-  explicit LastEntries(size_t wanted) : m_Wanted(wanted) {}
-
-  void Add(std::string_view whole) {
-    if (m_Entries.size() < m_Wanted) {
-      m_Entries.push_back(whole);
-    } else {
-      m_Entries[m_Next] = whole;
-      m_Next = (m_Next + 1) % m_Wanted;
-    }
+// The newest of the entries that are wanted, at most so many of them (0 = all), each with those around it.
+void WriteChosen(const std::vector<std::string_view>& entries, const std::vector<size_t>& wanted,
+                 const ShowOptions& options, EntryWriter& writer) {
+  const size_t count = options.last == 0 ? wanted.size() : std::min(options.last, wanted.size());
+  size_t written = 0;  // of all entries
+  for (size_t index = wanted.size() - count; index < wanted.size(); ++index) {
+    const size_t begin = std::max(written, wanted[index] - std::min(wanted[index], options.context));
+    const size_t end = std::min(wanted[index] + options.context + 1, entries.size());
+    if (options.context > 0 && written > 0 && begin > written) writer.Gap();
+    for (size_t each = begin; each < end; ++each)
+      writer.Write(entries[each]);
+    written = std::max(written, end);
   }
-
-  void WriteTo(EntryWriter& writer) const {
-    for (size_t index = 0; index < m_Entries.size(); ++index)
-      writer.Write(m_Entries[(m_Next + index) % m_Entries.size()]);
-  }
-
- private:
-  size_t m_Wanted;
-  size_t m_Next = 0;  // the oldest one, once there are as many as wanted
-  std::vector<std::string_view> m_Entries;
-};
+}
 
 ExitCode RunShow(const ShowOptions& options, Output& out) {
   EntryWriter writer(out, {"trace-show"}, false);
   const std::vector<TraceFile> files = ReadTraceFiles(options.source);
   TraceFilter filter = options.filter;
   filter.Prepare(NewestTime(files));
-  LastEntries last(options.last);
+  const bool isChoosing = options.last != 0 || options.context != 0;
+  std::vector<std::string_view> entries;
+  std::vector<size_t> wanted;
   size_t count = 0;
   writer.Begin();
   bool isDamaged = false;
@@ -67,18 +62,16 @@ ExitCode RunShow(const ShowOptions& options, Output& out) {
     isDamaged = WarnAboutDamage(file, out) || isDamaged;
     for (const std::string_view part : file.Layout().parts) {
       ForEachEntry(part, [&](std::string_view whole) {
-        if (!filter.IsEmpty() && !filter.Matches(ParseEntry(whole))) return true;
-        ++count;
-        if (options.last != 0) {
-          last.Add(whole);
-        } else {
-          writer.Write(whole);
-        }
+        const bool isWanted = filter.IsEmpty() || filter.Matches(ParseEntry(whole));
+        if (isWanted && isChoosing) wanted.push_back(entries.size());
+        if (isWanted && !isChoosing) writer.Write(whole);
+        if (isChoosing) entries.push_back(whole);
+        count += isWanted ? 1 : 0;
         return !out.IsClosed();
       });
     }
   }
-  if (options.last != 0) last.WriteTo(writer);
+  WriteChosen(entries, wanted, options, writer);
   writer.End();
   if (isDamaged) return ExitCode::kInputDamaged;
   return count > 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
@@ -92,15 +85,19 @@ void AddTraceShow(Command& trace) {
       {"show",
        "Show the entries of a trace in the order in which they were written",
        {{"ravctl trace show -n 20", "the newest 20 entries of the daemon"},
-        {"ravctl trace show --since 5m -g ERROR -g FAILED", "what went wrong in the last five minutes"},
-        {"ravctl trace show --not-tag ravd -o time,tag,text", "what the modules traced, in three columns"},
+        {"ravctl trace show --since 5m -g 'ERROR|FAILED' -C 3",
+         "what went wrong in the last five minutes, and around it"},
+        {"ravctl trace show --not-source 'RAVD-MAIN*' -o time,source,message",
+         "what the modules traced, in three columns"},
         {"ravctl trace show /var/log/pelrix/log.ravd_i.gz --json | jq '.data[].text'", "a start-up, for a script"},
         {"ravctl trace show -p log", "the log file, over its wraps"},
-        {"ravctl trace show --run 1 -n 20", "the last words of the last run that crashed"}}},
+        {"ravctl trace show --previous -n 20", "the last words of the last run that crashed"}}},
       [options](Output& out) { return RunShow(*options, out); });
   AddSourceOptions(show, options->source);
   options->filter.AddOptions(show);
   show.AddOption("-n,--last", &options->last, "N", "The newest N of the entries that are wanted", Above(0));
+  show.AddOption("-C,--context", &options->context, "N", "With N entries before and behind each, -- between the groups",
+                 NotNegative());
 }
 
 }  // namespace ravctl

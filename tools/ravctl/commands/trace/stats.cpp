@@ -23,11 +23,9 @@ struct Count {
   void Add(const TraceEntry& entry) {
     ++entries;
     bytes += entry.whole.size();
-    if (entry.text.find("ERROR") != std::string_view::npos || entry.text.find("FAILED") != std::string_view::npos) {
-      ++errors;
-    } else if (entry.text.find("WARNING") != std::string_view::npos) {
-      ++warnings;
-    }
+    const Gravity gravity = GravityOf(entry.text);
+    errors += gravity == Gravity::kError ? 1 : 0;
+    warnings += gravity == Gravity::kWarning ? 1 : 0;
     if (first.empty()) first = entry.time;
     last = entry.time;
   }
@@ -74,12 +72,13 @@ ExitCode RunStats(const TraceSource& source, Output& out) {
   for (const TraceFile& file : files) {
     isDamaged = WarnAboutDamage(file, out) || isDamaged;
     Count all;
-    Counts tags, threads;
+    Counts tags, sources, threads;
     for (const std::string_view part : file.Layout().parts) {
       ForEachEntry(part, [&](std::string_view whole) {
         const TraceEntry entry = ParseEntry(whole);
         all.Add(entry);
         tags[entry.tag].Add(entry);
+        sources[entry.source].Add(entry);
         threads[entry.thread].Add(entry);
         return true;
       });
@@ -87,6 +86,7 @@ ExitCode RunStats(const TraceSource& source, Output& out) {
     entries += all.entries;
     AddRow(file, "all", "", all, table);
     AddRows(file, "tag", tags, table);
+    AddRows(file, "source", sources, table);
     AddRows(file, "thread", threads, table);
   }
   out.Print({"trace-stats"}, table);
@@ -98,11 +98,14 @@ ExitCode RunStats(const TraceSource& source, Output& out) {
 
 void AddTraceStats(Command& trace) {
   auto source = std::make_shared<TraceSource>();
-  Command& stats = trace.Add({"stats",
-                              "Count the entries of a trace: in all, by tag and by thread",
-                              {{"ravctl trace stats", "of the daemon's ring buffers"},
-                               {"ravctl trace stats -p log -o name,entries,errors", "of the log file"}}},
-                             [source](Output& out) { return RunStats(*source, out); });
+  Command& stats =
+      trace.Add({"stats",
+                 "Count the entries of a trace: in all, by tag, by source (the module or routine) and by thread",
+                 {{"ravctl trace stats", "of the daemon's ring buffers"},
+                  {"ravctl trace stats -p log -o name,entries,errors", "of the log file"},
+                  {"ravctl trace stats --json | jq '.data[] | select(.group == \"source\" and .errors > 0)'",
+                   "which module fails"}}},
+                [source](Output& out) { return RunStats(*source, out); });
   AddSourceOptions(stats, *source);
 }
 
