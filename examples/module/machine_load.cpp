@@ -1,6 +1,7 @@
 // A module on the library: it traces the load of the machine, at an interval that an INI file says, and keeps the
 // highest one in the registry, where other modules of the process see it at once.
 
+#include <algorithm>
 #include <memory>
 
 #include "perfmon/perf_mon.h"
@@ -31,7 +32,8 @@ __attribute__((visibility("default"))) void ModuleStop() {
   registry.Open("", nullptr);  // the root
   registry.CreateKey(nullptr, "HKEY_LOCAL_MACHINE\\SOFTWARE\\Examples\\MachineLoad");
   registry.QueryValue(&highest, "Highest");
-  if (percent > highest) registry.SetValue("Highest", static_cast<unsigned int>(percent));
+  highest = std::max<unsigned int>(highest, percent);
+  registry.SetValue("Highest", highest);
   TRACE(2, "\nMachineLoad         : %u %% on average, at most %u %% so far", percent, highest);
 }
 }

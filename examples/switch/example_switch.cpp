@@ -3,6 +3,7 @@
 
 #include <dirent.h>
 #include <dlfcn.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <memory>
@@ -48,6 +49,20 @@ std::vector<std::string> ListModules(const std::string& directory) {
   return names;
 }
 
+int CountEntries(const char* directory) {
+  const std::unique_ptr<DIR, int (*)(DIR*)> stream(opendir(directory), closedir);
+  int count = 0;
+  while (stream != nullptr && readdir(stream.get()) != nullptr)
+    ++count;
+  return count;
+}
+
+// What a module must give back.
+struct Belongings {
+  int threads = CountEntries("/proc/self/task");
+  int descriptors = CountEntries("/proc/self/fd");
+};
+
 class ExampleSwitch : public ISwitch {
  public:
   bool LoadModules(const _ExtensionModuleLoaderConfig& config) override {
@@ -67,6 +82,7 @@ class ExampleSwitch : public ISwitch {
   }
 
   void StartModules() override {
+    m_Before = Belongings();
     for (Module& module : m_Modules) {
       module.running = module.start();
       TRACE(module.running ? 2U : 1U, "\nExampleSwitch       : %s %s", module.name.c_str(),
@@ -81,6 +97,7 @@ class ExampleSwitch : public ISwitch {
       module->running = false;
       TRACE(2, "\nExampleSwitch       : %s stopped", module->name.c_str());
     }
+    ReportWhatIsLeft();
   }
 
   void NotifyEvent(uint32_t event, void* data, void*) override {
@@ -90,6 +107,18 @@ class ExampleSwitch : public ISwitch {
   }
 
  private:
+  // A thread that was waited for is listed for a moment more.
+  void ReportWhatIsLeft() const {
+    Belongings now;
+    for (int look = 0; look < 20 && now.threads > m_Before.threads; ++look) {
+      usleep(1000);
+      now = Belongings();
+    }
+    if (now.threads <= m_Before.threads && now.descriptors <= m_Before.descriptors) return;
+    TRACE(1, "\nExampleSwitch       : ERROR! The modules left %d threads and %d descriptors behind",
+          now.threads - m_Before.threads, now.descriptors - m_Before.descriptors);
+  }
+
   void Load(const std::string& directory, const std::string& name) {
     Module module;
     module.name = name;
@@ -110,6 +139,7 @@ class ExampleSwitch : public ISwitch {
   }
 
   std::vector<Module> m_Modules;
+  Belongings m_Before;
 };
 
 ExampleSwitch& Switch() {
