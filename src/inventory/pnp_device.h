@@ -9,13 +9,14 @@
 
 // Identifier of a device class: three little-endian groups, then eight single bytes.
 struct CGuid {
-  uint32_t data1 = 0;
-  uint16_t data2 = 0;
-  uint16_t data3 = 0;
-  std::array<uint8_t, 8> data4 = {};
+  uint32_t data1 = 0;                 // first group
+  uint16_t data2 = 0;                 // second group
+  uint16_t data3 = 0;                 // third group
+  std::array<uint8_t, 8> data4 = {};  // the two groups behind it
 
   // Upper case: "4D36E97B-E325-11CE-BFC1-08002BE10318".
   std::string ToString() const;
+  // The same identifier.
   bool operator==(const CGuid&) const = default;
 };
 static_assert(sizeof(CGuid) == 16);
@@ -26,7 +27,9 @@ static_assert(sizeof(CGuid) == 16);
 // device ID; a copy gets a duplicate of its own, so either side may change or go without the other noticing.
 class RAVD_EXPORT CPnpDevice {
  public:
+  // Every text empty, the device ID unset.
   CPnpDevice() = default;
+  // Every field, the device ID as a duplicate. May throw std::bad_alloc:
   CPnpDevice(const CPnpDevice& other);
   CPnpDevice& operator=(const CPnpDevice& other);
   ~CPnpDevice() = default;
@@ -40,7 +43,7 @@ class RAVD_EXPORT CPnpDevice {
 
   CGuid ClassGuid;        // all zero when unknown
   std::string ClassName;  // "SCSIAdapter", "net", ...
-  // Two texts without a meaning to the inventory: no scanner fills them, copies carry them along.
+  // Texts without a meaning to the inventory: no scanner fills them, copies carry them along:
   std::string CarriedText1;
   std::string CarriedText2;
   std::unique_ptr<char[]> DeviceId;  // NUL-terminated; null when unset
