@@ -32,6 +32,7 @@ class RAVD_EXPORT CPnpDevice {
   // Every field, the device ID as a duplicate. May throw std::bad_alloc:
   CPnpDevice(const CPnpDevice& other);
   CPnpDevice& operator=(const CPnpDevice& other);
+  // Frees what the record owns.
   ~CPnpDevice() = default;
 
   // Stores a copy of the text; null unsets the ID. The text may be the record's own ID.
@@ -41,10 +42,9 @@ class RAVD_EXPORT CPnpDevice {
   // The device ID up to its first backslash, the whole ID when it has none: "SCSI\DISK-..." => "SCSI".
   std::string GetEnumerator() const;
 
-  CGuid ClassGuid;        // all zero when unknown
-  std::string ClassName;  // "SCSIAdapter", "net", ...
-  // Texts without a meaning to the inventory: no scanner fills them, copies carry them along:
-  std::string CarriedText1;
-  std::string CarriedText2;
+  CGuid ClassGuid;                   // all zero when unknown
+  std::string ClassName;             // "SCSIAdapter", "net", ...
+  std::string CarriedText1;          // without a meaning to the inventory: no scanner fills it, copies carry it along
+  std::string CarriedText2;          // the same
   std::unique_ptr<char[]> DeviceId;  // NUL-terminated; null when unset
 };

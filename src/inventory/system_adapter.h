@@ -29,6 +29,7 @@ class RAVD_EXPORT CSystemAdapter : public CSystemDevice {
   // Copies as the class describes:
   CSystemAdapter(const CSystemAdapter& other) = default;
   CSystemAdapter& operator=(const CSystemAdapter& other) = default;
+  // Frees what the record owns.
   ~CSystemAdapter() override;
 
   // The scans use the process-wide bus tables, so one thread at a time. The flags are not used.

@@ -17,6 +17,7 @@ class RAVD_EXPORT CSystemDevice : public CPnpDevice {
   // Every field of this class and of the base:
   CSystemDevice(const CSystemDevice& other) = default;
   CSystemDevice& operator=(const CSystemDevice& other) = default;
+  // Frees what the record owns.
   virtual ~CSystemDevice();
 
   // Copies the fields of this class, VendorName to Properties, and leaves the base alone: class GUID, class name and

@@ -48,6 +48,7 @@ class RAVD_EXPORT CSystemDeviceScan {
   // Lists of its own; see ClassCopy:
   CSystemDeviceScan(const CSystemDeviceScan& other);
   CSystemDeviceScan& operator=(const CSystemDeviceScan& other);
+  // See Destruction.
   ~CSystemDeviceScan();
 
   // Copies adapters, volumes, PCI functions and the scan flags; drives stay what they were. Gate, thread and locks are

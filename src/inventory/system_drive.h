@@ -16,23 +16,23 @@ struct CScsiListDevice;
 // How a drive is attached. The numbers leave the library with the records and do not change. The scans say kBusTypeScsi
 // for what the kernel lists as SCSI and kBusTypeUnknown for the cards and NVMe devices.
 enum _DriveBusType : uint32_t {
-  kBusTypeUnknown = 0,
-  kBusTypeScsi = 1,
-  kBusTypeAtapi = 2,
-  kBusTypeAta = 3,
-  kBusType1394 = 4,
-  kBusTypeSsa = 5,
-  kBusTypeFibre = 6,
-  kBusTypeUsb = 7,
-  kBusTypeRaid = 8,
-  kBusTypeIscsi = 9,
-  kBusTypeSas = 10,
-  kBusTypeSata = 11,
-  kBusTypeSd = 12,
-  kBusTypeMmc = 13,
+  kBusTypeUnknown = 0,  // "N/A"
+  kBusTypeScsi = 1,     // "SCSI", parallel or not told apart
+  kBusTypeAtapi = 2,    // "ATAPI"
+  kBusTypeAta = 3,      // "ATA"
+  kBusType1394 = 4,     // "1394", IEEE 1394
+  kBusTypeSsa = 5,      // "SSA", Serial Storage Architecture
+  kBusTypeFibre = 6,    // "Fibre", Fibre Channel
+  kBusTypeUsb = 7,      // "USB"
+  kBusTypeRaid = 8,     // "RAID", behind a RAID controller
+  kBusTypeIscsi = 9,    // "iSCSI"
+  kBusTypeSas = 10,     // "SAS", Serial Attached SCSI
+  kBusTypeSata = 11,    // "SATA"
+  kBusTypeSd = 12,      // "SD", Secure Digital
+  kBusTypeMmc = 13,     // "MMC", MultiMediaCard
 };
 
-// The text for a bus type, a constant. "SCSI" for 1 to "MMC" for 13, "N/A" for every other value.
+// The text for a bus type, a constant: those above, "N/A" for every other value.
 RAVD_EXPORT const char* StorageBusTypeToString(_DriveBusType busType);
 
 // Inventory record of one drive: a SCSI device that the kernel lists (disk, CD/DVD, optical drive, tape), a Fusion-io
@@ -52,6 +52,7 @@ class RAVD_EXPORT CSystemDrive : public CSystemDevice {
   // Copies as the class describes:
   CSystemDrive(const CSystemDrive& other);
   CSystemDrive& operator=(const CSystemDrive& other);
+  // Frees what the record owns.
   ~CSystemDrive() override;
 
   // Bus type, device type, drive number as known to GetDriveNo and the three flags back to their initial values.

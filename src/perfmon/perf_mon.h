@@ -28,10 +28,10 @@ struct NetDevLine;
 // Ownership: the object owns its thread and histories. Each sample opens, reads and closes its files.
 // Failures: what cannot be read is traced and left out of the histories; a query that has no object to answer for
 // gives 0 % and false.
-// Not copyable; the monitoring thread holds the object's address.
+// There are no copies: the monitoring thread holds the object's address.
 class RAVD_EXPORT CPerfMon {
  public:
-  // The bits of the start mask, but for processes, which any bit of kProcessMask selects.
+  // The kinds of what is monitored: bits of the masks, but for processes, which any bit of kProcessMask selects.
   enum PerfMonitorType : unsigned int {
     systemCpu = 1,   // all processors together
     perCpu = 2,      // accepted and traced, but not sampled: its values have no instance
@@ -101,7 +101,7 @@ class RAVD_EXPORT CPerfMon {
   bool GetCurrentPercent(PerfMonitorValue value, unsigned char& percent, int instance);
   bool GetAveragePercent(PerfMonitorValue value, unsigned char& percent, int instance);
 
-  // One of the above by its mode; with any other mode false, and percent is left as it was.
+  // GetCurrentPercent or GetAveragePercent by its mode; with any other mode false, and percent is left as it was.
   bool GetUsagePercent(unsigned char& percent, PerfMonitorValue value, int mode, int instance);
 
  private:

@@ -27,13 +27,14 @@
 // Ownership: the tree owns the keys. An object borrows its current key and keeps its memory from being freed: a key
 // that somebody else deletes becomes empty for good. Reads find nothing in it, SetValue and CreateKey fail. The same
 // holds for the root key handles and for what KeepKeyHandle gives away.
-// Cancellation of a thread is held back while it loads, saves or destroys an object. Failure: by result code, which is
+// Cancellation of a thread is held back while it loads, saves or destroys an object.
+// Failure: by result code, which is
 // also left in m_Result; nothing throws. A name, path or text argument that is null counts as missing.
 class RAVD_EXPORT CRegistry {
  public:
   // The result codes, which reach callers in other binaries and do not change.
   enum Result : int {
-    kSuccess = 0,
+    kSuccess = 0,           // done
     kNoKey = -1,            // key not found, a component of the path is a value, no parent key
     kMissingArgument = 22,  // an argument, or the current key, is missing or not what it has to be
     kTooSmall = 34,         // character buffer of QueryValue too small, or without a count
@@ -50,7 +51,7 @@ class RAVD_EXPORT CRegistry {
   static CRegistryNode* HKEY_USERS;
   static CRegistryNode* HKEY_CLASSES_ROOT;
   static CRegistryNode* HKEY_CURRENT_CONFIG;
-  // The same, for those who would not refer to data of a library.
+  // The same, for those who would not refer to data of a library:
   static CRegistryNode* LocalMachine();
   static CRegistryNode* CurrentUser();
   static CRegistryNode* Users();
@@ -96,10 +97,12 @@ class RAVD_EXPORT CRegistry {
   // Opens the key whose path, from a root key name in any case on, is the text of that value of the key at keyPath.
   // kNoKey, and no current key, when one of the two is not there.
   int OpenPointerKey(const char* keyPath, const char* valueName, CRegistryNode* parent, int access = 0);
-  // The same for a value of the product's own key, whose path below HKEY_LOCAL_MACHINE is fixed.
+  // The same for a value of the product's own key, which is below parent at
+  // SYSTEM\CurrentControlSet\Control\UUID\5E2D7A10-4B3C-11D3-9A7E-00C0D1E2F3A4.
   int OpenUUIDPointer(const char* valueName, CRegistryNode* parent, int access, const char* reserved,
                       bool reservedFlag);
-  // The text of a value of the product's own key itself. False, and value unchanged, when it is not there.
+  // The text of a value of the product's own key below HKEY_LOCAL_MACHINE. False, and value unchanged, when it is not
+  // there.
   static bool GetProductRegistryRoot(std::string& value, const char* valueName);
 
   // Values: a null node stands for the current key, and without one there is nothing to read.
@@ -159,15 +162,16 @@ class RAVD_EXPORT CRegistry {
   static void SaveTree();
 
   // The state that callers may look at. They set m_ExpandStrings alone.
+
   int m_Result;             // of the last operation
   uint32_t m_ValueSize;     // of the value read last; after expansion without the terminating zero
   uint32_t m_ValueType;     // of the value read last
   bool m_ExpandStrings;     // expand texts of type 2 when they are read; set by the caller
   uint32_t m_EnumKeyCount;  // after EnumKey: index + 1
-  uint32_t m_EnumKeyPos;    // and position of the entry + 1
+  uint32_t m_EnumKeyPos;    // after EnumKey: position of the entry + 1
   uint32_t m_EnumValCount;  // after EnumVal: index + 1
-  uint32_t m_EnumValType;   // the filter
-  uint32_t m_EnumValPos;    // and position of the entry + 1
+  uint32_t m_EnumValType;   // after EnumVal: the filter
+  uint32_t m_EnumValPos;    // after EnumVal: position of the entry + 1
 
  private:
   // A copy that is made again and again: its memory is kept while it is large enough.

@@ -42,8 +42,9 @@
 // binary interface: append, never reorder.
 class CDebug : public CDebugTraceConfig {
  public:
+  // Tracing is off until Init.
   constexpr CDebug() = default;
-  // As above, then Init when the name is non-empty; a failed Init is reported to syslog.
+  // As Init when the name is non-empty; a failed one is reported to syslog.
   explicit CDebug(const char* appName);
   // Closes the files. `Debug` itself is never destroyed.
   virtual ~CDebug();
@@ -73,7 +74,7 @@ class CDebug : public CDebugTraceConfig {
   // No level test; to the current target alone, with the caller's own tag.
   virtual void ClientPrintV(const char* fmt, va_list args, const char* tag) __attribute__((format(printf, 2, 0)));
 
-  // For the executable that brings `Debug`: not in the table, so others have nothing to link it with.
+  // For the binary that brings the object alone: these are not in the table, so others have nothing to link them with.
 
   // As Print.
   void PrintV(unsigned int level, const char* fmt, va_list args) __attribute__((format(printf, 3, 0)));
@@ -103,6 +104,7 @@ class CDebug : public CDebugTraceConfig {
   const char* Directory() const { return m_Settings.directory; }
 
   // The targets.
+
   static constexpr unsigned int kTargetNone = 0;        // nothing is written
   static constexpr unsigned int kTargetLogFile = 1;     // log.<app>
   static constexpr unsigned int kTargetRingBuffer = 2;  // log.<app>_i, then log.<app>_a
