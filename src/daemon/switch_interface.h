@@ -20,14 +20,14 @@ struct _ExtensionModuleLoaderConfig {
 // Of _ExtensionModuleLoaderConfig::Flags.
 inline constexpr uint32_t kLoaderFlagForceRescan = 1;
 
-// The run modes, by the option of the daemon's command line that chooses them.
+// Run mode that an option of the daemon's command line chooses:
 inline constexpr uint32_t RUNMODE_NORMAL = 0;     // none
 inline constexpr uint32_t RUNMODE_AGENTLESS = 5;  // -agentless
 inline constexpr uint32_t RUNMODE_VANTLE = 7;     // -vantle
 inline constexpr uint32_t RUNMODE_TESSEL = 8;     // -tessel
 inline constexpr uint32_t RUNMODE_DORLAN = 10;    // -tessel-agentless
 
-// Event codes of ISwitch::NotifyEvent.
+// Event code of ISwitch::NotifyEvent:
 inline constexpr uint32_t SW_NOTIFY_STOP = 0x00020000;         // data: null; the daemon was told to stop
 inline constexpr uint32_t SW_NOTIFY_OS_SHUTDOWN = 0x00030000;  // data: int32_t*, 0 = the system halts, 6 = it reboots
 

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-// Where an entry of the mount table comes from.
+// Where an entry of the mount table comes from:
 constexpr uint32_t kMountedList = 1;     // /etc/mtab
 constexpr uint32_t kConfiguredList = 2;  // /etc/fstab
 constexpr uint32_t kVmfsList = 4;        // /vmfs, of ESX hosts

@@ -34,10 +34,10 @@ struct _ScanOptions;
 // gate traces a warning and gives false, 0 or -1 with outputs and lists untouched.
 // Failures: results only. ScanHardware catches every exception; a query may throw std::bad_alloc and leaves the gate
 // free.
-// Destruction ends the update thread and waits for the calls that are under way. None may be made from then on.
+// Destruction: ends the update thread and waits for the calls that are under way. None may be made from then on.
 class RAVD_EXPORT CSystemDeviceScan {
  public:
-  // The flags of a scan.
+  // Flag of a scan:
   static constexpr int SCAN_ADAPTERS = 0x1;       // PCI functions and adapters
   static constexpr int SCAN_DRIVES = 0x2;         // drives
   static constexpr int SCAN_UPDATE_THREAD = 0x4;  // the update thread may run

@@ -27,7 +27,7 @@ class RAVD_EXPORT CSystemVolume {
   // not known.
   uint32_t VolumeType = 0;
 
-  // The fields of mount_entry.
+  // As in mount_entry:
   std::string Device;            // mount source; "" for VMFS
   std::string MountPoint;        // the directory that it is mounted on
   std::string Type;              // "ext4"

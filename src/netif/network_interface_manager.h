@@ -10,6 +10,7 @@
 #include "netif/network_interface.h"
 #include "platform/export.h"
 
+// The network of the host: its interfaces with their addresses and traffic, its routes, and what changes.
 namespace libnetif {
 
 // The interfaces of the host. It has no state; any thread may ask, and each call uses sockets of its own.
