@@ -8,7 +8,7 @@
 #include "platform/export.h"
 
 // Identifier of a device class: three little-endian groups, then eight single bytes.
-struct CGuid {
+struct RAVD_EXPORT CGuid {
   uint32_t data1 = 0;                 // first group
   uint16_t data2 = 0;                 // second group
   uint16_t data3 = 0;                 // third group

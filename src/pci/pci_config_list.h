@@ -7,6 +7,7 @@
 #include "pci/pci_address.h"
 #include "pci/pci_config_header.h"
 #include "platform/critical_section.h"
+#include "platform/export.h"
 
 // One scanned PCI function.
 struct CPciSlotData {
@@ -23,7 +24,7 @@ struct CPciSlotData {
 // The list carries a recursive lock and the flag whether it is in use; neither is taken here, so that a user who needs
 // several operations to belong together takes the lock around them. Copies take the entries and the flag; each list
 // keeps its own lock. Never insert an invalid address: it has no place in the order.
-class CPciConfigList : public std::map<CPciAddress, CPciSlotData> {
+class RAVD_EXPORT CPciConfigList : public std::map<CPciAddress, CPciSlotData> {
  public:
   // Empty, with the flag set.
   CPciConfigList() = default;
