@@ -28,7 +28,7 @@ static_assert(sizeof(_DMI_20_HEADER) == 4 && alignof(_DMI_20_HEADER) == 1);
 // Type of a structure that the library itself looks at:
 constexpr uint8_t kSmbiosSystemSlot = 9;      // DMTF DSP0134, 7.10
 constexpr uint8_t kSmbiosOnboardDevice = 41;  // DMTF DSP0134, 7.42
-constexpr uint8_t kSmbiosEndOfTable = 127;    // DMTF DSP0134, 7.45
+constexpr uint8_t kSmbiosEndOfTable = 127;    // DMTF DSP0134, End-of-Table
 
 // Pointers to structures of one table, which outlives them:
 using SmbiosStructureList = std::vector<const _DMI_20_HEADER*>;       // in table order

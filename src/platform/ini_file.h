@@ -72,12 +72,12 @@ class RAVD_EXPORT CIniFile {
   // nearest number in range.
   uint32_t GetNumber(const char* section, const char* key, uint32_t defaultValue) const;
 
-  // Sets a text or a number in decimal; value null deletes the key. Result: whether the file says so now, as of
+  // Sets a text or a number in decimal; value null deletes the key. True for the result 1 of
   // WritePrivateProfileString:
   bool SetString(const char* section, const char* key, const char* value) const;
   bool SetNumber(const char* section, const char* key, uint32_t value) const;
   bool SetNumber(const char* section, const char* key, int32_t value) const;
-  // True when it was there and is gone from the file:
+  // Deletes a key or a section with all its keys. True for the result 1 of WritePrivateProfileString:
   bool DeleteKey(const char* section, const char* key) const;
   bool DeleteSection(const char* section) const;
   // Writes every key of the source to the target, in one edit. Result: whether the object is open; the edit is not
