@@ -17,15 +17,17 @@ struct _ExtensionModuleLoaderConfig {
   uint32_t RunMode = 0;  // one of RUNMODE_...; what it means is the modules' business
 };
 
+// Of _ExtensionModuleLoaderConfig::Flags.
 inline constexpr uint32_t kLoaderFlagForceRescan = 1;
 
-inline constexpr uint32_t RUNMODE_NORMAL = 0;
-inline constexpr uint32_t RUNMODE_AGENTLESS = 5;
-inline constexpr uint32_t RUNMODE_VANTLE = 7;
-inline constexpr uint32_t RUNMODE_TESSEL = 8;
-inline constexpr uint32_t RUNMODE_DORLAN = 10;
+// Run mode that an option of the daemon's command line chooses:
+inline constexpr uint32_t RUNMODE_NORMAL = 0;     // none
+inline constexpr uint32_t RUNMODE_AGENTLESS = 5;  // -agentless
+inline constexpr uint32_t RUNMODE_VANTLE = 7;     // -vantle
+inline constexpr uint32_t RUNMODE_TESSEL = 8;     // -tessel
+inline constexpr uint32_t RUNMODE_DORLAN = 10;    // -tessel-agentless
 
-// Event codes of ISwitch::NotifyEvent.
+// Event code of ISwitch::NotifyEvent:
 inline constexpr uint32_t SW_NOTIFY_STOP = 0x00020000;         // data: null; the daemon was told to stop
 inline constexpr uint32_t SW_NOTIFY_OS_SHUTDOWN = 0x00030000;  // data: int32_t*, 0 = the system halts, 6 = it reboots
 
@@ -37,6 +39,7 @@ inline constexpr uint32_t SW_NOTIFY_OS_SHUTDOWN = 0x00030000;  // data: int32_t*
 // overrides what it implements and leaves the reserved ones alone.
 class ISwitch {
  public:
+  // Slots that the daemon never calls:
   virtual void AddRef() {}
   virtual void Release() {}
 
@@ -49,6 +52,7 @@ class ISwitch {
   // When this returns, no thread of a module may run any more.
   virtual void StopModules() = 0;
 
+  // Slots that keep their place and are never called:
   virtual void Reserved6() {}
   virtual void Reserved7() {}
   virtual void Reserved8() {}
@@ -67,5 +71,8 @@ class ISwitch {
   ~ISwitch() = default;  // a destructor in the table would move the slots
 };
 
+// Type of SW_AddRef and SW_Release.
 using SwitchReferenceFunction = void (*)();
+// Type of SW_QueryInterface. The object stays the library's; it has to live until SW_Release. False: there is no such
+// interface, and the daemon ends with status 1.
 using SwitchQueryInterfaceFunction = bool (*)(uint32_t identifier, ISwitch** switchInterface);

@@ -10,6 +10,7 @@
 // Growable sequence of bytes with value semantics: what a firmware source delivered. An empty one means "not found".
 //
 // Not synchronised; a copy is independent of its original. Pointers into the bytes are valid until the next change.
+// Nothing is thrown but std::bad_alloc.
 class RAVD_EXPORT CDataStream {
  public:
   // Empty, with room for a few bytes.
@@ -17,14 +18,18 @@ class RAVD_EXPORT CDataStream {
   // A copy of the bytes; a null pointer gives an empty stream.
   CDataStream(const void* bytes, size_t length);
 
+  // Borrowed, with Size() bytes behind it; may be null when there are none.
   const unsigned char* Data() const { return m_Bytes.data(); }
+  // Bytes that are there, bytes that there is room for without another allocation, and whether there are none:
   size_t Size() const { return m_Bytes.size(); }
   size_t Capacity() const { return m_Bytes.capacity(); }
   bool IsEmpty() const { return m_Bytes.empty(); }
+  // All of them, borrowed.
   std::span<const unsigned char> Bytes() const { return m_Bytes; }
 
   // A null pointer appends nothing.
   void Append(const void* bytes, size_t length);
+  // No bytes are left; the room stays.
   void Clear() { m_Bytes.clear(); }
 
   // The whole file, read to its end whatever size it reports (files of sysfs report none). An empty file is a success

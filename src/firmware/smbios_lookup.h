@@ -17,23 +17,26 @@ class CDeviceBios;
 // is false plus a trace line.
 class RAVD_EXPORT CSMBios {
  public:
+  // Not connected; nothing is read before connect.
   CSMBios() = default;
   // Disconnects when connected.
   ~CSMBios();
   CSMBios(const CSMBios&) = delete;
   CSMBios& operator=(const CSMBios&) = delete;
 
-  // Fetches the data from the operating system, else from the legacy BIOS area, and builds the index; starts anew when
-  // connected. When the table turns out to be corrupt the result is false, the index empty, and the caller disconnects.
+  // Fetches the data from the operating system (needs root), else from the legacy BIOS area, and builds the index;
+  // starts anew when connected. When the table turns out to be corrupt the result is false, the index empty, and the
+  // caller disconnects.
   bool connect();
   // Does nothing when not connected.
   void disconnect();
+  // Whether a structure table is held.
   bool isConnected() const { return !m_Data.IsEmpty(); }
 
   // The structures of a type in table order, null when it does not occur.
   const SmbiosStructureList* getStructuresByType(uint8_t type) const;
 
-  // 0.0 when unknown or disconnected.
+  // Revision of the tables (DMTF DSP0134, 5.2); 0.0 when unknown or disconnected:
   uint8_t getRevisionMajor() const { return m_RevisionMajor; }
   uint8_t getRevisionMinor() const { return m_RevisionMinor; }
   // As a 32-bit entry point of the legacy BIOS area says, else as found.

@@ -24,9 +24,12 @@ class PciDriverTable;
 // otherwise; nothing throws but std::bad_alloc.
 class RAVD_EXPORT CSystemAdapter : public CSystemDevice {
  public:
+  // No adapter: every text empty, the PCI address invalid.
   CSystemAdapter() = default;
+  // Copies as the class describes:
   CSystemAdapter(const CSystemAdapter& other) = default;
   CSystemAdapter& operator=(const CSystemAdapter& other) = default;
+  // Frees what the record owns.
   ~CSystemAdapter() override;
 
   // The scans use the process-wide bus tables, so one thread at a time. The flags are not used.
@@ -48,11 +51,12 @@ class RAVD_EXPORT CSystemAdapter : public CSystemDevice {
   bool GetIrqResource(_SystemAdapterIrqDescriptor& descriptor, int index) const;
   // Line `index` of /proc/dma, when the device ID contains the name that the line gives to the channel.
   bool GetDmaResource(_SystemAdapterDmaDescriptor& descriptor, unsigned int index) const;
-  // Append the start of every resource up to the first that cannot be told; true when there was one.
+  // Append the start of every resource up to the first that cannot be told; true when there was one:
   bool GetIoAddresses(std::vector<CPhysicalAddress>& addresses) const;
   bool GetMemoryAddresses(std::vector<CPhysicalAddress>& addresses) const;
 
-  // Port name of a Fibre Channel controller from sysfs. Once found it is kept and answered from the record.
+  // World wide name of the port of a Fibre Channel controller from sysfs. Once found it is kept and answered from the
+  // record.
   bool GetNodeWWN(CWWN& wwn);
   // Driver, version and firmware of a network adapter as the kernel's driver tells them. The structure is zero when
   // this fails, whatever the reason, but for a null pointer.
@@ -64,9 +68,10 @@ class RAVD_EXPORT CSystemAdapter : public CSystemDevice {
   // Traces the record at that level; nothing while tracing is off. The first time it reads the names.
   static void Dump(int level, CSystemAdapter& adapter);
 
-  // Address invalid, header zero and slot -1 for an ISA device.
+  // Borrowed from the record, as all that follows. Address invalid, header zero and slot -1 for an ISA device:
   const CPciSlotData& GetSlotData() const { return m_SlotData; }
   const CPciAddress& GetPciAddress() const { return m_SlotData.address; }
+  // The names that ScanPciNames read; "" before:
   const std::string& GetFileVendorName() const { return m_FileVendorName; }
   const std::string& GetFileSubVendorName() const { return m_FileSubVendorName; }
   const std::string& GetFileDeviceName() const { return m_FileDeviceName; }

@@ -8,10 +8,11 @@
 // The adapters of a machine in scan order. A value without a lock of its own.
 class RAVD_EXPORT CSystemAdapterList : public std::vector<CSystemAdapter> {
  public:
-  // The first adapter at that address. An invalid address is nobody's: ISA devices are not found by it.
+  // Copies the first adapter at that address; false, and adapter unchanged, without one. An invalid address is
+  // nobody's: ISA devices are not found by it.
   bool GetAdapter(CSystemAdapter& adapter, const CPciAddress& address) const;
 
-  // The first adapter with that device ID, upper and lower case being the same. Null and "" find nothing, not even an
-  // adapter without an ID.
+  // Copies the first adapter with that device ID; false, and adapter unchanged, without one. Of the ID upper and lower
+  // case are the same. Null and "" find nothing, not even an adapter without an ID.
   bool FindAdapter(CSystemAdapter& adapter, const char* deviceId) const;
 };

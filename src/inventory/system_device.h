@@ -12,9 +12,12 @@
 // virtual operation. No lock: the holder of the record decides who reads and writes it.
 class RAVD_EXPORT CSystemDevice : public CPnpDevice {
  public:
+  // Every text empty.
   CSystemDevice() = default;
+  // Every field of this class and of the base:
   CSystemDevice(const CSystemDevice& other) = default;
   CSystemDevice& operator=(const CSystemDevice& other) = default;
+  // Frees what the record owns.
   virtual ~CSystemDevice();
 
   // Copies the fields of this class, VendorName to Properties, and leaves the base alone: class GUID, class name and
@@ -26,14 +29,14 @@ class RAVD_EXPORT CSystemDevice : public CPnpDevice {
   // tables. Returns the size of the map. One thread at a time, since the tables are shared by the whole process.
   static int ScanDeviceData(std::map<std::string, CSystemDevice>& devices, bool unused);
 
-  std::string VendorName;
-  std::string DeviceRevision;
-  std::string SerialNumber;  // drives
-  std::string DeviceName;    // what is shown to people
-  std::string CarriedText;   // without a meaning to the inventory, carried along by copies
-  std::string ObjectName;
-  std::string DriverName;     // bound kernel driver (adapters)
-  std::string InterfaceName;  // of the operating system (network adapters)
-  std::string OsDeviceName;   // of the operating system (drives)
-  std::map<std::string, std::string> Properties;
+  std::string VendorName;                         // drives and ISA devices
+  std::string DeviceRevision;                     // drives
+  std::string SerialNumber;                       // drives
+  std::string DeviceName;                         // what is shown to people
+  std::string CarriedText;                        // without a meaning to the inventory, carried along by copies
+  std::string ObjectName;                         // filled by no scanner
+  std::string DriverName;                         // bound kernel driver (adapters)
+  std::string InterfaceName;                      // of the operating system (network adapters)
+  std::string OsDeviceName;                       // of the operating system (drives)
+  std::map<std::string, std::string> Properties;  // more texts by their names; filled by no scanner
 };

@@ -19,7 +19,7 @@
 #include "platform/export.h"
 #include "platform/thread.h"
 
-// Options of a scan. Nothing reads them yet; a client may pass null.
+// Options of a scan, without a definition. Nothing reads them yet; a client may pass null.
 struct _ScanOptions;
 
 // Takes and holds a snapshot of the machine's hardware: the PCI functions, the adapters, the drives and the mounted
@@ -34,18 +34,21 @@ struct _ScanOptions;
 // gate traces a warning and gives false, 0 or -1 with outputs and lists untouched.
 // Failures: results only. ScanHardware catches every exception; a query may throw std::bad_alloc and leaves the gate
 // free.
-// Destruction ends the update thread and waits for the calls that are under way. None may be made from then on.
+// Destruction: ends the update thread and waits for the calls that are under way. None may be made from then on.
 class RAVD_EXPORT CSystemDeviceScan {
  public:
-  static constexpr int SCAN_ADAPTERS = 0x1;
-  static constexpr int SCAN_DRIVES = 0x2;
+  // Flag of a scan:
+  static constexpr int SCAN_ADAPTERS = 0x1;       // PCI functions and adapters
+  static constexpr int SCAN_DRIVES = 0x2;         // drives
   static constexpr int SCAN_UPDATE_THREAD = 0x4;  // the update thread may run
-  static constexpr int SCAN_VOLUMES = 0x8;
+  static constexpr int SCAN_VOLUMES = 0x8;        // mounted volumes
 
+  // Empty lists; nothing is read before the first scan.
   CSystemDeviceScan();
-  // A new object with lists of its own; see ClassCopy.
+  // Lists of its own; see ClassCopy:
   CSystemDeviceScan(const CSystemDeviceScan& other);
   CSystemDeviceScan& operator=(const CSystemDeviceScan& other);
+  // See Destruction.
   ~CSystemDeviceScan();
 
   // Copies adapters, volumes, PCI functions and the scan flags; drives stay what they were. Gate, thread and locks are
@@ -56,18 +59,22 @@ class RAVD_EXPORT CSystemDeviceScan {
   // Scans what the flags ask for, -1 being everything, in the order PCI functions, adapters, drives, volumes; lists of
   // what they do not ask for stay. A running update thread is stopped, and started at the end if the caller asks for it
   // and the flags allow it. 0 when done; -1 when the time is up or a step threw, and the lists then hold what the steps
-  // left. After Terminate nothing is scanned, which counts as done.
+  // left. After Terminate nothing is scanned, which counts as done:
   int ScanHardware(int flags, bool startUpdateThread, unsigned int timeoutMs, _ScanOptions* options);
   int ScanDevices(int flags, bool startUpdateThread, unsigned int timeoutMs);
   // Everything; the update thread goes on when it was alive as the scan got the gate.
   int RescanHardware(unsigned int timeoutMs, _ScanOptions* options);
 
+  // How many adapters the last scan found.
   unsigned int GetAdapterCount();
+  // Copies one of them, counted from 0 in the order of the scan. Another scan may have come since they were counted:
+  // false, and adapter unchanged, past the end.
   bool GetAdapter(CSystemAdapter& adapter, int index);
-  // Upper and lower case of the ID are the same; null and "" find nothing.
+  // Copies the first one with that device ID or at that address; false, and adapter unchanged, without one. Upper and
+  // lower case of the ID are the same; null and "" find nothing:
   bool FindAdapter(CSystemAdapter& adapter, const char* deviceId);
   bool FindAdapter(CSystemAdapter& adapter, const CPciAddress& address);
-  // The adapter that the drive is attached to.
+  // Copies the adapter that the drive is attached to; false, and adapter unchanged, when it is not known.
   bool GetHostAdapter(CSystemAdapter& adapter, const CSystemDrive& drive);
   // The drives attached to the adapter, in scan order. The list is emptied once the gate is held. True when there is
   // one.
@@ -75,23 +82,27 @@ class RAVD_EXPORT CSystemDeviceScan {
   // Always false: no relation between adapters is held.
   bool GetParentAdapter(const CSystemAdapter& adapter, CSystemAdapter& parent);
 
-  // Drives are reached through GetHostDrives and partitions not at all: these find nothing, and leave their outputs.
+  // Drives are reached through GetHostDrives and partitions not at all. These find nothing, and leave their outputs:
   int GetDriveCount();
   bool GetDrive(CSystemDrive& drive, int index);
   int GetPartitionCount();
   bool GetPartition(CSystemPartition& partition, int index);
   int GetDiskPartitions(CSystemPartitionList& partitions, CSystemDrive& drive);
 
-  // Scans the volumes anew.
+  // Scans the volumes anew and tells how many there are.
   int GetVolumeCount();
-  // From the volumes of the last scan.
+  // Copies one of the volumes of the last scan, counted from 0. Another scan, that of the update thread included, may
+  // have come since they were counted: false, and volume unchanged, past the end.
   bool GetVolume(CSystemVolume& volume, int index);
+  // Scans the volumes anew. True when that was done, whatever was found.
   bool ScanVolumes();
 
-  // True when the copy has an entry. No lock of the copy is taken.
+  // Copies the PCI functions of the last scan. True when there is one. No lock of the copy is taken.
   bool GetPciSlotConfig(CPciConfigList& list);
+  // Copies the function at that address; false, and data unchanged, without one.
   bool GetPciSlotData(CPciSlotData& data, const CPciAddress& address);
-  // The first function in address order with these IDs. 0xFFFF as subsystem or subsystem vendor matches any.
+  // Copies the first function in address order with these IDs. 0xFFFF as subsystem or subsystem vendor matches any.
+  // False, and data unchanged, without one.
   bool GetPciSlotData(CPciSlotData& data, unsigned short deviceId, unsigned short vendorId, unsigned short subDeviceId,
                       unsigned short subVendorId);
   // The highest bus number plus one; 0 without functions.
@@ -107,8 +118,11 @@ class RAVD_EXPORT CSystemDeviceScan {
   // ended. Result of giving the gate back.
   int Terminate(unsigned int timeoutMs);
 
-  // The steps of ScanHardware, which holds the gate for them. True when an adapter was found.
+  // The steps of ScanHardware, which holds the gate for them.
+
+  // From the PCI functions that are there. True when an adapter was found.
   bool ScanSystemAdapters();
+  // True, whatever was found:
   bool ScanSystemDrives();
   bool ScanSystemVolumes();
   // Finds nothing; true.

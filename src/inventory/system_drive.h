@@ -13,25 +13,26 @@
 
 struct CScsiListDevice;
 
-// How a drive is attached. The numbers leave the library with the records and do not change.
+// How a drive is attached. The numbers leave the library with the records and do not change. The scans say kBusTypeScsi
+// for what the kernel lists as SCSI and kBusTypeUnknown for the cards and NVMe devices.
 enum _DriveBusType : uint32_t {
-  kBusTypeUnknown = 0,
-  kBusTypeScsi = 1,
-  kBusTypeAtapi = 2,
-  kBusTypeAta = 3,
-  kBusType1394 = 4,
-  kBusTypeSsa = 5,
-  kBusTypeFibre = 6,
-  kBusTypeUsb = 7,
-  kBusTypeRaid = 8,
-  kBusTypeIscsi = 9,
-  kBusTypeSas = 10,
-  kBusTypeSata = 11,
-  kBusTypeSd = 12,
-  kBusTypeMmc = 13,
+  kBusTypeUnknown = 0,  // "N/A"
+  kBusTypeScsi = 1,     // "SCSI", parallel or not told apart
+  kBusTypeAtapi = 2,    // "ATAPI"
+  kBusTypeAta = 3,      // "ATA"
+  kBusType1394 = 4,     // "1394", IEEE 1394
+  kBusTypeSsa = 5,      // "SSA", Serial Storage Architecture
+  kBusTypeFibre = 6,    // "Fibre", Fibre Channel
+  kBusTypeUsb = 7,      // "USB"
+  kBusTypeRaid = 8,     // "RAID", behind a RAID controller
+  kBusTypeIscsi = 9,    // "iSCSI"
+  kBusTypeSas = 10,     // "SAS", Serial Attached SCSI
+  kBusTypeSata = 11,    // "SATA"
+  kBusTypeSd = 12,      // "SD", Secure Digital
+  kBusTypeMmc = 13,     // "MMC", MultiMediaCard
 };
 
-// "SCSI" for 1 to "MMC" for 13, "N/A" for every other value.
+// The text for a bus type, a constant: those above, "N/A" for every other value.
 RAVD_EXPORT const char* StorageBusTypeToString(_DriveBusType busType);
 
 // Inventory record of one drive: a SCSI device that the kernel lists (disk, CD/DVD, optical drive, tape), a Fusion-io
@@ -42,13 +43,16 @@ RAVD_EXPORT const char* StorageBusTypeToString(_DriveBusType busType);
 // source that is missing does not keep the others from being read. Nothing here throws but std::bad_alloc.
 class RAVD_EXPORT CSystemDrive : public CSystemDevice {
  public:
+  // No drive: every text empty, nothing set.
   CSystemDrive() = default;
   // The ID is copied; null leaves it unset.
   explicit CSystemDrive(const char* deviceId);
   // The second text is not used.
   CSystemDrive(const char* deviceId, const char* unused);
+  // Copies as the class describes:
   CSystemDrive(const CSystemDrive& other);
   CSystemDrive& operator=(const CSystemDrive& other);
+  // Frees what the record owns.
   ~CSystemDrive() override;
 
   // Bus type, device type, drive number as known to GetDriveNo and the three flags back to their initial values.
@@ -57,28 +61,31 @@ class RAVD_EXPORT CSystemDrive : public CSystemDevice {
   // device ID, serial number, OS device name and all else stay.
   void ClassCopy(const CSystemDrive& other);
 
-  // Appends the SCSI devices, then the Fusion-io cards, then the NVMe devices. The flags are not used.
-  // A device that does not answer holds the scan up for 50 seconds; after the first one the other drives of its SCSI
-  // host are recorded without being asked. When stop becomes true the scan ends before the next drive.
+  // Appends the SCSI devices of /proc/scsi/scsi, then the Fusion-io cards, then the NVMe devices of /sys/block. The
+  // flags are not used. The other three are its steps. A device that does not answer holds the scan up for 50 seconds;
+  // after the first one the other drives of its SCSI host are recorded without being asked. When stop becomes true the
+  // scan ends before the next drive:
   static void ScanSystemDrives(std::vector<CSystemDrive>& drives, bool unused1, bool unused2,
                                const std::atomic<bool>* stop = nullptr);
   static void ScanScsiDrives(std::vector<CSystemDrive>& drives, const std::atomic<bool>* stop = nullptr);
   static void ScanSSDDrives(std::vector<CSystemDrive>& drives);
   static void ScanIntelSSDDevices(std::vector<CSystemDrive>& drives, const std::atomic<bool>* stop = nullptr);
+
   // Scans nothing; always true.
   static bool ScanDrives(std::vector<CSystemDrive>& drives, const char* unused);
   // No effect.
   void ScanStorageDeviceProperties() {}
 
   // The vendor text as stored, trailing blanks included, but "Western Digital" for exactly "WDC" and "Seagate" for
-  // exactly "ST". The second form stores the text in its argument and returns that.
+  // exactly "ST". The second form stores the text in its argument and returns that:
   std::string GetVendorName() const;
   std::string& GetVendorName(std::string& name) const;
   // The property "DriverName", "" when there is none; stored in the argument and returned.
   std::string& GetDriverName(std::string& name) const;
+  // Name of its block or tape device without "/dev/": "sda". Borrowed.
   const std::string& GetFunctionalDeviceObjectName() const { return m_DeviceObjectName; }
 
-  // Parts of the SCSI address, 0 without one.
+  // Parts of the SCSI address, 0 without one:
   int GetChannel() const;
   int GetPortNo() const;
   int GetTargetId() const;
@@ -94,15 +101,22 @@ class RAVD_EXPORT CSystemDrive : public CSystemDevice {
   int GetBusType() const;     // _DriveBusType
   int GetDeviceType() const;  // SCSI peripheral device type; 0x1F = unknown
 
+  // By the bus type: SCSI, RAID, iSCSI or SAS.
   bool IsScsiDrive() const;
+  // By the bus type: ATAPI, ATA or SATA.
   bool IsAtapiCompatible() const;
+  // By the device type: CD-ROM.
   bool IsCdRomDrive() const;
-  // False for CD-ROM drives on SCSI and for the virtual drives of remote consoles and virtual machines there.
+  // True but for CD-ROM drives on SCSI and for the virtual drives of remote consoles and virtual machines there.
   bool IsDiskDrive() const;
+  // The flag that the scans set for every disk; a fixed drive is one without it. It tells nothing about the medium:
   bool IsMediaRemoveable() const { return m_MediaRemovable; }
   bool IsFixedDrive() const { return !m_MediaRemovable; }
+  // No scan finds one, so false.
   bool IsHotplugDevice() const { return m_Hotplug; }
+  // Whether it is reached over several paths, as its place in sysfs tells.
   bool IsMpdDrive() const { return m_MultipathDrive; }
+  // Always false, for a tape drive as well:
   bool IsTapeDrive() const { return false; }
   bool IsFloppyDrive() const { return false; }
 
@@ -149,4 +163,5 @@ class RAVD_EXPORT CSystemDrive : public CSystemDevice {
   bool m_Hotplug = false;
 };
 
+// Drives in the order of their scan.
 using CSystemDriveList = std::vector<CSystemDrive>;

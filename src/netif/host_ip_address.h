@@ -12,13 +12,17 @@
 // gives an empty result.
 class RAVD_EXPORT CHostIPAddress {
  public:
-  enum ip_version { ipv4 = 4, ipv6 = 6 };
+  // Which of its addresses. The value is the number in the traces.
+  enum ip_version {
+    ipv4 = 4,  // its IPv4 address
+    ipv6 = 6,  // its first IPv6 address
+  };
 
   // The address as text, "" when there is none. Also "" when index is not below the number of all interfaces.
   static std::string GetHostIPAddress(int index, ip_version version);
 
   // False when there is no such address. True otherwise, with the 4 or 16 bytes in address; a text that cannot be
-  // converted leaves address as it was, and so does an IPv4 text of fewer than 8 characters.
+  // converted leaves address as it was, and so does an IPv4 text of fewer than 8 characters:
   static bool GetHostIPv4Address(CIPAddress& address, int index);
   static bool GetHostIPv6Address(CIPAddress& address, int index);
 };

@@ -10,6 +10,7 @@
 
 namespace libnetif {
 
+// What a listener calls: with the interface that changed, which is the callback's own.
 using network_interface_change_callback = std::function<void(network_interface)>;
 
 // Starts a process that calls the callback with the interface for each change of the wanted types, and returns its

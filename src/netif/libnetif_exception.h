@@ -15,9 +15,10 @@ class RAVD_EXPORT libnetif_exception : public std::runtime_error {
  public:
   // A failure without an error number, such as an interface without an address of the wanted family.
   explicit libnetif_exception(std::string_view text);
+  // One of the system, with its errno value.
   libnetif_exception(std::string_view text, int error_number);
 
-  // The number given at construction, 0 when there was none.
+  // The errno value given at construction, 0 when there was none.
   int error_number() const noexcept { return m_error_number; }
 
  private:

@@ -10,6 +10,7 @@
 #include "netif/network_interface.h"
 #include "platform/export.h"
 
+// The network of the host: its interfaces with their addresses and traffic, its routes, and what changes.
 namespace libnetif {
 
 // The interfaces of the host. It has no state; any thread may ask, and each call uses sockets of its own.
@@ -20,7 +21,7 @@ class RAVD_EXPORT network_interface_manager {
   // had, those with an IPv4 address, one entry per address. "Retriving interface information failed."
   std::vector<network_interface> get_network_interfaces() const;
 
-  // "Retriving interface name by index failed."
+  // The name of the interface with that number. "Retriving interface name by index failed."
   std::string get_network_interface_name_by_ipv4_index(int index) const;
 
   // Starts a listener process for changes of these types and returns its process ID, which the caller waits for in the

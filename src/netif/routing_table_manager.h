@@ -12,8 +12,8 @@ class RAVD_EXPORT routing_table_manager {
  public:
   // The routes of the main table in the kernel's order, one entry per route. The interface names are looked up once per
   // interface when the routes are there; one that has vanished meanwhile leaves the name empty.
-  // Failures: libnetif_exception from the dump (netlink_dump.h), with the name "routing table entry", or
-  // "Retriving interface name by index failed."
+  // Failures: libnetif_exception from the request to the kernel, with texts such as
+  // "Request for routing table entry failed.", or "Retriving interface name by index failed."
   std::vector<ipv4_routing_entry> get_ipv4_routing_entries() const;
 };
 

@@ -7,11 +7,12 @@
 // Ordered by segment, bus, device, function. An invalid address is neither less nor greater than any other and is
 // equal to none, itself included, so look-ups never find it: do not use one as the key of a container.
 struct CPciAddress {
-  uint16_t segment = 0;
-  uint8_t bus = 0xFF;
-  uint8_t device = 0xFF;
-  uint8_t function = 0xFF;
+  uint16_t segment = 0;     // called a domain by the kernel
+  uint8_t bus = 0xFF;       // 0-255
+  uint8_t device = 0xFF;    // 0-31
+  uint8_t function = 0xFF;  // 0-7
 
+  // False for the address of no function.
   constexpr bool IsValid() const { return (bus & device & function) != 0xFF; }
 
   // All fields as one number, in the order of the comparison.
@@ -20,10 +21,10 @@ struct CPciAddress {
   }
 };
 
+// The order and the equality that the structure describes:
 constexpr bool operator<(const CPciAddress& left, const CPciAddress& right) {
   return left.Packed() < right.Packed() && left.IsValid() && right.IsValid();
 }
-
 constexpr bool operator==(const CPciAddress& left, const CPciAddress& right) {
   return left.Packed() == right.Packed() && left.IsValid();
 }

@@ -10,10 +10,11 @@
 // every accessor reads inside the 64 bytes.
 class RAVD_EXPORT CPciCommonConfigHeader {
  public:
-  static constexpr size_t kSize = 64;
+  static constexpr size_t kSize = 64;  // bytes
 
-  unsigned char bytes[kSize] = {};
+  unsigned char bytes[kSize] = {};  // as read
 
+  // The fields of every layout, as the standard names them:
   uint16_t VendorId() const { return Word(0); }
   uint16_t DeviceId() const { return Word(2); }
   uint8_t Revision() const { return bytes[8]; }
@@ -28,19 +29,20 @@ class RAVD_EXPORT CPciCommonConfigHeader {
 
   // Bridge layout is bit 0 of the header type, so a multi-function bridge (0x81) is one as well.
   bool IsBridge() const { return (HeaderType() & 0x01) != 0; }
-  // Only where IsBridge().
+  // The bus in front of a bridge and the one behind it. Only where IsBridge():
   uint8_t PrimaryBus() const { return bytes[24]; }
   uint8_t SecondaryBus() const { return bytes[25]; }
 
-  // 0 in every layout but 0, which alone has these fields.
+  // 0 in every layout but 0, which alone has these fields:
   uint16_t SubsystemVendorId() const { return HeaderLayout() == 0 ? Word(44) : uint16_t{0}; }
   uint16_t SubsystemId() const { return HeaderLayout() == 0 ? Word(46) : uint16_t{0}; }
 
   // Whether a function answers at all: vendor neither 0x0000 nor 0xFFFF, device not 0.
   bool IsPresent() const { return VendorId() != 0 && VendorId() != 0xFFFF && DeviceId() != 0; }
 
-  // Constant texts, never null; "Unknown" for a base class that has no name.
-  // 0x0C, 0x03 => "Serial bus controller" and "Universal Serial Bus (USB)"
+  // What the class codes mean (PCI Code and ID Assignment). Constant texts, never null; "Unknown" for a base class that
+  // has no name, and the name of the base class for a subclass that has none.
+  // 0x0C, 0x03 => "Serial bus controller" and "Universal Serial Bus (USB)":
   static const char* GetPciBaseClassDescription(const CPciCommonConfigHeader& header);
   static const char* GetPciSubClassDescription(const CPciCommonConfigHeader& header);
 

@@ -8,7 +8,7 @@
 
 // One entry of the slot table: the system slot in which the device at a bus and device number sits. Packed bytes.
 struct RAVD_EXPORT PciSlotData {
-  uint8_t bus;
+  uint8_t bus;           // 0-255
   uint8_t device;        // 0-31
   uint8_t slot;          // 0 = onboard
   uint8_t slotType;      // code of DMTF DSP0134, 7.10.1; 2 when the source has no type
@@ -26,7 +26,7 @@ struct RAVD_EXPORT PciSlotData {
 };
 static_assert(sizeof(PciSlotData) == 5);
 
-// Not symmetric: the left one is the entry whose type decides how it is compared.
+// As Matches. Not symmetric: the left one is the entry whose type decides how it is compared.
 inline bool operator==(const PciSlotData& entry, const PciSlotData& value) {
   return entry.Matches(value.bus, value.device);
 }

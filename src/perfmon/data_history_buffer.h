@@ -38,6 +38,7 @@ class CDataHistoryBuffer {
     if (Exists(instance)) m_Instances[static_cast<size_t>(instance)].clear();
   }
 
+  // How many instances there are, with elements or without.
   int Instances() const {
     const CCriticalSectionLock lock(m_CritSec);
     return static_cast<int>(m_Instances.size());

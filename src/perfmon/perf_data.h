@@ -8,23 +8,24 @@
 
 // Bytes. Virtual memory is physical memory and swap together.
 struct _PerfDataMemory {
-  uint64_t totalVirtual;
-  uint64_t usedVirtual;
-  uint64_t totalPhysical;
-  uint64_t usedPhysical;
+  uint64_t totalVirtual;   // what there is
+  uint64_t usedVirtual;    // what of it is in use
+  uint64_t totalPhysical;  // what there is
+  uint64_t usedPhysical;   // what of it is in use
 };
 
-// Clock ticks of all processors spent since the previous sample. user includes nice; total is user, system and idle.
+// Clock ticks of all processors spent since the previous sample, from the first line of /proc/stat.
 struct _PerfDataSystem {
-  uint64_t total;
-  uint64_t user;
-  uint64_t kernel;
-  uint64_t idle;
+  uint64_t total;   // user, kernel and idle
+  uint64_t user;    // with that of processes of lower priority (nice)
+  uint64_t kernel;  // in the kernel for processes
+  uint64_t idle;    // in nothing
 };
 
 // The same for one processor.
 struct _PerfDataCpu : _PerfDataSystem {};
 
+// Traffic of one interface since the previous sample.
 struct _PerfDataNetwork {
   uint64_t speed;     // bytes per second that the link carries; all-ones when unknown
   uint64_t capacity;  // bytes that the link carries in the interval of the sample
@@ -32,15 +33,16 @@ struct _PerfDataNetwork {
   uint64_t sent;      // bytes per second
 };
 
-// Counters of an interface in the kernel's order: eight of reception, beginning with the bytes, then eight of sending.
+// Counters of an interface in /proc/net/dev, in the kernel's order: eight of reception, beginning with the bytes, then
+// eight of sending.
 using NetCounters = std::array<uint64_t, 16>;
 
 // State of one interface between two samples.
 struct NetInterfaceState {
-  std::string name = {};      // empty = none yet
-  uint64_t sampleTimeMs = 0;  // 0 = not sampled yet
-  NetCounters counters{};
-  std::array<uint64_t, 2> unused{UINT64_MAX, UINT64_MAX};
+  std::string name = {};                                   // empty = none yet
+  uint64_t sampleTimeMs = 0;                               // 0 = not sampled yet
+  NetCounters counters{};                                  // of the last sample
+  std::array<uint64_t, 2> unused{UINT64_MAX, UINT64_MAX};  // keep their place
 };
 
 // Products and sums of 64-bit counters do not fit in 64 bits.

@@ -28,42 +28,41 @@ struct NetDevLine;
 // Ownership: the object owns its thread and histories. Each sample opens, reads and closes its files.
 // Failures: what cannot be read is traced and left out of the histories; a query that has no object to answer for
 // gives 0 % and false.
-// Not copyable; the monitoring thread holds the object's address.
+// There are no copies: the monitoring thread holds the object's address.
 class RAVD_EXPORT CPerfMon {
  public:
-  // The bits of the start mask, but for processes, which any bit of kProcessMask selects.
+  // The kinds of what is monitored: bits of the masks, but for processes, which any bit of kProcessMask selects.
   enum PerfMonitorType : unsigned int {
-    systemCpu = 1,
-    perCpu = 2,  // accepted and traced, but not sampled: its values have no instance
-    network = 4,
-    memory = 8,
-    processes = 16,
+    systemCpu = 1,   // all processors together
+    perCpu = 2,      // accepted and traced, but not sampled: its values have no instance
+    network = 4,     // every interface
+    memory = 8,      // physical and with swap
+    processes = 16,  // never sampled
   };
-  static constexpr unsigned int kProcessMask = 0xF800;
+  static constexpr unsigned int kProcessMask = 0xF800;  // the bits of the start mask that stand for processes
 
+  // What can be asked for. The comment says of what it is the percentage.
   enum PerfMonitorValue : unsigned int {
-    cpuUsed = 0,
-    cpuIdle = 1,
-    cpuUser = 2,
-    cpuKernel = 3,
-    perCpuUsed = 4,
-    perCpuIdle = 5,
-    perCpuUser = 6,
-    perCpuKernel = 7,
-    memoryVirtual = 8,
-    memoryPhysical = 9,
-    networkTotal = 10,
-    networkSent = 11,
-    networkReceived = 12,
-    processFirst = 13,
-    processLast = 20,
+    cpuUsed = 0,           // user and kernel, of the time of all processors
+    cpuIdle = 1,           // idle, of the time of all processors
+    cpuUser = 2,           // user, of the time of all processors
+    cpuKernel = 3,         // kernel, of the time of all processors
+    perCpuUsed = 4,        // as cpuUsed of one processor; see perCpu
+    perCpuIdle = 5,        // as cpuIdle of one processor; see perCpu
+    perCpuUser = 6,        // as cpuUser of one processor; see perCpu
+    perCpuKernel = 7,      // as cpuKernel of one processor; see perCpu
+    memoryVirtual = 8,     // used, of physical memory and swap
+    memoryPhysical = 9,    // used, of physical memory
+    networkTotal = 10,     // received and sent, of what the link carries
+    networkSent = 11,      // sent, of what the link carries
+    networkReceived = 12,  // received, of what the link carries
+    processFirst = 13,     // the first value of a process
+    processLast = 20,      // the last one
   };
 
-  // Modes of GetUsagePercent.
-  static constexpr int kModeCurrent = 0;
-  static constexpr int kModeAverage = 1;
-
-  static constexpr int kAllInstances = -1;
+  static constexpr int kModeCurrent = 0;    // mode of GetUsagePercent: the latest sample
+  static constexpr int kModeAverage = 1;    // mode of GetUsagePercent: the history
+  static constexpr int kAllInstances = -1;  // instance of the queries: all together
 
   // historySize: elements kept per instance.
   explicit CPerfMon(unsigned int historySize);
@@ -84,6 +83,7 @@ class RAVD_EXPORT CPerfMon {
   // Wakes the thread, waits for it and empties the histories. A sample that runs is finished. May be called again.
   void StopMonitoring();
 
+  // Whether the last start is not stopped yet, with a thread or without.
   bool IsStarted() const { return m_Started.load(std::memory_order_relaxed); }
 
   // Takes one sample of the kinds in mask now. A kind that was not started is read, but has no history to enter.
@@ -97,11 +97,11 @@ class RAVD_EXPORT CPerfMon {
   // An interface number is a place in the kernel's list. When another interface comes to that place, its history begins
   // anew; when none is there any more, it stays.
   // 0 % and true for an instance without samples. 0 % and false for an unknown value and for an instance that does not
-  // exist, kAllInstances without any instance included. No process is known, so process values are always the latter.
+  // exist, kAllInstances without any instance included. No process is known, so process values are always the latter:
   bool GetCurrentPercent(PerfMonitorValue value, unsigned char& percent, int instance);
   bool GetAveragePercent(PerfMonitorValue value, unsigned char& percent, int instance);
 
-  // One of the above by its mode; with any other mode false, and percent is left as it was.
+  // GetCurrentPercent or GetAveragePercent by its mode; with any other mode false, and percent is left as it was.
   bool GetUsagePercent(unsigned char& percent, PerfMonitorValue value, int mode, int instance);
 
  private:

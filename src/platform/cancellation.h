@@ -6,7 +6,9 @@
 // it is in; a destructor must not be left that way, and a change of several steps must not stop half-way.
 class CancellationBlock {
  public:
+  // From here on a request to end the thread waits.
   CancellationBlock() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_State); }
+  // As it was before; a request that waits takes effect at the next cancellation point.
   ~CancellationBlock() { pthread_setcancelstate(m_State, nullptr); }
   CancellationBlock(const CancellationBlock&) = delete;
   CancellationBlock& operator=(const CancellationBlock&) = delete;

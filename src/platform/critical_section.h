@@ -13,6 +13,7 @@
 // runs before or after any other static object. This class never traces: the trace object stands on it.
 class RAVD_EXPORT CCriticalSection {
  public:
+  // Owned by nobody.
   constexpr CCriticalSection() = default;
   // Unlocks when the calling thread still owns the section, then destroys the mutex.
   ~CCriticalSection();
@@ -65,7 +66,9 @@ class RAVD_EXPORT CCriticalSection {
 // Holds a section for a scope; leaves it on every way out, the unwinding of a cancelled thread included.
 class CCriticalSectionLock {
  public:
+  // Enters the section, which is borrowed and outlives the lock.
   explicit CCriticalSectionLock(CCriticalSection& section) : m_Section(section) { m_Section.Enter(); }
+  // Leaves it.
   ~CCriticalSectionLock() { m_Section.Leave(); }
   CCriticalSectionLock(const CCriticalSectionLock&) = delete;
   CCriticalSectionLock& operator=(const CCriticalSectionLock&) = delete;

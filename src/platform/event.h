@@ -55,21 +55,23 @@ class RAVD_EXPORT CEvent {
   bool Close();
 
   // Signals: releases every waiting thread (manual reset) or one (auto reset). Where somebody waited, the processor is
-  // yielded so that the woken thread runs promptly.
+  // yielded so that the woken thread runs promptly. False when closed or without an event.
   bool Set() const;
+  // Ends the signalled state. False when closed or without an event.
   bool Reset() const;
 
   // Releases whom Set would release among the threads that wait at this moment, and leaves the event not signalled.
+  // Result as of Set.
   bool Pulse() const;
 
-  // The state at this moment; takes no lock.
+  // The state at this moment; takes no lock. False when closed or without an event.
   bool IsSet() const;
 
   // Waits up to timeoutMs milliseconds of the monotonic clock; 0 only looks, kWaitForever has no limit. Returns
   // kWaitDone, kWaitTimedOut or kWaitFailed. A thread that waited when the event was signalled counts as signalled
-  // whatever the state is by then, which is what makes Pulse work. Of an auto-reset event one Set satisfies one wait,
-  // so such an event excludes like a lock: until the thread that it woke returns, those who come by find it taken, also
-  // where IsSet still tells that it is signalled.
+  // whatever the state is by then, which is what makes Pulse work. alertable means nothing. Of an auto-reset event one
+  // Set satisfies one wait, so such an event excludes like a lock: until the thread that it woke returns, those who
+  // come by find it taken, also where IsSet still tells that it is signalled.
   int Wait(uint32_t timeoutMs, bool alertable = false) const;
 
  private:

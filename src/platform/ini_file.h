@@ -24,6 +24,7 @@
 // lies beyond the 1023rd character of a line. A value that is empty reads as the default.
 class RAVD_EXPORT CIniFile {
  public:
+  // Without a file name and not open.
   CIniFile() = default;
 
   // Copies a value into buffer. Result: the number of characters stored without the closing NUL.
@@ -43,7 +44,7 @@ class RAVD_EXPORT CIniFile {
   // what the name points to when it is a dangling link. An edit that changes nothing writes nothing. What is no regular
   // file is refused.
   //
-  // The new file is written beside the old one, brought to the disk and renamed (platform/edit_file.h): whatever
+  // The new file is written beside the old one, brought to the disk and renamed: whatever
   // happens the old file or the new one is there, with its owner, mode and extended attributes. In place, with a moment
   // in which a kill or a power failure leaves a mixture of both, only where a rename cannot be.
   static int WritePrivateProfileString(const char* section, const char* key, const char* value, const char* fileName);
@@ -52,11 +53,13 @@ class RAVD_EXPORT CIniFile {
   void SetFilename(const char* name);
   // "" when there is none. Valid until the next SetFilename or Open with a name.
   const char* GetFileName() const;
-  // Result: whether the object is open now. mustExist: only if the file can be opened for reading.
+  // Result: whether the object is open now. mustExist: only if the file can be opened for reading. With a name, as
+  // SetFilename first:
   bool Open(bool mustExist);
   bool Open(const char* name, bool mustExist = false);
+  // As the last Open or Close left it.
   bool IsOpen() const { return isOpen; }
-  // Touches no file.
+  // The getters and setters refuse from now on. Touches no file.
   void Close() { isOpen = false; }
 
   // False with the default in out when the default is what there is and it is longer than 64509 characters. out is
@@ -69,10 +72,12 @@ class RAVD_EXPORT CIniFile {
   // nearest number in range.
   uint32_t GetNumber(const char* section, const char* key, uint32_t defaultValue) const;
 
-  // value null deletes the key.
+  // Sets a text or a number in decimal; value null deletes the key. True for the result 1 of
+  // WritePrivateProfileString:
   bool SetString(const char* section, const char* key, const char* value) const;
   bool SetNumber(const char* section, const char* key, uint32_t value) const;
   bool SetNumber(const char* section, const char* key, int32_t value) const;
+  // Deletes a key or a section with all its keys. True for the result 1 of WritePrivateProfileString:
   bool DeleteKey(const char* section, const char* key) const;
   bool DeleteSection(const char* section) const;
   // Writes every key of the source to the target, in one edit. Result: whether the object is open; the edit is not
@@ -84,7 +89,7 @@ class RAVD_EXPORT CIniFile {
   const char* GetEnum(const char* section);
   // The next name, "" at the end and from then on. Valid until the next GetEnum.
   const char* GetNextEnum();
-  // All names, however many, appended. These leave the enumeration above alone. Result: whether there was a name.
+  // All names, however many, appended. These leave the enumeration above alone. Result: whether there was a name:
   bool GetSections(std::vector<std::string>& sections) const;
   bool GetEnums(std::vector<std::string>& keys, const char* section) const;
 

@@ -27,9 +27,14 @@ class RAVD_EXPORT CProcess {
   static constexpr uint32_t kNone = 0xFFFFFFFF;  // no such process; exit code not known
 
   // By how many steps of 1024 a memory value is divided.
-  enum unit : unsigned int { bytes = 0, kilobytes = 1, megabytes = 2, gigabytes = 3 };
+  enum unit : unsigned int {
+    bytes = 0,      // by none
+    kilobytes = 1,  // by one
+    megabytes = 2,  // by two
+    gigabytes = 3,  // by three
+  };
 
-  // Value of one line of the status file of a process; key with its colon, as in "VmRSS:". When the file or the key is
+  // Value of one line of /proc/PID/status, in the unit; key with its colon, as in "VmRSS:". When the file or the key is
   // missing, value keeps what the caller put there, divided all the same; a unit of 7 and more leaves nothing.
   static void GetProcessMemorySpecificInfo(uint32_t pid, uint64_t& value, const std::string& key, unit inUnit);
 
@@ -53,16 +58,17 @@ class RAVD_EXPORT CProcess {
   // The first process with exactly this short name; names longer than 15 characters never match.
   static bool FindProcess(uint32_t& pid, const char* name);
 
-  // Run a command and wait for it. True exactly when it exited with status 0. exitCode is its status, or kNone when it
-  // did not start, was ended by a signal or could not be waited for. directory may be null. The first bool has no
-  // effect.
+  // Runs a command and waits for it, without limit. True exactly when it exited with status 0. exitCode is its status,
+  // or kNone when it did not start, was ended by a signal or could not be waited for. directory may be null. ignored
+  // has no effect:
   static bool ExecuteCmd(const std::string& cmdLine, const char* directory, bool ignored, bool inheritHandles);
   static bool ExecuteCmd(const std::string& cmdLine, uint32_t& pid, uint32_t& exitCode, const char* directory,
                          bool ignored, bool inheritHandles);
-  // Start a command. True when it has a process, whether or not its program could be run. The caller who is told the
-  // process waits for it with WaitForExit; until then it stays behind as a zombie when it has ended. One that nobody is
-  // told of is no child of this process and leaves nothing behind - but where orphans come to this process (it is the
-  // first of a container, or asked for them), and where children are reaped by others: there the result is false.
+  // Starts a command and does not wait. True when it has a process, whether or not its program could be run. The caller
+  // who is told the process waits for it with WaitForExit; until then it stays behind as a zombie when it has ended.
+  // One that nobody is told of is no child of this process and leaves nothing behind - but where orphans come to this
+  // process (it is the first of a container, or asked for them), and where children are reaped by others: there the
+  // result is false:
   static bool ExecuteCmdAsync(const std::string& cmdLine, const char* directory, bool ignored, bool inheritHandles);
   static bool ExecuteCmdAsync(const std::string& cmdLine, uint32_t& pid, const char* directory, bool ignored,
                               bool inheritHandles);
@@ -79,7 +85,10 @@ class RAVD_EXPORT CProcess {
   // Not supported: count becomes 1, the result is false.
   static bool GetProcessHandleCount(uint32_t pid, uint32_t& count);
 
+  // The current directory of the process, with its whole path. False, and out unchanged, when the system does not tell
+  // it.
   static bool GetCurrentDir(std::string& out);
-  // False for null and for an empty text.
+  // Changes it for the whole process, every thread included. False for null, for an empty text and when the system
+  // refuses.
   static bool SetCurrentDir(const char* directory);
 };

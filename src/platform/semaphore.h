@@ -17,6 +17,7 @@ struct CSemaphoreData;
 // Failure: results only, nothing is thrown; a failed Create leaves the handle without a semaphore.
 class RAVD_EXPORT CSemaphore {
  public:
+  // A handle without a semaphore.
   constexpr CSemaphore() = default;
   // As Delete.
   ~CSemaphore();

@@ -23,9 +23,12 @@ struct CThreadRecord;
 // Failure: false, with a trace line; nothing is thrown.
 class RAVD_EXPORT CThread {
  public:
+  // What a thread runs. Its result shows in the trace when the thread is joined, and nowhere else.
   using Function = void* (*)(void*);
 
+  // No thread yet.
   CThread() = default;
+  // See Ownership.
   ~CThread();
   CThread(const CThread&) = delete;
   CThread& operator=(const CThread&) = delete;
@@ -50,6 +53,8 @@ class RAVD_EXPORT CThread {
   // For traces; 0 when no thread is held.
   pthread_t GetHandle() const { return handle; }
 
+  // What destruction and the next Start do with a thread that is still held: true, as at first, ends it, false lets it
+  // go.
   void SetKillAliveThread(bool on) { KillAliveThread = on; }
 
  private:

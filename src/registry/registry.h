@@ -27,98 +27,121 @@
 // Ownership: the tree owns the keys. An object borrows its current key and keeps its memory from being freed: a key
 // that somebody else deletes becomes empty for good. Reads find nothing in it, SetValue and CreateKey fail. The same
 // holds for the root key handles and for what KeepKeyHandle gives away.
-// Cancellation of a thread is held back while it loads, saves or destroys an object. Failure: by result code, which is
+// Cancellation of a thread is held back while it loads, saves or destroys an object.
+// Failure: by result code, which is
 // also left in m_Result; nothing throws. A name, path or text argument that is null counts as missing.
 class RAVD_EXPORT CRegistry {
  public:
+  // The result codes, which reach callers in other binaries and do not change.
   enum Result : int {
-    kSuccess = 0,
-    kNoKey = -1,  // key not found, a component of the path is a value, no parent key
-    kMissingArgument = 22,
-    kTooSmall = 34,  // character buffer of QueryValue too small, or without a count
-    kNoValue = 61,   // no such value, wrong type, or an index past the end
+    kSuccess = 0,           // done
+    kNoKey = -1,            // key not found, a component of the path is a value, no parent key
+    kMissingArgument = 22,  // an argument, or the current key, is missing or not what it has to be
+    kTooSmall = 34,         // character buffer of QueryValue too small, or without a count
+    kNoValue = 61,          // no such value, wrong type, or an index past the end
   };
 
   // Type filter of EnumVal that takes every value.
   static constexpr unsigned int kAnyType = 999;
 
-  // The root keys; null when the tree that was loaded has no such key and after the key was deleted.
+  // The root keys, borrowed; set by the first object of the process. Null when the tree that was loaded has no such key
+  // and after the key was deleted:
   static CRegistryNode* HKEY_LOCAL_MACHINE;
   static CRegistryNode* HKEY_CURRENT_USER;
   static CRegistryNode* HKEY_USERS;
   static CRegistryNode* HKEY_CLASSES_ROOT;
   static CRegistryNode* HKEY_CURRENT_CONFIG;
-  // The same, for those who would not refer to data of a library.
+  // The same, for those who would not refer to data of a library:
   static CRegistryNode* LocalMachine();
   static CRegistryNode* CurrentUser();
   static CRegistryNode* Users();
   static CRegistryNode* ClassesRoot();
   static CRegistryNode* CurrentConfig();
 
+  // Without a current key. This and the others load the tree when nobody did before.
   CRegistry();
-  // hKey is looked at after the tree was loaded, so a root key handle may be given by the first object, too.
+  // With the current key hKey. It is looked at after the tree was loaded, so a root key handle may be given by the
+  // first object, too.
   explicit CRegistry(CRegistryNode*& hKey);
-  CRegistry(const char* path, CRegistryNode*& hKey, int access);  // as Open; see m_Result
-  // Both objects have the same current key afterwards. What was read and enumerated is not copied.
+  // As Open, whose result is in m_Result.
+  CRegistry(const char* path, CRegistryNode*& hKey, int access);
+  // Both objects have the same current key afterwards. What was read and enumerated is not copied:
   CRegistry(CRegistry& other);
   CRegistry& operator=(CRegistry& other);
+  // Saves the tree when it was changed, as SaveTree; the result of that shows in the trace alone.
   ~CRegistry();
 
+  // Everything back to what the constructor without arguments makes.
   void InitClass();
   // Gives up the current key and returns it. Its memory stays for good, so that it can be used as a parent key.
   CRegistryNode* KeepKeyHandle();
   // Forgets the current key; whether there was one.
   bool Close();
 
-  // Keys. access, flag, reserved and reservedFlag mean nothing.
+  // Keys: the arguments access, flag, reserved and reservedFlag mean nothing.
 
   // A null parent stands for the root, whose subkeys are the root keys. On failure there is no current key.
   int Open(const char* path, CRegistryNode* parent, int access = 0);
   // Makes the keys of the path that are missing. A null parent stands for the current key. On failure the current key
   // stays as it was, and so do the keys made on the way.
   int CreateKey(CRegistryNode* parent, const char* path, bool flag = false, int access = 0);
+  // How many subkeys the current key has; 0 without one, which is kMissingArgument.
   int NoOfSubKeys(unsigned int* count);
-  // The name is cut to *nameLen - 1 characters and terminated; *nameLen is what was copied. A size of 0 copies nothing.
+  // The name of one subkey of the current key, counted from 0 in the order of the names; kNoValue past the end. It is
+  // cut to *nameLen - 1 characters and terminated; *nameLen is what was copied. A size of 0 copies nothing. className
+  // and classLen may be null: there are no classes, and *classLen becomes 0:
   int EnumKey(char* name, unsigned int* nameLen, unsigned int index, char* className, unsigned int* classLen);
   int EnumKey(char* name, unsigned int nameLen, unsigned int index, char* className, unsigned int classLen);
-  // With all that is below it.
+  // Deletes a subkey of the current key with all that is below it. kMissingArgument when there is none of that name.
   int DeleteKey(const char* name);
-  // Opens the key whose path, from a root key name in any case on, is the text of a value.
+  // Opens the key whose path, from a root key name in any case on, is the text of that value of the key at keyPath.
+  // kNoKey, and no current key, when one of the two is not there.
   int OpenPointerKey(const char* keyPath, const char* valueName, CRegistryNode* parent, int access = 0);
+  // The same for a value of the product's own key, which is below parent at
+  // SYSTEM\CurrentControlSet\Control\UUID\5E2D7A10-4B3C-11D3-9A7E-00C0D1E2F3A4.
   int OpenUUIDPointer(const char* valueName, CRegistryNode* parent, int access, const char* reserved,
                       bool reservedFlag);
+  // The text of a value of the product's own key below HKEY_LOCAL_MACHINE. False, and value unchanged, when it is not
+  // there.
   static bool GetProductRegistryRoot(std::string& value, const char* valueName);
 
-  // Values. A null node stands for the current key.
+  // Values: a null node stands for the current key, and without one there is nothing to read.
 
   // Bytes, for texts with the terminating zero; 0 when there is no such value.
   unsigned int GetValueSize(const char* name, CRegistryNode* node = nullptr);
   // The value's bytes, texts with their zero, expandable texts expanded. Valid until the next read through this object
   // or its end.
   const char* GetValue(const char* name, CRegistryNode* node = nullptr);
-  // Any value of exactly four bytes counts as a number.
+  // Any value of exactly four bytes counts as a number. kNoValue, and *number unchanged, when there is none.
   int QueryValue(unsigned int* number, const char* name, CRegistryNode* node = nullptr);
+  // A text of either type, without its zero. kNoValue, and text unchanged, when there is none.
   int QueryValue(std::string& text, const char* name, CRegistryNode* node = nullptr);
   // *count: size of the buffer before, length of the text afterwards; its size with the zero for a null buffer. A text
-  // that does not fit is cut, without a zero, and *count stays.
+  // that does not fit is cut, without a zero, and *count stays: kTooSmall, as for a null count. kNoValue when there is
+  // no text of that name:
   int QueryValue(char* buffer, const char* name, unsigned int* count, CRegistryNode* node = nullptr);
   int QueryValue(char* buffer, const char* name, unsigned int count, CRegistryNode* node = nullptr);
 
-  // Texts need no terminating zero. A null name stores nothing and succeeds.
+  // Stores a value in place of what had the name. type is kRegistryString, kRegistryExpandString, kRegistryBinary or
+  // kRegistryNumber (four bytes); anything else is kMissingArgument, and so is the lack of a key. The tree is written
+  // at the next save. Texts need no terminating zero. A null name stores nothing and succeeds. True for kSuccess.
   bool SetValue(const char* name, const unsigned char* data, unsigned int size, unsigned int type,
                 CRegistryNode* node = nullptr);
+  // The same for the current key:
   int SetValue(const char* name, unsigned int number);
   int SetValue(const char* name, const char* text);
-  // The name as in EnumKey. Texts are copied as by QueryValue with dataLen as its count, numbers when there is room for
-  // four bytes; *dataLen is 0 for everything else.
+  // One value of the current key, counted from 0 among those of the type (or kAnyType) in the order of the names;
+  // kNoValue past the end. The name as in EnumKey. Texts are copied as by QueryValue with dataLen as its count, numbers
+  // when there is room for four bytes; *dataLen is 0 for everything else. data and dataLen may be null:
   int EnumVal(char* name, unsigned int* nameLen, unsigned int index, unsigned int type, unsigned char* data,
               unsigned int* dataLen);
   int EnumVal(char* name, unsigned int nameLen, unsigned int index, unsigned int type, unsigned char* data,
               unsigned int dataLen);
-  // A missing value is no failure. A subkey of that name goes with all that is below it.
+  // Deletes a value of the current key. A missing value is no failure. A subkey of that name goes with all that is
+  // below it.
   int DeleteValue(const char* name);
 
-  // The process-wide tree
+  // The process-wide tree.
 
   // Reads one file into the node. False when it cannot be opened or read, is empty or has no value line, or when memory
   // is missing; the node then holds what was read before.
@@ -138,15 +161,17 @@ class RAVD_EXPORT CRegistry {
   // descriptors, no permission, an error of the disk): what was not read may be all of it.
   static void SaveTree();
 
+  // The state that callers may look at. They set m_ExpandStrings alone.
+
   int m_Result;             // of the last operation
   uint32_t m_ValueSize;     // of the value read last; after expansion without the terminating zero
   uint32_t m_ValueType;     // of the value read last
   bool m_ExpandStrings;     // expand texts of type 2 when they are read; set by the caller
   uint32_t m_EnumKeyCount;  // after EnumKey: index + 1
-  uint32_t m_EnumKeyPos;    // and position of the entry + 1
+  uint32_t m_EnumKeyPos;    // after EnumKey: position of the entry + 1
   uint32_t m_EnumValCount;  // after EnumVal: index + 1
-  uint32_t m_EnumValType;   // the filter
-  uint32_t m_EnumValPos;    // and position of the entry + 1
+  uint32_t m_EnumValType;   // after EnumVal: the filter
+  uint32_t m_EnumValPos;    // after EnumVal: position of the entry + 1
 
  private:
   // A copy that is made again and again: its memory is kept while it is large enough.

@@ -30,8 +30,15 @@ class CRegistryNodeRef;
 // about the same per name.
 class RAVD_EXPORT CRegistryNode : public CCriticalSection {
  public:
-  enum class Creation { kFound, kCreated, kIsValue, kRefused };
+  // What came of FindOrCreateSubKey.
+  enum class Creation {
+    kFound,    // the subkey was there
+    kCreated,  // it was made
+    kIsValue,  // the name is that of a value
+    kRefused,  // the node was deleted
+  };
 
+  // A key without entries, with one reference, which is its maker's.
   constexpr CRegistryNode() = default;
   // Runs deleteNode first. Only for nodes that never were part of a tree; the others go through Discard.
   ~CRegistryNode();
@@ -121,19 +128,24 @@ class RAVD_EXPORT CRegistryNode : public CCriticalSection {
 // A pointer to a node that keeps the node's memory from being freed. Not shared between threads.
 class CRegistryNodeRef {
  public:
+  // Null.
   CRegistryNodeRef() = default;
+  // Adds a reference; null is allowed.
   explicit CRegistryNodeRef(CRegistryNode* node) : m_Node(node) {
     if (m_Node != nullptr) m_Node->Pin();
   }
+  // Gives the reference back.
   ~CRegistryNodeRef() {
     if (m_Node != nullptr) m_Node->Unpin();
   }
+  // Takes the pointer and the reference of the other object, which gets those that were here:
   CRegistryNodeRef(CRegistryNodeRef&& other) noexcept : m_Node(other.Release()) {}
   CRegistryNodeRef& operator=(CRegistryNodeRef&& other) noexcept {
     std::swap(m_Node, other.m_Node);
     return *this;
   }
 
+  // The node, borrowed as long as this object keeps it; null for none:
   CRegistryNode* Get() const { return m_Node; }
   CRegistryNode* operator->() const { return m_Node; }
   explicit operator bool() const { return m_Node != nullptr; }

@@ -32,9 +32,9 @@
 // Failures: a writer never lets one reach its caller. An entry that cannot be formatted or copied is dropped. Only the
 // forced unwinding of a cancelled thread passes through, with the lock given back. A ring buffer file that somebody
 // cuts short switches tracing off with one line in syslog; for that a thread that writes to it gets SIGBUS unblocked,
-// at its first entry and once in every further second (trace/mapped_copy.h). Lifetime: `Debug` is
-// constant-initialised and its storage is never torn down, so static objects of any binary may trace at any time:
-// before Init and after the end of main nothing is written.
+// at its first entry and once in every further second.
+// Lifetime: `Debug` is constant-initialised and its storage is never torn down, so static objects of any binary may
+// trace at any time: before Init and after the end of main nothing is written.
 // Forks: in a child `Debug` is off and has no files, whatever the parent's threads were doing; nothing that the child
 // does reaches the files of the parent, unless it calls Init itself. That holds for `Debug` alone.
 //
@@ -42,9 +42,11 @@
 // binary interface: append, never reorder.
 class CDebug : public CDebugTraceConfig {
  public:
+  // Tracing is off until Init.
   constexpr CDebug() = default;
-  // As above, then Init when the name is non-empty; a failed Init is reported to syslog.
+  // As Init when the name is non-empty; a failed one is reported to syslog.
   explicit CDebug(const char* appName);
+  // Closes the files. `Debug` itself is never destroyed.
   virtual ~CDebug();
   CDebug(const CDebug&) = delete;
   CDebug& operator=(const CDebug&) = delete;
@@ -57,10 +59,12 @@ class CDebug : public CDebugTraceConfig {
   // A second call starts anew: what was open is closed first.
   virtual bool Init(const char* appName);
 
-  // Writes the message when its level is not above the current one. A null format writes nothing.
+  // Writes the message when its level is not above the current one. Levels: 1 errors and warnings, 2 main steps, 3
+  // details, 4 library routines, 5 fine internals, 6 raw data. The format is that of printf; leading newlines are
+  // dropped and one is put at the end. A null format writes nothing.
   virtual void Print(unsigned int level, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
 
-  // Written whatever the level: to the ring buffer when that is the target, and always to the log file.
+  // Written whatever the level: to the ring buffer when that is the target, and always to the log file:
   virtual void PrintAlways(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
   virtual void PrintAlways(unsigned int level, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
 
@@ -70,6 +74,9 @@ class CDebug : public CDebugTraceConfig {
   // No level test; to the current target alone, with the caller's own tag.
   virtual void ClientPrintV(const char* fmt, va_list args, const char* tag) __attribute__((format(printf, 2, 0)));
 
+  // For the binary that brings the object alone: these are not in the table, so others have nothing to link them with.
+
+  // As Print.
   void PrintV(unsigned int level, const char* fmt, va_list args) __attribute__((format(printf, 3, 0)));
 
   // Keeps the command line (borrowed, it must outlive the object) and writes it to both targets when argc > 0.
@@ -83,7 +90,7 @@ class CDebug : public CDebugTraceConfig {
   // true: back to the configured level and active; false: level 0 and inactive. The target stays. Always true.
   bool ForceMaxDebug(bool on);
 
-  // Takes no lock.
+  // Where entries go from now on, one of the targets below. Takes no lock.
   void SetTarget(unsigned int target) { m_TraceTarget.store(target, std::memory_order_relaxed); }
 
   // Appends "_" and the upper-cased name to the text in buf, at most size - 1 characters in all, always terminated.
@@ -93,12 +100,14 @@ class CDebug : public CDebugTraceConfig {
   // Lower-cases in place and returns its argument; null stays null.
   static char* StringToLower(char* text);
 
-  // Where the trace files are; set by Init.
+  // Where the trace files are; set by Init, "" before. Valid until the next Init.
   const char* Directory() const { return m_Settings.directory; }
 
-  static constexpr unsigned int kTargetNone = 0;
-  static constexpr unsigned int kTargetLogFile = 1;
-  static constexpr unsigned int kTargetRingBuffer = 2;
+  // The targets.
+
+  static constexpr unsigned int kTargetNone = 0;        // nothing is written
+  static constexpr unsigned int kTargetLogFile = 1;     // log.<app>
+  static constexpr unsigned int kTargetRingBuffer = 2;  // log.<app>_i, then log.<app>_a
 
  protected:
   friend struct CDebugLifetime;

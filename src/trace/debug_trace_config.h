@@ -12,6 +12,7 @@
 // them: their order and sizes must not change.
 class CDebugTraceConfig {
  public:
+  // Read by anybody at any time, written by the trace object alone:
   std::atomic<uint32_t> m_TraceLevel = 0;       // a message of level L is written when L <= m_TraceLevel
   std::atomic<uint32_t> m_TraceLevelSaved = 0;  // what ForceMaxDebug(true) restores
   std::atomic<uint32_t> m_FileDebugLevel = 0;   // ini key FileDebugLevel

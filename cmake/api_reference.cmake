@@ -1,0 +1,25 @@
+# cmake [-DOUTPUT=DIRECTORY] -P cmake/api_reference.cmake: makes the reference of the library with doxygen, from the public
+# headers as they are installed and the pages of docs/api. It is in DIRECTORY/html, build/docs by default. Fails when a
+# public declaration has no description, and leaves nothing then.
+cmake_minimum_required(VERSION 3.25)
+get_filename_component(PROJECT_SOURCE_DIR ${CMAKE_CURRENT_LIST_DIR} DIRECTORY)
+if(NOT OUTPUT)
+  set(OUTPUT ${PROJECT_SOURCE_DIR}/build/docs)
+endif()
+get_filename_component(OUTPUT ${OUTPUT} ABSOLUTE)
+file(STRINGS ${PROJECT_SOURCE_DIR}/CMakeLists.txt version REGEX "^project\\(ravd VERSION")
+string(REGEX MATCH "([0-9]+)\\.([0-9]+)\\.([0-9]+)" PROJECT_VERSION "${version}")
+set(PROJECT_VERSION_MAJOR ${CMAKE_MATCH_1})
+set(PROJECT_VERSION_MINOR ${CMAKE_MATCH_2})
+set(PROJECT_VERSION_PATCH ${CMAKE_MATCH_3})
+
+file(REMOVE_RECURSE ${OUTPUT})
+set(CMAKE_BINARY_DIR ${OUTPUT})
+include(${CMAKE_CURRENT_LIST_DIR}/public_headers.cmake)
+configure_file(${PROJECT_SOURCE_DIR}/docs/api/Doxyfile.in ${OUTPUT}/Doxyfile @ONLY)
+execute_process(COMMAND doxygen ${OUTPUT}/Doxyfile WORKING_DIRECTORY ${PROJECT_SOURCE_DIR} RESULT_VARIABLE result)
+if(NOT result EQUAL 0)
+  file(REMOVE_RECURSE ${OUTPUT})
+  message(FATAL_ERROR "doxygen: ${result}")
+endif()
+message("the reference is ${OUTPUT}/html/index.html")
