@@ -91,6 +91,7 @@ holds_the_same ravd ravd
 holds_the_same ravctl ravctl
 holds_the_same libravagent libravagent3
 holds_the_same libravagent-devel libravagent-dev
+holds_the_same ravd-doc ravd-doc
 program_is_the_same ravd /usr/sbin/ravd
 program_is_the_same ravctl /usr/bin/ravctl
 configuration_is_kept
