@@ -319,7 +319,7 @@ TEST(TraceCommands, FaultsAreOneLineWithTheirStatus) {
       {"show /t --until 24:00", 2, "trace show: not a time: 24:00..."},
       {"show /t --until 2026-1", 2, "trace show: not a time: 2026-1..."},
       {"show /t -g '(a'", 2, "trace show: not a regular expression: (a: missing ): (a (with -F a text..."},
-      {"show /t --previous --run 2", 2, "--previous excludes --run..."},
+      {"show /t --previous --run 2", 2, "--run excludes --previous..."},
       {"show /garbage", 5, "warning: not a trace: no line of it begins an entry: /garbage..."},
       {"stats /t -o nosuch", 2, "trace stats: no such column: nosuch..."},
       {"show /t -o txt", 2,
