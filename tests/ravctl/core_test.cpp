@@ -85,7 +85,7 @@ TEST(CommandLine, FaultsAreOneLineWithTheirStatus) {
 
 TEST(CommandLine, ColumnsHeadingsAndColors) {
   const ToolRoot machine;
-  EXPECT_THAT(machine.Ravctl("doctor -o check,severity --no-headings").out, HasSubstr("daemon   warning\n"));
+  EXPECT_THAT(machine.Ravctl("doctor -o check,severity --no-headings").out, HasSubstr("daemon    warning\n"));
   EXPECT_THAT(machine.Ravctl("doctor --color=always").out, HasSubstr("\x1b[33mwarning"));
   EXPECT_THAT(machine.Ravctl("daemon status --help").out, HasSubstr("Examples:\n  ravctl daemon status\n"));
 }
