@@ -238,6 +238,8 @@ TEST(TraceShow, FiltersAndTheirNegations) {
   EXPECT_EQ(machine.Ravctl("trace show /t/log.x -o tag,text -n 3").out,
             "TAG           TEXT\nravd          two\\x1b[2J\nother         Three\\x0afour\nravd          five\n");
   EXPECT_THAT(machine.Ravctl("trace show /t/log.x").out, HasSubstr("two\\x1b[2J\n"));
+  EXPECT_EQ(machine.Ravctl("trace show -g five -o text --no-headings /t/log.x").out, "five\n");
+  EXPECT_EQ(machine.Ravctl("trace show -o text --no-headings -g five /t/log.x").out, "five\n");
   EXPECT_EQ(machine.Json("trace show /t/log.x -g nothing", 1)["data"].size(), 0U);
 }
 
