@@ -85,7 +85,7 @@ TEST(CommandLine, FaultsAreOneLineWithTheirStatus) {
 
 TEST(CommandLine, ColumnsHeadingsAndColors) {
   const ToolRoot machine;
-  EXPECT_THAT(machine.Ravctl("doctor -o check,severity --no-headings").out, HasSubstr("daemon   warning\n"));
+  EXPECT_THAT(machine.Ravctl("doctor -o check,severity --no-headings").out, HasSubstr("daemon    warning\n"));
   EXPECT_THAT(machine.Ravctl("doctor --color=always").out, HasSubstr("\x1b[33mwarning"));
   EXPECT_THAT(machine.Ravctl("daemon status --help").out, HasSubstr("Examples:\n  ravctl daemon status\n"));
 }
@@ -213,6 +213,13 @@ TEST(LastCrash, StatusAndDoctorTellOfIt) {
   ASSERT_NE(finding, doctor.end());
   EXPECT_THAT(Members(*finding, "severity place finding"),
               AllOf(StartsWith("warning, " + kept + ", "), HasSubstr(text + ", in libx.so at 0x139")));
+  // A bundle has the lines of the kernel and the state of the unit with it.
+  machine.WriteFile("/tree" + kept + "/exit", "result=core-dump\nsignal=SEGV\npid=4711\n");
+  machine.WriteFile("/tree/ravctl/kernel.txt", "ravd[4713]" + line + "libx.so[1000+1000]\n");
+  machine.WriteFile("/tree/ravctl/unit.txt", "LoadState=loaded\nActiveState=failed\nResult=core-dump\n");
+  EXPECT_EQ(machine.Json("daemon status --sysroot /tree", 6)["data"]["last_crash"],
+            text + ", in libx.so at 0x139 of its mapping");
+  EXPECT_THAT(machine.Json("doctor --sysroot /tree", 1)["data"].dump(), HasSubstr("failed: core-dump"));
   // Nothing tells where.
   machine.WriteFile("/var/log/kern.log", "ravd[471]" + line + "libx.so[1000+1000]\n");
   EXPECT_EQ(machine.Json("daemon status", 6)["data"]["last_crash"], text);

@@ -238,6 +238,8 @@ TEST(TraceShow, FiltersAndTheirNegations) {
   EXPECT_EQ(machine.Ravctl("trace show /t/log.x -o tag,text -n 3").out,
             "TAG           TEXT\nravd          two\\x1b[2J\nother         Three\\x0afour\nravd          five\n");
   EXPECT_THAT(machine.Ravctl("trace show /t/log.x").out, HasSubstr("two\\x1b[2J\n"));
+  EXPECT_EQ(machine.Ravctl("trace show -g five -o text --no-headings /t/log.x").out, "five\n");
+  EXPECT_EQ(machine.Ravctl("trace show -o text --no-headings -g five /t/log.x").out, "five\n");
   EXPECT_EQ(machine.Json("trace show /t/log.x -g nothing", 1)["data"].size(), 0U);
 }
 
@@ -319,7 +321,7 @@ TEST(TraceCommands, FaultsAreOneLineWithTheirStatus) {
       {"show /t --until 24:00", 2, "trace show: not a time: 24:00..."},
       {"show /t --until 2026-1", 2, "trace show: not a time: 2026-1..."},
       {"show /t -g '(a'", 2, "trace show: not a regular expression: (a: missing ): (a (with -F a text..."},
-      {"show /t --previous --run 2", 2, "--previous excludes --run..."},
+      {"show /t --previous --run 2", 2, "--run excludes --previous..."},
       {"show /garbage", 5, "warning: not a trace: no line of it begins an entry: /garbage..."},
       {"stats /t -o nosuch", 2, "trace stats: no such column: nosuch..."},
       {"show /t -o txt", 2,

@@ -21,7 +21,8 @@ struct TargetAdder {
   CLI::Option* operator()(bool* isSet) const { return app.add_flag(row.names, *isSet, row.meaning); }
   CLI::Option* operator()(std::vector<std::string>* list) const {
     CLI::Option* option = app.add_option(row.names, *list, row.meaning);
-    return row.IsWord() ? option : option->expected(1)->take_all();
+    // What follows the value of an option is a word of the command.
+    return row.IsWord() ? option : option->expected(1)->take_all()->allow_extra_args(false);
   }
   CLI::Option* operator()(const std::function<void(const std::string&)>& take) const {
     return app.add_option_function<std::string>(row.names, take, row.meaning);

@@ -16,9 +16,8 @@ struct LastCrash {
 
 // None when no run is kept. The library is named when the kernel wrote a line about the crash that can be read: in the
 // journal of the minutes before, where the line may name any thread of the run, or at the end of /var/log/kern.log,
-// where it has to be the process itself. Of a bundle the lines are those that it
-// has of them. Throws CommandError when the trace
-// directory cannot be looked into.
+// where it has to be the process itself. A bundle brings the lines of the journal along. Throws CommandError when the
+// trace directory cannot be looked into.
 std::optional<LastCrash> FindLastCrash();
 
 struct CrashLine {

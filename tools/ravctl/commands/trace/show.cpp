@@ -65,7 +65,7 @@ ExitCode RunShow(const ShowOptions& options, Output& out) {
         const bool isWanted = filter.IsEmpty() || filter.Matches(ParseEntry(whole));
         if (isWanted && isChoosing) wanted.push_back(entries.size());
         if (isWanted && !isChoosing) writer.Write(whole);
-        if (isChoosing) entries.push_back(whole);
+        if (isChoosing && (isWanted || options.context > 0)) entries.push_back(whole);
         count += isWanted ? 1 : 0;
         return !out.IsClosed();
       });
