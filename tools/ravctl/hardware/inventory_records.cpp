@@ -12,6 +12,7 @@
 #include "inventory/system_device_scan.h"
 #include "ravctl/answer/json.h"
 #include "ravctl/base/error.h"
+#include "ravctl/hardware/firmware_slots.h"
 #include "ravctl/hardware/record.h"
 
 namespace ravctl {
@@ -85,12 +86,12 @@ void AddIds(const CSystemAdapter& adapter, Json& record) {
   record["sub_class"] = isPci ? TextOrNull(CPciCommonConfigHeader::GetPciSubClassDescription(header)) : Json();
 }
 
-Json AdapterRecord(CSystemAdapter& adapter) {
+Json AdapterRecord(CSystemAdapter& adapter, const SlotPlaces& slots) {
   const bool isPci = adapter.GetPciAddress().IsValid();
   const PciNames names = isPci ? FindPciNames(adapter.GetSlotData().header) : PciNames{};
   CWWN wwn;
   const bool hasWwn = adapter.ClassName == kScsiClass && adapter.GetNodeWWN(wwn);
-  const int slot = adapter.GetSlotData().slot;
+  const auto slot = isPci ? slots.Find(PciPlace::Of(adapter.GetPciAddress())) : std::nullopt;
   Json record = {{"address", AddressText(adapter.GetPciAddress())},
                  {"class", TextOrNull(adapter.ClassName)},
                  {"name", TextOrNull(adapter.DeviceName)},
@@ -101,7 +102,7 @@ Json AdapterRecord(CSystemAdapter& adapter) {
                  {"mac", BytesText(adapter.GetMacAddress().Bytes())},
                  {"permanent_mac", BytesText(adapter.GetPermanentMacAddress().Bytes())},
                  {"wwn", hasWwn ? BytesText(wwn.bytes) : Json()},
-                 {"slot", slot >= 0 ? Json(slot) : Json()},
+                 {"slot", slot ? Json(slot->slot->number) : Json()},
                  {"id", TextOrNull(adapter.DeviceIdText())}};
   AddIds(adapter, record);
   AddNetworkDriver(adapter, record);
@@ -109,6 +110,19 @@ Json AdapterRecord(CSystemAdapter& adapter) {
   record["ports"] = Ports(adapter);
   record["memory"] = Memory(adapter);
   return record;
+}
+
+Json ReadAdapters(CSystemDeviceScan& scan) {
+  CPciConfigList list;
+  scan.GetPciSlotConfig(list);
+  const PciFunctions functions(list);
+  const std::vector<FirmwareSlot> slots = ReadFirmwareSlots();
+  const SlotPlaces places(slots, functions);
+  Json records = Json::array();
+  CSystemAdapter adapter;
+  for (int index = 0; scan.GetAdapter(adapter, index); ++index)
+    records.push_back(AdapterRecord(adapter, places));
+  return records;
 }
 
 // ---- drives
@@ -218,9 +232,7 @@ InventoryRecords ReadInventory(unsigned int parts) {
     throw CommandError(ExitCode::kInternal, "the scan of the hardware failed", "", "look at its trace");
   }
   InventoryRecords records;
-  CSystemAdapter adapter;
-  for (int index = 0; scan.GetAdapter(adapter, index); ++index)
-    records.adapters.push_back(AdapterRecord(adapter));
+  if ((parts & kAdapterRecords) != 0) records.adapters = ReadAdapters(scan);
   // The queries of the scan give the drives of adapters alone; others have none.
   std::vector<CSystemDrive> drives;
   if ((parts & (kDriveRecords | kVolumeRecords)) != 0) CSystemDrive::ScanSystemDrives(drives, false, false);
