@@ -6,6 +6,8 @@
 
 #include "inventory/adapter_driver.h"
 #include "ravctl/answer/json.h"
+#include "ravctl/hardware/pci_name_finder.h"
+#include "ravctl/hardware/pci_sysfs.h"
 #include "ravctl/hardware/record.h"
 
 namespace ravctl {
@@ -21,7 +23,7 @@ class RecordMaker {
       : m_Functions(functions), m_Slots(slots, functions) {}
 
   Json Make(const PciPlace& place, const CPciCommonConfigHeader& header) {
-    const PciNames names = FindPciNames(header);
+    const PciNames names = m_Names.Find(header);
     const bool isPlain = header.HeaderLayout() == 0;
     const bool isBridge = header.IsBridge();
     const bool isRouted = header.InterruptPin() != 0 && header.InterruptLine() != kNoInterruptLine;
@@ -40,6 +42,8 @@ class RecordMaker {
             {"revision", HexText(header.Revision(), 2)},
             {"vendor", names.vendor},
             {"product", names.product},
+            {"subsystem", names.subsystem},
+            {"names_from", names.source},
             {"driver", Driver(place)},
             {"slot", slot ? Json(slot->slot->number) : Json()},
             {"slot_from", !slot ? Json() : Json(slot->isBehindBridge ? "bridge" : "firmware")},
@@ -52,7 +56,9 @@ class RecordMaker {
   }
 
  private:
+  // The kernel's list of drivers knows no segments.
   Json Driver(const PciPlace& place) {
+    if (const auto bound = ReadPciDriver(place)) return TextOrNull(*bound);
     std::string driver;
     m_Drivers.Find(place.segment, place.bus, place.device, place.function, kMaxDriverName, driver);
     return TextOrNull(driver);
@@ -61,6 +67,7 @@ class RecordMaker {
   const PciFunctions& m_Functions;
   const SlotPlaces m_Slots;
   PciDriverTable m_Drivers;
+  PciNameFinder m_Names;
 };
 
 class TreeWalk {
