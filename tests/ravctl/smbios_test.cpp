@@ -38,6 +38,21 @@ void Write(const ToolRoot& machine, const std::string& table, const std::string&
                     entryPoint.empty() ? EntryPoint64(0, static_cast<uint32_t>(table.size())) : entryPoint);
 }
 
+// The values of these fields ("Size,Speed") of the last structure that is shown: "-" for one that has none.
+std::string Fields(const ToolRoot& machine, const std::string& names) {
+  const nlohmann::json fields = machine.Json("smbios show 1 4 17 38")["data"].back()["fields"];
+  std::stringstream list(names);
+  std::string values;
+  for (std::string name; std::getline(list, name, ',');) {
+    nlohmann::json value = "none";
+    for (const nlohmann::json& field : fields) {
+      if (field["name"] == name) value = field["value"].is_null() ? nlohmann::json("-") : field["value"];
+    }
+    values += (values.empty() ? "" : "|") + value.get<std::string>();
+  }
+  return values;
+}
+
 TEST(Smbios, ListAndShow) {
   const ToolRoot machine;
   Write(machine, SoundTable().Add(200, "\x01\x02", {"own"}).AddEnd().Bytes());
@@ -54,17 +69,61 @@ TEST(Smbios, ListAndShow) {
   EXPECT_THAT(system, HasSubstr("  UUID           00112233-4455-6677-0809-0a0b0c0d0e0f\n"));
   EXPECT_THAT(machine.Ravctl("smbios show 0x0003").out, HasSubstr("String 1   own\n  Bytes      C80603000102\n"));
 
-  const nlohmann::json module = machine.Json("smbios show 'memory dev'")["data"][0];
-  const auto value = [&module](const std::string& name) {
-    for (const nlohmann::json& field : module["fields"]) {
-      if (field["name"] == name) return field["value"].is_null() ? "-" : field["value"].get<std::string>();
-    }
-    return std::string("no such field");
+  EXPECT_EQ(Fields(machine, "Size,Extended Size,Type,Speed"), "64G|64G|DDR4|3200 MT/s");
+  EXPECT_EQ(Fields(machine, "Array Handle,Total Width,Part Number"), "0x1000|72 bit|RV-64G");
+  EXPECT_EQ(Fields(machine, "Configured Voltage"), "none");  // behind the end of the structure
+}
+
+// Old versions, values that stand in another field or nowhere, and what dmidecode says of the same bytes.
+TEST(Smbios, SaysWhatDmidecodeSays) {
+  const std::string uuid = Bytes({0, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 8, 9, 10, 11, 12, 13, 14, 15});
+  const std::string system = Bytes({0, 0, 0, 0}) + uuid + Bytes({6, 0, 0});
+  const auto module = [](uint64_t size, uint64_t speed, const std::string& rest) {
+    return LittleEndian(0x1000, 2) + LittleEndian(0xFFFE, 2) + LittleEndian(0, 4) + LittleEndian(size, 2) +
+           Bytes({9, 0, 0, 0, 26, 0, 0}) + LittleEndian(speed, 2) + rest;
   };
-  EXPECT_EQ(value("Size") + "|" + value("Extended Size") + "|" + value("Type") + "|" + value("Speed"),
-            "-|64G|DDR4|3200 MT/s");
-  EXPECT_EQ(value("Array Handle") + "|" + value("Total Width") + "|" + value("Part Number"), "0x1000|72 bit|RV-64G");
-  EXPECT_EQ(value("Configured Voltage"), "no such field");  // behind the end of the structure
+  const std::string extended =
+      Bytes({0, 0, 0, 0, 0}) + LittleEndian(131072, 4) + std::string(0x54 - 0x20, 0) + LittleEndian(70000, 4);
+  const std::string processor = Bytes({0, 3, 1, 0}) + std::string(9, 0) + Bytes({3}) + std::string(10, 0);
+  const std::string ipmi = Bytes({1, 0x20, 0x40, 0xFF}) + LittleEndian(0xCA3, 8);
+  const struct {
+    const char* version;
+    SmbiosTable table;
+    const char *fields, *ours, *dmidecode;
+  } rows[] = {
+      {"\x2\x4", SmbiosTable().Add(1, system), "UUID", "00112233-4455-6677-0809-0a0b0c0d0e0f",
+       "UUID: 00112233-4455-6677-0809-0a0b0c0d0e0f"},
+      {"\x2\x33", SmbiosTable().Add(1, system), "UUID", "33221100-5544-7766-0809-0a0b0c0d0e0f",
+       "UUID: 33221100-5544-7766-0809-0a0b0c0d0e0f"},
+      {"\x3\x2", SmbiosTable().Add(1, system), "UUID", "33221100-5544-7766-0809-0a0b0c0d0e0f",
+       "UUID: 33221100-5544-7766-0809-0a0b0c0d0e0f"},
+      {"\x3\x3", SmbiosTable().Add(17, module(0x7FFF, 0xFFFF, extended)),
+       "Total Width,Size,Extended Size,Speed,Extended Speed", "-|128G|128G|70000 MT/s|70000 MT/s", "Size: 128 GB"},
+      {"\x3\x2", SmbiosTable().Add(17, module(0x0800, 3200, "")), "Data Width,Size,Extended Size,Speed",
+       "-|2.0G|none|3200 MT/s", "Total Width: Unknown"},
+      {"\x3\x2", SmbiosTable().Add(4, processor), "Voltage", "5.0 V, 3.3 V", "Voltage: 5.0 V 3.3 V"},
+      {"\x3\x2", SmbiosTable().Add(38, ipmi), "I2C Address,Base Address", "0x20|0x0000000000000CA2 (I/O)",
+       "Base Address: 0x0000000000000CA2 (I/O)"},
+      {"\x3\x2", SmbiosTable().Add(38, ipmi + "\x10"), "Base Address", "0x0000000000000CA3 (I/O)",
+       "Base Address: 0x0000000000000CA3 (I/O)"},
+  };
+  for (const auto& [version, described, fields, ours, dmidecode] : rows) {
+    SCOPED_TRACE(dmidecode);
+    const ToolRoot machine;
+    SmbiosTable table = described;
+    const std::string bytes = table.AddEnd().Bytes();
+    std::string entryPoint = version[0] == 3 ? EntryPoint64(0, 9000) : EntryPoint32(0, 9000, 2);
+    entryPoint.replace(version[0] == 3 ? 7 : 6, 2, version);
+    SetChecksum(entryPoint, version[0] == 3 ? 5 : 4, entryPoint.size());
+    Write(machine, bytes, entryPoint);
+    EXPECT_EQ(Fields(machine, fields), ours);
+    ASSERT_EQ(machine.Ravctl("smbios dump --dump-bin /tmp/dump").status, 0);
+    machine.Run([] { EXPECT_NE(std::system("/usr/sbin/dmidecode --from-dump /tmp/dump >/tmp/said 2>&1"), -1); },
+                FixtureRoot::kUsr);
+    if (machine.ReadFile("/tmp/said").find("not found") != std::string::npos) GTEST_SKIP() << "no dmidecode here";
+    EXPECT_THAT(Lower(machine.ReadFile("/tmp/said")), HasSubstr(Lower(dmidecode)));
+    EXPECT_THAT(machine.ReadFile("/tmp/said"), HasSubstr("End Of Table"));
+  }
 }
 
 TEST(Smbios, DumpWritesNewFilesOfTheCallerAlone) {

@@ -17,10 +17,10 @@ class ServerTree : public ServerMachine {
     WriteSmbios(
         *this,
         SmbiosTable().AddSlot({.id = 3, .type = 6, .bus = 0x18}).AddSlot({.id = 4, .type = 6, .device = 1}).AddEnd());
-    Add("0000:00:01.0", 0x80862030, 0x060400, "", {.headerType = 0x81, .secondaryBus = 0x17});
+    Add("0000:00:01.0", 0x8086F030, 0x060400, "", {.headerType = 0x81, .secondaryBus = 0x17});
     Add("0000:17:00.0", 0x80861521, 0x020000, "igb", {.headerType = 0x80, .subVendor = 0x1734, .subDevice = 1});
-    Add("0000:18:00.0", 0x10000016, 0x010400, "megaraid_sas");
-    Add("0000:5e:00.0", 0x144DA808, 0x010802, "nvme");
+    Add("0000:18:00.0", 0x1000FF16, 0x010400, "megaraid_sas");
+    Add("0000:5e:00.0", 0x144DFFA8, 0x010802, "nvme");
     MakeDirectory("/sys/bus/pci/devices");
     AddInterface("eth7", "02:00:00:00:00:01", "../../../0000:17:00.0");
     WriteFile("/etc/pelrix/Adapter.ini", "[8086]\nVendor=Kestrel\n1521=Quad \x1b[31mPort\n");

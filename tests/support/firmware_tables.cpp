@@ -37,8 +37,10 @@ SmbiosTable& SmbiosTable::Add(uint8_t type, const std::string& body, const std::
 
 // Designation, type, width, usage, length, number, characteristics, segment, bus, device and function.
 SmbiosTable& SmbiosTable::AddSlot(const SmbiosSlot& slot) {
-  return Add(9, FromBytes({1, slot.type, 13, slot.usage, 4, slot.id, 0, 12, 1, 0, 0, slot.bus, slot.device * 8U}),
-             {"Slot"});
+  return Add(
+      9,
+      FromBytes({1, slot.type, 13, slot.usage, 4, slot.id, 0, 12, 1, 0, 0, slot.bus, slot.device * 8U + slot.function}),
+      {"Slot"});
 }
 
 // Designation, type, instance, segment, bus, device and function.

@@ -20,6 +20,7 @@ struct SmbiosSlot {
   uint8_t usage = 4;    // in use
   uint8_t bus = 0;
   uint8_t device = 0;
+  uint8_t function = 0;
 };
 
 // An SMBIOS structure table (DMTF DSP0134). Handles count from 0.

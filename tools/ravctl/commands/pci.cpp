@@ -84,6 +84,8 @@ std::vector<Column> Columns(bool hasBridges) {
           {.key = "revision", .heading = "REVISION", .isUsual = false},
           {.key = "vendor", .heading = "VENDOR", .isUsual = false},
           {.key = "product", .heading = "PRODUCT", .isUsual = false},
+          {.key = "subsystem", .heading = "SUBSYSTEM", .isUsual = false},
+          {.key = "names_from", .heading = "NAMES FROM", .isUsual = false},
           {.key = "slot", .heading = "SLOT NUMBER", .isRight = true, .isUsual = false},
           {.key = "slot_from", .heading = "SLOT FROM", .isUsual = false},
           {.key = "parent", .heading = "PARENT", .isUsual = false},

@@ -17,6 +17,13 @@ struct Options {
   bool withOnboard = false;
 };
 
+// "x8 PCIe 3", and "PCIe 3 x16" alone where the type has the width in its name.
+Json TypeCell(const Json& slot) {
+  if (slot["type"].is_null() || slot["width"].is_null()) return slot["type"];
+  const std::string type = slot["type"], width = slot["width"];
+  return !width.starts_with("x") || type.ends_with(" " + width) ? type : width + " " + type;
+}
+
 ExitCode RunSlots(const Options& options, Output& out) {
   const Json all = ReadSlotRecords(options.withOnboard);
   WarnWithoutSlots(out);
@@ -24,18 +31,22 @@ ExitCode RunSlots(const Options& options, Output& out) {
   const Json slots = options.filter.Select(all);
   Table table({{.key = "number", .heading = "SLOT", .format = SlotText},
                {.key = "designation", .heading = "DESIGNATION"},
-               {.key = "type", .heading = "TYPE"},
+               {.key = "type_text", .heading = "TYPE"},
                {.key = "usage", .heading = "USE"},
                {.key = "address", .heading = "ADDRESS"},
                {.key = "card", .heading = "CARD"},
                {.key = "sources", .heading = "SAID BY"},
+               {.key = "type", .heading = "TYPE ALONE", .isUsual = false},
                {.key = "width", .heading = "WIDTH", .isUsual = false},
                {.key = "length", .heading = "LENGTH", .isUsual = false},
                {.key = "functions", .heading = "FUNCTIONS", .isUsual = false},
                {.key = "is_onboard", .heading = "ONBOARD", .isUsual = false}});
-  for (const Json& slot : slots)
-    table.Add(slot);
-  out.Print({"slots"}, table);
+  for (const Json& slot : slots) {
+    Json row = slot;
+    row["type_text"] = TypeCell(slot);
+    table.Add(std::move(row));
+  }
+  out.Print({"slots"}, table, slots);
   return table.Size() > 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
 

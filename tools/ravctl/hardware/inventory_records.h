@@ -10,15 +10,17 @@ struct InventoryRecords {
   Json adapters = Json::array();
   Json drives = Json::array();
   Json volumes = Json::array();
+  Json machine = Json::object();  // see machine_records.h
 
-  Json ToJson() const { return {{"adapters", adapters}, {"drives", drives}, {"volumes", volumes}}; }
+  Json ToJson() const;  // one object with all the lists
 };
 
 enum InventoryParts : unsigned int {
   kAdapterRecords = 1,
   kDriveRecords = 2,
   kVolumeRecords = 4,  // the drives that they lie on are scanned as well
-  kAllRecords = 7,
+  kMachineRecords = 8,
+  kAllRecords = 15,
 };
 
 // Scans what is asked for; the other lists are empty. The records are linked by name: a drive says the address of its

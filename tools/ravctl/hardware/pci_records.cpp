@@ -5,9 +5,9 @@
 #include <string>
 
 #include "inventory/adapter_driver.h"
-#include "pci/pci_config_list.h"
-#include "pci/pci_slot_map.h"
 #include "ravctl/answer/json.h"
+#include "ravctl/hardware/pci_name_finder.h"
+#include "ravctl/hardware/pci_sysfs.h"
 #include "ravctl/hardware/record.h"
 
 namespace ravctl {
@@ -17,31 +17,21 @@ namespace {
 constexpr size_t kMaxDriverName = 127;
 constexpr uint8_t kNoInterruptLine = 0xFF;
 
-// The bridges by segment and the bus behind them.
-using Bridges = std::map<std::pair<uint16_t, uint8_t>, CPciAddress>;
-
-Bridges FindBridges(const CPciConfigList& list) {
-  Bridges bridges;
-  for (const auto& [address, function] : list) {
-    const uint8_t bus = function.header.SecondaryBus();
-    if (function.header.IsBridge() && bus != 0) bridges.emplace(std::pair{address.segment, bus}, address);
-  }
-  return bridges;
-}
-
 class RecordMaker {
  public:
-  explicit RecordMaker(const CPciConfigList& list) : m_Bridges(FindBridges(list)) {}
+  RecordMaker(const PciFunctions& functions, const std::vector<FirmwareSlot>& slots)
+      : m_Functions(functions), m_Slots(slots, functions) {}
 
-  Json Make(const CPciSlotData& function) {
-    const CPciCommonConfigHeader& header = function.header;
-    const PciNames names = FindPciNames(header);
+  Json Make(const PciPlace& place, const CPciCommonConfigHeader& header) {
+    const PciNames names = m_Names.Find(header);
     const bool isPlain = header.HeaderLayout() == 0;
     const bool isBridge = header.IsBridge();
     const bool isRouted = header.InterruptPin() != 0 && header.InterruptLine() != kNoInterruptLine;
     const unsigned int classCode = static_cast<unsigned int>(header.BaseClass()) << 16 |
                                    static_cast<unsigned int>(header.SubClass()) << 8 | header.ProgrammingInterface();
-    return {{"address", AddressText(function.address)},
+    const std::optional<SlotPlaces::Answer> slot = m_Slots.Find(place);
+    const PciPlace* const bridge = m_Functions.BridgeOf(place);
+    return {{"address", place.Text()},
             {"class_code", HexText(classCode, 6)},
             {"class", CPciCommonConfigHeader::GetPciBaseClassDescription(header)},
             {"sub_class", TextOrNull(CPciCommonConfigHeader::GetPciSubClassDescription(header))},
@@ -52,10 +42,12 @@ class RecordMaker {
             {"revision", HexText(header.Revision(), 2)},
             {"vendor", names.vendor},
             {"product", names.product},
-            {"driver", Driver(function.address)},
-            {"slot", function.slot >= 0 ? Json(function.slot) : Json()},
-            {"slot_from", SlotSource(function)},
-            {"parent", Parent(function.address)},
+            {"subsystem", names.subsystem},
+            {"names_from", names.source},
+            {"driver", Driver(place)},
+            {"slot", slot ? Json(slot->slot->number) : Json()},
+            {"slot_from", !slot ? Json() : Json(slot->isBehindBridge ? "bridge" : "firmware")},
+            {"parent", bridge == nullptr ? Json() : Json(bridge->Text())},
             {"is_bridge", isBridge},
             {"primary_bus", isBridge ? Json(header.PrimaryBus()) : Json()},
             {"secondary_bus", isBridge ? Json(header.SecondaryBus()) : Json()},
@@ -64,28 +56,18 @@ class RecordMaker {
   }
 
  private:
-  Json Driver(const CPciAddress& address) {
+  // The kernel's list of drivers knows no segments.
+  Json Driver(const PciPlace& place) {
+    if (const auto bound = ReadPciDriver(place)) return TextOrNull(*bound);
     std::string driver;
-    m_Drivers.Find(address.segment, address.bus, address.device, address.function, kMaxDriverName, driver);
+    m_Drivers.Find(place.segment, place.bus, place.device, place.function, kMaxDriverName, driver);
     return TextOrNull(driver);
   }
 
-  // A number that the slot table does not give to the device itself is that of the bridge in front.
-  Json SlotSource(const CPciSlotData& function) {
-    if (function.slot < 0) return nullptr;
-    unsigned char slot = 0;
-    const CPciAddress& at = function.address;
-    return m_Slots.GetPciSlotNumber(slot, at.bus, at.device, at.function, at.segment) ? "firmware" : "bridge";
-  }
-
-  Json Parent(const CPciAddress& address) const {
-    const auto bridge = m_Bridges.find({address.segment, address.bus});
-    return bridge == m_Bridges.end() ? Json() : AddressText(bridge->second);
-  }
-
-  Bridges m_Bridges;
+  const PciFunctions& m_Functions;
+  const SlotPlaces m_Slots;
   PciDriverTable m_Drivers;
-  CPciSlotMap m_Slots;
+  PciNameFinder m_Names;
 };
 
 class TreeWalk {
@@ -120,14 +102,16 @@ class TreeWalk {
 
 }  // namespace
 
-Json ReadPciRecords() {
-  CPciConfigList list;
-  CPciConfigList::ScanPciSlots(list, true);
-  RecordMaker maker(list);
+Json MakePciRecords(const PciFunctions& functions, const std::vector<FirmwareSlot>& slots) {
+  RecordMaker maker(functions, slots);
   Json records = Json::array();
-  for (const auto& [address, function] : list)
-    records.push_back(maker.Make(function));
+  for (const auto& [place, header] : functions)
+    records.push_back(maker.Make(place, header));
   return records;
+}
+
+Json ReadPciRecords() {
+  return MakePciRecords(PciFunctions(), ReadFirmwareSlots());
 }
 
 std::vector<PciTreeRow> BuildPciTree(const Json& records) {

@@ -3,11 +3,15 @@
 #include <vector>
 
 #include "ravctl/answer/output.h"
+#include "ravctl/hardware/firmware_slots.h"
+#include "ravctl/hardware/pci_functions.h"
 
 namespace ravctl {
 
 // The PCI functions in address order as JSON objects, as schemas/pci.json describes them: what their header says, the
 // driver, the slot and where its number comes from, and the bridge in front.
+Json MakePciRecords(const PciFunctions& functions, const std::vector<FirmwareSlot>& slots);
+// The same of this machine as it is now.
 Json ReadPciRecords();
 
 // The records in the order of a tree, each behind the bridge in front of it. A bridge that stands behind itself in a

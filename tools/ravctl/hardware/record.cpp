@@ -6,19 +6,11 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "pci/pci_names.h"
-
 namespace ravctl {
 
 namespace {
 
 constexpr const char* kSmbiosTable = "/sys/firmware/dmi/tables/DMI";
-
-// "Ethernet controller [0200]: Maker and model" => "Maker and model"
-std::string_view WithoutClass(std::string_view description) {
-  const size_t end = description.find("]: ");
-  return end == std::string_view::npos ? description : description.substr(end + 3);
-}
 
 }  // namespace
 
@@ -47,14 +39,6 @@ Json TextOrNull(std::string_view text) {
   const size_t first = text.find_first_not_of(' ');
   if (first == std::string_view::npos) return nullptr;
   return text.substr(first, text.find_last_not_of(' ') - first + 1);
-}
-
-PciNames FindPciNames(const CPciCommonConfigHeader& header) {
-  std::string product;
-  std::string vendor;
-  const int subsystem = header.SubsystemId() != 0 ? header.SubsystemId() : -1;
-  mapPciID(header.VendorId(), header.DeviceId(), subsystem, product, vendor);
-  return {TextOrNull(vendor), TextOrNull(WithoutClass(product))};
 }
 
 std::string SlotText(const Json& slot) {

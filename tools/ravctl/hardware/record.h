@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "pci/pci_address.h"
-#include "pci/pci_config_header.h"
 #include "ravctl/answer/json.h"
 #include "ravctl/answer/output.h"
 
@@ -24,13 +23,6 @@ std::string HexText(uint64_t value, int digits);
 Json BytesText(std::span<const unsigned char> bytes);
 // Without the blanks around it; null when nothing is left.
 Json TextOrNull(std::string_view text);
-
-// Names of a PCI function as the library finds them, each null when there is none.
-struct PciNames {
-  Json vendor;
-  Json product;
-};
-PciNames FindPciNames(const CPciCommonConfigHeader& header);
 
 // Slot 0 is the board itself: "onboard".
 std::string SlotText(const Json& slot);

@@ -5,9 +5,8 @@
 namespace ravctl {
 
 // The system slots that the firmware describes as JSON objects in order of their numbers, as schemas/slots.json
-// describes them: what the SMBIOS slot structures (type 9) and the PCI IRQ routing table say, the sources that agree
-// about number and place in one record, and the PCI functions that the library places there. withOnboard: the devices
-// of the board too (type 41, and the entries of the routing table without a slot).
+// describes them: what the firmware says (firmware_slots.h), and the PCI functions that stand there, the first that is
+// no bridge as the card. withOnboard: the devices of the board too.
 Json ReadSlotRecords(bool withOnboard);
 
 }  // namespace ravctl

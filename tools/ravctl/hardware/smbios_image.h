@@ -13,6 +13,7 @@ struct SmbiosStructure {
   uint8_t type = 0;
   uint8_t length = 0;  // as the structure says
   uint16_t handle = 0;
+  uint16_t version = 0;                   // of the standard that the table follows: 0x0206; 0 when nothing tells it
   size_t offset = 0;                      // in the table
   std::span<const unsigned char> area;    // formatted area, header included, cut at the end of the table
   std::vector<std::string_view> strings;  // number 1 first
@@ -49,5 +50,13 @@ bool FindSmbiosImage(SmbiosImage& image);
 
 // Walks the table of the image.
 void WalkSmbiosImage(SmbiosImage& image);
+
+// The version that the entry point announces, 0x0206 for 2.6; 0 for none that is known. 2.31, 2.33 and 2.51 are what
+// some firmware writes for a 2.3, a 2.3 and a 2.6.
+uint16_t SmbiosVersion(std::span<const unsigned char> entryPoint);
+
+// Entry point and table in the one file that `dmidecode --from-dump` reads: the table at offset 32, which the entry
+// point says along with its size. Throws CommandError for an entry point that is none.
+std::string SmbiosDumpFile(const SmbiosImage& image);
 
 }  // namespace ravctl

@@ -378,9 +378,19 @@ std::string Megahertz(const SmbiosStructure& structure, size_t offset, size_t si
   const std::string value = KnownNumber(structure, offset, size);
   return value.empty() ? "" : value + " MHz";
 }
+// A field whose value says that another one, further behind, holds it: that one's text, empty without it.
+std::string Extension(Format format, const SmbiosStructure& structure, size_t offset, size_t size) {
+  return offset + size <= structure.area.size() ? format(structure, offset, size) : "";
+}
+std::string ExtendedTransfers(const SmbiosStructure& structure, size_t offset, size_t size) {
+  const uint64_t value = Value(structure, offset, size) & 0x7FFFFFFF;
+  return value == 0 ? "" : std::to_string(value) + " MT/s";
+}
+template <size_t kExtension>
 std::string Transfers(const SmbiosStructure& structure, size_t offset, size_t size) {
   const uint64_t value = Value(structure, offset, size);
-  return value == 0 || value == 0xFFFF ? "" : std::to_string(value) + " MT/s";
+  if (value == 0xFFFF) return Extension(ExtendedTransfers, structure, kExtension, 4);
+  return value == 0 ? "" : std::to_string(value) + " MT/s";
 }
 std::string Millivolts(const SmbiosStructure& structure, size_t offset, size_t size) {
   const std::string value = KnownNumber(structure, offset, size);
@@ -388,36 +398,36 @@ std::string Millivolts(const SmbiosStructure& structure, size_t offset, size_t s
 }
 std::string Bits(const SmbiosStructure& structure, size_t offset, size_t size) {
   const uint64_t value = Value(structure, offset, size);
-  return value == 0xFFFF ? "" : std::to_string(value) + " bit";
-}
-// Units of 64 KiB less one; 0xFF says that the extended field holds it.
-std::string RomSize(const SmbiosStructure& structure, size_t offset, size_t) {
-  const unsigned int value = structure.area[offset];
-  return value == 0xFF ? "" : HumanSize((value + 1ULL) << 16);
+  return value == 0 || value == 0xFFFF ? "" : std::to_string(value) + " bit";
 }
 // The unit, MiB or GiB, stands in the upper two bits.
 std::string ExtendedRomSize(const SmbiosStructure& structure, size_t offset, size_t size) {
   const uint64_t value = Value(structure, offset, size);
-  return HumanSize((value & 0x3FFF) << (value >> 14 == 1 ? 30 : 20));
+  return value == 0 ? "" : HumanSize((value & 0x3FFF) << (value >> 14 == 1 ? 30 : 20));
 }
-std::string Kibibytes(const SmbiosStructure& structure, size_t offset, size_t size) {
-  const uint64_t value = Value(structure, offset, size);
-  return value == 0x80000000 ? "" : HumanSize(value << 10);
+// Units of 64 KiB less one.
+std::string RomSize(const SmbiosStructure& structure, size_t offset, size_t) {
+  const unsigned int value = structure.area[offset];
+  return value == 0xFF ? Extension(ExtendedRomSize, structure, 0x18, 2) : HumanSize((value + 1ULL) << 16);
 }
 std::string Bytes64(const SmbiosStructure& structure, size_t offset, size_t size) {
   const uint64_t value = Value(structure, offset, size);
   return value == 0 || value == ~uint64_t{0} ? "" : HumanSize(value);
 }
-// MiB, or KiB with the upper bit set; 0x7FFF says that the extended field holds it.
-std::string ModuleSize(const SmbiosStructure& structure, size_t offset, size_t size) {
+std::string Capacity(const SmbiosStructure& structure, size_t offset, size_t size) {
   const uint64_t value = Value(structure, offset, size);
-  if (value == 0) return "No module installed";
-  if (value == 0xFFFF || value == 0x7FFF) return "";
-  return HumanSize((value & 0x7FFF) << ((value & 0x8000) != 0 ? 10 : 20));
+  return value == 0x80000000 ? Extension(Bytes64, structure, 0x0F, 8) : HumanSize(value << 10);
 }
 std::string ExtendedModuleSize(const SmbiosStructure& structure, size_t offset, size_t size) {
   const uint64_t value = Value(structure, offset, size) & 0x7FFFFFFF;
   return value == 0 ? "" : HumanSize(value << 20);
+}
+// MiB, or KiB with the upper bit set.
+std::string ModuleSize(const SmbiosStructure& structure, size_t offset, size_t size) {
+  const uint64_t value = Value(structure, offset, size);
+  if (value == 0) return "No module installed";
+  if (value == 0x7FFF) return Extension(ExtendedModuleSize, structure, 0x1C, 4);
+  return value == 0xFFFF ? "" : HumanSize((value & 0x7FFF) << ((value & 0x8000) != 0 ? 10 : 20));
 }
 // KiB, or units of 64 KiB with the upper bit set; two or four bytes.
 std::string CacheSize(const SmbiosStructure& structure, size_t offset, size_t size) {
@@ -429,15 +439,20 @@ std::string CacheLevel(const SmbiosStructure& structure, size_t offset, size_t s
   const uint64_t value = Value(structure, offset, size);
   return "L" + std::to_string((value & 7) + 1) + ((value & 0x80) != 0 ? ", enabled" : ", disabled");
 }
-// The first three groups are little-endian from version 2.6 on, which is what machines of today have.
+// The first three groups are little-endian from version 2.6 on and stand as they are read before. All ones and all
+// zeros are none.
 std::string Uuid(const SmbiosStructure& structure, size_t offset, size_t) {
-  const std::span<const unsigned char> bytes = structure.area.subspan(offset, 16);
+  constexpr uint16_t kSwapped = 0x0206;
   constexpr std::array<size_t, 16> kOrder = {3, 2, 1, 0, 5, 4, 7, 6, 8, 9, 10, 11, 12, 13, 14, 15};
-  if (std::ranges::all_of(bytes, [](unsigned char byte) { return byte == 0xFF; })) return "";
+  const std::span<const unsigned char> bytes = structure.area.subspan(offset, 16);
+  const bool isSwapped = structure.version == 0 || structure.version >= kSwapped;
+  for (const unsigned int none : {0x00U, 0xFFU}) {
+    if (std::ranges::all_of(bytes, [none](unsigned char byte) { return byte == none; })) return "";
+  }
   std::string text;
-  for (const size_t place : kOrder) {
+  for (size_t place = 0; place < kOrder.size(); ++place) {
     if (text.size() == 8 || text.size() == 13 || text.size() == 18 || text.size() == 23) text += '-';
-    text += HexText(bytes[place], 2);
+    text += HexText(bytes[isSwapped ? kOrder[place] : place], 2);
   }
   return text;
 }
@@ -455,11 +470,17 @@ std::string ProcessorStatus(const SmbiosStructure& structure, size_t offset, siz
   const unsigned int value = structure.area[offset];
   return (value & 0x40) == 0 ? "Socket empty" : "Populated, " + NameOrCode(kStatus, value & 7);
 }
+// Tenths of a volt with the upper bit set; without it, what the socket can.
 std::string Voltage(const SmbiosStructure& structure, size_t offset, size_t) {
+  constexpr auto kVoltages = std::to_array<Name>({{1, "5.0 V"}, {2, "3.3 V"}, {4, "2.9 V"}});
   const unsigned int value = structure.area[offset];
-  if ((value & 0x80) == 0) return "";
   const unsigned int tenths = value & 0x7F;
-  return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " V";
+  if ((value & 0x80) != 0) return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " V";
+  std::string text;
+  for (const Name& voltage : kVoltages) {
+    if ((value & voltage.code) != 0) text += (text.empty() ? "" : ", ") + std::string(voltage.text);
+  }
+  return text;
 }
 std::string DeviceFunction(const SmbiosStructure& structure, size_t offset, size_t) {
   const unsigned int value = structure.area[offset];
@@ -475,6 +496,19 @@ std::string OnboardType(const SmbiosStructure& structure, size_t offset, size_t)
 std::string IpmiRevision(const SmbiosStructure& structure, size_t offset, size_t) {
   return std::to_string(structure.area[offset] >> 4) + "." + std::to_string(structure.area[offset] & 0xF);
 }
+// Seven bits of address, then one that is none.
+std::string I2cAddress(const SmbiosStructure& structure, size_t offset, size_t) {
+  return Prefixed(structure.area[offset] >> 1, 2);
+}
+// Bit 0 says what the address is one of; its own lowest bit stands in the modifier. SSIF has an I2C address there.
+std::string IpmiAddress(const SmbiosStructure& structure, size_t offset, size_t size) {
+  constexpr uint8_t kSsif = 4;
+  constexpr size_t kModifier = 0x10;
+  if (structure.area[4] == kSsif) return I2cAddress(structure, offset, 1) + " (SMBus)";
+  const uint64_t value = Value(structure, offset, size);
+  const uint64_t lowest = kModifier < structure.area.size() ? structure.area[kModifier] >> 4 & 1 : 0;
+  return Prefixed((value & ~uint64_t{1}) | lowest, 16) + ((value & 1) != 0 ? " (I/O)" : " (memory-mapped)");
+}
 
 struct FieldRow {
   uint8_t type;
@@ -482,6 +516,7 @@ struct FieldRow {
   uint8_t size;
   const char* name;
   Format format;
+  bool isExtension = false;  // of a field before it: left out when that one holds the value
 };
 
 constexpr auto kFields = std::to_array<FieldRow>({
@@ -492,7 +527,7 @@ constexpr auto kFields = std::to_array<FieldRow>({
     {0, 0x0A, 8, "Characteristics", Hexadecimal},
     {0, 0x14, 2, "Firmware Release", Release},
     {0, 0x16, 2, "Embedded Controller Release", Release},
-    {0, 0x18, 2, "Extended ROM Size", ExtendedRomSize},
+    {0, 0x18, 2, "Extended ROM Size", ExtendedRomSize, true},
     {1, 0x04, 1, "Manufacturer", Text},
     {1, 0x05, 1, "Product Name", Text},
     {1, 0x06, 1, "Version", Text},
@@ -565,10 +600,10 @@ constexpr auto kFields = std::to_array<FieldRow>({
     {16, 0x04, 1, "Location", Named<kMemoryLocations>},
     {16, 0x05, 1, "Use", Named<kMemoryUses>},
     {16, 0x06, 1, "Error Correction", Named<kErrorCorrections>},
-    {16, 0x07, 4, "Maximum Capacity", Kibibytes},
+    {16, 0x07, 4, "Maximum Capacity", Capacity},
     {16, 0x0B, 2, "Error Information Handle", Handle},
     {16, 0x0D, 2, "Memory Devices", Number},
-    {16, 0x0F, 8, "Extended Maximum Capacity", Bytes64},
+    {16, 0x0F, 8, "Extended Maximum Capacity", Bytes64, true},
     {17, 0x04, 2, "Array Handle", Handle},
     {17, 0x06, 2, "Error Information Handle", Handle},
     {17, 0x08, 2, "Total Width", Bits},
@@ -578,22 +613,24 @@ constexpr auto kFields = std::to_array<FieldRow>({
     {17, 0x10, 1, "Locator", Text},
     {17, 0x11, 1, "Bank Locator", Text},
     {17, 0x12, 1, "Type", Named<kMemoryTypes>},
-    {17, 0x15, 2, "Speed", Transfers},
+    {17, 0x15, 2, "Speed", Transfers<0x54>},
     {17, 0x17, 1, "Manufacturer", Text},
     {17, 0x18, 1, "Serial Number", Text},
     {17, 0x19, 1, "Asset Tag", Text},
     {17, 0x1A, 1, "Part Number", Text},
-    {17, 0x1C, 4, "Extended Size", ExtendedModuleSize},
-    {17, 0x20, 2, "Configured Speed", Transfers},
+    {17, 0x1C, 4, "Extended Size", ExtendedModuleSize, true},
+    {17, 0x20, 2, "Configured Speed", Transfers<0x58>},
     {17, 0x26, 2, "Configured Voltage", Millivolts},
+    {17, 0x54, 4, "Extended Speed", ExtendedTransfers, true},
+    {17, 0x58, 4, "Extended Configured Speed", ExtendedTransfers, true},
     {19, 0x04, 4, "Start Address (KiB)", Hexadecimal},
     {19, 0x08, 4, "End Address (KiB)", Hexadecimal},
     {19, 0x0C, 2, "Array Handle", Handle},
     {19, 0x0E, 1, "Partition Width", Number},
     {38, 0x04, 1, "Interface Type", Named<kIpmiTypes>},
     {38, 0x05, 1, "Revision", IpmiRevision},
-    {38, 0x06, 1, "I2C Address", Hexadecimal},
-    {38, 0x08, 8, "Base Address", Hexadecimal},
+    {38, 0x06, 1, "I2C Address", I2cAddress},
+    {38, 0x08, 8, "Base Address", IpmiAddress},
     {39, 0x05, 1, "Location", Text},
     {39, 0x06, 1, "Name", Text},
     {39, 0x07, 1, "Manufacturer", Text},
@@ -634,7 +671,9 @@ std::vector<std::string> SmbiosTypeNames() {
 std::vector<SmbiosField> DecodeSmbiosFields(const SmbiosStructure& structure) {
   std::vector<SmbiosField> fields;
   for (const FieldRow& row : kFields) {
-    if (Reaches(structure, row)) fields.push_back({row.name, row.format(structure, row.offset, row.size)});
+    if (!Reaches(structure, row)) continue;
+    std::string value = row.format(structure, row.offset, row.size);
+    if (!row.isExtension || !value.empty()) fields.push_back({row.name, std::move(value)});
   }
   return fields;
 }

@@ -19,6 +19,8 @@ std::vector<Column> AdapterColumns() {
           {.key = "product", .heading = "PRODUCT NAME", .isUsual = false},
           {.key = "name", .heading = "NAME", .isUsual = false},
           {.key = "vendor", .heading = "VENDOR", .isUsual = false},
+          {.key = "subsystem", .heading = "SUBSYSTEM", .isUsual = false},
+          {.key = "names_from", .heading = "NAMES FROM", .isUsual = false},
           {.key = "permanent_mac", .heading = "PERMANENT MAC", .isUsual = false},
           {.key = "wwn", .heading = "WWN", .isUsual = false},
           {.key = "id", .heading = "ID", .isUsual = false},
@@ -33,11 +35,14 @@ std::vector<Column> AdapterColumns() {
           {.key = "firmware", .heading = "FIRMWARE", .isUsual = false},
           {.key = "irq", .heading = "IRQ", .isRight = true, .isUsual = false},
           {.key = "ports", .heading = "PORTS", .isUsual = false},
-          {.key = "memory", .heading = "MEMORY", .isUsual = false}};
+          {.key = "memory", .heading = "MEMORY", .isUsual = false},
+          {.key = "ranges_from", .heading = "RANGES FROM", .isUsual = false},
+          {.key = "interfaces", .heading = "INTERFACES", .isUsual = false},
+          {.key = "is_known", .heading = "KNOWN", .isUsual = false}};
 }
 
 ExitCode Run(const InventoryOptions& options, Output& out) {
-  const Json adapters = options.filter.Select(ReadInventory(kAdapterRecords, true, out).adapters);
+  const Json adapters = options.filter.Select(ReadInventory(kAdapterRecords, options.all, out).adapters);
   Table table(AdapterColumns());
   for (const Json& adapter : adapters) {
     Json row = adapter;
@@ -61,6 +66,7 @@ void AddInventoryAdapters(Command& inventory) {
        "what network drivers say of themselves"},
       [options](Output& out) { return Run(*options, out); });
   options->filter.AddMatchOption(command);
+  AddAllOption(command, *options);
   options->filter.AddOption(command, "--class", "class", "Only this class: net, SCSIAdapter, Display...");
   options->filter.AddOption(command, "--driver", "driver", "Only with this kernel driver");
   options->filter.AddOption(command, "--interface", "interface", "Only with this network interface");

@@ -15,6 +15,7 @@ std::vector<Column> DriveColumns() {
           {.key = "name", .heading = "NAME"},
           {.key = "revision", .heading = "REVISION"},
           {.key = "serial", .heading = "SERIAL"},
+          {.key = "size_kb", .heading = "SIZE", .isRight = true, .format = KibText},
           {.key = "adapter", .heading = "ADAPTER"},
           {.key = "scsi", .heading = "SCSI"},
           {.key = "number", .heading = "NUMBER", .isRight = true, .isUsual = false},
@@ -23,14 +24,22 @@ std::vector<Column> DriveColumns() {
           {.key = "is_disk", .heading = "DISK", .isUsual = false},
           {.key = "is_removable", .heading = "REMOVABLE", .isUsual = false},
           {.key = "is_hotplug", .heading = "HOTPLUG", .isUsual = false},
-          {.key = "is_multipath", .heading = "MULTIPATH", .isUsual = false}};
+          {.key = "is_multipath", .heading = "MULTIPATH", .isUsual = false},
+          {.key = "partition_names", .heading = "PARTITIONS", .isUsual = false},
+          {.key = "sources", .heading = "SOURCES", .isUsual = false}};
 }
 
 ExitCode Run(const InventoryOptions& options, Output& out) {
   Table table(DriveColumns());
-  for (const Json& drive : options.filter.Select(ReadInventory(kDriveRecords, true, out).drives))
-    table.Add(drive);
-  out.Print({"inventory-drives"}, table);
+  const Json drives = options.filter.Select(ReadInventory(kDriveRecords, true, out).drives);
+  for (const Json& drive : drives) {
+    Json row = drive;
+    row["partition_names"] = Json::array();
+    for (const Json& partition : drive["partitions"])
+      row["partition_names"].push_back(partition["device"]);
+    table.Add(std::move(row));
+  }
+  out.Print({"inventory-drives"}, table, drives);
   return table.Size() > 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
 
@@ -40,7 +49,7 @@ void AddInventoryDrives(Command& inventory) {
   auto options = std::make_shared<InventoryOptions>();
   Command& command =
       inventory.Add({"drives",
-                     "List the drives: SCSI devices, Fusion-io cards and NVMe disks",
+                     "List the drives: disks, CD drives and tapes of every bus",
                      {{"ravctl inventory drives --type disk -o device,serial", "serial numbers of the disks"},
                       {"ravctl inventory drives --adapter 0000:18:00.0", "what one controller has"}},
                      Effect::kReads,

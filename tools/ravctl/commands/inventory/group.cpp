@@ -9,20 +9,31 @@ namespace ravctl {
 
 namespace {
 
+constexpr size_t kLongestText = 120;  // bytes
+constexpr std::string_view kGap = "...";
 constexpr unsigned int kFullPercent = 90;
 constexpr unsigned int kVeryFullPercent = 98;
 
 }  // namespace
 
-void AddAllVolumesOption(Command& command, InventoryOptions& options) {
-  command.AddFlag("-a,--all", &options.all, "The file systems of the kernel too, such as proc and sysfs");
+void AddAllOption(Command& command, InventoryOptions& options) {
+  command.AddFlag("-a,--all", &options.all, "Also the kernel's file systems, such as proc, and unknown ISA devices");
 }
 
-InventoryRecords ReadInventory(unsigned int parts, bool allVolumes, Output& out) {
+InventoryRecords ReadInventory(unsigned int parts, bool all, Output& out) {
   InventoryRecords records = ReadInventory(parts);
   WarnAboutRights(records, out);
-  if (!allVolumes) records.volumes = WithoutKernelVolumes(records.volumes);
+  if (!all) records.volumes = WithoutKernelVolumes(records.volumes);
+  if (!all) records.adapters = WithoutUnknownDevices(records.adapters);
   return records;
+}
+
+Json WithoutUnknownDevices(const Json& adapters) {
+  Json kept = Json::array();
+  for (const Json& adapter : adapters) {
+    if (adapter.value("is_known", true)) kept.push_back(adapter);
+  }
+  return kept;
 }
 
 Json WithoutKernelVolumes(const Json& volumes) {
@@ -43,6 +54,18 @@ Json AdapterTitle(const Json& adapter) {
   if (!adapter["product"].is_null()) return Joined(adapter["vendor"], adapter["product"], " ");
   if (adapter["vendor_id"].is_null()) return adapter["name"];
   return Joined(adapter["sub_class"], Joined(adapter["vendor_id"], adapter["device_id"], ":"), " ");
+}
+
+std::string LineText(const Json& text) {
+  constexpr auto isInside = [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0) == 0x80; };  // of UTF-8
+  const std::string& whole = text.get_ref<const std::string&>();
+  if (whole.size() <= kLongestText) return whole;
+  size_t head = (kLongestText - kGap.size()) / 2, tail = whole.size() - head;
+  while (head > 0 && isInside(whole[head]))
+    --head;
+  while (tail < whole.size() && isInside(whole[tail]))
+    ++tail;
+  return whole.substr(0, head) + std::string(kGap) + whole.substr(tail);
 }
 
 std::string KibText(const Json& kib) {

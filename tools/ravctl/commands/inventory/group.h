@@ -20,20 +20,23 @@ void AddInventoryDiff(Command& inventory);
 
 struct InventoryOptions {
   RecordFilter filter;
-  bool all = false;  // volumes of the kernel too
+  bool all = false;  // also what nobody stores data on or plugs in
 };
 
-void AddAllVolumesOption(Command& command, InventoryOptions& options);
+void AddAllOption(Command& command, InventoryOptions& options);
 
 // The records, with a warning for what this user may not see.
-InventoryRecords ReadInventory(unsigned int parts, bool allVolumes, Output& out);
+InventoryRecords ReadInventory(unsigned int parts, bool all, Output& out);
 Json WithoutKernelVolumes(const Json& volumes);
+Json WithoutUnknownDevices(const Json& adapters);
 
 // The product, else what kind of function it is with its IDs, else the name of an ISA device.
 Json AdapterTitle(const Json& adapter);
 // The two texts with the separator between them, or the one that is there.
 std::string Joined(const Json& first, const Json& second, const char* separator);
 
+// A path or a name as a table shows it: one that is longer than a line without its middle.
+std::string LineText(const Json& text);
 // How a size in KiB, a percentage and the use of a volume are shown.
 std::string KibText(const Json& kib);
 std::string PercentText(const Json& percent);

@@ -1,5 +1,6 @@
 // inventory: adapters, drives and volumes, and how they hang together.
 
+#include <algorithm>
 #include <map>
 #include <set>
 
@@ -34,7 +35,12 @@ Json DriveRow(const Json& drive) {
           {"kind", "drive"},
           {"type", drive["type"]},
           {"name", Joined(drive["vendor"], drive["name"], " ")},
-          {"identity", drive["serial"]}};
+          {"identity", drive["serial"]},
+          {"size_kb", drive["size_kb"]}};
+}
+
+Json PartitionRow(const Json& partition) {
+  return {{"device", partition["device"]}, {"kind", "partition"}, {"size_kb", partition["size_kb"]}};
 }
 
 Json VolumeRow(const Json& volume) {
@@ -51,18 +57,15 @@ std::string Key(const Json& value) {
 class TreeBuilder {
  public:
   explicit TreeBuilder(const InventoryRecords& records) {
-    std::set<std::string> adapters, drives;
+    std::set<std::string> adapters;
     for (const Json& adapter : records.adapters)
       adapters.insert(Key(adapter["address"]));
     for (const Json& drive : records.drives) {
-      drives.insert(Key(drive["device"]));
       const std::string above = Key(drive["adapter"]);
       m_Drives[adapters.contains(above) ? above : ""].push_back(&drive);
     }
-    for (const Json& volume : records.volumes) {
-      const std::string above = Key(volume["drive"]);
-      m_Volumes[drives.contains(above) ? above : ""].push_back(&volume);
-    }
+    for (const Json& volume : records.volumes)
+      PlaceVolume(volume, records.drives);
     for (const Json& adapter : records.adapters)
       AddDrives(Key(adapter["address"]), m_Table.Add(AdapterRow(adapter)));
     AddDrives("", std::nullopt);
@@ -72,20 +75,41 @@ class TreeBuilder {
   const Table& Result() const { return m_Table; }
 
  private:
-  void AddDrives(const std::string& adapter, std::optional<size_t> parent) {
-    if (adapter.empty() && parent) return;  // an ISA device has no address that a drive could name
-    for (const Json* drive : m_Drives[adapter])
-      AddVolumes(Key((*drive)["device"]), m_Table.Add(DriveRow(*drive), parent));
+  // On each of its partitions and drives.
+  void PlaceVolume(const Json& volume, const Json& drives) {
+    bool isPlaced = false;
+    for (const Json& drive : drives) {
+      if (std::ranges::find(volume["drives"], drive["device"]) == volume["drives"].end()) continue;
+      isPlaced = true;
+      bool isOnPartition = false;
+      for (const Json& partition : drive["partitions"]) {
+        if (std::ranges::find(volume["on"], partition["device"]) == volume["on"].end()) continue;
+        m_Volumes[Key(partition["device"])].push_back(&volume);
+        isOnPartition = true;
+      }
+      if (!isOnPartition) m_Volumes[Key(drive["device"])].push_back(&volume);
+    }
+    if (!isPlaced) m_Volumes[""].push_back(&volume);
   }
 
-  void AddVolumes(const std::string& drive, std::optional<size_t> parent) {
-    if (drive.empty() && parent) return;
-    for (const Json* volume : m_Volumes[drive])
+  void AddDrives(const std::string& adapter, std::optional<size_t> parent) {
+    if (adapter.empty() && parent) return;  // an ISA device has no address that a drive could name
+    for (const Json* drive : m_Drives[adapter]) {
+      const size_t row = m_Table.Add(DriveRow(*drive), parent);
+      for (const Json& partition : (*drive)["partitions"])
+        AddVolumes(Key(partition["device"]), m_Table.Add(PartitionRow(partition), row));
+      AddVolumes(Key((*drive)["device"]), row);
+    }
+  }
+
+  void AddVolumes(const std::string& device, std::optional<size_t> parent) {
+    if (device.empty() && parent) return;
+    for (const Json* volume : m_Volumes[device])
       m_Table.Add(VolumeRow(*volume), parent);
   }
 
   Table m_Table{
-      {{.key = "device", .heading = "DEVICE"},
+      {{.key = "device", .heading = "DEVICE", .format = LineText},
        {.key = "kind", .heading = "KIND"},
        {.key = "type", .heading = "TYPE"},
        {.key = "driver", .heading = "DRIVER"},
@@ -93,7 +117,7 @@ class TreeBuilder {
        {.key = "identity", .heading = "MAC/WWN/SERIAL"},
        {.key = "size_kb", .heading = "SIZE", .isRight = true, .format = KibText},
        {.key = "used_percent", .heading = "USED", .isRight = true, .format = PercentText, .color = FullnessColor},
-       {.key = "name", .heading = "NAME"}}};
+       {.key = "name", .heading = "NAME", .format = LineText}}};
   std::map<std::string, std::vector<const Json*>> m_Drives, m_Volumes;
 };
 
@@ -106,19 +130,23 @@ class Selection {
     for (const Json& drive : records.drives)
       Mark(drive, "device", filter.Matches(drive), m_Whole.contains(Key(drive["adapter"])));
     for (const Json& volume : records.volumes)
-      Mark(volume, "mount_point", filter.Matches(volume), m_Whole.contains(Key(volume["drive"])));
+      Mark(volume, "mount_point", filter.Matches(volume), IsBelow(volume["drives"]));
   }
 
   InventoryRecords Result() const {
     InventoryRecords kept;
     std::set<std::string> wanted;  // by those below
-    Take(m_Records.volumes, "", "drive", kept.volumes, wanted);
+    Take(m_Records.volumes, "", "drives", kept.volumes, wanted);
     Take(m_Records.drives, "device", "adapter", kept.drives, wanted);
     Take(m_Records.adapters, "address", "", kept.adapters, wanted);
     return kept;
   }
 
  private:
+  bool IsBelow(const Json& drives) const {
+    return std::ranges::any_of(drives, [this](const Json& drive) { return m_Whole.contains(Key(drive)); });
+  }
+
   void Mark(const Json& record, const char* key, bool isMatch, bool isBelow) {
     if (!isMatch && !isBelow) return;
     m_Kept.insert(&record);
@@ -130,7 +158,9 @@ class Selection {
     for (const Json& record : records) {
       if (!m_Kept.contains(&record) && (key.empty() || !wanted.contains(Key(record[key])))) continue;
       kept.push_back(record);
-      if (!aboveKey.empty() && record[aboveKey].is_string()) wanted.insert(Key(record[aboveKey]));
+      if (aboveKey.empty()) continue;
+      for (const Json& above : record[aboveKey].is_array() ? record[aboveKey] : Json::array({record[aboveKey]}))
+        wanted.insert(Key(above));
     }
   }
 
@@ -140,7 +170,9 @@ class Selection {
 };
 
 ExitCode Run(const InventoryOptions& options, Output& out) {
-  InventoryRecords records = ReadInventory(kAllRecords, options.all, out);
+  // The table does not show what only JSON and a comparison have.
+  const unsigned int parts = out.IsJson() ? kAllRecords : kAllRecords & ~kMachineRecords;
+  InventoryRecords records = ReadInventory(parts, options.all, out);
   if (!options.filter.IsEmpty()) records = Selection(records, options.filter).Result();
   const TreeBuilder tree(records);
   out.Print({"inventory"}, tree.Result(), records.ToJson());
@@ -160,7 +192,7 @@ Command& AddInventory(Command& root) {
                                  "drive inquiries, sizes of volumes, what network drivers say of themselves"},
                                 [options](Output& out) { return Run(*options, out); });
   options->filter.AddMatchOption(inventory);
-  AddAllVolumesOption(inventory, *options);
+  AddAllOption(inventory, *options);
   return inventory;
 }
 

@@ -8,14 +8,17 @@ namespace ravctl {
 namespace {
 
 std::vector<Column> VolumeColumns() {
-  return {{.key = "mount_point", .heading = "MOUNT POINT"},
-          {.key = "device", .heading = "DEVICE"},
+  return {{.key = "mount_point", .heading = "MOUNT POINT", .format = LineText},
+          {.key = "device", .heading = "DEVICE", .format = LineText},
           {.key = "type", .heading = "TYPE"},
           {.key = "size_kb", .heading = "SIZE", .isRight = true, .format = KibText},
           {.key = "available_kb", .heading = "AVAILABLE", .isRight = true, .format = KibText},
           {.key = "used_percent", .heading = "USED", .isRight = true, .format = PercentText, .color = FullnessColor},
           {.key = "kind", .heading = "KIND"},
-          {.key = "drive", .heading = "DRIVE"},
+          {.key = "drives", .heading = "DRIVES"},
+          {.key = "drive", .heading = "FIRST DRIVE", .isUsual = false},
+          {.key = "on", .heading = "ON", .isUsual = false},
+          {.key = "layers", .heading = "LAYERS", .isUsual = false},
           {.key = "blocks", .heading = "BLOCKS", .isRight = true, .isUsual = false},
           {.key = "available_blocks", .heading = "AVAILABLE BLOCKS", .isRight = true, .isUsual = false},
           {.key = "block_size", .heading = "BLOCK SIZE", .isRight = true, .isUsual = false},
@@ -44,7 +47,7 @@ void AddInventoryVolumes(Command& inventory) {
        "sizes of volumes"},
       [options](Output& out) { return Run(*options, out); });
   options->filter.AddMatchOption(command);
-  AddAllVolumesOption(command, *options);
+  AddAllOption(command, *options);
   options->filter.AddOption(command, "--type", "type", "Only this type of file system: ext4, xfs...");
   options->filter.AddOption(command, "--kind", "kind", "Only this kind: local, fat, network, optical, memory, other");
   options->filter.AddOption(command, "--device", "device", "Only from this device");

@@ -20,6 +20,7 @@ namespace {
 enum class ContentKind {
   kText,
   kNumbers,  // a text full of numbers, which may have the form of an address
+  kSerial,   // nothing but a serial number, behind the header of a page of SPC-4 where it is one
   kTrace,
   kRegistry,
   kPlain,  // nothing of a machine's own is in it
@@ -56,6 +57,11 @@ constexpr auto kKinds = std::to_array<KindRow>({
     {"ravctl/modules.txt", "", ContentKind::kNumbers},
     {"proc/meminfo", "", ContentKind::kNumbers},
     {"sys/", "/irq", ContentKind::kNumbers},
+    {"sys/", "/size", ContentKind::kNumbers},
+    {"sys/", "/mtu", ContentKind::kNumbers},
+    {"proc/sys/kernel/osrelease", "", ContentKind::kPlain},
+    {"sys/", "/serial", ContentKind::kSerial},
+    {"sys/", "/vpd_pg80", ContentKind::kSerial},
     {"", "/ravd.pid", ContentKind::kNumbers},
     {"etc/pelrix/registry", "", ContentKind::kRegistry},
 });
@@ -139,6 +145,16 @@ std::string_view EsxTable(std::string_view content) {
   return content.substr(std::min(head, content.size()));
 }
 
+// The serial number in a file of sysfs: without the end of the line, or behind the four bytes that begin a page.
+std::string_view SerialIn(const CapturedEntry& entry) {
+  constexpr size_t kPageHeader = 4;
+  std::string_view serial = entry.content;
+  if (entry.path.ends_with("/vpd_pg80")) serial.remove_prefix(std::min(kPageHeader, serial.size()));
+  while (!serial.empty() && (serial.back() == '\n' || serial.back() == '\0' || serial.back() == ' '))
+    serial.remove_suffix(1);
+  return serial;
+}
+
 void Learn(const CapturedEntry& entry, Redactor& redactor) {
   // Where the library looks is the same on every machine.
   for (const std::string_view top : {"sys/", "proc/", "etc/"}) {
@@ -157,6 +173,8 @@ void Learn(const CapturedEntry& entry, Redactor& redactor) {
     case ContentKind::kPlain:
     case ContentKind::kNumbers:
       return;
+    case ContentKind::kSerial:
+      return redactor.LearnSerial(SerialIn(entry));
     case ContentKind::kRegistry: {
       std::string text = entry.content;
       ForEachBinaryValue(text, [&redactor](std::string& bytes) { redactor.Learn(bytes); });
@@ -181,6 +199,12 @@ void RedactContent(CapturedEntry& entry, Redactor& redactor) {
       return;
     case ContentKind::kNumbers:
       return redactor.Text(content, true);
+    case ContentKind::kSerial: {
+      const std::string_view serial = SerialIn(entry);
+      const auto start = static_cast<size_t>(serial.data() - content.data());
+      content.replace(start, serial.size(), redactor.Serial(serial));
+      return;
+    }
     case ContentKind::kRegistry:
       ForEachBinaryValue(content, [&redactor](std::string& bytes) { redactor.Bytes(bytes); });
       return redactor.Text(content);
