@@ -96,7 +96,7 @@ program_is_the_same ravd /usr/sbin/ravd
 program_is_the_same ravctl /usr/bin/ravctl
 configuration_is_kept
 requires_what_it_should ravd 'systemd$'
-requires_what_it_should ravctl 'lib(smartcols|archive|elf|z|re2|cap-ng)\.so\.'
+requires_what_it_should ravctl 'lib(smartcols|archive|elf|z|re2|cap-ng|pci)\.so\.'
 requires_what_it_should libravagent 'nothing'
 requires_what_it_should libravagent-devel '/usr/bin/(pkg-config|cmake)|cmake-filesystem|libravagent(\.so\.3| = )|pkgconfig\(ravd\)'
 if unshare --map-root-user --mount true 2>/dev/null; then
