@@ -9,6 +9,7 @@
 #include <new>
 
 #include "platform/owned_text.h"
+#include "trace/plain_format.h"
 
 namespace {
 
@@ -57,9 +58,15 @@ char* AppendTag(char* out, const char* end, const char* tag) {
   return out + blanks;
 }
 
-// Of a result of vsnprintf.
-size_t LengthOf(int result) {
-  return result > 0 ? static_cast<size_t>(result) : 0;
+// As vsnprintf, a failure being an empty text.
+size_t FormatText(char* out, size_t size, const char* fmt, va_list args) __attribute__((format(printf, 3, 0)));
+size_t FormatText(char* out, size_t size, const char* fmt, va_list args) {
+  va_list plain;
+  va_copy(plain, args);
+  int length = FormatPlain(out, size, fmt, plain);
+  va_end(plain);
+  if (length < 0) length = std::vsnprintf(out, size, fmt, args);
+  return length > 0 ? static_cast<size_t>(length) : 0;
 }
 
 TraceEntry EndLine(char* line, size_t header, size_t text) {
@@ -72,8 +79,8 @@ TraceEntry EndLine(char* line, size_t header, size_t text) {
 
 TraceEntry EntryFormatter::FormatCut(char* buffer, EntryOrigin origin, const char* fmt, va_list args) {
   const size_t header = SetEntryHeader(buffer, kMaxHeader, origin);
-  const int result = std::vsnprintf(buffer + header, kMaxText + 1, SkipLeadingNewlines(fmt), args);
-  return EndLine(buffer, header, std::min(LengthOf(result), kMaxText));
+  const size_t text = FormatText(buffer + header, kMaxText + 1, SkipLeadingNewlines(fmt), args);
+  return EndLine(buffer, header, std::min(text, kMaxText));
 }
 
 TraceEntry EntryFormatter::FormatWhole(char* buffer, EntryOrigin origin, const char* fmt, va_list args, size_t maxText,
@@ -82,7 +89,7 @@ TraceEntry EntryFormatter::FormatWhole(char* buffer, EntryOrigin origin, const c
   va_copy(again, args);
   fmt = SkipLeadingNewlines(fmt);
   const size_t header = SetEntryHeader(buffer, kMaxHeader, origin);
-  size_t text = LengthOf(std::vsnprintf(buffer + header, kMaxText + 1, fmt, args));
+  size_t text = FormatText(buffer + header, kMaxText + 1, fmt, args);
   char* line = buffer;
   if (text > kMaxText) {
     if (text <= maxText) longEntry.reset(new (std::nothrow) char[text + kRoomBesideText]);
@@ -90,7 +97,7 @@ TraceEntry EntryFormatter::FormatWhole(char* buffer, EntryOrigin origin, const c
       line = longEntry.get();
       std::memcpy(line, buffer, header);
       // An argument may have changed meanwhile.
-      text = std::min(text, LengthOf(std::vsnprintf(line + header, text + 1, fmt, again)));
+      text = std::min(text, FormatText(line + header, text + 1, fmt, again));
     } else {
       const std::string_view warning = text <= maxText ? kNoMemory : kTooBig;
       AppendText(line + header + kMaxText, warning.data(), warning.size());
