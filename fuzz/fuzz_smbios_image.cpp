@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "ravctl/base/error.h"
 #include "ravctl/hardware/smbios_check.h"
 #include "ravctl/hardware/smbios_names.h"
 
@@ -45,5 +46,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (const ravctl::SmbiosStructure& structure : image.structures)
     CheckStructure(structure, image);
   Require(!ravctl::CheckSmbios(image).empty());
+  try {
+    Require(ravctl::SmbiosDumpFile(image).size() == 32 + image.table.Size());
+  } catch (const ravctl::CommandError&) {  // no entry point
+  }
   return 0;
 }

@@ -286,7 +286,8 @@ TEST(InventoryDiff, WhatIsNoDevice) {
   install("/before", false);
   install("/after", true);
   std::string lines;
-  for (const nlohmann::json& row : machine.Json("inventory diff /before /after", 1)["data"])
+  const nlohmann::json diff = machine.Json("inventory diff /before /after", 1);
+  for (const nlohmann::json& row : diff["data"])
     lines += Members(row, "change kind where slot name field old new") + "\n";
   EXPECT_EQ(lines,
             "added, adapter, 0000:17:00.0, 4, ethx 0000:17:00.0, -, -, 0000:17:00.0\n"

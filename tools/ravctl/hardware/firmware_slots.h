@@ -30,7 +30,7 @@ std::vector<FirmwareSlot> ReadFirmwareSlots();
 // - a card stands for its functions, and on a serial bus behind a bridge for everything on that bus;
 // - a host bridge, or a device of a root bus in a slot that is called empty, stands for nothing: zeros are how some
 //   firmware says that it knows no place.
-// Slots in use go before others.
+// Slots in use go before others. Slots and functions are borrowed.
 class SlotPlaces {
  public:
   SlotPlaces(const std::vector<FirmwareSlot>& slots, const PciFunctions& functions);

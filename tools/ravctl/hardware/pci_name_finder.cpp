@@ -5,6 +5,7 @@ extern "C" {
 }
 
 #include <array>
+#include <memory>
 #include <string_view>
 
 #include "ravctl/base/files.h"
@@ -28,48 +29,62 @@ struct IdFileDamaged {};
 
 void SayNothing(char*, ...) {}
 
-}  // namespace
+// Open until the process ends.
+class IdFile {
+ public:
+  static IdFile& Get() {
+    static IdFile file;
+    return file;
+  }
 
-void PciNameFinder::Close::operator()(pci_access* access) const {
-  ::pci_cleanup(access);
-}
+  // Empty for IDs without a name.
+  template <typename... Ids>
+  std::string LookUp(int what, Ids... ids) try {
+    std::array<char, kLongestName> name{};
+    if (m_IsDamaged) return "";
+    const char* const found = ::pci_lookup_name(m_Access.get(), name.data(), name.size(), what | kNamesAlone, ids...);
+    return found == nullptr ? "" : found;
+  } catch (const IdFileDamaged&) {
+    m_IsDamaged = true;
+    return "";
+  }
 
-PciNameFinder::PciNameFinder() : m_IdFile(::pci_alloc()) {
-  std::string text;
-  if (ReadFileInto(kAdapterFile, text) == 0) m_AdapterNames.emplace(std::move(text));
-  m_IdFile->error = ThrowDamaged;
-  m_IdFile->warning = SayNothing;
-  m_IdFile->debug = SayNothing;
-  char parameter[] = "hwdb.disable";
-  char value[] = "1";
-  ::pci_set_param(m_IdFile.get(), parameter, value);
-}
+ private:
+  IdFile() : m_Access(::pci_alloc()) {
+    m_Access->error = ThrowDamaged;
+    m_Access->warning = SayNothing;
+    m_Access->debug = SayNothing;
+    char parameter[] = "hwdb.disable";
+    char value[] = "1";
+    ::pci_set_param(m_Access.get(), parameter, value);
+  }
 
-template <typename... Ids>
-std::string PciNameFinder::LookUp(int what, Ids... ids) try {
-  std::array<char, kLongestName> name{};
-  if (m_IsDamaged) return "";
-  const char* const found = ::pci_lookup_name(m_IdFile.get(), name.data(), name.size(), what | kNamesAlone, ids...);
-  return found == nullptr ? "" : found;
-} catch (const IdFileDamaged&) {
-  m_IsDamaged = true;
-  return "";
-}
+  std::unique_ptr<pci_access, decltype([](pci_access* access) { ::pci_cleanup(access); })> m_Access;
+  bool m_IsDamaged = false;
+};
 
-std::string PciNameFinder::SubsystemName(const CPciCommonConfigHeader& header) {
+std::string SubsystemName(const CPciCommonConfigHeader& header) {
   const int vendor = header.SubsystemVendorId();
   if (vendor == 0 || vendor == 0xFFFF) return "";
-  const std::string maker = LookUp(PCI_LOOKUP_SUBSYSTEM | PCI_LOOKUP_VENDOR, vendor);
-  const std::string model = LookUp(PCI_LOOKUP_SUBSYSTEM | PCI_LOOKUP_DEVICE, int{header.VendorId()},
-                                   int{header.DeviceId()}, vendor, int{header.SubsystemId()});
+  IdFile& file = IdFile::Get();
+  const std::string maker = file.LookUp(PCI_LOOKUP_SUBSYSTEM | PCI_LOOKUP_VENDOR, vendor);
+  const std::string model = file.LookUp(PCI_LOOKUP_SUBSYSTEM | PCI_LOOKUP_DEVICE, int{header.VendorId()},
+                                        int{header.DeviceId()}, vendor, int{header.SubsystemId()});
   return maker.empty() || model.empty() ? maker + model : maker + " " + model;
 }
 
-std::string PciNameFinder::VendorName(uint16_t vendor) {
-  return LookUp(PCI_LOOKUP_VENDOR, int{vendor});
+}  // namespace
+
+PciNameFinder::PciNameFinder() {
+  std::string text;
+  if (ReadFileInto(kAdapterFile, text) == 0) m_AdapterNames.emplace(std::move(text));
 }
 
-PciNames PciNameFinder::Find(const CPciCommonConfigHeader& header) {
+std::string PciNameFinder::VendorName(uint16_t vendor) {
+  return IdFile::Get().LookUp(PCI_LOOKUP_VENDOR, int{vendor});
+}
+
+PciNames PciNameFinder::Find(const CPciCommonConfigHeader& header) const {
   const int subsystem = header.SubsystemId() != 0 ? header.SubsystemId() : -1;
   std::string_view product, vendor;
   const bool isOwn =
@@ -78,7 +93,9 @@ PciNames PciNameFinder::Find(const CPciCommonConfigHeader& header) {
   names.vendor = TextOrNull(vendor);
   if (names.vendor.is_null()) names.vendor = TextOrNull(VendorName(header.VendorId()));
   names.product = TextOrNull(product);
-  if (!isOwn) names.product = TextOrNull(LookUp(PCI_LOOKUP_DEVICE, int{header.VendorId()}, int{header.DeviceId()}));
+  if (!isOwn) {
+    names.product = TextOrNull(IdFile::Get().LookUp(PCI_LOOKUP_DEVICE, int{header.VendorId()}, int{header.DeviceId()}));
+  }
   names.subsystem = TextOrNull(SubsystemName(header));
   if (!names.product.is_null()) names.source = isOwn ? "Adapter.ini" : "pci.ids";
   return names;

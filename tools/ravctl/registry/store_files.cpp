@@ -10,6 +10,7 @@
 #include "ravctl/base/error.h"
 #include "ravctl/base/files.h"
 #include "ravctl/registry/store_export.h"
+#include "ravctl/tree/tree_reading.h"
 #include "registry/registry.h"
 
 namespace ravctl {
@@ -72,7 +73,10 @@ StoreKey ReadStoreFile(const std::string& path) {
 }
 
 StoreKey ReadStoreOrLive(const std::string& what, Output& out) {
-  return what == "live" ? LoadStore(out).root : ReadStoreFile(what);
+  if (what == "live") return LoadStore(out).root;
+  if (!IsTree(what)) return ReadStoreFile(what);
+  const Json text = ReadInTree(what, [&out] { return Json(ExportText(LoadStore(out).root)); });
+  return ParseExport(text.get<std::string>(), what);
 }
 
 }  // namespace ravctl

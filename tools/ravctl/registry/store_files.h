@@ -34,7 +34,7 @@ LoadedStore LoadStore(Output& out);
 
 // The tree of one file: the text form of the store, or what `registry export` wrote. Throws CommandError.
 StoreKey ReadStoreFile(const std::string& path);
-// The same, or LoadStore for the word "live".
+// The same, LoadStore for the word "live", and for a captured tree or a bundle LoadStore in there.
 StoreKey ReadStoreOrLive(const std::string& what, Output& out);
 
 }  // namespace ravctl

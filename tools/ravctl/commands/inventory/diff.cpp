@@ -7,26 +7,29 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdio>
-#include <initializer_list>
-#include <memory>
+#include <map>
+#include <optional>
+#include <set>
 #include <span>
+#include <string>
+#include <vector>
 
 #include "platform/descriptor_io.h"
 #include "platform/unique_fd.h"
 #include "ravctl/answer/json.h"
-#include "ravctl/base/child.h"
 #include "ravctl/base/json_reader.h"
 #include "ravctl/commands/inventory/group.h"
 #include "ravctl/hardware/inventory_records.h"
 #include "ravctl/line/command.h"
-#include "ravctl/tree/enter.h"
+#include "ravctl/registry/store_export.h"
+#include "ravctl/registry/store_files.h"
+#include "ravctl/trace/trace_settings.h"
+#include "ravctl/tree/tree_reading.h"
 
 namespace ravctl {
 
 namespace {
 
-constexpr int kTreeSeconds = 120;
 constexpr size_t kMostRecords = 10000;  // of a kind; each is compared with each
 constexpr std::string_view kLive = "live";
 constexpr std::string_view kSchema = "ravctl/inventory";
@@ -37,25 +40,115 @@ struct Options {
   bool withUsage = false;
 };
 
-using Names = std::initializer_list<std::string_view>;
+using Names = std::span<const std::string_view>;
+
+// Fields made of others, of the order of the scan, or of the names that a newer file gives to the same numbers.
+constexpr auto kDerivedOfAdapter = std::to_array<std::string_view>(
+    {"name", "id", "vendor", "product", "subsystem", "names_from", "interfaces", "fc_hosts", "ranges_from"});
+constexpr auto kDerivedOfDrive = std::to_array<std::string_view>({"number", "id", "sources", "slot"});
+constexpr auto kDerivedOfVolume = std::to_array<std::string_view>({"drive", "on", "slot"});
+constexpr auto kDerivedOfSlot = std::to_array<std::string_view>({"functions", "sources", "is_onboard", "slot"});
+constexpr auto kSlotAlone = std::to_array<std::string_view>({"slot"});
 
 // How the records of one kind are told apart and compared.
 struct Kind {
   const char* name;        // "adapter"
   const char* list;        // its key in the data
+  const char* what;        // what is missing where a side does not have the list; null for one that every side has
   const char* place;       // where the record sits
   const char* otherPlace;  // the place where that one is null
   const char* title;
   std::array<const char*, 3> identity;  // what goes along with the device; the first that is known counts
   const char* model;                    // what devices of one model share
-  std::array<const char*, 2> derived;   // fields made of others or of the order of the scan
+  const char* slot;                     // what stands in the column SLOT
+  Names derived;
 };
 
 constexpr auto kKinds = std::to_array<Kind>({
-    {"adapter", "adapters", "address", "name", "name", {"permanent_mac", "mac", "wwn"}, "id", {"name", "id"}},
-    {"drive", "drives", "scsi", "device", "name", {"serial", nullptr, nullptr}, "id", {"number", "id"}},
-    {"volume", "volumes", "mount_point", "device", "device", {nullptr, nullptr, nullptr}, "device", {nullptr, nullptr}},
+    {"adapter",
+     "adapters",
+     nullptr,
+     "address",
+     "name",
+     "name",
+     {"permanent_mac", "mac", "wwn"},
+     "id",
+     "slot",
+     kDerivedOfAdapter},
+    {"drive", "drives", nullptr, "scsi", "device", "name", {"serial", nullptr, nullptr}, "id", "slot", kDerivedOfDrive},
+    {"volume",
+     "volumes",
+     nullptr,
+     "mount_point",
+     "device",
+     "device",
+     {nullptr, nullptr, nullptr},
+     "device",
+     "slot",
+     kDerivedOfVolume},
+    {"slot",
+     "slots",
+     "card slots",
+     "number",
+     "designation",
+     "designation",
+     {nullptr, nullptr, nullptr},
+     nullptr,
+     "number",
+     kDerivedOfSlot},
+    {"memory",
+     "memory",
+     "memory modules",
+     "locator",
+     "bank",
+     "part_number",
+     {"serial", nullptr, nullptr},
+     nullptr,
+     "locator",
+     kSlotAlone},
+    {"processor",
+     "processors",
+     "processors",
+     "socket",
+     nullptr,
+     "version",
+     {"serial", nullptr, nullptr},
+     nullptr,
+     "socket",
+     kSlotAlone},
+    {"firmware",
+     "firmware",
+     "BIOS and system",
+     "what",
+     nullptr,
+     "product",
+     {nullptr, nullptr, nullptr},
+     nullptr,
+     nullptr,
+     kSlotAlone},
+    {"kernel", "kernel", "kernel", "what", nullptr, "what", {nullptr, nullptr, nullptr}, nullptr, nullptr, kSlotAlone},
+    {"interface",
+     "interfaces",
+     "network interfaces",
+     "name",
+     nullptr,
+     "address",
+     {"mac", nullptr, nullptr},
+     nullptr,
+     "slot",
+     kSlotAlone},
+    {"trace",
+     "trace",
+     "trace settings",
+     "name",
+     nullptr,
+     "source",
+     {nullptr, nullptr, nullptr},
+     nullptr,
+     nullptr,
+     kSlotAlone},
 });
+constexpr const char* kRegistry = "registry";
 
 // How full a volume is changes all the time.
 constexpr auto kUsageFields = std::to_array<std::string_view>({"available_kb", "used_percent", "available_blocks"});
@@ -66,9 +159,9 @@ constexpr auto kPlaceFields = std::to_array<std::string_view>({"os_device", "irq
 // What a device or the running kernel has to be asked for: one side may not know it, which is no change.
 constexpr auto kLiveFields = std::to_array<std::string_view>(
     {"permanent_mac", "driver_version", "firmware", "serial", "vendor", "name", "wwn", "size_kb", "available_kb",
-     "used_percent", "blocks", "available_blocks", "block_size"});
+     "used_percent", "blocks", "available_blocks", "block_size", "revision", "mtu"});
 
-bool Has(std::span<const std::string_view> names, std::string_view name) {
+bool Has(Names names, std::string_view name) {
   return std::ranges::find(names, name) != names.end();
 }
 
@@ -98,13 +191,15 @@ bool BeginsAsJson(int fd) {
   return first == std::string_view::npos || text[first] == '{';
 }
 
-// What the records have to have for a comparison; the schema says the rest.
+// What the records have to have for a comparison; the schema says the rest. Lists that came later may be missing.
 bool IsInventory(const Json& object) {
   if (!object.is_object() || object.value("schema", Json()) != kSchema || !object.contains("data")) return false;
   return std::ranges::all_of(kKinds, [&data = object["data"]](const Kind& kind) {
-    if (!data.is_object() || !data.contains(kind.list) || !data[kind.list].is_array()) return false;
-    if (data[kind.list].size() > kMostRecords) return false;
-    return std::ranges::all_of(data[kind.list], [](const Json& record) { return record.is_object(); });
+    if (!data.is_object()) return false;
+    const Json list = data.value(kind.list, Json());
+    if (list.is_null()) return kind.what != nullptr;
+    return list.is_array() && list.size() <= kMostRecords &&
+           std::ranges::all_of(list, [](const Json& record) { return record.is_object(); });
   });
 }
 
@@ -121,38 +216,16 @@ Json ReadSaved(const std::string& path, const std::string& text) {
   return std::move((*object)["data"]);
 }
 
-int ReportTree(const std::string& path, int reportFd) {
-  Json report;
+// What an inventory does not hold, of this process' root.
+void AddSettings(Json& side, Output& out) {
+  const TraceSettings trace("ravd");
+  for (const TraceSetting& setting : trace.Settings())
+    side["trace"].push_back({{"name", setting.name}, {"value", setting.value}, {"source", setting.source}});
   try {
-    EnterSysroot(path);
-    report["data"] = ReadInventory(kAllRecords).ToJson();
-  } catch (const CommandError& error) {
-    report["code"] = static_cast<int>(error.Code());
-    report["error"] = error.what();
+    side[kRegistry] = ExportText(LoadStore(out).root);
+  } catch (const CommandError&) {
+    side[kRegistry] = nullptr;
   }
-  const std::unique_ptr<std::FILE, decltype([](std::FILE* file) { std::fclose(file); })> pipe(::fdopen(reportFd, "w"));
-  const std::string text = report.dump(-1, ' ', false, Json::error_handler_t::replace);
-  return pipe != nullptr && std::fwrite(text.data(), text.size(), 1, pipe.get()) == 1 ? 0 : 1;
-}
-
-// Entering a tree is for good, so a child does it.
-Json ReadTree(const std::string& path) {
-  if (IsInSysroot()) {
-    throw CommandError(ExitCode::kUsage, "a captured tree cannot be entered from another one", path,
-                       "leave --sysroot out");
-  }
-  const ChildResult child = RunInChild(kTreeSeconds, [&path](int reportFd) { return ReportTree(path, reportFd); });
-  std::string why;
-  std::optional<Json> read = ReadJson(child.report, why);
-  if (child.isTimeout || !read || !read->is_object()) {
-    throw CommandError(ExitCode::kInputDamaged, child.isTimeout ? "reading took too long" : "it could not be read",
-                       path, "try ravctl inventory --sysroot with it");
-  }
-  Json& report = *read;
-  if (report.contains("error")) {
-    throw CommandError(static_cast<ExitCode>(report["code"].get<int>()), report["error"].get<std::string>(), "", "");
-  }
-  return std::move(report["data"]);
 }
 
 bool IsLive(const std::string& operand) {
@@ -163,12 +236,20 @@ Json ReadSide(const std::string& operand, Output& out) {
   if (IsLive(operand)) {
     const InventoryRecords records = ReadInventory(kAllRecords);
     WarnAboutRights(records, out);
-    return records.ToJson();
+    Json side = records.ToJson();
+    AddSettings(side, out);
+    return side;
   }
   const UniqueFd file(::open(operand.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat info {};
   if (!file || ::fstat(file.Get(), &info) != 0) throw SystemFailure("cannot open", operand, errno);
-  if (S_ISDIR(info.st_mode) || (S_ISREG(info.st_mode) && !BeginsAsJson(file.Get()))) return ReadTree(operand);
+  if (S_ISDIR(info.st_mode) || (S_ISREG(info.st_mode) && !BeginsAsJson(file.Get()))) {
+    return ReadInTree(operand, [&out] {
+      Json side = ReadInventory(kAllRecords).ToJson();
+      AddSettings(side, out);
+      return side;
+    });
+  }
   if (!S_ISREG(info.st_mode) && !S_ISFIFO(info.st_mode)) {
     throw CommandError(ExitCode::kInputMissing, "neither a file nor a pipe", operand, "check the path");
   }
@@ -229,7 +310,23 @@ class Comparison {
       Add("added", *record, nullptr, nullptr, Shown(PlaceOf(*record, kind)));
   }
 
+  void CompareRegistries(const StoreKey& before, const StoreKey& after) {
+    const auto text = [](const std::optional<StoreValue>& value) { return value ? Json(ValueText(*value)) : Json(); };
+    for (const StoreChange& change : CompareStores(before, after)) {
+      m_Table.Add({{"change", ChangeText(change.kind)},
+                   {"kind", kRegistry},
+                   {"where", PathText(change.key)},
+                   {"slot", nullptr},
+                   {"name", change.name ? Json(*change.name) : Json()},
+                   {"field", nullptr},
+                   {"old", text(change.before)},
+                   {"new", text(change.after)}});
+    }
+  }
+
   const Table& Result() const { return m_Table; }
+  // The fields in which nothing could be compared as one side does not know them.
+  const std::set<std::string>& OneSided() const { return m_OneSided; }
 
  private:
   bool IsSamePlace(const Json& left, const Json& right) const {
@@ -243,6 +340,7 @@ class Comparison {
     return CompareIdentity(left, right, *m_Kind) == Likeness::kUnknown;
   }
   bool IsSameModel(const Json& left, const Json& right) const {
+    if (m_Kind->model == nullptr) return false;
     const Json& model = Field(left, m_Kind->model);
     return !model.is_null() && model == Field(right, m_Kind->model);
   }
@@ -275,21 +373,23 @@ class Comparison {
   }
 
   // isOneSided: one of the two does not know the field.
-  bool IsNews(const std::string& key, bool isMoved, bool isOneSided) const {
-    if (key == m_Kind->place ||
-        std::ranges::any_of(m_Kind->derived, [&key](const char* name) { return name != nullptr && key == name; })) {
-      return false;
-    }
-    if (isMoved && (key == m_Kind->otherPlace || Has(kPlaceFields, key))) return false;
-    if (isOneSided && Has(kLiveFields, key)) return false;
-    return m_WithUsage || !Has(kUsageFields, key);
+  bool IsNews(const std::string& key, bool isMoved, bool isOneSided) {
+    if (key == m_Kind->place || Has(m_Kind->derived, key)) return false;
+    if (isMoved && (IsSame(m_Kind->otherPlace, key) || Has(kPlaceFields, key))) return false;
+    if (!m_WithUsage && Has(kUsageFields, key)) return false;
+    if (!isOneSided || !Has(kLiveFields, key)) return true;
+    m_OneSided.insert(key);
+    return false;
   }
+
+  static bool IsSame(const char* name, const std::string& key) { return name != nullptr && key == name; }
 
   void Add(const char* change, const Json& record, const char* field, Json before, Json after) {
     const Json place = PlaceOf(record, *m_Kind);
     m_Table.Add({{"change", change},
                  {"kind", m_Kind->name},
                  {"where", place.is_null() ? Json("") : Shown(place)},
+                 {"slot", Shown(Field(record, m_Kind->slot))},
                  {"name", Shown(Field(record, m_Kind->title))},
                  {"field", field == nullptr ? Json() : Json(field)},
                  {"old", std::move(before)},
@@ -305,14 +405,36 @@ class Comparison {
   bool m_WithUsage;
   const Kind* m_Kind = nullptr;
   std::vector<const Json*> m_Before, m_After;
+  std::set<std::string> m_OneSided;
   Table m_Table{{{.key = "change", .heading = "CHANGE", .color = ChangeColor},
                  {.key = "kind", .heading = "KIND"},
                  {.key = "where", .heading = "WHERE"},
+                 {.key = "slot", .heading = "SLOT"},
                  {.key = "name", .heading = "NAME"},
                  {.key = "field", .heading = "FIELD"},
                  {.key = "old", .heading = "OLD"},
                  {.key = "new", .heading = "NEW"}}};
 };
+
+// Each record says the slot of the adapter that it hangs on.
+void AddSlots(Json& side) {
+  std::map<std::string, Json> slots;  // by address, then by drive
+  const auto find = [&slots](const Json& key) {
+    const auto found = slots.find(key.is_string() ? key.get<std::string>() : "");
+    return found == slots.end() ? Json() : found->second;
+  };
+  for (const Json& adapter : side["adapters"])
+    slots[Field(adapter, "address").is_string() ? adapter["address"].get<std::string>() : ""] = Field(adapter, "slot");
+  slots.erase("");
+  for (Json& drive : side["drives"]) {
+    drive["slot"] = find(Field(drive, "adapter"));
+    if (Field(drive, "device").is_string()) slots[drive["device"].get<std::string>()] = drive["slot"];
+  }
+  for (Json& volume : side["volumes"])
+    volume["slot"] = find(Field(volume, "drive"));
+  for (Json& interface : side["interfaces"])
+    interface["slot"] = find(Field(interface, "address"));
+}
 
 // The scan leaves its mark on the process, such as the table of mounts, and a child would take it over: the live
 // machine comes last.
@@ -324,17 +446,68 @@ std::array<Json, 2> ReadSides(const Options& options, Output& out) {
       if (IsLive(*operands[side]) == wantsLive) {
         sides[side] = ReadSide(*operands[side], out);
         sides[side]["volumes"] = WithoutKernelVolumes(sides[side]["volumes"]);
+        sides[side]["adapters"] = WithoutUnknownDevices(sides[side]["adapters"]);
+        AddSlots(sides[side]);
       }
     }
   }
   return sides;
 }
 
+// What one side alone tells cannot be compared; what neither does is no news.
+class Missing {
+ public:
+  Missing(const Options& options, Output& out) : m_Options(options), m_Out(out) {}
+
+  // Whether both sides have the list.
+  bool IsInBoth(const Json& before, const Json& after, const char* what) {
+    if (before.is_null() != after.is_null()) (before.is_null() ? m_Before : m_After).emplace_back(what);
+    return !before.is_null() && !after.is_null();
+  }
+
+  void Tell(const std::set<std::string>& oneSided) const {
+    TellSide(m_Before, m_Options.before);
+    TellSide(m_After, m_Options.after);
+    if (!oneSided.empty()) {
+      m_Out.Warn("not compared, as one side does not know them", JoinList({oneSided.begin(), oneSided.end()}),
+                 "a device or the running kernel has to be asked for them");
+    }
+  }
+
+ private:
+  static std::string JoinList(const std::vector<std::string>& names) {
+    std::string text;
+    for (const std::string& name : names)
+      text += (text.empty() ? "" : ", ") + name;
+    return text;
+  }
+
+  void TellSide(const std::vector<std::string>& what, const std::string& operand) const {
+    if (!what.empty())
+      m_Out.Warn("not compared: " + JoinList(what), operand, "that side does not tell; a bundle tells most");
+  }
+
+  const Options& m_Options;
+  Output& m_Out;
+  std::vector<std::string> m_Before, m_After;
+};
+
 ExitCode RunDiff(const Options& options, Output& out) {
   const auto [before, after] = ReadSides(options, out);
   Comparison comparison(options.withUsage);
-  for (const Kind& kind : kKinds)
-    comparison.Compare(kind, before[kind.list], after[kind.list]);
+  Missing missing(options, out);
+  for (const Kind& kind : kKinds) {
+    const Json& left = Field(before, kind.list);
+    const Json& right = Field(after, kind.list);
+    if (missing.IsInBoth(left, right, kind.what)) comparison.Compare(kind, left, right);
+  }
+  const Json& left = Field(before, kRegistry);
+  const Json& right = Field(after, kRegistry);
+  if (missing.IsInBoth(left, right, kRegistry)) {
+    comparison.CompareRegistries(ParseExport(left.get<std::string>(), options.before),
+                                 ParseExport(right.get<std::string>(), options.after));
+  }
+  missing.Tell(comparison.OneSided());
   out.Print({"inventory-diff"}, comparison.Result());
   return comparison.Result().Size() == 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
@@ -345,7 +518,8 @@ void AddInventoryDiff(Command& inventory) {
   auto options = std::make_shared<Options>();
   Command& diff = inventory.Add(
       {"diff",
-       "Show what was added, removed, moved or changed between two inventories; exit status 1 when anything was",
+       "Show what was added, removed, moved or changed: adapters, drives, volumes, slots, memory modules, processors, "
+       "BIOS, kernel, interfaces, trace settings, registry; exit status 1 when anything was",
        {{"ravctl inventory diff before.json live", "since that was saved with ravctl inventory --json"},
         {"ravctl inventory diff server1.tar.gz server2.tar.gz", "between two bundles"}}},
       [options](Output& out) { return RunDiff(*options, out); });

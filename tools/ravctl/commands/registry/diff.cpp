@@ -28,9 +28,10 @@ void AddRegistryDiff(Command& registry) {
       {"diff",
        "Compare two registries; exit status 1 when they differ",
        {{"ravctl registry diff /etc/pelrix/registry.old live", "what the last save changed"},
+        {"ravctl registry diff server1.tar.gz server2.tar.gz", "between two bundles"},
         {"ravctl registry diff before.json live -o change,key,name", "since an export, without the values"}}},
       [options](Output& out) { return Run(*options, out); });
-  command.AddRequired("A", &options->before, "A registry file, an export, or live");
+  command.AddRequired("A", &options->before, "A registry file, an export, a captured tree, a bundle, or live");
   command.AddRequired("B", &options->after, "The same");
 }
 
