@@ -296,22 +296,10 @@ class Comparison {
                  {"new", std::move(after)}});
   }
 
-  static Color ChangeColor(const Json& row) {
-    if (row["change"] == "added") return Color::kGreen;
-    if (row["change"] == "removed") return Color::kRed;
-    return row["change"] == "moved" ? Color::kBlue : Color::kYellow;
-  }
-
   bool m_WithUsage;
   const Kind* m_Kind = nullptr;
   std::vector<const Json*> m_Before, m_After;
-  Table m_Table{{{.key = "change", .heading = "CHANGE", .color = ChangeColor},
-                 {.key = "kind", .heading = "KIND"},
-                 {.key = "where", .heading = "WHERE"},
-                 {.key = "name", .heading = "NAME"},
-                 {.key = "field", .heading = "FIELD"},
-                 {.key = "old", .heading = "OLD"},
-                 {.key = "new", .heading = "NEW"}}};
+  Table m_Table{kInventoryDiff};
 };
 
 // The scan leaves its mark on the process, such as the table of mounts, and a child would take it over: the live
@@ -335,7 +323,7 @@ ExitCode RunDiff(const Options& options, Output& out) {
   Comparison comparison(options.withUsage);
   for (const Kind& kind : kKinds)
     comparison.Compare(kind, before[kind.list], after[kind.list]);
-  out.Print({"inventory-diff"}, comparison.Result());
+  out.Print(kInventoryDiff, comparison.Result());
   return comparison.Result().Size() == 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
 
@@ -349,6 +337,7 @@ void AddInventoryDiff(Command& inventory) {
        {{"ravctl inventory diff before.json live", "since that was saved with ravctl inventory --json"},
         {"ravctl inventory diff server1.tar.gz server2.tar.gz", "between two bundles"}}},
       [options](Output& out) { return RunDiff(*options, out); });
+  diff.Answers({&kInventoryDiff});
   diff.AddRequired("BEFORE", &options->before, "live or - for this machine, saved JSON, a captured tree or a bundle");
   diff.AddRequired("AFTER", &options->after, "The same");
   diff.AddFlag("--usage", &options->withUsage, "Tell too how full volumes are");
