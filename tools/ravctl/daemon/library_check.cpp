@@ -292,7 +292,7 @@ std::vector<std::string> ConfiguredDirectories() {
 // "$ORIGIN/../lib" of /opt/bin/libx.so => "/opt/bin/../lib"
 std::string WithOrigin(std::string directory, const std::string& library) {
   for (const std::string_view name : {"$ORIGIN", "${ORIGIN}"}) {
-    if (directory.starts_with(name)) directory.replace(0, name.size(), fs::path(library).parent_path());
+    if (directory.starts_with(name)) directory.replace(0, name.size(), fs::path(library).parent_path().string());
   }
   return directory;
 }

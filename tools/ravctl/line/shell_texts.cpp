@@ -120,8 +120,8 @@ constexpr auto kExamples = std::to_array<Item>({
     {"ravctl trace stats --json | jq .data", "the same trace in figures, for a script"},
 });
 
-template <size_t kCount>
-void AppendItems(const char* heading, const std::array<Item, kCount>& items, std::string& text) {
+template <size_t kNumber>
+void AppendItems(const char* heading, const std::array<Item, kNumber>& items, std::string& text) {
   text += std::string(".SH ") + heading + "\n";
   for (const Item& item : items)
     text += ".TP\n\\fB" + Roff(std::string(item.name)) + "\\fR\n" + Filled(item.meaning) + "\n";

@@ -28,7 +28,9 @@ EntryWriter::EntryWriter(Output& out, const Schema& schema, bool isFollowing)
     : m_Out(out), m_Schema(schema), m_IsFollowing(isFollowing) {
   const std::string& columns = out.Options().columns;
   if (!columns.empty() || out.IsCsv()) m_Parts = out.ChosenColumns(m_Columns);
-  if (columns.starts_with('+')) std::ranges::sort(m_Parts);
+  if (!columns.starts_with('+')) return;
+  std::ranges::sort(m_Parts);
+  m_Parts.erase(std::unique(m_Parts.begin(), m_Parts.end()), m_Parts.end());
 }
 
 void EntryWriter::Begin() {

@@ -177,7 +177,7 @@ Json ReadSide(const std::string& operand, Output& out) {
 
 // ---- comparison
 
-const Json& Field(const Json& record, const char* key) {
+const Json& Member(const Json& record, const char* key) {
   static const Json none;
   if (key == nullptr) return none;
   const auto found = record.find(key);
@@ -185,8 +185,8 @@ const Json& Field(const Json& record, const char* key) {
 }
 
 Json PlaceOf(const Json& record, const Kind& kind) {
-  const Json& place = Field(record, kind.place);
-  return place.is_null() ? Field(record, kind.otherPlace) : place;
+  const Json& place = Member(record, kind.place);
+  return place.is_null() ? Member(record, kind.otherPlace) : place;
 }
 
 enum class Likeness { kSame, kOther, kUnknown };
@@ -194,9 +194,9 @@ enum class Likeness { kSame, kOther, kUnknown };
 // By the first identity that both records know.
 Likeness CompareIdentity(const Json& left, const Json& right, const Kind& kind) {
   for (const char* key : kind.identity) {
-    const Json& identity = Field(left, key);
-    if (identity.is_null() || Field(right, key).is_null()) continue;
-    return identity == Field(right, key) ? Likeness::kSame : Likeness::kOther;
+    const Json& identity = Member(left, key);
+    if (identity.is_null() || Member(right, key).is_null()) continue;
+    return identity == Member(right, key) ? Likeness::kSame : Likeness::kOther;
   }
   return Likeness::kUnknown;
 }
@@ -243,8 +243,8 @@ class Comparison {
     return CompareIdentity(left, right, *m_Kind) == Likeness::kUnknown;
   }
   bool IsSameModel(const Json& left, const Json& right) const {
-    const Json& model = Field(left, m_Kind->model);
-    return !model.is_null() && model == Field(right, m_Kind->model);
+    const Json& model = Member(left, m_Kind->model);
+    return !model.is_null() && model == Member(right, m_Kind->model);
   }
 
   template <typename Predicate>
@@ -267,7 +267,7 @@ class Comparison {
     const bool isMoved = oldPlace != newPlace;
     if (isMoved) Add("moved", right, m_Kind->place, Shown(oldPlace), Shown(newPlace));
     for (const auto& [key, value] : right.items()) {
-      const Json& old = Field(left, key.c_str());
+      const Json& old = Member(left, key.c_str());
       if (old != value && left.contains(key) && IsNews(key, isMoved, old.is_null() || value.is_null())) {
         Add("changed", right, key.c_str(), Shown(old), Shown(value));
       }
@@ -290,7 +290,7 @@ class Comparison {
     m_Table.Add({{"change", change},
                  {"kind", m_Kind->name},
                  {"where", place.is_null() ? Json("") : Shown(place)},
-                 {"name", Shown(Field(record, m_Kind->title))},
+                 {"name", Shown(Member(record, m_Kind->title))},
                  {"field", field == nullptr ? Json() : Json(field)},
                  {"old", std::move(before)},
                  {"new", std::move(after)}});
