@@ -175,6 +175,26 @@ TEST(RunningDaemon, StatusToggleAndTrace) {
   EXPECT_THAT(machine.ReadFile("/show"), HasSubstr("RAVD-MAIN: Start all modules  ...\n"));
 }
 
+// What a switch needs is code of root, too, and so is what the loader would find first.
+TEST(ModuleCheck, WritersOfWhatIsNeeded) {
+  const ToolRoot machine;
+  machine.MakeDirectory("/own");
+  fs::copy_file(NEEDY_SWITCH, machine.HostPath("/needy.so"));
+  const std::string library = machine.HostPath("/own/" + fs::path(NEEDED_LIBRARY).filename().string());
+  const auto finding = [&machine](const char* check) {
+    return Find(nlohmann::json::parse(machine.Ravctl("module check /needy.so --json").out)["data"], check);
+  };
+  fs::permissions(machine.HostPath("/own"), fs::perms::all);  // nothing is there yet
+  EXPECT_EQ(finding("writable")["finding"], "/own by everybody");
+  fs::permissions(machine.HostPath("/own"), fs::perms(0755));
+  fs::copy_file(NEEDED_LIBRARY, library);
+  EXPECT_EQ(finding("writable")["severity"], "ok");
+  EXPECT_EQ(finding("interface")["finding"], "refused for identifier 0");
+  fs::permissions(library, fs::perms(0777));
+  EXPECT_EQ(finding("writable")["severity"], "bad");
+  EXPECT_EQ(finding("interface")["severity"], "unknown");
+}
+
 TEST(ShellTexts, CompletionKeepsNamesWithBlanksWhole) {
   const ToolRoot machine;
   machine.WriteFile("/completion", machine.Ravctl({"completion"}).out);

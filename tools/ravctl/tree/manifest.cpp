@@ -103,7 +103,6 @@ CapturedEntry MakeManifest(const BundleOrigin& origin, const std::vector<Capture
                    {"kernel", origin.kernel},
                    {"time", UniversalTime(now)},
                    {"time_zone", LocalTimeText(now, "%Z %z")},
-                   {"time_zone", kText, "of the traces, with what it was ahead of UTC then: CET +0100"},
                    {"as_root", origin.isRoot},
                    {"traces", origin.hasTraces},
                    {"redacted", origin.isRedacted},
