@@ -309,7 +309,10 @@ files_are_right() {
   has /var/log/pelrix directory 750
   has /usr/share/man/man1/ravctl.1.gz 'regular file' 644
   has /usr/share/man/man8/ravd.8.gz 'regular file' 644
-  has /usr/share/bash-completion/completions/ravctl 'regular file' 644
+  for file in bash-completion/completions/ravctl zsh/vendor-completions/_ravctl fish/vendor_completions.d/ravctl.fish \
+    ravctl/schemas/pci.json; do
+    has "/usr/share/$file" 'regular file' 644
+  done
   local wrong
   wrong=$(inside sh -c 'dpkg -L ravd libravagent3 libravagent-dev ravctl | grep . | sort -u | xargs -d "\n" -I{} find {} -maxdepth 0 \
     \( ! -user root -o ! -group root -o -perm /7022 \) ! -type l')

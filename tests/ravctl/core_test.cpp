@@ -12,11 +12,16 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
+#include <set>
 #include <tuple>
 
+#include "ravctl/answer/json.h"
 #include "ravctl/base/child.h"
 #include "ravctl/base/text.h"
+#include "ravctl/commands/all_commands.h"
 #include "ravctl/daemon/service_check.h"
+#include "ravctl/json_schema.h"
 #include "ravctl/ravctl_runner.h"
 #include "ravctl/trace/last_crash.h"
 
@@ -88,6 +93,45 @@ TEST(CommandLine, ColumnsHeadingsAndColors) {
   EXPECT_THAT(machine.Ravctl("doctor -o check,severity --no-headings").out, HasSubstr("daemon    warning\n"));
   EXPECT_THAT(machine.Ravctl("doctor --color=always").out, HasSubstr("\x1b[33mwarning"));
   EXPECT_THAT(machine.Ravctl("daemon status --help").out, HasSubstr("Examples:\n  ravctl daemon status\n"));
+}
+
+TEST(CommandLine, CsvHoldsTheValuesAsTheyStand) {
+  const ToolRoot machine;
+  machine.WriteFile("/a.ini", "[a]\nk = one, \"two\"\n");
+  EXPECT_EQ(machine.Ravctl("ini sections /a.ini --keys --csv -o key,value,line").out,
+            "key,value,line\r\nk,\"one, \"\"two\"\"\",2\r\n");
+  constexpr Fault kFaults[] = {
+      {"registry export --csv", 2, "registry export: the answer is no table: --csv (leave the option out)"}};
+  ExpectFaults(machine, "", kFaults);
+}
+
+// A key that is described twice, or a command whose answers are not, would go unnoticed.
+TEST(Schemas, EveryCommandDescribesItsAnswers) {
+  const ToolRoot machine;
+  ravctl::Command root({"ravctl", ""}, "");
+  ravctl::AddAllCommands(root);
+  const std::function<void(ravctl::Fields)> check = [&check](ravctl::Fields fields) {
+    std::set<std::string_view> keys;
+    for (const ravctl::Field& field : fields) {
+      EXPECT_TRUE(keys.insert(field.key).second && !field.meaning.empty()) << field.key;
+      check(field.type.fields);
+    }
+  };
+  const std::function<void(const ravctl::Command&)> walk = [&](const ravctl::Command& command) {
+    EXPECT_EQ(command.Answers().empty(), command.IsGroup()) << command.FullName();
+    for (const ravctl::Schema* schema : command.Answers())
+      check(schema->data.fields), check(schema->Columns());
+    for (const ravctl::Command& below : command.Below())
+      walk(below);
+  };
+  walk(root);
+  const auto schema = nlohmann::json::parse(machine.Ravctl("schema trace-list").out);
+  EXPECT_EQ(Members(schema, "properties/schema/const properties/data/items/required/0 title"),
+            "ravctl/trace-list, run, ravctl trace list");
+  EXPECT_EQ(SchemaFault(nlohmann::json::parse(R"({"schema": "ravctl/trace-list", "version": 1})"), schema),
+            ": lacks \"warnings\"");
+  EXPECT_EQ(machine.Json("schema pci")["data"]["title"], "ravctl pci");
+  EXPECT_THAT(machine.Ravctl("ini sections --list-columns").out, HasSubstr("\nline    yes   where it begins\n"));
 }
 
 TEST(DaemonStatus, TellsThatItDoesNotRun) {

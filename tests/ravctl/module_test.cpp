@@ -175,6 +175,26 @@ TEST(RunningDaemon, StatusToggleAndTrace) {
   EXPECT_THAT(machine.ReadFile("/show"), HasSubstr("RAVD-MAIN: Start all modules  ...\n"));
 }
 
+// What a switch needs is code of root, too, and so is what the loader would find first.
+TEST(ModuleCheck, WritersOfWhatIsNeeded) {
+  const ToolRoot machine;
+  machine.MakeDirectory("/own");
+  fs::copy_file(NEEDY_SWITCH, machine.HostPath("/needy.so"));
+  const std::string library = machine.HostPath("/own/" + fs::path(NEEDED_LIBRARY).filename().string());
+  const auto finding = [&machine](const char* check) {
+    return Find(nlohmann::json::parse(machine.Ravctl("module check /needy.so --json").out)["data"], check);
+  };
+  fs::permissions(machine.HostPath("/own"), fs::perms::all);  // nothing is there yet
+  EXPECT_EQ(finding("writable")["finding"], "/own by everybody");
+  fs::permissions(machine.HostPath("/own"), fs::perms(0755));
+  fs::copy_file(NEEDED_LIBRARY, library);
+  EXPECT_EQ(finding("writable")["severity"], "ok");
+  EXPECT_EQ(finding("interface")["finding"], "refused for identifier 0");
+  fs::permissions(library, fs::perms(0777));
+  EXPECT_EQ(finding("writable")["severity"], "bad");
+  EXPECT_EQ(finding("interface")["severity"], "unknown");
+}
+
 TEST(ShellTexts, CompletionKeepsNamesWithBlanksWhole) {
   const ToolRoot machine;
   machine.WriteFile("/completion", machine.Ravctl({"completion"}).out);
@@ -185,9 +205,42 @@ ask() { COMP_WORDS=(ravctl "$@"); COMP_CWORD=$#; _ravctl; printf '[%s]' "${COMPR
 ask registry diff my
 ask registry re
 ask daemon status --js
+ask registry find x --in n
+ask pci -o address,vendor
+ask registry get ''
+ask schema pc
 )");
-  machine.Run([] { EXPECT_EQ(std::system("bash /ask >/answer"), 0); }, FixtureRoot::kUsr);
-  EXPECT_EQ(machine.ReadFile("/answer"), "[my file][my*]\n[recover]\n[--json]\n");
+  machine.WriteFile("/etc/pelrix/registry", "[HKEY_USERS\\a $(touch /no) b]\nName=s=x\n\n\n");
+  machine.Run([] { EXPECT_EQ(std::system("PATH=/:$PATH bash /ask >/answer"), 0); }, FixtureRoot::kUsr);
+  EXPECT_EQ(machine.ReadFile("/answer"),
+            "[my file][my*]\n[recover]\n[--json]\n[name]\n[address,vendor_id][address,vendor]\n"
+            "[HKEY_USERS][HKEY_USERS\\a $(touch /no) b]\n[pci]\n");
+  EXPECT_FALSE(fs::exists(machine.HostPath("/no")));
+}
+
+TEST(ShellTexts, ZshAndFishOfferWhatBashDoes) {
+  const ToolRoot machine;
+  machine.WriteFile("/zsh", "_describe() { print -l -- ${(P)2} }\n_files() { }\ncompset() { }\ncompdef() { }\n" +
+                                machine.Ravctl("completion zsh").out + R"(
+ask() { words=(ravctl "$@"); CURRENT=${#words}; _ravctl }
+ask registry find x --in ""
+ask schema "" | grep pci
+)");
+  machine.WriteFile("/fish", machine.Ravctl("completion fish").out + R"(
+complete -C 'ravctl registry find x --in n'
+complete -C 'ravctl schema pc'
+complete -C 'ravctl pci -o address,vend'
+complete -C 'ravctl dae'
+)");
+  if (!fs::exists("/usr/bin/zsh") || !fs::exists("/usr/bin/fish")) GTEST_SKIP() << "zsh or fish is not installed";
+  machine.Run(
+      [] {
+        EXPECT_EQ(std::system("PATH=/:$PATH zsh -f /zsh >/zsh-says 2>&1"), 0);
+        EXPECT_EQ(std::system("HOME=/tmp PATH=/:$PATH fish /fish >/fish-says 2>&1"), 0);
+      },
+      FixtureRoot::kUsr);
+  EXPECT_EQ(machine.ReadFile("/zsh-says"), "key\nname\nvalue\npci\n");
+  EXPECT_EQ(machine.ReadFile("/fish-says"), "name\n");
 }
 
 // The help, the manual page and the completion are made from one table; this walks it.
@@ -205,16 +258,16 @@ TEST(ShellTexts, NoCommandAndNoOptionIsMissing) {
   };
   const std::function<void(const ravctl::Command&)> check = [&](const ravctl::Command& command) {
     const std::string name = command.FullName();
-    EXPECT_THAT(completion, HasSubstr("\"" + name + "\") words=\""));
-    const size_t words = completion.find("\"" + name + "\") words=\"");
-    const std::string line = " " + completion.substr(words, completion.find('\n', words) - words);
+    const size_t words = completion.find("\n    \"" + name + "\") words=(");
+    ASSERT_NE(words, std::string::npos) << name;
+    const std::string line = completion.substr(words, completion.find('\n', words + 1) - words);
     const size_t section = manual.find(".SS ravctl " + escaped(name) + "\n");
     const std::string page = manual.substr(std::min(section, manual.size()));
     for (const ravctl::Option& option : command.Options()) {
       if (option.IsWord()) continue;
       ++options;
       const std::string longName = option.names.substr(option.names.find("--"));
-      EXPECT_THAT(line, HasSubstr(longName)) << name;
+      EXPECT_THAT(line, HasSubstr("'" + longName + "'")) << name;
       if (!command.IsGroup() && &command != &root) {
         EXPECT_THAT(page.substr(0, page.find(".SS", 4)), HasSubstr(escaped(longName))) << name;
       }
@@ -225,7 +278,7 @@ TEST(ShellTexts, NoCommandAndNoOptionIsMissing) {
     std::string file = name;
     std::ranges::replace(file, ' ', '/');
     std::ranges::replace(file, '-', '_');
-    const fs::path commands = fs::path(RAVCTL_SCHEMAS).parent_path() / "commands";
+    const fs::path commands = fs::path(RAVCTL_SOURCE) / "commands";
     EXPECT_TRUE(command.IsGroup() || name == "completion" || name == "man" || fs::exists(commands / (file + ".cpp")) ||
                 fs::exists(commands / file / (file + ".cpp")))
         << name;

@@ -45,12 +45,12 @@ class ToolRoot : public FixtureRoot {
                     unsigned int mounts = kNone) const;
 
   // The same with --json: checks the status, that the answer is one object, and that the object (each line of it, with
-  // lines) is what its schema file says. Failures fail the test.
+  // lines) is what its schema says. Failures fail the test.
   nlohmann::json Json(const CommandLine& words, int status = 0, const std::vector<std::string>& environment = {},
                       unsigned int mounts = kNone) const;
 };
 
-// Fails the test when the object is not what the schema file of its name says.
+// Fails the test when the object is not what the schema of its name says.
 void ExpectValid(const nlohmann::json& object);
 
 // A command line that fails, and what it says instead of an answer: one line, given without "ravctl: " in front and its

@@ -14,6 +14,7 @@
 
 #include "ravctl/base/text.h"
 #include "ravctl/commands/all_commands.h"
+#include "ravctl/commands/schema.h"
 #include "ravctl/line/command.h"
 #include "ravctl/line/parse.h"
 #include "ravctl/tree/enter.h"
@@ -44,8 +45,11 @@ void AddGlobalOptions(Command& root, GlobalOptions& global) {
   root.AddFlag("--json", &options.json,
                "One JSON object {schema, version, root, data, warnings}, of a failure {..., data: null, error: {code, "
                "message}}; one a line from what follows or watches");
+  root.AddFlag("--csv", &options.csv, "Tables as comma-separated values (RFC 4180) with the keys of the columns on top")
+      .excludes = "--json";
   root.AddOption("-o,--columns", &options.columns, "LIST",
                  "Columns of a table: a list such as name,size, or +name for one more");
+  root.AddRequest("--list-columns", Ask::kColumns, "List the columns of the command with their meaning");
   const auto setColor = [&options](const std::string& when) {
     options.color = when == "always" ? ColorMode::kAlways : when == "never" ? ColorMode::kNever : ColorMode::kAuto;
   };
@@ -116,9 +120,13 @@ ExitCode Say(const std::string& text, Output& out) {
   return ExitCode::kDone;
 }
 
-ExitCode RunCommand(const Command& command, const GlobalOptions& options, Output& out) {
+ExitCode RunCommand(const Command& command, const GlobalOptions& options, bool wantsColumns, Output& out) {
   if (command.IsGroup()) throw MissingCommand(command);
   try {
+    if (options.output.csv && command.Columns().empty()) {
+      throw CommandError(ExitCode::kUsage, "the answer is no table", "--csv", "leave the option out");
+    }
+    if (wantsColumns) return ListColumns(command, out);
     if (!options.sysroot.empty()) EnterTree(command.Text(), options.sysroot, out);
     return command.Run(out);
   } catch (const CommandError& error) {
@@ -139,9 +147,10 @@ ExitCode Run(const ParsedLine& line, const GlobalOptions& options, Output& out) 
       throw CommandError(ExitCode::kUsage, line.text, name.empty() ? "ravctl" : name, Advice(*line.command));
     }
     case ParsedLine::Kind::kCommand:
+    case ParsedLine::Kind::kColumns:
       break;
   }
-  return RunCommand(*line.command, options, out);
+  return RunCommand(*line.command, options, line.kind == ParsedLine::Kind::kColumns, out);
 }
 
 // An answer that is not whole must not look like one, whatever the command says.

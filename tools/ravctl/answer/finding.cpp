@@ -23,11 +23,11 @@ constexpr auto kSeverities = std::to_array<SeverityRow>({
     {"bad", Color::kRed},
 });
 
-Color SeverityColor(const Json& row) {
-  return std::ranges::find(kSeverities, row["severity"].get_ref<const std::string&>(), &SeverityRow::name)->color;
-}
-
 }  // namespace
+
+Color SeverityColor(const Json& severity) {
+  return std::ranges::find(kSeverities, severity.get_ref<const std::string&>(), &SeverityRow::name)->color;
+}
 
 Severity WorstOf(const Findings& findings) {
   Severity worst = Severity::kGood;
@@ -37,11 +37,7 @@ Severity WorstOf(const Findings& findings) {
 }
 
 Table FindingTable(const Findings& findings) {
-  Table table({{.key = "severity", .heading = "SEVERITY", .color = SeverityColor},
-               {.key = "check", .heading = "CHECK"},
-               {.key = "place", .heading = "PLACE"},
-               {.key = "finding", .heading = "FINDING"},
-               {.key = "todo", .heading = "TO DO"}});
+  Table table(kFindingFields);
   for (const Finding& finding : findings) {
     table.Add({{"severity", kSeverities[static_cast<size_t>(finding.severity)].name},
                {"check", finding.check},

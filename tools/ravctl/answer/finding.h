@@ -29,7 +29,15 @@ using Findings = std::vector<Finding>;
 // kGood when there is none.
 Severity WorstOf(const Findings& findings);
 
-// Rows of {severity, check, place, finding, todo}.
+Color SeverityColor(const Json& severity);
+inline constexpr auto kFindingFields = std::to_array<Field>({
+    {"severity", Choice("ok|unknown|note|warning|bad"), "how bad it is", {.color = SeverityColor}},
+    {"check", kText, "what was looked at, a word for scripts"},
+    {"place", kText, "the file, device or setting"},
+    {"finding", kText, "how it is"},
+    {"todo", kTextOrNull, "what helps", {.heading = "TO DO"}},
+});
+
 Table FindingTable(const Findings& findings);
 
 // Prints them all. kInputDamaged when one is bad; for what is less than that, kDone.

@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "ravctl/answer/json.h"
+#include "ravctl/answer/schema.h"
 #include "ravctl/base/error.h"
 #include "ravctl/base/text.h"
 
@@ -53,6 +54,14 @@ long long NowMs() {
   return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
+// "mount_point" => "MOUNT POINT"
+std::string AsHeading(std::string_view key) {
+  std::string heading;
+  for (const char character : key)
+    heading += character == '_' ? ' ' : static_cast<char>(std::toupper(static_cast<unsigned char>(character)));
+  return heading;
+}
+
 struct TableDeleter {
   void operator()(libscols_table* table) const { scols_unref_table(table); }
 };
@@ -81,11 +90,53 @@ std::string Drawable(std::string text) {
 
 }  // namespace
 
+std::vector<Column> ColumnsOf(Fields fields) {
+  std::vector<Column> columns;
+  for (const auto& [key, type, meaning, cell] : fields) {
+    if (cell.where == Where::kJson) continue;
+    const bool isNumber = type.kind == Type::Kind::kCount || type.kind == Type::Kind::kInteger;
+    columns.push_back({.key = std::string(key),
+                       .heading = cell.heading.empty() ? AsHeading(key) : std::string(cell.heading),
+                       .isRight = isNumber && !cell.isWord,
+                       .isUsual = cell.isUsual,
+                       .format = cell.format,
+                       .color = cell.color,
+                       .width = cell.width});
+  }
+  return columns;
+}
+
 std::string CellText(const Column& column, const Json& row) {
   const auto found = row.find(column.key);
   if (found == row.end() || found->is_null()) return "-";
   const std::string text = column.format ? Printable(column.format(*found)) : CellText(*found);
   return text.empty() ? "-" : text;
+}
+
+std::string CsvCell(const Column& column, const Json& row) {
+  const auto found = row.find(column.key);
+  return found == row.end() || found->is_null() ? "" : CellText(*found);
+}
+
+std::string CsvLine(const std::vector<std::string>& cells) {
+  std::string line;
+  for (const std::string& cell : cells) {
+    if (&cell != &cells.front()) line += ',';
+    if (cell.find_first_of(",\"\r\n") == std::string::npos) {
+      line += cell;
+      continue;
+    }
+    line += '"';
+    for (const char character : cell)
+      line += character == '"' ? std::string(2, '"') : std::string(1, character);
+    line += '"';
+  }
+  return line;
+}
+
+Color CellColor(const Column& column, const Json& row) {
+  const auto found = row.find(column.key);
+  return !column.color || found == row.end() || found->is_null() ? Color::kNone : column.color(*found);
 }
 
 struct Table::TableRow {
@@ -97,6 +148,10 @@ Table::Table(std::vector<Column> columns) : m_Columns(std::move(columns)) {}
 Table::~Table() = default;
 Table::Table(Table&& other) noexcept = default;
 Table& Table::operator=(Table&& other) noexcept = default;
+
+void Table::SetUsual(std::string_view key, bool isUsual) {
+  std::ranges::find(m_Columns, key, &Column::key)->isUsual = isUsual;
+}
 
 size_t Table::Size() const {
   return m_Rows.size();
@@ -201,7 +256,7 @@ void Output::EndStream() {
 
 void Output::PrintError(int code, const std::string& message) {
   if (!IsJson()) return;
-  Json object = Envelope({"error"});
+  Json object = Envelope(kFailure);
   object["data"] = nullptr;
   object["error"] = {{"code", code}, {"message", message}};
   object["warnings"] = WarningsAsJson();
@@ -283,7 +338,19 @@ std::vector<size_t> Output::ChosenColumns(const std::vector<Column>& columns) co
   return chosen;
 }
 
+void Output::PrintCsv(const Table& table, const std::vector<size_t>& chosen) {
+  std::vector<std::string> cells(chosen.size());
+  const auto write = [&](const std::function<std::string(const Column&)>& cellOf) {
+    std::ranges::transform(chosen, cells.begin(), [&](size_t index) { return cellOf(table.Columns()[index]); });
+    Write(CsvLine(cells) + "\r\n");
+  };
+  if (!m_Options.noHeadings) write([](const Column& column) { return column.key; });
+  for (size_t number = 0; number < table.Size(); ++number)
+    write([&](const Column& column) { return CsvCell(column, table.Row(number)); });
+}
+
 void Output::PrintTable(const Table& table, const std::vector<size_t>& chosen) {
+  if (IsCsv()) return PrintCsv(table, chosen);
   const std::unique_ptr<libscols_table, TableDeleter> lines(scols_new_table());
   if (lines == nullptr) throw std::bad_alloc();
   scols_table_enable_noencoding(lines.get(), 1);  // the texts are fit for a terminal already
@@ -309,7 +376,7 @@ void Output::PrintTable(const Table& table, const std::vector<size_t>& chosen) {
     for (size_t cell = 0; cell < chosen.size(); ++cell) {
       const Column& column = table.Columns()[chosen[cell]];
       scols_line_set_data(line, cell, Drawable(CellText(column, table.Row(number))).c_str());
-      const Color color = column.color ? column.color(table.Row(number)) : Color::kNone;
+      const Color color = CellColor(column, table.Row(number));
       if (color != Color::kNone) scols_cell_set_color(scols_line_get_cell(line, cell), ColorSequence(color));
     }
   }

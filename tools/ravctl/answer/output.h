@@ -7,26 +7,20 @@
 #include <string_view>
 #include <vector>
 
+#include "ravctl/answer/field.h"
 #include "ravctl/answer/json_name.h"
 
 namespace ravctl {
 
 enum class ColorMode { kAuto, kAlways, kNever };
-enum class Color { kNone, kRed, kYellow, kGreen, kBlue, kCyan, kMagenta, kGray, kBold };
 
 // What the global options say about the output.
 struct OutputOptions {
   bool json = false;
+  bool csv = false;
   bool noHeadings = false;
   std::string columns;  // of -o: "name,size", or "+name" on top of the usual ones
   ColorMode color = ColorMode::kAuto;
-};
-
-// Names a form of JSON output: the file schemas/<name>.json describes it. A new key raises nothing; a key that
-// changes its meaning or goes away raises the version.
-struct Schema {
-  std::string_view name;
-  int version = 1;
 };
 
 struct Column {
@@ -37,23 +31,37 @@ struct Column {
   // How the value is written, when not as it stands (a missing or null value is always "-").
   std::function<std::string(const Json& value)> format = {};
   // Colours a cell; the text must tell the same without it.
-  std::function<Color(const Json& row)> color = {};
+  std::function<Color(const Json& value)> color = {};
+  size_t width = 0;  // of its texts as a rule, in a table whose rows come one by one
 };
+
+std::vector<Column> ColumnsOf(Fields fields);
 
 // The cell of a row as it is shown, fit for a terminal.
 std::string CellText(const Column& column, const Json& row);
+Color CellColor(const Column& column, const Json& row);
+
+// A line of CSV (RFC 4180) without its end, whose cells are the values as they stand: nothing for one that is missing
+// or null.
+std::string CsvCell(const Column& column, const Json& row);
+std::string CsvLine(const std::vector<std::string>& cells);
 
 // Rows of equal shape, one JSON object each. A row may hold keys beyond the columns: they reach JSON alone. With
 // parents the rows form a tree, drawn in the first column that is shown. Strings from outside go in as they are.
 class Table {
  public:
   explicit Table(std::vector<Column> columns);
+  explicit Table(Fields fields) : Table(ColumnsOf(fields)) {}
+  explicit Table(const Schema& schema) : Table(schema.Columns()) {}
   ~Table();
   Table(Table&& other) noexcept;
   Table& operator=(Table&& other) noexcept;
 
   // Returns the row's number, for use as a parent. A parent comes before its children.
   size_t Add(Json row, std::optional<size_t> parent = std::nullopt);
+
+  // Whether the column is shown without -o, where that depends on the answer.
+  void SetUsual(std::string_view key, bool isUsual);
 
   const std::vector<Column>& Columns() const { return m_Columns; }
   size_t Size() const;
@@ -71,9 +79,9 @@ class Table {
   bool m_IsTree = false;
 };
 
-// Everything that a command says, to the standard output in one of three forms: a table on a terminal, aligned plain
-// text in a pipe, one JSON object {schema, version, root, data, warnings}. Warnings go to the standard error at once,
-// and into the JSON object as well. One thread.
+// Everything that a command says, to the standard output in one of four forms: a table on a terminal, aligned plain
+// text in a pipe, the table as CSV, one JSON object {schema, version, root, data, warnings}. Warnings go to the
+// standard error at once, and into the JSON object as well. One thread.
 //
 // A command calls exactly one of these families:
 //   Print           once, with everything
@@ -89,6 +97,7 @@ class Output {
   Output& operator=(const Output&) = delete;
 
   bool IsJson() const { return m_Options.json; }
+  bool IsCsv() const { return m_Options.csv; }
   bool IsTerminal() const { return m_IsTerminal; }
   bool HasColors() const { return m_HasColors; }
   const OutputOptions& Options() const { return m_Options; }
@@ -141,6 +150,7 @@ class Output {
   Json Envelope(const Schema& schema) const;
   Json WarningsAsJson() const;
   void PrintTable(const Table& table, const std::vector<size_t>& chosen);
+  void PrintCsv(const Table& table, const std::vector<size_t>& chosen);
 
   OutputOptions m_Options;
   std::string m_Root = "/";

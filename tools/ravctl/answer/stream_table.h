@@ -17,13 +17,8 @@ std::string Padded(std::string_view text, size_t width, bool isRight);
 // --json an object a row. -o chooses columns as in other tables.
 class StreamTable {
  public:
-  struct WideColumn {
-    Column column;
-    size_t width = 0;  // of its texts as a rule; the heading's when that is wider
-  };
-
   // Throws CommandError for a column of -o that is none.
-  StreamTable(Output& out, Schema schema, std::vector<WideColumn> columns);
+  StreamTable(Output& out, Schema schema, std::vector<Column> columns);
 
   // The values of the row by their columns' keys; data is what JSON says.
   void Add(const Json& row, const Json& data);
@@ -33,10 +28,11 @@ class StreamTable {
   // Appends the cell; the last one of a line needs no blanks behind it.
   void AppendCell(std::string& line, size_t number, const std::string& text, Color color) const;
   std::string Heading() const;
+  std::string Csv(const std::function<std::string(const Column&)>& cellOf) const;
 
   Output& m_Out;
   Schema m_Schema;
-  std::vector<WideColumn> m_Columns;  // those that are shown
+  std::vector<Column> m_Columns;  // those that are shown
   size_t m_Rows = 0;
 };
 

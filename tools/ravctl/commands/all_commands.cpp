@@ -12,6 +12,7 @@
 #include "ravctl/commands/pci.h"
 #include "ravctl/commands/perf.h"
 #include "ravctl/commands/registry/group.h"
+#include "ravctl/commands/schema.h"
 #include "ravctl/commands/slots.h"
 #include "ravctl/commands/smbios/group.h"
 #include "ravctl/commands/trace/group.h"
@@ -103,6 +104,7 @@ void AddAllCommands(Command& root) {
   AddIniGroup(root);
   AddBundle(root);
   AddDoctor(root);
+  AddSchema(root);
   AddShellTexts(root);
 }
 

@@ -17,6 +17,18 @@ namespace ravctl {
 
 namespace {
 
+constexpr auto kBundleFields = std::to_array<Field>({
+    {"bundle", kText, "the file that was made"},
+    {"entries", kCount, "files, directories and links in it"},
+    {"captured", kCount, "bytes that were read"},
+    {"packed", kCount, "bytes of the file"},
+    {"redacted", kBoolean, "whether identities were replaced by tokens"},
+    {"traces", kBoolean, "whether the traces are in it"},
+    {"missing", ListOf(kMissingFields), "what is there and could not be captured"},
+    {"live_only", kTexts, "what only a running kernel tells, so that no bundle holds it"},
+});
+constexpr Schema kBundle = {"bundle", 1, Record(kBundleFields)};
+
 struct BundleOptions {
   std::string out;
   bool redact = false;
@@ -71,7 +83,7 @@ ExitCode RunBundle(const BundleOptions& options, Output& out) {
   const CapturedEntry manifest = MakeManifest(origin, capture.Entries(), missing);
   const uint64_t packed = WriteEntries(writer, capture.Entries(), manifest);
   WarnAboutMissing(missing, out);
-  out.Print({"bundle"},
+  out.Print(kBundle,
             Printable(options.out) + ": " + std::to_string(capture.Entries().size()) + " entries, " +
                 HumanSize(capture.Bytes()) + " captured, " + HumanSize(packed) + " packed" +
                 (options.redact ? ", redacted" : "") + "\n",
@@ -98,6 +110,7 @@ void AddBundle(Command& root) {
         {"ravctl --sysroot server7.tar.zst doctor", "look at it, anywhere"}},
        Effect::kChanges},
       [options](Output& out) { return RunBundle(*options, out); });
+  bundle.Answers({&kBundle, &kManifest});
   bundle.AddRequired("OUT", &options->out, "The new file; its ending .tar.gz or .tar.zst tells the packing");
   bundle.AddFlag("--redact", &options->redact,
                  "Replace serial numbers, MAC and IP addresses, WWNs, UUIDs and host names by tokens that are the same "

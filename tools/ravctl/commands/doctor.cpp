@@ -31,6 +31,8 @@ namespace ravctl {
 
 namespace {
 
+constexpr Schema kDoctor = {"doctor", 2, ListOf(kFindingFields)};
+
 constexpr unsigned long long kLowSpace = 64ULL << 20;
 
 Findings CheckDaemon() {
@@ -258,7 +260,7 @@ ExitCode RunDoctor(Output& out) {
     for (const Finding& finding : RunCheck(check))
       findings.push_back(finding);
   }
-  PrintFindings({"doctor", 2}, findings, out);
+  PrintFindings(kDoctor, findings, out);
   return WorstOf(findings) < Severity::kBad ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
 
@@ -270,7 +272,8 @@ void AddDoctor(Command& root) {
             "while a warning is none",
             {{"ravctl doctor", "one line a finding"},
              {"ravctl doctor --json | jq '.data[] | select(.severity == \"bad\")'", "what is broken"}}},
-           [](Output& out) { return RunDoctor(out); });
+           [](Output& out) { return RunDoctor(out); })
+      .Answers({&kDoctor});
 }
 
 }  // namespace ravctl

@@ -63,38 +63,47 @@ Json Row(const Json& record) {
   return row;
 }
 
-Color SlotColor(const Json& row) {
-  return row["slot_from"] == "bridge" ? Color::kGray : Color::kNone;
+Color SlotColor(const Json& slot) {
+  return slot.get_ref<const std::string&>().ends_with("(bridge)") ? Color::kGray : Color::kNone;
 }
 
-std::vector<Column> Columns(bool hasBridges) {
-  return {{.key = "address", .heading = "ADDRESS"},
-          {.key = "ids", .heading = "IDS"},
-          {.key = "class", .heading = "CLASS"},
-          {.key = "driver", .heading = "DRIVER"},
-          {.key = "slot_text", .heading = "SLOT", .color = SlotColor},
-          {.key = "buses", .heading = "BUSES", .isUsual = hasBridges},
-          {.key = "name", .heading = "NAME"},
-          {.key = "class_code", .heading = "CLASS CODE", .isUsual = false},
-          {.key = "sub_class", .heading = "SUB CLASS", .isUsual = false},
-          {.key = "vendor_id", .heading = "VENDOR ID", .isUsual = false},
-          {.key = "device_id", .heading = "DEVICE ID", .isUsual = false},
-          {.key = "subvendor_id", .heading = "SUBVENDOR ID", .isUsual = false},
-          {.key = "subdevice_id", .heading = "SUBDEVICE ID", .isUsual = false},
-          {.key = "revision", .heading = "REVISION", .isUsual = false},
-          {.key = "vendor", .heading = "VENDOR", .isUsual = false},
-          {.key = "product", .heading = "PRODUCT", .isUsual = false},
-          {.key = "subsystem", .heading = "SUBSYSTEM", .isUsual = false},
-          {.key = "names_from", .heading = "NAMES FROM", .isUsual = false},
-          {.key = "slot", .heading = "SLOT NUMBER", .isRight = true, .isUsual = false},
-          {.key = "slot_from", .heading = "SLOT FROM", .isUsual = false},
-          {.key = "parent", .heading = "PARENT", .isUsual = false},
-          {.key = "is_bridge", .heading = "BRIDGE", .isUsual = false},
-          {.key = "primary_bus", .heading = "PRIMARY BUS", .isRight = true, .isUsual = false},
-          {.key = "secondary_bus", .heading = "SECONDARY BUS", .isRight = true, .isUsual = false},
-          {.key = "irq", .heading = "IRQ", .isRight = true, .isUsual = false},
-          {.key = "interrupt_pin", .heading = "PIN", .isRight = true, .isUsual = false}};
-}
+constexpr Type kId = Like("^[0-9a-f]{4}$");
+
+constexpr auto kPciFields = std::to_array<Field>({
+    {"address", kPciAddress, "PCI address of the function"},
+    {"ids", kText, "numbers of maker and device", {.where = Where::kTable}},
+    {"class", kText, "base class"},
+    {"driver", kTextOrNull, "kernel driver"},
+    {"slot_text",
+     kTextOrNull,
+     "slot, and whether it is that of the bridge in front",
+     {.heading = "SLOT", .color = SlotColor, .where = Where::kTable}},
+    {"buses",
+     kTextOrNull,
+     "of a bridge, the buses on both sides; usual with --tree",
+     {.isUsual = false, .where = Where::kTable}},
+    {"name", kText, "maker and product, else the class", {.where = Where::kTable}},
+    {"class_code", Like("^[0-9a-f]{6}$"), "class, sub-class and interface", kOnRequest},
+    {"sub_class", kTextOrNull, "sub-class", kOnRequest},
+    {"vendor_id", kId, "number of the maker", kOnRequest},
+    {"device_id", kId, "the maker's number of the device", kOnRequest},
+    {"subvendor_id", OrNull(kId), "number of the maker of the card", kOnRequest},
+    {"subdevice_id", OrNull(kId), "that maker's number of the card", kOnRequest},
+    {"revision", Like("^[0-9a-f]{2}$"), "revision of the device", kOnRequest},
+    {"vendor", kTextOrNull, "name of the maker", kOnRequest},
+    {"product", kTextOrNull, "name of the product", kOnRequest},
+    {"subsystem", kTextOrNull, "name of the card", kOnRequest},
+    {"names_from", OrNull(Choice("Adapter.ini|pci.ids")), "where the names are from", kOnRequest},
+    {"slot", kCountOrNull, "number of the slot; 0 is the board itself", {"SLOT NUMBER", false}},
+    {"slot_from", OrNull(Choice("firmware|bridge")), "what tells of the slot", kOnRequest},
+    {"parent", OrNull(kPciAddress), "the bridge in front of it", kOnRequest},
+    {"is_bridge", kBoolean, "whether it is a bridge", {"BRIDGE", false}},
+    {"primary_bus", kCountOrNull, "of a bridge, the bus that it is on", kOnRequest},
+    {"secondary_bus", kCountOrNull, "of a bridge, the bus behind it", kOnRequest},
+    {"irq", kCountOrNull, "interrupt", kOnRequest},
+    {"interrupt_pin", kCountOrNull, "pin of the interrupt", {"PIN", false}},
+});
+constexpr Schema kPci = {"pci", 1, ListOf(kPciFields)};
 
 Json Select(const Json& records, const Options& options) {
   Json selected = Json::array();
@@ -129,7 +138,8 @@ ExitCode RunPci(const Options& options, Output& out) {
   Json selected = Select(records, options);
   const bool isFound = !selected.empty();
   if (options.isTree) selected = WithBridges(selected, records);
-  Table table(Columns(options.isTree));
+  Table table(kPci);
+  table.SetUsual("buses", options.isTree);
   if (options.isTree) {
     for (const PciTreeRow& row : BuildPciTree(selected))
       table.Add(Row(*row.record), row.parent);
@@ -137,7 +147,7 @@ ExitCode RunPci(const Options& options, Output& out) {
     for (const Json& record : selected)
       table.Add(Row(record));
   }
-  out.Print({"pci"}, table, selected);
+  out.Print(kPci, table, selected);
   return isFound ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
 
@@ -153,6 +163,7 @@ void AddPci(Command& root) {
         {"ravctl pci --id 8086: --class 'Network*'", "network controllers of one vendor"},
         {"ravctl pci --address '*:17:00.*' -o address,irq,subvendor_id,subdevice_id", "more about one device"}}},
       [options](Output& out) { return RunPci(*options, out); });
+  pci.Answers({&kPci});
   pci.AddFlag("-t,--tree", &options->isTree, "Each function behind its bridge; bridges of what is wanted come along");
   pci.AddOption("-d,--id", &options->id, "VENDOR:DEVICE", "Only with these IDs: 8086:1521, 8086: or :1521", CheckId);
   options->filter.AddOption(pci, "--address", "address", "Only at this address: 0000:17:00.0, *:17:*");

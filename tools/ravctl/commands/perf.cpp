@@ -29,12 +29,74 @@ std::string PercentText(const Json& percent) {
   return percent.dump() + "%";
 }
 
-Color LoadColor(const Json& row, const std::string& key) {
-  const auto percent = row.find(key);
-  if (percent == row.end() || !percent->is_number()) return Color::kNone;
-  const int value = percent->get<int>();
+Color LoadColor(const Json& percent) {
+  const int value = percent.get<int>();
   return value >= 90 ? Color::kRed : value >= 70 ? Color::kYellow : Color::kNone;
 }
+
+constexpr auto kCpuFields = std::to_array<Field>({
+    {"used_percent", kCountOrNull, "what was used of the time of all processors"},
+    {"user_percent", kCountOrNull, "by programs"},
+    {"kernel_percent", kCountOrNull, "by the kernel"},
+    {"idle_percent", kCountOrNull, "what was left"},
+});
+constexpr auto kMemoryFields = std::to_array<Field>({
+    {"physical_percent", kCountOrNull, "what is used of the memory"},
+    {"physical_used", kCountOrNull, "that in bytes; what the kernel caches counts"},
+    {"physical_total", kCountOrNull, "bytes of memory"},
+    {"virtual_percent", kCountOrNull, "what is used of memory and swap space"},
+    {"virtual_used", kCountOrNull, "that in bytes"},
+    {"virtual_total", kCountOrNull, "bytes of memory and swap space"},
+});
+constexpr auto kNetworkFields = std::to_array<Field>({
+    {"name", kText, "name of the interface"},
+    {"percent", kCountOrNull, "what was used of the link"},
+    {"received_percent", kCountOrNull, "by what was received"},
+    {"sent_percent", kCountOrNull, "by what was sent"},
+    {"received_bytes_per_s", kCountOrNull, "bytes received a second"},
+    {"sent_bytes_per_s", kCountOrNull, "bytes sent a second"},
+    {"speed_bytes_per_s", kCountOrNull, "bytes a second that the link can carry"},
+});
+constexpr auto kSampleFields = std::to_array<Field>({
+    {"time", kTime, "local time at the end of the sample"},
+    {"interval_ms", kCount, "milliseconds that it covers"},
+    {"cpu", Record(kCpuFields), "the processors"},
+    {"memory", Record(kMemoryFields), "the memory"},
+    {"network", ListOf(kNetworkFields), "the interfaces that are sampled"},
+});
+
+constexpr auto kObjectFields = std::to_array<Field>({
+    {"object", Choice("cpu|memory|network"), "what has the load"},
+    {"name", kText, "which one of them"},
+    {"used", kCountOrNull, "how much of it is used", {.format = PercentText, .color = LoadColor}},
+    {"detail", kText, "by what"},
+});
+constexpr Schema kPerf = {"perf-sample", 1, Record(kSampleFields), kObjectFields};
+
+constexpr Cell kLoad = {.format = PercentText, .color = LoadColor, .width = 4};
+constexpr auto kRowFields = std::to_array<Field>({
+    {"time", kTime, "local time at the end of the sample", {.width = 23}},
+    {"cpu", kCount, "what was used of the time of all processors", kLoad},
+    {"user", kCount, "by programs", kLoad},
+    {"kernel", kCount, "by the kernel", kLoad},
+    {"idle", kCount, "what was left", {.isUsual = false, .format = PercentText, .width = 4}},
+    {"memory", kCount, "what is used of the memory", kLoad},
+    {"memory_used", kCount, "that in bytes", {.heading = "USED", .format = SizeText, .width = 6}},
+    {"virtual", kCount, "what is used of memory and swap space", kLoad},
+    {"virtual_used", kCount, "that in bytes", {"VIRTUAL-USED", false, SizeText, nullptr, 6}},
+    {"received",
+     kCount,
+     "bytes received a second by all interfaces",
+     {.heading = "IN", .format = RateText, .width = 7}},
+    {"sent", kCount, "bytes sent a second by all interfaces", {.heading = "OUT", .format = RateText, .width = 7}},
+});
+constexpr Schema kPerfRows = {"perf-sample", 1, Record(kSampleFields), kRowFields};
+// Of each interface, with its name and a full stop in front: "eth0.used".
+constexpr auto kInterfaceFields = std::to_array<Field>({
+    {"used", kCount, "what was used of the link", {"USED", false, PercentText, LoadColor, 4}},
+    {"received", kCount, "bytes received a second", {"IN", false, RateText, nullptr, 7}},
+    {"sent", kCount, "bytes sent a second", {"OUT", false, RateText, nullptr, 7}},
+});
 
 bool WarnAboutMissing(const PerfSample& sample, Output& out) {
   if (!sample.cpu) out.Warn("the use of the processors cannot be told", "/proc/stat", "try a longer --interval");
@@ -51,14 +113,7 @@ std::string RateOrDash(const std::optional<uint64_t>& rate) {
 }
 
 Table ObjectTable(const PerfSample& sample) {
-  Table table({{.key = "object", .heading = "OBJECT"},
-               {.key = "name", .heading = "NAME"},
-               {.key = "used",
-                .heading = "USED",
-                .isRight = true,
-                .format = PercentText,
-                .color = [](const Json& row) { return LoadColor(row, "used"); }},
-               {.key = "detail", .heading = "DETAIL"}});
+  Table table(kPerf);
   const auto add = [&table](const char* object, const std::string& name, const Json& used, const std::string& detail) {
     table.Add({{"object", object}, {"name", name}, {"used", used}, {"detail", detail}});
   };
@@ -81,39 +136,16 @@ Table ObjectTable(const PerfSample& sample) {
   return table;
 }
 
-StreamTable::WideColumn PercentColumn(const std::string& key, const std::string& heading, bool isUsual = true) {
-  return {{.key = key,
-           .heading = heading,
-           .isRight = true,
-           .isUsual = isUsual,
-           .format = PercentText,
-           .color = [key](const Json& row) { return key == "idle" ? Color::kNone : LoadColor(row, key); }},
-          4};
-}
-
-StreamTable::WideColumn AmountColumn(const std::string& key, const std::string& heading, bool isRate, bool isUsual) {
-  return {{.key = key, .heading = heading, .isRight = true, .isUsual = isUsual, .format = isRate ? RateText : SizeText},
-          isRate ? 7U : 6U};
-}
-
 StreamTable RowTable(const PerfSample& sample, Output& out) {
-  std::vector<StreamTable::WideColumn> columns = {{{.key = "time", .heading = "TIME"}, 23},
-                                                  PercentColumn("cpu", "CPU"),
-                                                  PercentColumn("user", "USER"),
-                                                  PercentColumn("kernel", "KERNEL"),
-                                                  PercentColumn("idle", "IDLE", false),
-                                                  PercentColumn("memory", "MEMORY"),
-                                                  AmountColumn("memory_used", "USED", false, true),
-                                                  PercentColumn("virtual", "VIRTUAL"),
-                                                  AmountColumn("virtual_used", "VIRTUAL-USED", false, false),
-                                                  AmountColumn("received", "IN", true, true),
-                                                  AmountColumn("sent", "OUT", true, true)};
+  std::vector<Column> columns = ColumnsOf(kRowFields);
   for (const NetworkLoad& load : sample.network) {
-    columns.push_back(PercentColumn(load.name + ".used", load.name + "-USED", false));
-    columns.push_back(AmountColumn(load.name + ".received", load.name + "-IN", true, false));
-    columns.push_back(AmountColumn(load.name + ".sent", load.name + "-OUT", true, false));
+    for (Column& column : ColumnsOf(kInterfaceFields)) {
+      column.key = load.name + "." + column.key;
+      column.heading = load.name + "-" + column.heading;
+      columns.push_back(std::move(column));
+    }
   }
-  return {out, {"perf-sample"}, std::move(columns)};
+  return {out, kPerfRows, std::move(columns)};
 }
 
 Json RowOf(const PerfSample& sample) {
@@ -148,7 +180,7 @@ ExitCode RunOnce(const PerfOptions& options, const SignalWatch& signals, Output&
   RequireInterfaces(options.interfaces, sample);
   KeepInterfaces(options.interfaces, sample);
   const bool isMissing = WarnAboutMissing(sample, out);
-  out.Print({"perf-sample"}, ObjectTable(sample), sample.ToJson());
+  out.Print(kPerf, ObjectTable(sample), sample.ToJson());
   return isMissing ? ExitCode::kInputMissing : ExitCode::kDone;
 }
 
@@ -190,12 +222,14 @@ void AddPerf(Command& root) {
                              {"ravctl perf --count 2 -o time,cpu,memory,received,sent", "two rows of chosen columns"}},
                             Effect::kChanges},
                            [options](Output& out) { return RunPerf(*options, out); });
+  perf.Answers({&kPerf, &kPerfRows});
   perf.AddOption("--interval", &options->interval, "SECONDS", "Seconds that a sample covers (0.5, with --count 1)",
                  InRange(0.1, 86400.0));
   perf.AddOption("-n,--count", &options->count, "N", "A row for each of so many samples; 0 goes on until Ctrl-C",
                  NotNegative());
   perf.AddOption("-i,--interface", &options->interfaces, "NAME",
-                 "Only these network interfaces, of those that are sampled");
+                 "Only these network interfaces, of those that are sampled")
+      .offered = "net list -o name";
 }
 
 }  // namespace ravctl

@@ -12,6 +12,8 @@ namespace ravctl {
 
 namespace {
 
+constexpr Schema kSlots = {"slots", 1, ListOf(kSlotFields)};
+
 struct Options {
   RecordFilter filter;
   bool withOnboard = false;
@@ -29,24 +31,13 @@ ExitCode RunSlots(const Options& options, Output& out) {
   WarnWithoutSlots(out);
   if (all.empty() && out.Warnings() == 0) out.Warn("no table of the firmware describes a slot", "SMBIOS and $PIR");
   const Json slots = options.filter.Select(all);
-  Table table({{.key = "number", .heading = "SLOT", .format = SlotText},
-               {.key = "designation", .heading = "DESIGNATION"},
-               {.key = "type_text", .heading = "TYPE"},
-               {.key = "usage", .heading = "USE"},
-               {.key = "address", .heading = "ADDRESS"},
-               {.key = "card", .heading = "CARD"},
-               {.key = "sources", .heading = "SAID BY"},
-               {.key = "type", .heading = "TYPE ALONE", .isUsual = false},
-               {.key = "width", .heading = "WIDTH", .isUsual = false},
-               {.key = "length", .heading = "LENGTH", .isUsual = false},
-               {.key = "functions", .heading = "FUNCTIONS", .isUsual = false},
-               {.key = "is_onboard", .heading = "ONBOARD", .isUsual = false}});
+  Table table(kSlots);
   for (const Json& slot : slots) {
     Json row = slot;
     row["type_text"] = TypeCell(slot);
     table.Add(std::move(row));
   }
-  out.Print({"slots"}, table, slots);
+  out.Print(kSlots, table, slots);
   return table.Size() > 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
 
@@ -60,6 +51,7 @@ void AddSlots(Command& root) {
                               {"ravctl slots --usage Available", "where a card could go"},
                               {"ravctl slots --onboard -o +functions", "the devices of the board too"}}},
                             [options](Output& out) { return RunSlots(*options, out); });
+  slots.Answers({&kSlots});
   slots.AddFlag("--onboard", &options->withOnboard, "The devices of the board too, which have no slot");
   options->filter.AddOption(slots, "--usage", "usage", "Only in this use: 'In use', Available, Unavailable");
   options->filter.AddOption(slots, "--type", "type", "Only of this type: 'PCIe*'");

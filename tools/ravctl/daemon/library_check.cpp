@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -22,6 +23,7 @@
 #include "ravctl/base/child.h"
 #include "ravctl/base/crash_report.h"
 #include "ravctl/base/error.h"
+#include "ravctl/base/files.h"
 #include "ravctl/base/text.h"
 
 namespace ravctl {
@@ -30,6 +32,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
+constexpr const char* kLoaderDirectory = "/etc/ld.so.conf.d";
+constexpr auto kLoaderUsual = std::to_array<std::string_view>(
+    {"/lib/x86_64-linux-gnu", "/usr/lib/x86_64-linux-gnu", "/lib64", "/usr/lib64", "/lib", "/usr/lib"});
+constexpr size_t kMostLoaded = 256;  // libraries
 constexpr const char* kAccessList = "system.posix_acl_access";
 constexpr int kMostLinks = 40;  // as many as the kernel follows
 constexpr int kLoadSeconds = 10;
@@ -68,6 +74,7 @@ struct LibraryNames {
   std::set<std::string> defined;
   std::set<std::string> wanted;
   std::vector<std::string> needed;
+  std::vector<std::string> directories;  // where it has the loader look for them first
 };
 
 struct ElfDeleter {
@@ -93,8 +100,12 @@ void ReadNeeded(Elf* elf, Elf_Scn* section, const GElf_Shdr& header, LibraryName
   for (size_t index = 0; index < header.sh_size / header.sh_entsize; ++index) {
     GElf_Dyn entry;
     if (gelf_getdyn(data, static_cast<int>(index), &entry) == nullptr) return;
-    const char* name = entry.d_tag == DT_NEEDED ? elf_strptr(elf, header.sh_link, entry.d_un.d_val) : nullptr;
-    if (name != nullptr) names.needed.emplace_back(name);
+    const bool isPath = entry.d_tag == DT_RPATH || entry.d_tag == DT_RUNPATH;
+    if (entry.d_tag != DT_NEEDED && !isPath) continue;
+    const char* text = elf_strptr(elf, header.sh_link, entry.d_un.d_val);
+    if (text == nullptr) continue;
+    for (std::string& part : isPath ? SplitList(text, ':') : std::vector<std::string>{text})
+      (isPath ? names.directories : names.needed).push_back(std::move(part));
   }
 }
 
@@ -265,16 +276,86 @@ std::vector<std::string> Way(const std::string& path) {
   return way;
 }
 
-// The daemon runs it as root: whoever may write the file, or replace it in a directory above, is root.
+// Where the loader looks besides its usual directories.
+std::vector<std::string> ConfiguredDirectories() {
+  std::vector<std::string> directories;
+  std::error_code none;
+  for (const fs::directory_entry& file : fs::directory_iterator(kLoaderDirectory, none)) {
+    std::string text;
+    if (ReadFileInto(file.path(), text) != 0) continue;
+    for (const std::string& line : SplitList(text, '\n'))
+      if (line.starts_with('/') && std::ranges::count(kLoaderUsual, line) == 0) directories.push_back(line);
+  }
+  return directories;
+}
+
+// "$ORIGIN/../lib" of /opt/bin/libx.so => "/opt/bin/../lib"
+std::string WithOrigin(std::string directory, const std::string& library) {
+  for (const std::string_view name : {"$ORIGIN", "${ORIGIN}"}) {
+    if (directory.starts_with(name)) directory.replace(0, name.size(), fs::path(library).parent_path().string());
+  }
+  return directory;
+}
+
+bool IsLibrary(std::string_view directory, const std::string& name) {
+  std::error_code none;
+  return fs::exists(fs::path(directory) / name, none);
+}
+
+// Nothing for a file that cannot be loaded.
+LibraryNames ReadIfLibrary(const std::string& path) try { return ReadLibrary(path); } catch (const CommandError&) {
+  return {};
+}
+
+// What loading the library brings into a process of root: the library, what it needs, what that needs, and the
+// directories in which the loader would rather find one of them. The usual directories of the system are left out:
+// whoever may write there needs no module.
+std::vector<std::string> LoadedWith(const std::string& library) {
+  const std::vector<std::string> configured = ConfiguredDirectories();
+  const char* const environment = std::getenv("LD_LIBRARY_PATH");
+  std::vector<std::string> libraries = {library};
+  std::vector<std::string> loaded;
+  for (size_t next = 0; next < libraries.size() && next < kMostLoaded; ++next) {
+    const std::string by = libraries[next];
+    const LibraryNames names = ReadIfLibrary(by);
+    std::vector<std::string> first = SplitList(environment != nullptr ? environment : "", ':');
+    for (const std::string& directory : names.directories)
+      first.push_back(WithOrigin(directory, by));
+    for (const std::string& needed : names.needed) {
+      const bool isPath = needed.find('/') != std::string::npos;
+      const auto has = [&needed](std::string_view directory) { return IsLibrary(directory, needed); };
+      const auto found = std::ranges::find_if(first, has);
+      if (!isPath) loaded.insert(loaded.end(), first.begin(), found);
+      std::string place = isPath ? fs::absolute(needed).string() : "";
+      if (!isPath && found != first.end()) place = *found + "/" + needed;
+      if (!isPath && found == first.end() && std::ranges::none_of(kLoaderUsual, has)) {
+        const auto other = std::ranges::find_if(configured, has);
+        if (other != configured.end()) place = *other + "/" + needed;
+      }
+      if (!place.empty() && std::ranges::count(libraries, place) == 0) libraries.push_back(place);
+    }
+  }
+  loaded.insert(loaded.end(), libraries.begin(), libraries.end());
+  return loaded;
+}
+
+// The daemon runs it as root: whoever may write the file, or replace it in a directory above, is root. The same goes
+// for what it needs.
 bool CheckWriters(const std::string& path, CheckList& list) {
+  std::set<std::string> places;
+  for (const std::string& loaded : LoadedWith(path)) {
+    const std::vector<std::string> way = Way(loaded);
+    places.insert(way.begin(), way.end());
+  }
   bool isSafe = true;
-  for (const std::string& place : Way(path)) {
+  for (const std::string& place : places) {
     const std::string writers = Writers(place);
     if (writers.empty()) continue;
     isSafe = false;
     list.Say(false, "writable", place + " by " + writers, "the daemon runs it as root: let root alone write");
   }
-  if (isSafe) list.Say(true, "writable", "by root alone, and so are the directories above");
+  if (isSafe)
+    list.Say(true, "writable", "by root alone, and so are the directories above and the libraries that it needs");
   return isSafe;
 }
 

@@ -5,7 +5,7 @@
 
 namespace ravctl {
 
-// The library's inventory as JSON objects in scan order, one a record, as schemas/inventory.json describes them.
+// The library's inventory as JSON objects in scan order, one a record, as ravctl schema inventory describes them.
 struct InventoryRecords {
   Json adapters = Json::array();
   Json drives = Json::array();

@@ -5,7 +5,7 @@
 namespace ravctl {
 
 // What a machine is beside its adapters, drives and volumes, for a comparison with later or with another: an object of
-// lists of JSON objects, as schemas/inventory.json describes them.
+// lists of JSON objects, as ravctl schema inventory describes them.
 //
 //   firmware     BIOS, system, board and chassis
 //   processors   those that are there, by socket

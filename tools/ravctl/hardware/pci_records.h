@@ -8,7 +8,7 @@
 
 namespace ravctl {
 
-// The PCI functions in address order as JSON objects, as schemas/pci.json describes them: what their header says, the
+// The PCI functions in address order as JSON objects, as ravctl schema pci describes them: what their header says, the
 // driver, the slot and where its number comes from, and the bridge in front.
 Json MakePciRecords(const PciFunctions& functions, const std::vector<FirmwareSlot>& slots);
 // The same of this machine as it is now.

@@ -15,6 +15,7 @@ namespace ravctl {
 
 // What the records of the hardware commands are made of.
 
+inline constexpr Type kPciAddress = Like(R"(^[0-9a-f]{4,5}:[0-9a-f]{2}:[0-9a-f]{2}\.[0-9a-f]$)");
 // "0000:02:00.0", null for an invalid address.
 Json AddressText(const CPciAddress& address);
 // 0x1f, 4 => "001f"

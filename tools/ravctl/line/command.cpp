@@ -50,13 +50,15 @@ Check NotNegative() {
 }
 
 Check OneOf(std::vector<std::string> values) {
-  return [values = std::move(values)](const std::string& value) {
+  Check check = [values](const std::string& value) {
     if (std::ranges::find(values, value) != values.end()) return std::string();
     std::string list;
     for (const std::string& each : values)
       list += (list.empty() ? "" : ",") + each;
     return value + " not in {" + list + "}";
   };
+  check.values = std::move(values);
+  return check;
 }
 
 Command::Command(CommandText text, std::string footer) : m_Text(std::move(text)), m_Footer(std::move(footer)) {
@@ -75,6 +77,11 @@ Command& Command::Add(const CommandText& text, RunFunction run) {
 
 Command& Command::AddGroup(const std::string& name, const std::string& summary) {
   return m_Below.emplace_back(this, CommandText{name, summary}, nullptr);
+}
+
+Command& Command::Answers(std::vector<const Schema*> schemas) {
+  m_Answers = std::move(schemas);
+  return *this;
 }
 
 Option& Command::AddFlag(const std::string& names, bool* isSet, const std::string& meaning) {
@@ -96,6 +103,17 @@ Option& Command::AddRequired(const std::string& name, Target value, const std::s
 
 Option& Command::AddRequest(const std::string& names, Ask what, const std::string& meaning) {
   return m_Options.emplace_back(Option{names, what, meaning});
+}
+
+std::vector<const Field*> Command::Columns() const {
+  std::vector<const Field*> columns;
+  for (const Schema* schema : m_Answers) {
+    for (const Field& field : schema->Columns()) {
+      if (field.cell.where != Where::kJson && std::ranges::count(columns, field.key, &Field::key) == 0)
+        columns.push_back(&field);
+    }
+  }
+  return columns;
 }
 
 std::string Command::FullName() const {

@@ -18,9 +18,9 @@
 //      struct Options { std::string what; };
 //
 //      ExitCode Run(const Options& options, Output& out) {
-//        Table table({{.key = "name", .heading = "NAME"}, {.key = "bytes", .heading = "SIZE", .isRight = true}});
+//        Table table(kThingFields);
 //        table.Add({{"name", "a"}, {"bytes", 4}});
-//        out.Print({"thing-list"}, table);
+//        out.Print(kThingList, table);
 //        return table.Size() > 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 //      }
 //
@@ -28,11 +28,13 @@
 //        auto options = std::make_shared<Options>();
 //        Command& list = thing.Add({"list", "List the things", {{"ravctl thing list a*", "those with a"}}},
 //                                  [options](Output& out) { return Run(*options, out); });
+//        list.Answers({&kThingList});
 //        list.AddWord("PATTERN", &options->what, "Which things");
 //      }
 //
-// 2. Call it in commands/all_commands.cpp, where the groups are made.
-// 3. Describe its JSON in schemas/thing-list.json; the tests validate every answer against that file.
+// 2. Describe its records in commands/thing/fields.cpp, as answer/field.h shows; the tests hold every answer against
+// that.
+// 3. Call it in commands/all_commands.cpp, where the groups are made.
 //
 // The options given here are the one table from which the help, the manual page and the completion are made. A command
 // without an example does not register. Global options (--json, -o, --color...) may stand anywhere on the command line.
@@ -59,13 +61,16 @@ struct CommandText {
 };
 
 // What is wrong with a value, "" when nothing is.
-using Check = std::function<std::string(const std::string& value)>;
+struct Check : std::function<std::string(const std::string& value)> {
+  using function::function;
+  std::vector<std::string> values = {};  // all that are good, when they can be listed
+};
 Check InRange(double low, double high);
 Check Above(double limit);
 Check NotNegative();
 Check OneOf(std::vector<std::string> values);
 
-enum class Ask { kHelp, kVersion };
+enum class Ask { kHelp, kVersion, kColumns };
 
 // Where a value goes; it must outlive the parsing. What is not on the line stays as it is. A list collects the values
 // of a repeated option, or all the words that are left; a function takes the value itself.
@@ -83,6 +88,7 @@ struct Option {
   bool isRequired = false;
   std::string excludes = {};  // "--ipv4"
   std::string implied = {};   // the value of the option's name alone, where one may be left out
+  std::string offered = {};   // a command whose lines are values that the completion offers
 
   bool IsWord() const { return !names.starts_with('-'); }
   bool IsFlag() const { return std::holds_alternative<bool*>(target) || std::holds_alternative<Ask>(target); }
@@ -103,6 +109,9 @@ class Command {
   Command& Add(const CommandText& text, RunFunction run);
   Command& AddGroup(const std::string& name, const std::string& summary);
 
+  // The forms that its answers have; the usual one first.
+  Command& Answers(std::vector<const Schema*> schemas);
+
   // "--dry-run"
   Option& AddFlag(const std::string& names, bool* isSet, const std::string& meaning);
   // "-n,--last" with a value that the help calls type
@@ -122,6 +131,9 @@ class Command {
   const Command* Above() const { return m_Above; }
   const std::list<Command>& Below() const { return m_Below; }
   const std::list<Option>& Options() const { return m_Options; }
+  const std::vector<const Schema*>& Answers() const { return m_Answers; }
+  // What -o chooses from, each key once.
+  std::vector<const Field*> Columns() const;
   bool IsGroup() const { return m_Run == nullptr; }
   ExitCode Run(Output& out) const { return m_Run(out); }
 
@@ -132,6 +144,7 @@ class Command {
   RunFunction m_Run;
   std::list<Command> m_Below;
   std::list<Option> m_Options;
+  std::vector<const Schema*> m_Answers;
 };
 
 }  // namespace ravctl

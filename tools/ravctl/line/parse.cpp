@@ -16,6 +16,9 @@ struct TargetAdder {
 
   CLI::Option* operator()(Ask ask) const {
     if (ask == Ask::kVersion) return app.set_version_flag(row.names, std::string(), row.meaning);
+    if (ask == Ask::kColumns)
+      return app.add_flag_callback(
+          row.names, [] { throw CLI::CallForAllHelp(); }, row.meaning);
     return app.set_help_flag(row.names, row.meaning);
   }
   CLI::Option* operator()(bool* isSet) const { return app.add_flag(row.names, *isSet, row.meaning); }
@@ -74,6 +77,8 @@ ParsedLine ParseLine(const Command& root, int argc, char** argv) {
     return result(Kind::kCommand);
   } catch (const CLI::CallForHelp&) {
     return result(Kind::kHelp, app.help());
+  } catch (const CLI::CallForAllHelp&) {
+    return result(Kind::kColumns);
   } catch (const CLI::CallForVersion&) {
     return result(Kind::kVersion);
   } catch (const CLI::ExtrasError&) {

@@ -12,6 +12,7 @@ struct ParsedLine {
     kCommand,  // the command is to run; its targets are filled
     kHelp,     // text is the help of the command
     kVersion,
+    kColumns,  // the columns of the command are asked for
     kUnknown,  // text is the first word that was not understood
     kFault,    // text says what is wrong
   };

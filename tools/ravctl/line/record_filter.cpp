@@ -33,7 +33,7 @@ bool MatchesPart(std::string_view text, const std::string& pattern) {
 void RecordFilter::AddOption(Command& command, const std::string& option, const std::string& key,
                              const std::string& help) {
   KeyPatterns& entry = *m_Keys.emplace_back(std::make_unique<KeyPatterns>(KeyPatterns{key, {}}));
-  command.AddOption(option, &entry.patterns, "PATTERN", help);
+  command.AddOption(option, &entry.patterns, "PATTERN", help).offered = command.FullName() + " -o " + key;
 }
 
 void RecordFilter::AddMatchOption(Command& command) {

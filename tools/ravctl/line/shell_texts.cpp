@@ -1,4 +1,4 @@
-// completion and man: the bash completion and the manual page, made from the table of commands that the tool parses
+// completion and man: the completions and the manual page, made from the table of commands that the tool parses
 // its command line with, so that neither can lack an option.
 
 #include "ravctl/line/shell_texts.h"
@@ -9,68 +9,13 @@
 #include "ravctl/answer/json.h"
 #include "ravctl/base/text.h"
 #include "ravctl/line/command.h"
+#include "ravctl/line/completion.h"
 
 namespace ravctl {
 
 namespace {
 
-// "--json -o --columns" of the command itself.
-std::string OptionWords(const Command& command) {
-  std::string words;
-  for (const Option& option : command.Options()) {
-    if (option.IsWord()) continue;
-    for (const std::string& name : SplitList(option.names))
-      words += (words.empty() ? "" : " ") + name;
-  }
-  return words;
-}
-
-std::string CommandWords(const Command& command) {
-  std::string words;
-  for (const Command& below : command.Below())
-    words += (words.empty() ? "" : " ") + below.Name();
-  return words;
-}
-
-// One case a command: the words that may follow it.
-void AppendCompletion(const Command& root, const Command& command, std::string& text) {
-  const std::string name = command.FullName();
-  std::string words = CommandWords(command);
-  if (!words.empty()) words += " ";
-  words += OptionWords(command);
-  if (&command != &root) words += " " + OptionWords(root);
-  text += "    \"" + name + "\") words=\"" + words + "\" ;;\n";
-  for (const Command& below : command.Below())
-    AppendCompletion(root, below, text);
-}
-
-std::string Completion(const Command& root) {
-  std::string text = R"(# bash completion for ravctl; made by: ravctl completion
-_ravctl() {
-  local current="${COMP_WORDS[COMP_CWORD]}" path="" word words candidate
-  COMPREPLY=()
-  for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
-    [[ "$word" == -* ]] && continue
-    candidate="${path:+$path }$word"
-    case "$candidate" in
-)";
-  std::string names;
-  const std::function<void(const Command&)> collect = [&](const Command& command) {
-    for (const Command& below : command.Below()) {
-      names += (names.empty() ? "\"" : "|\"") + below.FullName() + "\"";
-      collect(below);
-    }
-  };
-  collect(root);
-  text += "      " + names + ") path=\"$candidate\" ;;\n    esac\n  done\n  case \"$path\" in\n";
-  AppendCompletion(root, root, text);
-  return text + R"(  esac
-  candidate=$(compgen -W "$words" -- "$current"; [[ "$current" == -* ]] || compgen -f -- "$current")
-  [[ -z "$candidate" ]] || mapfile -t COMPREPLY <<<"$candidate"
-}
-complete -o filenames -F _ravctl ravctl
-)";
-}
+constexpr Schema kTextAnswer = {"text", 1, kText};
 
 // Text of a manual page: what troff would take for its own is escaped.
 std::string Roff(const std::string& text) {
@@ -121,6 +66,10 @@ void AppendCommand(const Command& command, std::string& text) {
   if (!command.IsGroup()) {
     text += ".SS ravctl " + Roff(command.FullName()) + "\n" + Filled(command.Text().summary + ".") + "\n";
     AppendOptions(command, text);
+    std::string columns;
+    for (const Field* field : command.Columns())
+      columns += (columns.empty() ? "Columns: " : ", ") + std::string(field->key);
+    if (!columns.empty()) text += ".PP\n" + Filled(columns + ".") + "\n";
     for (const Example& example : command.Text().examples)
       text += ".PP\n.nf\n    " + Roff(example.command) + "\n.fi\n.RS 8\n" + Filled(example.meaning) + "\n.RE\n";
   }
@@ -171,8 +120,8 @@ constexpr auto kExamples = std::to_array<Item>({
     {"ravctl trace stats --json | jq .data", "the same trace in figures, for a script"},
 });
 
-template <size_t kCount>
-void AppendItems(const char* heading, const std::array<Item, kCount>& items, std::string& text) {
+template <size_t kNumber>
+void AppendItems(const char* heading, const std::array<Item, kNumber>& items, std::string& text) {
   text += std::string(".SH ") + heading + "\n";
   for (const Item& item : items)
     text += ".TP\n\\fB" + Roff(std::string(item.name)) + "\\fR\n" + Filled(item.meaning) + "\n";
@@ -203,20 +152,25 @@ std::string ManualPage(const Command& root) {
 
 void AddShellTexts(Command& root) {
   Command* top = &root;
-  root.Add({"completion",
-            "Print the bash completion",
-            {{"source <(ravctl completion)", "complete in this shell"},
-             {"ravctl completion > /etc/bash_completion.d/ravctl", "complete in every shell"}}},
-           [top](Output& out) {
-             const std::string text = Completion(*top);
-             out.Print({"text"}, text, text);
-             return ExitCode::kDone;
-           });
-  root.Add({"man", "Print the manual page", {{"ravctl man | man -l -", "read it"}}}, [top](Output& out) {
+  auto shell = std::make_shared<std::string>("bash");
+  Command& completion =
+      root.Add({"completion",
+                "Print the completion for a shell",
+                {{"source <(ravctl completion)", "complete in this shell"},
+                 {"ravctl completion fish > ~/.config/fish/completions/ravctl.fish", "in every fish"}}},
+               [top, shell](Output& out) {
+                 const std::string text = CompletionText(*top, *shell);
+                 out.Print(kTextAnswer, text, text);
+                 return ExitCode::kDone;
+               });
+  completion.Answers({&kTextAnswer});
+  completion.AddWord("SHELL", shell.get(), "bash (the usual), zsh or fish", OneOf({"bash", "zsh", "fish"}));
+  Command& man = root.Add({"man", "Print the manual page", {{"ravctl man | man -l -", "read it"}}}, [top](Output& out) {
     const std::string text = ManualPage(*top);
-    out.Print({"text"}, text, text);
+    out.Print(kTextAnswer, text, text);
     return ExitCode::kDone;
   });
+  man.Answers({&kTextAnswer});
 }
 
 }  // namespace ravctl

@@ -206,8 +206,7 @@ std::string StateOf(uint16_t flags) {
   return (flags & IFF_RUNNING) != 0 ? "up" : "no carrier";
 }
 
-Color StateColor(const Json& row) {
-  const std::string state = row.value("state", "");
+Color StateColor(const Json& state) {
   return state == "up" ? Color::kGreen : state == "down" ? Color::kGray : Color::kYellow;
 }
 

@@ -50,7 +50,7 @@ void AddCounters(const LinkCounters& counters, Json& object);
 
 // "up", "no carrier" (switched on, but nothing at the other end) or "down" (switched off).
 std::string StateOf(uint16_t flags);
-Color StateColor(const Json& row);
+Color StateColor(const Json& state);
 const char* HardwareName(libnetif::interface_hardware_type type);
 // 0xC0A80714 in network byte order => "192.168.7.20"
 std::string IPv4Text(uint32_t address);

@@ -16,6 +16,25 @@ namespace ravctl {
 
 namespace {
 
+constexpr Type kEncoding = Choice("text|hex");
+
+constexpr auto kExportValueFields = std::to_array<Field>({
+    {"name", kText, "name of the value"},
+    {"type", Choice("string|expand|number|binary"), "its type"},
+    {"value", kText, "its text, digits or bytes"},
+    {"encoding", kEncoding, "how name and text are written; hex when they are no UTF-8"},
+});
+
+constexpr auto kExportKeyFields = std::to_array<Field>({
+    {"path", kTexts, "the names from the root to the key"},
+    {"encoding", kEncoding, "how they are written; hex when they are no UTF-8"},
+    {"values", ListOf(kExportValueFields), "the values of the key"},
+});
+
+constexpr auto kExportFields = std::to_array<Field>({
+    {"keys", ListOf(kExportKeyFields), "every key, in order"},
+});
+
 constexpr const char* kPlain = "text";
 constexpr const char* kHex = "hex";
 constexpr std::array<const char*, 5> kMembers = {"schema", "version", "root", "data", "warnings"};
@@ -133,6 +152,8 @@ struct FreeMemory {
 };
 
 }  // namespace
+
+constexpr Schema kExportSchema = {"registry-export", 1, Record(kExportFields)};
 
 Json ExportData(const StoreKey& root) {
   Json keys = Json::array();

@@ -11,7 +11,7 @@
 // every registry without loss.
 namespace ravctl {
 
-inline constexpr Schema kExportSchema{"registry-export"};
+extern const Schema kExportSchema;
 
 // The data part.
 Json ExportData(const StoreKey& root);

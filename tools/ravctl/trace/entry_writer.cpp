@@ -4,29 +4,18 @@
 #include <array>
 
 #include "ravctl/answer/json.h"
-#include "ravctl/base/error.h"
 #include "ravctl/base/text.h"
 
 namespace ravctl {
 
 namespace {
 
-struct PartRow {
-  std::string_view key;
-  std::string_view heading;
-  size_t width;
-};
+// By the number of the column.
+using Values = std::array<std::string_view, 7>;
 
-// In the order of the parts' enumeration.
-constexpr auto kPartRows = std::to_array<PartRow>({
-    {"time", "TIME", kTimeLength},
-    {"thread", "THREAD", 8},
-    {"memory", "MEMORY KB", 10},
-    {"tag", "TAG", 13},
-    {"source", "SOURCE", 20},
-    {"message", "MESSAGE", 0},
-    {"text", "TEXT", 0},
-});
+Values ValuesOf(const TraceEntry& entry, std::string_view memory) {
+  return {entry.time, entry.thread, memory, entry.tag, entry.source, entry.message, entry.text};
+}
 
 Color ColorOf(std::string_view text) {
   const Gravity gravity = GravityOf(text);
@@ -37,34 +26,26 @@ Color ColorOf(std::string_view text) {
 
 EntryWriter::EntryWriter(Output& out, const Schema& schema, bool isFollowing)
     : m_Out(out), m_Schema(schema), m_IsFollowing(isFollowing) {
-  ChooseParts(out.Options().columns);
-}
-
-void EntryWriter::ChooseParts(const std::string& columns) {
-  const bool isOnTop = columns.starts_with('+');
-  if (isOnTop) m_Parts = {Part::kTime, Part::kThread, Part::kMemory, Part::kTag, Part::kText};
-  for (const std::string& wanted : SplitList(std::string_view(columns).substr(isOnTop ? 1 : 0))) {
-    const auto row = std::ranges::find(kPartRows, wanted, &PartRow::key);
-    if (row == kPartRows.end()) {
-      throw CommandError(ExitCode::kUsage, "no such column", wanted,
-                         "known: time, thread, memory, tag, source, message, text");
-    }
-    const auto part = static_cast<Part>(row - kPartRows.begin());
-    if (std::ranges::find(m_Parts, part) == m_Parts.end()) m_Parts.push_back(part);
-  }
-  if (isOnTop) std::ranges::sort(m_Parts);
+  const std::string& columns = out.Options().columns;
+  if (!columns.empty() || out.IsCsv()) m_Parts = out.ChosenColumns(m_Columns);
+  if (!columns.starts_with('+')) return;
+  std::ranges::sort(m_Parts);
+  m_Parts.erase(std::unique(m_Parts.begin(), m_Parts.end()), m_Parts.end());
 }
 
 void EntryWriter::Begin() {
   if (!m_IsFollowing) m_Out.BeginStream(m_Schema);
   if (m_Parts.empty() || m_Out.IsJson() || m_Out.Options().noHeadings) return;
   std::string line;
-  for (const Part part : m_Parts) {
-    const PartRow& row = kPartRows[static_cast<size_t>(part)];
-    line += row.heading;
-    if (part != m_Parts.back()) line.append(std::max(row.width, row.heading.size()) - row.heading.size() + 1, ' ');
+  std::vector<std::string> keys;
+  for (const size_t part : m_Parts) {
+    const Column& column = m_Columns[part];
+    keys.push_back(column.key);
+    line += column.heading;
+    if (part != m_Parts.back())
+      line.append(std::max(column.width, column.heading.size()) - column.heading.size() + 1, ' ');
   }
-  m_Out.Write(line + "\n");
+  m_Out.Write(m_Out.IsCsv() ? CsvLine(keys) + "\r\n" : line + "\n");
 }
 
 void EntryWriter::Write(std::string_view whole) {
@@ -92,6 +73,8 @@ void EntryWriter::Write(std::string_view whole) {
   m_Line.clear();
   if (m_Out.IsJson()) {
     AppendJson(entry);
+  } else if (m_Out.IsCsv()) {
+    AppendCsv(entry);
   } else {
     AppendColumns(entry);
   }
@@ -111,18 +94,26 @@ void EntryWriter::AppendPlain(std::string_view whole) {
   }
 }
 
+void EntryWriter::AppendCsv(const TraceEntry& entry) {
+  const std::string memory = entry.memoryKb ? std::to_string(*entry.memoryKb) : "";
+  const Values values = ValuesOf(entry, memory);
+  std::vector<std::string> cells;
+  for (const size_t part : m_Parts)
+    cells.push_back(Printable(values[part]));
+  m_Line += CsvLine(cells) + "\r\n";
+}
+
 void EntryWriter::AppendColumns(const TraceEntry& entry) {
   const Color color = m_Out.HasColors() ? ColorOf(entry.text) : Color::kNone;
   if (color != Color::kNone) m_Line += Output::ColorSequence(color);
   const std::string memory = entry.memoryKb ? std::to_string(*entry.memoryKb) : "-";
-  for (const Part part : m_Parts) {
-    const std::array<std::string_view, 7> values = {entry.time,   entry.thread,  memory,    entry.tag,
-                                                    entry.source, entry.message, entry.text};
+  const Values values = ValuesOf(entry, memory);
+  for (const size_t part : m_Parts) {
     const size_t start = m_Line.size();
-    AppendPrintable(m_Line, values[static_cast<size_t>(part)]);
-    const size_t width = kPartRows[static_cast<size_t>(part)].width;
+    AppendPrintable(m_Line, values[part]);
     if (part == m_Parts.back()) break;
     const size_t length = m_Line.size() - start;
+    const size_t width = m_Columns[part].width;
     m_Line.append(width > length ? width - length + 1 : 1, ' ');
   }
   if (color != Color::kNone) m_Line += "\x1b[0m";
@@ -150,7 +141,7 @@ void EntryWriter::AppendJson(const TraceEntry& entry) {
 }
 
 void EntryWriter::Gap() {
-  if (!m_Out.IsJson()) m_Out.Write("--\n");
+  if (!m_Out.IsJson() && !m_Out.IsCsv()) m_Out.Write("--\n");
 }
 
 void EntryWriter::End() {

@@ -60,7 +60,7 @@ bool LeadsOut(std::string_view path, std::string_view target) {
 }
 
 // Null for what is no object or lacks the key.
-const Json& Field(const Json& object, const char* key) {
+const Json& Member(const Json& object, const char* key) {
   static const Json none;
   const auto found = object.is_object() ? object.find(key) : object.end();
   return !object.is_object() || found == object.end() ? none : *found;
@@ -258,19 +258,19 @@ void Unpacker::CheckManifest() const {
   std::string why;
   const std::optional<Json> manifest = ReadJson(text, why, {.size = kLargestManifest});
   if (!manifest) Damaged("its manifest: " + why);
-  if (Field(*manifest, "schema") != kManifestSchema) Damaged("its manifest is none");
-  if (Field(*manifest, "version") != kManifestVersion) {
+  if (Member(*manifest, "schema") != kManifestSchema) Damaged("its manifest is none");
+  if (Member(*manifest, "version") != kManifestVersion) {
     throw CommandError(ExitCode::kInputDamaged, "the bundle is of another version", m_Bundle,
                        "use the ravctl that made it");
   }
-  const Json& entries = Field(*manifest, "entries");
+  const Json& entries = Member(*manifest, "entries");
   if (!entries.is_array()) Damaged("its manifest names no entries");
   for (const Json& entry : entries) {
-    if (Field(entry, "type") != "file") continue;
-    const std::string path = Field(entry, "path").is_string() ? Field(entry, "path").get<std::string>() : "a path";
+    if (Member(entry, "type") != "file") continue;
+    const std::string path = Member(entry, "path").is_string() ? Member(entry, "path").get<std::string>() : "a path";
     const auto content = m_Files.find(path);
     if (content == m_Files.end()) Damaged("it lacks " + path);
-    if (Field(entry, "size") != content->second.size || Field(entry, "crc32") != content->second.crc) {
+    if (Member(entry, "size") != content->second.size || Member(entry, "crc32") != content->second.crc) {
       Damaged("it holds another " + path + " than it says");
     }
   }

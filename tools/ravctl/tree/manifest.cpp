@@ -17,6 +17,34 @@ namespace ravctl {
 
 namespace {
 
+constexpr auto kLimitFields = std::to_array<Field>({
+    {"file", kCount, "bytes of a file"},
+    {"bundle", kCount, "bytes of all files"},
+    {"entries", kCount, "how many there may be"},
+});
+constexpr auto kEntryFields = std::to_array<Field>({
+    {"path", kText, "below the root, without the first slash"},
+    {"type", Choice("file|directory|link"), "what it is"},
+    {"target", Optional(kText), "of a link, where it leads"},
+    {"size", Optional(kCount), "of a file, its bytes with its holes"},
+    {"stored", Optional(kCount), "of a file, its bytes without its holes"},
+    {"crc32", Optional(kCount), "of a file, the checksum of the stored bytes"},
+});
+constexpr auto kManifestFields = std::to_array<Field>({
+    {"tool", kText, "what made the bundle"},
+    {"host", kText, "name of the machine"},
+    {"kernel", kText, "release of its kernel"},
+    {"time", kText, "when it was made: UTC, 2026-01-31T23:59:59Z"},
+    {"time_zone", kText, "of the traces, with what it was ahead of UTC then: CET +0100"},
+    {"as_root", kBoolean, "whether root made it"},
+    {"traces", kBoolean, "whether the traces are in it"},
+    {"redacted", kBoolean, "whether identities were replaced by tokens"},
+    {"limits", Record(kLimitFields), "what no bundle exceeds"},
+    {"live_only", kTexts, "what only a running kernel tells, so that no bundle holds it"},
+    {"missing", ListOf(kMissingFields), "what is there and could not be captured"},
+    {"entries", ListOf(kEntryFields), "what the bundle holds"},
+});
+
 std::string UniversalTime(time_t seconds) {
   tm universal{};
   std::array<char, 32> text{};
@@ -43,6 +71,9 @@ Json ToJson(const CapturedEntry& entry) {
 }
 
 }  // namespace
+
+constexpr Schema kManifest = {
+    .name = "bundle-manifest", .version = kManifestVersion, .data = Record(kManifestFields), .isFile = true};
 
 Json ToJson(const std::vector<Uncaptured>& missing) {
   Json rows = Json::array();

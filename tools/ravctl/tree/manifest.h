@@ -8,6 +8,13 @@
 
 namespace ravctl {
 
+inline constexpr auto kMissingFields = std::to_array<Field>({
+    {"path", kText, "what is there and could not be captured"},
+    {"reason", kText, "why"},
+    {"needs_root", kBoolean, "whether root would get it"},
+});
+extern const Schema kManifest;
+
 // How a bundle came about.
 struct BundleOrigin {
   std::string host;

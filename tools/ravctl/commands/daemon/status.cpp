@@ -11,6 +11,24 @@ namespace ravctl {
 
 namespace {
 
+constexpr auto kStatusFields = std::to_array<Field>({
+    {"running", kBoolean, "whether the daemon runs"},
+    {"pid", kCountOrNull, "its process number"},
+    {"executable", kTextOrNull, "the file that it was started from"},
+    {"started", kTimeOrNull, "when it was started"},
+    {"resident_kb", kCountOrNull, "memory that it holds, in KiB"},
+    {"threads", kCountOrNull, "how many threads it has"},
+    {"pid_file", kText, "where its process number is written"},
+    {"lock_owner", kTextOrNull, "what the lock file says"},
+    {"last_crash", kTextOrNull, "when and how the newest of the runs ended whose trace is kept; null when none is"},
+    {"last_crash_trace", kTextOrNull, "where that trace is"},
+});
+constexpr auto kLineFields = std::to_array<Field>({
+    {"name", kText, "what is told"},
+    {"value", kAnything, "how it is"},
+});
+constexpr Schema kDaemonStatus = {"daemon-status", 1, Record(kStatusFields), kLineFields};
+
 // Who may not look into the trace directory is told the rest.
 std::optional<LastCrash> LastCrashIfTold(Output& out) {
   try {
@@ -36,21 +54,23 @@ ExitCode RunStatus(Output& out) {
                {"lock_owner", lock.empty() ? Json() : Json(lock)},
                {"last_crash", crash ? Json(crash->text) : Json()},
                {"last_crash_trace", crash ? Json(crash->path) : Json()}};
-  Table table({{.key = "name", .heading = "NAME"}, {.key = "value", .heading = "VALUE"}});
+  Table table(kDaemonStatus);
   for (const auto& [name, value] : data.items())
     table.Add({{"name", name}, {"value", value}});
-  out.Print({"daemon-status"}, table, data);
+  out.Print(kDaemonStatus, table, data);
   return daemon ? ExitCode::kDone : ExitCode::kNotRunning;
 }
 
 }  // namespace
 
 void AddDaemonStatus(Command& daemon) {
-  daemon.Add({"status",
-              "Show whether the daemon runs, and as what; exit status 6 when it does not",
-              {{"ravctl daemon status", "process, memory and lock owner of the daemon"},
-               {"ravctl daemon status --json | jq .data.pid", "its process number for a script"}}},
-             [](Output& out) { return RunStatus(out); });
+  daemon
+      .Add({"status",
+            "Show whether the daemon runs, and as what; exit status 6 when it does not",
+            {{"ravctl daemon status", "process, memory and lock owner of the daemon"},
+             {"ravctl daemon status --json | jq .data.pid", "its process number for a script"}}},
+           [](Output& out) { return RunStatus(out); })
+      .Answers({&kDaemonStatus});
 }
 
 }  // namespace ravctl

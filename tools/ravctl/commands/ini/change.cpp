@@ -11,6 +11,7 @@
 #include "ravctl/base/files.h"
 #include "ravctl/base/text.h"
 #include "ravctl/base/text_diff.h"
+#include "ravctl/commands/ini/group.h"
 #include "ravctl/ini/ini_scan.h"
 #include "ravctl/line/command.h"
 
@@ -116,7 +117,7 @@ ExitCode Report(const IniChange& change, const Content& old, const Content& cont
   } else {
     text = std::string(change.value ? "set: " : "deleted: ") + Printable(change.What()) + '\n';
   }
-  out.Print({"ini-change"}, text,
+  out.Print(kIniChange, text,
             {{"file", change.file},
              {"action", change.value ? "set" : "del"},
              {"section", change.section},
@@ -149,6 +150,7 @@ ExitCode RunIniChange(const IniChange& change, Output& out) {
 }
 
 void AddIniChangeOptions(Command& command, IniChange& change) {
+  command.Answers({&kIniChange});
   command.AddFlag("--dry-run", &change.isDry, "Show the change as a unified diff and write nothing");
   command.AddFlag("--raw", &change.isRaw, "Control bytes of the diff as they are, for patch, instead of \\xNN");
 }

@@ -10,7 +10,7 @@ namespace {
 
 ExitCode Run(const std::string& file, Output& out) {
   const Findings findings = CheckIni(file, ReadWholeFile(file));
-  const ExitCode code = PrintFindings({"ini-check", 2}, findings, out);
+  const ExitCode code = PrintFindings(kIniCheck, findings, out);
   return code == ExitCode::kDone && !findings.empty() ? ExitCode::kNothingOrDifferent : code;
 }
 
@@ -24,6 +24,7 @@ void AddIniCheck(Command& ini) {
                {{"ravctl ini check /etc/pelrix/Adapter.ini", "a line for each finding, none for a sound file"},
                 {"ravctl ini check /etc/pelrix/Adapter.ini --json", "the same for a program"}}},
               [file](Output& out) { return Run(*file, out); });
+  check.Answers({&kIniCheck});
   check.AddRequired("FILE", file.get(), "INI file");
 }
 

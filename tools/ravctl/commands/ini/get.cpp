@@ -43,7 +43,7 @@ void WarnMissing(const CIniFile& ini, const Options& options, Output& out) {
 void PrintValue(const Options& options, const char* source, const std::optional<std::string>& value, Output& out) {
   std::string text;
   if (value) text = (options.isRaw ? *value : Printable(*value)) + '\n';
-  out.Print({"ini-get"}, text,
+  out.Print(kIniGet, text,
             {{"file", options.file},
              {"section", options.section},
              {"key", options.key},
@@ -82,6 +82,7 @@ void AddIniGet(Command& ini) {
                            {"ravctl ini get /etc/pelrix/Adapter.ini 8086 1521 --default unknown",
                             "also when the key is empty or there is no such file"}}},
                          [options](Output& out) { return Run(*options, out); });
+  get.Answers({&kIniGet});
   get.AddRequired("FILE", &options->file, "INI file");
   get.AddRequired("SECTION", &options->section, "Section, without brackets");
   get.AddRequired("KEY", &options->key, "Key");

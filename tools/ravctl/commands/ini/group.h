@@ -11,4 +11,7 @@ void AddIniDel(Command& ini);
 void AddIniSections(Command& ini);
 void AddIniCheck(Command& ini);
 
+// What they answer.
+extern const Schema kIniGet, kIniChange, kIniSections, kIniKeys, kIniCheck;
+
 }  // namespace ravctl

@@ -15,10 +15,7 @@ struct Options {
 };
 
 Table SectionTable(const IniScan& scan) {
-  Table table({{.key = "section", .heading = "SECTION"},
-               {.key = "line", .heading = "LINE", .isRight = true},
-               {.key = "keys", .heading = "KEYS", .isRight = true},
-               {.key = "read", .heading = "READ"}});
+  Table table(kIniSections);
   for (const IniSection& section : scan.sections) {
     table.Add({{"section", section.name},
                {"line", section.line},
@@ -29,11 +26,7 @@ Table SectionTable(const IniScan& scan) {
 }
 
 Table KeyTable(const IniScan& scan) {
-  Table table({{.key = "section", .heading = "SECTION"},
-               {.key = "key", .heading = "KEY"},
-               {.key = "value", .heading = "VALUE"},
-               {.key = "line", .heading = "LINE", .isRight = true},
-               {.key = "read", .heading = "READ"}});
+  Table table(kIniKeys);
   for (const IniSection& section : scan.sections) {
     for (const IniEntry& entry : section.entries) {
       table.Add({{"section", section.name},
@@ -50,7 +43,7 @@ ExitCode Run(const Options& options, Output& out) {
   const std::string content = ReadWholeFile(options.file);
   const IniScan scan = ScanIni(content);
   const Table table = options.hasKeys ? KeyTable(scan) : SectionTable(scan);
-  out.Print({options.hasKeys ? "ini-keys" : "ini-sections"}, table);
+  out.Print(options.hasKeys ? kIniKeys : kIniSections, table);
   return table.Size() > 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
 
@@ -64,6 +57,7 @@ void AddIniSections(Command& ini) {
        {{"ravctl ini sections /etc/pelrix/Adapter.ini", "in the order of the file"},
         {"ravctl ini sections /etc/pelrix/Adapter.ini --keys -o section,key,value", "every key with its value"}}},
       [options](Output& out) { return Run(*options, out); });
+  sections.Answers({&kIniSections, &kIniKeys});
   sections.AddRequired("FILE", &options->file, "INI file");
   sections.AddFlag("--keys", &options->hasKeys, "The keys with their values");
 }

@@ -258,7 +258,7 @@ Json ReadSide(const std::string& operand, Output& out) {
 
 // ---- comparison
 
-const Json& Field(const Json& record, const char* key) {
+const Json& Member(const Json& record, const char* key) {
   static const Json none;
   if (key == nullptr) return none;
   const auto found = record.find(key);
@@ -266,8 +266,8 @@ const Json& Field(const Json& record, const char* key) {
 }
 
 Json PlaceOf(const Json& record, const Kind& kind) {
-  const Json& place = Field(record, kind.place);
-  return place.is_null() ? Field(record, kind.otherPlace) : place;
+  const Json& place = Member(record, kind.place);
+  return place.is_null() ? Member(record, kind.otherPlace) : place;
 }
 
 enum class Likeness { kSame, kOther, kUnknown };
@@ -275,9 +275,9 @@ enum class Likeness { kSame, kOther, kUnknown };
 // By the first identity that both records know.
 Likeness CompareIdentity(const Json& left, const Json& right, const Kind& kind) {
   for (const char* key : kind.identity) {
-    const Json& identity = Field(left, key);
-    if (identity.is_null() || Field(right, key).is_null()) continue;
-    return identity == Field(right, key) ? Likeness::kSame : Likeness::kOther;
+    const Json& identity = Member(left, key);
+    if (identity.is_null() || Member(right, key).is_null()) continue;
+    return identity == Member(right, key) ? Likeness::kSame : Likeness::kOther;
   }
   return Likeness::kUnknown;
 }
@@ -341,8 +341,8 @@ class Comparison {
   }
   bool IsSameModel(const Json& left, const Json& right) const {
     if (m_Kind->model == nullptr) return false;
-    const Json& model = Field(left, m_Kind->model);
-    return !model.is_null() && model == Field(right, m_Kind->model);
+    const Json& model = Member(left, m_Kind->model);
+    return !model.is_null() && model == Member(right, m_Kind->model);
   }
 
   template <typename Predicate>
@@ -365,7 +365,7 @@ class Comparison {
     const bool isMoved = oldPlace != newPlace;
     if (isMoved) Add("moved", right, m_Kind->place, Shown(oldPlace), Shown(newPlace));
     for (const auto& [key, value] : right.items()) {
-      const Json& old = Field(left, key.c_str());
+      const Json& old = Member(left, key.c_str());
       if (old != value && left.contains(key) && IsNews(key, isMoved, old.is_null() || value.is_null())) {
         Add("changed", right, key.c_str(), Shown(old), Shown(value));
       }
@@ -389,31 +389,18 @@ class Comparison {
     m_Table.Add({{"change", change},
                  {"kind", m_Kind->name},
                  {"where", place.is_null() ? Json("") : Shown(place)},
-                 {"slot", Shown(Field(record, m_Kind->slot))},
-                 {"name", Shown(Field(record, m_Kind->title))},
+                 {"slot", Shown(Member(record, m_Kind->slot))},
+                 {"name", Shown(Member(record, m_Kind->title))},
                  {"field", field == nullptr ? Json() : Json(field)},
                  {"old", std::move(before)},
                  {"new", std::move(after)}});
-  }
-
-  static Color ChangeColor(const Json& row) {
-    if (row["change"] == "added") return Color::kGreen;
-    if (row["change"] == "removed") return Color::kRed;
-    return row["change"] == "moved" ? Color::kBlue : Color::kYellow;
   }
 
   bool m_WithUsage;
   const Kind* m_Kind = nullptr;
   std::vector<const Json*> m_Before, m_After;
   std::set<std::string> m_OneSided;
-  Table m_Table{{{.key = "change", .heading = "CHANGE", .color = ChangeColor},
-                 {.key = "kind", .heading = "KIND"},
-                 {.key = "where", .heading = "WHERE"},
-                 {.key = "slot", .heading = "SLOT"},
-                 {.key = "name", .heading = "NAME"},
-                 {.key = "field", .heading = "FIELD"},
-                 {.key = "old", .heading = "OLD"},
-                 {.key = "new", .heading = "NEW"}}};
+  Table m_Table{kInventoryDiff};
 };
 
 // Each record says the slot of the adapter that it hangs on.
@@ -424,16 +411,16 @@ void AddSlots(Json& side) {
     return found == slots.end() ? Json() : found->second;
   };
   for (const Json& adapter : side["adapters"])
-    slots[Field(adapter, "address").is_string() ? adapter["address"].get<std::string>() : ""] = Field(adapter, "slot");
+    slots[Member(adapter, "address").is_string() ? adapter["address"].get<std::string>() : ""] = Member(adapter, "slot");
   slots.erase("");
   for (Json& drive : side["drives"]) {
-    drive["slot"] = find(Field(drive, "adapter"));
-    if (Field(drive, "device").is_string()) slots[drive["device"].get<std::string>()] = drive["slot"];
+    drive["slot"] = find(Member(drive, "adapter"));
+    if (Member(drive, "device").is_string()) slots[drive["device"].get<std::string>()] = drive["slot"];
   }
   for (Json& volume : side["volumes"])
-    volume["slot"] = find(Field(volume, "drive"));
+    volume["slot"] = find(Member(volume, "drive"));
   for (Json& interface : side["interfaces"])
-    interface["slot"] = find(Field(interface, "address"));
+    interface["slot"] = find(Member(interface, "address"));
 }
 
 // The scan leaves its mark on the process, such as the table of mounts, and a child would take it over: the live
@@ -497,18 +484,18 @@ ExitCode RunDiff(const Options& options, Output& out) {
   Comparison comparison(options.withUsage);
   Missing missing(options, out);
   for (const Kind& kind : kKinds) {
-    const Json& left = Field(before, kind.list);
-    const Json& right = Field(after, kind.list);
+    const Json& left = Member(before, kind.list);
+    const Json& right = Member(after, kind.list);
     if (missing.IsInBoth(left, right, kind.what)) comparison.Compare(kind, left, right);
   }
-  const Json& left = Field(before, kRegistry);
-  const Json& right = Field(after, kRegistry);
+  const Json& left = Member(before, kRegistry);
+  const Json& right = Member(after, kRegistry);
   if (missing.IsInBoth(left, right, kRegistry)) {
     comparison.CompareRegistries(ParseExport(left.get<std::string>(), options.before),
                                  ParseExport(right.get<std::string>(), options.after));
   }
   missing.Tell(comparison.OneSided());
-  out.Print({"inventory-diff"}, comparison.Result());
+  out.Print(kInventoryDiff, comparison.Result());
   return comparison.Result().Size() == 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
 
@@ -523,6 +510,7 @@ void AddInventoryDiff(Command& inventory) {
        {{"ravctl inventory diff before.json live", "since that was saved with ravctl inventory --json"},
         {"ravctl inventory diff server1.tar.gz server2.tar.gz", "between two bundles"}}},
       [options](Output& out) { return RunDiff(*options, out); });
+  diff.Answers({&kInventoryDiff});
   diff.AddRequired("BEFORE", &options->before, "live or - for this machine, saved JSON, a captured tree or a bundle");
   diff.AddRequired("AFTER", &options->after, "The same");
   diff.AddFlag("--usage", &options->withUsage, "Tell too how full volumes are");

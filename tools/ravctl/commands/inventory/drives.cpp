@@ -7,30 +7,8 @@ namespace ravctl {
 
 namespace {
 
-std::vector<Column> DriveColumns() {
-  return {{.key = "device", .heading = "DEVICE"},
-          {.key = "type", .heading = "TYPE"},
-          {.key = "bus", .heading = "BUS"},
-          {.key = "vendor", .heading = "VENDOR"},
-          {.key = "name", .heading = "NAME"},
-          {.key = "revision", .heading = "REVISION"},
-          {.key = "serial", .heading = "SERIAL"},
-          {.key = "size_kb", .heading = "SIZE", .isRight = true, .format = KibText},
-          {.key = "adapter", .heading = "ADAPTER"},
-          {.key = "scsi", .heading = "SCSI"},
-          {.key = "number", .heading = "NUMBER", .isRight = true, .isUsual = false},
-          {.key = "os_device", .heading = "OS DEVICE", .isUsual = false},
-          {.key = "id", .heading = "ID", .isUsual = false},
-          {.key = "is_disk", .heading = "DISK", .isUsual = false},
-          {.key = "is_removable", .heading = "REMOVABLE", .isUsual = false},
-          {.key = "is_hotplug", .heading = "HOTPLUG", .isUsual = false},
-          {.key = "is_multipath", .heading = "MULTIPATH", .isUsual = false},
-          {.key = "partition_names", .heading = "PARTITIONS", .isUsual = false},
-          {.key = "sources", .heading = "SOURCES", .isUsual = false}};
-}
-
 ExitCode Run(const InventoryOptions& options, Output& out) {
-  Table table(DriveColumns());
+  Table table(kInventoryDrives);
   const Json drives = options.filter.Select(ReadInventory(kDriveRecords, true, out).drives);
   for (const Json& drive : drives) {
     Json row = drive;
@@ -39,7 +17,7 @@ ExitCode Run(const InventoryOptions& options, Output& out) {
       row["partition_names"].push_back(partition["device"]);
     table.Add(std::move(row));
   }
-  out.Print({"inventory-drives"}, table, drives);
+  out.Print(kInventoryDrives, table, drives);
   return table.Size() > 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
 
@@ -55,6 +33,7 @@ void AddInventoryDrives(Command& inventory) {
                      Effect::kReads,
                      "drive inquiries"},
                     [options](Output& out) { return Run(*options, out); });
+  command.Answers({&kInventoryDrives});
   options->filter.AddMatchOption(command);
   options->filter.AddOption(command, "--type", "type", "Only this type: disk, cdrom, optical, tape, other");
   options->filter.AddOption(command, "--bus", "bus", "Only on this bus: SCSI, SAS...");

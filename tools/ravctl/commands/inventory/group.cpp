@@ -76,10 +76,8 @@ std::string PercentText(const Json& percent) {
   return percent.dump() + " %";
 }
 
-Color FullnessColor(const Json& row) {
-  const Json used = row.value("used_percent", Json());
-  if (!used.is_number() || used < kFullPercent) return Color::kNone;
-  return used < kVeryFullPercent ? Color::kYellow : Color::kRed;
+Color FullnessColor(const Json& percent) {
+  return percent < kFullPercent ? Color::kNone : percent < kVeryFullPercent ? Color::kYellow : Color::kRed;
 }
 
 }  // namespace ravctl

@@ -16,6 +16,9 @@ void AddInventoryDrives(Command& inventory);
 void AddInventoryVolumes(Command& inventory);
 void AddInventoryDiff(Command& inventory);
 
+// What they answer.
+extern const Schema kInventory, kInventoryAdapters, kInventoryDrives, kInventoryVolumes, kInventoryDiff;
+
 // What the commands share
 
 struct InventoryOptions {
@@ -40,6 +43,6 @@ std::string LineText(const Json& text);
 // How a size in KiB, a percentage and the use of a volume are shown.
 std::string KibText(const Json& kib);
 std::string PercentText(const Json& percent);
-Color FullnessColor(const Json& row);
+Color FullnessColor(const Json& percent);
 
 }  // namespace ravctl

@@ -108,16 +108,7 @@ class TreeBuilder {
       m_Table.Add(VolumeRow(*volume), parent);
   }
 
-  Table m_Table{
-      {{.key = "device", .heading = "DEVICE", .format = LineText},
-       {.key = "kind", .heading = "KIND"},
-       {.key = "type", .heading = "TYPE"},
-       {.key = "driver", .heading = "DRIVER"},
-       {.key = "slot", .heading = "SLOT", .format = SlotText},
-       {.key = "identity", .heading = "MAC/WWN/SERIAL"},
-       {.key = "size_kb", .heading = "SIZE", .isRight = true, .format = KibText},
-       {.key = "used_percent", .heading = "USED", .isRight = true, .format = PercentText, .color = FullnessColor},
-       {.key = "name", .heading = "NAME", .format = LineText}}};
+  Table m_Table{kInventory};
   std::map<std::string, std::vector<const Json*>> m_Drives, m_Volumes;
 };
 
@@ -175,7 +166,7 @@ ExitCode Run(const InventoryOptions& options, Output& out) {
   InventoryRecords records = ReadInventory(parts, options.all, out);
   if (!options.filter.IsEmpty()) records = Selection(records, options.filter).Result();
   const TreeBuilder tree(records);
-  out.Print({"inventory"}, tree.Result(), records.ToJson());
+  out.Print(kInventory, tree.Result(), records.ToJson());
   return tree.Result().Size() > 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
 
@@ -191,6 +182,7 @@ Command& AddInventory(Command& root) {
                                  Effect::kReads,
                                  "drive inquiries, sizes of volumes, what network drivers say of themselves"},
                                 [options](Output& out) { return Run(*options, out); });
+  inventory.Answers({&kInventory});
   options->filter.AddMatchOption(inventory);
   AddAllOption(inventory, *options);
   return inventory;

@@ -7,30 +7,11 @@ namespace ravctl {
 
 namespace {
 
-std::vector<Column> VolumeColumns() {
-  return {{.key = "mount_point", .heading = "MOUNT POINT", .format = LineText},
-          {.key = "device", .heading = "DEVICE", .format = LineText},
-          {.key = "type", .heading = "TYPE"},
-          {.key = "size_kb", .heading = "SIZE", .isRight = true, .format = KibText},
-          {.key = "available_kb", .heading = "AVAILABLE", .isRight = true, .format = KibText},
-          {.key = "used_percent", .heading = "USED", .isRight = true, .format = PercentText, .color = FullnessColor},
-          {.key = "kind", .heading = "KIND"},
-          {.key = "drives", .heading = "DRIVES"},
-          {.key = "drive", .heading = "FIRST DRIVE", .isUsual = false},
-          {.key = "on", .heading = "ON", .isUsual = false},
-          {.key = "layers", .heading = "LAYERS", .isUsual = false},
-          {.key = "blocks", .heading = "BLOCKS", .isRight = true, .isUsual = false},
-          {.key = "available_blocks", .heading = "AVAILABLE BLOCKS", .isRight = true, .isUsual = false},
-          {.key = "block_size", .heading = "BLOCK SIZE", .isRight = true, .isUsual = false},
-          {.key = "type_flags", .heading = "TYPE FLAGS", .isRight = true, .isUsual = false},
-          {.key = "source", .heading = "SOURCE", .isUsual = false}};
-}
-
 ExitCode Run(const InventoryOptions& options, Output& out) {
-  Table table(VolumeColumns());
+  Table table(kInventoryVolumes);
   for (const Json& volume : options.filter.Select(ReadInventory(kVolumeRecords, options.all, out).volumes))
     table.Add(volume);
-  out.Print({"inventory-volumes"}, table);
+  out.Print(kInventoryVolumes, table);
   return table.Size() > 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
 
@@ -46,6 +27,7 @@ void AddInventoryVolumes(Command& inventory) {
        Effect::kReads,
        "sizes of volumes"},
       [options](Output& out) { return Run(*options, out); });
+  command.Answers({&kInventoryVolumes});
   options->filter.AddMatchOption(command);
   AddAllOption(command, *options);
   options->filter.AddOption(command, "--type", "type", "Only this type of file system: ext4, xfs...");

@@ -11,7 +11,7 @@ namespace {
 
 ExitCode RunCheck(const std::string& library, bool loads, Output& out) {
   const Findings findings = CheckLibrary(library, loads);
-  PrintFindings({"module-check", 2}, findings, out);
+  PrintFindings(kModuleCheck, findings, out);
   return WorstOf(findings) == Severity::kGood ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
 
@@ -31,6 +31,7 @@ void AddModuleCheck(Command& module) {
         {"ravctl module check --no-load ./libswitch.so", "without running any of its code"}},
        Effect::kChanges},
       [options](Output& out) { return RunCheck(options->library, !options->readsOnly, out); });
+  check.Answers({&kModuleCheck});
   check.AddRequired("LIB", &options->library, "The library");
   check.AddFlag("--no-load", &options->readsOnly, "Read the file only, run nothing of it");
 }

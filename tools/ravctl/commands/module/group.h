@@ -8,4 +8,7 @@ namespace ravctl {
 void AddModuleCheck(Command& module);
 void AddModuleRun(Command& module);
 
+// What they answer.
+extern const Schema kModuleCheck, kModuleRun;
+
 }  // namespace ravctl

@@ -212,7 +212,7 @@ ExitCode RunRun(const RunOptions& options, Output& out) {
   if (progress.Errors() > 0 && !options.allowsErrors) {
     progress.AddStep(std::to_string(progress.Errors()) + " errors in the trace", false);
   }
-  if (out.IsJson()) out.Print({"module-run"}, "", progress.ToJson(path));
+  if (out.IsJson()) out.Print(kModuleRun, "", progress.ToJson(path));
   return progress.IsGood() ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
 
@@ -229,6 +229,7 @@ void AddModuleRun(Command& module) {
         {"ravctl module run ./libswitch.so --seconds 60 --timeout 90", "a longer run with a longer limit"}},
        Effect::kChanges},
       [options](Output& out) { return RunRun(*options, out); });
+  run.Answers({&kModuleRun});
   run.AddWord("LIB", &options->library, "The module switch");
   run.AddOption("--module", &options->module, "FILE", "Instead of a switch: a module as the example switch loads it");
   run.AddFlag("--allow-errors", &options->allowsErrors, "Entries with ERROR or FAILED in the trace are no failure");

@@ -9,4 +9,7 @@ void AddNetList(Command& net);
 void AddNetRoutes(Command& net);
 void AddNetHostIp(Command& net);
 
+// What they answer.
+extern const Schema kNetList, kNetRoutes, kNetHostIp;
+
 }  // namespace ravctl

@@ -59,14 +59,7 @@ void AddRows(CHostIPAddress::ip_version version, int index, const std::string& a
 }
 
 ExitCode RunHostIp(const HostIpOptions& options, Output& out) {
-  Table table({{.key = "version", .heading = "IP", .isRight = true},
-               {.key = "interface", .heading = "INTERFACE"},
-               {.key = "address", .heading = "ADDRESS"},
-               {.key = "number", .heading = "NUMBER", .isRight = true, .isUsual = false},
-               {.key = "chosen",
-                .heading = "CHOSEN",
-                .color = [](const Json& row) { return row["chosen"] ? Color::kGreen : Color::kNone; }},
-               {.key = "why", .heading = "WHY"}});
+  Table table(kNetHostIp);
   Json data = {{"index", options.index}, {"ipv4", nullptr}, {"ipv6", nullptr}};
   std::string addresses;
   for (const auto version : {CHostIPAddress::ipv4, CHostIPAddress::ipv6}) {
@@ -82,9 +75,9 @@ ExitCode RunHostIp(const HostIpOptions& options, Output& out) {
   }
   data["interfaces"] = table.ToJson();
   if (options.isShort) {
-    out.Print({"net-host-ip"}, addresses, data);
+    out.Print(kNetHostIp, addresses, data);
   } else {
-    out.Print({"net-host-ip"}, table, data);
+    out.Print(kNetHostIp, table, data);
   }
   return addresses.empty() ? ExitCode::kNothingOrDifferent : ExitCode::kDone;
 }
@@ -100,6 +93,7 @@ void AddNetHostIp(Command& net) {
                 {"ravctl net host-ip -4 --short", "the IPv4 address alone, for a script; status 1 without one"}},
                Effect::kChanges},
               [options](Output& out) { return RunHostIp(*options, out); });
+  hostIp.Answers({&kNetHostIp});
   hostIp.AddOption("--index", &options->index, "N", "Which of the usable addresses, from 0 (usually 0)", NotNegative());
   hostIp.AddFlag("-4,--ipv4", &options->onlyIPv4, "Only IPv4");
   hostIp.AddFlag("-6,--ipv6", &options->onlyIPv6, "Only IPv6").excludes = "--ipv4";

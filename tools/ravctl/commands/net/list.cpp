@@ -113,34 +113,12 @@ Json RowOf(const Link& link, const CounterSample& before, const CounterSample& n
 }
 
 Table MakeTable(bool hasRates) {
-  const bool hasTotals = !hasRates;
-  return Table({{.key = "name", .heading = "NAME"},
-                {.key = "index", .heading = "INDEX", .isRight = true, .isUsual = false},
-                {.key = "state", .heading = "STATE", .color = StateColor},
-                {.key = "flags", .heading = "FLAGS", .isUsual = false},
-                {.key = "hardware", .heading = "HARDWARE", .isUsual = false},
-                {.key = "mac", .heading = "MAC", .isUsual = hasTotals},
-                {.key = "mtu", .heading = "MTU", .isRight = true, .isUsual = hasTotals},
-                {.key = "speed_mbit", .heading = "SPEED", .isRight = true, .format = SpeedText},
-                {.key = "rx_bytes", .heading = "RX", .isRight = true, .isUsual = hasTotals, .format = SizeText},
-                {.key = "rx_packets", .heading = "RX-PACKETS", .isRight = true, .isUsual = false},
-                {.key = "rx_errors", .heading = "RX-ERRORS", .isRight = true, .isUsual = false},
-                {.key = "rx_dropped", .heading = "RX-DROPPED", .isRight = true, .isUsual = false},
-                {.key = "tx_bytes", .heading = "TX", .isRight = true, .isUsual = hasTotals, .format = SizeText},
-                {.key = "tx_packets", .heading = "TX-PACKETS", .isRight = true, .isUsual = false},
-                {.key = "tx_errors", .heading = "TX-ERRORS", .isRight = true, .isUsual = false},
-                {.key = "tx_dropped", .heading = "TX-DROPPED", .isRight = true, .isUsual = false},
-                {.key = "rx_bytes_per_s", .heading = "RX/S", .isRight = true, .isUsual = hasRates, .format = RateText},
-                {.key = "tx_bytes_per_s", .heading = "TX/S", .isRight = true, .isUsual = hasRates, .format = RateText},
-                {.key = "rx_packets_per_s", .heading = "RX-PACKETS/S", .isRight = true, .isUsual = hasRates},
-                {.key = "tx_packets_per_s", .heading = "TX-PACKETS/S", .isRight = true, .isUsual = hasRates},
-                {.key = "addresses", .heading = "ADDRESSES", .isUsual = hasTotals},
-                {.key = "ipv4_address", .heading = "IPV4", .isUsual = false},
-                {.key = "ipv4_netmask", .heading = "IPV4-NETMASK", .isUsual = false},
-                {.key = "ipv4_broadcast", .heading = "IPV4-BROADCAST", .isUsual = false},
-                {.key = "ipv6_address", .heading = "IPV6", .isUsual = false},
-                {.key = "ipv6_netmask", .heading = "IPV6-NETMASK", .isUsual = false},
-                {.key = "ipv4_routes", .heading = "IPV4-ROUTES", .isRight = true, .isUsual = false}});
+  Table table(kNetList);
+  for (const char* total : {"mac", "mtu", "rx_bytes", "tx_bytes", "addresses"})
+    table.SetUsual(total, !hasRates);
+  for (const char* rate : {"rx_bytes_per_s", "tx_bytes_per_s", "rx_packets_per_s", "tx_packets_per_s"})
+    table.SetUsual(rate, hasRates);
+  return table;
 }
 
 // Numbers that a person reads carry what they are behind them.
@@ -196,9 +174,9 @@ ExitCode RunList(const ListOptions& options, Output& out) {
   }
   const bool isLong = options.isLong || (IsNamed(options) && !hasRates);
   if (isLong && !out.IsJson() && out.Options().columns.empty()) {
-    out.Print({"net-list"}, LongTable(table));
+    out.Print(kNetList, LongTable(table));
   } else {
-    out.Print({"net-list"}, table);
+    out.Print(kNetList, table);
   }
   return table.Size() > 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
@@ -215,6 +193,7 @@ void AddNetList(Command& net) {
                             {"ravctl net list 'e*' -o name,rx_errors,tx_errors", "errors of those named e..."}},
                            Effect::kChanges},
                           [options](Output& out) { return RunList(*options, out); });
+  list.Answers({&kNetList});
   list.AddWord("PATTERN", &options->patterns, "Only interfaces of these names; * and ? stand for others");
   list.AddFlag("-l,--long", &options->isLong, "Every property in a line of its own, as for names without * and ?");
   list.AddFlag("--up", &options->onlyUp, "Only interfaces that are up and connected");

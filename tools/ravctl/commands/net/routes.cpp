@@ -28,11 +28,7 @@ std::string DestinationText(const libnetif::ipv4_routing_entry& route) {
 }
 
 ExitCode RunRoutes(const std::string& interface, Output& out) {
-  Table table({{.key = "destination", .heading = "DESTINATION"},
-               {.key = "gateway", .heading = "GATEWAY"},
-               {.key = "interface", .heading = "INTERFACE"},
-               {.key = "source", .heading = "SOURCE"},
-               {.key = "metric", .heading = "METRIC", .isRight = true}});
+  Table table(kNetRoutes);
   for (const libnetif::ipv4_routing_entry& route : ReadRoutes()) {
     if (!interface.empty() && route.interface_name != interface) continue;
     table.Add({{"destination", DestinationText(route)},
@@ -41,7 +37,7 @@ ExitCode RunRoutes(const std::string& interface, Output& out) {
                {"source", AddressOrNull(route.source)},
                {"metric", route.metric}});
   }
-  out.Print({"net-routes"}, table);
+  out.Print(kNetRoutes, table);
   return table.Size() > 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
 
@@ -55,7 +51,9 @@ void AddNetRoutes(Command& net) {
                               {"ravctl net routes -i eth0 -o destination,gateway", "where eth0 leads, in two columns"}},
                              Effect::kChanges},
                             [interface](Output& out) { return RunRoutes(*interface, out); });
-  routes.AddOption("-i,--interface", interface.get(), "NAME", "Only routes through this interface");
+  routes.Answers({&kNetRoutes});
+  routes.AddOption("-i,--interface", interface.get(), "NAME", "Only routes through this interface").offered =
+      "net list -o name";
 }
 
 }  // namespace ravctl

@@ -37,7 +37,7 @@ ExitCode Run(const Options& options, Output& out) {
     }
     return target;
   };
-  return RunEdit({"registry-del"}, change, options.write, out);
+  return RunEdit(kRegistryDel, change, options.write, out);
 }
 
 }  // namespace
@@ -50,7 +50,8 @@ void AddRegistryDel(Command& registry) {
                                 {"ravctl registry del -r 'HKEY_LOCAL_MACHINE\\SOFTWARE\\Agent'", "a key, whole"}},
                                Effect::kChanges},
                               [options](Output& out) { return Run(*options, out); });
-  del.AddRequired("KEY", &options->key, "Path of the key");
+  del.Answers({&kRegistryDel});
+  del.AddRequired("KEY", &options->key, "Path of the key").offered = kKeyOffers;
   del.AddWord("NAME", &options->name, "Name of the value; without one the key itself is deleted");
   del.AddFlag("-r,--recursive", &options->isRecursive, "A key with all that is below it");
   AddWriteOptions(del, options->write);

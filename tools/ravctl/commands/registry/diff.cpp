@@ -16,7 +16,7 @@ ExitCode Run(const Options& options, Output& out) {
   const StoreKey before = ReadStoreOrLive(options.before, out);
   const StoreKey after = ReadStoreOrLive(options.after, out);
   const std::vector<StoreChange> changes = CompareStores(before, after);
-  out.Print({"registry-diff"}, ChangeTable(changes));
+  out.Print(kRegistryDiff, ChangeTable(changes));
   return changes.empty() ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
 
@@ -31,6 +31,7 @@ void AddRegistryDiff(Command& registry) {
         {"ravctl registry diff server1.tar.gz server2.tar.gz", "between two bundles"},
         {"ravctl registry diff before.json live -o change,key,name", "since an export, without the values"}}},
       [options](Output& out) { return Run(*options, out); });
+  command.Answers({&kRegistryDiff});
   command.AddRequired("A", &options->before, "A registry file, an export, a captured tree, a bundle, or live");
   command.AddRequired("B", &options->after, "The same");
 }

@@ -60,7 +60,8 @@ void AddRegistryExport(Command& registry) {
                     {{"ravctl registry export --output before.json", "to compare with or to import later"},
                      {"ravctl registry export --format store HKEY_USERS", "one key as the file has it"}}},
                    [options](Output& out) { return Run(*options, out); });
-  command.AddWord("KEY", &options->key, "Path of a key; the usual is everything");
+  command.Answers({&kExportSchema});
+  command.AddWord("KEY", &options->key, "Path of a key; the usual is everything").offered = kKeyOffers;
   command.AddOption("--format", &options->format, "FORM", "json (the usual; without loss) or store",
                     OneOf({"json", "store"}));
   command.AddOption("--output", &options->output, "FILE",

@@ -17,13 +17,13 @@ struct Options {
 ExitCode Run(const Options& options, Output& out) {
   const StorePath path = ParseStorePath(options.below);
   const LoadedStore store = LoadStore(out);
-  Table found(EntryColumns());
+  Table found(kRegistryFind);
   const StoreHits hits{[&found](const StorePath& key, const std::string& name, const StoreValue& value) {
                          found.Add(ValueRow(key, name, value));
                        },
                        [&found](const StorePath& key, const StoreKey& content) { found.Add(KeyRow(key, content)); }};
   SearchStore(options.query, path, RequireKey(store.root, path), hits);
-  out.Print({"registry-find"}, found);
+  out.Print(kRegistryFind, found);
   return found.Size() > 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
 
@@ -38,6 +38,7 @@ void AddRegistryFind(Command& registry) {
                      {"ravctl registry find '*Port' --in name --not '*Proxy*'", "values of such names, but for some"},
                      {"ravctl registry find '*' --type number --below HKEY_LOCAL_MACHINE", "all numbers of a key"}}},
                    [options](Output& out) { return Run(*options, out); });
+  find.Answers({&kRegistryFind});
   find.AddRequired("PATTERN", &options->query.patterns,
                    "Text within a name or value; with * ? or [ a pattern for the whole; one of several is enough");
   find.AddOption("--not", &options->query.notPatterns, "PATTERN", "Leave out what matches this as well");

@@ -27,12 +27,12 @@ ExitCode Run(const Options& options, Output& out) {
   if (options.expands && value.type == kRegistryExpandString) value.data = ExpandEnvironment(value.data);
   if (options.isRaw) {
     const std::string text = value.type == kRegistryNumber ? ValueText(value) : value.data;
-    out.Print({"registry-get"}, out.IsTerminal() ? Printable(text) : text, nullptr);
+    out.Print(kRegistryGet, out.IsTerminal() ? Printable(text) : text, nullptr);
     return ExitCode::kDone;
   }
-  Table table(EntryColumns());
+  Table table(kRegistryGet);
   table.Add(ValueRow(path, options.name, value));
-  out.Print({"registry-get"}, table);
+  out.Print(kRegistryGet, table);
   return ExitCode::kDone;
 }
 
@@ -45,7 +45,8 @@ void AddRegistryGet(Command& registry) {
                                {{"ravctl registry get 'HKEY_LOCAL_MACHINE\\SOFTWARE\\Agent' Port", "value and type"},
                                 {"ravctl registry get --raw HKEY_LOCAL_MACHINE/SOFTWARE/Agent Port", "for a script"}}},
                               [options](Output& out) { return Run(*options, out); });
-  get.AddRequired("KEY", &options->key, "Path of the key from a root key on; \\ is the root");
+  get.Answers({&kRegistryGet});
+  get.AddRequired("KEY", &options->key, "Path of the key from a root key on; \\ is the root").offered = kKeyOffers;
   get.AddRequired("NAME", &options->name, "Name of the value");
   get.AddFlag("--raw", &options->isRaw, "The text, number or bytes alone, without a newline");
   get.AddFlag("--expand", &options->expands, "With %NAME% in expandable texts replaced from the environment");

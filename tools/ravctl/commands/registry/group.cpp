@@ -26,12 +26,6 @@ Json TextOf(const std::optional<StoreValue>& value) {
   return value ? Json(ValueText(*value)) : Json();
 }
 
-Color ChangeColor(const Json& row) {
-  const auto& change = row["change"].get_ref<const std::string&>();
-  if (change == "added") return Color::kGreen;
-  return change == "removed" ? Color::kRed : Color::kYellow;
-}
-
 }  // namespace
 
 const StoreKey& RequireKey(const StoreKey& root, const StorePath& path) {
@@ -72,22 +66,8 @@ Json KeyRow(const StorePath& path, const StoreKey& key) {
           {"number", nullptr}};
 }
 
-std::vector<Column> EntryColumns() {
-  return {{.key = "key", .heading = "KEY"},
-          {.key = "name", .heading = "NAME"},
-          {.key = "type", .heading = "TYPE"},
-          {.key = "value", .heading = "VALUE"},
-          {.key = "number", .heading = "NUMBER", .isRight = true, .isUsual = false}};
-}
-
 Table ChangeTable(const std::vector<StoreChange>& changes) {
-  Table table({{.key = "change", .heading = "CHANGE", .color = ChangeColor},
-               {.key = "key", .heading = "KEY"},
-               {.key = "name", .heading = "NAME"},
-               {.key = "old_type", .heading = "OLD TYPE", .isUsual = false},
-               {.key = "old_value", .heading = "OLD VALUE"},
-               {.key = "type", .heading = "TYPE", .isUsual = false},
-               {.key = "value", .heading = "VALUE"}});
+  Table table(kRegistryDiff);
   for (const StoreChange& change : changes) {
     table.Add({{"change", ChangeText(change.kind)},
                {"key", PathText(change.key)},

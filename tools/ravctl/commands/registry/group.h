@@ -21,6 +21,13 @@ void AddRegistryDiff(Command& registry);
 void AddRegistryVerify(Command& registry);
 void AddRegistryRecover(Command& registry);
 
+// What they answer; what export does stands with its form.
+extern const Schema kRegistryGet, kRegistrySet, kRegistryDel, kRegistryList, kRegistryTree, kRegistryFind,
+    kRegistryImport, kRegistryDiff, kRegistryVerify, kRegistryRecover;
+
+// What the completion offers for a KEY.
+inline constexpr const char* kKeyOffers = "registry list -r -o key";
+
 // What the commands share
 
 // The key; throws CommandError (nothing found) with the nearest name when there is none.
@@ -28,12 +35,11 @@ const StoreKey& RequireKey(const StoreKey& root, const StorePath& path);
 // Throws CommandError (nothing found) with the nearest name.
 const StoreValue& RequireValue(const StoreKey& key, const StorePath& path, const std::string& name);
 
-// A row of get, list and find: {key, name, type, value, number, subkeys, values}.
+// A row of get, list and find.
 Json ValueRow(const StorePath& path, const std::string& name, const StoreValue& value);
 Json KeyRow(const StorePath& path, const StoreKey& key);
-std::vector<Column> EntryColumns();
 
-// A row for each change: {change, key, name, old_type, old_value, type, value}.
+// A row for each change, as diff has them.
 Table ChangeTable(const std::vector<StoreChange>& changes);
 
 // --dry-run and --force.

@@ -23,7 +23,7 @@ ExitCode Run(const Options& options, Output& out) {
     MergeStores(target, given);
     return target;
   };
-  return RunEdit({"registry-import"}, change, options.write, out);
+  return RunEdit(kRegistryImport, change, options.write, out);
 }
 
 }  // namespace
@@ -37,6 +37,7 @@ void AddRegistryImport(Command& registry) {
                      {"ravctl registry import before.json --replace", "and drop what the file does not have"}},
                     Effect::kChanges},
                    [options](Output& out) { return Run(*options, out); });
+  command.Answers({&kRegistryImport});
   command.AddRequired("FILE", &options->file, "What ravctl registry export wrote, or a registry file");
   command.AddFlag("--merge", &options->merges, "Keep what the file does not have (the usual)");
   command.AddFlag("--replace", &options->replaces, "Delete what the file does not have").excludes = "--merge";

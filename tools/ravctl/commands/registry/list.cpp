@@ -27,9 +27,9 @@ void ListKey(const StorePath& path, const StoreKey& key, bool isRecursive, Table
 ExitCode Run(const Options& options, Output& out) {
   const StorePath path = ParseStorePath(options.key);
   const LoadedStore store = LoadStore(out);
-  Table table(EntryColumns());
+  Table table(kRegistryList);
   ListKey(path, RequireKey(store.root, path), options.isRecursive, table);
-  out.Print({"registry-list"}, table);
+  out.Print(kRegistryList, table);
   return table.Size() > 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
 
@@ -42,7 +42,8 @@ void AddRegistryList(Command& registry) {
                                 {{"ravctl registry list", "the root keys"},
                                  {"ravctl registry list -r HKEY_LOCAL_MACHINE", "everything below one"}}},
                                [options](Output& out) { return Run(*options, out); });
-  list.AddWord("KEY", &options->key, "Path of the key; the usual is the root");
+  list.Answers({&kRegistryList});
+  list.AddWord("KEY", &options->key, "Path of the key; the usual is the root").offered = kKeyOffers;
   list.AddFlag("-r,--recursive", &options->isRecursive, "With all that is below");
 }
 

@@ -89,15 +89,14 @@ StoreFileState Choose(const Options& options, const std::vector<StoreFileState>&
 
 void Print(const StoreFileState& from, const std::vector<Copy>& copies, const std::vector<StoreChange>& changes,
            bool isRecovered, Output& out) {
-  Table table(
-      {{.key = "action", .heading = "ACTION"}, {.key = "file", .heading = "FILE"}, {.key = "to", .heading = "TO"}});
+  Table table(kRegistryRecover);
   Json list = Json::array();
   for (const Copy& copy : copies) {
     list.push_back({{"file", copy.file}, {"copy", copy.copy}});
     table.Add({{"action", "copied"}, {"file", copy.file}, {"to", copy.copy}});
   }
   table.Add({{"action", isRecovered ? "recovered" : "chosen"}, {"file", from.path}, {"to", kStoreFile}});
-  out.Print({"registry-recover"}, table,
+  out.Print(kRegistryRecover, table,
             {{"recovered", isRecovered},
              {"from", from.path},
              {"copies", std::move(list)},
@@ -161,6 +160,7 @@ void AddRegistryRecover(Command& registry) {
                                     {"ravctl registry recover --from /etc/pelrix/registry.old", "go back one save"}},
                                    Effect::kChanges},
                                   [options](Output& out) { return Run(*options, out); });
+  recover.Answers({&kRegistryRecover});
   recover.AddOption("--from", &options->from, "FILE", "Take this file: one of the registry or a copy of one");
   recover.AddFlag("--dry-run", &options->isDryRun, "Tell which file would be taken, and write nothing");
 }

@@ -53,7 +53,7 @@ StoreKey WithValue(const Options& options, const StorePath& path, const StoreKey
 ExitCode Run(const Options& options, Output& out) {
   const StorePath path = ParseStorePath(options.key);
   return RunEdit(
-      {"registry-set"}, [&](const StoreKey& root) { return WithValue(options, path, root); }, options.write, out);
+      kRegistrySet, [&](const StoreKey& root) { return WithValue(options, path, root); }, options.write, out);
 }
 
 }  // namespace
@@ -68,7 +68,8 @@ void AddRegistrySet(Command& registry) {
                      {"ravctl registry set HKEY_LOCAL_MACHINE/SOFTWARE/Agent Path /opt/x --dry-run", "show it only"}},
                     Effect::kChanges},
                    [options](Output& out) { return Run(*options, out); });
-  set.AddRequired("KEY", &options->key, "Path of the key from a root key on; \\ is the root");
+  set.Answers({&kRegistrySet});
+  set.AddRequired("KEY", &options->key, "Path of the key from a root key on; \\ is the root").offered = kKeyOffers;
   set.AddRequired("NAME", &options->name, "Name of the value");
   set.AddRequired("VALUE", &options->value,
                   "Text, number or bytes as two hexadecimal digits each; behind -- it may start "

@@ -38,12 +38,9 @@ void AddBranch(const StorePath& path, const StoreKey& key, const Options& option
 ExitCode Run(const Options& options, Output& out) {
   const StorePath path = ParseStorePath(options.key);
   const LoadedStore store = LoadStore(out);
-  Table table({{.key = "name", .heading = "NAME"},
-               {.key = "type", .heading = "TYPE"},
-               {.key = "value", .heading = "VALUE"},
-               {.key = "key", .heading = "KEY", .isUsual = false}});
+  Table table(kRegistryTree);
   AddBranch(path, RequireKey(store.root, path), options, 0, std::nullopt, table);
-  out.Print({"registry-tree"}, table);
+  out.Print(kRegistryTree, table);
   return ExitCode::kDone;
 }
 
@@ -56,7 +53,8 @@ void AddRegistryTree(Command& registry) {
                                 {{"ravctl registry tree --depth 2", "the upper levels"},
                                  {"ravctl registry tree --values HKEY_LOCAL_MACHINE", "with the values"}}},
                                [options](Output& out) { return Run(*options, out); });
-  tree.AddWord("KEY", &options->key, "Path of the key; the usual is the root");
+  tree.Answers({&kRegistryTree});
+  tree.AddWord("KEY", &options->key, "Path of the key; the usual is the root").offered = kKeyOffers;
   tree.AddOption("--depth", &options->depth, "N", "So many levels below the key");
   tree.AddFlag("--values", &options->hasValues, "With the values");
 }

@@ -51,7 +51,7 @@ class Report {
 
   ExitCode Print(Output& out) const {
     const Table table = FindingTable(m_Findings);
-    out.Print({"registry-verify", 2}, table, {{"files", m_Files}, {"findings", table.ToJson()}});
+    out.Print(kRegistryVerify, table, {{"files", m_Files}, {"findings", table.ToJson()}});
     return WorstOf(m_Findings) == Severity::kBad ? ExitCode::kInputDamaged : ExitCode::kDone;
   }
 
@@ -95,6 +95,7 @@ void AddRegistryVerify(Command& registry) {
                     {{"ravctl registry verify", "all files, and which of them a start loads"},
                      {"ravctl registry verify /etc/pelrix/registry.old", "one file"}}},
                    [file](Output& out) { return file->empty() ? VerifyStore(out) : VerifyFile(*file, out); });
+  verify.Answers({&kRegistryVerify});
   verify.AddWord("FILE", file.get(), "A file in the text form of the registry");
 }
 

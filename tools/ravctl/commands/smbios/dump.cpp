@@ -46,7 +46,7 @@ ExitCode Run(const Options& options, Output& out) {
   if (files.empty()) {
     text = HexDump("Entry point", image.entryPoint.Bytes()) + HexDump("Structure table", image.table.Bytes());
   }
-  out.Print({"smbios-dump"}, text,
+  out.Print(kSmbiosDump, text,
             {{"source", image.source},
              {"entry_point", UpperHexText(image.entryPoint.Bytes())},
              {"table", UpperHexText(image.table.Bytes())},
@@ -64,6 +64,7 @@ void AddSmbiosDump(Command& smbios) {
                                {"ravctl smbios dump --raw dmi.bin --entry-point entry.bin", "as they are, mode 0600"},
                                {"ravctl smbios dump --dump-bin dmi.dump", "for dmidecode --from-dump dmi.dump"}}},
                              [options](Output& out) { return Run(*options, out); });
+  dump.Answers({&kSmbiosDump});
   dump.AddOption("--raw", &options->table, "FILE", "Write the structure table to this new file");
   dump.AddOption("--entry-point", &options->entryPoint, "FILE", "Write the entry point to this new file");
   dump.AddOption("--dump-bin", &options->dumpFile, "FILE",

@@ -16,6 +16,9 @@ void AddSmbiosShow(Command& smbios);
 void AddSmbiosDump(Command& smbios);
 void AddSmbiosVerify(Command& smbios);
 
+// What they answer.
+extern const Schema kSmbiosList, kSmbiosShow, kSmbiosDump, kSmbiosVerify;
+
 // What the commands share
 
 // Which structures are asked for: "0x0011" is a handle, "17" a type, everything else part of the name of a type. No

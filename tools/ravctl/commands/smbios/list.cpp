@@ -12,12 +12,7 @@ namespace {
 ExitCode Run(const std::vector<std::string>& words, Output& out) {
   const SmbiosChoice choice(words);
   const SmbiosImage image = ReadSmbiosImage();
-  Table table({{.key = "handle", .heading = "HANDLE"},
-               {.key = "type", .heading = "TYPE", .isRight = true},
-               {.key = "length", .heading = "LENGTH", .isRight = true},
-               {.key = "name", .heading = "NAME"},
-               {.key = "first", .heading = "FIRST STRING"},
-               {.key = "strings", .heading = "STRINGS", .isRight = true, .isUsual = false}});
+  Table table(kSmbiosList);
   for (const SmbiosStructure& structure : image.structures) {
     if (!choice.Has(structure)) continue;
     Json row = SmbiosHeaderRow(structure);
@@ -25,7 +20,7 @@ ExitCode Run(const std::vector<std::string>& words, Output& out) {
     row["first"] = TextOrNull(structure.String(1));
     table.Add(std::move(row));
   }
-  return FinishSmbios(image, table.Size() > 0, out, [&] { out.Print({"smbios-list"}, table); });
+  return FinishSmbios(image, table.Size() > 0, out, [&] { out.Print(kSmbiosList, table); });
 }
 
 }  // namespace
@@ -37,6 +32,7 @@ void AddSmbiosList(Command& smbios) {
        "List the structures: handle, type, length and name",
        {{"ravctl smbios list", "all of them"}, {"ravctl smbios list memory -o +strings", "those about memory"}}},
       [words](Output& out) { return Run(*words, out); });
+  list.Answers({&kSmbiosList});
   AddSmbiosChoice(list, *words);
 }
 

@@ -57,7 +57,7 @@ ExitCode Run(const std::vector<std::string>& words, Output& out) {
     data.push_back(StructureData(structure));
     if (!out.IsJson()) text += StructureText(data.back(), out);
   }
-  return FinishSmbios(image, !data.empty(), out, [&] { out.Print({"smbios-show"}, text, data); });
+  return FinishSmbios(image, !data.empty(), out, [&] { out.Print(kSmbiosShow, text, data); });
 }
 
 }  // namespace
@@ -70,6 +70,7 @@ void AddSmbiosShow(Command& smbios) {
                                {"ravctl smbios show 0x0011", "the structure with that handle"},
                                {"ravctl smbios show 'memory device' --json | jq '.data[].fields'", "the modules"}}},
                              [words](Output& out) { return Run(*words, out); });
+  show.Answers({&kSmbiosShow});
   AddSmbiosChoice(show, *words);
 }
 

@@ -11,11 +11,7 @@ namespace {
 
 ExitCode RunConfig(const std::string& application, Output& out) {
   const TraceSettings settings(application);
-  Table table({{.key = "name", .heading = "SETTING"},
-               {.key = "value", .heading = "VALUE"},
-               {.key = "source", .heading = "SOURCE"},
-               {.key = "from", .heading = "FROM"},
-               {.key = "comment", .heading = "COMMENT"}});
+  Table table(kTraceConfig);
   Json rows = Json::array();
   for (const TraceSetting& setting : settings.Settings()) {
     rows.push_back({{"name", setting.name},
@@ -37,7 +33,7 @@ ExitCode RunConfig(const std::string& application, Output& out) {
   }
   table.Add({{"name", "environment"}, {"value", settings.EnvironmentOf()}});
   table.Add({{"name", "tracing"}, {"value", settings.IsTracing() ? "on" : "off"}});
-  out.Print({"trace-config"}, table,
+  out.Print(kTraceConfig, table,
             {{"application", application},
              {"tracing", settings.IsTracing()},
              {"environment", settings.EnvironmentOf()},
@@ -55,6 +51,7 @@ void AddTraceConfig(Command& trace) {
                                {{"ravctl trace config", "of the daemon, with its own environment when it runs"},
                                 {"QN_LOG_DEBUG_LEVEL=3 ravctl trace config mytool", "what a start would use"}}},
                               [application](Output& out) { return RunConfig(*application, out); });
+  config.Answers({&kTraceConfig});
   config.AddWord("APPLICATION", application.get(), "Usually ravd");
 }
 

@@ -26,7 +26,7 @@ struct FollowOptions {
 class Sink : public EntrySink {
  public:
   Sink(const FollowOptions& options, Output& out)
-      : m_Filter(options.filter), m_Last(options.last), m_Out(out), m_Writer(out, {"trace-entry"}, true) {
+      : m_Filter(options.filter), m_Last(options.last), m_Out(out), m_Writer(out, kTraceEntry, true) {
     m_Filter.Prepare(CompleteTime("0s", ""));
     m_Writer.Begin();
   }
@@ -97,6 +97,7 @@ void AddTraceFollow(Command& trace) {
                   {"ravctl trace follow --pid 1234", "until process 1234 has ended"}},
                  Effect::kChanges},
                 [options](Output& out) { return RunFollow(*options, out); });
+  follow.Answers({&kTraceEntry});
   AddPresentSource(follow, options->source);
   options->filter.AddOptions(follow);
   follow.AddOption("-n,--last", &options->last, "N", "Begin with the newest N entries that are there (usually 10)",

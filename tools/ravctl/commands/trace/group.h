@@ -17,6 +17,10 @@ void AddTraceConfig(Command& trace);
 void AddTraceToggle(Command& trace);
 void AddTraceLevel(Command& trace);
 
+// What they answer.
+extern const Schema kTraceList, kTraceShow, kTraceEntry, kTraceHeader, kTraceStats, kTraceVerify, kTraceConfig,
+    kTraceToggle, kTraceLevel;
+
 // Where the traces are.
 void AddDirectoryOption(Command& command, TraceSource& source);
 // The argument and options that say which trace of the present run is meant; the second adds those of the kept runs.

@@ -64,10 +64,8 @@ void AddHeader(const TraceFile& file, bool wantsUnset, Table& table) {
 
 ExitCode RunHeader(const TraceSource& source, bool wantsAll, Output& out) {
   const std::vector<TraceFile> files = ReadTraceFiles(source);
-  Table table({{.key = "file", .heading = "FILE", .isUsual = files.size() > 1},
-               {.key = "section", .heading = "SECTION"},
-               {.key = "name", .heading = "NAME"},
-               {.key = "value", .heading = "VALUE"}});
+  Table table(kTraceHeader);
+  table.SetUsual("file", files.size() > 1);
   bool isDamaged = false;
   for (const TraceFile& file : files) {
     isDamaged = WarnAboutDamage(file, out) || isDamaged;
@@ -79,7 +77,7 @@ ExitCode RunHeader(const TraceSource& source, bool wantsAll, Output& out) {
       isDamaged = true;
     }
   }
-  out.Print({"trace-header"}, table);
+  out.Print(kTraceHeader, table);
   if (isDamaged) return ExitCode::kInputDamaged;
   return table.Size() > 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
@@ -98,6 +96,7 @@ void AddTraceHeader(Command& trace) {
                  {{"ravctl trace header", "of the daemon's ring buffers, without what was not set"},
                   {"ravctl trace header -p run --all", "every name of the run-time ring buffer's header"}}},
                 [options](Output& out) { return RunHeader(options->source, options->wantsAll, out); });
+  header.Answers({&kTraceHeader});
   AddSourceOptions(header, options->source);
   header.AddFlag("-a,--all", &options->wantsAll, "The variables that were not set too");
 }

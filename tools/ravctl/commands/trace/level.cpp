@@ -163,7 +163,7 @@ ExitCode Run(const std::string& application, uint32_t level, Output& out) {
              "remove it to go back");
   }
   WarnAboutEffect(now, out);
-  out.Print({"trace-level"}, path + ": " + std::string(kKey) + "=" + std::to_string(level) + "\n",
+  out.Print(kTraceLevel, path + ": " + std::string(kKey) + "=" + std::to_string(level) + "\n",
             {{"path", path}, {"level", level}, {"effective_level", now.Level()}});
   return ExitCode::kDone;
 }
@@ -182,6 +182,7 @@ void AddTraceLevel(Command& trace) {
                                {"ravctl trace level 0 --app mytool", "of another application: off"}},
                               Effect::kChanges},
                              [options](Output& out) { return Run(options->application, options->level, out); });
+  level.Answers({&kTraceLevel});
   level.AddRequired("LEVEL", &options->level, "0 to 6", InRange(0, 6));
   level.AddOption("--app", &options->application, "NAME", "Application, usually ravd", ApplicationFault);
 }

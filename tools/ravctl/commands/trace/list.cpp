@@ -4,7 +4,6 @@
 
 #include <algorithm>
 
-#include "ravctl/answer/formats.h"
 #include "ravctl/answer/json.h"
 #include "ravctl/base/times.h"
 #include "ravctl/commands/trace/group.h"
@@ -33,14 +32,7 @@ FilesOfRun LookAt(const std::string& directory) {
 }
 
 ExitCode RunList(const TraceSource& source, Output& out) {
-  Table table({{.key = "run", .heading = "RUN", .isRight = true},
-               {.key = "time", .heading = "TIME"},
-               {.key = "result", .heading = "RESULT"},
-               {.key = "status", .heading = "STATUS", .isRight = true},
-               {.key = "signal", .heading = "SIGNAL"},
-               {.key = "pid", .heading = "PID", .isRight = true, .isUsual = false},
-               {.key = "size", .heading = "SIZE", .isRight = true, .format = SizeText},
-               {.key = "path", .heading = "PATH"}});
+  Table table(kTraceList);
   const auto add = [&table](size_t number, int64_t time, const KeptRun& run) {
     Json row = EndOf(run);
     row.update({{"run", number}, {"time", LocalTimeText(time)}, {"size", LookAt(run.path).size}, {"path", run.path}});
@@ -53,7 +45,7 @@ ExitCode RunList(const TraceSource& source, Output& out) {
   if (writtenAt != 0) add(0, writtenAt, {.path = directory});
   for (size_t index = 0; index < kept.size(); ++index)
     add(index + 1, kept[index].endedAt, kept[index]);
-  out.Print({"trace-list"}, table);
+  out.Print(kTraceList, table);
   return table.Size() > 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
 
@@ -67,6 +59,7 @@ void AddTraceList(Command& trace) {
                  {{"ravctl trace list", "newest first: when each ended, and how"},
                   {"ravctl trace list --json | jq '.data[1].signal'", "what ended the last of those that are kept"}}},
                 [source](Output& out) { return RunList(*source, out); });
+  list.Answers({&kTraceList});
   AddDirectoryOption(list, *source);
 }
 

@@ -48,7 +48,7 @@ void WriteChosen(const std::vector<std::string_view>& entries, const std::vector
 }
 
 ExitCode RunShow(const ShowOptions& options, Output& out) {
-  EntryWriter writer(out, {"trace-show"}, false);
+  EntryWriter writer(out, kTraceShow, false);
   const std::vector<TraceFile> files = ReadTraceFiles(options.source);
   TraceFilter filter = options.filter;
   filter.Prepare(NewestTime(files));
@@ -93,6 +93,7 @@ void AddTraceShow(Command& trace) {
         {"ravctl trace show -p log", "the log file, over its wraps"},
         {"ravctl trace show --previous -n 20", "the last words of the last run that crashed"}}},
       [options](Output& out) { return RunShow(*options, out); });
+  show.Answers({&kTraceShow});
   AddSourceOptions(show, options->source);
   options->filter.AddOptions(show);
   show.AddOption("-n,--last", &options->last, "N", "The newest N of the entries that are wanted", Above(0));

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <map>
 
-#include "ravctl/answer/formats.h"
 #include "ravctl/answer/json.h"
 #include "ravctl/commands/trace/group.h"
 #include "ravctl/line/command.h"
@@ -57,16 +56,8 @@ void AddRows(const TraceFile& file, const char* group, const Counts& counts, Tab
 
 ExitCode RunStats(const TraceSource& source, Output& out) {
   const std::vector<TraceFile> files = ReadTraceFiles(source);
-  Table table({{.key = "file", .heading = "FILE", .isUsual = files.size() > 1},
-               {.key = "group", .heading = "GROUP"},
-               {.key = "name", .heading = "NAME"},
-               {.key = "entries", .heading = "ENTRIES", .isRight = true},
-               {.key = "bytes", .heading = "SIZE", .isRight = true, .format = SizeText},
-               {.key = "errors", .heading = "ERRORS", .isRight = true},
-               {.key = "warnings", .heading = "WARNINGS", .isRight = true},
-               {.key = "first", .heading = "FIRST"},
-               {.key = "last", .heading = "LAST"},
-               {.key = "wrapped", .heading = "WRAPPED", .isUsual = false}});
+  Table table(kTraceStats);
+  table.SetUsual("file", files.size() > 1);
   uint64_t entries = 0;
   bool isDamaged = false;
   for (const TraceFile& file : files) {
@@ -89,7 +80,7 @@ ExitCode RunStats(const TraceSource& source, Output& out) {
     AddRows(file, "source", sources, table);
     AddRows(file, "thread", threads, table);
   }
-  out.Print({"trace-stats"}, table);
+  out.Print(kTraceStats, table);
   if (isDamaged) return ExitCode::kInputDamaged;
   return entries > 0 ? ExitCode::kDone : ExitCode::kNothingOrDifferent;
 }
@@ -106,6 +97,7 @@ void AddTraceStats(Command& trace) {
                   {"ravctl trace stats --json | jq '.data[] | select(.group == \"source\" and .errors > 0)'",
                    "which module fails"}}},
                 [source](Output& out) { return RunStats(*source, out); });
+  stats.Answers({&kTraceStats});
   AddSourceOptions(stats, *source);
 }
 

@@ -65,7 +65,7 @@ ExitCode Run(Output& out) {
   }
   if (!isTold) out.Warn("the daemon has not answered yet", log, "look there for \"due to SIGHUP\"");
   const std::string state = !isTold ? "asked to toggle" : isOn ? "on" : "off";
-  out.Print({"trace-toggle"}, "trace of process " + std::to_string(daemon->pid) + ": " + state + "\n",
+  out.Print(kTraceToggle, "trace of process " + std::to_string(daemon->pid) + ": " + state + "\n",
             {{"pid", daemon->pid}, {"tracing", isTold ? Json(isOn) : Json()}});
   return ExitCode::kDone;
 }
@@ -73,11 +73,13 @@ ExitCode Run(Output& out) {
 }  // namespace
 
 void AddTraceToggle(Command& trace) {
-  trace.Add({"toggle",
-             "Switch the trace of the running daemon on or off (SIGHUP)",
-             {{"ravctl trace toggle", "off when it is on, on with the configured level when it is off"}},
-             Effect::kChanges},
-            [](Output& out) { return Run(out); });
+  trace
+      .Add({"toggle",
+            "Switch the trace of the running daemon on or off (SIGHUP)",
+            {{"ravctl trace toggle", "off when it is on, on with the configured level when it is off"}},
+            Effect::kChanges},
+           [](Output& out) { return Run(out); })
+      .Answers({&kTraceToggle});
 }
 
 }  // namespace ravctl

@@ -13,7 +13,7 @@ ExitCode Run(const TraceSource& source, Output& out) {
     for (const Finding& finding : CheckTrace(file))
       findings.push_back(finding);
   }
-  return PrintFindings({"trace-verify", 2}, findings, out);
+  return PrintFindings(kTraceVerify, findings, out);
 }
 
 }  // namespace
@@ -25,6 +25,7 @@ void AddTraceVerify(Command& trace) {
                                {{"ravctl trace verify", "the daemon's ring buffers"},
                                 {"ravctl trace verify ./log.ravd_a", "a file from another machine"}}},
                               [source](Output& out) { return Run(*source, out); });
+  verify.Answers({&kTraceVerify});
   AddSourceOptions(verify, *source);
 }
 

@@ -18,7 +18,7 @@ namespace ravctl {
 namespace {
 
 enum class ContentKind {
-  kText,
+  kPlainText,
   kNumbers,  // a text full of numbers, which may have the form of an address
   kSerial,   // nothing but a serial number, behind the header of a page of SPC-4 where it is one
   kTrace,
@@ -70,7 +70,7 @@ ContentKind KindOf(const std::string& path) {
   for (const KindRow& row : kKinds) {
     if (path.starts_with(row.start) && path.ends_with(row.end)) return row.kind;
   }
-  return path.compare(path.rfind('/') + 1, 4, "log.") == 0 ? ContentKind::kTrace : ContentKind::kText;
+  return path.compare(path.rfind('/') + 1, 4, "log.") == 0 ? ContentKind::kTrace : ContentKind::kPlainText;
 }
 
 // ---- packed traces
@@ -181,7 +181,7 @@ void Learn(const CapturedEntry& entry, Redactor& redactor) {
       return redactor.Learn(entry.content);
     }
     case ContentKind::kTrace:
-    case ContentKind::kText:
+    case ContentKind::kPlainText:
       return redactor.Learn(entry.content);
   }
 }
@@ -211,7 +211,7 @@ void RedactContent(CapturedEntry& entry, Redactor& redactor) {
     case ContentKind::kTrace:
       BlankDumps(content);
       return redactor.Text(content);
-    case ContentKind::kText:
+    case ContentKind::kPlainText:
       return redactor.Text(content);
   }
 }

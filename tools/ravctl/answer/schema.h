@@ -1,0 +1,16 @@
+#pragma once
+
+#include <string>
+
+#include "ravctl/answer/field.h"
+
+namespace ravctl {
+
+// What a command answers that failed.
+extern const Schema kFailure;
+
+// The JSON Schema (2020-12) of the answers of that form: it stands alone, and allows no key that it does not describe.
+// The title says whose answers they are.
+Json JsonSchema(const Schema& schema, const std::string& title);
+
+}  // namespace ravctl
