@@ -130,11 +130,10 @@ class Edit {
     if (!Open() || !Change()) return kFinished;
     const Way way = WayTo(place);
     if (way != Way::kRename) return way == Way::kAgain ? kAgain : EditInPlace(place, way);
-    if (!WriteAllAt(temp.Get(), m_New, 0)) return Finish(FileEdit::kFailed);
+    if (!WriteAllAt(temp.Get(), m_New, 0) || !temp.Sync()) return Finish(FileEdit::kFailed);
     const bool hasAttributes = m_File ? temp.TakeAttributesOf(m_File.Get()) : ::fchmod(temp.Get(), m_NewFileMode) == 0;
     if (!hasAttributes && (!m_File || !IsRenameImpossible(errno))) return Finish(FileEdit::kFailed);
     if (!hasAttributes) return EditInPlace(place, way);
-    if (!temp.Sync()) return Finish(FileEdit::kFailed);
     if (m_File ? !temp.RenameTo(place.c_str()) : !temp.RenameToNew(place.c_str())) {
       if (!m_File && errno == EEXIST) return kAgain;
       return m_File && IsRenameImpossible(errno) ? EditInPlace(place, way) : Finish(FileEdit::kFailed);

@@ -24,6 +24,7 @@ constexpr std::chrono::milliseconds kLongestWait{1000};
 constexpr std::chrono::milliseconds kPause{3};
 constexpr int kFlags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 constexpr mode_t kModeUntilComplete = 0600;
+constexpr mode_t kModeOfOthers = 0077;
 constexpr mode_t kModeBits = 07777;
 constexpr size_t kLargestAttributes = 64 * 1024;  // the kernel's limit for all names and for one value
 constexpr int kLongestChain = 40;                 // of symbolic links, as the kernel has it
@@ -45,9 +46,13 @@ bool IsLockedByOther(int error) {
   return error == EWOULDBLOCK || error == EINTR;
 }
 
-// Nobody else can reach it by another name or change it later.
+bool IsOpenToOthers(const struct stat& info) {
+  return (info.st_mode & kModeOfOthers) != 0;
+}
+
+// Nobody else can reach it by another name, change it later or hold its lock.
 bool IsOwn(const struct stat& info) {
-  return info.st_nlink == 1 && info.st_uid == ::geteuid();
+  return info.st_nlink == 1 && info.st_uid == ::geteuid() && !IsOpenToOthers(info);
 }
 
 // The names of a file's extended attributes. False when they cannot be listed.
@@ -100,8 +105,11 @@ CTempFile::~CTempFile() {
 
 CTempFile::Opening CTempFile::Open(std::chrono::milliseconds longestWait) {
   const Clock::time_point end = Clock::now() + longestWait;
+  bool isLeftOver = true;  // whenever it was looked at
   do {
-    switch (TryOpen()) {
+    const Attempt attempt = TryOpen();
+    isLeftOver = isLeftOver && attempt == Attempt::kBusyLeftOver;
+    switch (attempt) {
       case Attempt::kDone:
         return kDone;
       case Attempt::kNotOpened:
@@ -109,12 +117,14 @@ CTempFile::Opening CTempFile::Open(std::chrono::milliseconds longestWait) {
       case Attempt::kNotLocked:
         return kNotLocked;
       case Attempt::kBusy:
+      case Attempt::kBusyLeftOver:
         std::this_thread::sleep_for(kPause);
         break;
       case Attempt::kAgain:
         break;
     }
   } while (Clock::now() < end);
+  if (isLeftOver && TakeAway() == Attempt::kAgain && TryOpen() == Attempt::kDone) return kDone;
   errno = EWOULDBLOCK;
   return kNotLocked;
 }
@@ -127,7 +137,10 @@ CTempFile::Attempt CTempFile::TryOpen() {
   struct stat opened {};
   if (::fstat(file.Get(), &opened) != 0) return Attempt::kNotOpened;
   if (!S_ISREG(opened.st_mode)) return TakeAway();
-  if (!TryLock(file.Get())) return IsLockedByOther(errno) ? Attempt::kBusy : Attempt::kNotLocked;
+  if (!TryLock(file.Get())) {
+    if (!IsLockedByOther(errno)) return Attempt::kNotLocked;
+    return IsOpenToOthers(opened) ? Attempt::kBusyLeftOver : Attempt::kBusy;
+  }
 
   struct stat named {};
   if (::lstat(m_Path.c_str(), &named) != 0) return errno == ENOENT ? Attempt::kAgain : Attempt::kNotLocked;

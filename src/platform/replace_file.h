@@ -11,16 +11,17 @@
 // temporary file itself. The steps of a durable replacement, each of which may fail:
 //
 //   CTempFile temp("/etc/agent.new");
-//   temp.Open() == CTempFile::kDone && WriteAllAt(temp.Get(), text, 0) && temp.TakeAttributesOf(oldFile) &&
-//       temp.Sync() && temp.RenameTo("/etc/agent") && SyncDirectoryOf("/etc/agent");
+//   temp.Open() == CTempFile::kDone && WriteAllAt(temp.Get(), text, 0) && temp.Sync() &&
+//       temp.TakeAttributesOf(oldFile) && temp.RenameTo("/etc/agent") && SyncDirectoryOf("/etc/agent");
 //
 // A reader then finds the old content or the new one, whenever a process is killed or the power fails.
 //
-// What lies at the temporary path is taken as it is when it is a regular file of this user with no other name, as an
-// interrupted writer leaves it: it is emptied under the lock. Everything else - a link, a pipe, somebody else's file -
-// is taken away and a new file made, which nobody else may read until it gets another mode. The lock ends with the
-// object, also for a child that was forked meanwhile, or with the process.
-// Never traces; an object belongs to one thread. On failure errno tells why.
+// What lies at the temporary path is taken as it is when it is a regular file of this user with no other name that
+// nobody else may open, as an interrupted writer leaves it: it is emptied under the lock. Everything else - a link, a
+// pipe, somebody else's file - is taken away and a new file made, which nobody else may open until it gets another
+// mode. It gets that right before it is renamed: whoever may open a file may hold its lock for good. The lock ends with
+// the object, also for a child that was forked meanwhile, or with the process. Never traces; an object belongs to one
+// thread. On failure errno tells why.
 class CTempFile {
  public:
   enum Opening { kDone, kNotOpened, kNotLocked };
@@ -31,7 +32,8 @@ class CTempFile {
   CTempFile& operator=(const CTempFile&) = delete;
 
   // Waits so long for another process that writes the file (kNotLocked, EWOULDBLOCK): one that is stopped must not stop
-  // the others for good.
+  // the others for good. A locked file that others may open all that time is no longer written: a writer was killed
+  // right before its rename, and somebody holds what it left. That file is taken away, too.
   Opening Open(std::chrono::milliseconds longestWait = std::chrono::seconds(1));
   // For writing; the object keeps it.
   int Get() const { return m_File.Get(); }
@@ -52,7 +54,7 @@ class CTempFile {
   void Remove() const;
 
  private:
-  enum class Attempt { kDone, kAgain, kBusy, kNotOpened, kNotLocked };
+  enum class Attempt { kDone, kAgain, kBusy, kBusyLeftOver, kNotOpened, kNotLocked };
 
   Attempt TryOpen();
   Attempt TakeAway() const;

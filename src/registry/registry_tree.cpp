@@ -160,7 +160,6 @@ bool WriteContent(CRegistryNode& root, const CTempFile& temp, File& file, const 
     return TraceFailure("write", path);
   }
   if (std::fflush(file.Get()) != 0 || std::ferror(file.Get()) != 0) return TraceFailure("write", path);
-  if (::fchmod(temp.Get(), kRegistryMode) != 0) return TraceFailure("change the mode of", path);
   if (!temp.Sync()) return TraceFailure("sync", path);
   return file.Close() || TraceFailure("close", path);
 }
@@ -207,8 +206,9 @@ bool RotateFiles(const CTempFile& temp, const char* tempPath, const char* regist
   if (!LookForContent(registry, tempPath, info.st_size, hasOld)) return false;
   if (!temp.IsInPlace()) return TraceFailure("rename", tempPath);
   if (hasOld && !KeepAsBackup(registry, backup)) return false;
-  if (temp.RenameTo(registry)) return true;
-  TraceFailure("rename", tempPath);
+  const bool hasMode = ::fchmod(temp.Get(), kRegistryMode) == 0;
+  if (hasMode && temp.RenameTo(registry)) return true;
+  TraceFailure(hasMode ? "rename" : "change the mode of", tempPath);
   if (hasOld && std::rename(backup, registry) != 0) TraceFailure("rename", backup);  // two names of one file both stay
   return false;
 }

@@ -12,6 +12,7 @@
 #include <csignal>
 #include <tuple>
 
+#include "support/failing_call.h"
 #include "support/fixture_root.h"
 #include "support/trace_capture.h"
 
@@ -160,7 +161,11 @@ TEST_F(IniFile, SaveKeepsWhatAFileIs) {
     const struct stat before = stat(file);
     EXPECT_EQ(CIniFile::WritePrivateProfileString("A", "a", "1", "/link"), 1);
     EXPECT_EQ(stat(file).st_ino, before.st_ino) << "an edit that changes nothing wrote something";
+    const FailingCall during("fsync", 1, [&stat] {
+      EXPECT_EQ(stat("/data/.real~ini.new").st_mode, S_IFREG | 0600U) << "others could hold its lock";
+    });
     EXPECT_EQ(CIniFile::WritePrivateProfileString("A", "a", "2", "/link"), 1);
+    EXPECT_TRUE(during.HasHappened());
     const struct stat after = stat(file);
     EXPECT_NE(after.st_ino, before.st_ino) << "not replaced";
     EXPECT_EQ(std::tie(after.st_mode, after.st_uid, after.st_gid),

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -243,8 +244,14 @@ TEST_F(RegistryFile, ChangeIsSavedOnceAndOneDuringASaveByTheNext) {
       EXPECT_EQ(trace.Count("CRegistry: ERROR: Cannot open \"/etc/pelrix/registry.new\" for writing"), 1);
     }
     ASSERT_EQ(::rmdir(kNew), 0);
+    WriteWholeFile(kNew, "left by a killed saver");
+    EXPECT_EQ(::chmod(kNew, 0644), 0);
     registry.SetValue("V", 3U);
-    const FailingCall during("fsync", 1, [&registry] { registry.SetValue("V", 4U); });
+    const FailingCall during("fsync", 1, [&registry] {
+      struct stat info {};
+      EXPECT_TRUE(::stat(kNew, &info) == 0 && info.st_mode == (S_IFREG | 0600)) << "anybody could hold its lock";
+      registry.SetValue("V", 4U);
+    });
     CRegistry::SaveTree();
     EXPECT_EQ(ReadWholeFile(kRegistry), FileText("V=d=3\n"));
     CRegistry::SaveTree();
@@ -352,8 +359,16 @@ TEST(RegistrySave, StoppedSaverHoldsTheOthersUpForASecond) {
     }
     CRegistry::SaveTree();
     EXPECT_EQ(trace.Count("SaveTree MPRegistryTemp"), 1) << "tried again";
+
+    // A file that anybody could open was left by a saver that was killed right before its rename.
+    WriteWholeFile(kNew, "left");
+    EXPECT_EQ(::chmod(kNew, 0644), 0);
+    const UniqueFd anybody(::open(kNew, O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(::flock(anybody.Get(), LOCK_EX), 0);
+    registry.SetValue("V", 3U);
+    CRegistry::SaveTree();
+    EXPECT_EQ(ReadWholeFile(kRegistry), FileText("V=d=3\n"));
   });
-  EXPECT_EQ(root.ReadFile(kRegistry), FileText("V=d=2\n"));
 }
 
 TEST_F(RegistryFile, FailedStepLeavesAStoreThatLoadsAndIsTriedAgain) {
