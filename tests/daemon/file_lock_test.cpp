@@ -1,11 +1,7 @@
 #include "daemon/file_lock.h"
 
-#include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 
-#include <atomic>
 #include <new>
 
 #include "support/trace_capture.h"

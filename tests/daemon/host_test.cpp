@@ -1,9 +1,5 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <utmp.h>
-
-#include <cstring>
 
 #include "daemon/command_line.h"
 #include "daemon/run_level.h"
@@ -11,9 +7,7 @@
 #include "support/fake_ioctl.h"
 #include "support/trace_capture.h"
 
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
+using ::testing::Contains, ::testing::ElementsAre, ::testing::HasSubstr;
 
 namespace {
 
@@ -137,7 +131,7 @@ TEST_F(RunLevel, IsThatOfTheFileOrOfTheLoginRecords) {
 TEST_F(RunLevel, OlderSystemsAreAskedThroughTheCommand) {
   root.WriteFile("/own/runlevel", "#!/bin/sh\necho \"N 0\"\n", 0755);
   root.MakeDirectory("/machine");
-  const auto body = [] {
+  root.Run(FixtureRoot::kUsr, [] {
     // The commands of the machine without its /usr/bin/systemctl and /sbin.
     ASSERT_EQ(::mount("/usr", "/machine", nullptr, MS_MOVE, nullptr), 0);
     for (const std::string link : {"/bin", "/lib", "/lib64", "/sbin"}) {
@@ -145,6 +139,5 @@ TEST_F(RunLevel, OlderSystemsAreAskedThroughTheCommand) {
       ASSERT_EQ(::symlink(link == "/sbin" ? "own" : ("machine" + link).c_str(), link.c_str()), 0);
     }
     EXPECT_EQ(DetermineRunLevel(), 0);
-  };
-  root.Run(body, FixtureRoot::kUsr);
+  });
 }

@@ -1,14 +1,12 @@
 #include "daemon/notify.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include <cstddef>
 
 #include "platform/unique_fd.h"
+#include "support/fixture_root.h"
 
 // The name of a path is the daemon's own test.
 TEST(NotifyReady, ReachesAnAbstractNameUpToTheLongest) {

@@ -1,8 +1,5 @@
 #include "firmware/data_stream.h"
 
-#include <gtest/gtest.h>
-
-#include "support/fixture_root.h"
 #include "support/trace_capture.h"
 
 TEST(DataStream, ReadsWholeFiles) {

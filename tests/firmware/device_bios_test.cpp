@@ -1,12 +1,5 @@
 #include "firmware/device_bios.h"
 
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <cstring>
-#include <tuple>
-
-#include "support/fixture_root.h"
 #include "support/trace_capture.h"
 
 using DeviceBios = RootedTest;

@@ -1,13 +1,9 @@
 #include "firmware/device_io.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
+#include "support/fixture_root.h"
 
-#include <cerrno>
 #include <future>
 #include <memory>
-#include <thread>
 
 namespace {
 

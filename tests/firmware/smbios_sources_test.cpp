@@ -1,11 +1,6 @@
 #include "firmware/smbios_sources.h"
 
-#include <gtest/gtest.h>
-
-#include <tuple>
-
 #include "support/firmware_tables.h"
-#include "support/fixture_root.h"
 #include "support/trace_capture.h"
 
 namespace {

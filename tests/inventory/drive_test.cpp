@@ -1,8 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <sstream>
-
 #include "inventory/drive_links.h"
 #include "inventory/fake_drives.h"
 #include "inventory/system_drive.h"

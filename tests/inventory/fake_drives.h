@@ -2,11 +2,6 @@
 
 #include <scsi/sg.h>
 
-#include <algorithm>
-#include <cstdio>
-#include <map>
-#include <string>
-
 #include "support/fake_ioctl.h"
 #include "support/fixture_root.h"
 

@@ -4,11 +4,7 @@
 #include <linux/sockios.h>
 #include <net/if.h>
 
-#include <cstdio>
-#include <cstring>
 #include <span>
-#include <sstream>
-#include <string>
 
 #include "inventory/fake_drives.h"
 #include "inventory/system_adapter.h"

@@ -1,5 +1,4 @@
 #include <sys/prctl.h>
-#include <sys/wait.h>
 
 #include "netif/network_interface_manager.h"
 #include "netif/private_network.h"

@@ -1,5 +1,3 @@
-#include <thread>
-
 #include "netif/libnetif_socket.h"
 #include "netif/private_network.h"
 

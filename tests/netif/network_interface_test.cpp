@@ -4,8 +4,6 @@
 #include <linux/sockios.h>
 #include <net/if.h>
 
-#include <thread>
-
 #include "netif/host_ip_address.h"
 #include "netif/kernel_answers.h"
 #include "netif/network_interface_manager.h"

@@ -1,11 +1,6 @@
 #pragma once
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
-
-#include <csignal>
-#include <filesystem>
 
 #include "netif/libnetif_exception.h"
 #include "support/fake_ioctl.h"
@@ -35,13 +30,11 @@ struct PrivateNetwork : ::testing::Test {
   // Runs the ip commands, one a line, and then the body, which is killed when it waits for too long.
   void Run(const std::function<void()>& body, const std::string& more = "") const {
     if (!std::filesystem::exists("/usr/sbin/ip")) GTEST_SKIP() << "iproute2 is not installed";
-    root.Run(
-        [&] {
-          ::alarm(100);
-          Ip("-batch -", kNetwork + more);
-          body();
-        },
-        FixtureRoot::kUsr | FixtureRoot::kProc | FixtureRoot::kNetwork);
+    root.Run(FixtureRoot::kUsr | FixtureRoot::kProc | FixtureRoot::kNetwork, [&] {
+      ::alarm(100);
+      Ip("-batch -", kNetwork + more);
+      body();
+    });
   }
 
   FixtureRoot root;

@@ -1,11 +1,7 @@
 #include "pci/bus_table.h"
 
-#include <gtest/gtest.h>
-
-#include <tuple>
-#include <vector>
-
 #include "pci/legacy_class_table.h"
+#include "support/fixture_root.h"
 
 namespace {
 
@@ -82,29 +78,21 @@ TEST_F(BusTableTest, AllocationReusesTheEntryOfTheKey) {
   BusInsertTable(GetBusTables().irqs, first);
   first->irq.irq = 9;
   BusTableEntry* const second = Keep(BusAllocateIrqEntry(function));
-  EXPECT_NE(first, second);
-  EXPECT_EQ(second->irq.number, 2);
-  EXPECT_EQ(second->owner, function);
+  EXPECT_TRUE(first != second && second->irq.number == 2 && second->owner == function);
 
   function->function.deviceName.Assign("left over");
   function->used = 0;
   EXPECT_EQ(NewFunction(1, 2), function);
-  EXPECT_EQ(function->used, 1U);
-  EXPECT_TRUE(function->function.deviceName.IsEmpty());
+  EXPECT_TRUE(function->used == 1 && function->function.deviceName.IsEmpty());
   EXPECT_EQ(Keep(BusAllocateIrqEntry(function)), first) << "the numbers of the resources start anew";
-  EXPECT_EQ(first->irq.irq, -1);
-  EXPECT_EQ(first->irq.sharing, kIrqSharingUnset);
+  EXPECT_TRUE(first->irq.irq == -1 && first->irq.sharing == kIrqSharingUnset);
 }
 
 TEST_F(BusTableTest, DefaultKeysAndValues) {
   const BusTableEntry* const memory = Keep(BusAllocateMemoryEntry(nullptr));
-  EXPECT_EQ(memory->key.word1, 1);
-  EXPECT_EQ(memory->key.word4, 1);
-  EXPECT_EQ(memory->memory.kind, 1);
+  EXPECT_TRUE(memory->key.word1 == 1 && memory->key.word4 == 1 && memory->memory.kind == 1);
   const BusTableEntry* const pci = Keep(BusAllocatePciEntry(nullptr));
-  EXPECT_EQ(pci->key.word0, 1);
-  EXPECT_EQ(pci->key.word2, 1);
-  EXPECT_EQ(pci->pci.baseClass, 255);
+  EXPECT_TRUE(pci->key.word0 == 1 && pci->key.word2 == 1 && pci->pci.baseClass == 255);
   const BusKey functionKey = {kBusTypePci, 1, 2, 7, 12};
   const BusTableEntry* const component = Keep(BusAllocateComponentEntry(&functionKey));
   EXPECT_EQ(component->component.slot, -1);

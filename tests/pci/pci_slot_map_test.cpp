@@ -1,11 +1,6 @@
 #include "pci/pci_slot_map.h"
 
-#include <gtest/gtest.h>
-
-#include <tuple>
-
 #include "support/firmware_tables.h"
-#include "support/fixture_root.h"
 #include "support/trace_capture.h"
 
 namespace {

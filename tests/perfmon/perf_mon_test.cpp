@@ -1,22 +1,15 @@
 #include "perfmon/perf_mon.h"
 
-#include <gtest/gtest.h>
 #include <linux/ethtool.h>
 #include <linux/sockios.h>
 #include <net/if.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <fstream>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "perfmon/net_dev.h"
 #include "perfmon/network_interface_table.h"
 #include "support/fake_ioctl.h"
-#include "support/fixture_root.h"
 #include "support/trace_capture.h"
 
 namespace {
@@ -213,7 +206,7 @@ TEST(CNetworkInterfaceTable, CountsLanNamesThatTheKernelKnows) {
 
 // The kernel gives a long list in several pieces.
 TEST_F(PerfMon, SamplesAHundredRealInterfaces) {
-  const auto body = [] {
+  root.Run(FixtureRoot::kUsr | FixtureRoot::kProc | FixtureRoot::kNetwork, [] {
     const int others = CNetworkInterfaceTable::GetInterface(0, nullptr, 1);
     const char* addPairs = "for i in $(seq 50); do echo link add eth$i type veth peer name en$i; done | ip -batch -";
     if (std::system(addPairs) != 0) return WriteWholeFile("/skipped", "");
@@ -223,8 +216,7 @@ TEST_F(PerfMon, SamplesAHundredRealInterfaces) {
     EXPECT_EQ(Percents(monitor, {{10, others + 99}, {10, others + 100}}), "0/0 0!/0! ");
     EXPECT_TRUE(trace.Has("CPerfMon::SnapData  :   - network history[99]: 1 entries"));
     EXPECT_EQ(trace.Count("not found"), 2 * others);
-  };
-  root.Run(body, FixtureRoot::kUsr | FixtureRoot::kProc | FixtureRoot::kNetwork);
+  });
   if (root.Exists("/skipped")) GTEST_SKIP() << "no virtual interfaces can be made here";
 }
 

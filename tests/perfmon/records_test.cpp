@@ -1,15 +1,11 @@
 #include "perfmon/sample_text.h"
 
-#include <gtest/gtest.h>
-
 #include <bit>
-#include <string>
-#include <tuple>
-#include <vector>
 
 #include "perfmon/net_dev.h"
 #include "perfmon/percent_sum.h"
 #include "perfmon/perf_mon.h"
+#include "support/fixture_root.h"
 
 static constexpr uint64_t kMax = UINT64_MAX;
 using Fields = std::array<uint64_t, 4>;  // of any record

@@ -1,17 +1,13 @@
 #include "platform/event.h"
 
 #include <dlfcn.h>
-#include <gtest/gtest.h>
 
 #include <array>
-#include <cstdlib>
 #include <future>
 #include <memory>
 #include <random>
 #include <regex>
-#include <thread>
 
-#include "support/fixture_root.h"
 #include "support/trace_capture.h"
 
 namespace {

@@ -1,15 +1,8 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <tuple>
-
 #include "platform/directory.h"
 #include "platform/directory_list.h"
 #include "platform/file.h"
 #include "platform/reg_ex.h"
 #include "platform/stdio_file.h"
-#include "support/fixture_root.h"
 #include "support/trace_capture.h"
 
 using Texts = std::vector<std::string>;

@@ -1,19 +1,11 @@
 #include "platform/ini_file.h"
 
-#include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <sys/xattr.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <array>
-#include <csignal>
-#include <tuple>
 
 #include "support/failing_call.h"
-#include "support/fixture_root.h"
 #include "support/trace_capture.h"
 
 using Texts = std::vector<std::string>;
@@ -34,9 +26,8 @@ TEST_F(IniFile, ReadsEntriesAndNames) {
       {"Name", "key", "value"},    {"Name", "Key", "upper"}, {"Name", "two words", "a = b"}, {"Name", "empty", "-"},
       {"Name", "no sign", "-"},    {"Name", "more", "1"},    {"Name", "second", "-"},        {"name", "key", "-"},
       {" Name ", "key", "blanks"}, {"broken", "key", "-"},   {"a]b", "last", "end"},         {"", "early", "-"}};
-  for (const auto& [section, key, expected] : rows) {
+  for (const auto& [section, key, expected] : rows)
     EXPECT_STREQ(ini.GetString(section, key, "-"), expected) << section << "." << key;
-  }
   EXPECT_EQ(ini.GetString("Name", "long", ""), std::string(1018, 'x'));
   Texts names;
   EXPECT_TRUE(ini.GetSections(names) && ini.GetEnums(names, "Name"));
@@ -147,7 +138,7 @@ TEST_F(IniFile, SaveKeepsWhatAFileIs) {
   root.MakeLink("/link", "data/real.ini");
   root.MakeLink("/data/.real~ini.new", "foreign");  // what lies where the temporary file is to be
   root.MakeLink("/dangling", "data/./made");
-  const auto body = [&] {
+  root.Run(FixtureRoot::kUsr, [&] {
     const auto stat = [](const char* path) {
       struct stat info {};
       EXPECT_EQ(::stat(path, &info), 0) << path;
@@ -178,8 +169,7 @@ TEST_F(IniFile, SaveKeepsWhatAFileIs) {
     EXPECT_EQ(CIniFile::WritePrivateProfileString("A", "a", "2", "/second"), 1);
     EXPECT_EQ(CIniFile::WritePrivateProfileString("A", "a", "2", "/dangling"), 1);
     EXPECT_EQ(CIniFile::WritePrivateProfileString("A", "a", "2", "/dev/null"), 0) << "no regular file";
-  };
-  root.Run(body, FixtureRoot::kUsr);
+  });
   for (const char* path : {"/link", "/data/two", "/second"})
     EXPECT_EQ(root.ReadFile(path), "[A]\n\na=2\n") << path;
   EXPECT_EQ(root.ReadFile("/data/made"), "\n[A]\n\na=2\n");
@@ -258,16 +248,14 @@ TEST_F(IniFile, ObjectWorksWhileItIsOpen) {
 
 TEST_F(IniFile, ListsAndTextsOutgrowTheirFirstBuffer) {
   std::string content = "[Big]\n";
-  for (int number = 0; number < 11000; ++number) {
+  for (int number = 0; number < 11000; ++number)
     content += "key" + std::to_string(number) + (number == 8999 ? "=v\n[Small]\n" : "=v\n");
-  }
   root.WriteFile(kPath, content);
   CIniFile ini;
   ASSERT_TRUE(ini.Open(root.HostPath(kPath).c_str(), true));
   int count = 9000;
-  for (const char* name = ini.GetEnum("Small"); *name != '\0'; name = ini.GetNextEnum()) {
+  for (const char* name = ini.GetEnum("Small"); *name != '\0'; name = ini.GetNextEnum())
     EXPECT_EQ(name, "key" + std::to_string(count++));
-  }
   EXPECT_EQ(count, 11000);
   EXPECT_STREQ(ini.GetNextEnum(), "");
   EXPECT_STREQ(ini.GetEnum("Big"), "");  // more than an enumeration holds

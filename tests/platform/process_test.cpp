@@ -1,17 +1,9 @@
 #include "platform/process.h"
 
-#include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <csignal>
-#include <cstdlib>
-#include <thread>
 
 #include "support/fixture_root.h"
 
@@ -68,8 +60,7 @@ TEST_F(Process, FactsComeFromTheProcessDirectory) {
     EXPECT_FALSE(CProcess::GetProcessInfo(8, name, path) || CProcess::get_proc_file(7, nullptr, name));
     EXPECT_EQ(name, "");
     uint32_t pid = 0;
-    EXPECT_TRUE(CProcess::FindProcess(pid, "agent one"));
-    EXPECT_EQ(pid, 7U);
+    EXPECT_TRUE(CProcess::FindProcess(pid, "agent one") && pid == 7);
     EXPECT_FALSE(CProcess::FindProcess(pid, "decoy") || CProcess::FindProcess(pid, nullptr));
     EXPECT_EQ(pid, CProcess::kNone);
   });
@@ -79,7 +70,7 @@ TEST_F(Process, ExitCodeTellsHowTheCommandEnded) {
   root.WriteFile("/bad/tool", "", 0644);
   root.WriteFile("/good/tool", "test $# = 2 && test \"$1\" = \"'a\" && exit 7", 0755);  // no interpreter line
   root.WriteFile("/killed", "#!/bin/sh\nkill -9 $$\n", 0755);
-  const auto body = [] {
+  root.Run(kCommands, [] {
     ::setenv("PATH", "/none:/bad:/good:/usr/bin", 1);
     const std::pair<const char*, Outcome> rows[] = {{"true", {true, 0}},
                                                     {" \t false\n", {false, 1}},
@@ -88,17 +79,15 @@ TEST_F(Process, ExitCodeTellsHowTheCommandEnded) {
                                                     {"/bad/tool", {false, 255}},
                                                     {"tool 'a b'", {false, 7}},
                                                     {"/killed", {false, CProcess::kNone}}};
-    for (const auto& [command, expected] : rows) {
+    for (const auto& [command, expected] : rows)
       EXPECT_EQ(Execute(command), expected) << command;
-    }
     ::unsetenv("PATH");
     EXPECT_TRUE(CProcess::ExecuteCmd("true", nullptr, false, false));
-  };
-  root.Run(body, kCommands);
+  });
 }
 
 TEST_F(Process, AsynchronousCommandsTakeSignalsAndAreWaitedFor) {
-  const auto body = [] {
+  root.Run(kCommands, [] {
     sigset_t all;
     ::sigfillset(&all);
     ::sigprocmask(SIG_SETMASK, &all, nullptr);
@@ -111,9 +100,8 @@ TEST_F(Process, AsynchronousCommandsTakeSignalsAndAreWaitedFor) {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGALRM, SIGKILL}) {
       ASSERT_TRUE(CProcess::ExecuteCmdAsync("sleep 600", pid, nullptr, false, false));
       // What the system takes for "any child" and "everybody" must touch neither the child nor the caller.
-      for (const uint32_t many : {0U, CProcess::kNone, 0U - static_cast<uint32_t>(::getpgrp())}) {
+      for (const uint32_t many : {0U, CProcess::kNone, 0U - static_cast<uint32_t>(::getpgrp())})
         EXPECT_FALSE(CProcess::TerminateProcess(many, 0) || CProcess::WaitForExit(many, exitCode, 0));
-      }
       EXPECT_TRUE(signal == SIGKILL ? CProcess::TerminateProcess(pid, 0)
                                     : ::kill(static_cast<pid_t>(pid), signal) == 0);
       int status = 0;
@@ -121,13 +109,12 @@ TEST_F(Process, AsynchronousCommandsTakeSignalsAndAreWaitedFor) {
       EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == signal) << signal;
     }
     EXPECT_FALSE(CProcess::TerminateProcess(pid, 0));
-  };
-  root.Run(body, kCommands);
+  });
 }
 
 TEST_F(Process, CommandThatNobodyKnowsLeavesNoZombie) {
   root.WriteFile("/piped", "#!/bin/sh\nkill -PIPE $$\n", 0755);
-  const auto body = [] {
+  root.Run(kCommands, [] {
     EXPECT_TRUE(CProcess::ExecuteCmdAsync("touch /ran", nullptr, false, false));
     while (::access("/ran", F_OK) != 0)
       std::this_thread::yield();
@@ -135,12 +122,11 @@ TEST_F(Process, CommandThatNobodyKnowsLeavesNoZombie) {
     EXPECT_FALSE(CProcess::ExecuteCmdAsync("touch /ran", "/nowhere", false, false));
     ::signal(SIGPIPE, SIG_IGN);
     EXPECT_EQ(Execute("/piped"), (Outcome{false, CProcess::kNone})) << "SIGPIPE stayed ignored";
-  };
-  root.Run(body, kCommands);
+  });
 }
 
 TEST_F(Process, ChildGetsNoDescriptorUnlessItInherits) {
-  const auto body = [] {
+  root.Run(kCommands, [] {
     const auto expectAsAskedFor = [](const char* fd, bool isInherited) {
       EXPECT_EQ(Execute(std::string("test -e /proc/self/fd/") + fd, nullptr, isInherited).first, isInherited) << fd;
     };
@@ -153,20 +139,18 @@ TEST_F(Process, ChildGetsNoDescriptorUnlessItInherits) {
       }
       EXPECT_TRUE(Execute("test -e /proc/self/fd/2").first);
     }
-  };
-  root.Run(body, kCommands);
+  });
 }
 
 TEST_F(Process, DirectoryHoldsForTheCommandAlone) {
   root.MakeDirectory("/work/here");
   root.WriteFile("/await", "#!/bin/sh\nuntil test -e signal; do :; done\n", 0755);
-  const auto body = [] {
+  root.Run(kCommands, [] {
     std::string current;
     EXPECT_TRUE(CProcess::SetCurrentDir("/work"));
     EXPECT_EQ(Execute("touch made", "here"), (Outcome{true, 0}));
     EXPECT_EQ(Execute("touch /ran", "nowhere"), (Outcome{false, CProcess::kNone}));
-    EXPECT_TRUE(CProcess::GetCurrentDir(current));
-    EXPECT_EQ(current, "/work");
+    EXPECT_TRUE(CProcess::GetCurrentDir(current) && current == "/work");
     EXPECT_EQ(Execute("mv /work /moved", "/"), (Outcome{true, 0}));
     // Meanwhile the process stays where it is: the command waits for what only a thread that stands there makes.
     std::thread other([] {
@@ -182,7 +166,6 @@ TEST_F(Process, DirectoryHoldsForTheCommandAlone) {
     EXPECT_FALSE(CProcess::GetCurrentDir(current));
     EXPECT_EQ(Execute("touch /ran", "/"), (Outcome{false, CProcess::kNone}));
     EXPECT_EQ(current, "/work");
-  };
-  root.Run(body, kCommands);
+  });
   EXPECT_FALSE(root.Exists("/ran"));
 }

@@ -20,9 +20,8 @@ TEST(Semaphore, CountsWhatIsGivenAndTaken) {
   EXPECT_TRUE(semaphore.Wait(0) == 0 && semaphore.Wait(0) == 102);
   EXPECT_TRUE(semaphore.Create(SEM_VALUE_MAX, SEM_VALUE_MAX, nullptr));
   EXPECT_FALSE(semaphore.Release(0) || semaphore.Release(LONG_MAX));
-  for (const auto& [initial, maximum] : {std::pair{-1L, 5L}, {0L, -1L}, {0L, 1L + SEM_VALUE_MAX}, {0L, 1L << 33}}) {
+  for (const auto& [initial, maximum] : {std::pair{-1L, 5L}, {0L, -1L}, {0L, 1L + SEM_VALUE_MAX}, {0L, 1L << 33}})
     EXPECT_FALSE(semaphore.Create(initial, maximum, nullptr) || semaphore.Delete()) << initial << " " << maximum;
-  }
 }
 
 TEST(Semaphore, NameIsSharedUntilItsLastHandleGoes) {

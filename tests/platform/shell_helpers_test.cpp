@@ -1,10 +1,7 @@
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
-#include <unistd.h>
 
-#include <csignal>
 #include <cstdarg>
 
 #include "platform/shell_command_interface.h"
@@ -15,7 +12,7 @@
 using ShellCommand = RootedTest;
 
 TEST_F(ShellCommand, OutputComesLineByLineWithinTheRoom) {
-  const auto body = [] {
+  root.Run(FixtureRoot::kUsr, [] {
     CShellCommandInterface shell;
     EXPECT_FALSE(shell.GetResponse(0));
     EXPECT_EQ(shell.GetLastErrorStr(), "NoInputStream");
@@ -44,8 +41,7 @@ TEST_F(ShellCommand, OutputComesLineByLineWithinTheRoom) {
     EXPECT_FALSE(shell.CloseStream());
     EXPECT_EQ(shell.GetLastErrorStr(), "CloseStreamFailed");
     ::signal(SIGCHLD, SIG_DFL);
-  };
-  root.Run(body, FixtureRoot::kUsr);
+  });
 }
 
 namespace {

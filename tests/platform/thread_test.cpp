@@ -1,12 +1,8 @@
 #include "platform/thread.h"
 
-#include <gtest/gtest.h>
-
 #include <regex>
-#include <thread>
 
 #include "platform/event.h"
-#include "support/fixture_root.h"
 #include "support/trace_capture.h"
 
 namespace {

@@ -1,17 +1,11 @@
 // Registry files whose reading and writing fails, or is killed, loses power or meets others that do the same.
 
-#include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <array>
-#include <atomic>
 #include <chrono>
-#include <map>
+#include <memory>
 #include <optional>
 #include <random>
 
@@ -106,13 +100,6 @@ FaultRun RunOf(const Files& files, const Worker& worker, const std::vector<std::
 // The files of one directory as a disk keeps them: what was not synced may be missing, and names may change in any
 // combination until their directory was synced.
 struct Disk {
-  struct Name {
-    enum class Change { kMade, kLinked, kRenamed, kRemoved };
-    Change change;
-    std::string from;
-    std::string to;
-    int node = -1;
-  };
   struct Node {
     std::string synced;
     std::string text;
@@ -123,45 +110,45 @@ struct Disk {
       return halves == 0 ? synced : text.substr(0, begin + (text.size() - begin) * halves / 2);
     }
   };
-  std::vector<Node> nodes;
-  std::map<std::string, int> names;  // as synced
-  std::vector<Name> pending;
-  std::map<std::string, int> open;  // descriptor => node, -1 for the directory
+  using Names = std::map<std::string, std::shared_ptr<Node>>;
+  struct Change {
+    std::string from;            // empty: a new file
+    std::string to;              // empty: removed
+    bool isGone = false;         // the name that it had
+    std::shared_ptr<Node> made;  // the new file
+  };
+  Names names;  // as synced
+  std::vector<Change> pending;
+  Names open;  // by descriptor; no node: the directory
 
   void Take(const std::string& line) {
     if (line.find(" = -1 ") != std::string::npos) return;
     const std::string result = line.substr(line.rfind(" = ") + 3);
     const std::vector<std::string> texts = Texts(line);
     const std::string fd = line.substr(line.find('(') + 1, line.find_first_of(",)") - line.find('(') - 1);
+    const std::shared_ptr<Node> node = open.contains(fd) ? open[fd] : nullptr;
     if (line.starts_with("openat") && line.find("O_CREAT") != std::string::npos) {
-      const std::map<std::string, int> now = After(All());
-      if (!now.contains(texts[0])) {
-        nodes.emplace_back();
-        pending.push_back({Name::Change::kMade, "", texts[0], static_cast<int>(nodes.size()) - 1});
-      }
-      open[result] = now.contains(texts[0]) ? now.at(texts[0]) : static_cast<int>(nodes.size()) - 1;
+      Names now = After(All());
+      const bool isMade = !now.contains(texts[0]);
+      open[result] = isMade ? std::make_shared<Node>() : now[texts[0]];
+      if (isMade) pending.push_back({"", texts[0], false, open[result]});
     } else if (line.starts_with("openat") && line.find("O_DIRECTORY") != std::string::npos) {
-      open[result] = -1;
-    } else if (line.find("F_DUPFD") != std::string::npos && open.contains(fd)) {
-      open[result] = open[fd];
-    } else if (line.starts_with("ftruncate") && open.contains(fd)) {
-      nodes[static_cast<size_t>(open[fd])].text.clear();
-    } else if (line.starts_with("write(") && open.contains(fd)) {
-      nodes[static_cast<size_t>(open[fd])].text += texts[0];
+      open[result] = nullptr;
+    } else if (line.find("F_DUPFD") != std::string::npos && node) {
+      open[result] = node;
+    } else if (line.starts_with("ftruncate") && node) {
+      node->text.clear();
+    } else if (line.starts_with("write(") && node) {
+      node->text += texts[0];
+    } else if (line.starts_with("fsync") && node) {
+      node->synced = node->text;
     } else if (line.starts_with("fsync") && open.contains(fd)) {
-      if (open[fd] >= 0) {
-        Node& node = nodes[static_cast<size_t>(open[fd])];
-        node.synced = node.text;
-      } else {
-        names = After(All());
-        pending.clear();
-      }
-    } else if (line.starts_with("rename")) {
-      pending.push_back({Name::Change::kRenamed, texts[0], texts[1]});
-    } else if (line.starts_with("link")) {
-      pending.push_back({Name::Change::kLinked, texts[0], texts[1]});
+      names = After(All());
+      pending.clear();
+    } else if (line.starts_with("rename") || line.starts_with("link")) {
+      pending.push_back({texts[0], texts[1], line.starts_with("rename"), nullptr});
     } else if (line.starts_with("unlink")) {
-      pending.push_back({Name::Change::kRemoved, texts[0], ""});
+      pending.push_back({texts[0], "", true, nullptr});
     } else if (line.starts_with("close")) {
       open.erase(fd);
     }
@@ -170,30 +157,24 @@ struct Disk {
   size_t All() const { return (size_t{1} << pending.size()) - 1; }
 
   // The names when that subset of the changes reached the disk.
-  std::map<std::string, int> After(size_t subset) const {
+  Names After(size_t subset) const {
     // What each name meant when its change was asked for does not depend on what reached the disk.
-    std::map<std::string, int> asked = names;
-    std::map<std::string, int> after = names;
-    for (size_t change = 0; change < pending.size(); ++change) {
-      const Name& name = pending[change];
-      const int node = name.change == Name::Change::kMade ? name.node
-                       : asked.contains(name.from)        ? asked[name.from]
-                                                          : -1;
-      const bool isMoved = name.change == Name::Change::kRenamed;
-      const bool isGone = isMoved || name.change == Name::Change::kRemoved;
-      if (isGone) asked.erase(name.from);
-      if (!name.to.empty()) asked[name.to] = node;
-      if (((subset >> change) & 1) == 0) continue;
+    Names asked = names;
+    Names after = names;
+    for (size_t number = 0; number < pending.size(); ++number) {
+      const Change& change = pending[number];
+      const std::shared_ptr<Node> node = change.made ? change.made : asked[change.from];
+      if (change.isGone) asked.erase(change.from);
+      if (!change.to.empty()) asked[change.to] = node;
+      if (((subset >> number) & 1) == 0) continue;
+      if (change.isGone) after.erase(change.from);
+      if (change.to.empty()) continue;
       // Where the change before it did not reach the disk, a renamed node still has the name from before that.
-      if (isGone) after.erase(name.from);
-      if (isMoved) std::erase_if(after, [&](const auto& entry) { return entry.second == node && HasOneName(node); });
-      if (!name.to.empty() && node >= 0) after[name.to] = node;
+      const auto isNamed = [&node](const auto& entry) { return entry.second == node; };
+      if (change.isGone && std::ranges::count_if(names, isNamed) <= 1) std::erase_if(after, isNamed);
+      if (node) after[change.to] = node;
     }
     return after;
-  }
-
-  bool HasOneName(int node) const {
-    return std::ranges::count_if(names, [node](const auto& entry) { return entry.second == node; }) <= 1;
   }
 
   static std::vector<std::string> Texts(const std::string& line) {
@@ -218,7 +199,7 @@ int CheckPowerLoss(const Disk& disk, const Files& files, bool isDone) {
       for (const char* path : {kRegistry, kOld, kNew})
         ::unlink(path);
       for (const auto& [path, node] : disk.After(subset))
-        WriteWholeFile(path.c_str(), disk.nodes[static_cast<size_t>(node)].After(halves));
+        WriteWholeFile(path, node->After(halves));
       const unsigned int before = files.State();
       const std::optional<unsigned int> state = LoadedState(kSmallTree);
       EXPECT_TRUE(state == before + 1 || (!isDone && (state == before || (before == 0 && !state))))
@@ -233,8 +214,7 @@ Disk DiskOf(const Files& files) {
   Disk disk;
   for (const char* path : {kRegistry, kOld, kNew}) {
     if (::access(path, F_OK) != 0) continue;
-    disk.names[path] = static_cast<int>(disk.nodes.size());
-    disk.nodes.push_back({ReadWholeFile(path), ReadWholeFile(path)});
+    disk.names[path] = std::make_shared<Disk::Node>(Disk::Node{ReadWholeFile(path), ReadWholeFile(path)});
   }
   EXPECT_EQ(disk.names.empty(), files.State() == 0);
   return disk;
@@ -300,7 +280,7 @@ TEST(Prove, RegistryPowerLoss) {
         Prepare(files, kSmallTree);
         Disk disk = DiskOf(files);
         ASSERT_EQ(RunCommand(Strace(way, kSave.name, 100000)), 0);
-        for (const SystemCall& call : ReadCalls("/calls")) {
+        for (const SystemCall& call : ReadCalls()) {
           disk.Take(call.line);
           states += CheckPowerLoss(disk, files, false);
         }
@@ -310,39 +290,6 @@ TEST(Prove, RegistryPowerLoss) {
     }
     EXPECT_GT(states, 200);
     Figure("%d states after a power failure: each loads a complete tree, after a finished save the new one", states);
-  });
-}
-
-// At any moment, not only in a system call.
-TEST(Prove, RegistryRandomKills) {
-  const FaultRoot root;
-  root.Run([] {
-    WriteWholeFile(kRegistry, StateText(0));
-    std::mt19937 random(std::random_device{}());
-    auto& saved = *static_cast<std::atomic<unsigned int>*>(
-        ::mmap(nullptr, sizeof(unsigned int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    const int rounds = Rounds(10000, 300);
-    for (int round = 0; round < rounds; ++round) {
-      const unsigned int before = saved;
-      const pid_t saver = ::fork();
-      if (saver == 0) {
-        CRegistry registry;
-        while (true) {
-          SetState(registry, saved + 1);
-          CRegistry::SaveTree();
-          ++saved;
-        }
-      }
-      // Every second time at least one state is saved, however slow the machine.
-      EXPECT_TRUE(round % 2 == 1 || WaitUntil([&] { return saved > before; }));
-      ::usleep(static_cast<useconds_t>(random() % 20000));
-      ::kill(saver, SIGKILL);
-      ::waitpid(saver, nullptr, 0);
-      const std::optional<unsigned int> found = LoadedState();
-      ASSERT_TRUE(found == saved || found == saved + 1) << found.value_or(0) << " behind " << saved;
-      saved = *found;
-    }
-    Figure("%d kills at any moment of %u saves: the last state or the next", rounds, saved.load());
   });
 }
 
@@ -444,63 +391,5 @@ TEST(Prove, RegistrySavers) {
     check();
     Figure("%u saves of four processes at once, %d kills: %d loads, each of a whole tree that one of them saved", saves,
            kills, loads);
-  });
-}
-
-TEST(Prove, RegistryText) {
-  const FixtureRoot root;
-  root.WriteFile(kRegistry, "[HKEY_LOCAL_MACHINE]\nV=d=1\n");
-  root.Run([] {
-    CRegistry registry("", CRegistry::HKEY_LOCAL_MACHINE, 0);
-    registry.SetValue("V", 2U);
-    // By name: the text that it holds, for a key in its only value, and what its trace line would contain.
-    std::map<std::string, std::pair<std::string, std::string>> stored = {{"V", {"", ""}}};
-    const auto store = [&](const std::string& name, const std::string& text, const std::string& tag) {
-      stored[name] = {text, tag};
-      CRegistryValue value = CRegistryValue::Text(text, tag.front() == 'e' ? kRegistryExpandString : kRegistryString);
-      CRegistryNodeRef key(CRegistry::HKEY_LOCAL_MACHINE);
-      if (tag.front() == 'k') CRegistry::HKEY_LOCAL_MACHINE->FindOrCreateSubKey(name, key);
-      EXPECT_TRUE(key->Exchange(tag.front() == 'k' ? "in" : name, value));
-    };
-    for (int byte = 1; byte <= 255; ++byte) {
-      for (int place = 0; place < 4; ++place) {
-        const std::string number = std::to_string(1000 * place + byte) + ".";
-        const auto with = [&](const std::string& tag) {
-          const std::string c(1, static_cast<char>(byte));
-          return (place % 2 == 0 ? c : "") + tag + (place > 0 ? c : "") + (place == 3 ? tag : "");
-        };
-        store(with("n" + number), "text", "n" + number);
-        store(with("k" + number), "text", "k" + number);
-        store("s" + number, with("text"), "s" + number);
-        store("e" + number, with("text"), "e" + number);
-      }
-    }
-    const TraceCapture trace(1);
-    CRegistry::SaveTree();
-    std::string traced;
-    for (const std::string& line : trace.Lines())
-      traced += line + "\n";
-
-    CRegistryNode loaded;
-    ASSERT_TRUE(CRegistry::ReadTree(kRegistry, loaded));
-    const CRegistryNodeRef top = loaded.FindSubKey("HKEY_LOCAL_MACHINE");
-    const CCriticalSectionLock lock(*top.Get());
-    int equal = 0;
-    for (const auto& [name, what] : stored) {
-      const RegistryEntry* entry = top->Find(name);
-      const CRegistryNodeRef key = top->FindSubKey(name);
-      if (key) entry = key->Find("in");
-      const bool isEqual = entry != nullptr && (name == "V" || entry->Text() == what.first);
-      EXPECT_TRUE(isEqual || traced.find(what.second) != std::string::npos) << testing::PrintToString(name);
-      EXPECT_TRUE(entry != nullptr || what.second.find_first_of("se") == std::string::npos)
-          << "nothing of a text came back: " << name;
-      equal += isEqual ? 1 : 0;
-    }
-    for (const RegistryEntry& entry : top->Entries())
-      EXPECT_TRUE(stored.contains(std::string(entry.Name())))
-          << "nobody stored " << testing::PrintToString(entry.Name());
-    EXPECT_EQ(loaded.Entries().size(), 1U);
-    Figure("every byte at every place of names, keys and texts: %d of %zu come back, the others are traced", equal,
-           stored.size());
   });
 }

@@ -1,11 +1,6 @@
 #pragma once
 
-#include <functional>
-#include <string>
-#include <vector>
-
 #include "prove/prove.h"
-#include "support/fixture_root.h"
 
 // Runs of a worker (see RunWorker) whose system calls fail, or that are killed in one. Inside FaultRoot::Run only.
 
@@ -30,7 +25,6 @@ struct FaultRun {
   std::vector<std::string> faults;
   std::function<void()> prepare;
   std::function<void(int status, const std::string& what)> check;
-  std::function<bool(const SystemCall&)> isWanted = [](const SystemCall&) { return true; };
 };
 int ForEachFault(const FaultRun& run);
 

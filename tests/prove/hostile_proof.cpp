@@ -1,13 +1,5 @@
 // What somebody may have put in the place of the daemon's files.
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <tuple>
-
 #include "daemon/file_lock.h"
 #include "daemon/pid_file.h"
 #include "daemon/run_level.h"
@@ -19,6 +11,7 @@
 namespace {
 
 constexpr const char* kVictim = "/victim";
+constexpr const char* kIni = "/etc/pelrix/Adapter.ini";
 constexpr const char* kControlRegistry = "[HKEY_LOCAL_MACHINE]\nControl=s=loaded\n\n\n";
 constexpr const char* kVictimText = "[HKEY_LOCAL_MACHINE]\nVictim=s=precious\n\n\n";
 
@@ -32,7 +25,7 @@ bool SaveRegistry() {
   registry.CreateKey(nullptr, "HKEY_LOCAL_MACHINE");
   registry.SetValue("V", 2U);
   CRegistry::SaveTree();
-  return IsOwnFile("/etc/pelrix/registry") && TextOf("/etc/pelrix/registry").find("V=") != std::string::npos;
+  return IsOwnFile("/etc/pelrix/registry") && CountIn(TextOf("/etc/pelrix/registry"), "V=") == 1;
 }
 
 bool LoadAndSaveRegistry() {
@@ -43,6 +36,13 @@ bool LoadAndSaveRegistry() {
   return isLoaded;
 }
 
+bool EditAndReadIni() {
+  char text[16];
+  CIniFile::WritePrivateProfileString("A", "b", "c", kIni);
+  CIniFile::GetPrivateProfileString("A", "d", "", text, sizeof text, kIni);
+  return std::string(text) == "e" && CountIn(TextOf(kIni), "b=c") == 1;
+}
+
 // Each file with the operation of the product that opens it, which tells whether it did with the file what it is for.
 struct Place {
   const char* path;
@@ -51,47 +51,18 @@ struct Place {
   bool isReplaced = false;  // what stands there is removed first, but for a directory
 };
 const Place kPlaces[] = {
-    {"/var/run/ravd.pid",
-     [] {
-       WritePidFile();
-       return IsOwnFile("/var/run/ravd.pid");
-     },
-     nullptr},
-    {"/var/lock/ravd.lock",
-     [] {
-       CFileLock lock;
-       return lock.Lock("/var/lock/ravd", "ravd", 0) && IsOwnFile("/var/lock/ravd.lock");
-     },
-     nullptr},
-    {TraceRoot::kLog,
-     [] {
-       Debug.Init("ravd");
-       Debug.PrintAlways(0, "entry");
-       return IsOwnFile(TraceRoot::kLog);
-     },
-     nullptr},
-    {TraceRoot::kStartUpRing, [] { return Debug.Init("ravd") && IsOwnFile(TraceRoot::kStartUpRing); }, nullptr},
-    {TraceRoot::kRunTimeRing,
-     [] {
-       Debug.Init("ravd");
-       Debug.SetApplInitDone();
-       return IsOwnFile(TraceRoot::kRunTimeRing);
-     },
-     nullptr},
+    {kPidFile, [] { return WritePidFile(), IsOwnFile(kPidFile); }, nullptr},
+    {kLockFile, [] { return CFileLock().Lock("/var/lock/ravd", "ravd", 0) && IsOwnFile(kLockFile); }, nullptr},
+    {kLog, [] { return Debug.Init("ravd"), Debug.PrintAlways(0, "entry"), IsOwnFile(kLog); }, nullptr},
+    {kStartUpRing, [] { return Debug.Init("ravd") && IsOwnFile(kStartUpRing); }, nullptr},
+    {kRing, [] { return Debug.Init("ravd"), Debug.SetApplInitDone(), IsOwnFile(kRing); }, nullptr},
     {"/etc/pelrix/registry.new", SaveRegistry, nullptr, true},
     {"/etc/pelrix/registry", LoadAndSaveRegistry, kControlRegistry},
     {"/etc/pelrix/registry.old", LoadAndSaveRegistry, kControlRegistry},
     {"/etc/pelrix/RunLevel", [] { return DetermineRunLevel() == 6; }, "6"},
     {"/etc/norrow/QuennetSuite/TraceConfig/ravd.ini", [] { return Debug.Init("ravd") && Debug.m_TraceActive; },
      "[ravd]\nFileDebugLevel=1\nRingBufferSizeFactor=1\nRingBufferSizeWeight=1\n[EndOfFile]\n"},
-    {"/etc/pelrix/Adapter.ini",
-     [] {
-       char text[16];
-       CIniFile::WritePrivateProfileString("A", "b", "c", "/etc/pelrix/Adapter.ini");
-       CIniFile::GetPrivateProfileString("A", "d", "", text, sizeof text, "/etc/pelrix/Adapter.ini");
-       return std::string(text) == "e" && TextOf("/etc/pelrix/Adapter.ini").find("b=c") != std::string::npos;
-     },
-     "[A]\nd=e\n"},
+    {kIni, EditAndReadIni, "[A]\nd=e\n"},
 };
 
 struct Kind {

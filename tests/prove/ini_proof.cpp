@@ -1,8 +1,5 @@
 // Edits of INI files that fail or that are killed.
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include "platform/ini_file.h"
 #include "prove/faults.h"
 
@@ -12,7 +9,6 @@ constexpr const char* kDirectory = "/etc/ini";
 constexpr const char* kIni = "/etc/ini/test.ini";
 constexpr const char* kSecondName = "/etc/ini/second";
 const std::string kLongValue(500, 'v');
-const std::string kNoFile = "(no file)";
 const std::string kBefore =
     "[A]\n\nfirst=1\n\n[B]\n\nkey=old value\nother=2\n\n[C]\n\nlast=" + std::string(300, 'l') + "\n";
 
@@ -32,42 +28,30 @@ const Change kChanges[] = {
     {"delete in place", "B", nullptr, nullptr, false, true},
 };
 
-void Put(const std::string& text) {
-  ::unlink(kIni);
-  if (text == kNoFile) return;
-  FILE* file = std::fopen(kIni, "we");
-  ASSERT_NE(file, nullptr);
-  std::fwrite(text.data(), 1, text.size(), file);
-  std::fclose(file);
-}
-
-std::string Found() {
-  return ::access(kIni, F_OK) == 0 ? ReadWholeFile(kIni) : kNoFile;
-}
-
 bool Edit(const Change& change) {
   return CIniFile::WritePrivateProfileString(change.section, change.key, change.value, kIni) == 1;
 }
 
 // One kind of change to one file, with what the file is to hold afterwards.
 struct Case {
-  explicit Case(const Change& made) : change(made), before(made.isMade ? kNoFile : kBefore) {
+  explicit Case(const Change& made) : change(made), before(made.isMade ? "" : kBefore) {
     Prepare();
     EXPECT_TRUE(Edit(change));
-    after = Found();
+    after = TextOf(kIni);
     EXPECT_NE(before, after);
   }
 
   void Prepare() const {
-    Put(before);
-    ::unlink(kSecondName);
+    for (const char* path : {kIni, kSecondName})
+      ::unlink(path);
+    if (!before.empty()) WriteWholeFile(kIni, before);
     EXPECT_TRUE(!change.isInPlace || ::link(kIni, kSecondName) == 0);
   }
 
-  bool IsWhole(bool isDone) const { return Found() == (isDone ? after : before); }
+  bool IsWhole(bool isDone) const { return TextOf(kIni) == (isDone ? after : before); }
 
   const Change& change;
-  std::string before;
+  std::string before;  // empty: there is no file
   std::string after;
 };
 

@@ -1,16 +1,9 @@
 // Every allocation of an operation fails once, and from then on.
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <cerrno>
-#include <cstdlib>
-
 #include "firmware/smbios_lookup.h"
 #include "prove/prove.h"
-#include "registry/registry.h"
 #include "support/firmware_tables.h"
+#include "support/registry_state.h"
 #include "trace/trace_root.h"
 
 extern "C" {
@@ -44,8 +37,6 @@ void* Counted(void* block) {
   if (block != nullptr && failure.isCounting) ++failure.live;
   return block;
 }
-
-constexpr const char* kRegistry = "/etc/pelrix/registry";
 
 std::string RegistryText() {
   std::string text = "[HKEY_LOCAL_MACHINE]\nLong=s=" + std::string(900, 'x') + "\n";
@@ -176,9 +167,7 @@ TEST(Prove, MemoryOfTableWalk) {
   for (int entry = 0; entry < 40; ++entry)
     table.Add(static_cast<uint8_t>(entry % 20), "body of an entry", {"maker", "model"});
   table.AddEnd();
-  root.WriteFile("/sys/firmware/dmi/tables/smbios_entry_point",
-                 EntryPoint64(0x1000, static_cast<uint32_t>(table.Bytes().size())));
-  root.WriteFile("/sys/firmware/dmi/tables/DMI", table.Bytes());
+  WriteSmbios(root, table);
   root.Run([] {
     bool isConnected = false;
     bool hasAll = false;

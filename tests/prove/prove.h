@@ -1,9 +1,5 @@
 #pragma once
 
-#include <functional>
-#include <string>
-#include <vector>
-
 #include "support/daemon_root.h"
 
 // What the proofs share. A proof is a test case of its own that ends with one figure; RAVD_PROVE=short in the
@@ -26,9 +22,8 @@ struct SystemCall {
   int number;  // how many of that name up to this one
   std::string line;
 };
-// The calls of an strace output file between the first and the last getppid, or behind the first call that has the
-// text.
-std::vector<SystemCall> ReadCalls(const char* path, const char* from = nullptr);
+// The calls that strace wrote to /calls, between the first and the last getppid.
+std::vector<SystemCall> ReadCalls();
 
 // Runs of this program under strace: the part between two calls of getppid is what faults are injected into.
 int RunWorker(const std::string& name);

@@ -1,23 +1,11 @@
-// The trace while its files are damaged, and texts from outside in it.
+// The trace while its files are damaged.
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <fstream>
 #include <optional>
 #include <regex>
-#include <sstream>
-#include <thread>
 
-#include "daemon/command_line.h"
-#include "daemon/run_level.h"
 #include "platform/unique_fd.h"
 #include "prove/prove.h"
 #include "trace/trace_root.h"
@@ -208,55 +196,5 @@ TEST(Prove, StrangeBusErrors) {
     ::raise(SIGBUS);
     EXPECT_EQ(strangeFaults, 2);
     Figure("3 other bus errors went where they had gone before");
-  });
-}
-
-// Text from outside stays text. A newline in it, and any other control character, passes through: the format has no
-// escapes, so that such a text can look like several entries.
-TEST(Prove, TextSafety) {
-  static constexpr const char* kNasty[] = {"%n%n%s%s",     "\033[2J\033]0;x\007", "two\nlines", "%*.*d%99999999d",
-                                           "\xff\xfe\x80", "## TRACE-END ##\n",   "%1$n"};
-  const TraceRoot root;
-  root.ConfigureRing("1");
-  root.Run([] {
-    int texts = 0;
-    ::setenv("QN_LOG_NOHDR_TOSDTERR", "0", 1);
-    for (const std::string nasty : kNasty) {
-      ::setenv("QN_NICKNAME", nasty.c_str(), 1);
-      ::setenv("AgentShut", nasty.c_str(), 1);
-      const std::string directory = "/" + nasty.substr(0, nasty.find_first_of("[\n"));  // what an ini value can hold
-      ::mkdir(directory.c_str(), 0755);
-      std::ofstream(std::string(TraceRoot::kConfig) + "ravd.ini")
-          << "[ravd]\nFileDebugLevel=5\nRingBufferSizeFactor=1\nRingBufferSizeWeight=1\nRingBufferDirectory="
-          << directory << "\n[EndOfFile]\n";
-      std::string unknown = "-" + nasty;
-      char* argv[] = {const_cast<char*>(nasty.c_str()), unknown.data()};
-      Debug.SetMainParams(2, argv);
-      ASSERT_TRUE(Debug.Init("ravd"));
-      Debug.SetMainParams(2, argv);
-      ParseCommandLine(2, argv);
-      RememberRelease();
-      DetermineRunLevel();
-      Debug.PrintAlways(0, "outside: %s", nasty.c_str());
-      const std::string end = nasty + (nasty.ends_with("\n") ? "" : "\n");
-      const std::string both[] = {"argv[0] = \"" + nasty + "\"\n",
-                                  "argv[1] = \"-" + nasty + "\"\n",
-                                  "QN_NICKNAME=" + end,
-                                  "AgentShut=" + end,
-                                  "outside: " + end,
-                                  "RingBufferDirectory        : " + directory + "\n",
-                                  "Ring Buffer Directory      : " + directory + "\n",
-                                  "LogFile Path               : " + directory + "/log.ravd\n"};
-      for (const char* name : {"/log.ravd", "/log.ravd_i"}) {
-        const std::string file = ReadWholeFile(directory + name);
-        for (const std::string& text : both) {
-          EXPECT_NE(file.find(text), std::string::npos) << name << ": " << text;
-          ++texts;
-        }
-        const bool isTraced = file.find("we are runing on OS \"" + nasty + "\"\n") != std::string::npos;
-        EXPECT_EQ(isTraced, std::string(name) == "/log.ravd_i");
-      }
-    }
-    Figure("%d hostile texts from command line, environment, configuration and callers printed as text", texts);
   });
 }

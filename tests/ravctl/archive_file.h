@@ -4,8 +4,8 @@
 #include <archive_entry.h>
 
 #include <algorithm>
+#include <functional>
 #include <string>
-#include <vector>
 
 // A tar.gz archive with whatever a test wants in it.
 //
@@ -21,27 +21,20 @@ class ArchiveFile {
   ArchiveFile(const ArchiveFile&) = delete;
   ArchiveFile& operator=(const ArchiveFile&) = delete;
 
-  ArchiveFile& File(const std::string& path, const std::string& content) {
-    return Add(
-        path, AE_IFREG,
-        [&](archive_entry* entry) { ::archive_entry_set_size(entry, static_cast<la_int64_t>(content.size())); },
-        content);
-  }
-  ArchiveFile& Directory(const std::string& path) {
-    return Add(path, AE_IFDIR, [](archive_entry*) {});
-  }
+  ArchiveFile& File(const std::string& path, const std::string& content) { return Add(path, AE_IFREG, content); }
+  ArchiveFile& Directory(const std::string& path) { return Add(path, AE_IFDIR); }
   ArchiveFile& Link(const std::string& path, const std::string& target) {
-    return Add(path, AE_IFLNK, [&](archive_entry* entry) { ::archive_entry_set_symlink(entry, target.c_str()); });
+    return Add(path, AE_IFLNK, "", [&](archive_entry* entry) { ::archive_entry_set_symlink(entry, target.c_str()); });
   }
   ArchiveFile& HardLink(const std::string& path, const std::string& target) {
-    return Add(path, AE_IFREG, [&](archive_entry* entry) { ::archive_entry_set_hardlink(entry, target.c_str()); });
+    return Add(path, AE_IFREG, "", [&](archive_entry* entry) { ::archive_entry_set_hardlink(entry, target.c_str()); });
   }
   ArchiveFile& Device(const std::string& path) {
-    return Add(path, AE_IFCHR, [](archive_entry* entry) { ::archive_entry_set_rdev(entry, 0x101); });
+    return Add(path, AE_IFCHR, "", [](archive_entry* entry) { ::archive_entry_set_rdev(entry, 0x101); });
   }
   // Nothing but a last byte, behind a hole.
   ArchiveFile& Sparse(const std::string& path, size_t size) {
-    Add(path, AE_IFREG, [&](archive_entry* entry) {
+    Add(path, AE_IFREG, "", [&](archive_entry* entry) {
       ::archive_entry_set_size(entry, static_cast<la_int64_t>(size));
       ::archive_entry_sparse_add_entry(entry, static_cast<la_int64_t>(size - 1), 1);
     });
@@ -57,12 +50,14 @@ class ArchiveFile {
   }
 
  private:
-  template <typename Describe>
-  ArchiveFile& Add(const std::string& path, unsigned int type, Describe describe, const std::string& content = "") {
+  ArchiveFile& Add(
+      const std::string& path, unsigned int type, const std::string& content = "",
+      const std::function<void(archive_entry*)>& describe = [](archive_entry*) {}) {
     archive_entry* entry = ::archive_entry_new();
     ::archive_entry_set_pathname(entry, path.c_str());
     ::archive_entry_set_filetype(entry, type);
     ::archive_entry_set_perm(entry, 0644);
+    ::archive_entry_set_size(entry, static_cast<la_int64_t>(content.size()));
     describe(entry);
     ::archive_write_header(m_Archive, entry);
     if (!content.empty()) ::archive_write_data(m_Archive, content.data(), content.size());

@@ -1,20 +1,12 @@
 // Bundles: made, redacted and read back.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <algorithm>
 #include <cctype>
-#include <cstdlib>
 #include <regex>
 
 #include "ravctl/tool_machine.h"
 #include "support/firmware_tables.h"
 
-using ::testing::AllOf;
-using ::testing::HasSubstr;
-using ::testing::Not;
+using ::testing::AllOf, ::testing::HasSubstr, ::testing::Not;
 namespace fs = std::filesystem;
 
 namespace {

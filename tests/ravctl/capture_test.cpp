@@ -1,24 +1,13 @@
 // What comes into a bundle, and when a bundle is there.
 
-#include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <map>
-
+#include "ravctl/tree/capture.h"
 #include "ravctl/base/error.h"
 #include "ravctl/tree/bundle_writer.h"
-#include "ravctl/tree/capture.h"
 #include "support/fixture_root.h"
 
 using ravctl::Capture;
 using ravctl::CaptureKind;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::Pair;
+using ::testing::ElementsAre, ::testing::HasSubstr, ::testing::Pair;
 
 namespace {
 
@@ -27,6 +16,14 @@ std::map<std::string, std::string> Missing(const Capture& capture) {
   for (const ravctl::Uncaptured& each : capture.Missing())
     missing[each.path] = each.reason;
   return missing;
+}
+
+// "path=content" of each file.
+std::vector<std::string> Files(const Capture& capture) {
+  std::vector<std::string> files;
+  for (const ravctl::CapturedEntry& entry : capture.Entries())
+    if (entry.type == ravctl::EntryType::kFile) files.push_back(entry.path + "=" + entry.content);
+  return files;
 }
 
 }  // namespace
@@ -44,11 +41,7 @@ TEST(Capture, NothingOfOthersComesAlongFromASharedDirectory) {
   machine.Run([isTheirs] {
     Capture capture;
     capture.AddMatching("/traces/log.*", CaptureKind::kOwnContent, 1000);
-    std::string content;
-    for (const ravctl::CapturedEntry& entry : capture.Entries()) {
-      if (entry.type == ravctl::EntryType::kFile) content += entry.path + "=" + entry.content;
-    }
-    EXPECT_EQ(content, "traces/log.ravd=trace");
+    EXPECT_THAT(Files(capture), ElementsAre("traces/log.ravd=trace"));
     std::map<std::string, std::string> expected = {
         {"/traces/log.link", "a link"}, {"/traces/log.name", "it has further names"}, {"/traces/log.pipe", "no file"}};
     if (isTheirs) expected["/traces/log.theirs"] = "it is somebody else's";
@@ -69,10 +62,7 @@ TEST(Capture, ClosedDirectoriesAreMissing) {
     for (const char* pattern : {"/etc/pelrix/registry*", "/etc/pelrix/RunLevel", "/etc/pelrix/*.ini", "/none/*",
                                 "/sys/a[0-9]/open/name", "/sys/a*/none"})
       capture.AddMatching(pattern, CaptureKind::kContent, 1000);
-    std::vector<std::string> found;
-    for (const ravctl::CapturedEntry& entry : capture.Entries())
-      found.push_back(entry.path + "=" + entry.content);
-    EXPECT_THAT(found, ElementsAre("sys/a1/open/name=one"));
+    EXPECT_THAT(Files(capture), ElementsAre("sys/a1/open/name=one"));
     EXPECT_THAT(Missing(capture),
                 ElementsAre(Pair("/etc/pelrix", "Permission denied"), Pair("/etc/pelrix/RunLevel", "Permission denied"),
                             Pair("/sys/a2/none", "Permission denied"), Pair("/sys/a2/open", "Permission denied")));

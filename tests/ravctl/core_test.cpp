@@ -1,20 +1,7 @@
 // The rules that every command keeps.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <csignal>
-#include <cstdlib>
-#include <filesystem>
-#include <functional>
-#include <set>
-#include <tuple>
 
 #include "ravctl/answer/json.h"
 #include "ravctl/base/child.h"
@@ -25,9 +12,7 @@
 #include "ravctl/ravctl_runner.h"
 #include "ravctl/trace/last_crash.h"
 
-using ::testing::AllOf;
-using ::testing::HasSubstr;
-using ::testing::StartsWith;
+using ::testing::AllOf, ::testing::HasSubstr, ::testing::StartsWith;
 
 TEST(Text, BytesFromOutsideAreShown) {
   EXPECT_EQ(ravctl::Printable("a\tb\x1b[0m\x7f"), "a\\x09b\\x1b[0m\\x7f");
@@ -100,9 +85,9 @@ TEST(CommandLine, CsvHoldsTheValuesAsTheyStand) {
   machine.WriteFile("/a.ini", "[a]\nk = one, \"two\"\n");
   EXPECT_EQ(machine.Ravctl("ini sections /a.ini --keys --csv -o key,value,line").out,
             "key,value,line\r\nk,\"one, \"\"two\"\"\",2\r\n");
-  constexpr Fault kFaults[] = {
+  const Fault faults[] = {
       {"registry export --csv", 2, "registry export: the answer is no table: --csv (leave the option out)"}};
-  ExpectFaults(machine, "", kFaults);
+  ExpectFaults(machine, "", faults);
 }
 
 // A key that is described twice, or a command whose answers are not, would go unnoticed.
@@ -136,10 +121,10 @@ TEST(Schemas, EveryCommandDescribesItsAnswers) {
 
 TEST(DaemonStatus, TellsThatItDoesNotRun) {
   const ToolRoot machine;
-  EXPECT_EQ(machine.Json({"daemon", "status"}, 6)["data"]["running"], false);
+  EXPECT_EQ(machine.Json("daemon status", 6)["data"]["running"], false);
   // What is left of a daemon names a process that is none.
   machine.WriteFile("/var/run/ravd.pid", "1\n");
-  EXPECT_EQ(machine.Json({"daemon", "status"}, 6, {}, FixtureRoot::kProc)["data"]["pid"], nullptr);
+  EXPECT_EQ(machine.Json("daemon status", 6, {}, FixtureRoot::kProc)["data"]["pid"], nullptr);
 
   // One that was killed and that nobody has reaped is none either; memory is in units of 1024 bytes.
   const std::string times = " 1 1 1 0 -1 4194560 1 0 0 0 1 1 0 0 20 0 1 0 900 1 1 1\n";
@@ -193,7 +178,7 @@ TEST(KeptChild, LeavesNothingThatItStarted) {
 
 TEST(Doctor, OneLineAFinding) {
   const ToolRoot machine;
-  const nlohmann::json answer = machine.Json({"doctor"});
+  const nlohmann::json answer = machine.Json("doctor");
   EXPECT_EQ(answer["data"][0]["place"], "/var/run/ravd.pid");
   EXPECT_EQ(answer["data"][0]["severity"], "warning");
 
@@ -202,18 +187,14 @@ TEST(Doctor, OneLineAFinding) {
   for (int note = 0; note < 1000; ++note)
     registry += "N" + std::to_string(note) + "=d=+1\n";
   machine.WriteFile("/etc/pelrix/registry", registry + "nothing\n\n");
-  const std::string text = machine.Ravctl({"doctor"}).out;
+  const std::string text = machine.Ravctl("doctor").out;
   EXPECT_THAT(text, HasSubstr("more: 1 further findings"));
 }
 
 // By the kernel's line, whatever stands around it.
 TEST(LastCrash, LineOfTheKernel) {
   const std::string fault = "ravd[4711]: segfault at 0 ip 00007f0000001139 sp 00007ffe00000000 error 4 in ";
-  struct Row {
-    std::string line;
-    const char* place;
-  };
-  const Row rows[] = {
+  const std::pair<std::string, const char*> rows[] = {
       {"Nov 25 02:45:22 host kernel: [  12.5] " + fault +
            "libx.so[7f0000001000+1000] likely on CPU 1 (core 0, socket 0)",
        "libx.so at 0x139 of its mapping"},
@@ -230,12 +211,12 @@ TEST(LastCrash, LineOfTheKernel) {
       {"ravd[4711]: segfault at 0 ip 0000000000000000 sp 00007ffe00000000 error 14", ""},
       {"ravd[99999999999]: segfault at 0 ip 7f0000001139 sp 0 error 4 in libx.so[7f0000001000+1000]", ""},
   };
-  for (const Row& row : rows) {
-    const auto crash = ravctl::ParseCrashLine(row.line);
-    EXPECT_EQ(crash ? crash->place : "", row.place) << row.line;
-    EXPECT_EQ(crash ? crash->thread : 4711, 4711U) << row.line;
-    for (size_t length = 0; length < row.line.size(); ++length)
-      ravctl::ParseCrashLine(std::string_view(row.line).substr(0, length));
+  for (const auto& [line, place] : rows) {
+    const auto crash = ravctl::ParseCrashLine(line);
+    EXPECT_EQ(crash ? crash->place : "", place) << line;
+    EXPECT_EQ(crash ? crash->thread : 4711, 4711U) << line;
+    for (size_t length = 0; length < line.size(); ++length)
+      ravctl::ParseCrashLine(std::string_view(line).substr(0, length));
   }
 }
 
@@ -278,12 +259,10 @@ TEST(Tables, CharactersInAnyLocale) {
   machine.WriteFile("/a.ini", "[Gr\xc3\xb6\xc3\x9f]\na=1\n");
   for (const char* locale : {"LC_ALL=C", "LC_ALL=none"})
     EXPECT_THAT(machine.Ravctl("ini sections /a.ini", {locale}).out, HasSubstr("\nGr\xc3\xb6\xc3\x9f ")) << locale;
-  machine.Run(
-      [] {
-        ASSERT_EQ(::mount("none", "/usr/lib/locale", "tmpfs", 0, nullptr), 0);
-        EXPECT_THAT(RunRavctl("ini sections /a.ini").out, HasSubstr("\nGr???? "));
-      },
-      FixtureRoot::kUsr);
+  machine.Run(FixtureRoot::kUsr, [] {
+    ASSERT_EQ(::mount("none", "/usr/lib/locale", "tmpfs", 0, nullptr), 0);
+    EXPECT_THAT(RunRavctl("ini sections /a.ini").out, HasSubstr("\nGr???? "));
+  });
 }
 
 // A cut answer must not look like a whole one; a reader that went away is no fault.
@@ -291,28 +270,25 @@ TEST(Output, EndsWithAStatusOfItsOwnWhenItIsNotWritten) {
   const ToolRoot machine;
   machine.MakeDirectory("/full");
   machine.WriteFile("/log.x", "2026-01-02 03:04:05.000 [0000ABCD] ravd          text\n");
-  machine.Run(
-      [] {
-        ASSERT_EQ(::mount("none", "/full", "tmpfs", 0, "size=4k"), 0);
-        WriteWholeFile("/full/filler", std::string(4096, 'f'));
-        const std::tuple<const char*, int, const char*> rows[] = {
-            {"--help >/full/out", 7, "No space left on device\n"},
-            {"--version >&-", 7, "Bad file descriptor\n"},
-            {"man --json >/full/out", 7, "No space left on device\n"},
-            {"trace show /log.x >&-", 7, "Bad file descriptor\n"},
-            {"doctor >/full/out", 7, "No space left on device\n"},
-            {"man | true", 0, ""},
-            {"man >&- <&-", 7, "Bad file descriptor\n"},
-        };
-        for (const auto& [words, status, said] : rows) {
-          const std::string command = "set -o pipefail; { /ravctl " + std::string(words) + "; } 2>/err";
-          const int ended = std::system(("bash -c '" + command + "'").c_str());
-          EXPECT_EQ(WEXITSTATUS(ended), status) << words;
-          EXPECT_EQ(ReadWholeFile("/err"), *said ? std::string("ravctl: cannot write the answer: ") + said : "")
-              << words;
-        }
-      },
-      FixtureRoot::kUsr);
+  machine.Run(FixtureRoot::kUsr, [] {
+    ASSERT_EQ(::mount("none", "/full", "tmpfs", 0, "size=4k"), 0);
+    WriteWholeFile("/full/filler", std::string(4096, 'f'));
+    const std::tuple<const char*, int, const char*> rows[] = {
+        {"--help >/full/out", 7, "No space left on device\n"},
+        {"--version >&-", 7, "Bad file descriptor\n"},
+        {"man --json >/full/out", 7, "No space left on device\n"},
+        {"trace show /log.x >&-", 7, "Bad file descriptor\n"},
+        {"doctor >/full/out", 7, "No space left on device\n"},
+        {"man | true", 0, ""},
+        {"man >&- <&-", 7, "Bad file descriptor\n"},
+    };
+    for (const auto& [words, status, said] : rows) {
+      const std::string command = "set -o pipefail; { /ravctl " + std::string(words) + "; } 2>/err";
+      const int ended = std::system(("bash -c '" + command + "'").c_str());
+      EXPECT_EQ(WEXITSTATUS(ended), status) << words;
+      EXPECT_EQ(ReadWholeFile("/err"), *said ? std::string("ravctl: cannot write the answer: ") + said : "") << words;
+    }
+  });
 }
 
 namespace {

@@ -1,14 +1,6 @@
 // The ini commands of the built tool.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <map>
 
 #include "platform/ini_file.h"
 #include "ravctl/ravctl_runner.h"
@@ -115,12 +107,8 @@ TEST(Ini, SectionsAgreeWithTheLibrary) {
 }
 
 TEST(Ini, CheckTellsDamageFromOddities) {
-  struct Row {
-    std::string content;
-    int status;
-    const char* findings;  // place in the file, severity and kind of each
-  };
-  const Row rows[] = {
+  // Status; place in the file, severity and kind of each finding.
+  const std::tuple<std::string, int, const char*> rows[] = {
       {kPlain, 0, ""},
       {"", 0, ""},
       {"Words to the reader; and more\n[A]\nk=1\n", 1, ":1, note, stray\n"},
@@ -133,13 +121,13 @@ TEST(Ini, CheckTellsDamageFromOddities) {
       {"[A]\r\n; c\r\nk=1\n", 1, ":1, note, crlf\n"},
   };
   const ToolRoot machine;
-  for (const Row& row : rows) {
-    machine.WriteFile(kFile, row.content);
+  for (const auto& [content, status, expected] : rows) {
+    machine.WriteFile(kFile, content);
     std::string findings;
-    const nlohmann::json answer = machine.Json("ini check /etc/a.ini", row.status);
+    const nlohmann::json answer = machine.Json("ini check /etc/a.ini", status);
     for (const nlohmann::json& finding : answer["data"])
       findings += Members(finding, "place severity check").substr(std::string_view(kFile).size()) + '\n';
-    EXPECT_EQ(findings, row.findings) << row.content;
+    EXPECT_EQ(findings, expected) << content;
   }
   machine.WriteFile(kFile, "[A]\nk=1\n\x1b[2Jk=2\nk=3\n");
   EXPECT_THAT(machine.Ravctl("ini check /etc/a.ini").out, HasSubstr("k again: that of line 2 is read"));
@@ -242,19 +230,17 @@ TEST(Ini, AnOrdinaryUserIsToldWhatNeedsRoot) {
   const ToolRoot machine;
   machine.WriteFile(kFile, kPlain);
   machine.WriteFile("/etc/secret.ini", kPlain, 0600);
-  machine.Run(
-      [&] {
-        EXPECT_EQ(RunAs(kNobody, "ini get /etc/a.ini One a"), 0);
-        EXPECT_EQ(RunAs(kNobody, "ini get /etc/secret.ini One a --default 1"), 3);
-        EXPECT_EQ(RunAs(kNobody, "ini set /etc/a.ini One a 2 --dry-run"), 0);
-        EXPECT_THAT(ReadWholeFile("/tmp/out.err"), HasSubstr("the real run would fail: /etc/a.ini: Permission denied"));
-        EXPECT_EQ(RunAs(kNobody, "ini set /etc/a.ini One a 2"), 3);
-        EXPECT_EQ(ReadWholeFile("/tmp/out.err"),
-                  "ravctl: ini set: cannot write: /etc/a.ini: Permission denied (needs root)\n");
-        EXPECT_EQ(RunAs(kNobody, "ini set /etc/new.ini One a 2"), 3);
-        EXPECT_EQ(RunAs(kNobody, "ini set /tmp/own.ini One a 2"), 0);
-      },
-      FixtureRoot::kUsr);
+  machine.Run(FixtureRoot::kUsr, [&] {
+    EXPECT_EQ(RunAs(kNobody, "ini get /etc/a.ini One a"), 0);
+    EXPECT_EQ(RunAs(kNobody, "ini get /etc/secret.ini One a --default 1"), 3);
+    EXPECT_EQ(RunAs(kNobody, "ini set /etc/a.ini One a 2 --dry-run"), 0);
+    EXPECT_THAT(ReadWholeFile("/tmp/out.err"), HasSubstr("the real run would fail: /etc/a.ini: Permission denied"));
+    EXPECT_EQ(RunAs(kNobody, "ini set /etc/a.ini One a 2"), 3);
+    EXPECT_EQ(ReadWholeFile("/tmp/out.err"),
+              "ravctl: ini set: cannot write: /etc/a.ini: Permission denied (needs root)\n");
+    EXPECT_EQ(RunAs(kNobody, "ini set /etc/new.ini One a 2"), 3);
+    EXPECT_EQ(RunAs(kNobody, "ini set /tmp/own.ini One a 2"), 0);
+  });
   EXPECT_EQ(machine.ReadFile(kFile), kPlain);
   EXPECT_FALSE(machine.Exists("/etc/new.ini"));
 }
@@ -262,32 +248,29 @@ TEST(Ini, AnOrdinaryUserIsToldWhatNeedsRoot) {
 TEST(Ini, TheOldFileOutlivesAFullOrReadOnlyDisk) {
   const ToolRoot machine;
   machine.MakeDirectory("/full");
-  machine.Run(
-      [&] {
-        ASSERT_EQ(::mount("none", "/full", "tmpfs", 0, "size=8k"), 0);
-        const std::string content =
-            "[A]\nk=" + std::string(600, 'x') + "\n; " + std::string(3400, 'c') + "\n[B]\nl=1\n";
-        for (const auto& [path, text] : {std::pair{"/full/a.ini", content}, {"/full/filler", std::string(4000, 'f')}}) {
-          std::FILE* file = std::fopen(path, "we");
-          ASSERT_EQ(std::fwrite(text.data(), 1, text.size(), file), text.size());
-          ASSERT_EQ(std::fclose(file), 0);
-        }
-        const std::string longer(900, 'y');
-        EXPECT_EQ(RunAs(0, "ini set /full/a.ini A k " + longer), 4);
-        EXPECT_EQ(ReadWholeFile("/tmp/out.err"),
-                  "ravctl: ini set: cannot write: /full/a.ini: no space is left (the file is as it was)\n");
-        EXPECT_EQ(ReadWholeFile("/full/a.ini"), content);
-        EXPECT_EQ(RunAs(0, "ini set /full/new.ini A k 1"), 4);
-        EXPECT_NE(::access("/full/new.ini", F_OK), 0);
-        // Not even what needs no more room: only a whole new file replaces the old one.
-        EXPECT_EQ(RunAs(0, "ini set /full/a.ini B l 2"), 4);
-        EXPECT_EQ(ReadWholeFile("/full/a.ini"), content);
+  machine.Run(FixtureRoot::kUsr, [&] {
+    ASSERT_EQ(::mount("none", "/full", "tmpfs", 0, "size=8k"), 0);
+    const std::string content = "[A]\nk=" + std::string(600, 'x') + "\n; " + std::string(3400, 'c') + "\n[B]\nl=1\n";
+    for (const auto& [path, text] : {std::pair{"/full/a.ini", content}, {"/full/filler", std::string(4000, 'f')}}) {
+      std::FILE* file = std::fopen(path, "we");
+      ASSERT_EQ(std::fwrite(text.data(), 1, text.size(), file), text.size());
+      ASSERT_EQ(std::fclose(file), 0);
+    }
+    const std::string longer(900, 'y');
+    EXPECT_EQ(RunAs(0, "ini set /full/a.ini A k " + longer), 4);
+    EXPECT_EQ(ReadWholeFile("/tmp/out.err"),
+              "ravctl: ini set: cannot write: /full/a.ini: no space is left (the file is as it was)\n");
+    EXPECT_EQ(ReadWholeFile("/full/a.ini"), content);
+    EXPECT_EQ(RunAs(0, "ini set /full/new.ini A k 1"), 4);
+    EXPECT_NE(::access("/full/new.ini", F_OK), 0);
+    // Not even what needs no more room: only a whole new file replaces the old one.
+    EXPECT_EQ(RunAs(0, "ini set /full/a.ini B l 2"), 4);
+    EXPECT_EQ(ReadWholeFile("/full/a.ini"), content);
 
-        ASSERT_EQ(::mount("none", "/full", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
-        EXPECT_EQ(RunAs(0, "ini set /full/a.ini B l 3"), 4);
-        EXPECT_THAT(ReadWholeFile("/tmp/out.err"), HasSubstr("cannot write: /full/a.ini: Read-only file system"));
-      },
-      FixtureRoot::kUsr);
+    ASSERT_EQ(::mount("none", "/full", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    EXPECT_EQ(RunAs(0, "ini set /full/a.ini B l 3"), 4);
+    EXPECT_THAT(ReadWholeFile("/tmp/out.err"), HasSubstr("cannot write: /full/a.ini: Read-only file system"));
+  });
   // No place for the private copy: nothing is written.
   machine.WriteFile(kFile, kPlain);
   EXPECT_EQ(machine.Ravctl("ini set /etc/a.ini One a 2", {"TMPDIR=/no"}).status, 4);

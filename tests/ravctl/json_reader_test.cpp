@@ -31,26 +31,22 @@ TEST(JsonReader, ReadsWhatTheWriterWrites) {
 }
 
 TEST(JsonReader, RefusesWhatIsDamagedOrTooMuch) {
-  struct Row {
-    std::string text;
-    const char* why;
-  };
   std::string keys;
   for (int number = 0; number < 200000; ++number)
     keys += ",\"" + std::to_string(number) + "\":0";
-  const Row rows[] = {{"", "it is no JSON at byte 1"},
-                      {"{\"a\":", "it is no JSON at byte 6"},
-                      {"[1,]", "it is no JSON at byte 4"},
-                      {"[] x", "it is no JSON at byte 4"},
-                      {Repeat("[", 1000000), "it nests too deep"},
-                      {Repeat("{\"a\":", 100000), "it nests too deep"},
-                      {"{\"x\":1" + keys + "}", "too many keys in one object"},
-                      {"[" + Repeat("0,", 2100000) + "0]", "too many values"},
-                      {std::string((64 << 20) + 1, ' '), "it is too large"}};
-  for (const Row& row : rows) {
+  const std::pair<std::string, const char*> rows[] = {{"", "it is no JSON at byte 1"},
+                                                      {"{\"a\":", "it is no JSON at byte 6"},
+                                                      {"[1,]", "it is no JSON at byte 4"},
+                                                      {"[] x", "it is no JSON at byte 4"},
+                                                      {Repeat("[", 1000000), "it nests too deep"},
+                                                      {Repeat("{\"a\":", 100000), "it nests too deep"},
+                                                      {"{\"x\":1" + keys + "}", "too many keys in one object"},
+                                                      {"[" + Repeat("0,", 2100000) + "0]", "too many values"},
+                                                      {std::string((64 << 20) + 1, ' '), "it is too large"}};
+  for (const auto& [text, fault] : rows) {
     std::string why;
-    EXPECT_FALSE(ReadJson(row.text, why)) << row.why;
-    EXPECT_EQ(why, row.why) << row.text.substr(0, 20);
+    EXPECT_FALSE(ReadJson(text, why)) << fault;
+    EXPECT_EQ(why, fault) << text.substr(0, 20);
   }
   std::string why;
   EXPECT_TRUE(ReadJson("[[{\"a\":1}]]", why, {.size = 11, .depth = 3, .keys = 1, .values = 4}));

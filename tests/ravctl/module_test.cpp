@@ -1,22 +1,12 @@
 // The module commands on the example switch, and the tool beside a running daemon.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <csignal>
-#include <cstdlib>
-#include <filesystem>
-#include <functional>
 
 #include "ravctl/commands/all_commands.h"
 #include "ravctl/line/command.h"
 #include "ravctl/ravctl_runner.h"
 
-using ::testing::HasSubstr;
+using ::testing::EndsWith, ::testing::HasSubstr, ::testing::StartsWith;
 
 namespace fs = std::filesystem;
 
@@ -33,97 +23,93 @@ class SwitchRoot : public ToolRoot {
   }
 };
 
-const nlohmann::json& Find(const nlohmann::json& rows, const char* check) {
-  static const nlohmann::json none = {{"finding", ""}, {"severity", nullptr}};
-  for (const nlohmann::json& row : rows) {
-    if (row["check"] == check) return row;
-  }
-  return none;
+// "finding severity" of that check, "" when there is none.
+std::string Found(const nlohmann::json& answer, const char* check) {
+  for (const nlohmann::json& row : answer["data"])
+    if (row["check"] == check) return Members(row, "finding severity");
+  return "";
 }
 
 }  // namespace
 
 TEST(ModuleCheck, InterfaceAndWriters) {
   const SwitchRoot machine;
-  nlohmann::json rows = machine.Json({"module", "check", "/switch/libswitch.so"}, 0)["data"];
-  EXPECT_EQ(Find(rows, "SW_QueryInterface")["finding"], "exported");
-  EXPECT_EQ(Find(rows, "interface")["severity"], "ok");
-  fs::permissions(machine.HostPath("/switch"), fs::perms::all);
-  rows = machine.Json({"module", "check", "--no-load", "/switch/libswitch.so"}, 1)["data"];
-  EXPECT_EQ(Find(rows, "writable")["finding"], "/switch by everybody");
-  EXPECT_EQ(Find(rows, "interface")["severity"], nullptr);
+  const auto check = [&machine](const std::string& words, int status) {
+    return machine.Json("module check " + words, status);
+  };
+  nlohmann::json answer = check("/switch/libswitch.so", 0);
+  EXPECT_THAT(Found(answer, "SW_QueryInterface"), StartsWith("exported, "));
+  EXPECT_THAT(Found(answer, "interface"), EndsWith(", ok"));
   // Root runs no constructor of what another may have written.
-  rows = machine.Json({"module", "check", "/switch/libswitch.so"}, 1)["data"];
-  EXPECT_EQ(Find(rows, "interface")["severity"], "unknown");
+  fs::permissions(machine.HostPath("/switch"), fs::perms::all);
+  answer = check("--no-load /switch/libswitch.so", 1);
+  EXPECT_THAT(Found(answer, "writable"), StartsWith("/switch by everybody, "));
+  EXPECT_EQ(Found(answer, "interface"), "");
+  EXPECT_THAT(Found(check("/switch/libswitch.so", 1), "interface"), EndsWith(", unknown"));
   fs::permissions(machine.HostPath("/switch"), fs::perms(0755));
 
   // A link and its directory decide as much as what it leads to; a bare name is that of a file here.
   machine.MakeLink("/libswitch.so", "tmp/../switch/./libswitch.so");
-  machine.Json({"module", "check", "libswitch.so"}, 0);
+  check("libswitch.so", 0);
   machine.MakeDirectory("/open", 01777);
   machine.MakeLink("/open/libswitch.so", "/libswitch.so");
-  machine.Json({"module", "check", "/open/libswitch.so"}, 0);
+  check("/open/libswitch.so", 0);
   fs::permissions(machine.HostPath("/open"), fs::perms::all);
-  rows = machine.Json({"module", "check", "/open/libswitch.so"}, 1)["data"];
-  EXPECT_EQ(Find(rows, "writable")["finding"], "/open by everybody");
-  EXPECT_EQ(Find(rows, "interface")["severity"], "unknown");
+  answer = check("/open/libswitch.so", 1);
+  EXPECT_THAT(Found(answer, "writable"), StartsWith("/open by everybody, "));
+  EXPECT_THAT(Found(answer, "interface"), EndsWith(", unknown"));
 
   // A module is judged as one; other files are no libraries, cut ones included.
-  rows = machine.Json({"module", "check", "/switch/modules/heartbeat.so"}, 0)["data"];
-  EXPECT_EQ(Find(rows, "ModuleStart")["finding"], "exported");
+  EXPECT_THAT(Found(check("/switch/modules/heartbeat.so", 0), "ModuleStart"), StartsWith("exported, "));
   machine.WriteFile("/text.so", "text");
-  EXPECT_EQ(machine.Ravctl({"module", "check", "/text.so"}).status, 5);
-  EXPECT_EQ(machine.Ravctl({"module", "check", "/none.so"}).status, 4);
+  EXPECT_EQ(machine.Ravctl("module check /text.so").status, 5);
+  EXPECT_EQ(machine.Ravctl("module check /none.so").status, 4);
   const std::string library = machine.ReadFile("/switch/libswitch.so");
   for (size_t length = 16; length < library.size(); length += library.size() / 23) {
     machine.WriteFile("/cut.so", library.substr(0, length));
-    const ToolResult result = machine.Ravctl({"module", "check", "/cut.so"});
+    const ToolResult result = machine.Ravctl("module check /cut.so");
     EXPECT_TRUE(result.status == 1 || result.status == 5) << length << ": " << result.status << result.err;
   }
 }
 
 TEST(ModuleRun, StepsAndTrace) {
   const SwitchRoot machine;
-  const nlohmann::json run = machine.Json({"module", "run", "/switch/libswitch.so", "-s", "1"})["data"];
+  const nlohmann::json run = machine.Json("module run /switch/libswitch.so -s 1")["data"];
   EXPECT_EQ(run["steps"].size(), 8U);
   EXPECT_THAT(run["trace"].dump(), HasSubstr("Heartbeat           : beat 1"));
-  const ToolResult killed = machine.Ravctl({"module", "run", "/switch/libswitch.so", "-s", "60", "--timeout", "1"});
+  const ToolResult killed = machine.Ravctl("module run /switch/libswitch.so -s 60 --timeout 1");
   EXPECT_EQ(killed.status, 1);
   EXPECT_THAT(killed.out, HasSubstr("ok   modules started\n"));
   EXPECT_THAT(killed.out, HasSubstr("FAIL killed: not done after 1 s\n"));
   EXPECT_THAT(killed.out, HasSubstr("heartbeat.so started"));
-  EXPECT_EQ(machine.Json({"module", "run", "/ravctl"}, 1)["data"]["good"], false);
+  EXPECT_EQ(machine.Json("module run /ravctl", 1)["data"]["good"], false);
 }
 
 // A pipe that the tool and all that it starts inherit ends when none of them is left.
 TEST(ModuleRun, KilledLeavesNeitherProcessNorDirectory) {
   const SwitchRoot machine;
-  machine.Run(
-      [] {
-        const auto isTracing = [] {
-          return std::ranges::any_of(fs::directory_iterator("/tmp"), [](const fs::path& directory) {
-            return fs::exists(directory / "log.ravctl-module");
-          });
-        };
-        for (const int signal : {SIGKILL, SIGINT, SIGHUP}) {
-          int ends[2] = {-1, -1};
-          ASSERT_EQ(::pipe(ends), 0);
-          const pid_t tool =
-              StartRavctl({"module", "run", "/switch/libswitch.so", "-s", "60", "--timeout", "90"}, "/run");
-          ::close(ends[1]);
-          for (int tries = 0; tries < 3000 && !isTracing(); ++tries)
-            ::usleep(10000);
-          EXPECT_TRUE(isTracing());
-          ::kill(tool, signal);
-          ::waitpid(tool, nullptr, 0);
-          pollfd all{ends[0], POLLIN, 0};
-          EXPECT_EQ(::poll(&all, 1, 20000), 1) << "signal " << signal;
-          EXPECT_TRUE(fs::is_empty("/tmp")) << "signal " << signal;
-          ::close(ends[0]);
-        }
-      },
-      FixtureRoot::kUsr | FixtureRoot::kProc);
-  const ToolResult nowhere = machine.Ravctl({"module", "run", "/switch/libswitch.so"}, {"TMPDIR=/no"});
+  machine.Run(FixtureRoot::kUsr | FixtureRoot::kProc, [] {
+    const auto isTracing = [] {
+      return std::ranges::any_of(fs::directory_iterator("/tmp"),
+                                 [](const fs::path& directory) { return fs::exists(directory / "log.ravctl-module"); });
+    };
+    for (const int signal : {SIGKILL, SIGINT, SIGHUP}) {
+      int ends[2] = {-1, -1};
+      ASSERT_EQ(::pipe(ends), 0);
+      const pid_t tool = StartRavctl("module run /switch/libswitch.so -s 60 --timeout 90", "/run");
+      ::close(ends[1]);
+      for (int tries = 0; tries < 3000 && !isTracing(); ++tries)
+        ::usleep(10000);
+      EXPECT_TRUE(isTracing());
+      ::kill(tool, signal);
+      ::waitpid(tool, nullptr, 0);
+      pollfd all{ends[0], POLLIN, 0};
+      EXPECT_EQ(::poll(&all, 1, 20000), 1) << "signal " << signal;
+      EXPECT_TRUE(fs::is_empty("/tmp")) << "signal " << signal;
+      ::close(ends[0]);
+    }
+  });
+  const ToolResult nowhere = machine.Ravctl("module run /switch/libswitch.so", {"TMPDIR=/no"});
   EXPECT_EQ(nowhere.status, 4);
   EXPECT_EQ(nowhere.err,
             "ravctl: module run: cannot make a temporary directory: TMPDIR=/no: No such file or directory "
@@ -134,44 +120,41 @@ TEST(RunningDaemon, StatusToggleAndTrace) {
   const SwitchRoot machine;
   machine.MakeDirectory("/var/run");
   machine.MakeDirectory("/var/log/pelrix");
-  machine.Run(
-      [] {
-        const pid_t daemon = ::fork();
-        if (daemon == 0) {
-          for (const char* variable : {"LD_LIBRARY_PATH=/switch", "QN_LOG_DEBUG_LEVEL=5", "TraceFileLimit=1",
-                                       "QN_LOG_RINGBUF_WEIGHT=1", "QN_LOG_RINGBUF_DIR=/var/log/pelrix"})
-            ::putenv(const_cast<char*>(variable));
-          ::execl("/ravd", "ravd", "-n", nullptr);
-          ::_exit(127);
-        }
-        for (int tries = 0; tries < 1000 && ::access("/var/log/pelrix/log.ravd_a", F_OK) != 0; ++tries)
-          ::usleep(10000);
-        ::usleep(300000);
-        const auto run = [](const std::vector<std::string>& arguments, const std::string& name) {
-          int status = 0;
-          ::waitpid(StartRavctl(arguments, "/" + name), &status, 0);
-          EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << ReadWholeFile("/" + name + ".err");
-        };
-        run({"daemon", "status", "--json"}, "status");
-        run({"trace", "toggle", "--json"}, "off");
-        run({"trace", "toggle", "--json"}, "on");
-        run({"trace", "config", "--json"}, "config");
-        run({"trace", "show", "-g", "Start all modules"}, "show");
-        ::kill(daemon, SIGTERM);
-        ::waitpid(daemon, nullptr, 0);
-      },
-      FixtureRoot::kUsr | FixtureRoot::kProc);
+  machine.Run(FixtureRoot::kUsr | FixtureRoot::kProc, [] {
+    const pid_t daemon = ::fork();
+    if (daemon == 0) {
+      for (const char* variable : {"LD_LIBRARY_PATH=/switch", "QN_LOG_DEBUG_LEVEL=5", "TraceFileLimit=1",
+                                   "QN_LOG_RINGBUF_WEIGHT=1", "QN_LOG_RINGBUF_DIR=/var/log/pelrix"})
+        ::putenv(const_cast<char*>(variable));
+      ::execl("/ravd", "ravd", "-n", nullptr);
+      ::_exit(127);
+    }
+    for (int tries = 0; tries < 1000 && ::access("/var/log/pelrix/log.ravd_a", F_OK) != 0; ++tries)
+      ::usleep(10000);
+    ::usleep(300000);
+    const auto run = [](const char* words, const char* file) {
+      const ToolResult result = RunRavctl(words);
+      EXPECT_EQ(result.status, 0) << result.err;
+      WriteWholeFile(file, result.out);
+    };
+    run("daemon status --json", "/status");
+    run("trace toggle --json", "/off");
+    run("trace toggle --json", "/on");
+    run("trace config --json", "/config");
+    run("trace show -g 'Start all modules'", "/show");
+    ::kill(daemon, SIGTERM);
+    ::waitpid(daemon, nullptr, 0);
+  });
   const auto parse = [&machine](const char* path) {
     nlohmann::json object = nlohmann::json::parse(machine.ReadFile(path), nullptr, false);
     ExpectValid(object);
     return object["data"];
   };
   EXPECT_EQ(parse("/status")["running"], true);
-  EXPECT_EQ(parse("/status")["executable"].is_string(), true);
+  EXPECT_TRUE(parse("/status")["executable"].is_string());
   EXPECT_EQ(parse("/off")["tracing"], false);
   EXPECT_EQ(parse("/on")["tracing"], true);
-  EXPECT_EQ(parse("/config")["environment"], "process " + parse("/status")["pid"].dump());
-  EXPECT_EQ(parse("/config")["tracing"], true);
+  EXPECT_EQ(Members(parse("/config"), "environment tracing"), "process " + parse("/status")["pid"].dump() + ", true");
   EXPECT_THAT(machine.ReadFile("/show"), HasSubstr("RAVD-MAIN: Start all modules  ...\n"));
 }
 
@@ -197,7 +180,7 @@ TEST(ModuleCheck, WritersOfWhatIsNeeded) {
 
 TEST(ShellTexts, CompletionKeepsNamesWithBlanksWhole) {
   const ToolRoot machine;
-  machine.WriteFile("/completion", machine.Ravctl({"completion"}).out);
+  machine.WriteFile("/completion", machine.Ravctl("completion").out);
   machine.WriteFile("/files/my file", "");
   machine.WriteFile("/files/my*", "");
   machine.WriteFile("/ask", R"(cd /files && source /completion
@@ -211,7 +194,7 @@ ask registry get ''
 ask schema pc
 )");
   machine.WriteFile("/etc/pelrix/registry", "[HKEY_USERS\\a $(touch /no) b]\nName=s=x\n\n\n");
-  machine.Run([] { EXPECT_EQ(std::system("PATH=/:$PATH bash /ask >/answer"), 0); }, FixtureRoot::kUsr);
+  machine.Run(FixtureRoot::kUsr, [] { EXPECT_EQ(std::system("PATH=/:$PATH bash /ask >/answer"), 0); });
   EXPECT_EQ(machine.ReadFile("/answer"),
             "[my file][my*]\n[recover]\n[--json]\n[name]\n[address,vendor_id][address,vendor]\n"
             "[HKEY_USERS][HKEY_USERS\\a $(touch /no) b]\n[pci]\n");
@@ -233,12 +216,10 @@ complete -C 'ravctl pci -o address,vend'
 complete -C 'ravctl dae'
 )");
   if (!fs::exists("/usr/bin/zsh") || !fs::exists("/usr/bin/fish")) GTEST_SKIP() << "zsh or fish is not installed";
-  machine.Run(
-      [] {
-        EXPECT_EQ(std::system("PATH=/:$PATH zsh -f /zsh >/zsh-says 2>&1"), 0);
-        EXPECT_EQ(std::system("HOME=/tmp PATH=/:$PATH fish /fish >/fish-says 2>&1"), 0);
-      },
-      FixtureRoot::kUsr);
+  machine.Run(FixtureRoot::kUsr, [] {
+    EXPECT_EQ(std::system("PATH=/:$PATH zsh -f /zsh >/zsh-says 2>&1"), 0);
+    EXPECT_EQ(std::system("HOME=/tmp PATH=/:$PATH fish /fish >/fish-says 2>&1"), 0);
+  });
   EXPECT_EQ(machine.ReadFile("/zsh-says"), "key\nname\nvalue\npci\n");
   EXPECT_EQ(machine.ReadFile("/fish-says"), "name\n");
 }
@@ -246,8 +227,8 @@ complete -C 'ravctl dae'
 // The help, the manual page and the completion are made from one table; this walks it.
 TEST(ShellTexts, NoCommandAndNoOptionIsMissing) {
   const ToolRoot machine;
-  const std::string completion = machine.Ravctl({"completion"}).out;
-  const std::string manual = machine.Ravctl({"man"}).out;
+  const std::string completion = machine.Ravctl("completion").out;
+  const std::string manual = machine.Ravctl("man").out;
   ravctl::Command root({"ravctl", ""}, "");
   ravctl::AddAllCommands(root);
   size_t options = 0;
@@ -296,7 +277,7 @@ class ModuleRoot : public ToolRoot {
               "__attribute__((noinline)) int Broken(volatile int* place) { return *place = 1; }\n"
               "API bool ModuleStart() { " +
                   start + " }\n" + stop);
-    Run([] { EXPECT_EQ(std::system("g++ -shared -fPIC -o /m.so /m.cpp"), 0); }, kUsr);
+    Run(kUsr, [] { EXPECT_EQ(std::system("g++ -shared -fPIC -o /m.so /m.cpp"), 0); });
   }
 };
 
@@ -324,8 +305,8 @@ TEST(ModuleRun, BringsTheExampleSwitchAlongAndFailsWithTheModule) {
     const ToolResult result = machine.Ravctl(command, {}, FixtureRoot::kProc);
     EXPECT_EQ(result.status, row.status) << row.start << result.err;
     EXPECT_THAT(result.out, HasSubstr(row.said));
-    const nlohmann::json checked = machine.Json(CommandLine("module check /m.so"), row.stop.empty() ? 1 : 0)["data"];
-    EXPECT_EQ(Find(checked, "ModuleStop")["finding"], row.stop.empty() ? "missing" : "exported");
-    EXPECT_EQ(Find(checked, "load")["severity"], "ok");
+    const nlohmann::json checked = machine.Json("module check /m.so", row.stop.empty() ? 1 : 0);
+    EXPECT_THAT(Found(checked, "ModuleStop"), StartsWith(row.stop.empty() ? "missing, " : "exported, "));
+    EXPECT_THAT(Found(checked, "load"), EndsWith(", ok"));
   }
 }

@@ -1,14 +1,9 @@
 // The net commands in a network of their own, against what the test set there.
 
 #include <arpa/inet.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <fstream>
-#include <sstream>
 
 #include "netif/private_network.h"
 #include "platform/unique_fd.h"

@@ -1,11 +1,5 @@
 // perf over files of /proc that a test wrote.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <sstream>
-
 #include "netif/private_network.h"
 #include "ravctl/ravctl_runner.h"
 
@@ -35,18 +29,16 @@ TEST(Perf, OnceOverTwoStates) {
   if (!std::filesystem::exists("/usr/sbin/ip")) GTEST_SKIP() << "iproute2 is not installed";
   const ToolRoot machine;
   Fill(machine);
-  machine.Run(
-      [] {
-        Ip("link add eth0 type veth peer name peer");  // a link of 10 Gbit/s
-        const pid_t tool = StartRavctl("perf --interval 2 --json");
-        ::usleep(1200000);  // the first reading takes a quarter of a second
-        WriteWholeFile("/proc/stat", kBusyStat);
-        WriteWholeFile("/proc/meminfo", "MemTotal: 8192 kB\nMemFree: 4096 kB\nSwapTotal: 8192 kB\nSwapFree: 8192 kB\n");
-        WriteWholeFile("/proc/net/dev", NetDev(1000 + 655360000, 2000 + 262144000));
-        const ToolResult result = WaitForRavctl(tool);
-        EXPECT_EQ(result.status, 0) << result.err;
-      },
-      FixtureRoot::kUsr | FixtureRoot::kNetwork);
+  machine.Run(FixtureRoot::kUsr | FixtureRoot::kNetwork, [] {
+    Ip("link add eth0 type veth peer name peer");  // a link of 10 Gbit/s
+    const pid_t tool = StartRavctl("perf --interval 2 --json");
+    ::usleep(1200000);  // the first reading takes a quarter of a second
+    WriteWholeFile("/proc/stat", kBusyStat);
+    WriteWholeFile("/proc/meminfo", "MemTotal: 8192 kB\nMemFree: 4096 kB\nSwapTotal: 8192 kB\nSwapFree: 8192 kB\n");
+    WriteWholeFile("/proc/net/dev", NetDev(1000 + 655360000, 2000 + 262144000));
+    const ToolResult result = WaitForRavctl(tool);
+    EXPECT_EQ(result.status, 0) << result.err;
+  });
   const json answer = json::parse(machine.ReadFile("/tmp/out"));
   ExpectValid(answer);
   const json& data = answer["data"];
@@ -67,14 +59,12 @@ TEST(Perf, OnceOverTwoStates) {
 TEST(Perf, RowsAndWhatCannotBeRead) {
   const ToolRoot machine;
   Fill(machine);
-  machine.Run(
-      [] {
-        const pid_t tool = StartRavctl("perf --count 2 --interval 1.5 --json");
-        ::usleep(1000000);
-        WriteWholeFile("/proc/stat", kBusyStat);
-        EXPECT_EQ(WaitForRavctl(tool).status, 4);  // nothing changed for the second row
-      },
-      FixtureRoot::kUsr);
+  machine.Run(FixtureRoot::kUsr, [] {
+    const pid_t tool = StartRavctl("perf --count 2 --interval 1.5 --json");
+    ::usleep(1000000);
+    WriteWholeFile("/proc/stat", kBusyStat);
+    EXPECT_EQ(WaitForRavctl(tool).status, 4);  // nothing changed for the second row
+  });
   std::istringstream lines(machine.ReadFile("/tmp/out"));
   std::vector<json> rows;
   for (std::string line; std::getline(lines, line);)

@@ -1,14 +1,5 @@
 #include "ravctl/ravctl_runner.h"
 
-#include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
-
-#include "ravctl/answer/json.h"
 #include "ravctl/commands/all_commands.h"
 #include "ravctl/commands/schema.h"
 #include "ravctl/json_schema.h"

@@ -1,10 +1,7 @@
 #pragma once
 
-#include <initializer_list>
 #include <nlohmann/json.hpp>
 #include <span>
-#include <string>
-#include <vector>
 
 #include "support/fixture_root.h"
 

@@ -1,9 +1,6 @@
 #pragma once
 
-#include <algorithm>
 #include <cctype>
-#include <string>
-#include <vector>
 
 #include "inventory/server_machine.h"
 #include "ravctl/ravctl_runner.h"

@@ -1,15 +1,8 @@
 #include "support/daemon_root.h"
 
-#include <fcntl.h>
-#include <signal.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <sstream>
 
 DaemonRoot::DaemonRoot(const std::string& binary, const std::string& library) {
   for (const char* directory : {"/var/log/pelrix", "/var/run", "/var/lock", "/etc/pelrix", kLibraryDirectory, "/dev"})
@@ -25,14 +18,12 @@ DaemonRoot::DaemonRoot(const std::string& binary, const std::string& library) {
 }
 
 void DaemonRoot::Run(const std::function<void()>& body) const {
-  FixtureRoot::Run(
-      [&body] {
-        ::prctl(PR_SET_CHILD_SUBREAPER, 1);
-        ::setenv("LD_LIBRARY_PATH", kLibraryDirectory, 1);
-        ::setenv("QN_NICKNAME", "SLES12", 1);  // the run level file counts, with systemd on the machine or without
-        body();
-      },
-      kUsr | kProc);
+  FixtureRoot::Run(kUsr | kProc, [&body] {
+    ::prctl(PR_SET_CHILD_SUBREAPER, 1);
+    ::setenv("LD_LIBRARY_PATH", kLibraryDirectory, 1);
+    ::setenv("QN_NICKNAME", "SLES12", 1);  // the run level file counts, with systemd on the machine or without
+    body();
+  });
 }
 
 void SwitchTracingOn() {

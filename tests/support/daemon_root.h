@@ -1,12 +1,5 @@
 #pragma once
 
-#include <sys/types.h>
-
-#include <functional>
-#include <initializer_list>
-#include <string>
-#include <vector>
-
 #include "support/fixture_root.h"
 
 // The built daemon in a root of its own, driven from outside; all but DaemonRoot is for the body of its Run.

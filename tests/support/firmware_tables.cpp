@@ -1,6 +1,5 @@
 #include "support/firmware_tables.h"
 
-#include <initializer_list>
 #include <numeric>
 
 namespace {

@@ -1,9 +1,5 @@
 #pragma once
 
-#include <cstdint>
-#include <string>
-#include <vector>
-
 #include "support/fixture_root.h"
 
 // Firmware tables from readable descriptions, as the bytes that a machine would hold.

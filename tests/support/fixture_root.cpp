@@ -1,19 +1,10 @@
 #include "support/fixture_root.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
 #include <fstream>
-#include <sstream>
 
 #include "platform/unique_fd.h"
 
@@ -192,7 +183,7 @@ mode_t FixtureRoot::Mode(std::string_view path) const {
   return info.st_mode;
 }
 
-void FixtureRoot::Run(const std::function<void()>& body, unsigned int mounts) const {
+void FixtureRoot::Run(unsigned int mounts, const std::function<void()>& body) const {
   std::fflush(nullptr);
   const pid_t child = ::fork();
   ASSERT_GE(child, 0) << std::strerror(errno);

@@ -1,12 +1,27 @@
 #pragma once
 
+// What nearly every test stands on comes with it, so that a test names what is special to it.
+#include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/types.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <functional>
+#include <map>
+#include <sstream>
 #include <string>
-#include <string_view>
+#include <thread>
+#include <tuple>
+#include <vector>
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 inline constexpr bool kSanitized = true;
@@ -54,7 +69,8 @@ class FixtureRoot {
 
   // Runs the body in a child process whose root is this tree. Assertions that fail inside print their message there
   // and fail the calling test; so do a crash and a leak. Files that the body wrote can be read afterwards.
-  void Run(const std::function<void()>& body, unsigned int mounts = kNone) const;
+  void Run(unsigned int mounts, const std::function<void()>& body) const;
+  void Run(const std::function<void()>& body, unsigned int mounts = kNone) const { Run(mounts, body); }
 
  private:
   std::filesystem::path m_Path;

@@ -1,7 +1,5 @@
 #include "support/pci_fixture.h"
 
-#include <cstdio>
-
 #include "support/firmware_tables.h"
 
 std::string BuildHeader(const FunctionDescription& function) {

@@ -1,9 +1,5 @@
 #pragma once
 
-#include <cstdint>
-#include <string>
-#include <vector>
-
 #include "support/fixture_root.h"
 
 // One PCI function of a made-up machine, described by the fields of its configuration header.

@@ -1,12 +1,6 @@
 #include "support/trace_capture.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "trace/debug.h"
 
@@ -80,11 +74,10 @@ void TraceCapture::Clear() {
   m_First = ReadTexts().size();
 }
 
-void RunTraced(const FixtureRoot& root, unsigned int level, const std::function<void(TraceCapture& trace)>& body,
-               unsigned int mounts) {
-  const auto traced = [&] {
+void RunTraced(const FixtureRoot& root, unsigned int level, unsigned int mounts,
+               const std::function<void(TraceCapture& trace)>& body) {
+  root.Run(mounts, [&] {
     TraceCapture trace(level);
     body(trace);
-  };
-  root.Run(traced, mounts);
+  });
 }

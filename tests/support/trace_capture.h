@@ -1,9 +1,5 @@
 #pragma once
 
-#include <functional>
-#include <string>
-#include <vector>
-
 #include "support/fixture_root.h"
 
 // Reads back what the code under test traced. Inside FixtureRoot::Run only, or with it:
@@ -37,6 +33,10 @@ class TraceCapture {
   size_t m_First = 0;
 };
 
-// Runs the body in the root and captures what it traces.
-void RunTraced(const FixtureRoot& root, unsigned int level, const std::function<void(TraceCapture& trace)>& body,
-               unsigned int mounts = FixtureRoot::kNone);
+// Runs the body in the root and captures what it traces. mounts: as of FixtureRoot::Run.
+void RunTraced(const FixtureRoot& root, unsigned int level, unsigned int mounts,
+               const std::function<void(TraceCapture& trace)>& body);
+inline void RunTraced(const FixtureRoot& root, unsigned int level,
+                      const std::function<void(TraceCapture& trace)>& body) {
+  RunTraced(root, level, FixtureRoot::kNone, body);
+}

@@ -1,24 +1,12 @@
 // Drives the built daemon from outside, in a root of its own.
 
-#include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <csignal>
-#include <cstdlib>
-#include <filesystem>
 
 #include "platform/unique_fd.h"
 #include "support/daemon_root.h"
 
-using ::testing::HasSubstr;
-using ::testing::MatchesRegex;
-using ::testing::Not;
+using ::testing::HasSubstr, ::testing::MatchesRegex, ::testing::Not;
 
 namespace {
 
@@ -174,47 +162,43 @@ TEST(Daemon, OrdinaryUserIsRefusedBeforeAnythingHappens) {
   });
 }
 
-TEST(Daemon, SwitchesThatFailEndTheStartOrLeaveItRunning) {
-  for (const std::string behaviour : {"", "refuse", "null", "no modules", "load"}) {
-    SCOPED_TRACE(behaviour);
-    const DaemonRoot root(RAVD_BINARY, behaviour.empty() ? "" : BAD_SWITCH);
-    root.Run([&behaviour] {
-      ::setenv("BAD_SWITCH", behaviour.c_str(), 1);
-      const pid_t daemon = StartDaemon();
-      if (behaviour == "no modules" || behaviour == "load") {
-        ASSERT_TRUE(WaitReady());
-        Stop(daemon);
-        EXPECT_THAT(Log(), Not(HasSubstr("bad: start")));
-        ExpectInOrder(Log(),
-                      {"## Done initializing ##", "bad: stop", "bad: argument 0", "bad: release", "EXIT PROCESS"});
-        return;
-      }
-      EXPECT_EQ(WEXITSTATUS(WaitFor(daemon)), 1);
-      EXPECT_NE(::access(kLockFile, F_OK), 0);
-      EXPECT_THAT(Log(), HasSubstr("RAVD-MAIN: FATAL ERROR! Tavrik SWITCH could not be loaded!\n"));
-      EXPECT_THAT(Log(), Not(HasSubstr("bad: release")));
-    });
-  }
-}
-
-TEST(Daemon, IdleDaemonSleepsAndStaysSmall) {
+TEST(Daemon, IdleRunSleepsAndStaysSmallAndManySignalsChangeNeither) {
   const DaemonRoot root(RAVD_BINARY, BAD_SWITCH);
   root.Run([] {
+    SwitchTracingOn();
     const pid_t daemon = StartDaemon();
     ASSERT_TRUE(WaitReady());
-    const auto status = [&daemon](const std::string& key) {
-      const std::string text = ReadWholeFile("/proc/" + std::to_string(daemon) + "/status");
+    const std::string process = "/proc/" + std::to_string(daemon);
+    const auto status = [&process](const std::string& key) {
+      const std::string text = ReadWholeFile(process + "/status");
       return std::atol(text.c_str() + text.find(key) + key.size());
     };
+    const auto descriptors = [&process] {
+      return std::distance(std::filesystem::directory_iterator(process + "/fd"), std::filesystem::directory_iterator());
+    };
+    ::kill(daemon, SIGHUP);
+    ASSERT_TRUE(WaitForLog("Trace reset due to SIGHUP"));
     ::usleep(200000);
     const long switches = status("\nvoluntary_ctxt_switches:");
+    const auto files = descriptors();
     ::usleep(1000000);
     EXPECT_EQ(status("\nvoluntary_ctxt_switches:"), switches);
     EXPECT_EQ(status("\nThreads:"), 1);
+    for (int signal = 1; signal < 1000; ++signal) {
+      ::kill(daemon, signal % 3 == 0 ? SIGALRM : SIGHUP);
+      ::usleep(signal % 10 == 0 ? 0 : 300);
+    }
+    ::kill(daemon, SIGALRM);
+    ::usleep(200000);
+    EXPECT_EQ(descriptors(), files);
     if (RAVD_SANITIZED == 0) {
-      EXPECT_LT(status("\nVmRSS:"), 6 * 1024);
+      EXPECT_LT(status("\nVmRSS:"), 7 * 1024);
     }
     Stop(daemon);
+    const int toggles = CountIn(Log(), "Signal 1 (SIGHUP) caught");
+    EXPECT_GT(toggles, 0);
+    EXPECT_EQ(CountIn(Log(), "Trace reset due to SIGHUP"), (toggles + 1) / 2);
+    EXPECT_EQ(CountIn(Log(), "Trace forced due to SIGHUP"), toggles / 2);
   });
 }
 
@@ -224,17 +208,24 @@ TEST(Daemon, KilledDaemonNeverKeepsTheNextOneOut) {
   const int rounds = wanted != nullptr ? std::atoi(wanted) : 40;
   const DaemonRoot root(RAVD_BINARY, BAD_SWITCH);
   root.Run([rounds] {
+    SwitchTracingOn();
     for (int round = 0; round < rounds; ++round) {
-      const pid_t daemon = StartDaemon();
+      const bool isBackground = round % 4 == 3;
+      if (isBackground) ::unlink(kPidFile);
+      const pid_t started = StartDaemon(isBackground);
       // Killed at any moment between the lock and the wait for signals.
-      ASSERT_TRUE(WaitUntil([&daemon] {
-        return ::access(kLockFile, F_OK) == 0 && ReadWholeFile(kLockFile) == "ravd#" + std::to_string(daemon);
-      })) << "round "
-          << round << ": " << TextOf("/stderr");
+      ASSERT_TRUE(WaitUntil([&started] { return TextOf(kLockFile) == "ravd#" + std::to_string(started); }))
+          << "round " << round << ": " << TextOf("/stderr");
       ::usleep(static_cast<useconds_t>(round * 7919 % 20000));
+      ASSERT_TRUE(!isBackground || WaitUntil([] { return ::access(kPidFile, F_OK) == 0 && PidOfDaemon() != 0; }));
+      const pid_t daemon = isBackground ? PidOfDaemon() : started;
       ::kill(daemon, SIGKILL);
       ASSERT_EQ(WaitFor(daemon), SIGKILL) << "round " << round << ": it ended by itself";
     }
+    const pid_t daemon = StartDaemon();
+    ASSERT_TRUE(WaitReady());
+    Stop(daemon);
+    ExpectInOrder(ReadWholeFile(kRing), {"### Start of initialization. ###\n", "## EXIT PROCESS RAVD ##\n"});
   });
 }
 

@@ -1,22 +1,10 @@
 #include "trace/debug.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <sys/wait.h>
-
-#include <cerrno>
-#include <thread>
-
 #include "platform/process.h"
 #include "support/trace_capture.h"
 #include "trace/trace_root.h"
 
-using ::testing::AllOf;
-using ::testing::ContainsRegex;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
+using ::testing::AllOf, ::testing::ContainsRegex, ::testing::ElementsAre, ::testing::HasSubstr;
 
 namespace {
 
@@ -83,7 +71,7 @@ TEST_F(TraceDebug, PrintAlwaysReachesTheLogFileWithoutTracing) {
 }
 
 TEST_F(TraceDebug, MemoryColumnIsTheResidentSizeReadAnewAfterAMillisecond) {
-  const auto body = [] {
+  root.Run(FixtureRoot::kProc, [] {
     ASSERT_TRUE(Debug.Init("ravd"));
     Debug.PrintAlways("here");
     uint64_t expected = 0;
@@ -99,8 +87,7 @@ TEST_F(TraceDebug, MemoryColumnIsTheResidentSizeReadAnewAfterAMillisecond) {
     EXPECT_GT(memory.KbAt(6000), before + large.size() / 2048);
     EXPECT_LT(::fcntl(STDIN_FILENO, F_GETFD), 0);
     EXPECT_GT(memory.KbAt(10), before) << "the clock has stepped back";
-  };
-  root.Run(body, FixtureRoot::kProc);
+  });
   EXPECT_THAT(root.ReadFile(TraceRoot::kLog), ContainsRegex("^.{35}   [0-9 ]{5} KB !ravd          here\n"));
 }
 
@@ -157,7 +144,7 @@ TEST_F(TraceDebug, EmptyAndLongNamesAndAMissingDirectoryAreSurvived) {
 }
 
 TEST_F(TraceDebug, StaticObjectsMayTraceAfterTheEndOfMain) {
-  const auto body = [] {
+  root.Run(FixtureRoot::kProc, [] {
     // Runs after the destructor of any static object that is built later.
     std::atexit([] {
       TRACE(1, "after the end");
@@ -168,8 +155,7 @@ TEST_F(TraceDebug, StaticObjectsMayTraceAfterTheEndOfMain) {
     Debug.ForceMaxDebug(true);
     Debug.PrintAlways("while it runs");
     if (!::testing::Test::HasFailure()) std::exit(0);
-  };
-  root.Run(body, FixtureRoot::kProc);
+  });
   EXPECT_EQ(TextOf(root.ReadFile(TraceRoot::kLog), "while"), "while it runs");
 }
 

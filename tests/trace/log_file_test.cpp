@@ -1,7 +1,4 @@
-#include <gtest/gtest.h>
 #include <sys/resource.h>
-
-#include <csignal>
 
 #include "trace/trace_root.h"
 

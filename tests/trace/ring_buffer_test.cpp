@@ -1,9 +1,4 @@
-#include <gtest/gtest.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <thread>
 
 #include "trace/trace_root.h"
 
@@ -97,7 +92,7 @@ TEST_F(TraceRing, WrapsAtTheExactByteBehindItsHeader) {
 }
 
 TEST_F(TraceRing, LongEntriesAreKeptUpToATenthOfTheBufferWhileThereIsOne) {
-  const auto body = [] {
+  root.Run(FixtureRoot::kProc, [] {
     ASSERT_TRUE(Debug.Init("ravd"));
     const size_t tenth = 4 * kMiB / 10;
     Debug.Print(1, "\n%s", std::string(tenth, 'k').c_str());
@@ -110,8 +105,7 @@ TEST_F(TraceRing, LongEntriesAreKeptUpToATenthOfTheBufferWhileThereIsOne) {
     ASSERT_EQ(::truncate(TraceRoot::kStartUpRing, 0), 0);
     Debug.Print(1, "into a page that is gone");
     EXPECT_FALSE(Debug.m_TraceActive);
-  };
-  root.Run(body, FixtureRoot::kProc);
+  });
 }
 
 TEST_F(TraceRing, StartUpBufferIsCompressedAndReplaced) {
@@ -119,17 +113,16 @@ TEST_F(TraceRing, StartUpBufferIsCompressedAndReplaced) {
   root.WriteFile(TraceRoot::kIni,
                  "[ravd]\nFileDebugLevel=2\nRingBufferSizeWeight=1\nMemoryTracesFlag=0\n"
                  "NoHeaderToStderr=0\nRingBufferDirectory= /my dir \n[EndOfFile]\n");
-  const auto body = [] {
+  root.Run(FixtureRoot::kUsr, [] {
     ::setenv("TraceFileLimit", "3", 1);
-    ::setenv("AgentShut", "yes %s", 1);
+    ::setenv("AgentShut", "yes %s%n\x1b[2J", 1);
     ::setenv("QN_LOG_RINGBUF_DIR", "", 1);  // as good as none
     ASSERT_TRUE(Debug.Init("ravd"));
     Debug.Print(2, "while starting");
     Debug.SetApplInitDone();
     Debug.Print(2, "while running");
     EXPECT_EQ(std::system("gzip -dc '/my dir /log.ravd_i.gz' > /start-up"), 0);
-  };
-  root.Run(body, FixtureRoot::kUsr);
+  });
   EXPECT_FALSE(root.Exists("/my dir /log.ravd_i"));
   const std::string startUp = root.ReadFile("/start-up");
   EXPECT_EQ(startUp.size(), 8 * kMiB);
@@ -138,11 +131,12 @@ TEST_F(TraceRing, StartUpBufferIsCompressedAndReplaced) {
   EXPECT_EQ(ring.size(), 2 * kMiB);
   EXPECT_EQ(TextOf(ring, "Application Init Done"), "Application Init Done      : 0");
   EXPECT_EQ(TextOf(ring, "Ring Buffer Factor"), "Ring Buffer Factor         : 2");
-  EXPECT_EQ(TextOf(ring, "AgentShut"), "AgentShut=yes %s");
+  const std::string log = root.ReadFile("/my dir /log.ravd");
+  for (const std::string& file : {ring, log})
+    EXPECT_EQ(TextOf(file, "AgentShut"), "AgentShut=yes %s%n\x1b[2J") << "text from outside stays text";
   EXPECT_EQ(ring.compare(ring.rfind(kEndMarker) - 14, 14, "while running\n"), 0);
   EXPECT_EQ(ring.find("while starting"), std::string::npos);
   // The header stands in the log file as well.
-  const std::string log = root.ReadFile("/my dir /log.ravd");
   EXPECT_EQ(TextOf(log, "RingBufferDirectory  "), "RingBufferDirectory        : /my dir ");
   EXPECT_EQ(TextOf(log, "QN_LOG_RINGBUF_WEIGHT_RAVD"), "QN_LOG_RINGBUF_WEIGHT_RAVD=NotSet");
   EXPECT_EQ(TextOf(log, "RingBufferSizeFactor"), "RingBufferSizeFactor       : -1");
@@ -153,7 +147,7 @@ TEST_F(TraceRing, StartUpBufferIsCompressedAndReplaced) {
 // While gzip runs, others trace into the run-time buffer; that it fails is reported.
 TEST_F(TraceRing, NobodyWaitsForGzipAndItsFailureIsReported) {
   root.WriteFile("/own/gzip", "#!/usr/bin/sh\necho started > /started\nread line < /go\nexit 3\n", 0755);
-  const auto body = [] {
+  root.Run(FixtureRoot::kUsr, [] {
     ::setenv("PATH", "/own:/usr/bin", 1);
     ASSERT_EQ(::mkfifo("/go", 0600), 0);
     ASSERT_TRUE(Debug.Init("ravd"));
@@ -165,8 +159,7 @@ TEST_F(TraceRing, NobodyWaitsForGzipAndItsFailureIsReported) {
     WriteWholeFile("/go", "now\n");
     starter.join();
     EXPECT_EQ(LogText("gziping"), "### gziping of startup log file failed -> it doesn't matter ###");
-  };
-  root.Run(body, FixtureRoot::kUsr);
+  });
 }
 
 TEST_F(TraceRing, SizeThatHasNoRoomFailsBeforeAnythingIsWritten) {
@@ -174,7 +167,7 @@ TEST_F(TraceRing, SizeThatHasNoRoomFailsBeforeAnythingIsWritten) {
     const std::string io = ReadWholeFile("/proc/self/io");
     return std::atoll(io.c_str() + io.find("wchar: ") + 7);
   };
-  const auto body = [&bytesWritten] {
+  root.Run(FixtureRoot::kProc, [&bytesWritten] {
     ASSERT_EQ(::mount("tmpfs", "/var/log/pelrix", "tmpfs", 0, "size=64m"), 0);
     for (const char* weight : {"-1", "400"}) {
       ::setenv("QN_LOG_RINGBUF_WEIGHT", weight, 1);
@@ -185,8 +178,7 @@ TEST_F(TraceRing, SizeThatHasNoRoomFailsBeforeAnythingIsWritten) {
       EXPECT_EQ(LogText("InitRingBuffer"),
                 "### InitRingBuffer(): (2) write m_InternalDebugBuffer to /var/log/pelrix/log.ravd_i failed ###");
     }
-  };
-  root.Run(body, FixtureRoot::kProc);
+  });
 }
 
 // Without gzip the switch-over goes on.

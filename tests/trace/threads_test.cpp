@@ -1,9 +1,4 @@
-#include <gtest/gtest.h>
-
 #include <set>
-#include <sstream>
-#include <thread>
-#include <vector>
 
 #include "trace/trace_root.h"
 
@@ -39,7 +34,7 @@ TEST(TraceThreads, EveryEntryIsWholeAndNoneIsLost) {
   const TraceRoot root;
   root.ConfigureRing("1");
   root.WriteFile(TraceRoot::kGlobal, "[GlobalDebugSettings]\nDynamicUpdate=1\n[EndOfFile]\n");
-  const auto body = [] {
+  root.Run(FixtureRoot::kUsr, [] {
     ::setenv("QN_LOG_FILE_MAX_SIZE", "1000000000", 1);
     ASSERT_TRUE(Debug.Init("ravd"));
     {
@@ -61,6 +56,5 @@ TEST(TraceThreads, EveryEntryIsWholeAndNoneIsLost) {
         ASSERT_EQ(traced.count(EntryOf(thread, entry)), 1 + always) << EntryOf(thread, entry);
         ASSERT_EQ(logged.count(EntryOf(thread, entry)), always) << EntryOf(thread, entry);
       }
-  };
-  root.Run(body, FixtureRoot::kUsr);
+  });
 }

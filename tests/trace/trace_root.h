@@ -1,8 +1,5 @@
 #pragma once
 
-#include <cstdlib>
-#include <string>
-
 #include "support/fixture_root.h"
 #include "trace/debug.h"
 
