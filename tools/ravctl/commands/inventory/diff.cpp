@@ -213,6 +213,8 @@ Json ReadSaved(const std::string& path, const std::string& text) {
   if (!IsInventory(*object)) {
     throw CommandError(ExitCode::kInputDamaged, "not an inventory", path, "save one with ravctl inventory --json");
   }
+  // Settings come from trees and machines alone.
+  (*object)["data"].erase(kRegistry);
   return std::move((*object)["data"]);
 }
 
