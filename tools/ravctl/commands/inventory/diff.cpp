@@ -413,7 +413,8 @@ void AddSlots(Json& side) {
     return found == slots.end() ? Json() : found->second;
   };
   for (const Json& adapter : side["adapters"])
-    slots[Member(adapter, "address").is_string() ? adapter["address"].get<std::string>() : ""] = Member(adapter, "slot");
+    slots[Member(adapter, "address").is_string() ? adapter["address"].get<std::string>() : ""] =
+        Member(adapter, "slot");
   slots.erase("");
   for (Json& drive : side["drives"]) {
     drive["slot"] = find(Member(drive, "adapter"));
