@@ -99,6 +99,8 @@ TEST(Inventory, SysfsTellsWhatIsTrue) {
     text(port + "net/" + name + "/dev_port", number);
     machine.MakeLink(std::string("/sys/class/net/") + name, "../../" + port + "net/" + name);
   }
+  machine.MakeLink("/sys/class/net/enx0",
+                   "../../devices/pci0000:00/0000:00:04.0/0000:18:00.0/usb1/1-1/1-1:1.0/net/enx0");
   const std::string hba = "devices/pci0000:00/0000:04:00.0/host9/";
   for (const auto& [name, path] : {std::pair{"host9", hba}, {"host11", hba + "vport-9:0-0/host11/"}}) {
     text(path + "fc_host/" + name + "/port_name", std::string("0x2100000e1e00000") + name[4]);
@@ -114,6 +116,7 @@ TEST(Inventory, SysfsTellsWhatIsTrue) {
             "ib0, [\"ib0\",\"ib1\"], 00:00:10:85, registers");
   EXPECT_EQ(Members(adapters, "1/wwn 1/fc_hosts/0/host 1/fc_hosts/1 1/memory/0 1/ports/0 1/ranges_from"),
             "21:00:00:0e:1e:00:00:09, host9, none, 0xfb00000000-0xfb00ffffff, 0xe000, kernel");
+  EXPECT_EQ(Members(adapters, "3/address 3/interface"), "0000:18:00.0, -");
   EXPECT_EQ(Members(adapters, "5/class 5/driver 5/id"),
             "Non-Volatile-Memory, nvme, PCI\\VEN_144d&DEV_ffa9&SUBSYS_00000000&REV_00");
   EXPECT_EQ(machine.Ravctl("inventory adapters -m *timer -o class,name,title --no-headings").out,
@@ -318,8 +321,9 @@ TEST(InventoryDiff, SidesThatCannotBeRead) {
   machine.WriteFile("/cut.json", "{\"schema\":\"ravctl/inventory\",");
   machine.WriteFile("/other.json", R"({"schema":"ravctl/pci","data":[]})");
   machine.WriteFile("/odd.json", R"({"schema":"ravctl/inventory","data":{"adapters":[7],"drives":[],"volumes":[]}})");
-  machine.WriteFile("/bare.json",
-                    R"({"schema":"ravctl/inventory","data":{"adapters":[{}],"drives":[],"volumes":[{}]}})");
+  machine.WriteFile(
+      "/bare.json",
+      R"({"schema":"ravctl/inventory","data":{"adapters":[{}],"drives":[],"volumes":[{}],"registry":7}})");
   const Fault faults[] = {
       {"/none", 4, "...cannot open: /none..."},
       {"/text", 5, "...the bundle is damaged: /text..."},

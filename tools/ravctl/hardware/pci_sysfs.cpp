@@ -33,6 +33,11 @@ std::string DeviceLink(const std::string& path) {
   return CFile::GetSymbolicLink(target, path + "/device") ? target : "";
 }
 
+// Of an adapter on a bus that the function is the host of, such as a network adapter at a USB port: not the function's.
+bool IsBehindOtherBus(std::string_view link) {
+  return link.find("/usb") != std::string_view::npos || link.find("/mmc") != std::string_view::npos;
+}
+
 // Calls take for each entry of a class that belongs to a function.
 void ForEachEntry(const char* directory,
                   const std::function<void(const std::string& name, const std::string& link, const PciPlace&)>& take) {
@@ -41,7 +46,8 @@ void ForEachEntry(const char* directory,
   std::ranges::sort(names);
   for (const std::string& name : names) {
     const std::string link = DeviceLink(directory + name);
-    if (const auto place = LastPciPlace(link)) take(name, link, *place);
+    const auto place = LastPciPlace(link);
+    if (place && !IsBehindOtherBus(link)) take(name, link, *place);
   }
 }
 
@@ -107,7 +113,8 @@ const std::vector<FcHost>& PciClassDevices::FcHostsOf(const PciPlace& place) con
 }
 
 std::optional<PciPlace> InterfacePlace(const std::string& interface) {
-  return LastPciPlace(DeviceLink(kInterfaces + interface));
+  const std::string link = DeviceLink(kInterfaces + interface);
+  return IsBehindOtherBus(link) ? std::nullopt : LastPciPlace(link);
 }
 
 PciRanges ParsePciRanges(std::string_view text) {

@@ -213,6 +213,8 @@ Json ReadSaved(const std::string& path, const std::string& text) {
   if (!IsInventory(*object)) {
     throw CommandError(ExitCode::kInputDamaged, "not an inventory", path, "save one with ravctl inventory --json");
   }
+  // Settings come from trees and machines alone.
+  (*object)["data"].erase(kRegistry);
   return std::move((*object)["data"]);
 }
 
@@ -411,7 +413,8 @@ void AddSlots(Json& side) {
     return found == slots.end() ? Json() : found->second;
   };
   for (const Json& adapter : side["adapters"])
-    slots[Member(adapter, "address").is_string() ? adapter["address"].get<std::string>() : ""] = Member(adapter, "slot");
+    slots[Member(adapter, "address").is_string() ? adapter["address"].get<std::string>() : ""] =
+        Member(adapter, "slot");
   slots.erase("");
   for (Json& drive : side["drives"]) {
     drive["slot"] = find(Member(drive, "adapter"));
