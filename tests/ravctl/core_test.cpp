@@ -100,9 +100,9 @@ TEST(CommandLine, CsvHoldsTheValuesAsTheyStand) {
   machine.WriteFile("/a.ini", "[a]\nk = one, \"two\"\n");
   EXPECT_EQ(machine.Ravctl("ini sections /a.ini --keys --csv -o key,value,line").out,
             "key,value,line\r\nk,\"one, \"\"two\"\"\",2\r\n");
-  constexpr Fault kFaults[] = {
+  const Fault faults[] = {
       {"registry export --csv", 2, "registry export: the answer is no table: --csv (leave the option out)"}};
-  ExpectFaults(machine, "", kFaults);
+  ExpectFaults(machine, "", faults);
 }
 
 // A key that is described twice, or a command whose answers are not, would go unnoticed.
@@ -329,7 +329,7 @@ std::string Told(const nlohmann::json& findings, const std::string& check) {
 
 TEST(Doctor, AFreshInstallationIsHealthy) {
   const ToolRoot machine;
-  const std::filesystem::path shipped = std::filesystem::path(RAVCTL_SCHEMAS) / "../../../packaging";
+  const std::filesystem::path shipped = std::filesystem::path(RAVCTL_SOURCE) / "../../packaging";
   const std::string settings = "/etc/norrow/QuennetSuite/TraceConfig/ravd.ini";
   machine.WriteFile(settings, ReadWholeFile(shipped / "ravd.ini"));
   machine.WriteFile("/etc/default/ravd", ReadWholeFile(shipped / "ravd.default"));
