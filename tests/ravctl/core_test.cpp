@@ -305,7 +305,7 @@ std::string Told(const nlohmann::json& findings, const std::string& check) {
 
 TEST(Doctor, AFreshInstallationIsHealthy) {
   const ToolRoot machine;
-  const std::filesystem::path shipped = std::filesystem::path(RAVCTL_SCHEMAS) / "../../../packaging";
+  const std::filesystem::path shipped = std::filesystem::path(RAVCTL_SOURCE) / "../../packaging";
   const std::string settings = "/etc/norrow/QuennetSuite/TraceConfig/ravd.ini";
   machine.WriteFile(settings, ReadWholeFile(shipped / "ravd.ini"));
   machine.WriteFile("/etc/default/ravd", ReadWholeFile(shipped / "ravd.default"));
