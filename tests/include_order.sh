@@ -23,7 +23,7 @@ function complain(from, to) {
   wrong = 1
 }
 BEGIN {
-  split("critical_section process descriptor_io regular_file replace_file mapped_copy cancellation unique_fd " \
+  split("export critical_section process descriptor_io regular_file replace_file mapped_copy cancellation unique_fd " \
         "never_destroyed owned_text child_start directory_stream text_cursor", names, " ")
   for (i in names) ground[names[i]] = 1
   rank("ground;trace;platform;registry firmware perfmon netif;pci;inventory;daemon", floor)

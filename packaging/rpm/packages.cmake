@@ -62,7 +62,8 @@ set(CPACK_RPM_RAVD_USER_FILELIST "%config(noreplace) ${RAVD_DEFAULTS_DIR}/ravd"
 set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION ${RAVD_DEFAULTS_DIR} /var /var/log)
 foreach(directory ${CMAKE_INSTALL_SBINDIR} ${CMAKE_INSTALL_LIBEXECDIR} ${CMAKE_INSTALL_LIBDIR} ${CMAKE_INSTALL_LIBDIR}/cmake
     ${CMAKE_INSTALL_LIBDIR}/pkgconfig lib/systemd lib/systemd/system lib/tmpfiles.d share/bash-completion
-    share/bash-completion/completions share/man share/man/man1 share/man/man5 share/man/man8)
+    share/bash-completion/completions share/fish share/fish/vendor_completions.d share/zsh
+    share/zsh/vendor-completions share/man share/man/man1 share/man/man5 share/man/man8)
   list(APPEND CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION /usr/${directory})
 endforeach()
 
