@@ -163,9 +163,7 @@ constexpr Schema kInventory = {"inventory", 1, Record(kInventoryFields), kTreeFi
 
 constexpr auto kDiffFields = std::to_array<Field>({
     {"change", Choice("added|removed|moved|changed"), "what happened", {.color = ChangeColor}},
-    {"kind",
-     Choice("adapter|drive|volume|slot|memory|processor|firmware|kernel|interface|trace|registry"),
-     "to what"},
+    {"kind", Choice("adapter|drive|volume|slot|memory|processor|firmware|kernel|interface|trace|registry"), "to what"},
     {"where", kText, "where it sits"},
     {"slot", kTextOrNull, "the slot of the adapter that it hangs on"},
     {"name", kTextOrNull, "its name"},
