@@ -19,7 +19,7 @@ std::map<std::string, std::string> Missing(const Capture& capture) {
 }
 
 // "path=content" of each file.
-std::vector<std::string> Files(const Capture& capture) {
+std::vector<std::string> Files(Capture& capture) {
   std::vector<std::string> files;
   for (const ravctl::CapturedEntry& entry : capture.Entries())
     if (entry.type == ravctl::EntryType::kFile) files.push_back(entry.path + "=" + entry.content);

@@ -112,7 +112,7 @@ TEST(RegistryText, WhatALineCannotCarryIsTracedAndHarmsNothing) {
     registry.SetValue("Good2", "2");
     const std::string longName(1017, 'n');  // with its number one character too many
     registry.SetValue(longName.c_str(), 123U);
-    registry.SetValue("two\nGood=s=bad", "1");
+    registry.SetValue("two\nGood", "bad");
     registry.CreateKey(nullptr, "a]b");
     const TraceCapture trace(1);
     CRegistry::SaveTree();
@@ -122,7 +122,7 @@ TEST(RegistryText, WhatALineCannotCarryIsTracedAndHarmsNothing) {
     for (const auto& [name, text] : rows)
       EXPECT_EQ(trace.Count("ERROR: \"" + std::string(name) + "\" of key"), 1) << name;
     EXPECT_EQ(trace.Count("will be cut"), 5);
-    EXPECT_EQ(trace.Count("Good=s=bad\" of key"), 1);
+    EXPECT_EQ(trace.Count("Good\" of key"), 1);
     EXPECT_EQ(trace.Lines().size(), 12U);
   });
   const std::string full = std::string(1022 - 7, 'x') + "\n";
