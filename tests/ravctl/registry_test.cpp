@@ -12,6 +12,7 @@ std::string Findings(const nlohmann::json& answer) {
   for (const nlohmann::json& row : answer["data"]["findings"]) {
     const std::string place = row["place"];
     const size_t colon = place.find(':');
+    if (row["severity"] != "bad" && row["severity"] != "note") continue;
     (row["severity"] == "bad" ? bad : notes) +=
         row["check"].get<std::string>() + (colon == std::string::npos ? "" : "@" + place.substr(colon + 1)) + " ";
   }
@@ -101,7 +102,7 @@ TEST(Registry, ExportsComeBack) {
 
 TEST(Registry, VerifyTellsEveryLoss) {
   const RegistryMachine machine;
-  EXPECT_EQ(Findings(machine.Json("registry verify")), "| ");
+  EXPECT_EQ(Findings(machine.Json("registry verify")), "| missing missing missing ");
   const std::pair<std::string, const char*> rows[] = {
       {"", "empty | not whole "},
       {"\n", "no-value | not whole "},

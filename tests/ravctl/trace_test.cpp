@@ -325,7 +325,7 @@ TEST(TraceCommands, FaultsAreOneLineWithTheirStatus) {
       {"show /garbage", 5, "warning: not a trace: no line of it begins an entry: /garbage..."},
       {"stats /t -o nosuch", 2, "trace stats: no such column: nosuch..."},
       {"show /t -o txt", 2,
-       "trace show: no such column: txt (known: time, thread, memory, tag, source, message, text)"},
+       "trace show: no such column: txt (did you mean text?)"},
       {"toggle", 6, "trace toggle: the daemon does not run: /var/run/ravd.pid (start it first)"},
       {"level 9", 2, "LEVEL: Value 9 not in range 0 to 6: trace level (see ravctl trace level --help)"},
       {"shw", 2, "unknown command: shw (did you mean show?)"},

@@ -157,7 +157,7 @@ _ravctl() {
     mapfile -t -O ${#words[@]} words < <("${COMP_WORDS[0]}" "${from[@]}" --csv --no-headings 2>/dev/null | tr -d '\r' | sort -u)
   fi
   [[ -n "$list" && "$current" == *[,+]* ]] && list="${current%"${current##*[,+]}"}" || list=""
-  [[ "$current" == -* || -n "$isvalue" ]] || mapfile -t files < <(compgen -f -- "$current")
+  [[ "$current" == -* || -n "$isvalue" || -n "$from" ]] || mapfile -t files < <(compgen -f -- "$current")
   COMPREPLY=()
   for word in "${words[@]}"; do
     [[ -n "$word" && "$list$word" == "$current"* ]] && COMPREPLY+=("$list$word")
