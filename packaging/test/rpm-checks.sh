@@ -18,7 +18,7 @@ deb_of() { echo "$packages/$1"_[0-9]*.deb; }
 # "MODE OWNER PATH" of each file, and of each directory that only this package has; without what Debian alone wants, and
 # without ".gz", which either may add to texts.
 ours() {
-  sed -E 's/\.gz$//' | grep -E '^-|/[^/]*(rav|pelrix|norrow)' | grep -vE '/(copyright|changelog|lintian/.*|doc/ravctl)$' | sort
+  sed -E 's/\.gz$//' | grep -E '^-|/[^/]*(rav|pelrix|norrow)' | grep -vE '/(copyright|changelog|lintian/.*|doc/(ravctl|libravagent3))$' | sort
 }
 
 in_deb() {
@@ -98,7 +98,7 @@ configuration_is_kept
 requires_what_it_should ravd 'systemd$'
 requires_what_it_should ravctl 'lib(smartcols|archive|elf|z|re2|cap-ng|pci)\.so\.'
 requires_what_it_should libravagent 'nothing'
-requires_what_it_should libravagent-devel '/usr/bin/(pkg-config|cmake)|cmake-filesystem|libravagent(\.so\.3| = )|pkgconfig\(ravd\)'
+requires_what_it_should libravagent-devel '/bin/bash|/usr/bin/(pkg-config|cmake)|cmake-filesystem|libravagent(\.so\.3| = )|pkgconfig\(ravd\)'
 if unshare --map-root-user --mount true 2>/dev/null; then
   service_is_told
 else
