@@ -321,6 +321,16 @@ files_are_right() {
   say "files, owners, modes and hardening are right"
 }
 
+# As ravd_add_module_test has it run, with the daemon of the package.
+module_test_runs() {
+  local module
+  for module in modules/heartbeat.so library_modules/machine_load.so; do
+    inside sh -euc "/usr/lib/*/ravd-module-test/module-test /usr/sbin/ravd /root/kit/my-modules/build/lib/$module 1" \
+      >"$work/module-test.log" 2>&1 || fail "the module test: $(tail -n 20 "$work/module-test.log")"
+  done
+  say "the module test runs the modules in a daemon of their own"
+}
+
 waits_for_its_switch() {
   [ -z "$by_hand" ] || return 0
   [ "$(inside systemctl is-enabled ravd)" = enabled ] || fail "the service is not enabled"
@@ -492,6 +502,7 @@ ravd_needs_no_library
 documented 'apt-get install -y ./build/package/ravd_*.deb ./build/package/ravctl_*.deb'
 documented 'apt-get install -y ./build/package/libravagent3_*.deb ./build/package/libravagent-dev_*.deb'
 timed files_are_right
+timed module_test_runs
 waits_for_its_switch
 timed distribution_test_passes
 put_switch

@@ -30,8 +30,8 @@ unshare --map-root-user --mount true 2>/dev/null || { echo "module-test-checks: 
 for module in "$@"; do
   run "$module" 1 5000 || fail "$module: $(tail -n 20 "$work/said")"
 done
-refused 'left 0 threads and 1 descriptors behind' 'open("/dev/null", O_RDONLY);' '' 5000
-refused 'left 1 threads and 0 descriptors behind' 'std::thread([] { pause(); }).detach();' '' 5000
+refused 'Left behind: descriptor ' 'open("/dev/null", O_RDONLY);' '' 5000
+refused 'Left behind: thread ' 'std::thread([] { pause(); }).detach();' '' 5000
 refused 'traced an error' 'TRACE(1, "\\nBad                 : ERROR! no disk");' '' 5000
 refused 'was not started' 'return false;' '' 5000
 refused 'daemon' 'exit(3);' '' 5000
