@@ -259,9 +259,24 @@ kit_builds_modules() {
   say "modules and programs built from libravagent-dev alone, through cmake and through pkg-config"
 }
 
+# The other compiler, which is this machine's, with the headers and libraries of the root alone.
+clang_builds_them_too() {
+  local source output flags
+  flags=$(PKG_CONFIG_SYSROOT_DIR=$root PKG_CONFIG_LIBDIR=$(echo "$root"/usr/lib/*/pkgconfig):$root/usr/share/pkgconfig \
+    pkg-config --cflags --libs ravagent)
+  mkdir "$kit/clang"
+  for source in "$kit"/my-modules/library/*.cpp "$kit/my-modules/module/machine_load.cpp"; do
+    output=$kit/clang/$(basename "$source" .cpp)
+    case $source in */module/*) output="$output.so -shared" ;; esac
+    clang++ --sysroot="$root" -std=c++20 -Wall -Wextra -Wconversion -Werror -I"$kit/my-modules" "$source" $flags -o $output \
+      >"$work/clang.log" 2>&1 || fail "clang++: $(tail -n 20 "$work/clang.log")"
+  done
+  say "the programs and the module on the library are built by clang++ too"
+}
+
 # The programs on the library, without the daemon; the registry client once more after a save that somebody killed.
-programs_run() {
-  prepare sh -euc 'cd /root/kit/my-modules/build
+programs_run() { # of which directory of the kit
+  prepare sh -euc "cd /root/kit/$1"'
     ./inventory_table | grep "^volume .*% used"
     ./load_sampler 1 | grep "^on average"
     ./interface_watcher 1 | grep "^lo "
@@ -269,7 +284,7 @@ programs_run() {
     mkdir -p /etc/pelrix && ./registry_client && echo half >/etc/pelrix/registry.new
     ./registry_client | grep -x "run 2 is stored"; rm -r /etc/pelrix' >"$work/programs.log" 2>&1 ||
     fail "the programs on the library: $(tail -n 20 "$work/programs.log")"
-  say "the programs on the library run"
+  say "the programs on the library run ($1)"
 }
 
 # Everything that is there, with owner and mode, but for the books of the package tools and of the service manager.
@@ -324,8 +339,8 @@ files_are_right() {
 # As ravd_add_module_test has it run, with the daemon of the package.
 module_test_runs() {
   local module
-  for module in modules/heartbeat.so library_modules/machine_load.so; do
-    inside sh -euc "/usr/lib/*/ravd-module-test/module-test /usr/sbin/ravd /root/kit/my-modules/build/lib/$module 1" \
+  for module in my-modules/build/lib/{modules/heartbeat,library_modules/machine_load}.so clang/machine_load.so; do
+    inside sh -euc "/usr/lib/*/ravd-module-test/module-test /usr/sbin/ravd /root/kit/$module 1" \
       >"$work/module-test.log" 2>&1 || fail "the module test: $(tail -n 20 "$work/module-test.log")"
   done
   say "the module test runs the modules in a daemon of their own"
@@ -491,7 +506,9 @@ timed packages_are_clean
 timed make_root
 timed fill_root
 timed kit_builds_modules
-timed programs_run
+timed clang_builds_them_too
+timed programs_run my-modules/build
+timed programs_run clang
 # What the packages bring as dependencies is part of the machine before them.
 prepare sh -euc 'apt-get purge -y -qq libravagent-dev libravagent3; cd /root/source/build/package
   apt-get install -y -qq --no-install-recommends pciutils $(apt-get install -s --no-install-recommends ./ravctl_*.deb |
