@@ -5,6 +5,7 @@
 
 #include "ravctl/answer/json.h"
 #include "ravctl/base/child.h"
+#include "ravctl/base/gzip.h"
 #include "ravctl/base/text.h"
 #include "ravctl/commands/all_commands.h"
 #include "ravctl/daemon/service_check.h"
@@ -387,5 +388,28 @@ TEST(Doctor, StateOfTheUnit) {
     for (const nlohmann::json& finding : findings)
       told += Members(finding, "severity") + ": " + Members(finding, "finding") + "\n";
     EXPECT_EQ(told, row.told);
+  }
+}
+
+TEST(Gzip, JoinedFilesAreOneAndACutOneKeepsItsFront) {
+  const std::string packed = ravctl::PackGzip("front ") + ravctl::PackGzip(std::string(3000000, 'x') + "end");
+  for (const size_t piece : {size_t{1}, packed.size()}) {
+    for (const size_t length : {packed.size(), packed.size() - 1, packed.size() - 12, size_t{1}}) {
+      std::string text;
+      std::string_view rest = std::string_view(packed).substr(0, length);
+      const char* fault = ravctl::UnpackGzip(
+          [&] {
+            const std::string_view taken = rest.substr(0, piece);
+            rest.remove_prefix(taken.size());
+            return taken;
+          },
+          [&text](std::string_view more) {
+            text += more;
+            return true;
+          });
+      EXPECT_EQ(fault == nullptr, length == packed.size()) << length;
+      EXPECT_EQ(text.starts_with("front "), length > 1) << length;
+      EXPECT_EQ(text.ends_with("end"), length > packed.size() - 9) << length;
+    }
   }
 }

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <algorithm>
 #include <array>
@@ -14,6 +13,7 @@
 #include "platform/unique_fd.h"
 #include "ravctl/answer/output.h"
 #include "ravctl/base/error.h"
+#include "ravctl/base/gzip.h"
 #include "ravctl/base/text.h"
 #include "ravctl/trace/kept_runs.h"
 #include "ravctl/trace/trace_entry.h"
@@ -24,23 +24,6 @@ namespace ravctl {
 namespace {
 
 constexpr size_t kFirstBlock = size_t{4} << 20;
-constexpr std::string_view kGzipMagic = "\x1f\x8b";
-
-// The state of an unpacking.
-class Inflater {
- public:
-  Inflater() { m_IsGood = inflateInit2(&m_Stream, 16 + MAX_WBITS) == Z_OK; }
-  ~Inflater() { inflateEnd(&m_Stream); }
-  Inflater(const Inflater&) = delete;
-  Inflater& operator=(const Inflater&) = delete;
-
-  bool IsGood() const { return m_IsGood; }
-  z_stream& Stream() { return m_Stream; }
-
- private:
-  z_stream m_Stream{};
-  bool m_IsGood = false;
-};
 
 bool Exists(const std::string& path) {
   return ::access(path.c_str(), F_OK) == 0;
@@ -68,7 +51,7 @@ TraceFile::TraceFile(std::string path, size_t largest, bool isKept) : m_Path(std
   }
   char magic[2] = {};
   const ssize_t got = ::pread(file.Get(), magic, sizeof magic, 0);
-  if (got == 2 && std::string_view(magic, 2) == kGzipMagic) {
+  if (got == 2 && IsGzip({magic, 2})) {
     Unpack(file.Get());
   } else {
     ReadPlain(file.Get(), static_cast<size_t>(info.st_size));
@@ -103,36 +86,23 @@ void TraceFile::Grow(size_t room) {
   m_Bytes.reset(larger);
 }
 
-// With the compression library itself rather than an archive reader, which drops the last block of a cut file.
 void TraceFile::Unpack(int fd) {
-  Inflater inflater;
-  if (!inflater.IsGood()) throw std::bad_alloc();
-  z_stream& stream = inflater.Stream();
   std::array<char, 1 << 16> packed{};
   size_t room = 0;
-  for (int result = Z_OK; result != Z_STREAM_END;) {
-    const ssize_t got = stream.avail_in == 0 ? ReadSome(fd, packed.data(), packed.size()) : 1;
+  const auto next = [&]() -> std::string_view {
+    const ssize_t got = ReadSome(fd, packed.data(), packed.size());
     if (got < 0) throw SystemFailure("cannot read the trace", m_Path, errno);
-    if (got == 0) {
-      m_Damage = "its end is missing";
-      return;
-    }
-    if (stream.avail_in == 0) {
-      stream.next_in = reinterpret_cast<Bytef*>(packed.data());
-      stream.avail_in = static_cast<uInt>(got);
-    }
-    if (m_Size == room) Grow(room = std::max(room * 2, kFirstBlock));
-    const auto free = static_cast<uInt>(std::min(room - m_Size, kFirstBlock));
-    stream.next_out = reinterpret_cast<Bytef*>(m_Bytes.get() + m_Size);
-    stream.avail_out = free;
-    result = inflate(&stream, Z_NO_FLUSH);
-    m_Size += free - stream.avail_out;
-    if (result != Z_OK && result != Z_STREAM_END && result != Z_BUF_ERROR) {
-      m_Damage = stream.msg != nullptr ? stream.msg : "damaged";
-      return;
-    }
+    return {packed.data(), static_cast<size_t>(got)};
+  };
+  const auto take = [&](std::string_view piece) {
+    if (m_Size + piece.size() > room) Grow(room = std::max({room * 2, m_Size + piece.size(), kFirstBlock}));
+    piece.copy(m_Bytes.get() + m_Size, piece.size());
+    m_Size += piece.size();
     RefuseAbove(m_Size);
-  }
+    return true;
+  };
+  const char* fault = UnpackGzip(next, take);
+  m_Damage = fault != nullptr ? fault : "";
 }
 
 std::string_view TraceFile::FirstTime() const {

@@ -1,13 +1,11 @@
 #include "ravctl/tree/redact/redact_entries.h"
 
-#include <zlib.h>
-
 #include <algorithm>
 #include <array>
-#include <memory>
-#include <new>
+#include <utility>
 
 #include "ravctl/answer/output.h"
+#include "ravctl/base/gzip.h"
 #include "ravctl/tree/bundle_format.h"
 #include "ravctl/tree/redact/forms.h"
 #include "ravctl/tree/redact/redact_tables.h"
@@ -75,48 +73,16 @@ ContentKind KindOf(const std::string& path) {
 
 // ---- packed traces
 
-bool IsPacked(const std::string& content) {
-  return content.starts_with("\x1f\x8b");
-}
-
 // Null when it unpacked, else what is wrong with it.
 const char* Unpack(std::string& content) {
-  z_stream stream{};
-  if (inflateInit2(&stream, 16 + MAX_WBITS) != Z_OK) throw std::bad_alloc();
-  const std::unique_ptr<z_stream, decltype([](z_stream* each) { inflateEnd(each); })> owner(&stream);
-  stream.next_in = reinterpret_cast<Bytef*>(content.data());
-  stream.avail_in = static_cast<uInt>(content.size());
   std::string text;
-  std::vector<char> room(1 << 20);
-  while (true) {
-    stream.next_out = reinterpret_cast<Bytef*>(room.data());
-    stream.avail_out = static_cast<uInt>(room.size());
-    const int result = inflate(&stream, Z_NO_FLUSH);
-    text.append(room.data(), room.size() - stream.avail_out);
-    if (text.size() > kLargestFile) return "too large to be redacted when unpacked";
-    if (result == Z_STREAM_END && stream.avail_in == 0) break;
-    // gzip files may be joined.
-    const bool goesOn = result == Z_STREAM_END ? inflateReset(&stream) == Z_OK : result == Z_OK;
-    if (!goesOn) return "it is damaged, so that it cannot be redacted";
-  }
+  std::string_view rest = content;
+  const char* fault = UnpackGzip([&rest] { return std::exchange(rest, {}); },
+                                 [&text](std::string_view piece) { return text.append(piece).size() <= kLargestFile; });
+  if (text.size() > kLargestFile) return "too large to be redacted when unpacked";
+  if (fault != nullptr) return "it is damaged, so that it cannot be redacted";
   content = std::move(text);
   return nullptr;
-}
-
-void Pack(std::string& content) {
-  z_stream stream{};
-  if (deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 16 + MAX_WBITS, 8, Z_DEFAULT_STRATEGY) != Z_OK) {
-    throw std::bad_alloc();
-  }
-  std::string packed(deflateBound(&stream, static_cast<uLong>(content.size())) + 32, '\0');
-  stream.next_in = reinterpret_cast<Bytef*>(content.data());
-  stream.avail_in = static_cast<uInt>(content.size());
-  stream.next_out = reinterpret_cast<Bytef*>(packed.data());
-  stream.avail_out = static_cast<uInt>(packed.size());
-  deflate(&stream, Z_FINISH);
-  packed.resize(packed.size() - stream.avail_out);
-  deflateEnd(&stream);
-  content = std::move(packed);
 }
 
 // Leaves packed traces unpacked, and those out that cannot be; the result tells which of the rest were packed.
@@ -125,7 +91,7 @@ std::vector<bool> UnpackTraces(std::vector<CapturedEntry>& entries, std::vector<
   std::vector<CapturedEntry> kept;
   for (CapturedEntry& entry : entries) {
     const bool isPacked =
-        entry.type == EntryType::kFile && KindOf(entry.path) == ContentKind::kTrace && IsPacked(entry.content);
+        entry.type == EntryType::kFile && KindOf(entry.path) == ContentKind::kTrace && IsGzip(entry.content);
     const char* fault = isPacked ? Unpack(entry.content) : nullptr;
     if (fault != nullptr) {
       missing.push_back({"/" + entry.path, fault, false});
@@ -236,7 +202,7 @@ void RedactAll(std::vector<CapturedEntry>& entries, std::vector<Uncaptured>& mis
     done += entry.content.size();
     if (entry.type == EntryType::kFile) {
       RedactContent(entry, redactor);
-      if (wasPacked[at]) Pack(entry.content);
+      if (wasPacked[at]) entry.content = PackGzip(entry.content);
       if (entry.ranges.empty()) entry.size = entry.content.size();
     } else {
       redactor.Text(entry.content);
