@@ -124,7 +124,7 @@ class MachineScan {
         .Add("slot_source", data.slot > 0    ? "firmware"
                             : data.slot == 0 ? "onboard"
                                              : "")
-        .Add("kind", adapter.ClassName)
+        .Add("kind", adapter.ClassName == "Unknown" ? "" : adapter.ClassName)
         .Add("vendor_id", Hex(data.header.VendorId()))
         .Add("device_id", Hex(data.header.DeviceId()))
         .Add("driver", adapter.DriverName == "<unknown>" ? "" : adapter.DriverName)

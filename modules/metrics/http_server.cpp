@@ -4,11 +4,13 @@
 #include <microhttpd.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -57,6 +59,13 @@ std::string Reason(const char* what) {
   return std::string(what) + ": " + std::strerror(errno);
 }
 
+// Half of the descriptors that the process may open, where that is less: the daemon and the other modules need some.
+unsigned int ConnectionLimit() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return 100;
+  return static_cast<unsigned int>(std::min<rlim_t>(limit.rlim_cur / 2, HttpServer::kMaxConnections));
+}
+
 uint16_t PortOf(int socket) {
   sockaddr_in6 address{};
   socklen_t length = sizeof address;
@@ -79,7 +88,7 @@ bool HttpServer::Start(const std::string& where, bool isRemoteAllowed, std::stri
   if (!socket) return false;
   m_Daemon = MHD_start_daemon(MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ERROR_LOG, 0, nullptr, nullptr, &AnswerRequest,
                               this, MHD_OPTION_EXTERNAL_LOGGER, &Drop, nullptr, MHD_OPTION_LISTEN_SOCKET, socket.Get(),
-                              MHD_OPTION_CONNECTION_LIMIT, kMaxConnections, MHD_OPTION_CONNECTION_TIMEOUT,
+                              MHD_OPTION_CONNECTION_LIMIT, ConnectionLimit(), MHD_OPTION_CONNECTION_TIMEOUT,
                               kTimeoutSeconds, MHD_OPTION_CONNECTION_MEMORY_LIMIT, kConnectionMemory, MHD_OPTION_END);
   if (m_Daemon == nullptr) {
     error = "the server does not start";
@@ -153,6 +162,8 @@ void HttpServer::Publish(const std::string& page) {
   if (response != nullptr) MHD_destroy_response(response);
 }
 
+// An answer at the first call, before a body could come, closes the connection afterwards. That is as wanted: it would
+// not last until the next scrape.
 int HttpServer::Answer(MHD_Connection* connection, const char* url, const char* method) {
   const bool isReading =
       std::strcmp(method, MHD_HTTP_METHOD_GET) == 0 || std::strcmp(method, MHD_HTTP_METHOD_HEAD) == 0;

@@ -13,8 +13,9 @@ struct MHD_Connection;
 // Serves one page over HTTP: GET and HEAD of /metrics, anything else is refused. One thread of its own. Whoever scrapes
 // costs a copy to a socket: the page is made by who publishes it.
 //
-// At most kMaxConnections clients at once, each with kConnectionMemory bytes for what it sends and kTimeoutSeconds of
-// silence. The number is high on purpose: with a low one a few clients that never finish shut out the good one.
+// At most kMaxConnections clients at once, and half of the descriptors that the process may open, each with
+// kConnectionMemory bytes for what it sends and kTimeoutSeconds of silence. The number is high on purpose: with a low
+// one a few clients that never finish shut out the good one.
 class HttpServer {
  public:
   static constexpr unsigned int kMaxConnections = 1100;

@@ -21,7 +21,6 @@ namespace {
 
 constexpr const char* kSection = "metrics";
 constexpr const char* kNone = "none";
-constexpr unsigned int kVolumeSeconds = 60;
 constexpr unsigned int kTextFileSeconds = 60;
 constexpr int kScanMs = 300'000;  // a drive that does not answer holds a scan up for 50 seconds
 constexpr int kVolumeScanMs = 50'000;
@@ -49,6 +48,7 @@ MetricsSettings MetricsSettings::Read() {
   settings.isRemoteAllowed = file.GetNumber(kSection, "AllowRemote", 0) != 0;
   settings.withSerialNumbers = file.GetNumber(kSection, "SerialNumbers", 0) != 0;
   settings.intervalSeconds = std::max(file.GetNumber(kSection, "Interval", settings.intervalSeconds), 1U);
+  settings.volumeSeconds = std::max(file.GetNumber(kSection, "Volumes", settings.volumeSeconds), 10U);
   settings.rescanSeconds = std::max(file.GetNumber(kSection, "Rescan", settings.rescanSeconds), 60U);
   settings.program = MachineQuery::FindProgram();
   return settings;
@@ -128,9 +128,12 @@ void Metrics::WriteTextFile(const std::string& page) {
 }
 
 void Metrics::LookAtHardware() {
-  Clock::time_point hardware;
+  Clock::time_point volumes, hardware;
+  std::string devices;
   do {
-    bool hasNews = ScanVolumes();
+    const std::string devicesNow = ListDevices();
+    if (std::exchange(devices, devicesNow) != devicesNow) volumes = hardware = Clock::time_point();
+    bool hasNews = IsTime(volumes, m_Settings.volumeSeconds) && ScanVolumes();
     if (IsTime(hardware, m_Settings.rescanSeconds)) hasNews = ScanHardware() || hasNews;
     if (!hasNews) continue;
     {
@@ -138,7 +141,7 @@ void Metrics::LookAtHardware() {
       m_HasNews = true;
     }
     m_Wake.notify_all();
-  } while (!WaitForStop(kVolumeSeconds));
+  } while (!WaitForStop(m_Settings.intervalSeconds));
 }
 
 // Volumes that do not answer in time leave the figures of before; each one that is slow tells so by itself.

@@ -16,7 +16,8 @@ struct MetricsSettings {
   bool isRemoteAllowed = false;       // AllowRemote: others than this machine may reach Listen
   bool withSerialNumbers = false;     // SerialNumbers: of machine, memory modules and drives
   unsigned int intervalSeconds = 15;  // Interval: between two samples
-  unsigned int rescanSeconds = 600;   // Rescan: between two looks at the hardware
+  unsigned int volumeSeconds = 300;   // Volumes: between two looks at the volumes
+  unsigned int rescanSeconds = 3600;  // Rescan: between two looks at the hardware; what comes or goes is seen at once
   std::string program;                // not a setting: that of MachineQuery
 
   static constexpr const char* kTextFile = "/var/lib/prometheus/node-exporter/ravd.prom";

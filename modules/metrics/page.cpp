@@ -212,7 +212,8 @@ void WriteRecord(Page& page, const MachineFamily& family, const MachineRecord& r
   uint64_t whole = 0;
   if (const auto read = std::from_chars(text.data(), end, whole); read.ec == std::errc{} && read.ptr == end)
     page.Sample(labels, whole);
-  else if (const auto real = std::from_chars(text.data(), end, value); real.ec == std::errc{} && real.ptr == end)
+  else if (const auto real = std::from_chars(text.data(), end, value);
+           real.ec == std::errc{} && real.ptr == end && value >= 0)  // a negative one stands for an unknown one
     page.Sample(labels, value);
 }
 

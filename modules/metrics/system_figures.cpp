@@ -22,6 +22,7 @@ constexpr const char* kNetDev = "/proc/net/dev";
 constexpr const char* kOwnStat = "/proc/self/stat";
 constexpr const char* kOwnDescriptors = "/proc/self/fd";
 constexpr const char* kNetClass = "/sys/class/net/";
+constexpr const char* kDeviceDirectories[] = {"/sys/bus/pci/devices", "/sys/block"};
 constexpr uint64_t kBytesPerMegabit = 125'000;
 
 std::string_view NextWord(std::string_view& text) {
@@ -211,4 +212,19 @@ std::vector<ModuleFigures> ReadModules() {
     modules.push_back(std::move(module));
   }
   return modules;
+}
+
+std::string ListDevices() {
+  std::vector<std::string> names;
+  for (const char* directory : kDeviceDirectories) {
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
+         entry.increment(error))
+      names.push_back(entry->path().string());
+  }
+  std::ranges::sort(names);
+  std::string list;
+  for (const std::string& name : names)
+    list += name + '\n';
+  return list;
 }

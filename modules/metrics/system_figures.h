@@ -22,3 +22,6 @@ inline constexpr size_t kMaxInterfaces = 64;
 
 // What the switch says of its modules (kModuleStates).
 std::vector<ModuleFigures> ReadModules();
+
+// The names of the PCI functions and block devices, sorted: what is other after one of them has come or gone.
+std::string ListDevices();
