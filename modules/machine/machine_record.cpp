@@ -72,11 +72,15 @@ std::map<std::pair<std::string, std::string>, const MachineRecord*> Index(const 
   return index;
 }
 
+std::string NameOf(const MachineRecord& record) {
+  return record.Get("device").empty() ? record.key : record.Get("device");
+}
+
 void CompareFields(const MachineRecord& before, const MachineRecord& after, std::vector<MachineChange>& changes) {
   const auto add = [&](const std::string& name) {
     if (before.Get(name) != after.Get(name))
-      changes.push_back(
-          {MachineChange::kChanged, after.kind, after.key, after.Get("slot"), name, before.Get(name), after.Get(name)});
+      changes.push_back({MachineChange::kChanged, after.kind, after.key, NameOf(after), after.Get("slot"), name,
+                         before.Get(name), after.Get(name)});
   };
   for (const auto& [name, value] : before.fields)
     add(name);
@@ -135,12 +139,13 @@ std::vector<MachineChange> CompareMachines(const MachineRecords& before, const M
   for (const auto& [id, record] : old) {
     const auto same = now.find(id);
     if (same == now.end())
-      changes.push_back({MachineChange::kRemoved, id.first, id.second, record->Get("slot"), "", "", ""});
+      changes.push_back(
+          {MachineChange::kRemoved, id.first, id.second, NameOf(*record), record->Get("slot"), "", "", ""});
     else
       CompareFields(*record, *same->second, changes);
   }
   for (const auto& [id, record] : now)
     if (!old.contains(id))
-      changes.push_back({MachineChange::kAdded, id.first, id.second, record->Get("slot"), "", "", ""});
+      changes.push_back({MachineChange::kAdded, id.first, id.second, NameOf(*record), record->Get("slot"), "", "", ""});
   return changes;
 }

@@ -43,6 +43,7 @@ struct MachineChange {
   Kind change;
   std::string kind;    // of the record
   std::string key;     // of the record
+  std::string name;    // for people: the device's, where the key says little
   std::string slot;    // where that is known
   std::string field;   // kChanged alone: which
   std::string before;  // kChanged alone: "" when it was not known

@@ -164,7 +164,7 @@ class MachineScan {
     const std::string block = std::string(kBlock) + "/" + device;
     if (address.empty()) address = PciAddressOf(block);
     const std::string sectors = Positive(ReadLine(block + "/size"));
-    MachineRecord record{"drive", serial.empty() ? device : Trim(serial), {}};
+    MachineRecord record{"drive", KeyOf(device, Trim(serial)), {}};
     record.Add("device", device)
         .Add("address", address)
         .Add("slot", m_Slots[address])
@@ -174,6 +174,17 @@ class MachineScan {
     if (m_WithSerialNumbers) record.Add("serial", Trim(serial));
     if (!sectors.empty()) record.Add("size", std::to_string(std::strtoull(sectors.c_str(), nullptr, 10) * kSectorSize));
     m_Records.push_back(std::move(record));
+  }
+
+  // The same for the drive under another name. Who is not to know the serial number gets a number made of it (FNV-1a).
+  std::string KeyOf(const std::string& device, const std::string& serial) const {
+    if (serial.empty() || m_WithSerialNumbers) return serial.empty() ? device : serial;
+    uint64_t hash = 0xcbf29ce484222325;
+    for (const char letter : serial)
+      hash = (hash ^ static_cast<unsigned char>(letter)) * 0x100000001b3;
+    char text[32];
+    std::snprintf(text, sizeof text, "#%016llx", static_cast<unsigned long long>(hash));
+    return text;
   }
 
   const bool m_WithSerialNumbers;

@@ -5,6 +5,9 @@ file(READ debian/control control)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS debian/control ${PROJECT_SOURCE_DIR}/CHANGELOG.md)
 
 set(CPACK_COMPONENTS_ALL ravd ravctl library devel)
+if(TARGET module_switch)
+  list(APPEND CPACK_COMPONENTS_ALL modules)
+endif()
 if(RAVD_DOCS)
   list(APPEND CPACK_COMPONENTS_ALL doc)
 endif()
@@ -12,6 +15,7 @@ set(debian_name_of_ravd ravd)
 set(debian_name_of_ravctl ravctl)
 set(debian_name_of_library libravagent3)
 set(debian_name_of_devel libravagent-dev)
+set(debian_name_of_modules ravd-modules)
 set(debian_name_of_doc ravd-doc)
 foreach(component ${CPACK_COMPONENTS_ALL})
   string(REGEX MATCH "\nPackage: ${debian_name_of_${component}}\n([^\n]+\n)+" paragraph "${control}")
@@ -22,6 +26,7 @@ foreach(component ${CPACK_COMPONENTS_ALL})
 endforeach()
 set(CPACK_RPM_MAIN_COMPONENT ravd)
 set(CPACK_RPM_RAVCTL_PACKAGE_NAME ravctl)
+set(CPACK_RPM_MODULES_PACKAGE_NAME ravd-modules)
 set(CPACK_RPM_LIBRARY_PACKAGE_NAME libravagent)
 set(CPACK_RPM_DEVEL_PACKAGE_NAME libravagent-devel)
 set(CPACK_RPM_DOC_PACKAGE_NAME ravd-doc)
@@ -55,6 +60,8 @@ set(CPACK_RPM_RAVD_POST_UNINSTALL_SCRIPT_FILE ${CMAKE_CURRENT_SOURCE_DIR}/rpm/po
 foreach(moment POST PREUN POSTUN)
   set(CPACK_RPM_RAVD_PACKAGE_REQUIRES_${moment} systemd)
 endforeach()
+set(CPACK_RPM_MODULES_POST_INSTALL_SCRIPT_FILE ${CMAKE_CURRENT_SOURCE_DIR}/rpm/restart_service.sh)
+set(CPACK_RPM_MODULES_POST_UNINSTALL_SCRIPT_FILE ${CMAKE_CURRENT_SOURCE_DIR}/rpm/restart_service.sh)
 set(CPACK_RPM_RAVD_USER_FILELIST "%config(noreplace) ${RAVD_DEFAULTS_DIR}/ravd"
   "%config(noreplace) /etc/norrow/QuennetSuite/TraceConfig/ravd.ini")
 
@@ -76,6 +83,11 @@ set(CPACK_RPM_SPEC_MORE_DEFINE [[
 %define _build_id_links none
 %if "%{name}" == "ravd"
 Suggests: ravctl
+%endif
+%if "%{name}" == "ravd-modules"
+Requires: ravd = %{version}-%{release}
+Provides: ravd-switch
+Conflicts: ravd-switch
 %endif
 %if "%{name}" == "ravctl"
 Recommends: ravd, pciutils
