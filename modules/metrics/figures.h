@@ -8,19 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "machine/interfaces.h"
 #include "machine/machine_record.h"
 
 // All that a page tells, as plain values. What is not known is absent, never a number that stands for it.
-
-struct InterfaceFigures {
-  std::string device;   // "eth0"
-  std::string address;  // of its PCI function, "" without one
-  std::string mac;
-  std::optional<bool> isUp;
-  std::optional<uint64_t> speed;     // bytes per second
-  std::optional<uint64_t> received;  // bytes
-  std::optional<uint64_t> sent;      // bytes
-};
 
 // Seconds since the start of the machine, in the order of the first line of /proc/stat.
 inline constexpr std::array<const char*, 8> kCpuModes = {"user",   "nice", "system",  "idle",

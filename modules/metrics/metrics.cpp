@@ -11,6 +11,7 @@
 
 #include "base/whole_file.h"
 #include "daemon/version.h"
+#include "machine/interfaces.h"
 #include "metrics/page.h"
 #include "metrics/system_figures.h"
 #include "platform/ini_file.h"

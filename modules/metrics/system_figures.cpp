@@ -5,10 +5,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
-#include <filesystem>
 #include <memory>
 
+#include "base/text_cursor.h"
 #include "base/whole_file.h"
 #include "platform/ini_file.h"
 #include "switch/module_interface.h"
@@ -18,63 +17,14 @@ namespace {
 
 constexpr const char* kStat = "/proc/stat";
 constexpr const char* kMeminfo = "/proc/meminfo";
-constexpr const char* kNetDev = "/proc/net/dev";
 constexpr const char* kOwnStat = "/proc/self/stat";
 constexpr const char* kOwnDescriptors = "/proc/self/fd";
-constexpr const char* kNetClass = "/sys/class/net/";
-constexpr const char* kDeviceDirectories[] = {"/sys/bus/pci/devices", "/sys/block"};
-constexpr uint64_t kBytesPerMegabit = 125'000;
-
-std::string_view NextWord(std::string_view& text) {
-  text.remove_prefix(std::min(text.find_first_not_of(" \t"), text.size()));
-  const size_t end = std::min(text.find_first_of(" \t\n"), text.size());
-  const std::string_view word = text.substr(0, end);
-  text.remove_prefix(end);
-  return word;
-}
-
-std::string_view NextLine(std::string_view& text) {
-  const size_t end = std::min(text.find('\n'), text.size());
-  const std::string_view line = text.substr(0, end);
-  text.remove_prefix(std::min(end + 1, text.size()));
-  return line;
-}
-
-std::optional<uint64_t> ToNumber(std::string_view text) {
-  uint64_t value = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (error != std::errc{} || end != text.data() + text.size()) return std::nullopt;
-  return value;
-}
 
 double Sum(const CpuSeconds& seconds) {
   double sum = 0;
   for (const double part : seconds)
     sum += part;
   return sum;
-}
-
-// Those of sysfs. The kernel says "unknown" of an interface without a link of its own that is up.
-void AddProperties(InterfaceFigures& interface) {
-  const std::string directory = kNetClass + interface.device + "/";
-  interface.mac = ReadLine(directory + "address");
-  char target[512];
-  const ssize_t length = ::readlink((directory + "device").c_str(), target, sizeof target);
-  const std::string device(target, length > 0 ? static_cast<size_t>(length) : 0);
-  const std::string name = device.substr(device.rfind('/') + 1);
-  if (name.size() >= 12 && name[name.size() - 2] == '.') {
-    interface.address = name;
-  } else if (!name.empty()) {  // a virtio device lies below its PCI function
-    std::error_code error;
-    const std::string parent =
-        std::filesystem::canonical(directory + "device", error).parent_path().filename().string();
-    if (parent.size() >= 12 && parent[parent.size() - 2] == '.') interface.address = parent;
-  }
-  const std::string state = ReadLine(directory + "operstate");
-  if (!state.empty()) interface.isUp = state == "up" || state == "unknown";
-  const std::optional<uint64_t> megabits = ToNumber(ReadLine(directory + "speed"));  // "-1" is no number
-  // Some drivers say 2^32 - 1 for a link that is down.
-  if (megabits && *megabits > 0 && *megabits < UINT32_MAX) interface.speed = *megabits * kBytesPerMegabit;
 }
 
 std::optional<uint64_t> CountEntries(const char* directory) {
@@ -154,25 +104,6 @@ MemoryFigures ParseMemory(std::string_view text) {
   return memory;
 }
 
-std::vector<InterfaceFigures> ParseInterfaces(std::string_view text) {
-  std::vector<InterfaceFigures> interfaces;
-  while (!text.empty()) {
-    std::string_view line = NextLine(text);
-    const size_t colon = line.rfind(':');
-    if (colon == std::string_view::npos) continue;  // the headings
-    std::string_view name = line.substr(0, colon);
-    InterfaceFigures interface;
-    interface.device = NextWord(name);
-    line.remove_prefix(colon + 1);
-    interface.received = ToNumber(NextWord(line));
-    for (int column = 1; column < 8; ++column)
-      NextWord(line);
-    interface.sent = ToNumber(NextWord(line));
-    if (!interface.device.empty()) interfaces.push_back(std::move(interface));
-  }
-  return interfaces;
-}
-
 void SampleSystem(Figures& figures) {
   const double ticksPerSecond = static_cast<double>(::sysconf(_SC_CLK_TCK));
   const std::string stat = ReadWhole(kStat).value_or("");
@@ -187,12 +118,7 @@ void SampleSystem(Figures& figures) {
   figures.process = SampleProcess(ticksPerSecond, BootTime(stat));
   figures.isTracing = Debug.m_TraceActive.load(std::memory_order_relaxed);
   figures.traceLevel = Debug.m_TraceLevel.load(std::memory_order_relaxed);
-  figures.interfaces = ParseInterfaces(ReadWhole(kNetDev).value_or(""));
-  std::ranges::for_each(figures.interfaces, AddProperties);
-  std::ranges::sort(figures.interfaces, {}, [](const InterfaceFigures& interface) {
-    return std::pair(interface.address.empty(), interface.device);
-  });
-  if (figures.interfaces.size() > kMaxInterfaces) figures.interfaces.resize(kMaxInterfaces);
+  figures.interfaces = ReadInterfaces();
 }
 
 std::vector<ModuleFigures> ReadModules() {
@@ -212,19 +138,4 @@ std::vector<ModuleFigures> ReadModules() {
     modules.push_back(std::move(module));
   }
   return modules;
-}
-
-std::string ListDevices() {
-  std::vector<std::string> names;
-  for (const char* directory : kDeviceDirectories) {
-    std::error_code error;
-    for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
-         entry.increment(error))
-      names.push_back(entry->path().string());
-  }
-  std::ranges::sort(names);
-  std::string list;
-  for (const std::string& name : names)
-    list += name + '\n';
-  return list;
 }

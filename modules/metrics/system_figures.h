@@ -12,16 +12,8 @@ bool ParseCpu(std::string_view text, double ticksPerSecond, CpuSeconds& seconds)
 std::optional<double> BusyBetween(const CpuSeconds& before, const CpuSeconds& now);
 // /proc/meminfo.
 MemoryFigures ParseMemory(std::string_view text);
-// /proc/net/dev: names and bytes alone.
-std::vector<InterfaceFigures> ParseInterfaces(std::string_view text);
-
-// Fills cpu, memory, interfaces, process and trace; cpuBusy against the sample that the figures held. At most that many
-// interfaces, those of hardware first, then by name.
+// Fills cpu, memory, interfaces, process and trace; cpuBusy against the sample that the figures held.
 void SampleSystem(Figures& figures);
-inline constexpr size_t kMaxInterfaces = 64;
 
 // What the switch says of its modules (kModuleStates).
 std::vector<ModuleFigures> ReadModules();
-
-// The names of the PCI functions and block devices, sorted: what is other after one of them has come or gone.
-std::string ListDevices();

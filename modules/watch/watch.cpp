@@ -9,7 +9,7 @@
 #include <ctime>
 #include <utility>
 
-#include "metrics/system_figures.h"
+#include "machine/interfaces.h"
 #include "platform/ini_file.h"
 #include "switch/module_interface.h"
 #include "trace/debug.h"
@@ -115,10 +115,8 @@ void Watch::LookAtVolumes() {
 }
 
 void Watch::LookAtLinks() {
-  Figures figures;
-  SampleSystem(figures);
   MachineRecords links;
-  for (const InterfaceFigures& interface : figures.interfaces) {
+  for (const InterfaceFigures& interface : ReadInterfaces()) {
     if (interface.address.empty() || !interface.isUp) continue;
     links.push_back(MachineRecord{"interface", interface.device, {}}.Add("up", *interface.isUp ? "1" : "0"));
   }
