@@ -4,8 +4,32 @@
 
 #include "support/daemon_root.h"
 #include "switch/module_interface.h"
+#include "switch/module_thread.h"
 
 using ::testing::HasSubstr, ::testing::Not;
+
+TEST(ModuleThread, CallsThatReturnThrowOrDoNotComeBack) {
+  using Result = ModuleThread::Result;
+  constexpr uint32_t kLong = 600'000;
+  std::mutex gate;
+  std::atomic<int> late = 0;
+  {
+    ModuleThread thread;
+    EXPECT_EQ(thread.Call([] { return true; }, kLong), Result::kDone);
+    EXPECT_EQ(thread.Call([] { return false; }, kLong), Result::kRefused);
+    EXPECT_EQ(thread.Call([]() -> bool { throw std::runtime_error("no disk"); }, kLong), Result::kThrew);
+    EXPECT_EQ(thread.Reason(), "it threw: no disk");
+    EXPECT_EQ(thread.Call([]() -> bool { throw 1; }, kLong), Result::kThrew);
+    const std::lock_guard<std::mutex> lock(gate);
+    const auto wait = [&gate] { return gate.lock(), gate.unlock(), true; };
+    EXPECT_EQ(thread.Call(wait, 1, [&late] { ++late; }), Result::kLost);
+    EXPECT_TRUE(thread.IsLost());
+    EXPECT_EQ(thread.Call([] { return true; }, kLong), Result::kLost);
+  }
+  EXPECT_TRUE(WaitUntil([&late] { return late == 1; }));
+}
+
+#ifdef MODULE_SWITCH  // builds with sanitizers have none
 
 namespace {
 
@@ -114,3 +138,5 @@ TEST_F(ModuleSwitch, GoodModulesAreUnloadedAndAThreadThatIsLeftKeepsItsCode) {
   Run([] {});
   ExpectInOrder(log, {"b_leaves stops", "all modules stay in memory", "## EXIT PROCESS RAVD ##"});
 }
+
+#endif
