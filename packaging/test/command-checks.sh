@@ -57,6 +57,7 @@ machine_commands_are_run() {
 stage() {
   DESTDIR=$work/stage cmake --install "$build" >/dev/null
   local prefix=$work/stage$(sed -n 's/^CMAKE_INSTALL_PREFIX:PATH=//p' "$build/CMakeCache.txt")
+  rm -rf "$prefix/lib/ravd" && mkdir "$prefix/lib/ravd"  # the example switch and its modules, no others
   cp -r "$build/examples/lib/." "$prefix/lib/ravd"
   echo "$prefix"
 }

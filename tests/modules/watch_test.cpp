@@ -2,6 +2,10 @@
 
 #include "watch/watch.h"
 
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include "platform/unique_fd.h"
 #include "support/daemon_root.h"
 
 namespace {
@@ -67,6 +71,25 @@ TEST(Watch, TellsWhatChangedAlsoAcrossRestarts) {
     WriteWholeFile("/program", "#!/bin/sh\nexec sleep 1000\n");
     Watch watch(settings, told.Teller());  // whose end comes while the program hangs
     watch.Start();
+  });
+}
+
+TEST(Watch, JournalGetsFields) {
+  const FixtureRoot root;
+  root.MakeDirectory("/run/systemd/journal");
+  root.Run([] {
+    const UniqueFd journal(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const sockaddr_un address{AF_UNIX, "/run/systemd/journal/socket"};
+    ASSERT_EQ(::bind(journal.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    const MachineChange change{MachineChange::kChanged, "drive", "S1", "sda", "3", "firmware", "A\nB", "C"};
+    Watch::Tell(change, Watch::Describe(change));
+    char entry[4096] = {};
+    ASSERT_GT(::recv(journal.Get(), entry, sizeof entry - 1, MSG_DONTWAIT), 0);
+    const std::string text(entry, sizeof entry);
+    for (const char* field : {"RAVD_KIND=drive\n", "RAVD_CHANGE=changed\n", "RAVD_DEVICE=sda\n", "RAVD_SLOT=3\n",
+                              "RAVD_FIELD=firmware\n", "RAVD_AFTER=C\n", "PRIORITY=5\n", "SYSLOG_IDENTIFIER=ravd\n"})
+      EXPECT_THAT(text, ::testing::HasSubstr(field));
+    EXPECT_THAT(text, ::testing::HasSubstr(std::string("RAVD_BEFORE\n\3\0\0\0\0\0\0\0A\nB\n", 24)));  // its binary form
   });
 }
 
