@@ -77,6 +77,35 @@ TEST(Inventory, BareMachineAndCapturedTree) {
   EXPECT_EQ(answer["data"], live.Json("inventory", 0, {}, kNetwork)["data"]);
 }
 
+// What only the running machine answered stands in a bundle and is filled in where the files of the tree do not tell.
+TEST(Inventory, CapturedAnswersAreFilledIn) {
+  const ToolRoot machine;
+  ServerTree().Install(machine);
+  machine.MakeDirectory("/system");
+  ASSERT_EQ(machine.Ravctl("bundle /b.tar.gz").status, 0);
+  const nlohmann::json captured = machine.Json("inventory --sysroot /b.tar.gz");
+  EXPECT_EQ(captured["warnings"].size(), 0U);
+  const std::string size = "volumes/2/mount_point volumes/2/size_kb volumes/0/size_kb";
+  EXPECT_EQ(Members(captured["data"], size), Members(machine.Json("inventory")["data"], size));
+  EXPECT_TRUE(captured["data"]["volumes"][2]["size_kb"].is_number()) << captured["data"]["volumes"];
+
+  ServerTree().Install(machine, "/tree");
+  nlohmann::json drives = machine.Json("inventory drives");
+  drives["data"][2].update({{"serial", "S4 NV-77/1"}, {"name", "RAVEN NV-2000"}, {"sources", {{"serial", "library"}}}});
+  machine.WriteFile("/tree/ravctl/inventory-drives.json", drives.dump());
+  EXPECT_EQ(machine.Ravctl("inventory drives --sysroot /tree -o device,name,serial --no-headings").out,
+            "/dev/sda     RAID 5 Volume -\n/dev/nst0    UBRIUM-TD4    -\n/dev/nvme0n1 RAVEN NV-2000 S4 NV-77/1\n");
+  const Fault faults[] = {
+      {"net list", 4, "...the tree does not hold what only a running machine tells: /ravctl/net-list.json..."},
+      {"inventory drives", 5,
+       "...the captured answer is damaged: /ravctl/inventory-drives.json: it is no ravctl/inv..."},
+      {"perf", 5, "...the captured answer is damaged: /ravctl/perf-sample.json..."}};
+  drives["data"][0]["size_kb"] = "large";
+  machine.WriteFile("/tree/ravctl/inventory-drives.json", drives.dump());
+  machine.WriteFile("/tree/ravctl/perf-sample.json", "{");
+  ExpectFaults(machine, "--sysroot /tree", faults);
+}
+
 // What the library leaves out or has wrong by its own rules.
 TEST(Inventory, SysfsTellsWhatIsTrue) {
   const ToolRoot machine;

@@ -18,6 +18,7 @@
 #include "ravctl/line/command.h"
 #include "ravctl/line/parse.h"
 #include "ravctl/tree/enter.h"
+#include "ravctl/tree/live_answers.h"
 
 namespace ravctl {
 
@@ -109,7 +110,7 @@ void EnterTree(const CommandText& command, const std::string& tree, Output& out)
   }
   EnterSysroot(tree);
   out.SetRoot(tree);
-  if (!command.liveOnly.empty()) {
+  if (!command.liveOnly.empty() && !HasCapturedAnswers()) {
     out.Warn("a captured tree cannot hold what only a running kernel tells", command.liveOnly,
              "ask on the machine itself");
   }

@@ -28,10 +28,7 @@ constexpr const char* kModuleDirectory = "/usr/lib/ravd";
 constexpr size_t kMostModules = 1000;
 
 void AddText(const char* path, std::string text, Capture& capture) {
-  if (text.empty()) return;
-  CapturedEntry entry{.path = path + 1, .content = std::move(text)};
-  entry.size = entry.content.size();
-  capture.AddEntry(std::move(entry));
+  if (!text.empty()) capture.AddText(path, std::move(text));
 }
 
 std::string LinesWith(const std::string& text, std::string_view part) {

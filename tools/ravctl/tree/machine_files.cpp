@@ -180,10 +180,8 @@ void CaptureTraces(const TraceChoice& traces, Capture& capture) {
 // part of /usr, which a tree has from the machine that shows it.
 void CaptureLinkedFiles(Capture& capture) {
   for (const char* path : {"/etc/localtime", "/etc/os-release"}) {
-    CapturedEntry entry{.path = path + 1};
-    if (ReadFileInto(path, entry.content) != 0) continue;
-    entry.size = entry.content.size();
-    capture.AddEntry(std::move(entry));
+    std::string content;
+    if (ReadFileInto(path, content) == 0) capture.AddText(path, std::move(content));
   }
 }
 
@@ -213,10 +211,7 @@ void CaptureMachine(const TraceChoice& traces, Capture& capture) {
 
 const std::vector<std::string>& LiveOnlyAnswers() {
   static const std::vector<std::string> answers = {
-      "addresses, flags, rates and routes of the network interfaces (netlink, SIOCGIF*)",
-      "permanent MAC addresses, driver versions and link speeds (SIOCETHTOOL)",
-      "INQUIRY data of the drives: their serial numbers, and names of NVMe drives (SG_IO)",
-      "sizes and usage of the volumes (statvfs)",
+      "load and rates of traffic at other times than that of the capture",
       "output of lspci, which is run anew on the captured functions; of vim-cmd and vmkfstools (VMware hosts)",
   };
   return answers;

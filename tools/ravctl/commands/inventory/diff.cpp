@@ -236,7 +236,7 @@ bool IsLive(const std::string& operand) {
 
 Json ReadSide(const std::string& operand, Output& out) {
   if (IsLive(operand)) {
-    const InventoryRecords records = ReadInventory(kAllRecords);
+    const InventoryRecords records = ReadRecords(kAllRecords);
     WarnAboutRights(records, out);
     Json side = records.ToJson();
     AddSettings(side, out);
@@ -247,7 +247,7 @@ Json ReadSide(const std::string& operand, Output& out) {
   if (!file || ::fstat(file.Get(), &info) != 0) throw SystemFailure("cannot open", operand, errno);
   if (S_ISDIR(info.st_mode) || (S_ISREG(info.st_mode) && !BeginsAsJson(file.Get()))) {
     return ReadInTree(operand, [&out] {
-      Json side = ReadInventory(kAllRecords).ToJson();
+      Json side = ReadRecords(kAllRecords).ToJson();
       AddSettings(side, out);
       return side;
     });

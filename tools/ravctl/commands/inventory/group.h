@@ -19,6 +19,11 @@ void AddInventoryDiff(Command& inventory);
 // What they answer.
 extern const Schema kInventory, kInventoryAdapters, kInventoryDrives, kInventoryVolumes, kInventoryDiff;
 
+// The whole answers of the running machine, for a bundle. Throw CommandError.
+Json ReadInventoryAdapters();
+Json ReadInventoryDrives();
+Json ReadInventoryVolumes();
+
 // What the commands share
 
 struct InventoryOptions {
@@ -28,6 +33,9 @@ struct InventoryOptions {
 
 void AddAllOption(Command& command, InventoryOptions& options);
 
+// The records; in the tree of a bundle with what it holds of the answers that only the running machine gave. Throws
+// CommandError.
+InventoryRecords ReadRecords(unsigned int parts);
 // The records, with a warning for what this user may not see.
 InventoryRecords ReadInventory(unsigned int parts, bool all, Output& out);
 Json WithoutKernelVolumes(const Json& volumes);
