@@ -9,6 +9,7 @@
 #include "ravctl/base/child.h"
 #include "ravctl/base/error.h"
 #include "ravctl/base/files.h"
+#include "ravctl/base/mapping.h"
 #include "ravctl/base/text.h"
 #include "ravctl/daemon/library_check.h"
 #include "ravctl/daemon/process.h"
@@ -60,8 +61,8 @@ std::string Modules() {
     // The PID file stands among what could not be read.
   }
   for (const std::string& line : SplitList(maps, '\n')) {
-    const size_t slash = line.find('/');
-    if (slash != std::string::npos && line.find(".so", slash) != std::string::npos) paths.insert(line.substr(slash));
+    const std::optional<Mapping> mapping = ParseMapping(line);
+    if (mapping && mapping->path.find(".so") != std::string::npos) paths.insert(mapping->path);
   }
   std::string text;
   size_t count = 0;
