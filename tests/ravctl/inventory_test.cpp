@@ -297,12 +297,22 @@ TEST(InventoryDiff, WhatIsNoDevice) {
     const auto module = [](uint64_t mib) {
       return std::string(8, 0) + LittleEndian(mib, 2) + "\x09\0\x01\0\x1a"s + std::string(5, 0) + "\x02\0\x03"s;
     };
+    // Cores, those that are switched on, and threads; a byte is too small for what the second one has.
+    const auto processor = [](const char* cores, uint64_t threads) {
+      return "\x01\x03\xB3\x02"s + std::string(8, 0) + "\x03"s + std::string(7, 0) + "\x41"s + std::string(7, 0) +
+             "\x04"s + std::string(2, 0) + std::string(cores, 2) + LittleEndian(std::min<uint64_t>(threads, 255), 1) +
+             std::string(8, 0) + LittleEndian(threads, 2);
+    };
+    const std::string empty = "\x01\x03\xB3\x02"s + std::string(16, 0) + std::string(20, 0);
     FixtureRoot tree;
     WriteSmbios(
         tree, SmbiosTable()
                   .Add(0, "\x01\x02\0\0\x03\0"s + std::string(8, 0), {"Kestrel", isAfter ? "2.1" : "2.0", "01/02/2026"})
                   .Add(17, module(16384), {"DIMM A1", isAfter ? "S9" : "S1", "RV-16G"})
                   .Add(17, module(isAfter ? 0 : 8192), {"DIMM B1", "S2", "RV-8G"})
+                  .Add(4, processor(isAfter ? "\x40\x3F" : "\x40\x40", isAfter ? 384 : 256),
+                       {"CPU1", "Kestrel", "Wing 9", "P1"})
+                  .Add(4, isAfter ? empty : processor("\x20\x20", 64), {"CPU2", "Kestrel", "Wing 7", "P2"})
                   .AddSlot({.id = 4, .usage = static_cast<uint8_t>(isAfter ? 4 : 3), .bus = 0x17})
                   .AddEnd());
     if (isAfter) AddFunction(tree, {.bus = "17", .device = 0x1111, .classCode = 0x020000});
@@ -328,6 +338,9 @@ TEST(InventoryDiff, WhatIsNoDevice) {
             "removed, memory, DIMM A1, DIMM A1, RV-16G, -, DIMM A1, -\n"
             "removed, memory, DIMM B1, DIMM B1, RV-8G, -, DIMM B1, -\n"
             "added, memory, DIMM A1, DIMM A1, RV-16G, -, -, DIMM A1\n"
+            "changed, processor, CPU1, CPU1, Wing 9, cores_enabled, 64, 63\n"
+            "changed, processor, CPU1, CPU1, Wing 9, threads, 256, 384\n"
+            "removed, processor, CPU2, CPU2, Wing 7, -, CPU2, -\n"
             "changed, firmware, BIOS, -, -, version, 2.0, 2.1\n"
             "changed, kernel, kernel, -, kernel, release, 6.1.0, 6.12.9\n"
             "changed, interface, eth0, -, -, mtu, 1500, 9000\n"
