@@ -357,6 +357,40 @@ TEST(InventoryDiff, WhatIsNoDevice) {
   EXPECT_EQ(machine.Ravctl("registry diff /before /before/etc/pelrix/registry").status, 0);
 }
 
+// However often it looked meanwhile, each change follows from the one before.
+TEST(InventoryWatch, TellsEachChange) {
+  const ToolRoot machine;
+  ServerTree().Install(machine);
+  machine.Run(FixtureRoot::kUsr | kNetwork, [] {
+    ::alarm(100);
+    const auto setMtu = [](bool isLarge) { WriteWholeFile("/sys/class/net/eth7/mtu", isLarge ? "9000\n" : "1500\n"); };
+    const auto lines = [] {
+      const std::string out = ReadWholeFile("/tmp/out");
+      return std::ranges::count(out, '\n');
+    };
+    setMtu(false);
+    EXPECT_EQ(RunRavctl("inventory watch -i 0.1 -n 2").out, "");
+    const pid_t watch = StartRavctl("inventory watch -i 0.1 --json");
+    for (bool isLarge = true; lines() < 3; isLarge = !isLarge) {
+      setMtu(isLarge);
+      ::usleep(300000);
+    }
+    ::kill(watch, SIGINT);
+    EXPECT_EQ(WaitForRavctl(watch).status, 0);
+  });
+  std::istringstream lines(machine.ReadFile("/tmp/out"));
+  std::string before;
+  for (std::string line; std::getline(lines, line);) {
+    const nlohmann::json answer = nlohmann::json::parse(line);
+    ExpectValid(answer);
+    if (before.empty()) before = answer["data"]["old"];
+    EXPECT_EQ(Members(answer["data"], "change kind slot where field old"),
+              "changed, interface, 4, eth7, mtu, " + before);
+    before = before == "1500" ? "9000" : "1500";
+    EXPECT_EQ(answer["data"]["new"], before);
+  }
+}
+
 TEST(InventoryDiff, SidesThatCannotBeRead) {
   const ToolRoot machine;
   machine.WriteFile("/text", "no inventory");

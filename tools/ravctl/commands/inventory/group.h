@@ -15,9 +15,10 @@ void AddInventoryAdapters(Command& inventory);
 void AddInventoryDrives(Command& inventory);
 void AddInventoryVolumes(Command& inventory);
 void AddInventoryDiff(Command& inventory);
+void AddInventoryWatch(Command& inventory);
 
 // What they answer.
-extern const Schema kInventory, kInventoryAdapters, kInventoryDrives, kInventoryVolumes, kInventoryDiff;
+extern const Schema kInventory, kInventoryAdapters, kInventoryDrives, kInventoryVolumes, kInventoryDiff, kInventoryWatch;
 
 // The whole answers of the running machine, for a bundle. Throw CommandError.
 Json ReadInventoryAdapters();
