@@ -246,6 +246,76 @@ TEST(Inventory, DrivesPartitionsAndStacks) {
   }
 }
 
+// A drive is shown once, however many ways lead to it and whatever parts the kernel makes of it.
+TEST(Inventory, MultipathAndCards) {
+  const ToolRoot machine;
+  const auto text = [&machine](const std::string& path, const std::string& content) {
+    machine.WriteFile("/sys/devices/" + path, content + "\n");
+  };
+  const auto block = [&](const std::string& place, const std::string& device) {
+    const std::string name = place.substr(place.rfind('/') + 1);
+    text(place + "/size", "4096");
+    if (!device.empty()) machine.MakeLink("/sys/devices/" + place + "/device", device);
+    machine.MakeLink("/sys/class/block/" + name, "../../devices/" + place);
+    const bool isPartition = device.empty() && !name.starts_with("dm-");
+    if (!isPartition) machine.MakeLink("/sys/block/" + name, "../devices/" + place);
+  };
+  for (const std::string name : {"sdb", "sdc"}) {
+    const std::string host = name == "sdb" ? "1" : "2";
+    const std::string target =
+        "pci0000:00/0000:00:1a." + host + "/host" + host + "/target" + host + ":0:0/" + host + ":0:0:0";
+    block(target + "/block/" + name, "../..");
+    machine.WriteFile("/sys/devices/" + target + "/vpd_pg80", std::string("\0\x80\0\x05", 4) + "LUN77");
+    machine.MakeLink("/sys/devices/virtual/block/dm-0/slaves/" + name, "x");
+  }
+  block("virtual/block/dm-0", "");
+  text("virtual/block/dm-0/dm/name", "mpatha");
+  text("virtual/block/dm-0/dm/uuid", "mpath-3600508b1001c4d7a8b9c0d1e2f304152");
+  block("virtual/block/dm-1", "");
+  text("virtual/block/dm-1/dm/name", "mpatha-part1");
+  machine.MakeLink("/sys/devices/virtual/block/dm-1/slaves/dm-0", "x");
+
+  const std::string subsystem = "virtual/nvme-subsystem/nvme-subsys0";
+  const std::string controller = "pci0000:00/0000:00:1b.0/nvme/nvme0";
+  block(subsystem + "/nvme0n1", "../../nvme-subsys0");
+  block(subsystem + "/nvme0n1/nvme0n1p1", "");
+  text(subsystem + "/nvme0n1/nvme0n1p1/partition", "1");
+  for (const auto& [key, value] : {std::pair{"model", "RAVEN NV-2000"}, {"serial", "S4NV77"}})
+    text(subsystem + "/" + key, value);
+  machine.MakeLink("/sys/devices/" + subsystem + "/nvme0", "../../../" + controller);
+  block(controller + "/nvme0c0n1", "../../nvme0");
+  text(controller + "/nvme0c0n1/hidden", "1");
+
+  const std::string card = "pci0000:00/0000:00:1d.0/mmc_host/mmc0/mmc0:0001";
+  block(card + "/block/mmcblk0", "../..");
+  block(card + "/block/mmcblk0/mmcblk0boot0", "../../mmcblk0");
+  block(card + "/block/mmcblk0/mmcblk0p2", "");
+  text(card + "/block/mmcblk0/mmcblk0p2/partition", "2");
+  for (const auto& [key, value] : {std::pair{"name", "RV32G"}, {"serial", "0x1a2b3c4d"}, {"type", "MMC"}})
+    text(card + "/" + key, value);
+  machine.WriteFile("/etc/mtab",
+                    "/dev/mapper/mpatha-part1 /lun xfs rw 0 0\n/dev/nvme0n1p1 /nvme ext4 rw 0 0\n"
+                    "/dev/mmcblk0p2 /card ext4 rw 0 0\n");
+  ASSERT_EQ(machine.Ravctl("bundle /b.tar.gz").status, 0);
+  for (const CommandLine tree : {"", "--sysroot /b.tar.gz"}) {
+    EXPECT_EQ(machine.Ravctl(tree + "inventory drives -o device,bus,name,serial,adapter,paths --no-headings").out,
+              "/dev/nvme0n1 NVMe RAVEN NV-2000 S4NV77     0000:00:1b.0 -\n"
+              "/dev/mmcblk0 MMC  RV32G         0x1a2b3c4d 0000:00:1d.0 -\n"
+              "/dev/sdb     SCSI -             LUN77      0000:00:1a.1 /dev/sdb, /dev/sdc\n");
+    EXPECT_EQ(machine.Ravctl(tree + "inventory -o device,kind --no-headings").out,
+              "/dev/nvme0n1        drive\n"
+              "└─/dev/nvme0n1p1    partition\n"
+              "  └─/nvme           volume\n"
+              "/dev/mmcblk0        drive\n"
+              "├─/dev/mmcblk0p2    partition\n"
+              "│ └─/card           volume\n"
+              "└─/dev/mmcblk0boot0 partition\n"
+              "/dev/sdb            drive\n"
+              "└─/lun              volume\n");
+  }
+  EXPECT_EQ(machine.Json("inventory volumes")["data"][1]["layers"], nlohmann::json({"mpatha-part1", "mpatha"}));
+}
+
 // Two machines that differ in one thing of each kind.
 TEST(InventoryDiff, EveryKindOfChangeFromEverySource) {
   const ToolRoot machine;

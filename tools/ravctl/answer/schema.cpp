@@ -82,15 +82,17 @@ Json ValueSchema(const Type& type) {
   return {{"type", std::move(kind)}, {"items", ValueSchema(element)}};
 }
 
-bool FitsRecord(const Json& value, Fields fields) {
+bool CompleteRecord(Json& value, Fields fields) {
   if (!value.is_object()) return false;
   return std::all_of(fields.begin(), fields.end(), [&value](const Field& field) {
     if (field.cell.where == Where::kTable) return true;
     if (field.key == kAnyKey) {
-      return std::all_of(value.begin(), value.end(), [&field](const Json& each) { return Fits(each, field.type); });
+      return std::all_of(value.begin(), value.end(), [&field](Json& each) { return Complete(each, field.type); });
     }
-    const auto found = value.find(field.key);
-    return found == value.end() ? field.type.isOptional : Fits(*found, field.type);
+    const std::string key(field.key);
+    if (!value.contains(key) && field.type.isOptional) return true;
+    if (!value.contains(key) && field.type.isList) value[key] = Json::array();
+    return Complete(value[key], field.type);
   });
 }
 
@@ -118,13 +120,13 @@ Json JsonSchema(const Schema& schema, const std::string& title) {
   return whole;
 }
 
-bool Fits(const Json& value, const Type& type) {
+bool Complete(Json& value, const Type& type) {
   if (value.is_null()) return type.canBeNull || type.kind == Kind::kNothing || type.kind == Kind::kAnything;
   if (type.isList) {
     Type element = type;
     element.isList = element.canBeNull = false;
     return value.is_array() &&
-           std::all_of(value.begin(), value.end(), [&element](const Json& each) { return Fits(each, element); });
+           std::all_of(value.begin(), value.end(), [&element](Json& each) { return Complete(each, element); });
   }
   switch (type.kind) {
     case Kind::kText:
@@ -136,7 +138,7 @@ bool Fits(const Json& value, const Type& type) {
     case Kind::kBoolean:
       return value.is_boolean();
     case Kind::kRecord:
-      return FitsRecord(value, type.fields);
+      return CompleteRecord(value, type.fields);
     case Kind::kAnything:
       return true;
     case Kind::kNothing:

@@ -27,9 +27,9 @@ std::string NameOf(const Schema& schema) {
   return "ravctl/" + std::string(schema.name);
 }
 
-bool IsAnswer(const Json& answer, const Schema& schema) {
+bool IsAnswer(Json& answer, const Schema& schema) {
   return answer.is_object() && answer.value("schema", Json()) == NameOf(schema) &&
-         answer.value("version", Json()) == schema.version && Fits(answer.value("data", Json()), schema.data);
+         answer.value("version", Json()) == schema.version && Complete(answer["data"], schema.data);
 }
 
 }  // namespace

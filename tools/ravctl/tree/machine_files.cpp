@@ -25,6 +25,7 @@ struct FileRow {
 
 // The library reads no more of a configuration space than its header.
 constexpr uint64_t kPciHeader = 64;
+constexpr uint64_t kMapperKind = 6;         // "mpath-" or another kind; what follows is an identity
 constexpr uint64_t kEsxTable = 128 * 1024;  // a 32-bit entry point names 64 KiB at most
 
 constexpr auto kFiles = std::to_array<FileRow>({
@@ -80,6 +81,7 @@ constexpr auto kFiles = std::to_array<FileRow>({
     {"/sys/class/block/*/partition"},
     {"/sys/class/block/*/slaves/*", CaptureKind::kName},
     {"/sys/class/block/*/dm/name"},
+    {"/sys/class/block/*/dm/uuid", CaptureKind::kContent, kMapperKind},
     {"/run/udev/data/b*"},
     {"/sys/class/scsi_device/*", CaptureKind::kName},
     {"/sys/class/scsi_device/*/device", CaptureKind::kName},
