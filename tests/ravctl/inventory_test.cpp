@@ -154,7 +154,8 @@ TEST(Inventory, SysfsTellsWhatIsTrue) {
   EXPECT_EQ(machine.Ravctl("inventory adapters -m virtio0 -o name,driver --no-headings --all").out, "virtio0 -\n");
 }
 
-// Drives that the library does not look for or knows by name alone, and what is stacked on them.
+// Drives that the library does not look for or knows by name alone, and what is stacked on them. Each is shown once,
+// however many ways lead to it and whatever areas the kernel makes of it.
 TEST(Inventory, DrivesPartitionsAndStacks) {
   const ToolRoot machine;
   DriveMachine tree;
@@ -195,6 +196,32 @@ TEST(Inventory, DrivesPartitionsAndStacks) {
   stacked("dm-0", {"md127"}, "vg--a-root");
   stacked("dm-1", {"sda10"}, "crypt");
   stacked("dm-2", {"dm-2", "dm-1"}, "circle");
+  for (const std::string host : {"1", "2"}) {
+    const std::string place = "pci0000:00/0000:00:1a." + host + "/host" + host + "/target/" + host + ":0:0:0/";
+    drive(host == "1" ? "sdb" : "sdc", place, "4096");
+    machine.WriteFile("/sys/devices/" + place + "vpd_pg80", std::string("\0\x80\0\x05", 4) + "LUN77");
+  }
+  stacked("dm-3", {"sdb", "sdc"}, "mpatha");
+  text("devices/virtual/block/dm-3/dm/uuid", "mpath-3600508b1001c4d7a8b9c0d1e2f304152");
+  stacked("dm-4", {"dm-3"}, "mpatha-part1");
+  const std::string subsystem = "virtual/nvme-subsystem/nvme-subsys0/";
+  const std::string controller = "pci0000:00/0000:00:1b.0/nvme/nvme0/";
+  drive("nvme0n1", subsystem, "2048");
+  partition("nvme0n1p1", "devices/" + subsystem + "block/nvme0n1", "1024");
+  text("devices/" + subsystem + "model", "RAVEN MP-500");
+  text("devices/" + subsystem + "serial", "MP77");
+  machine.MakeLink("/sys/devices/" + subsystem + "nvme0", "../../../" + controller);
+  drive("nvme0c0n1", controller, "2048");
+  text("devices/" + controller + "block/nvme0c0n1/hidden", "1");
+  const std::string card = "pci0000:00/0000:00:1d.0/mmc_host/mmc0/mmc0:0001/";
+  drive("mmcblk0", card, "1024");
+  partition("mmcblk0p2", "devices/" + card + "block/mmcblk0", "512");
+  text("devices/" + card + "name", "RV32G");
+  text("devices/" + card + "serial", "0x1a2b3c4d");
+  machine.MakeLink("/sys/devices/" + card + "block/mmcblk0/mmcblk0boot0/device", "../../mmcblk0");
+  for (const char* list : {"class/block", "block"})
+    machine.MakeLink(std::string("/sys/") + list + "/mmcblk0boot0",
+                     "../devices/" + card + "block/mmcblk0/mmcblk0boot0");
   machine.MakeLink("/sys/class/scsi_device/0:0:0:0", "../../devices/" + sata + "scsi_device/0:0:0:0");
   machine.MakeDirectory("/sys/devices/" + sata + "scsi_device/0:0:0:0/device/block/sda");
   machine.WriteFile("/proc/scsi/scsi", tree.ReadFile("/proc/scsi/scsi"));
@@ -208,112 +235,62 @@ TEST(Inventory, DrivesPartitionsAndStacks) {
   machine.WriteFile(
       "/etc/mtab",
       "/dev/sda1 /boot ext4 rw 0 0\n/dev/mapper/vg--a-root / xfs rw 0 0\n/dev/mapper/circle /odd ext4 rw 0 0\n"
-      "/dev/vg-a/root /again xfs rw 0 0\n");
+      "/dev/vg-a/root /again xfs rw 0 0\n/dev/mapper/mpatha-part1 /lun xfs rw 0 0\n/dev/nvme0n1p1 /nvme ext4 rw 0 0\n"
+      "/dev/mmcblk0p2 /card ext4 rw 0 0\n");
   const nlohmann::json data = machine.Json("inventory")["data"];
   const nlohmann::json& drives = data["drives"];
-  EXPECT_THAT(Values(drives, "device"), ElementsAre("/dev/sda", "/dev/nvme1n1", "/dev/vda"));
-  EXPECT_THAT(Values(drives, "name"), ElementsAre("RAVEN SSD 480", "RAVEN NV-2000", "Virtual Disk"));
-  EXPECT_THAT(Values(drives, "serial"), ElementsAre("RV-480 00017X", "S4 NV-77/1", "vol-0042"));
-  EXPECT_THAT(Values(drives, "size_kb"), ElementsAre("468851544", "2048", "4096"));
-  EXPECT_THAT(Values(drives, "adapter"), ElementsAre("0000:00:17.0", "10000:e1:00.0", "0000:00:05.0"));
-  EXPECT_THAT(Values(drives, "bus"), ElementsAre("SCSI", "NVMe", "virtio"));
-  EXPECT_EQ(Members(drives, "0/sources/name 0/sources/serial 1/sources/serial 2/sources/serial"),
-            "library, sysfs, sysfs, udev");
-  EXPECT_THAT(
-      Values(data["volumes"], "drives"),
-      ElementsAre("[\"/dev/sda\",\"/dev/vda\"]", "[\"/dev/sda\",\"/dev/vda\"]", "[\"/dev/sda\"]", "[\"/dev/sda\"]"));
-  EXPECT_THAT(Values(data["volumes"], "layers"),
-              ElementsAre("[\"vg--a-root\",\"md127\"]", "[\"vg--a-root\",\"md127\"]", "[]", "[\"circle\",\"crypt\"]"));
+  EXPECT_THAT(Values(drives, "device"),
+              ElementsAre("/dev/sda", "/dev/nvme0n1", "/dev/nvme1n1", "/dev/mmcblk0", "/dev/sdb", "/dev/vda"));
+  EXPECT_THAT(Values(drives, "name"),
+              ElementsAre("RAVEN SSD 480", "RAVEN MP-500", "RAVEN NV-2000", "RV32G", "-", "Virtual Disk"));
+  EXPECT_THAT(Values(drives, "serial"),
+              ElementsAre("RV-480 00017X", "MP77", "S4 NV-77/1", "0x1a2b3c4d", "LUN77", "vol-0042"));
+  EXPECT_THAT(Values(drives, "size_kb"), ElementsAre("468851544", "1024", "2048", "512", "2048", "4096"));
+  EXPECT_THAT(Values(drives, "adapter"), ElementsAre("0000:00:17.0", "0000:00:1b.0", "10000:e1:00.0", "0000:00:1d.0",
+                                                     "0000:00:1a.1", "0000:00:05.0"));
+  EXPECT_THAT(Values(drives, "bus"), ElementsAre("SCSI", "NVMe", "NVMe", "MMC", "SCSI", "virtio"));
+  EXPECT_EQ(Members(drives, "0/sources/name 0/sources/serial 2/sources/serial 5/sources/serial 4/paths"),
+            "library, sysfs, sysfs, udev, [\"/dev/sdb\",\"/dev/sdc\"]");
+  EXPECT_EQ(machine.Ravctl("inventory volumes -o mount_point,drives,layers --no-headings").out,
+            "/           /dev/sda, /dev/vda vg--a-root, md127\n"
+            "/again      /dev/sda, /dev/vda vg--a-root, md127\n"
+            "/boot       /dev/sda           -\n"
+            "/card       /dev/mmcblk0       -\n"
+            "/lun        /dev/sdb           mpatha-part1, mpatha\n"
+            "/nvme       /dev/nvme0n1       -\n"
+            "/odd        /dev/sda           circle, crypt\n");
   EXPECT_EQ(machine.Ravctl("inventory -o device,kind --no-headings").out,
-            "/dev/sda     drive\n"
-            "├─/dev/sda1  partition\n"
-            "│ └─/boot    volume\n"
-            "├─/dev/sda2  partition\n"
-            "│ ├─/        volume\n"
-            "│ └─/again   volume\n"
-            "└─/dev/sda10 partition\n"
-            "  └─/odd     volume\n"
-            "/dev/nvme1n1 drive\n"
-            "/dev/vda     drive\n"
-            "└─/dev/vda1  partition\n"
-            "  ├─/        volume\n"
-            "  └─/again   volume\n");
+            "/dev/sda            drive\n"
+            "├─/dev/sda1         partition\n"
+            "│ └─/boot           volume\n"
+            "├─/dev/sda2         partition\n"
+            "│ ├─/               volume\n"
+            "│ └─/again          volume\n"
+            "└─/dev/sda10        partition\n"
+            "  └─/odd            volume\n"
+            "/dev/nvme0n1        drive\n"
+            "└─/dev/nvme0n1p1    partition\n"
+            "  └─/nvme           volume\n"
+            "/dev/nvme1n1        drive\n"
+            "/dev/mmcblk0        drive\n"
+            "├─/dev/mmcblk0p2    partition\n"
+            "│ └─/card           volume\n"
+            "└─/dev/mmcblk0boot0 partition\n"
+            "/dev/sdb            drive\n"
+            "└─/lun              volume\n"
+            "/dev/vda            drive\n"
+            "└─/dev/vda1         partition\n"
+            "  ├─/               volume\n"
+            "  └─/again          volume\n");
+  ASSERT_EQ(machine.Ravctl("bundle /b.tar.gz").status, 0);
+  const CommandLine listed = "inventory drives -o device,name,serial,adapter,paths";
+  EXPECT_EQ(machine.Ravctl(listed + "--sysroot /b.tar.gz").out, machine.Ravctl(listed).out);
   machine.WriteFile("/etc/mtab", "/dev/sda1 /" + std::string(15000, 'x') + " ext4 rw 0 0\n");
   for (const char* command : {"inventory", "inventory volumes"}) {
     std::stringstream lines(machine.Ravctl(command).out);
     for (std::string line; std::getline(lines, line);)
       EXPECT_LT(line.size(), 300U) << command;
   }
-}
-
-// A drive is shown once, however many ways lead to it and whatever parts the kernel makes of it.
-TEST(Inventory, MultipathAndCards) {
-  const ToolRoot machine;
-  const auto text = [&machine](const std::string& path, const std::string& content) {
-    machine.WriteFile("/sys/devices/" + path, content + "\n");
-  };
-  const auto block = [&](const std::string& place, const std::string& device) {
-    const std::string name = place.substr(place.rfind('/') + 1);
-    text(place + "/size", "4096");
-    if (!device.empty()) machine.MakeLink("/sys/devices/" + place + "/device", device);
-    machine.MakeLink("/sys/class/block/" + name, "../../devices/" + place);
-    const bool isPartition = device.empty() && !name.starts_with("dm-");
-    if (!isPartition) machine.MakeLink("/sys/block/" + name, "../devices/" + place);
-  };
-  for (const std::string name : {"sdb", "sdc"}) {
-    const std::string host = name == "sdb" ? "1" : "2";
-    const std::string target =
-        "pci0000:00/0000:00:1a." + host + "/host" + host + "/target" + host + ":0:0/" + host + ":0:0:0";
-    block(target + "/block/" + name, "../..");
-    machine.WriteFile("/sys/devices/" + target + "/vpd_pg80", std::string("\0\x80\0\x05", 4) + "LUN77");
-    machine.MakeLink("/sys/devices/virtual/block/dm-0/slaves/" + name, "x");
-  }
-  block("virtual/block/dm-0", "");
-  text("virtual/block/dm-0/dm/name", "mpatha");
-  text("virtual/block/dm-0/dm/uuid", "mpath-3600508b1001c4d7a8b9c0d1e2f304152");
-  block("virtual/block/dm-1", "");
-  text("virtual/block/dm-1/dm/name", "mpatha-part1");
-  machine.MakeLink("/sys/devices/virtual/block/dm-1/slaves/dm-0", "x");
-
-  const std::string subsystem = "virtual/nvme-subsystem/nvme-subsys0";
-  const std::string controller = "pci0000:00/0000:00:1b.0/nvme/nvme0";
-  block(subsystem + "/nvme0n1", "../../nvme-subsys0");
-  block(subsystem + "/nvme0n1/nvme0n1p1", "");
-  text(subsystem + "/nvme0n1/nvme0n1p1/partition", "1");
-  for (const auto& [key, value] : {std::pair{"model", "RAVEN NV-2000"}, {"serial", "S4NV77"}})
-    text(subsystem + "/" + key, value);
-  machine.MakeLink("/sys/devices/" + subsystem + "/nvme0", "../../../" + controller);
-  block(controller + "/nvme0c0n1", "../../nvme0");
-  text(controller + "/nvme0c0n1/hidden", "1");
-
-  const std::string card = "pci0000:00/0000:00:1d.0/mmc_host/mmc0/mmc0:0001";
-  block(card + "/block/mmcblk0", "../..");
-  block(card + "/block/mmcblk0/mmcblk0boot0", "../../mmcblk0");
-  block(card + "/block/mmcblk0/mmcblk0p2", "");
-  text(card + "/block/mmcblk0/mmcblk0p2/partition", "2");
-  for (const auto& [key, value] : {std::pair{"name", "RV32G"}, {"serial", "0x1a2b3c4d"}, {"type", "MMC"}})
-    text(card + "/" + key, value);
-  machine.WriteFile("/etc/mtab",
-                    "/dev/mapper/mpatha-part1 /lun xfs rw 0 0\n/dev/nvme0n1p1 /nvme ext4 rw 0 0\n"
-                    "/dev/mmcblk0p2 /card ext4 rw 0 0\n");
-  ASSERT_EQ(machine.Ravctl("bundle /b.tar.gz").status, 0);
-  for (const CommandLine tree : {"", "--sysroot /b.tar.gz"}) {
-    EXPECT_EQ(machine.Ravctl(tree + "inventory drives -o device,bus,name,serial,adapter,paths --no-headings").out,
-              "/dev/nvme0n1 NVMe RAVEN NV-2000 S4NV77     0000:00:1b.0 -\n"
-              "/dev/mmcblk0 MMC  RV32G         0x1a2b3c4d 0000:00:1d.0 -\n"
-              "/dev/sdb     SCSI -             LUN77      0000:00:1a.1 /dev/sdb, /dev/sdc\n");
-    EXPECT_EQ(machine.Ravctl(tree + "inventory -o device,kind --no-headings").out,
-              "/dev/nvme0n1        drive\n"
-              "└─/dev/nvme0n1p1    partition\n"
-              "  └─/nvme           volume\n"
-              "/dev/mmcblk0        drive\n"
-              "├─/dev/mmcblk0p2    partition\n"
-              "│ └─/card           volume\n"
-              "└─/dev/mmcblk0boot0 partition\n"
-              "/dev/sdb            drive\n"
-              "└─/lun              volume\n");
-  }
-  EXPECT_EQ(machine.Json("inventory volumes")["data"][1]["layers"], nlohmann::json({"mpatha-part1", "mpatha"}));
 }
 
 // Two machines that differ in one thing of each kind.

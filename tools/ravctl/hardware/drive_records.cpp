@@ -15,6 +15,7 @@ namespace ravctl {
 namespace {
 
 constexpr std::string_view kDeviceNodes = "/dev/";
+constexpr std::string_view kNvme = "nvme";
 
 const char* DriveType(const CSystemDrive& drive) {
   switch (drive.GetDeviceType()) {
@@ -82,6 +83,11 @@ class DriveList {
   explicit DriveList(const BlockDevices& blocks) : m_Blocks(blocks) {
     std::vector<CSystemDrive> drives;
     CSystemDrive::ScanSystemDrives(drives, false, false);
+    // Those of NVMe, which come last, are found in any order.
+    std::ranges::stable_sort(drives, {}, [](const CSystemDrive& drive) {
+      const std::string& name = drive.GetFunctionalDeviceObjectName();
+      return name.starts_with(kNvme) ? std::pair(name.size(), name) : std::pair(size_t{0}, std::string());
+    });
     for (const CSystemDrive& drive : drives)
       AddKnown(drive);
     for (const auto& [name, device] : blocks.All()) {
