@@ -183,20 +183,23 @@ TEST(Redact, NoSpellingOfAnIdentityIsLeftAnywhere) {
 
 TEST(Redact, EqualIdentitiesHaveEqualTokens) {
   ravctl::Redactor redactor;
-  std::string text = "a0:36:9f:12:34:56 A0369F123456 fe80::ab0d fe80:0:0:0:0:0:0:ab0d dead::beef 10.1.2.3 10.1.2.3/24";
+  std::string text =
+      "a0:36:9f:12:34:56 A0369F123456 fe80::ab0d fe80:0:0:0:0:0:0:ab0d dead::beef 10.1.2.3 10.1.2.3/24 "
+      "naa.600508b1001c4d7a8b9c0d1e2f304152 3600508b1001c4d7a8b9c0d1e2f304152";
   redactor.Learn(text);
   const size_t size = text.size();
   redactor.Text(text);
   ASSERT_EQ(text.size(), size);
   std::istringstream words(text);
-  std::string mac, bare, shortened, whole, other, address, net;
-  words >> mac >> bare >> shortened >> whole >> other >> address >> net;
+  std::string mac, bare, shortened, whole, other, address, net, wwn, multipath;
+  words >> mac >> bare >> shortened >> whole >> other >> address >> net >> wwn >> multipath;
   std::erase(mac, ':');
   EXPECT_EQ(mac, Lower(bare));
   EXPECT_EQ(mac.substr(0, 2), "02");
   EXPECT_EQ(whole.substr(0, 18), shortened.substr(0, 4) + ":0:0:0:0:0:0:" + shortened.substr(6, 1)) << text;
   EXPECT_EQ(whole.substr(17), shortened.substr(6)) << text;
   EXPECT_EQ(address + "/24", net) << text;
+  EXPECT_EQ("3" + wwn.substr(4), multipath);
 }
 
 TEST(Redact, WhatIsNoIdentityStays) {
