@@ -79,6 +79,14 @@ TEST(CommandLine, ColumnsHeadingsAndColors) {
   EXPECT_THAT(machine.Ravctl("doctor -o check,severity --no-headings").out, HasSubstr("daemon    warning\n"));
   EXPECT_THAT(machine.Ravctl("doctor --color=always").out, HasSubstr("\x1b[33mwarning"));
   EXPECT_THAT(machine.Ravctl("daemon status --help").out, HasSubstr("Examples:\n  ravctl daemon status\n"));
+  // As wide as it may be, but for the command lines of examples.
+  const std::string names = "\n  --redact                    Replace serial numbers,";
+  EXPECT_THAT(machine.Ravctl("bundle --help").out, HasSubstr(names + " MAC and IP addresses, WWNs, UUIDs and host\n"));
+  EXPECT_THAT(machine.Ravctl("bundle --help", {"COLUMNS=56"}).out,
+              ::testing::AllOf(
+                  HasSubstr(names + "\n                              MAC and IP addresses,\n"),
+                  HasSubstr("\n      as root: everything but the traces; as another\n      user what is readable\n")));
+  EXPECT_THAT(machine.Ravctl("doctor --help", {"COLUMNS=1"}).out, HasSubstr("\n  ravctl doctor --json | jq "));
 }
 
 TEST(CommandLine, CsvHoldsTheValuesAsTheyStand) {

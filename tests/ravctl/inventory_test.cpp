@@ -77,6 +77,35 @@ TEST(Inventory, BareMachineAndCapturedTree) {
   EXPECT_EQ(answer["data"], live.Json("inventory", 0, {}, kNetwork)["data"]);
 }
 
+// What only the running machine answered stands in a bundle and is filled in where the files of the tree do not tell.
+TEST(Inventory, CapturedAnswersAreFilledIn) {
+  const ToolRoot machine;
+  ServerTree().Install(machine);
+  machine.MakeDirectory("/system");
+  ASSERT_EQ(machine.Ravctl("bundle /b.tar.gz").status, 0);
+  const nlohmann::json captured = machine.Json("inventory --sysroot /b.tar.gz");
+  EXPECT_EQ(captured["warnings"].size(), 0U);
+  const std::string size = "volumes/2/mount_point volumes/2/size_kb volumes/0/size_kb";
+  EXPECT_EQ(Members(captured["data"], size), Members(machine.Json("inventory")["data"], size));
+  EXPECT_TRUE(captured["data"]["volumes"][2]["size_kb"].is_number()) << captured["data"]["volumes"];
+
+  ServerTree().Install(machine, "/tree");
+  nlohmann::json drives = machine.Json("inventory drives");
+  drives["data"][2].update({{"serial", "S4 NV-77/1"}, {"name", "RAVEN NV-2000"}, {"sources", {{"serial", "library"}}}});
+  machine.WriteFile("/tree/ravctl/inventory-drives.json", drives.dump());
+  EXPECT_EQ(machine.Ravctl("inventory drives --sysroot /tree -o device,name,serial --no-headings").out,
+            "/dev/sda     RAID 5 Volume -\n/dev/nst0    UBRIUM-TD4    -\n/dev/nvme0n1 RAVEN NV-2000 S4 NV-77/1\n");
+  const Fault faults[] = {
+      {"net list", 4, "...the tree does not hold what only a running machine tells: /ravctl/net-list.json..."},
+      {"inventory drives", 5,
+       "...the captured answer is damaged: /ravctl/inventory-drives.json: it is no ravctl/inv..."},
+      {"perf", 5, "...the captured answer is damaged: /ravctl/perf-sample.json..."}};
+  drives["data"][0]["size_kb"] = "large";
+  machine.WriteFile("/tree/ravctl/inventory-drives.json", drives.dump());
+  machine.WriteFile("/tree/ravctl/perf-sample.json", "{");
+  ExpectFaults(machine, "--sysroot /tree", faults);
+}
+
 // What the library leaves out or has wrong by its own rules.
 TEST(Inventory, SysfsTellsWhatIsTrue) {
   const ToolRoot machine;
@@ -125,7 +154,8 @@ TEST(Inventory, SysfsTellsWhatIsTrue) {
   EXPECT_EQ(machine.Ravctl("inventory adapters -m virtio0 -o name,driver --no-headings --all").out, "virtio0 -\n");
 }
 
-// Drives that the library does not look for or knows by name alone, and what is stacked on them.
+// Drives that the library does not look for or knows by name alone, and what is stacked on them. Each is shown once,
+// however many ways lead to it and whatever areas the kernel makes of it.
 TEST(Inventory, DrivesPartitionsAndStacks) {
   const ToolRoot machine;
   DriveMachine tree;
@@ -166,6 +196,32 @@ TEST(Inventory, DrivesPartitionsAndStacks) {
   stacked("dm-0", {"md127"}, "vg--a-root");
   stacked("dm-1", {"sda10"}, "crypt");
   stacked("dm-2", {"dm-2", "dm-1"}, "circle");
+  for (const std::string host : {"1", "2"}) {
+    const std::string place = "pci0000:00/0000:00:1a." + host + "/host" + host + "/target/" + host + ":0:0:0/";
+    drive(host == "1" ? "sdb" : "sdc", place, "4096");
+    machine.WriteFile("/sys/devices/" + place + "vpd_pg80", std::string("\0\x80\0\x05", 4) + "LUN77");
+  }
+  stacked("dm-3", {"sdb", "sdc"}, "mpatha");
+  text("devices/virtual/block/dm-3/dm/uuid", "mpath-3600508b1001c4d7a8b9c0d1e2f304152");
+  stacked("dm-4", {"dm-3"}, "mpatha-part1");
+  const std::string subsystem = "virtual/nvme-subsystem/nvme-subsys0/";
+  const std::string controller = "pci0000:00/0000:00:1b.0/nvme/nvme0/";
+  drive("nvme0n1", subsystem, "2048");
+  partition("nvme0n1p1", "devices/" + subsystem + "block/nvme0n1", "1024");
+  text("devices/" + subsystem + "model", "RAVEN MP-500");
+  text("devices/" + subsystem + "serial", "MP77");
+  machine.MakeLink("/sys/devices/" + subsystem + "nvme0", "../../../" + controller);
+  drive("nvme0c0n1", controller, "2048");
+  text("devices/" + controller + "block/nvme0c0n1/hidden", "1");
+  const std::string card = "pci0000:00/0000:00:1d.0/mmc_host/mmc0/mmc0:0001/";
+  drive("mmcblk0", card, "1024");
+  partition("mmcblk0p2", "devices/" + card + "block/mmcblk0", "512");
+  text("devices/" + card + "name", "RV32G");
+  text("devices/" + card + "serial", "0x1a2b3c4d");
+  machine.MakeLink("/sys/devices/" + card + "block/mmcblk0/mmcblk0boot0/device", "../../mmcblk0");
+  for (const char* list : {"class/block", "block"})
+    machine.MakeLink(std::string("/sys/") + list + "/mmcblk0boot0",
+                     "../devices/" + card + "block/mmcblk0/mmcblk0boot0");
   machine.MakeLink("/sys/class/scsi_device/0:0:0:0", "../../devices/" + sata + "scsi_device/0:0:0:0");
   machine.MakeDirectory("/sys/devices/" + sata + "scsi_device/0:0:0:0/device/block/sda");
   machine.WriteFile("/proc/scsi/scsi", tree.ReadFile("/proc/scsi/scsi"));
@@ -179,36 +235,56 @@ TEST(Inventory, DrivesPartitionsAndStacks) {
   machine.WriteFile(
       "/etc/mtab",
       "/dev/sda1 /boot ext4 rw 0 0\n/dev/mapper/vg--a-root / xfs rw 0 0\n/dev/mapper/circle /odd ext4 rw 0 0\n"
-      "/dev/vg-a/root /again xfs rw 0 0\n");
+      "/dev/vg-a/root /again xfs rw 0 0\n/dev/mapper/mpatha-part1 /lun xfs rw 0 0\n/dev/nvme0n1p1 /nvme ext4 rw 0 0\n"
+      "/dev/mmcblk0p2 /card ext4 rw 0 0\n");
   const nlohmann::json data = machine.Json("inventory")["data"];
   const nlohmann::json& drives = data["drives"];
-  EXPECT_THAT(Values(drives, "device"), ElementsAre("/dev/sda", "/dev/nvme1n1", "/dev/vda"));
-  EXPECT_THAT(Values(drives, "name"), ElementsAre("RAVEN SSD 480", "RAVEN NV-2000", "Virtual Disk"));
-  EXPECT_THAT(Values(drives, "serial"), ElementsAre("RV-480 00017X", "S4 NV-77/1", "vol-0042"));
-  EXPECT_THAT(Values(drives, "size_kb"), ElementsAre("468851544", "2048", "4096"));
-  EXPECT_THAT(Values(drives, "adapter"), ElementsAre("0000:00:17.0", "10000:e1:00.0", "0000:00:05.0"));
-  EXPECT_THAT(Values(drives, "bus"), ElementsAre("SCSI", "NVMe", "virtio"));
-  EXPECT_EQ(Members(drives, "0/sources/name 0/sources/serial 1/sources/serial 2/sources/serial"),
-            "library, sysfs, sysfs, udev");
-  EXPECT_THAT(
-      Values(data["volumes"], "drives"),
-      ElementsAre("[\"/dev/sda\",\"/dev/vda\"]", "[\"/dev/sda\",\"/dev/vda\"]", "[\"/dev/sda\"]", "[\"/dev/sda\"]"));
-  EXPECT_THAT(Values(data["volumes"], "layers"),
-              ElementsAre("[\"vg--a-root\",\"md127\"]", "[\"vg--a-root\",\"md127\"]", "[]", "[\"circle\",\"crypt\"]"));
+  EXPECT_THAT(Values(drives, "device"),
+              ElementsAre("/dev/sda", "/dev/nvme0n1", "/dev/nvme1n1", "/dev/mmcblk0", "/dev/sdb", "/dev/vda"));
+  EXPECT_THAT(Values(drives, "name"),
+              ElementsAre("RAVEN SSD 480", "RAVEN MP-500", "RAVEN NV-2000", "RV32G", "-", "Virtual Disk"));
+  EXPECT_THAT(Values(drives, "serial"),
+              ElementsAre("RV-480 00017X", "MP77", "S4 NV-77/1", "0x1a2b3c4d", "LUN77", "vol-0042"));
+  EXPECT_THAT(Values(drives, "size_kb"), ElementsAre("468851544", "1024", "2048", "512", "2048", "4096"));
+  EXPECT_THAT(Values(drives, "adapter"), ElementsAre("0000:00:17.0", "0000:00:1b.0", "10000:e1:00.0", "0000:00:1d.0",
+                                                     "0000:00:1a.1", "0000:00:05.0"));
+  EXPECT_THAT(Values(drives, "bus"), ElementsAre("SCSI", "NVMe", "NVMe", "MMC", "SCSI", "virtio"));
+  EXPECT_EQ(Members(drives, "0/sources/name 0/sources/serial 2/sources/serial 5/sources/serial 4/paths"),
+            "library, sysfs, sysfs, udev, [\"/dev/sdb\",\"/dev/sdc\"]");
+  EXPECT_EQ(machine.Ravctl("inventory volumes -o mount_point,drives,layers --no-headings").out,
+            "/           /dev/sda, /dev/vda vg--a-root, md127\n"
+            "/again      /dev/sda, /dev/vda vg--a-root, md127\n"
+            "/boot       /dev/sda           -\n"
+            "/card       /dev/mmcblk0       -\n"
+            "/lun        /dev/sdb           mpatha-part1, mpatha\n"
+            "/nvme       /dev/nvme0n1       -\n"
+            "/odd        /dev/sda           circle, crypt\n");
   EXPECT_EQ(machine.Ravctl("inventory -o device,kind --no-headings").out,
-            "/dev/sda     drive\n"
-            "├─/dev/sda1  partition\n"
-            "│ └─/boot    volume\n"
-            "├─/dev/sda2  partition\n"
-            "│ ├─/        volume\n"
-            "│ └─/again   volume\n"
-            "└─/dev/sda10 partition\n"
-            "  └─/odd     volume\n"
-            "/dev/nvme1n1 drive\n"
-            "/dev/vda     drive\n"
-            "└─/dev/vda1  partition\n"
-            "  ├─/        volume\n"
-            "  └─/again   volume\n");
+            "/dev/sda            drive\n"
+            "├─/dev/sda1         partition\n"
+            "│ └─/boot           volume\n"
+            "├─/dev/sda2         partition\n"
+            "│ ├─/               volume\n"
+            "│ └─/again          volume\n"
+            "└─/dev/sda10        partition\n"
+            "  └─/odd            volume\n"
+            "/dev/nvme0n1        drive\n"
+            "└─/dev/nvme0n1p1    partition\n"
+            "  └─/nvme           volume\n"
+            "/dev/nvme1n1        drive\n"
+            "/dev/mmcblk0        drive\n"
+            "├─/dev/mmcblk0p2    partition\n"
+            "│ └─/card           volume\n"
+            "└─/dev/mmcblk0boot0 partition\n"
+            "/dev/sdb            drive\n"
+            "└─/lun              volume\n"
+            "/dev/vda            drive\n"
+            "└─/dev/vda1         partition\n"
+            "  ├─/               volume\n"
+            "  └─/again          volume\n");
+  ASSERT_EQ(machine.Ravctl("bundle /b.tar.gz").status, 0);
+  const CommandLine listed = "inventory drives -o device,name,serial,adapter,paths";
+  EXPECT_EQ(machine.Ravctl(listed + "--sysroot /b.tar.gz").out, machine.Ravctl(listed).out);
   machine.WriteFile("/etc/mtab", "/dev/sda1 /" + std::string(15000, 'x') + " ext4 rw 0 0\n");
   for (const char* command : {"inventory", "inventory volumes"}) {
     std::stringstream lines(machine.Ravctl(command).out);
@@ -268,12 +344,22 @@ TEST(InventoryDiff, WhatIsNoDevice) {
     const auto module = [](uint64_t mib) {
       return std::string(8, 0) + LittleEndian(mib, 2) + "\x09\0\x01\0\x1a"s + std::string(5, 0) + "\x02\0\x03"s;
     };
+    // Cores, those that are switched on, and threads; a byte is too small for what the second one has.
+    const auto processor = [](const char* cores, uint64_t threads) {
+      return "\x01\x03\xB3\x02"s + std::string(8, 0) + "\x03"s + std::string(7, 0) + "\x41"s + std::string(7, 0) +
+             "\x04"s + std::string(2, 0) + std::string(cores, 2) + LittleEndian(std::min<uint64_t>(threads, 255), 1) +
+             std::string(8, 0) + LittleEndian(threads, 2);
+    };
+    const std::string empty = "\x01\x03\xB3\x02"s + std::string(16, 0) + std::string(20, 0);
     FixtureRoot tree;
     WriteSmbios(
         tree, SmbiosTable()
                   .Add(0, "\x01\x02\0\0\x03\0"s + std::string(8, 0), {"Kestrel", isAfter ? "2.1" : "2.0", "01/02/2026"})
                   .Add(17, module(16384), {"DIMM A1", isAfter ? "S9" : "S1", "RV-16G"})
                   .Add(17, module(isAfter ? 0 : 8192), {"DIMM B1", "S2", "RV-8G"})
+                  .Add(4, processor(isAfter ? "\x40\x3F" : "\x40\x40", isAfter ? 384 : 256),
+                       {"CPU1", "Kestrel", "Wing 9", "P1"})
+                  .Add(4, isAfter ? empty : processor("\x20\x20", 64), {"CPU2", "Kestrel", "Wing 7", "P2"})
                   .AddSlot({.id = 4, .usage = static_cast<uint8_t>(isAfter ? 4 : 3), .bus = 0x17})
                   .AddEnd());
     if (isAfter) AddFunction(tree, {.bus = "17", .device = 0x1111, .classCode = 0x020000});
@@ -299,6 +385,9 @@ TEST(InventoryDiff, WhatIsNoDevice) {
             "removed, memory, DIMM A1, DIMM A1, RV-16G, -, DIMM A1, -\n"
             "removed, memory, DIMM B1, DIMM B1, RV-8G, -, DIMM B1, -\n"
             "added, memory, DIMM A1, DIMM A1, RV-16G, -, -, DIMM A1\n"
+            "changed, processor, CPU1, CPU1, Wing 9, cores_enabled, 64, 63\n"
+            "changed, processor, CPU1, CPU1, Wing 9, threads, 256, 384\n"
+            "removed, processor, CPU2, CPU2, Wing 7, -, CPU2, -\n"
             "changed, firmware, BIOS, -, -, version, 2.0, 2.1\n"
             "changed, kernel, kernel, -, kernel, release, 6.1.0, 6.12.9\n"
             "changed, interface, eth0, -, -, mtu, 1500, 9000\n"
@@ -313,6 +402,40 @@ TEST(InventoryDiff, WhatIsNoDevice) {
       "not compared: card slots, memory modules, processors, BIOS and system, kernel, network interfaces, trace settings, registry");
   EXPECT_EQ(machine.Json("registry diff /before /after", 1)["data"][0]["value"], "/opt/y");
   EXPECT_EQ(machine.Ravctl("registry diff /before /before/etc/pelrix/registry").status, 0);
+}
+
+// However often it looked meanwhile, each change follows from the one before.
+TEST(InventoryWatch, TellsEachChange) {
+  const ToolRoot machine;
+  ServerTree().Install(machine);
+  machine.Run(FixtureRoot::kUsr | kNetwork, [] {
+    ::alarm(100);
+    const auto setMtu = [](bool isLarge) { WriteWholeFile("/sys/class/net/eth7/mtu", isLarge ? "9000\n" : "1500\n"); };
+    const auto lines = [] {
+      const std::string out = ReadWholeFile("/tmp/out");
+      return std::ranges::count(out, '\n');
+    };
+    setMtu(false);
+    EXPECT_EQ(RunRavctl("inventory watch -i 0.1 -n 2").out, "");
+    const pid_t watch = StartRavctl("inventory watch -i 0.1 --json");
+    for (bool isLarge = true; lines() < 3; isLarge = !isLarge) {
+      setMtu(isLarge);
+      ::usleep(300000);
+    }
+    ::kill(watch, SIGINT);
+    EXPECT_EQ(WaitForRavctl(watch).status, 0);
+  });
+  std::istringstream lines(machine.ReadFile("/tmp/out"));
+  std::string before;
+  for (std::string line; std::getline(lines, line);) {
+    const nlohmann::json answer = nlohmann::json::parse(line);
+    ExpectValid(answer);
+    if (before.empty()) before = answer["data"]["old"];
+    EXPECT_EQ(Members(answer["data"], "change kind slot where field old"),
+              "changed, interface, 4, eth7, mtu, " + before);
+    before = before == "1500" ? "9000" : "1500";
+    EXPECT_EQ(answer["data"]["new"], before);
+  }
 }
 
 TEST(InventoryDiff, SidesThatCannotBeRead) {

@@ -130,3 +130,30 @@ TEST_F(NetCommands, LongFormRoutesAndHostAddress) {
   });
   ExpectValidAnswers(root);
 }
+
+TEST_F(NetCommands, ABundleAnswersAsTheMachineDid) {
+  Run([] {
+    for (const CommandLine made : {"bundle /b.tar.gz", "bundle --redact /r.tar.gz"})
+      EXPECT_EQ(RunRavctl(made).status, 0);
+    for (const CommandLine words : {"net list --up v? lo -o name,flags,mac,mtu,addresses,ipv4_netmask,ipv4_routes",
+                                    "net routes -i v0", "net host-ip --index 1 -6", "net host-ip -s --index 3"}) {
+      const ToolResult live = RunRavctl(words);
+      const ToolResult captured = RunRavctl(words + "--sysroot /b.tar.gz");
+      EXPECT_EQ(captured.out, live.out);
+      EXPECT_EQ(captured.status, live.status);
+      EXPECT_THAT(captured.err, HasSubstr("warning: this is how it was at the time of the capture: 2"));
+    }
+    ASSERT_EQ(std::system("/usr/bin/tar -xOf /b.tar.gz ravctl/perf-sample.json > /perf"), 0);
+    EXPECT_EQ(Answer("perf --sysroot /b.tar.gz"), json::parse(ReadWholeFile("/perf"))["data"]);
+    EXPECT_THAT(RunRavctl("perf --sysroot /b.tar.gz").out, HasSubstr("\nmemory physical "));
+    for (const CommandLine words : {"perf -n 1", "perf --interval 2", "net list --rates"})
+      EXPECT_EQ(RunRavctl(words + "--sysroot /b.tar.gz").status, 2);
+    std::string redacted;
+    for (const CommandLine words : {"net list", "net routes", "net host-ip", "perf"})
+      redacted += Answer(words + "--sysroot /r.tar.gz").dump();
+    for (const char* secret : {"02:00:5e:10:20:30", "192.168.7.20", "fd00::7"})
+      EXPECT_EQ(redacted.find(secret), std::string::npos) << secret;
+    EXPECT_THAT(redacted, HasSubstr("fifteen-letters"));
+  });
+  ExpectValidAnswers(root);
+}

@@ -49,6 +49,8 @@ const std::vector<Identity> kIdentities = {
     {"etc/peer.ini", "peer fe80::abcd:efab:cdef%eth0\n",
      "fe80::abcd:efab:cdef FE80:0:0:0:0:ABCD:EFAB:CDEF fe80:0000:0000:0000:0000:abcd:efab:cdef "
      "fe800000000000000000abcdefabcdef"},
+    {"ravctl/inventory-drives.json", nlohmann::json{{"serial", "ASKED  X7/77120Q"}}.dump(1) + "\n",
+     "'ASKED  X7/77120Q' askedx777120q"},
     {"etc/fstab",
      "fileserver7.corp.example:/export /mnt nfs rw 0 0\n//winbox/share /w cifs rw 0 0\nLABEL=archive-of-jane /x ext4\n",
      "fileserver7 FILESERVER7.corp.example corp.example"},
@@ -107,11 +109,13 @@ CapturedEntry File(std::string path, std::string content) {
 std::vector<CapturedEntry> Machine() {
   std::string text, trace, registry = "[HKEY_LOCAL_MACHINE]\n";
   std::vector<CapturedEntry> entries;
+  nlohmann::json answers;
   for (const Identity& identity : kIdentities) {
     if (*identity.source != '\0') entries.push_back(File(identity.source, identity.told));
     for (const std::string& spelling : identity.spellings) {
       text += "at " + spelling + " and <a>" + spelling + "</a>{\"a\":\"" + spelling + "\"} https://" + spelling +
               ":80/" + spelling + "?x=" + spelling + ";k_" + spelling + "_\n";
+      answers.push_back({{"address", spelling + "/64"}});
       trace += "2026-01-02 03:04:05.000 [0000ABCD] !ravd          it is " + spelling + " (" + spelling + ")\n";
       registry += "Text=s=" + spelling + "\nBytes=b=ff " + Hex(spelling) + "00 \nWide=b=" + Hex(Wide(spelling)) + "\n";
       if (spelling.find('/') != std::string::npos) continue;
@@ -125,6 +129,7 @@ std::vector<CapturedEntry> Machine() {
       "53474835 3132584b 37510000\n00000010: 5347 4835 3132 584b  SGH512XK\n| 0x53,0x47,0x48,0x35,0x31 SGH51\n"
       "0000000000000020  37 51 00 00  7Q\n5347483531325841 0000000000003751\n53474835313258\n";
   entries.push_back(File("etc/some.ini", text));
+  entries.push_back(File("ravctl/net-list.json", answers.dump(1) + "\n"));
   entries.push_back(File("proc/77/environ", "QN_HOSTNAME=console9" + std::string(1, '\0') + text));
   entries.push_back(File("etc/pelrix/registry.old", registry + "Mac=b=a0 36 9f 12 34 56 \nIp=b=a 14 1e 2c\n\n"));
   entries.push_back(File("proc/interrupts", "24: 1 2 enxa0369f123456-rx-0\n25: 471147 0 eth0\n"));
@@ -178,20 +183,23 @@ TEST(Redact, NoSpellingOfAnIdentityIsLeftAnywhere) {
 
 TEST(Redact, EqualIdentitiesHaveEqualTokens) {
   ravctl::Redactor redactor;
-  std::string text = "a0:36:9f:12:34:56 A0369F123456 fe80::ab0d fe80:0:0:0:0:0:0:ab0d dead::beef 10.1.2.3 10.1.2.3/24";
+  std::string text =
+      "a0:36:9f:12:34:56 A0369F123456 fe80::ab0d fe80:0:0:0:0:0:0:ab0d dead::beef 10.1.2.3 10.1.2.3/24 "
+      "naa.600508b1001c4d7a8b9c0d1e2f304152 3600508b1001c4d7a8b9c0d1e2f304152";
   redactor.Learn(text);
   const size_t size = text.size();
   redactor.Text(text);
   ASSERT_EQ(text.size(), size);
   std::istringstream words(text);
-  std::string mac, bare, shortened, whole, other, address, net;
-  words >> mac >> bare >> shortened >> whole >> other >> address >> net;
+  std::string mac, bare, shortened, whole, other, address, net, wwn, multipath;
+  words >> mac >> bare >> shortened >> whole >> other >> address >> net >> wwn >> multipath;
   std::erase(mac, ':');
   EXPECT_EQ(mac, Lower(bare));
   EXPECT_EQ(mac.substr(0, 2), "02");
   EXPECT_EQ(whole.substr(0, 18), shortened.substr(0, 4) + ":0:0:0:0:0:0:" + shortened.substr(6, 1)) << text;
   EXPECT_EQ(whole.substr(17), shortened.substr(6)) << text;
   EXPECT_EQ(address + "/24", net) << text;
+  EXPECT_EQ("3" + wwn.substr(4), multipath);
 }
 
 TEST(Redact, WhatIsNoIdentityStays) {
@@ -210,6 +218,7 @@ TEST(Redact, WhatIsNoIdentityStays) {
   // Numbers are no host in a file that is full of them.
   std::vector<CapturedEntry> entries = {File("proc/iomem", "380000000000-3807ffffffff : PCI Bus 0000:17\n"),
                                         File("proc/stat", "cpu  4711 5001438012345678\n"),
+                                        File("ravctl/net-list.json", nlohmann::json{{"rx", 4711}}.dump(1) + "\n"),
                                         File("var/run/ravd.pid", "4711\n")};
   const std::vector<CapturedEntry> before = entries;
   std::vector<ravctl::Uncaptured> missing;

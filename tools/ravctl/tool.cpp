@@ -18,6 +18,7 @@
 #include "ravctl/line/command.h"
 #include "ravctl/line/parse.h"
 #include "ravctl/tree/enter.h"
+#include "ravctl/tree/live_answers.h"
 
 namespace ravctl {
 
@@ -109,7 +110,7 @@ void EnterTree(const CommandText& command, const std::string& tree, Output& out)
   }
   EnterSysroot(tree);
   out.SetRoot(tree);
-  if (!command.liveOnly.empty()) {
+  if (!command.liveOnly.empty() && !HasCapturedAnswers()) {
     out.Warn("a captured tree cannot hold what only a running kernel tells", command.liveOnly,
              "ask on the machine itself");
   }
@@ -196,7 +197,7 @@ int RunTool(int argc, char** argv) {
   SetCharacters();
   std::signal(SIGPIPE, SIG_IGN);
   Command root({"ravctl", "Look at and steer what the ravd service daemon and its library know of this machine."},
-               "Exit status: 0 done, 1 nothing or a difference found, 2 usage, 3 permission, 4 input missing,\n"
+               "Exit status: 0 done, 1 nothing or a difference found, 2 usage, 3 permission, 4 input missing, "
                "5 input damaged, 6 daemon not running, 7 answer not written, 70 internal.\n"
                "ravctl COMMAND --help tells more and gives examples.");
   GlobalOptions options;

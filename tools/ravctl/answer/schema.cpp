@@ -1,5 +1,7 @@
 #include "ravctl/answer/schema.h"
 
+#include <algorithm>
+
 #include "ravctl/answer/json.h"
 #include "ravctl/base/text.h"
 
@@ -80,6 +82,20 @@ Json ValueSchema(const Type& type) {
   return {{"type", std::move(kind)}, {"items", ValueSchema(element)}};
 }
 
+bool CompleteRecord(Json& value, Fields fields) {
+  if (!value.is_object()) return false;
+  return std::all_of(fields.begin(), fields.end(), [&value](const Field& field) {
+    if (field.cell.where == Where::kTable) return true;
+    if (field.key == kAnyKey) {
+      return std::all_of(value.begin(), value.end(), [&field](Json& each) { return Complete(each, field.type); });
+    }
+    const std::string key(field.key);
+    if (!value.contains(key) && field.type.isOptional) return true;
+    if (!value.contains(key) && field.type.isList) value[key] = Json::array();
+    return Complete(value[key], field.type);
+  });
+}
+
 // In front of the properties, with their names among those that are required.
 void AddConstants(const Schema& schema, Json& object) {
   Json properties = {{"schema", {{"const", "ravctl/" + std::string(schema.name)}}},
@@ -102,6 +118,33 @@ Json JsonSchema(const Schema& schema, const std::string& title) {
   Json whole = {{"$schema", "https://json-schema.org/draft/2020-12/schema"}, {"title", title}};
   whole.update(object);
   return whole;
+}
+
+bool Complete(Json& value, const Type& type) {
+  if (value.is_null()) return type.canBeNull || type.kind == Kind::kNothing || type.kind == Kind::kAnything;
+  if (type.isList) {
+    Type element = type;
+    element.isList = element.canBeNull = false;
+    return value.is_array() &&
+           std::all_of(value.begin(), value.end(), [&element](Json& each) { return Complete(each, element); });
+  }
+  switch (type.kind) {
+    case Kind::kText:
+      return value.is_string();
+    case Kind::kCount:
+      return value.is_number_unsigned();
+    case Kind::kInteger:
+      return value.is_number_integer();
+    case Kind::kBoolean:
+      return value.is_boolean();
+    case Kind::kRecord:
+      return CompleteRecord(value, type.fields);
+    case Kind::kAnything:
+      return true;
+    case Kind::kNothing:
+      break;
+  }
+  return false;
 }
 
 }  // namespace ravctl

@@ -13,4 +13,8 @@ extern const Schema kFailure;
 // The title says whose answers they are.
 Json JsonSchema(const Schema& schema, const std::string& title);
 
+// Whether a value from outside is what the type says, but for the form of its texts: what shows it may rely on that. A
+// key that an older one lacks becomes null or an empty list, where the type has that.
+bool Complete(Json& value, const Type& type);
+
 }  // namespace ravctl

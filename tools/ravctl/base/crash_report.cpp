@@ -13,6 +13,7 @@
 #include <optional>
 #include <vector>
 
+#include "ravctl/base/mapping.h"
 #include "ravctl/base/text.h"
 
 namespace ravctl {
@@ -65,41 +66,15 @@ void Report(int signal, siginfo_t*, void* context) {
 
 // ---- in the parent
 
-struct Mapping {
-  uintptr_t begin;
-  uintptr_t end;
-  uintptr_t offset;  // in the file
-  std::string name;
-};
-
-std::optional<uintptr_t> Hex(std::string_view text) {
-  uintptr_t number = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, 16);
-  return error == std::errc() && end == text.data() + text.size() ? std::optional(number) : std::nullopt;
-}
-
-// "7f00-7fff r-xp 00001000 08:01 4711    /usr/lib/libx.so"; none for a mapping of no file.
-std::optional<Mapping> ParseMapping(const std::string& line) {
-  const size_t slash = line.find('/');
-  const std::vector<std::string> words = SplitList(line.substr(0, slash), ' ');
-  if (slash == std::string::npos || words.size() < 3) return std::nullopt;
-  const size_t dash = words[0].find('-');
-  const auto begin = Hex(std::string_view(words[0]).substr(0, dash));
-  const auto end = dash == std::string::npos ? std::nullopt : Hex(std::string_view(words[0]).substr(dash + 1));
-  const auto offset = Hex(words[2]);
-  if (!begin || !end || !offset) return std::nullopt;
-  return Mapping{*begin, *end, *offset, line.substr(line.rfind('/') + 1)};
-}
-
 bool IsRuntime(const Mapping& mapping) {
-  return std::ranges::any_of(kRuntime, [&](std::string_view name) { return mapping.name.starts_with(name); });
+  return std::ranges::any_of(kRuntime, [&](std::string_view name) { return mapping.Name().starts_with(name); });
 }
 
 std::string PlaceIn(const Mapping& mapping, uintptr_t address) {
   std::array<char, 16> digits{};
   const auto end =
       std::to_chars(digits.data(), digits.data() + digits.size(), address - mapping.begin + mapping.offset, 16);
-  return mapping.name + " at 0x" + std::string(digits.data(), end.ptr);
+  return mapping.Name() + " at 0x" + std::string(digits.data(), end.ptr);
 }
 
 }  // namespace
@@ -125,7 +100,7 @@ std::string PlaceOfCrash(std::string_view report) {
   std::vector<uintptr_t> frames;
   for (const std::string& line : SplitList(report, '\n')) {
     if (line.starts_with(kFrame)) {
-      if (const auto address = Hex(std::string_view(line).substr(kFrame.size()))) frames.push_back(*address);
+      if (const auto address = ParseHex(std::string_view(line).substr(kFrame.size()))) frames.push_back(*address);
     } else if (std::optional<Mapping> mapping = ParseMapping(line)) {
       mappings.push_back(*std::move(mapping));
     }

@@ -47,6 +47,7 @@ void AddInventoryGroup(Command& root) {
   AddInventoryDrives(inventory);
   AddInventoryVolumes(inventory);
   AddInventoryDiff(inventory);
+  AddInventoryWatch(inventory);
 }
 
 void AddSmbiosGroup(Command& root) {

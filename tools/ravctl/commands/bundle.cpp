@@ -2,13 +2,19 @@
 
 #include "ravctl/commands/bundle.h"
 
+#include <array>
+
 #include "ravctl/answer/json.h"
 #include "ravctl/base/text.h"
+#include "ravctl/commands/inventory/group.h"
+#include "ravctl/commands/net/group.h"
+#include "ravctl/commands/perf.h"
 #include "ravctl/line/command.h"
 #include "ravctl/trace/kept_runs.h"
 #include "ravctl/trace/trace_settings.h"
 #include "ravctl/tree/bundle_format.h"
 #include "ravctl/tree/bundle_writer.h"
+#include "ravctl/tree/live_answers.h"
 #include "ravctl/tree/machine_files.h"
 #include "ravctl/tree/manifest.h"
 #include "ravctl/tree/redact/redact_entries.h"
@@ -28,6 +34,21 @@ constexpr auto kBundleFields = std::to_array<Field>({
     {"live_only", kTexts, "what only a running kernel tells, so that no bundle holds it"},
 });
 constexpr Schema kBundle = {"bundle", 1, Record(kBundleFields)};
+
+// What only the running machine answers.
+struct LiveAnswer {
+  const Schema& schema;
+  Json (*read)();
+};
+const auto kLiveAnswers = std::to_array<LiveAnswer>({
+    {kInventoryAdapters, ReadInventoryAdapters},
+    {kInventoryDrives, ReadInventoryDrives},
+    {kInventoryVolumes, ReadInventoryVolumes},
+    {kNetList, ReadNetList},
+    {kNetRoutes, ReadNetRoutes},
+    {kNetHostIp, ReadNetHostIp},
+    {kPerf, ReadPerf},
+});
 
 struct BundleOptions {
   std::string out;
@@ -72,6 +93,8 @@ ExitCode RunBundle(const BundleOptions& options, Output& out) {
   for (const KeptRun& run : KeptRunsIfTold(traces.directory, out))
     traces.keptRuns.push_back(run.path);
   CaptureMachine(traces, capture);
+  for (const auto& [schema, read] : kLiveAnswers)
+    CaptureAnswer(schema, read, capture);
   if (capture.Entries().size() >= kMostEntries) {
     throw CommandError(ExitCode::kInternal, "more files than a bundle holds", std::to_string(capture.Entries().size()),
                        "please report it");

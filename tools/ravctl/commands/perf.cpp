@@ -3,6 +3,8 @@
 #include "ravctl/commands/perf.h"
 
 #include <algorithm>
+#include <thread>
+#include <tuple>
 
 #include "ravctl/answer/formats.h"
 #include "ravctl/answer/json.h"
@@ -11,6 +13,8 @@
 #include "ravctl/daemon/signal_watch.h"
 #include "ravctl/hardware/perf_sampler.h"
 #include "ravctl/line/command.h"
+#include "ravctl/tree/enter.h"
+#include "ravctl/tree/live_answers.h"
 
 namespace ravctl {
 
@@ -71,8 +75,6 @@ constexpr auto kObjectFields = std::to_array<Field>({
     {"used", kCountOrNull, "how much of it is used", {.format = PercentText, .color = LoadColor}},
     {"detail", kText, "by what"},
 });
-constexpr Schema kPerf = {"perf-sample", 1, Record(kSampleFields), kObjectFields};
-
 constexpr Cell kLoad = {.format = PercentText, .color = LoadColor, .width = 4};
 constexpr auto kRowFields = std::to_array<Field>({
     {"time", kTime, "local time at the end of the sample", {.width = 23}},
@@ -98,90 +100,97 @@ constexpr auto kInterfaceFields = std::to_array<Field>({
     {"sent", kCount, "bytes sent a second", {"OUT", false, RateText, nullptr, 7}},
 });
 
-bool WarnAboutMissing(const PerfSample& sample, Output& out) {
-  if (!sample.cpu) out.Warn("the use of the processors cannot be told", "/proc/stat", "try a longer --interval");
-  if (!sample.physical) out.Warn("the use of the memory cannot be told", "/proc/meminfo", "");
-  return !sample.cpu || !sample.physical;
+bool WarnAboutMissing(const Json& sample, Output& out) {
+  const bool hasCpu = !sample["cpu"]["used_percent"].is_null();
+  const bool hasMemory = !sample["memory"]["physical_used"].is_null();
+  if (!hasCpu) out.Warn("the use of the processors cannot be told", "/proc/stat", "try a longer --interval");
+  if (!hasMemory) out.Warn("the use of the memory cannot be told", "/proc/meminfo", "");
+  return !hasCpu || !hasMemory;
 }
 
-std::string UseText(const std::optional<MemoryUse>& use) {
-  return use ? HumanSize(use->used) + " of " + HumanSize(use->total) : "";
+std::string RateOrDash(const Json& rate) {
+  return rate.is_null() ? "-" : RateText(rate);
 }
 
-std::string RateOrDash(const std::optional<uint64_t>& rate) {
-  return rate ? RateText(*rate) : "-";
+std::string CpuText(const Json& cpu) {
+  if (cpu["used_percent"].is_null()) return "";
+  return "user " + cpu["user_percent"].dump() + "%, kernel " + cpu["kernel_percent"].dump() + "%, idle " +
+         cpu["idle_percent"].dump() + "%";
 }
 
-Table ObjectTable(const PerfSample& sample) {
+Table ObjectTable(const Json& sample) {
   Table table(kPerf);
-  const auto add = [&table](const char* object, const std::string& name, const Json& used, const std::string& detail) {
+  const auto add = [&table](const char* object, const Json& name, const Json& used, const std::string& detail) {
     table.Add({{"object", object}, {"name", name}, {"used", used}, {"detail", detail}});
   };
-  std::string cpu;
-  if (sample.cpu) {
-    cpu = "user " + std::to_string(sample.cpu->user) + "%, kernel " + std::to_string(sample.cpu->kernel) + "%, idle " +
-          std::to_string(sample.cpu->idle) + "%";
+  add("cpu", "all", sample["cpu"]["used_percent"], CpuText(sample["cpu"]));
+  const Json& memory = sample["memory"];
+  for (const std::string kind : {"physical", "virtual"}) {
+    const Json& used = memory[kind + "_used"];
+    const Json& total = memory[kind + "_total"];
+    add("memory", kind, memory[kind + "_percent"],
+        used.is_null() || total.is_null() ? "" : SizeText(used) + " of " + SizeText(total));
   }
-  add("cpu", "all", sample.cpu ? Json(sample.cpu->used) : Json(), cpu);
-  const auto memory = [&add](const char* name, const std::optional<MemoryUse>& use) {
-    add("memory", name, use ? Json(use->percent) : Json(), UseText(use));
-  };
-  memory("physical", sample.physical);
-  memory("virtual", sample.virtualMemory);
-  for (const NetworkLoad& load : sample.network) {
-    std::string detail = "in " + RateOrDash(load.received) + ", out " + RateOrDash(load.sent);
-    if (load.speed) detail += ", link " + RateText(*load.speed);
-    add("network", load.name, load.percent ? Json(*load.percent) : Json(), detail);
+  for (const Json& load : sample["network"]) {
+    std::string detail =
+        "in " + RateOrDash(load["received_bytes_per_s"]) + ", out " + RateOrDash(load["sent_bytes_per_s"]);
+    if (!load["speed_bytes_per_s"].is_null()) detail += ", link " + RateText(load["speed_bytes_per_s"]);
+    add("network", load["name"], load["percent"], detail);
   }
   return table;
 }
 
-StreamTable RowTable(const PerfSample& sample, Output& out) {
+StreamTable RowTable(const Json& sample, Output& out) {
   std::vector<Column> columns = ColumnsOf(kRowFields);
-  for (const NetworkLoad& load : sample.network) {
+  for (const Json& load : sample["network"]) {
+    const std::string name = load["name"];
     for (Column& column : ColumnsOf(kInterfaceFields)) {
-      column.key = load.name + "." + column.key;
-      column.heading = load.name + "-" + column.heading;
+      column.key = name + "." + column.key;
+      column.heading = name + "-" + column.heading;
       columns.push_back(std::move(column));
     }
   }
   return {out, kPerfRows, std::move(columns)};
 }
 
-Json RowOf(const PerfSample& sample) {
-  Json row = {{"time", sample.time}};
-  if (sample.cpu) {
-    row.update({{"cpu", sample.cpu->used},
-                {"user", sample.cpu->user},
-                {"kernel", sample.cpu->kernel},
-                {"idle", sample.cpu->idle}});
-  }
-  if (sample.physical) row.update({{"memory", sample.physical->percent}, {"memory_used", sample.physical->used}});
-  if (sample.virtualMemory) {
-    row.update({{"virtual", sample.virtualMemory->percent}, {"virtual_used", sample.virtualMemory->used}});
-  }
+Json RowOf(const Json& sample) {
+  const Json& cpu = sample["cpu"];
+  const Json& memory = sample["memory"];
+  Json row = {{"time", sample["time"]},
+              {"cpu", cpu["used_percent"]},
+              {"user", cpu["user_percent"]},
+              {"kernel", cpu["kernel_percent"]},
+              {"idle", cpu["idle_percent"]},
+              {"memory", memory["physical_percent"]},
+              {"memory_used", memory["physical_used"]},
+              {"virtual", memory["virtual_percent"]},
+              {"virtual_used", memory["virtual_used"]}};
   uint64_t received = 0, sent = 0;
-  for (const NetworkLoad& load : sample.network) {
-    received += load.received.value_or(0);
-    sent += load.sent.value_or(0);
-    if (load.percent) row[load.name + ".used"] = *load.percent;
-    if (load.received) row[load.name + ".received"] = *load.received;
-    if (load.sent) row[load.name + ".sent"] = *load.sent;
+  for (const Json& load : sample["network"]) {
+    const std::string name = load["name"];
+    for (const auto& [key, from, sum] :
+         {std::tuple{".received", "received_bytes_per_s", &received}, {".sent", "sent_bytes_per_s", &sent}}) {
+      row[name + key] = load[from];
+      *sum += load[from].is_null() ? 0 : load[from].get<uint64_t>();
+    }
+    row[name + ".used"] = load["percent"];
   }
-  if (!sample.network.empty()) row.update({{"received", received}, {"sent", sent}});
+  if (!sample["network"].empty()) row.update({{"received", received}, {"sent", sent}});
   return row;
+}
+
+ExitCode Show(Json sample, const PerfOptions& options, Output& out) {
+  KeepInterfaces(options.interfaces, sample);
+  const bool isMissing = WarnAboutMissing(sample, out);
+  out.Print(kPerf, ObjectTable(sample), sample);
+  return isMissing ? ExitCode::kInputMissing : ExitCode::kDone;
 }
 
 ExitCode RunOnce(const PerfOptions& options, const SignalWatch& signals, Output& out) {
   PerfSampler sampler;
   const double seconds = options.interval > 0.0 ? options.interval : kOnceSeconds;
   if (signals.WaitUntil(Clock::now() + Seconds(seconds)) != 0) return ExitCode::kNothingOrDifferent;
-  PerfSample sample = sampler.Take();
-  RequireInterfaces(options.interfaces, sample);
-  KeepInterfaces(options.interfaces, sample);
-  const bool isMissing = WarnAboutMissing(sample, out);
-  out.Print(kPerf, ObjectTable(sample), sample.ToJson());
-  return isMissing ? ExitCode::kInputMissing : ExitCode::kDone;
+  return Show(sampler.Take(), options, out);
 }
 
 ExitCode RunRows(const PerfOptions& options, const SignalWatch& signals, Output& out) {
@@ -194,23 +203,35 @@ ExitCode RunRows(const PerfOptions& options, const SignalWatch& signals, Output&
     // From one fixed time to the next, so that the rows do not drift; after a pause of the whole machine from now on.
     next = std::max(next + interval, Clock::now());
     if (signals.WaitUntil(next) != 0) break;
-    PerfSample sample = sampler.Take();
-    RequireInterfaces(options.interfaces, sample);
+    Json sample = sampler.Take();
     KeepInterfaces(options.interfaces, sample);
     if (!rows) rows.emplace(RowTable(sample, out));
     if (!isMissing) isMissing = WarnAboutMissing(sample, out);
-    rows->Add(RowOf(sample), sample.ToJson());
+    rows->Add(RowOf(sample), sample);
   }
   return isMissing ? ExitCode::kInputMissing : ExitCode::kDone;
 }
 
 // The signals are taken before the monitor has a thread, which else would get them.
 ExitCode RunPerf(const PerfOptions& options, Output& out) {
+  if (IsInSysroot() && (options.count || options.interval > 0.0)) {
+    throw CommandError(ExitCode::kUsage, "a captured tree has the load of one moment", "--count, --interval",
+                       "leave them out");
+  }
+  if (IsInSysroot()) return Show(CapturedAnswer(kPerf, out), options, out);
   const SignalWatch signals({SIGINT, SIGTERM});
   return options.count ? RunRows(options, signals, out) : RunOnce(options, signals, out);
 }
 
 }  // namespace
+
+constexpr Schema kPerf = {"perf-sample", 1, Record(kSampleFields), kObjectFields};
+
+Json ReadPerf() {
+  PerfSampler sampler;
+  std::this_thread::sleep_for(Seconds(kOnceSeconds));
+  return sampler.Take();
+}
 
 void AddPerf(Command& root) {
   auto options = std::make_shared<PerfOptions>();
@@ -219,8 +240,7 @@ void AddPerf(Command& root) {
                             {{"ravctl perf", "over half a second"},
                              {"ravctl perf --interval 5 --json", "over five seconds, as an object"},
                              {"ravctl perf --interval 1 --count 3", "three rows, one a second"},
-                             {"ravctl perf --count 2 -o time,cpu,memory,received,sent", "two rows of chosen columns"}},
-                            Effect::kChanges},
+                             {"ravctl perf --count 2 -o time,cpu,memory,received,sent", "two rows of chosen columns"}}},
                            [options](Output& out) { return RunPerf(*options, out); });
   perf.Answers({&kPerf, &kPerfRows});
   perf.AddOption("--interval", &options->interval, "SECONDS", "Seconds that a sample covers (0.5, with --count 1)",

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <map>
 #include <optional>
@@ -14,6 +13,7 @@
 
 #include "ravctl/base/child.h"
 #include "ravctl/base/files.h"
+#include "ravctl/base/mapping.h"
 #include "ravctl/base/text.h"
 #include "ravctl/daemon/library_check.h"
 #include "ravctl/daemon/process.h"
@@ -42,30 +42,16 @@ struct MappedFile {
   uint64_t end = 0;  // behind the last byte of the file that is mapped
 };
 
-// "7f00-7fff rw-s 00001000 08:01 4711    /var/log/pelrix/log.ravd_a"
-std::optional<MappedFile> ParseMapping(const std::string& line) {
-  const size_t slash = line.find('/');
-  const std::vector<std::string> words = SplitList(line.substr(0, slash), ' ');
-  if (slash == std::string::npos || words.size() < 3) return std::nullopt;
-  const auto hex = [](const std::string& text, size_t from) {
-    uint64_t number = 0;
-    if (from <= text.size()) std::from_chars(text.data() + from, text.data() + text.size(), number, 16);
-    return number;
-  };
-  const uint64_t length = hex(words[0], words[0].find('-') + 1) - hex(words[0], 0);
-  return MappedFile{line.substr(slash), hex(words[2], 0) + length};
-}
-
 // By part of their paths, each path once. None when the caller may not look.
 std::vector<MappedFile> MappedFiles(pid_t pid, std::string_view part) {
   std::string maps;
   ReadFileInto("/proc/" + std::to_string(pid) + "/maps", maps);
   std::map<std::string, uint64_t> ends;
   for (const std::string& line : SplitList(maps, '\n')) {
-    const std::optional<MappedFile> file = ParseMapping(line);
-    if (!file || file->path.find(part) == std::string::npos) continue;
-    uint64_t& end = ends[file->path];
-    end = std::max(end, file->end);
+    const std::optional<Mapping> mapping = ParseMapping(line);
+    if (!mapping || mapping->path.find(part) == std::string::npos) continue;
+    uint64_t& end = ends[mapping->path];
+    end = std::max(end, mapping->offset + mapping->end - mapping->begin);
   }
   std::vector<MappedFile> files;
   for (const auto& [path, end] : ends)

@@ -28,7 +28,8 @@ constexpr std::string_view kDeviceNodes = "/dev/";
 constexpr std::string_view kMapper = "mapper/";
 constexpr unsigned int kDeepestStack = 32;
 constexpr const char* kCdRom = "5";
-constexpr size_t kVpdHeader = 4;  // SPC-4, 7.8: the page's number and length before what it holds
+constexpr std::string_view kMultipath = "mpath-";  // what the names begin with that the multipath daemon gives its maps
+constexpr size_t kVpdHeader = 4;                   // SPC-4, 7.8: the page's number and length before what it holds
 
 std::vector<std::string> NamesIn(const std::string& directory) {
   std::vector<std::string> names;
@@ -138,7 +139,9 @@ void BlockDevices::Read(const std::string& name) {
   BlockDevice& device = m_Devices[name];
   std::string path = std::string(kBlockClass) + "/" + name;
   if (::access(path.c_str(), F_OK) != 0) path = std::string(kDisks) + "/" + name;
-  if (::access((path + "/partition").c_str(), F_OK) == 0) device.disk = ParentName(device.link);
+  const std::string parent = ParentName(device.link);
+  if (::access((path + "/partition").c_str(), F_OK) == 0 || m_Devices.contains(parent)) device.disk = parent;
+  device.isMultipath = ReadAttribute(path + "/dm/uuid").starts_with(kMultipath);
   device.mapName = ReadAttribute(path + "/dm/name");
   device.slaves = NamesIn(path + "/slaves");
   if (const auto sectors = ReadNumber(path + "/size")) device.sizeKb = *sectors / 2;
@@ -174,6 +177,13 @@ std::vector<const BlockDevice*> BlockDevices::PartitionsOf(const std::string& di
   // sda2 before sda10
   std::ranges::sort(partitions, {}, [](const BlockDevice* each) { return std::pair(each->name.size(), each->name); });
   return partitions;
+}
+
+std::vector<std::string> BlockDevices::WaysTo(const std::string& drive) const {
+  for (const auto& [name, device] : m_Devices) {
+    if (device.isMultipath && std::ranges::count(device.slaves, drive) > 0) return device.slaves;
+  }
+  return {};
 }
 
 BlockDevices::Foundation BlockDevices::FoundationOf(const BlockDevice& device) const {

@@ -14,11 +14,12 @@ namespace ravctl {
 struct BlockDevice {
   std::string name;                 // "sda1", "cciss!c0d0"
   std::string link;                 // where it sits in sysfs: "../../devices/pci0000:00/.../block/sda/sda1"
-  std::string disk;                 // of a partition: "sda"
+  std::string disk;                 // of a partition, or of another part such as the boot areas of a card: "sda"
   std::string mapName;              // of a device of the device mapper: "vg0-root"
   std::vector<std::string> slaves;  // the devices that it is made of
   std::optional<uint64_t> sizeKb;
-  bool isDrive = false;  // a device of its own, neither partition nor made by the kernel out of others or of memory
+  bool isDrive = false;      // a device of its own, neither partition nor made by the kernel out of others or of memory
+  bool isMultipath = false;  // made by the device mapper out of several ways to one drive
 
   std::string Node() const;  // "/dev/sda1", "/dev/cciss/c0d0"
 };
@@ -39,6 +40,9 @@ class BlockDevices {
 
   // In the order of their numbers.
   std::vector<const BlockDevice*> PartitionsOf(const std::string& disk) const;
+
+  // The drives that are ways to the same one as this, itself included; empty for one that has no other.
+  std::vector<std::string> WaysTo(const std::string& drive) const;
 
   // What a device lies on through all that is stacked in between: partitions and whole drives, each once.
   struct Foundation {

@@ -15,6 +15,7 @@ namespace ravctl {
 namespace {
 
 constexpr std::string_view kDeviceNodes = "/dev/";
+constexpr std::string_view kNvme = "nvme";
 
 const char* DriveType(const CSystemDrive& drive) {
   switch (drive.GetDeviceType()) {
@@ -49,6 +50,7 @@ Json LibraryRecord(const CSystemDrive& drive) {
                  {"is_removable", drive.IsMediaRemoveable()},
                  {"is_hotplug", drive.IsHotplugDevice()},
                  {"is_multipath", drive.IsMpdDrive()},
+                 {"paths", Json::array()},
                  {"partitions", Json::array()},
                  {"sources", Json::object()}};
   for (const char* key : {"bus", "vendor", "name", "revision", "serial", "adapter", "scsi"}) {
@@ -81,6 +83,11 @@ class DriveList {
   explicit DriveList(const BlockDevices& blocks) : m_Blocks(blocks) {
     std::vector<CSystemDrive> drives;
     CSystemDrive::ScanSystemDrives(drives, false, false);
+    // Those of NVMe, which come last, are found in any order.
+    std::ranges::stable_sort(drives, {}, [](const CSystemDrive& drive) {
+      const std::string& name = drive.GetFunctionalDeviceObjectName();
+      return name.starts_with(kNvme) ? std::pair(name.size(), name) : std::pair(size_t{0}, std::string());
+    });
     for (const CSystemDrive& drive : drives)
       AddKnown(drive);
     for (const auto& [name, device] : blocks.All()) {
@@ -96,6 +103,7 @@ class DriveList {
     const BlockDevice* const block = m_Blocks.Find(name);
     Json record = LibraryRecord(drive);
     m_Seen.insert(name);
+    if (IsOtherWay(name)) return;
     if (block != nullptr) {
       const DriveDetails details = ReadDriveDetails(*block);
       if (details.isHidden) return;
@@ -106,10 +114,16 @@ class DriveList {
 
   void AddNew(const BlockDevice& drive) {
     const DriveDetails details = ReadDriveDetails(drive);
-    if (details.isHidden) return;
+    if (details.isHidden || IsOtherWay(drive.name)) return;
     Json record = NewRecord(drive, details, m_Records.size() + 1);
     AddDetails(drive, details, record);
     m_Records.push_back(std::move(record));
+  }
+
+  // The first of several ways stands for the drive.
+  bool IsOtherWay(const std::string& name) const {
+    const std::vector<std::string> ways = m_Blocks.WaysTo(name);
+    return !ways.empty() && ways.front() != name;
   }
 
   void AddDetails(const BlockDevice& drive, const DriveDetails& details, Json& record) {
@@ -125,6 +139,10 @@ class DriveList {
     Fill(record, "bus", TextOrNull(details.bus), "sysfs");
     Fill(record, "scsi", TextOrNull(details.scsi), "sysfs");
     Fill(record, "size_kb", drive.sizeKb ? Json(*drive.sizeKb) : Json(), "sysfs");
+    for (const std::string& way : m_Blocks.WaysTo(drive.name)) {
+      if (const BlockDevice* const device = m_Blocks.Find(way)) record["paths"].push_back(device->Node());
+      record["is_multipath"] = true;
+    }
     for (const BlockDevice* const partition : m_Blocks.PartitionsOf(drive.name)) {
       record["partitions"].push_back(
           {{"device", partition->Node()}, {"size_kb", partition->sizeKb ? Json(*partition->sizeKb) : Json()}});

@@ -25,7 +25,8 @@ constexpr const char* kLoopback = "lo";
 
 struct FieldRow {
   const char* key;
-  const char* field;  // of DecodeSmbiosFields
+  const char* field;           // of DecodeSmbiosFields
+  const char* wide = nullptr;  // that counts where it is there: the other one is too small for its value
 };
 
 struct StructureRow {
@@ -70,9 +71,9 @@ const std::vector<StructureRow>& Structures() {
         {"vendor", "Manufacturer"},
         {"version", "Version"},
         {"serial", "Serial Number"},
-        {"cores", "Cores"},
-        {"cores_enabled", "Cores Enabled"},
-        {"threads", "Threads"},
+        {"cores", "Cores", "Cores (16 bit)"},
+        {"cores_enabled", "Cores Enabled", "Cores Enabled (16 bit)"},
+        {"threads", "Threads", "Threads (16 bit)"},
         {"maximum_speed", "Maximum Speed"},
         {"status", "Status"}}},
       {17,
@@ -96,9 +97,13 @@ Json StructureRecord(const SmbiosStructure& structure, const StructureRow& row) 
   const std::vector<SmbiosField> fields = DecodeSmbiosFields(structure);
   Json record;
   if (row.what != nullptr) record["what"] = row.what;
+  const auto value = [&fields](const char* name) {
+    const auto field = std::ranges::find(fields, name, &SmbiosField::name);
+    return field == fields.end() ? Json() : TextOrNull(field->value);
+  };
   for (const FieldRow& each : row.fields) {
-    const auto field = std::ranges::find(fields, each.field, &SmbiosField::name);
-    record[each.key] = field == fields.end() ? Json() : TextOrNull(field->value);
+    const Json wide = each.wide == nullptr ? Json() : value(each.wide);
+    record[each.key] = wide.is_null() ? value(each.field) : wide;
   }
   return record;
 }

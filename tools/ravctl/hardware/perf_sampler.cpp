@@ -26,73 +26,46 @@ uint64_t NowMs() {
   return static_cast<uint64_t>(duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count());
 }
 
-template <typename T>
-Json OrNull(const std::optional<T>& value) {
-  return value ? Json(*value) : Json();
+Json InterfaceLoad(std::string_view name) {
+  return {{"name", name},
+          {"percent", nullptr},
+          {"received_percent", nullptr},
+          {"sent_percent", nullptr},
+          {"received_bytes_per_s", nullptr},
+          {"sent_bytes_per_s", nullptr},
+          {"speed_bytes_per_s", nullptr}};
 }
 
-template <typename Record, typename Value>
-Json OrNull(const std::optional<Record>& record, Value Record::*member) {
-  return record ? Json((*record).*member) : Json();
-}
-
-void AddRates(const _PerfDataNetwork& record, NetworkLoad& load) {
-  load.received = record.received;
-  load.sent = record.sent;
-  if (!load.speed) return;
+// The percentages are those of what the link carries, where it tells.
+void AddRates(const _PerfDataNetwork& record, Json& load) {
+  load["received_bytes_per_s"] = record.received;
+  load["sent_bytes_per_s"] = record.sent;
+  if (load["speed_bytes_per_s"].is_null()) return;
   const auto percent = [&record](uint128 bytes) {
-    return static_cast<int>(Saturate(std::min<uint128>((bytes * 100 + record.speed / 2) / record.speed, kMostPercent)));
+    return Saturate(std::min<uint128>((bytes * 100 + record.speed / 2) / record.speed, kMostPercent));
   };
-  load.percentReceived = percent(record.received);
-  load.percentSent = percent(record.sent);
-  load.percent = percent(uint128{record.received} + record.sent);
+  load["received_percent"] = percent(record.received);
+  load["sent_percent"] = percent(record.sent);
+  load["percent"] = percent(uint128{record.received} + record.sent);
 }
 
 }  // namespace
 
-Json PerfSample::ToJson() const {
-  Json interfaces = Json::array();
-  for (const NetworkLoad& load : network) {
-    interfaces.push_back({{"name", load.name},
-                          {"percent", OrNull(load.percent)},
-                          {"received_percent", OrNull(load.percentReceived)},
-                          {"sent_percent", OrNull(load.percentSent)},
-                          {"received_bytes_per_s", OrNull(load.received)},
-                          {"sent_bytes_per_s", OrNull(load.sent)},
-                          {"speed_bytes_per_s", OrNull(load.speed)}});
-  }
-  return {{"time", time},
-          {"interval_ms", intervalMs},
-          {"cpu",
-           {{"used_percent", OrNull(cpu, &CpuLoad::used)},
-            {"user_percent", OrNull(cpu, &CpuLoad::user)},
-            {"kernel_percent", OrNull(cpu, &CpuLoad::kernel)},
-            {"idle_percent", OrNull(cpu, &CpuLoad::idle)}}},
-          {"memory",
-           {{"physical_percent", OrNull(physical, &MemoryUse::percent)},
-            {"physical_used", OrNull(physical, &MemoryUse::used)},
-            {"physical_total", OrNull(physical, &MemoryUse::total)},
-            {"virtual_percent", OrNull(virtualMemory, &MemoryUse::percent)},
-            {"virtual_used", OrNull(virtualMemory, &MemoryUse::used)},
-            {"virtual_total", OrNull(virtualMemory, &MemoryUse::total)}}},
-          {"network", interfaces}};
-}
-
-void RequireInterfaces(const std::vector<std::string>& wanted, const PerfSample& sample) {
+void KeepInterfaces(const std::vector<std::string>& wanted, Json& sample) {
   std::vector<std::string> known;
-  for (const NetworkLoad& load : sample.network)
-    known.push_back(load.name);
+  for (const Json& load : sample["network"])
+    known.push_back(load["name"]);
   for (const std::string& name : wanted) {
     if (std::ranges::count(known, name) > 0) continue;
     throw CommandError(ExitCode::kNothingOrDifferent, "no such interface among those that are sampled", name,
                        DidYouMean(name, known, "see ravctl perf"));
   }
-}
-
-void KeepInterfaces(const std::vector<std::string>& wanted, PerfSample& sample) {
   if (wanted.empty()) return;
-  std::erase_if(sample.network,
-                [&wanted](const NetworkLoad& load) { return std::ranges::count(wanted, load.name) == 0; });
+  Json kept = Json::array();
+  for (const Json& load : sample["network"]) {
+    if (std::ranges::count(wanted, load["name"].get<std::string>()) > 0) kept.push_back(load);
+  }
+  sample["network"] = std::move(kept);
 }
 
 // With an interval of 0 the monitor's thread ends at once, and samples are taken when they are asked for.
@@ -100,66 +73,76 @@ PerfSampler::PerfSampler() : m_Monitor(1) {
   if (!m_Monitor.StartMonitoring(static_cast<int>(kMonitored), 0)) {
     throw CommandError(ExitCode::kInternal, "the performance monitor does not start", "thread", "try again");
   }
-  PerfSample first;
-  ReadNetwork(first);
+  m_LastMs = NowMs();
+  ReadNetwork(m_LastMs);
 }
 
-PerfSample PerfSampler::Take() {
-  PerfSample sample;
+Json PerfSampler::Take() {
   m_Monitor.SnapshotData(kMonitored);
-  sample.time = LocalTimeNow();
-  ReadCpu(sample);
-  ReadMemory(sample);
-  ReadNetwork(sample);
+  const uint64_t nowMs = NowMs();
+  Json sample = {{"time", LocalTimeNow()},
+                 {"interval_ms", nowMs - std::min(m_LastMs, nowMs)},
+                 {"cpu", ReadCpu()},
+                 {"memory", ReadMemory()},
+                 {"network", ReadNetwork(nowMs)}};
+  m_LastMs = nowMs;
   return sample;
 }
 
-void PerfSampler::ReadCpu(PerfSample& sample) {
-  const CpuLoad load{.used = Percent(CPerfMon::cpuUsed, 0),
-                     .user = Percent(CPerfMon::cpuUser, 0),
-                     .kernel = Percent(CPerfMon::cpuKernel, 0),
-                     .idle = Percent(CPerfMon::cpuIdle, 0)};
+Json PerfSampler::ReadCpu() {
+  Json load = {{"used_percent", Percent(CPerfMon::cpuUsed)},
+               {"user_percent", Percent(CPerfMon::cpuUser)},
+               {"kernel_percent", Percent(CPerfMon::cpuKernel)},
+               {"idle_percent", Percent(CPerfMon::cpuIdle)}};
   // Neither used nor idle: nothing was measured.
-  if (load.used + load.idle > 0) sample.cpu = load;
+  const bool isMeasured = load["used_percent"] != 0 || load["idle_percent"] != 0;
+  for (Json& percent : load)
+    if (!isMeasured) percent = nullptr;
+  return load;
 }
 
-void PerfSampler::ReadMemory(PerfSample& sample) {
+Json PerfSampler::ReadMemory() {
   std::string text;
   MemInfo info{};
-  if (!OpenAndReadToEnd(kProcMemInfo, text) || !ParseMemInfo(text, info)) return;
-  const _PerfDataMemory record = MakeMemoryRecord(info);
-  sample.physical = {Percent(CPerfMon::memoryPhysical, 0), record.totalPhysical, record.usedPhysical};
-  sample.virtualMemory = {Percent(CPerfMon::memoryVirtual, 0), record.totalVirtual, record.usedVirtual};
+  const bool isThere = OpenAndReadToEnd(kProcMemInfo, text) && ParseMemInfo(text, info);
+  const _PerfDataMemory record = isThere ? MakeMemoryRecord(info) : _PerfDataMemory{};
+  const auto known = [isThere](uint64_t value) { return isThere ? Json(value) : Json(); };
+  return {{"physical_percent", known(Percent(CPerfMon::memoryPhysical))},
+          {"physical_used", known(record.usedPhysical)},
+          {"physical_total", known(record.totalPhysical)},
+          {"virtual_percent", known(Percent(CPerfMon::memoryVirtual))},
+          {"virtual_used", known(record.usedVirtual)},
+          {"virtual_total", known(record.totalVirtual)}};
 }
 
 // The monitor's own percentage of a link sets the bytes of a second against what the link carries in the whole
 // interval, so it holds for intervals of a second alone.
-void PerfSampler::ReadNetwork(PerfSample& sample) {
+Json PerfSampler::ReadNetwork(uint64_t nowMs) {
   std::string text;
   OpenAndReadToEnd(kProcNetDev, text);
-  const uint64_t nowMs = NowMs();
   if (!m_Socket) m_Socket.Reset(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   std::map<std::string, NetInterfaceState, std::less<>> interfaces;
+  Json loads = Json::array();
   std::string_view rest = text;
   for (NetDevLine line; TakeSampledInterface(rest, line);) {
-    NetworkLoad load{.name = std::string(line.name)};
-    NetInterfaceState state{.name = load.name, .sampleTimeMs = nowMs};
+    const std::string name(line.name);
+    Json load = InterfaceLoad(name);
+    NetInterfaceState state{.name = name, .sampleTimeMs = nowMs};
     if (ParseNumbers(line.counters, state.counters) != static_cast<int>(state.counters.size())) continue;
     const uint64_t speed = ReadLinkSpeed(m_Socket.Get(), line.name);
-    if (speed != kUnknownSpeed) load.speed = speed;
+    if (speed != kUnknownSpeed) load["speed_bytes_per_s"] = speed;
     _PerfDataNetwork record{};
-    if (MakeNetworkRecord(m_Interfaces[load.name], nowMs, state.counters, speed, record)) AddRates(record, load);
-    interfaces[load.name] = state;
-    sample.network.push_back(load);
+    if (MakeNetworkRecord(m_Interfaces[name], nowMs, state.counters, speed, record)) AddRates(record, load);
+    interfaces[name] = state;
+    loads.push_back(std::move(load));
   }
   m_Interfaces = std::move(interfaces);
-  if (m_LastMs != 0 && nowMs > m_LastMs) sample.intervalMs = nowMs - m_LastMs;
-  m_LastMs = nowMs;
+  return loads;
 }
 
-int PerfSampler::Percent(CPerfMon::PerfMonitorValue value, int instance) {
+unsigned int PerfSampler::Percent(CPerfMon::PerfMonitorValue value) {
   unsigned char percent = 0;
-  m_Monitor.GetCurrentPercent(value, percent, instance);
+  m_Monitor.GetCurrentPercent(value, percent, 0);
   return percent;
 }
 

@@ -3,6 +3,8 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 
+#include "ravctl/line/help_text.h"
+
 namespace ravctl {
 
 namespace {
@@ -76,7 +78,7 @@ ParsedLine ParseLine(const Command& root, int argc, char** argv) {
     app.parse(argc, argv);
     return result(Kind::kCommand);
   } catch (const CLI::CallForHelp&) {
-    return result(Kind::kHelp, app.help());
+    return result(Kind::kHelp, Wrapped(app.help(), app.get_formatter()->get_column_width(), HelpWidth()));
   } catch (const CLI::CallForAllHelp&) {
     return result(Kind::kColumns);
   } catch (const CLI::CallForVersion&) {

@@ -90,6 +90,12 @@ void Capture::AddEntry(CapturedEntry entry) {
   m_Entries.push_back(std::move(entry));
 }
 
+void Capture::AddText(const std::string& path, std::string text) {
+  CapturedEntry entry{.path = path.substr(1), .content = std::move(text)};
+  entry.size = entry.content.size();
+  AddEntry(std::move(entry));
+}
+
 void Capture::AddUncaptured(const std::string& path, const std::string& reason, bool needsRoot) {
   if (m_Noted.insert(path).second) m_Missing.push_back({path, reason, needsRoot && ::geteuid() != 0});
 }

@@ -56,6 +56,7 @@ class Capture {
   void Add(const std::string& path, CaptureKind kind, uint64_t limit);
   // What was read by other means.
   void AddEntry(CapturedEntry entry);
+  void AddText(const std::string& path, std::string text);
   void AddUncaptured(const std::string& path, const std::string& reason, bool needsRoot);
 
   std::vector<CapturedEntry>& Entries() { return m_Entries; }

@@ -9,6 +9,7 @@
 #include "ravctl/base/child.h"
 #include "ravctl/base/error.h"
 #include "ravctl/base/files.h"
+#include "ravctl/base/mapping.h"
 #include "ravctl/base/text.h"
 #include "ravctl/daemon/library_check.h"
 #include "ravctl/daemon/process.h"
@@ -28,10 +29,7 @@ constexpr const char* kModuleDirectory = "/usr/lib/ravd";
 constexpr size_t kMostModules = 1000;
 
 void AddText(const char* path, std::string text, Capture& capture) {
-  if (text.empty()) return;
-  CapturedEntry entry{.path = path + 1, .content = std::move(text)};
-  entry.size = entry.content.size();
-  capture.AddEntry(std::move(entry));
+  if (!text.empty()) capture.AddText(path, std::move(text));
 }
 
 std::string LinesWith(const std::string& text, std::string_view part) {
@@ -63,8 +61,8 @@ std::string Modules() {
     // The PID file stands among what could not be read.
   }
   for (const std::string& line : SplitList(maps, '\n')) {
-    const size_t slash = line.find('/');
-    if (slash != std::string::npos && line.find(".so", slash) != std::string::npos) paths.insert(line.substr(slash));
+    const std::optional<Mapping> mapping = ParseMapping(line);
+    if (mapping && mapping->path.find(".so") != std::string::npos) paths.insert(mapping->path);
   }
   std::string text;
   size_t count = 0;

@@ -25,6 +25,7 @@ struct FileRow {
 
 // The library reads no more of a configuration space than its header.
 constexpr uint64_t kPciHeader = 64;
+constexpr uint64_t kMapperKind = 6;         // "mpath-" or another kind; what follows is an identity
 constexpr uint64_t kEsxTable = 128 * 1024;  // a 32-bit entry point names 64 KiB at most
 
 constexpr auto kFiles = std::to_array<FileRow>({
@@ -80,6 +81,7 @@ constexpr auto kFiles = std::to_array<FileRow>({
     {"/sys/class/block/*/partition"},
     {"/sys/class/block/*/slaves/*", CaptureKind::kName},
     {"/sys/class/block/*/dm/name"},
+    {"/sys/class/block/*/dm/uuid", CaptureKind::kContent, kMapperKind},
     {"/run/udev/data/b*"},
     {"/sys/class/scsi_device/*", CaptureKind::kName},
     {"/sys/class/scsi_device/*/device", CaptureKind::kName},
@@ -180,10 +182,8 @@ void CaptureTraces(const TraceChoice& traces, Capture& capture) {
 // part of /usr, which a tree has from the machine that shows it.
 void CaptureLinkedFiles(Capture& capture) {
   for (const char* path : {"/etc/localtime", "/etc/os-release"}) {
-    CapturedEntry entry{.path = path + 1};
-    if (ReadFileInto(path, entry.content) != 0) continue;
-    entry.size = entry.content.size();
-    capture.AddEntry(std::move(entry));
+    std::string content;
+    if (ReadFileInto(path, content) == 0) capture.AddText(path, std::move(content));
   }
 }
 
@@ -213,10 +213,7 @@ void CaptureMachine(const TraceChoice& traces, Capture& capture) {
 
 const std::vector<std::string>& LiveOnlyAnswers() {
   static const std::vector<std::string> answers = {
-      "addresses, flags, rates and routes of the network interfaces (netlink, SIOCGIF*)",
-      "permanent MAC addresses, driver versions and link speeds (SIOCETHTOOL)",
-      "INQUIRY data of the drives: their serial numbers, and names of NVMe drives (SG_IO)",
-      "sizes and usage of the volumes (statvfs)",
+      "load and rates of traffic at other times than that of the capture",
       "output of lspci, which is run anew on the captured functions; of vim-cmd and vmkfstools (VMware hosts)",
   };
   return answers;

@@ -25,10 +25,9 @@ using Magic = std::array<unsigned char, 2>;
 constexpr Magic kGzip = {0x1F, 0x8B};
 constexpr Magic kZstd = {0x28, 0xB5};
 
-int ReportTree(const std::string& path, const std::function<Json()>& read, int reportFd) {
+int Report(const std::function<Json()>& read, int reportFd) {
   Json report;
   try {
-    EnterSysroot(path);
     report["data"] = read();
   } catch (const CommandError& error) {
     report["code"] = static_cast<int>(error.Code());
@@ -41,24 +40,30 @@ int ReportTree(const std::string& path, const std::function<Json()>& read, int r
 
 }  // namespace
 
-Json ReadInTree(const std::string& directoryOrBundle, const std::function<Json()>& read) {
-  if (IsInSysroot()) {
-    throw CommandError(ExitCode::kUsage, "a captured tree cannot be entered from another one", directoryOrBundle,
-                       "leave --sysroot out");
-  }
-  const ChildResult child =
-      RunInChild(kTreeSeconds, [&](int reportFd) { return ReportTree(directoryOrBundle, read, reportFd); });
+Json ReadInChild(int seconds, const std::string& where, const std::function<Json()>& read) {
+  const ChildResult child = RunInChild(seconds, [&read](int reportFd) { return Report(read, reportFd); });
   std::string why;
   std::optional<Json> report = ReadJson(child.report, why);
   if (child.isTimeout || !report || !report->is_object()) {
     throw CommandError(ExitCode::kInputDamaged, child.isTimeout ? "reading took too long" : "it could not be read",
-                       directoryOrBundle, "try ravctl inventory --sysroot with it");
+                       where, "");
   }
   if (report->contains("error")) {
     throw CommandError(static_cast<ExitCode>((*report)["code"].get<int>()), (*report)["error"].get<std::string>(), "",
                        "");
   }
   return std::move((*report)["data"]);
+}
+
+Json ReadInTree(const std::string& directoryOrBundle, const std::function<Json()>& read) {
+  if (IsInSysroot()) {
+    throw CommandError(ExitCode::kUsage, "a captured tree cannot be entered from another one", directoryOrBundle,
+                       "leave --sysroot out");
+  }
+  return ReadInChild(kTreeSeconds, directoryOrBundle, [&] {
+    EnterSysroot(directoryOrBundle);
+    return read();
+  });
 }
 
 bool IsTree(const std::string& path) {

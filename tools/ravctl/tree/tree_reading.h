@@ -7,6 +7,10 @@
 
 namespace ravctl {
 
+// What the reading finds, in a child that is ended after so many seconds. Throws CommandError: what the reading threw,
+// and kInputDamaged, which names where, when it did not come to its end.
+Json ReadInChild(int seconds, const std::string& where, const std::function<Json()>& read);
+
 // Reads something in a captured tree or a bundle. Entering one is for good, so a child does it and hands over what it
 // read. Throws CommandError: what the reading threw, and kUsage inside a tree.
 Json ReadInTree(const std::string& directoryOrBundle, const std::function<Json()>& read);

@@ -1,5 +1,8 @@
 // What the answers of the inventory commands hold.
 
+#include <algorithm>
+#include <array>
+
 #include "ravctl/answer/json.h"
 #include "ravctl/commands/inventory/group.h"
 #include "ravctl/hardware/record.h"
@@ -90,7 +93,8 @@ constexpr auto kDriveFields = std::to_array<Field>({
     {"is_disk", kBoolean, "whether it is a disk", {"DISK", false}},
     {"is_removable", kBoolean, "as the record of the library says: set for every disk", {"REMOVABLE", false}},
     {"is_hotplug", kBoolean, "whether it can be changed while the machine runs", {"HOTPLUG", false}},
-    {"is_multipath", kBoolean, "whether it is one of several ways to a drive", {"MULTIPATH", false}},
+    {"is_multipath", kBoolean, "whether several ways lead to it", {"MULTIPATH", false}},
+    {"paths", kTexts, "device nodes of the ways that the device mapper makes one drive of, the same first", kOnRequest},
     {"partition_names",
      kTexts,
      "device nodes of its partitions",
@@ -162,15 +166,27 @@ constexpr auto kInventoryFields = std::to_array<Field>({
 constexpr Schema kInventory = {"inventory", 1, Record(kInventoryFields), kTreeFields};
 
 constexpr auto kDiffFields = std::to_array<Field>({
-    {"change", Choice("added|removed|moved|changed"), "what happened", {.color = ChangeColor}},
-    {"kind", Choice("adapter|drive|volume|slot|memory|processor|firmware|kernel|interface|trace|registry"), "to what"},
-    {"where", kText, "where it sits"},
+    {"change", Choice("added|removed|moved|changed"), "what happened", {.color = ChangeColor, .width = 7}},
+    {"kind",
+     Choice("adapter|drive|volume|slot|memory|processor|firmware|kernel|interface|trace|registry"),
+     "to what",
+     {.width = 9}},
+    {"where", kText, "where it sits", {.width = 12}},
     {"slot", kTextOrNull, "the slot of the adapter that it hangs on"},
-    {"name", kTextOrNull, "its name"},
-    {"field", kTextOrNull, "the key that changed"},
-    {"old", kTextOrNull, "its value before"},
+    {"name", kTextOrNull, "its name", {.width = 20}},
+    {"field", kTextOrNull, "the key that changed", {.width = 12}},
+    {"old", kTextOrNull, "its value before", {.width = 20}},
     {"new", kTextOrNull, "its value after"},
 });
 constexpr Schema kInventoryDiff = {"inventory-diff", 1, ListOf(kDiffFields)};
+
+// The same with the time in front.
+constexpr auto kWatchFields = [] {
+  std::array<Field, kDiffFields.size() + 1> fields{
+      {{"time", kTime, "local time at which the change was seen", {.width = 23}}}};
+  std::ranges::copy(kDiffFields, fields.begin() + 1);
+  return fields;
+}();
+constexpr Schema kInventoryWatch = {"inventory-watch", 1, Record(kWatchFields), kWatchFields};
 
 }  // namespace ravctl

@@ -2,8 +2,12 @@
 
 #include "ravctl/commands/inventory/group.h"
 
+#include <map>
+
 #include "ravctl/answer/json.h"
 #include "ravctl/base/text.h"
+#include "ravctl/tree/enter.h"
+#include "ravctl/tree/live_answers.h"
 
 namespace ravctl {
 
@@ -14,14 +18,59 @@ constexpr std::string_view kGap = "...";
 constexpr unsigned int kFullPercent = 90;
 constexpr unsigned int kVeryFullPercent = 98;
 
+std::string PlaceOf(const Json& record, const char* place, const char* otherPlace) {
+  return record[place].dump(-1, ' ', false, Json::error_handler_t::replace) +
+         record[otherPlace].dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+// What is not known from the files of the tree and was captured. The two places tell which record it is of.
+void FillIn(const Schema& schema, const char* place, const char* otherPlace, Json& records) {
+  std::optional<Json> captured = FindCapturedAnswer(schema);
+  if (!captured) return;
+  std::map<std::string, Json*> byPlace;
+  for (Json& record : *captured)
+    byPlace.emplace(PlaceOf(record, place, otherPlace), &record);
+  for (Json& record : records) {
+    const auto found = byPlace.find(PlaceOf(record, place, otherPlace));
+    if (found == byPlace.end()) continue;
+    Json& known = *found->second;
+    for (auto& [key, value] : record.items()) {
+      if (!value.is_null() || known[key].is_null()) continue;
+      value = known[key];
+      if (known["sources"].contains(key)) record["sources"][key] = known["sources"][key];
+    }
+  }
+}
+
 }  // namespace
 
 void AddAllOption(Command& command, InventoryOptions& options) {
   command.AddFlag("-a,--all", &options.all, "Also the kernel's file systems, such as proc, and unknown ISA devices");
 }
 
-InventoryRecords ReadInventory(unsigned int parts, bool all, Output& out) {
+InventoryRecords ReadRecords(unsigned int parts) {
   InventoryRecords records = ReadInventory(parts);
+  if (!IsInSysroot()) return records;
+  FillIn(kInventoryAdapters, "address", "name", records.adapters);
+  FillIn(kInventoryDrives, "device", "scsi", records.drives);
+  FillIn(kInventoryVolumes, "mount_point", "device", records.volumes);
+  return records;
+}
+
+Json ReadInventoryAdapters() {
+  return ReadInventory(kAdapterRecords).adapters;
+}
+
+Json ReadInventoryDrives() {
+  return ReadInventory(kDriveRecords).drives;
+}
+
+Json ReadInventoryVolumes() {
+  return ReadInventory(kVolumeRecords).volumes;
+}
+
+InventoryRecords ReadInventory(unsigned int parts, bool all, Output& out) {
+  InventoryRecords records = ReadRecords(parts);
   WarnAboutRights(records, out);
   if (!all) records.volumes = WithoutKernelVolumes(records.volumes);
   if (!all) records.adapters = WithoutUnknownDevices(records.adapters);

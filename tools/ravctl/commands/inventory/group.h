@@ -15,9 +15,15 @@ void AddInventoryAdapters(Command& inventory);
 void AddInventoryDrives(Command& inventory);
 void AddInventoryVolumes(Command& inventory);
 void AddInventoryDiff(Command& inventory);
+void AddInventoryWatch(Command& inventory);
 
 // What they answer.
-extern const Schema kInventory, kInventoryAdapters, kInventoryDrives, kInventoryVolumes, kInventoryDiff;
+extern const Schema kInventory, kInventoryAdapters, kInventoryDrives, kInventoryVolumes, kInventoryDiff, kInventoryWatch;
+
+// The whole answers of the running machine, for a bundle. Throw CommandError.
+Json ReadInventoryAdapters();
+Json ReadInventoryDrives();
+Json ReadInventoryVolumes();
 
 // What the commands share
 
@@ -28,6 +34,9 @@ struct InventoryOptions {
 
 void AddAllOption(Command& command, InventoryOptions& options);
 
+// The records; in the tree of a bundle with what it holds of the answers that only the running machine gave. Throws
+// CommandError.
+InventoryRecords ReadRecords(unsigned int parts);
 // The records, with a warning for what this user may not see.
 InventoryRecords ReadInventory(unsigned int parts, bool all, Output& out);
 Json WithoutKernelVolumes(const Json& volumes);

@@ -12,4 +12,9 @@ void AddNetHostIp(Command& net);
 // What they answer.
 extern const Schema kNetList, kNetRoutes, kNetHostIp;
 
+// The whole answers of the running machine, for a bundle. Throw CommandError.
+Json ReadNetList();
+Json ReadNetRoutes();
+Json ReadNetHostIp();
+
 }  // namespace ravctl

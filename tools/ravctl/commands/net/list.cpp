@@ -15,6 +15,8 @@
 #include "ravctl/daemon/signal_watch.h"
 #include "ravctl/line/command.h"
 #include "ravctl/network/links.h"
+#include "ravctl/tree/enter.h"
+#include "ravctl/tree/live_answers.h"
 
 namespace ravctl {
 
@@ -39,10 +41,10 @@ bool IsNamed(const ListOptions& options) {
   return !options.patterns.empty() && std::ranges::none_of(options.patterns, IsPattern);
 }
 
-void RequireNames(const ListOptions& options, const std::vector<Link>& links) {
+void RequireNames(const ListOptions& options, const Json& links) {
   std::vector<std::string> names;
-  for (const Link& link : links)
-    names.push_back(link.name);
+  for (const Json& link : links)
+    names.push_back(link["name"]);
   for (const std::string& name : options.patterns) {
     if (!IsPattern(name) && std::ranges::count(names, name) == 0) {
       throw CommandError(ExitCode::kNothingOrDifferent, "no such interface", name,
@@ -51,10 +53,11 @@ void RequireNames(const ListOptions& options, const std::vector<Link>& links) {
   }
 }
 
-bool IsWanted(const Link& link, const ListOptions& options) {
-  if (options.onlyUp && StateOf(link.flags) != "up") return false;
-  return options.patterns.empty() || std::ranges::any_of(options.patterns, [&link](const std::string& pattern) {
-           return ::fnmatch(pattern.c_str(), link.name.c_str(), 0) == 0;
+bool IsWanted(const Json& link, const ListOptions& options) {
+  if (options.onlyUp && link["state"] != "up") return false;
+  const std::string name = link["name"];
+  return options.patterns.empty() || std::ranges::any_of(options.patterns, [&name](const std::string& pattern) {
+           return ::fnmatch(pattern.c_str(), name.c_str(), 0) == 0;
          });
 }
 
@@ -153,24 +156,32 @@ std::map<std::string, size_t> CountRoutes() try {
   throw NetworkFailure(failure);
 }
 
+// With the rates since the sample before, where there is one.
+Json ReadRows(const CounterSample& before) {
+  const CounterSample now = ReadCounters();
+  std::map<std::string, size_t> routes = CountRoutes();
+  Json rows = Json::array();
+  for (const Link& link : ReadLinks()) {
+    rows.push_back(RowOf(link, before, now));
+    rows.back()["ipv4_routes"] = routes[link.name];
+  }
+  return rows;
+}
+
 ExitCode RunList(const ListOptions& options, Output& out) {
   const bool hasRates = options.rateSeconds > 0.0;
+  if (hasRates && IsInSysroot()) throw CommandError(ExitCode::kUsage, "a captured tree has no rates", "--rates", "");
   CounterSample before;
   if (hasRates) {
     before = ReadCounters();
     const SignalWatch signals({SIGINT, SIGTERM});
     if (signals.WaitUntil(before.time + Seconds(options.rateSeconds)) != 0) return ExitCode::kNothingOrDifferent;
   }
-  const CounterSample now = ReadCounters();
-  std::map<std::string, size_t> routes = CountRoutes();
-  const std::vector<Link> links = ReadLinks();
+  const Json links = IsInSysroot() ? CapturedAnswer(kNetList, out) : ReadRows(before);
   RequireNames(options, links);
   Table table = MakeTable(hasRates);
-  for (const Link& link : links) {
-    if (!IsWanted(link, options)) continue;
-    Json row = RowOf(link, before, now);
-    row["ipv4_routes"] = routes[link.name];
-    table.Add(std::move(row));
+  for (const Json& link : links) {
+    if (IsWanted(link, options)) table.Add(link);
   }
   const bool isLong = options.isLong || (IsNamed(options) && !hasRates);
   if (isLong && !out.IsJson() && out.Options().columns.empty()) {
@@ -183,6 +194,10 @@ ExitCode RunList(const ListOptions& options, Output& out) {
 
 }  // namespace
 
+Json ReadNetList() {
+  return ReadRows({});
+}
+
 void AddNetList(Command& net) {
   auto options = std::make_shared<ListOptions>();
   Command& list = net.Add({"list",
@@ -190,8 +205,7 @@ void AddNetList(Command& net) {
                            {{"ravctl net list", "all of them, with what passed through since they came up"},
                             {"ravctl net list eth0", "every property of one"},
                             {"ravctl net list --up --rates", "what passes through those that are up, over a second"},
-                            {"ravctl net list 'e*' -o name,rx_errors,tx_errors", "errors of those named e..."}},
-                           Effect::kChanges},
+                            {"ravctl net list 'e*' -o name,rx_errors,tx_errors", "errors of those named e..."}}},
                           [options](Output& out) { return RunList(*options, out); });
   list.Answers({&kNetList});
   list.AddWord("PATTERN", &options->patterns, "Only interfaces of these names; * and ? stand for others");

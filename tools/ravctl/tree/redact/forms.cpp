@@ -36,7 +36,7 @@ constexpr auto kForms = std::to_array<FormRow>({
     {Form::kUuid, true, "([0-9a-f]{8}-?[0-9a-f]{4}-?[0-9a-f]{4}-?[0-9a-f]{4}-?[0-9a-f]{12})"},
     {Form::kAddress, true, "([0-9a-f]{2}(?:[:-][0-9a-f]{2}){5,31})"},
     {Form::kAddress, true, R"(([0-9a-f]{4}(?:\.[0-9a-f]{4}){2}))"},
-    {Form::kAddress, true, "(?:0x)?([1256][0-9a-f]{15}(?:[0-9a-f]{16})?)"},
+    {Form::kAddress, true, "(?:0x|3)?([1256][0-9a-f]{15}(?:[0-9a-f]{16})?)"},
     {Form::kAddress, true, R"((?:naa|eui)\.([0-9a-f]{16}(?:[0-9a-f]{16})?))"},
     {Form::kBareMac, true, "(?:[ew][nlw]x)?([0-9a-f]{12})"},
     {Form::kName, true, R"([in]qn\.[0-9]{4}-[0-9]{2}\.([^\s"'<>,;\\]{1,223}))"},

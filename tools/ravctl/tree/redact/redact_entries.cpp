@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
 #include <utility>
 
+#include "ravctl/answer/json.h"
 #include "ravctl/answer/output.h"
 #include "ravctl/base/gzip.h"
 #include "ravctl/tree/bundle_format.h"
@@ -20,6 +22,7 @@ enum class ContentKind {
   kNumbers,  // a text full of numbers, which may have the form of an address
   kSerial,   // nothing but a serial number, behind the header of a page of SPC-4 where it is one
   kTrace,
+  kAnswer,  // JSON of a command: its texts are texts, its numbers none
   kRegistry,
   kPlain,  // nothing of a machine's own is in it
   kSmbios,
@@ -53,6 +56,7 @@ constexpr auto kKinds = std::to_array<KindRow>({
     {"proc/", "/maps", ContentKind::kNumbers},
     {"ravctl/kernel.txt", "", ContentKind::kNumbers},
     {"ravctl/modules.txt", "", ContentKind::kNumbers},
+    {"ravctl/", ".json", ContentKind::kAnswer},
     {"proc/meminfo", "", ContentKind::kNumbers},
     {"sys/", "/irq", ContentKind::kNumbers},
     {"sys/", "/size", ContentKind::kNumbers},
@@ -70,6 +74,8 @@ ContentKind KindOf(const std::string& path) {
   }
   return path.compare(path.rfind('/') + 1, 4, "log.") == 0 ? ContentKind::kTrace : ContentKind::kPlainText;
 }
+
+constexpr const char* kSerialKey = "serial";
 
 // ---- packed traces
 
@@ -121,6 +127,32 @@ std::string_view SerialIn(const CapturedEntry& entry) {
   return serial;
 }
 
+// Calls take for each text in the value, with the key that it stands at.
+void ForEachText(Json& value, const std::string& key,
+                 const std::function<void(const std::string&, std::string&)>& take) {
+  if (value.is_string()) return take(key, value.get_ref<std::string&>());
+  if (!value.is_structured()) return;
+  for (auto& [name, member] : value.items())
+    ForEachText(member, value.is_object() ? name : key, take);
+}
+
+// A serial number may have any form, and no word stands in front of it but its key.
+void LearnAnswer(const CapturedEntry& entry, Redactor& redactor) {
+  redactor.Learn(entry.content);
+  Json answer = Json::parse(entry.content, nullptr, false);
+  ForEachText(answer, "", [&redactor](const std::string& key, std::string& text) {
+    if (key == kSerialKey) redactor.LearnSerial(text);
+    redactor.Learn(text);
+  });
+}
+
+void RedactAnswer(std::string& content, const Redactor& redactor) {
+  Json answer = Json::parse(content, nullptr, false);
+  if (answer.is_discarded()) return redactor.Text(content);
+  ForEachText(answer, "", [&redactor](const std::string&, std::string& text) { redactor.Text(text); });
+  content = answer.dump(1) + "\n";
+}
+
 void Learn(const CapturedEntry& entry, Redactor& redactor) {
   // Where the library looks is the same on every machine.
   for (const std::string_view top : {"sys/", "proc/", "etc/"}) {
@@ -146,6 +178,8 @@ void Learn(const CapturedEntry& entry, Redactor& redactor) {
       ForEachBinaryValue(text, [&redactor](std::string& bytes) { redactor.Learn(bytes); });
       return redactor.Learn(entry.content);
     }
+    case ContentKind::kAnswer:
+      return LearnAnswer(entry, redactor);
     case ContentKind::kTrace:
     case ContentKind::kPlainText:
       return redactor.Learn(entry.content);
@@ -177,6 +211,8 @@ void RedactContent(CapturedEntry& entry, Redactor& redactor) {
     case ContentKind::kTrace:
       BlankDumps(content);
       return redactor.Text(content);
+    case ContentKind::kAnswer:
+      return RedactAnswer(content, redactor);
     case ContentKind::kPlainText:
       return redactor.Text(content);
   }

@@ -90,8 +90,13 @@ struct Word {
   std::string_view In(std::string_view text) const { return text.substr(start, end - start); }
 };
 
-// The next word at or behind the place; empty at the end of the text. What marks hexadecimal digits ("0x") or the name
-// of an interface made of its address ("enx") is not part of it.
+// The name of a multipath drive: its WWN with a 3 in front, for what it is (SPC-4, 7.8.6: the NAA designator).
+bool IsMultipathName(std::string_view written) {
+  return (written.size() == 17 || written.size() == 33) && written[0] == '3' && IsHex(Lower(written));
+}
+
+// The next word at or behind the place; empty at the end of the text. What marks hexadecimal digits ("0x"), the name of
+// an interface made of its address ("enx") or that of a multipath drive is not part of it.
 Word NextWord(std::string_view text, size_t at) {
   constexpr size_t kNameOfMac = 3 + kMacDigits;
   while (at < text.size() && !IsWord(text[at]))
@@ -104,6 +109,7 @@ Word NextWord(std::string_view text, size_t at) {
   if (written.size() == kNameOfMac && Lower(written[2]) == 'x' && std::string_view("nlw").find(Lower(written[1])) < 3) {
     word.start += 3;
   }
+  if (IsMultipathName(written)) ++word.start;
   return word;
 }
 
