@@ -1,0 +1,109 @@
+#include "ravctl/report/page.h"
+
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "ravctl/base/error.h"
+#include "ravctl/report/content_hash.h"
+
+// The build names the folder. As it stands in the file, between two symbols.
+#define EMBED(symbol, file)                                                                                     \
+  asm(".section .rodata\n.global " #symbol ", " #symbol "_end\n" #symbol ":\n.incbin \"" RAVCTL_REPORT "/" file \
+      "\"\n" #symbol "_end:\n.previous\n");                                                                     \
+  extern "C" const char symbol[];                                                                               \
+  extern "C" const char symbol##_end[];
+
+EMBED(ravctl_page_html, "page.html")
+EMBED(ravctl_page_css, "page.css")
+EMBED(ravctl_page_draw, "draw.js")
+EMBED(ravctl_page_pattern, "pattern.js")
+EMBED(ravctl_page_machine, "machine.js")
+EMBED(ravctl_page_trace, "trace.js")
+EMBED(ravctl_page_js, "page.js")
+
+namespace ravctl {
+
+namespace {
+
+constexpr size_t kBufferSize = size_t{1} << 20;
+
+// Where things go in page.html.
+constexpr std::string_view kPolicyPlace = "@POLICY@";
+constexpr std::string_view kStylePlace = "@STYLE@";
+constexpr std::string_view kScriptPlace = "@SCRIPT@";
+constexpr std::string_view kDataPlace = "@DATA@";
+
+std::string Scripts() {
+  std::string scripts;
+  scripts.append(ravctl_page_draw, ravctl_page_draw_end);
+  scripts.append(ravctl_page_pattern, ravctl_page_pattern_end);
+  scripts.append(ravctl_page_machine, ravctl_page_machine_end);
+  scripts.append(ravctl_page_trace, ravctl_page_trace_end);
+  scripts.append(ravctl_page_js, ravctl_page_js_end);
+  return scripts;
+}
+
+void Put(std::string_view place, const std::string& text, std::string& frame) {
+  frame.replace(frame.find(place), place.size(), text);
+}
+
+// page.html with everything but the data.
+std::string Frame() {
+  const std::string style(ravctl_page_css, ravctl_page_css_end);
+  const std::string scripts = Scripts();
+  std::string frame(ravctl_page_html, ravctl_page_html_end);
+  Put(kPolicyPlace,
+      "default-src 'none'; base-uri 'none'; form-action 'none'; style-src '" + ContentHash(style) + "'; script-src '" +
+          ContentHash(scripts) + "'",
+      frame);
+  Put(kStylePlace, style, frame);
+  Put(kScriptPlace, scripts, frame);
+  return frame;
+}
+
+}  // namespace
+
+PageWriter::PageWriter(int fd, std::string name) : m_Fd(fd), m_Name(std::move(name)) {
+  const std::string frame = Frame();
+  Write(std::string_view(frame).substr(0, frame.find(kDataPlace)));
+}
+
+void PageWriter::AddAnswer(std::string_view id, std::string_view json) {
+  Write("<script type=\"application/json\" id=\"answer-" + std::string(id) + "\">");
+  for (size_t at = 0; at < json.size();) {
+    const size_t bracket = json.find('<', at);
+    Write(json.substr(at, bracket - at));
+    if (bracket == std::string_view::npos) break;
+    Write("\\u003c");
+    at = bracket + 1;
+  }
+  Write("</script>\n");
+}
+
+void PageWriter::End() {
+  const std::string frame = Frame();
+  Write(std::string_view(frame).substr(frame.find(kDataPlace) + kDataPlace.size()));
+  Flush();
+}
+
+void PageWriter::Write(std::string_view text) {
+  m_Buffer += text;
+  m_Bytes += text.size();
+  if (m_Buffer.size() > kBufferSize) Flush();
+}
+
+void PageWriter::Flush() {
+  for (size_t at = 0; at < m_Buffer.size();) {
+    const ssize_t written = ::write(m_Fd, m_Buffer.data() + at, m_Buffer.size() - at);
+    if (written < 0 && errno != EINTR) {
+      throw CommandError(ExitCode::kNotWritten, "cannot write the report", m_Name + ": " + std::strerror(errno), "");
+    }
+    if (written > 0) at += static_cast<size_t>(written);
+  }
+  m_Buffer.clear();
+}
+
+}  // namespace ravctl
