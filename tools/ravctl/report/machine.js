@@ -111,11 +111,13 @@ function conflictsOf(slot, slots) {
   return conflicts;
 }
 
-// The functions of a slot's card, with what else is known of them.
-function adaptersIn(slot) {
+// The functions of a slot's card, with what else is known of them: those that stand where the firmware says, and where
+// no other slot has the number those that are behind it.
+function adaptersIn(slot, slots) {
   const adapters = answer('inventory').data?.adapters ?? [];
+  const isAlone = slot.number > 0 && slots.every((other) => other === slot || other.number !== slot.number);
   return adapters.filter((adapter) => adapter.address !== null &&
-    (slot.functions.includes(adapter.address) || (slot.number > 0 && adapter.slot === slot.number)));
+    (slot.functions.includes(adapter.address) || (isAlone && adapter.slot === slot.number)));
 }
 
 function linkOf(name) {
@@ -179,7 +181,7 @@ function driveText(drive) {
 
 function slotArticle(slot, slots) {
   const conflicts = conflictsOf(slot, slots);
-  const adapters = adaptersIn(slot);
+  const adapters = adaptersIn(slot, slots);
   const isUsed = slot.card !== null || adapters.length > 0 || slot.usage === 'In use';
   const state = conflicts.length > 0 ? 'conflict' : isUsed ? 'used' : 'free';
   const addresses = adapters.map((adapter) => adapter.address);
@@ -190,7 +192,7 @@ function slotArticle(slot, slots) {
     element('h3', null, name, slot.designation && element('small', null, slot.designation)),
     slotPicture(slot, state, links, drives),
     element('p', {class: 'state'}, element('strong', null, {used: 'in use', free: 'free', conflict: 'conflict'}[state]),
-      ' ', joined(slot.type, slot.width && !slot.type?.endsWith(slot.width) ? slot.width : null, slot.length) ?? ''),
+      ' ', joined(slot.type, slot.width && !slot.type?.endsWith(slot.width) ? slot.width : null, slot.length && `, length ${slot.length}`) ?? ''),
     slot.card !== null && element('p', {class: 'cardname'}, slot.card),
     conflicts.map((conflict) => element('p', {class: 'alarm'}, '! ', conflict)),
     links.length + drives.length > 0 && element('ul', {class: 'things'},

@@ -30,6 +30,7 @@ document.addEventListener('DOMContentLoaded', () => {
   drawSections();
   requestAnimationFrame(() => setTimeout(() => {
     attempt('trace', () => drawTraces());
+    performance.mark('drawn');
     document.documentElement.dataset.drawn = 'all';
   }));
 });
