@@ -95,6 +95,7 @@ class Server : public ServerMachine {
     AddSlot(table, 6, 9, false, 0x61, "PCIe slot 6 again");
     WriteSmbios(*this, table.AddEnd());
     Add("0000:00:01.0", 0x8086F030, 0x060400, "", {.headerType = 0x81, .secondaryBus = 0x17});
+    Add("0000:00:02.0", 0x8086F030, 0x060400, "", {.headerType = 1, .secondaryBus = 0x18});
     Add("0000:17:00.0", 0x80861521, 0x020000, "igb", {.headerType = 0x80, .subVendor = 0x1734, .subDevice = 1});
     if (!isBefore) Add("0000:18:00.0", 0x1000FF16, 0x010400, "megaraid_sas");
     Add("0000:5e:00.0", 0x144DFFA8, 0x010802, "nvme");

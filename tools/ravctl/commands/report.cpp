@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "platform/descriptor_io.h"
 #include "platform/unique_fd.h"
 #include "ravctl/answer/json.h"
 #include "ravctl/base/child.h"
@@ -21,6 +20,7 @@
 #include "ravctl/report/machine_facts.h"
 #include "ravctl/report/page.h"
 #include "ravctl/trace/kept_runs.h"
+#include "ravctl/trace/trace_entry.h"
 #include "ravctl/trace/trace_file.h"
 #include "ravctl/tree/enter.h"
 
@@ -70,6 +70,26 @@ constexpr auto kAnswers = std::to_array<AnswerRow>({
     {"runs", "trace list", "trace list"},
 });
 
+// What was written to a file in memory, without a copy: a trace is large.
+class MappedAnswer {
+ public:
+  MappedAnswer(int fd, size_t size)
+      : m_Size(size), m_Bytes(size == 0 ? nullptr : ::mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0)) {
+    if (m_Bytes == MAP_FAILED) throw SystemFailure("cannot collect the answers", "mmap", errno);
+  }
+  ~MappedAnswer() {
+    if (m_Bytes != nullptr) ::munmap(m_Bytes, m_Size);
+  }
+  MappedAnswer(const MappedAnswer&) = delete;
+  MappedAnswer& operator=(const MappedAnswer&) = delete;
+
+  std::string_view Text() const { return {static_cast<const char*>(m_Bytes), m_Size}; }
+
+ private:
+  size_t m_Size;
+  void* m_Bytes;
+};
+
 // Runs commands as the command line would with --json, and puts their answers into the page. The standard output of
 // the process is where they write from then on, and nothing is said on its standard error: a failure and each warning
 // are part of the answer.
@@ -87,11 +107,9 @@ class AnswerCollector {
   void Add(const std::string& id, std::vector<std::string> words) {
     Rewind();
     Run(words);
-    std::string json;
-    if (::lseek(m_Answer.Get(), 0, SEEK_SET) != 0 || !ReadToEnd(m_Answer.Get(), json)) {
-      throw SystemFailure("cannot collect the answers", "memfd", errno);
-    }
-    m_Page.AddAnswer(id, json);
+    const off_t size = ::lseek(m_Answer.Get(), 0, SEEK_END);
+    const MappedAnswer json(m_Answer.Get(), size < 0 ? 0 : static_cast<size_t>(size));
+    m_Page.AddAnswer(id, json.Text());
     ++m_Count;
   }
 
@@ -143,17 +161,45 @@ class AnswerCollector {
   Json m_Missing = Json::array();
 };
 
-// Of the present run, and of those that were kept.
-void AddTraces(const ReportOptions& options, AnswerCollector& answers) {
-  size_t kept = 0;
-  try {
-    kept = std::min(FindKeptRuns(DirectoryOf(TraceSource())).size(), kMostKeptRuns);
-  } catch (const CommandError&) {
-    // The list of the runs says why.
+// Where the entries of each file of a run begin and end, by which the page shows what wraps have overwritten:
+// [{file, wrapped, first, last}]. Why a file cannot be read, the answer of the entries says.
+Json FilesOfRun(size_t number) try {
+  Json files = Json::array();
+  TraceSource source;
+  source.run = number;
+  for (const TraceFile& file : ReadTraceFiles(source)) {
+    std::string_view first, last;
+    for (const std::string_view part : file.Layout().parts) {
+      ForEachEntry(part, [&](std::string_view whole) {
+        last = whole.substr(0, kTimeLength);
+        if (first.empty()) first = last;
+        return true;
+      });
+    }
+    if (first.empty()) continue;
+    files.push_back({{"file", file.Path()}, {"wrapped", file.Layout().hasWrapped}, {"first", first}, {"last", last}});
   }
+  return files;
+} catch (const CommandError&) {
+  return Json::array();
+}
+
+size_t CountKeptRuns() try {
+  return std::min(FindKeptRuns(DirectoryOf(TraceSource())).size(), kMostKeptRuns);
+} catch (const CommandError&) {
+  return 0;  // the list of the runs says why
+}
+
+std::string Dump(const Json& json) {
+  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+// Of the present run, and of those that were kept.
+void AddTraces(const ReportOptions& options, PageWriter& page, AnswerCollector& answers) {
+  const size_t kept = CountKeptRuns();
   for (size_t number = 0; number <= kept; ++number) {
     const std::string run = std::to_string(number);
-    answers.Add("stats-" + run, {"trace", "stats", "--run", run});
+    page.AddAnswer("files-" + run, Dump({{"data", FilesOfRun(number)}, {"warnings", Json::array()}}));
     std::vector<std::string> show = {"trace", "show", "--run", run};
     if (options.last > 0) show.insert(show.end(), {"-n", std::to_string(options.last)});
     answers.Add("trace-" + run, show);
@@ -175,10 +221,11 @@ Json WritePage(const ReportOptions& options, int fd) {
   Json facts = ReadMachineFacts();
   facts["against"] = options.against.empty() ? Json() : Json(options.against);
   facts["of"] = isOfTree ? Json(options.tree) : Json();
-  page.AddAnswer("facts", facts.dump(-1, ' ', false, Json::error_handler_t::replace));
+  page.AddAnswer("facts", Dump(facts));
   for (const AnswerRow& row : kAnswers)
     answers.Add(row.id, SplitList(isOfTree ? row.inTree : row.command, ' '));
-  AddTraces(options, answers);
+  page.AddScripts();
+  AddTraces(options, page, answers);
   page.End();
   return {{"bytes", page.Bytes()}, {"answers", answers.Count()}, {"missing", answers.Missing()}};
 }
@@ -190,7 +237,7 @@ int ReportPage(const ReportOptions& options, int fd, int reportFd) {
   } catch (const CommandError& error) {
     report = {{"code", static_cast<int>(error.Code())}, {"error", error.what()}};
   }
-  const std::string text = report.dump(-1, ' ', false, Json::error_handler_t::replace);
+  const std::string text = Dump(report);
   return ::write(reportFd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : 1;
 }
 

@@ -97,22 +97,26 @@ function fillBar(percent, what) {
     ` ${value} %${words}`);
 }
 
-// The answers that the page holds, each read once.
+// The answers that the page holds, each read once; a large one stands in several elements.
 const answerCache = new Map();
+
+function answerElements(id) {
+  return [...document.querySelectorAll(`script[data-answer="${id}"]`)];
+}
+
+function answerText(id) {
+  return answerElements(id).map((each) => each.textContent).join('');
+}
 
 // Of an answer of several lines, one object a line: all of them.
 function answerLines(id) {
-  const script = document.getElementById('answer-' + id);
-  const text = script === null ? '' : script.textContent.trim();
+  const text = answerText(id).trim();
   return text === '' ? [] : text.split('\n').map((line) => JSON.parse(line));
 }
 
 // {data, warnings, error}; data is null when the command failed, or was not asked.
 function answer(id) {
-  if (!answerCache.has(id)) {
-    const script = document.getElementById('answer-' + id);
-    answerCache.set(id, script === null ? {data: null, warnings: []} : JSON.parse(script.textContent));
-  }
+  if (!answerCache.has(id)) answerCache.set(id, JSON.parse(answerText(id) || '{"data": null, "warnings": []}'));
   return answerCache.get(id);
 }
 

@@ -157,9 +157,9 @@ function slotPicture(slot, state, links, drives) {
     Math.max(isWide, 160), 30, {class: 'slotpicture'}, shapes);
 }
 
-function functionDetails(adapter) {
+function functionDetails(adapter, heading = 'h4') {
   return element('div', {class: 'function'},
-    element('h4', null, adapter.address),
+    element(heading, null, adapter.address),
     facts([
       ['Is', joined(adapter.vendor, adapter.product) ?? joined(adapter.sub_class ?? adapter.class)],
       ['Card', adapter.subsystem],
@@ -200,7 +200,7 @@ function slotArticle(slot, slots) {
         : joined(known.state, known.speed_mbit && `${known.speed_mbit} Mbit/s`))),
       drives.map((drive) => element('li', null, driveText(drive), ' ', fillBar(fullestOn(drive), driveText(drive))))),
     adapters.length > 0 && element('details', null,
-      element('summary', null, `Card: ${plural(adapters.length, 'function')}`), adapters.map(functionDetails)),
+      element('summary', null, `Card: ${plural(adapters.length, 'function')}`), adapters.map((adapter) => functionDetails(adapter))),
     element('p', {class: 'from'}, slot.address === null ? 'no address told' : `at ${slot.address}`, `, said by ${listed(slot.sources) ?? 'nobody'}`));
 }
 
@@ -217,7 +217,7 @@ function drawSlots() {
   const adapters = (answer('inventory').data?.adapters ?? []).filter((adapter) => adapter.address !== null);
   if (adapters.length > 0) {
     section('slots', element('details', null, element('summary', null, `All ${plural(adapters.length, 'function')} of the PCI buses`),
-      element('div', {class: 'grid'}, adapters.map(functionDetails))));
+      element('div', {class: 'grid'}, adapters.map((adapter) => functionDetails(adapter, 'h3')))));
   }
 }
 
@@ -369,8 +369,9 @@ function drawLoad() {
 
 function drawSources(known) {
   const bundle = known.bundle;
-  const warnings = [...document.querySelectorAll('script[id^="answer-"]')].map((script) => script.id.slice('answer-'.length))
-    .filter((id) => !/^(facts|perf|trace-\d+)$/.test(id)).flatMap((id) => answer(id).warnings.map((each) => joined(each.what, each.where, each.todo && `(${each.todo})`)));
+  const ids = new Set([...document.querySelectorAll('script[data-answer]')].map((script) => script.dataset.answer));
+  const warnings = [...ids].filter((id) => id !== 'facts' && id !== 'perf')
+    .flatMap((id) => answer(id).warnings.map((each) => joined(each.what, each.where, each.todo && `(${each.todo})`)));
   section('sources',
     facts([
       ['Of', known.of ?? 'this machine'],

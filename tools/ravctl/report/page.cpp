@@ -3,6 +3,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -29,6 +30,7 @@ namespace ravctl {
 namespace {
 
 constexpr size_t kBufferSize = size_t{1} << 20;
+constexpr size_t kPieceSize = size_t{256} << 10;  // of an element with data, about
 
 // Where things go in page.html.
 constexpr std::string_view kPolicyPlace = "@POLICY@";
@@ -66,27 +68,42 @@ std::string Frame() {
 
 }  // namespace
 
-PageWriter::PageWriter(int fd, std::string name) : m_Fd(fd), m_Name(std::move(name)) {
-  const std::string frame = Frame();
-  Write(std::string_view(frame).substr(0, frame.find(kDataPlace)));
+PageWriter::PageWriter(int fd, std::string name) : m_Fd(fd), m_Name(std::move(name)), m_Frame(Frame()) {
+  WriteFrame();
 }
 
 void PageWriter::AddAnswer(std::string_view id, std::string_view json) {
-  Write("<script type=\"application/json\" id=\"answer-" + std::string(id) + "\">");
-  for (size_t at = 0; at < json.size();) {
-    const size_t bracket = json.find('<', at);
-    Write(json.substr(at, bracket - at));
-    if (bracket == std::string_view::npos) break;
+  do {
+    const size_t end = std::min(json.find('\n', std::min(kPieceSize, json.size())), json.size());
+    Write("<script type=\"application/json\" data-answer=\"" + std::string(id) + "\">");
+    WriteData(json.substr(0, end));
+    Write("</script>\n");
+    json.remove_prefix(end);
+  } while (!json.empty());
+}
+
+void PageWriter::WriteData(std::string_view json) {
+  for (size_t bracket = 0; (bracket = json.find('<')) != std::string_view::npos; json.remove_prefix(bracket + 1)) {
+    Write(json.substr(0, bracket));
     Write("\\u003c");
-    at = bracket + 1;
   }
-  Write("</script>\n");
+  Write(json);
+}
+
+void PageWriter::AddScripts() {
+  WriteFrame();
 }
 
 void PageWriter::End() {
-  const std::string frame = Frame();
-  Write(std::string_view(frame).substr(frame.find(kDataPlace) + kDataPlace.size()));
+  WriteFrame();
   Flush();
+}
+
+// Up to the next place of data.
+void PageWriter::WriteFrame() {
+  const size_t place = std::min(m_Frame.find(kDataPlace), m_Frame.size());
+  Write(std::string_view(m_Frame).substr(0, place));
+  m_Frame.erase(0, place + kDataPlace.size());
 }
 
 void PageWriter::Write(std::string_view text) {

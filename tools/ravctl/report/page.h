@@ -14,8 +14,10 @@ namespace ravctl {
 // element, and the page's policy allows the style and the scripts of the page by their hashes and nothing else: no
 // other script, no attribute of style, no request.
 //
-//   PageWriter page(fd);
+//   PageWriter page(fd, "machine.html");
 //   page.AddAnswer("doctor", json);
+//   page.AddScripts();
+//   page.AddAnswer("trace-0", json);
 //   page.End();
 //
 // The descriptor is borrowed. Throws CommandError (kNotWritten) when the page cannot be written. One thread.
@@ -26,20 +28,26 @@ class PageWriter {
   PageWriter(const PageWriter&) = delete;
   PageWriter& operator=(const PageWriter&) = delete;
 
-  // id: in the page, "trace-1". json: one object, or one in each line; of valid UTF-8, as the tool's own writers make
-  // it.
+  // id: how the scripts call it, "trace-1". json: one object, or one in each line; of valid UTF-8, as the tool's own
+  // writers make it. A large one becomes several elements, between its lines: browsers take time in the square of an
+  // element's length.
   void AddAnswer(std::string_view id, std::string_view json);
+  // Answers that stand before the scripts are drawn at once, while the browser still reads what follows.
+  void AddScripts();
   // What stands behind the data.
   void End();
 
   uint64_t Bytes() const { return m_Bytes; }
 
  private:
+  void WriteFrame();
+  void WriteData(std::string_view json);
   void Write(std::string_view text);
   void Flush();
 
   int m_Fd;
   std::string m_Name;
+  std::string m_Frame;  // what of it is still to be written
   std::string m_Buffer;
   uint64_t m_Bytes = 0;
 };

@@ -1,4 +1,4 @@
-// Draws the page: what is small at once, the traces once that stands there.
+// Draws the page: what stands before this script at once, the traces when all of them are read.
 
 function drawSections() {
   const list = document.getElementById('sections');
@@ -16,23 +16,21 @@ function attempt(id, draw) {
   }
 }
 
+const machineFacts = answer('facts');
+attempt('facts', () => drawFacts(machineFacts));
+attempt('findings', () => drawFindings());
+attempt('changes', () => drawChanges(machineFacts));
+attempt('slots', () => drawSlots());
+attempt('memory', () => drawMemory());
+attempt('drives', () => drawDrives());
+attempt('interfaces', () => drawInterfaces());
+attempt('load', () => drawLoad());
+attempt('sources', () => drawSources(machineFacts));
+drawSections();
 document.addEventListener('DOMContentLoaded', () => {
-  const known = answer('facts');
-  attempt('facts', () => drawFacts(known));
-  attempt('findings', () => drawFindings());
-  attempt('changes', () => drawChanges(known));
-  attempt('slots', () => drawSlots());
-  attempt('memory', () => drawMemory());
-  attempt('drives', () => drawDrives());
-  attempt('interfaces', () => drawInterfaces());
-  attempt('load', () => drawLoad());
-  attempt('sources', () => drawSources(known));
-  drawSections();
-  requestAnimationFrame(() => setTimeout(() => {
-    attempt('trace', () => drawTraces());
-    performance.mark('drawn');
-    document.documentElement.dataset.drawn = 'all';
-  }));
+  attempt('trace', () => drawTraces());
+  performance.mark('drawn');
+  document.documentElement.dataset.drawn = 'all';
 });
 
 // On paper there is nothing to unfold.

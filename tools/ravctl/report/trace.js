@@ -60,12 +60,21 @@ class Run {
 
   // Between the files of a run, where a ring buffer has lost its oldest entries to a wrap.
   findGaps(clock) {
-    const files = (answer('stats-' + this.number).data ?? []).filter((row) => row.group === 'all' && row.first !== null);
+    const files = answer('files-' + this.number).data ?? [];
     return files.flatMap((file, index) => !file.wrapped ? [] : [{
       file: file.file,
       from: index > 0 ? clock(files[index - 1].last) : null,
       to: clock(file.first),
     }]);
+  }
+
+  // So that the first search is as quick as those that follow.
+  lowerAhead(index = 0) {
+    const end = performance.now() + 10;
+    while (index < this.entries.length && performance.now() < end) {
+      for (const last = Math.min(index + 500, this.entries.length); index < last; ++index) this.loweredText(index);
+    }
+    if (index < this.entries.length) setTimeout(() => this.lowerAhead(index), 20);
   }
 
   // For a search in which case does not matter.
@@ -345,6 +354,7 @@ class TraceView {
       this.run = run;
       this.runBox.value = String(run.number);
       this.offerSources();
+      run.lowerAhead();
     }
     this.window = window;
     if (window === null) this.sourceBox.value = source === null ? '' : String(source);
@@ -424,7 +434,7 @@ function runTitle(run) {
 
 function drawTraces() {
   const runs = [];
-  for (let number = 0; document.getElementById('answer-trace-' + number) !== null; ++number) runs.push(new Run(number));
+  for (let number = 0; answerElements('trace-' + number).length > 0; ++number) runs.push(new Run(number));
   const drawn = runs.filter((run) => run.entries.length > 0);
   section('trace', runs.filter((run) => run.error !== null).map((run) => element('p', {class: 'untold'}, `Not told of the ${runTitle(run)}: ${run.error}`)));
   if (drawn.length === 0) return section('trace', element('p', {class: 'untold'}, 'There is no trace. A bundle has it with ravctl bundle --trace.'));
