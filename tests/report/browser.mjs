@@ -43,7 +43,8 @@ async function open(name, options = {}) {
   return page;
 }
 
-const answerOf = (page, id) => page.locator(`script[data-answer="${id}"]`).evaluateAll((all) => JSON.parse(all.map((each) => each.textContent).join('')).data);
+// Before the entries of a trace stands a line with the spans of its files.
+const answerOf = (page, id) => page.locator(`script[data-answer="${id}"]`).evaluateAll((all) => JSON.parse(all.map((each) => each.textContent).join('').replace(/^\[.*\n/, '')).data);
 const texts = (page, selector) => page.locator(selector).allTextContents();
 const attributes = (page, selector, name) => page.locator(selector).evaluateAll((all, name) => all.map((each) => each.getAttribute(name)), name);
 // Once the filter is through.

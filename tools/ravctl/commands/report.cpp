@@ -3,22 +3,26 @@
 #include "ravctl/commands/report.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 
+#include "platform/descriptor_io.h"
 #include "platform/unique_fd.h"
 #include "ravctl/answer/json.h"
 #include "ravctl/base/child.h"
 #include "ravctl/base/json_reader.h"
 #include "ravctl/base/text.h"
 #include "ravctl/commands/all_commands.h"
+#include "ravctl/commands/trace/group.h"
 #include "ravctl/line/command.h"
 #include "ravctl/line/parse.h"
 #include "ravctl/report/machine_facts.h"
 #include "ravctl/report/page.h"
+#include "ravctl/trace/entry_writer.h"
 #include "ravctl/trace/kept_runs.h"
 #include "ravctl/trace/trace_entry.h"
 #include "ravctl/trace/trace_file.h"
@@ -33,7 +37,7 @@ constexpr size_t kMostKeptRuns = 3;  // the newest ones; their traces are in the
 constexpr const char* kLive = "live";
 
 constexpr auto kMissingAnswerFields = std::to_array<Field>({
-    {"answer", kText, "the command whose answer is not there"},
+    {"answer", kText, "what the page calls it"},
     {"reason", kText, "why"},
 });
 constexpr auto kReportFields = std::to_array<Field>({
@@ -51,137 +55,185 @@ struct ReportOptions {
   size_t last = 0;  // entries of a trace, 0 for all
 };
 
-// An answer of the page, and the command that gives it: of this machine, and of a captured tree.
+// An answer of the page, and the command that gives it.
 struct AnswerRow {
   const char* id;
   const char* command;
-  const char* inTree;
 };
 
 constexpr auto kAnswers = std::to_array<AnswerRow>({
-    {"status", "daemon status", "daemon status"},
-    {"doctor", "doctor", "doctor"},
-    {"inventory", "inventory", "inventory"},
-    {"slots", "slots --onboard", "slots --onboard"},
-    {"pci", "pci", "pci"},
-    {"memory", "smbios show 17", "smbios show 17"},
-    {"net", "net list", "net list"},
-    {"perf", "perf --interval 0.2 --count 6", "perf"},
-    {"runs", "trace list", "trace list"},
+    {"status", "daemon status"},
+    {"doctor", "doctor"},
+    {"inventory", "inventory"},
+    {"slots", "slots --onboard"},
+    {"memory", "smbios show 17"},
+    {"net", "net list"},
+    {"runs", "trace list"},
 });
+constexpr const char* kLiveLoad = "perf --interval 0.2 --count 6";
 
-// What was written to a file in memory, without a copy: a trace is large.
-class MappedAnswer {
- public:
-  MappedAnswer(int fd, size_t size)
-      : m_Size(size), m_Bytes(size == 0 ? nullptr : ::mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0)) {
-    if (m_Bytes == MAP_FAILED) throw SystemFailure("cannot collect the answers", "mmap", errno);
+std::string Dump(const Json& json) {
+  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+// As the command line would run it.
+void RunCommand(std::vector<std::string> words, Output& out) {
+  Command root({"ravctl", ""}, "");
+  AddAllCommands(root);
+  std::vector<char*> argv{const_cast<char*>("ravctl")};
+  for (std::string& word : words)
+    argv.push_back(word.data());
+  argv.push_back(nullptr);
+  const ParsedLine line = ParseLine(root, static_cast<int>(argv.size()) - 1, argv.data());
+  if (line.kind != ParsedLine::Kind::kCommand) throw CommandError(ExitCode::kInternal, line.text, "", "");
+  const std::string name = line.command->FullName();
+  if (IsInSysroot() && line.command->Text().effect != Effect::kReads) {
+    throw CommandError(ExitCode::kInputMissing, name + ": a captured tree does not tell", "",
+                       "ask on the machine itself");
   }
-  ~MappedAnswer() {
-    if (m_Bytes != nullptr) ::munmap(m_Bytes, m_Size);
+  try {
+    line.command->Run(out);
+  } catch (const CommandError& error) {
+    throw CommandError(error.Code(), name + ": " + error.what(), "", "");
   }
-  MappedAnswer(const MappedAnswer&) = delete;
-  MappedAnswer& operator=(const MappedAnswer&) = delete;
+}
 
-  std::string_view Text() const { return {static_cast<const char*>(m_Bytes), m_Size}; }
-
- private:
-  size_t m_Size;
-  void* m_Bytes;
-};
-
-// Runs commands as the command line would with --json, and puts their answers into the page. The standard output of
-// the process is where they write from then on, and nothing is said on its standard error: a failure and each warning
-// are part of the answer.
+// Runs commands as the command line would with --json, each in a child of its own beside the others, and puts their
+// answers into the page in the order in which they were started. Nothing is said on the standard error: a failure and
+// each warning are part of the answer.
 class AnswerCollector {
  public:
-  explicit AnswerCollector(PageWriter& page) : m_Page(page), m_Answer(::memfd_create("answer", MFD_CLOEXEC)) {
+  explicit AnswerCollector(PageWriter& page) : m_Page(page) {
     const UniqueFd null(::open("/dev/null", O_WRONLY | O_CLOEXEC));
-    if (!m_Answer || !null || ::dup2(m_Answer.Get(), STDOUT_FILENO) < 0 || ::dup2(null.Get(), STDERR_FILENO) < 0) {
-      throw SystemFailure("cannot collect the answers", "memfd", errno);
-    }
+    if (null) ::dup2(null.Get(), STDERR_FILENO);
   }
 
   void SetRoot(const std::string& root) { m_Root = root; }
 
-  void Add(const std::string& id, std::vector<std::string> words) {
-    Rewind();
-    Run(words);
-    const off_t size = ::lseek(m_Answer.Get(), 0, SEEK_END);
-    const MappedAnswer json(m_Answer.Get(), size < 0 ? 0 : static_cast<size_t>(size));
-    m_Page.AddAnswer(id, json.Text());
-    ++m_Count;
+  void Start(const std::string& id, const std::vector<std::string>& words) {
+    Start(id, [words](Output& out) { RunCommand(words, out); });
   }
 
-  size_t Count() const { return m_Count; }
-  const Json& Missing() const { return m_Missing; }
+  // A CommandError of what writes the answer becomes the answer.
+  void Start(const std::string& id, const std::function<void(Output& out)>& write) {
+    std::array<int, 2> ends{};
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0) throw SystemFailure("cannot collect the answers", "pipe", errno);
+    Started started{id, UniqueFd(ends[0]), -1};
+    const UniqueFd writer(ends[1]);
+    ::fcntl(writer.Get(), F_SETPIPE_SZ, kPipeSize);  // as far as the system gives it
+    started.child = ::fork();
+    if (started.child < 0) throw SystemFailure("cannot collect the answers", "fork", errno);
+    if (started.child == 0) ::_exit(::dup2(writer.Get(), STDOUT_FILENO) >= 0 && IsWritten(write) ? 0 : 1);
+    m_Started.push_back(std::move(started));
+  }
 
- private:
-  void Rewind() const {
-    if (::ftruncate(m_Answer.Get(), 0) != 0 || ::lseek(m_Answer.Get(), 0, SEEK_SET) != 0) {
-      throw SystemFailure("cannot collect the answers", "memfd", errno);
+  size_t Count() const { return m_Started.size(); }
+  // Up to that number of those that were started.
+  void Collect(size_t end) {
+    for (; m_Collected < end; ++m_Collected) {
+      Started& started = m_Started[m_Collected];
+      const std::string head = TakeOver(started);
+      started.reader.Reset();
+      int status = 0;
+      ::waitpid(started.child, &status, 0);
+      if (status != 0) m_Missing.push_back({{"answer", started.id}, {"reason", ReasonIn(head)}});
     }
   }
 
-  void Run(std::vector<std::string>& words) {
+  const Json& Missing() const { return m_Missing; }
+
+ private:
+  static constexpr int kPipeSize = 1 << 20;
+
+  struct Started {
+    std::string id;
+    UniqueFd reader;
+    pid_t child;
+  };
+
+  // Its first piece.
+  std::string TakeOver(const Started& started) {
+    std::vector<char> bytes(kPipeSize);
+    std::string head;
+    m_Page.BeginAnswer(started.id);
+    for (ssize_t got = 0; (got = ReadSome(started.reader.Get(), bytes.data(), bytes.size())) > 0;) {
+      const std::string_view piece(bytes.data(), static_cast<size_t>(got));
+      if (head.empty()) head = piece;
+      m_Page.AddJson(piece);
+    }
+    return head;
+  }
+
+  static std::string ReasonIn(const std::string& answer) {
+    std::string why;
+    const std::optional<Json> object = ReadJson(answer, why);
+    const Json error = object && object->is_object() ? object->value("error", Json()) : Json();
+    return error.is_object() ? error["message"].get<std::string>() : "the answer breaks off";
+  }
+
+  // In the child; false when the answer is a failure.
+  bool IsWritten(const std::function<void(Output& out)>& write) const {
     OutputOptions options;
     options.json = true;
     Output out(options);
     out.SetRoot(m_Root);
-    Command root({"ravctl", ""}, "");
-    AddAllCommands(root);
-    std::vector<char*> argv{const_cast<char*>("ravctl")};
-    for (std::string& word : words)
-      argv.push_back(word.data());
-    argv.push_back(nullptr);
-    const ParsedLine line = ParseLine(root, static_cast<int>(argv.size()) - 1, argv.data());
-    const std::string name = line.command->FullName();
     try {
-      if (line.kind != ParsedLine::Kind::kCommand) throw CommandError(ExitCode::kInternal, line.text, "", "");
-      if (IsInSysroot() && line.command->Text().effect != Effect::kReads) {
-        throw CommandError(ExitCode::kInputMissing, "a captured tree does not tell", "", "ask on the machine itself");
-      }
-      line.command->Run(out);
+      write(out);
+      return true;
     } catch (const CommandError& error) {
-      Fail(error.Code(), name, error.what(), out);
+      out.PrintError(static_cast<int>(error.Code()), error.what());
     } catch (const std::exception& error) {
-      Fail(ExitCode::kInternal, name, error.what(), out);
+      out.PrintError(static_cast<int>(ExitCode::kInternal), error.what());
     }
-  }
-
-  void Fail(ExitCode code, const std::string& command, const std::string& why, Output& out) {
-    out.PrintError(static_cast<int>(code), command + ": " + why);
-    m_Missing.push_back({{"answer", command}, {"reason", why}});
+    return false;
   }
 
   PageWriter& m_Page;
-  UniqueFd m_Answer;
   std::string m_Root = "/";
-  size_t m_Count = 0;
+  std::vector<Started> m_Started;
+  size_t m_Collected = 0;
   Json m_Missing = Json::array();
 };
 
-// Where the entries of each file of a run begin and end, by which the page shows what wraps have overwritten:
-// [{file, wrapped, first, last}]. Why a file cannot be read, the answer of the entries says.
-Json FilesOfRun(size_t number) try {
-  Json files = Json::array();
-  TraceSource source;
-  source.run = number;
-  for (const TraceFile& file : ReadTraceFiles(source)) {
-    std::string_view first, last;
+// Where the entries of a file of a run begin and end, by which the page shows what a wrap has overwritten.
+Json SpanOf(const TraceFile& file, size_t& entries) {
+  std::string_view first, last;
+  for (const std::string_view part : file.Layout().parts) {
+    ForEachEntry(part, [&](std::string_view whole) {
+      last = whole.substr(0, kTimeLength);
+      if (first.empty()) first = last;
+      ++entries;
+      return true;
+    });
+  }
+  return {{"file", file.Path()}, {"wrapped", file.Layout().hasWrapped}, {"first", first}, {"last", last}};
+}
+
+// A line with the spans of the files, and the answer of `trace show`, of one reading: traces are large.
+void WriteTrace(const TraceSource& source, size_t most, Output& out) {
+  const std::vector<TraceFile> files = ReadTraceFiles(source);
+  Json spans = Json::array();
+  size_t entries = 0;
+  for (const TraceFile& file : files)
+    spans.push_back(SpanOf(file, entries));
+  Output({}).Write(Dump(spans) + "\n");
+  size_t passedOver = most == 0 || entries <= most ? 0 : entries - most;
+  EntryWriter writer(out, kTraceShow, false);
+  writer.Begin();
+  for (const TraceFile& file : files) {
+    WarnAboutDamage(file, out);
     for (const std::string_view part : file.Layout().parts) {
       ForEachEntry(part, [&](std::string_view whole) {
-        last = whole.substr(0, kTimeLength);
-        if (first.empty()) first = last;
-        return true;
+        if (passedOver == 0) {
+          writer.Write(whole);
+        } else {
+          --passedOver;
+        }
+        return !out.IsClosed();
       });
     }
-    if (first.empty()) continue;
-    files.push_back({{"file", file.Path()}, {"wrapped", file.Layout().hasWrapped}, {"first", first}, {"last", last}});
   }
-  return files;
-} catch (const CommandError&) {
-  return Json::array();
+  writer.End();
 }
 
 size_t CountKeptRuns() try {
@@ -190,42 +242,45 @@ size_t CountKeptRuns() try {
   return 0;  // the list of the runs says why
 }
 
-std::string Dump(const Json& json) {
-  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
-
 // Of the present run, and of those that were kept.
-void AddTraces(const ReportOptions& options, PageWriter& page, AnswerCollector& answers) {
+void StartTraces(const ReportOptions& options, AnswerCollector& answers) {
   const size_t kept = CountKeptRuns();
-  for (size_t number = 0; number <= kept; ++number) {
-    const std::string run = std::to_string(number);
-    page.AddAnswer("files-" + run, Dump({{"data", FilesOfRun(number)}, {"warnings", Json::array()}}));
-    std::vector<std::string> show = {"trace", "show", "--run", run};
-    if (options.last > 0) show.insert(show.end(), {"-n", std::to_string(options.last)});
-    answers.Add("trace-" + run, show);
+  for (TraceSource source; source.run <= kept; ++source.run) {
+    answers.Start("trace-" + std::to_string(source.run),
+                  [source, most = options.last](Output& out) { WriteTrace(source, most, out); });
   }
 }
 
-// Entering a tree is for good, and the comparison enters its own: that comes first.
+// Entering a tree is for good, and the comparison enters its own: that is started before. The load of this machine is
+// measured before this command makes some.
 Json WritePage(const ReportOptions& options, int fd) {
   PageWriter page(fd, options.out);
   AnswerCollector answers(page);
   const bool isOfTree = !options.tree.empty();
+  if (!isOfTree) {
+    answers.Start("perf", SplitList(kLiveLoad, ' '));
+    answers.Collect(answers.Count());
+  }
   if (!options.against.empty()) {
-    answers.Add("changes", {"inventory", "diff", options.against, isOfTree ? options.tree : kLive});
+    answers.Start("changes", {"inventory", "diff", options.against, isOfTree ? options.tree : kLive});
   }
   if (isOfTree) {
     EnterSysroot(options.tree);
     answers.SetRoot(options.tree);
+    answers.Start("perf", {"perf"});
   }
+  for (const AnswerRow& row : kAnswers)
+    answers.Start(row.id, SplitList(row.command, ' '));
+  const size_t small = answers.Count();
+  StartTraces(options, answers);
   Json facts = ReadMachineFacts();
   facts["against"] = options.against.empty() ? Json() : Json(options.against);
   facts["of"] = isOfTree ? Json(options.tree) : Json();
-  page.AddAnswer("facts", Dump(facts));
-  for (const AnswerRow& row : kAnswers)
-    answers.Add(row.id, SplitList(isOfTree ? row.inTree : row.command, ' '));
+  page.BeginAnswer("facts");
+  page.AddJson(Dump(facts));
+  answers.Collect(small);
   page.AddScripts();
-  AddTraces(options, page, answers);
+  answers.Collect(answers.Count());
   page.End();
   return {{"bytes", page.Bytes()}, {"answers", answers.Count()}, {"missing", answers.Missing()}};
 }
@@ -292,7 +347,7 @@ Json MakePage(const ReportOptions& options) {
 ExitCode RunReport(const ReportOptions& options, Output& out) {
   Json made = MakePage(options);
   for (const Json& missing : made["missing"])
-    out.Warn("not in the report", missing["answer"].get<std::string>() + ": " + missing["reason"].get<std::string>());
+    out.Warn("not in the report", missing["reason"].get<std::string>());
   const std::string text = Printable(options.out) + ": " + made["answers"].dump() + " answers, " +
                            HumanSize(made["bytes"].get<uint64_t>()) + "; open it in a browser\n";
   Json data = {{"page", options.out}};

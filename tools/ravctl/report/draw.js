@@ -108,15 +108,24 @@ function answerText(id) {
   return answerElements(id).map((each) => each.textContent).join('');
 }
 
+// Nothing was asked, or what answered broke off.
+function parseAnswer(text) {
+  try {
+    return JSON.parse(text);
+  } catch {
+    return {data: null, warnings: [], error: text === '' ? null : {message: 'the answer breaks off'}};
+  }
+}
+
 // Of an answer of several lines, one object a line: all of them.
 function answerLines(id) {
   const text = answerText(id).trim();
-  return text === '' ? [] : text.split('\n').map((line) => JSON.parse(line));
+  return text === '' ? [] : text.split('\n').map(parseAnswer);
 }
 
 // {data, warnings, error}; data is null when the command failed, or was not asked.
 function answer(id) {
-  if (!answerCache.has(id)) answerCache.set(id, JSON.parse(answerText(id) || '{"data": null, "warnings": []}'));
+  if (!answerCache.has(id)) answerCache.set(id, parseAnswer(answerText(id)));
   return answerCache.get(id);
 }
 

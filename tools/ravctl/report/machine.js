@@ -370,7 +370,7 @@ function drawLoad() {
 function drawSources(known) {
   const bundle = known.bundle;
   const ids = new Set([...document.querySelectorAll('script[data-answer]')].map((script) => script.dataset.answer));
-  const warnings = [...ids].filter((id) => id !== 'facts' && id !== 'perf')
+  const warnings = [...ids].filter((id) => id !== 'facts' && id !== 'perf' && !id.startsWith('trace-'))
     .flatMap((id) => answer(id).warnings.map((each) => joined(each.what, each.where, each.todo && `(${each.todo})`)));
   section('sources',
     facts([

@@ -30,7 +30,7 @@ namespace ravctl {
 namespace {
 
 constexpr size_t kBufferSize = size_t{1} << 20;
-constexpr size_t kPieceSize = size_t{256} << 10;  // of an element with data, about
+constexpr size_t kElementSize = size_t{256} << 10;  // of one with data, about
 
 // Where things go in page.html.
 constexpr std::string_view kPolicyPlace = "@POLICY@";
@@ -72,17 +72,36 @@ PageWriter::PageWriter(int fd, std::string name) : m_Fd(fd), m_Name(std::move(na
   WriteFrame();
 }
 
-void PageWriter::AddAnswer(std::string_view id, std::string_view json) {
-  do {
-    const size_t end = std::min(json.find('\n', std::min(kPieceSize, json.size())), json.size());
-    Write("<script type=\"application/json\" data-answer=\"" + std::string(id) + "\">");
-    WriteData(json.substr(0, end));
-    Write("</script>\n");
-    json.remove_prefix(end);
-  } while (!json.empty());
+void PageWriter::BeginAnswer(std::string_view id) {
+  EndElement();
+  m_Answer = id;
+  BeginElement();
 }
 
-void PageWriter::WriteData(std::string_view json) {
+void PageWriter::AddJson(std::string_view json) {
+  while (m_ElementSize + json.size() > kElementSize) {
+    const size_t room = kElementSize - std::min(m_ElementSize, kElementSize);
+    const size_t end = json.find('\n', std::min(room, json.size()));
+    if (end == std::string_view::npos) break;
+    WriteJson(json.substr(0, end));
+    json.remove_prefix(end);
+    EndElement();
+    BeginElement();
+  }
+  WriteJson(json);
+}
+
+void PageWriter::BeginElement() {
+  Write("<script type=\"application/json\" data-answer=\"" + m_Answer + "\">");
+  m_ElementSize = 0;
+}
+
+void PageWriter::EndElement() {
+  if (!m_Answer.empty()) Write("</script>\n");
+}
+
+void PageWriter::WriteJson(std::string_view json) {
+  m_ElementSize += json.size();
   for (size_t bracket = 0; (bracket = json.find('<')) != std::string_view::npos; json.remove_prefix(bracket + 1)) {
     Write(json.substr(0, bracket));
     Write("\\u003c");
@@ -101,6 +120,8 @@ void PageWriter::End() {
 
 // Up to the next place of data.
 void PageWriter::WriteFrame() {
+  EndElement();
+  m_Answer.clear();
   const size_t place = std::min(m_Frame.find(kDataPlace), m_Frame.size());
   Write(std::string_view(m_Frame).substr(0, place));
   m_Frame.erase(0, place + kDataPlace.size());

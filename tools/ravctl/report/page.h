@@ -15,9 +15,11 @@ namespace ravctl {
 // other script, no attribute of style, no request.
 //
 //   PageWriter page(fd, "machine.html");
-//   page.AddAnswer("doctor", json);
+//   page.BeginAnswer("doctor");
+//   page.AddJson(json);
 //   page.AddScripts();
-//   page.AddAnswer("trace-0", json);
+//   page.BeginAnswer("trace-0");
+//   page.AddJson(json);
 //   page.End();
 //
 // The descriptor is borrowed. Throws CommandError (kNotWritten) when the page cannot be written. One thread.
@@ -28,10 +30,11 @@ class PageWriter {
   PageWriter(const PageWriter&) = delete;
   PageWriter& operator=(const PageWriter&) = delete;
 
-  // id: how the scripts call it, "trace-1". json: one object, or one in each line; of valid UTF-8, as the tool's own
-  // writers make it. A large one becomes several elements, between its lines: browsers take time in the square of an
-  // element's length.
-  void AddAnswer(std::string_view id, std::string_view json);
+  // id: how the scripts call it, "trace-1". What is added until the next answer is its JSON, in pieces that may end
+  // anywhere: one object, or one in each line; of valid UTF-8, as the tool's own writers make it. A large one becomes
+  // several elements, between its lines: browsers take more and more time for the longer one.
+  void BeginAnswer(std::string_view id);
+  void AddJson(std::string_view json);
   // Answers that stand before the scripts are drawn at once, while the browser still reads what follows.
   void AddScripts();
   // What stands behind the data.
@@ -41,13 +44,17 @@ class PageWriter {
 
  private:
   void WriteFrame();
-  void WriteData(std::string_view json);
+  void BeginElement();
+  void EndElement();
+  void WriteJson(std::string_view json);
   void Write(std::string_view text);
   void Flush();
 
   int m_Fd;
   std::string m_Name;
-  std::string m_Frame;  // what of it is still to be written
+  std::string m_Frame;       // what of it is still to be written
+  std::string m_Answer;      // its id, empty for none
+  size_t m_ElementSize = 0;  // of the one that is open
   std::string m_Buffer;
   uint64_t m_Bytes = 0;
 };

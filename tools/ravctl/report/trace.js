@@ -29,14 +29,23 @@ function timeText(milliseconds) {
   return Number.isFinite(milliseconds) ? new Date(milliseconds).toISOString().replace('T', ' ').slice(0, 23) : '–';
 }
 
+// Between the files of a run, where a ring buffer has lost its oldest entries to a wrap.
+function findGaps(files, clock) {
+  return files.flatMap((file, index) => !file.wrapped || file.first === '' ? [] : [{
+    file: file.file,
+    from: index > 0 && files[index - 1].last !== '' ? clock(files[index - 1].last) : null,
+    to: clock(file.first),
+  }]);
+}
+
 // The entries of one run, with what is asked of each of them beside it.
 class Run {
   constructor(number) {
-    const given = answer('trace-' + number);
+    const text = answerText('trace-' + number), line = text.startsWith('[') ? text.indexOf('\n') : 0;
+    const given = parseAnswer(text.slice(line));
     this.number = number;
     this.error = given.error?.message ?? null;
     this.entries = given.data ?? [];
-    answerCache.delete('trace-' + number);
     const count = this.entries.length, clock = makeClock(), ids = new Map();
     this.times = new Float64Array(count);
     this.sources = new Uint32Array(count);
@@ -54,18 +63,8 @@ class Run {
       if (time < this.first) this.first = time;
       if (time > this.last) this.last = time;
     }
-    this.gaps = this.findGaps(clock);
+    this.gaps = findGaps(line > 0 ? JSON.parse(text.slice(0, line)) : [], clock);
     this.lowered = null;
-  }
-
-  // Between the files of a run, where a ring buffer has lost its oldest entries to a wrap.
-  findGaps(clock) {
-    const files = answer('files-' + this.number).data ?? [];
-    return files.flatMap((file, index) => !file.wrapped ? [] : [{
-      file: file.file,
-      from: index > 0 ? clock(files[index - 1].last) : null,
-      to: clock(file.first),
-    }]);
   }
 
   // So that the first search is as quick as those that follow.
