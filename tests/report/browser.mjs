@@ -43,8 +43,11 @@ async function open(name, options = {}) {
   return page;
 }
 
-// Before the entries of a trace stands a line with the spans of its files.
-const answerOf = (page, id) => page.locator(`script[data-answer="${id}"]`).evaluateAll((all) => JSON.parse(all.map((each) => each.textContent).join('').replace(/^\[.*\n/, '')).data);
+// As the file has it. Before the entries of a trace stands a line with the spans of its files.
+function answerOf(name, id) {
+  const pieces = readFileSync(pageFile(name), 'utf8').matchAll(new RegExp(`<script type="application/json" data-answer="${id}">([^<]*)</script>`, 'g'));
+  return JSON.parse([...pieces].map(([, json]) => json).join('').replace(/^\[.*\n/, '')).data;
+}
 const texts = (page, selector) => page.locator(selector).allTextContents();
 const attributes = (page, selector, name) => page.locator(selector).evaluateAll((all, name) => all.map((each) => each.getAttribute(name)), name);
 // Once the filter is through.
@@ -93,17 +96,17 @@ test('the policy allows nothing but the parts of the page', async () => {
 test('the pictures show what the answers say', async () => {
   const page = await open('server');
   assert.deepEqual(page.said, []);
-  assert.deepEqual((await attributes(page, '.slot', 'data-slot')).map(Number), (await answerOf(page, 'slots')).map((slot) => slot.number));
+  assert.deepEqual((await attributes(page, '.slot', 'data-slot')).map(Number), answerOf('server', 'slots').map((slot) => slot.number));
   assert.deepEqual(await attributes(page, '.slot', 'data-state'), ['used', 'conflict', 'free', 'conflict', 'conflict']);
   assert.deepEqual([await page.locator('.slot rect.port').count(), await page.locator('.slot rect.drive').count()], [1, 1]);
   assert.match((await texts(page, '.slot'))[0], /Slot 3.*in use.*PCIe.*eth7.*igb.*02:00:00:00:00:01.*SMBIOS type 9/s);
   assert.deepEqual(await attributes(page, '.dimm', 'data-state'), ['used', 'used', 'free']);
-  assert.equal(await page.locator('.changes > li').count(), (await answerOf(page, 'changes')).length);
+  assert.equal(await page.locator('.changes > li').count(), answerOf('server', 'changes').length);
   assert.match((await texts(page, '.changes')).join(), /added adapter.*slot 4.*changed firmware.*2\.0\.1.*2\.1\.0/s);
-  const findings = await answerOf(page, 'doctor');
+  const findings = answerOf('server', 'doctor');
   assert.equal(await page.locator('.findings > li').count(), findings.length);
   assert.equal(await page.locator('.findings > li').first().getAttribute('class'), 'bad');
-  const runs = [await answerOf(page, 'trace-0'), await answerOf(page, 'trace-1')];
+  const runs = [answerOf('server', 'trace-0'), answerOf('server', 'trace-1')];
   for (const [number, entries] of runs.entries()) {
     const isError = (entry) => /ERROR|FAILED/.test(entry.text), lanes = `.run[data-run="${number}"] .lanerow`;
     const sums = await page.locator(lanes).evaluateAll((rows) => rows.map((row) => [Number(row.dataset.entries), Number(row.dataset.errors)]));
@@ -118,11 +121,11 @@ test('the pictures show what the answers say', async () => {
 test('a live machine shows its volumes, links and load', async () => {
   const page = await open('live');
   assert.deepEqual(page.said, []);
-  const told = (await answerOf(page, 'inventory')).volumes.map((volume) => volume.used_percent).filter((used) => used !== null);
+  const told = answerOf('live', 'inventory').volumes.map((volume) => volume.used_percent).filter((used) => used !== null);
   const bars = await page.locator('.volume .bar').evaluateAll((all) => all.map((bar) => [bar.dataset.percent, bar.querySelector('.filled').getAttribute('width')]));
   assert.deepEqual(bars.map(([percent]) => Number(percent)).sort(), told.sort());
   assert.ok(bars.every(([percent, width]) => percent === width));
-  const links = await answerOf(page, 'net');
+  const links = answerOf('live', 'net');
   assert.deepEqual(await attributes(page, '.link', 'data-link'), links.map((link) => link.name));
   assert.deepEqual(await attributes(page, '.link', 'data-state'), links.map((link) => link.state));
   assert.ok((await attributes(page, '.plot', 'data-samples')).every((samples) => samples === '6'));
@@ -130,7 +133,7 @@ test('a live machine shows its volumes, links and load', async () => {
 
 test('filter, search and keyboard choose among 100,000 entries', async () => {
   const page = await open('large');
-  const entries = await answerOf(page, 'trace-0');
+  const entries = answerOf('large', 'trace-0');
   const counted = (condition) => `${entries.filter(condition).length.toLocaleString('en')} of 100,000 entries`;
   const look = async (text, isPattern, condition) => {
     await page.setChecked('#trace-pattern', isPattern);
