@@ -151,14 +151,15 @@ class HostileMachine : public ServerMachine {
     std::string trace;
     for (int number = 0; number < 50; ++number)
       trace += Entry(number * 1000, "<img\xE2\x80\xAE-src=x>-ERROR   : " + text + "\n" + text);
-    trace += Entry(60000, "Long                : " + std::string(1000000, '<'));
+    trace += "9999-99-99 99:99:99.999 [00001000] ravd          no time\n" +
+             Entry(60000, "Long                : " + std::string(1000000, '<'));
     WriteFile(std::string(kTraces) + "log.ravd_a", trace);
     const std::string kept = std::string(kTraces) + "crash-20261124T024523Z/";
     WriteFile(kept + "exit", "result=" + text.substr(0, 60) + "\nsignal=<script>\npid=1\n");
     WriteFile(kept + "log.ravd_a", trace);
     WriteFile("/manifest.json",
               "{\"host\": \"</script><script>document.title='ran'</script>\", \"tool\": [\"<img>\"], "
-              "\"missing\": [{\"path\": \"<img src=x>\", \"reason\": 7}]}");
+              "\"missing\": [null, {\"path\": \"<img src=x>\", \"reason\": 7}]}");
   }
 };
 

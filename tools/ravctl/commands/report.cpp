@@ -2,16 +2,10 @@
 
 #include "ravctl/commands/report.h"
 
-#include <fcntl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
 
-#include "platform/descriptor_io.h"
-#include "platform/unique_fd.h"
 #include "ravctl/answer/json.h"
 #include "ravctl/base/child.h"
 #include "ravctl/base/json_reader.h"
@@ -20,7 +14,9 @@
 #include "ravctl/commands/trace/group.h"
 #include "ravctl/line/command.h"
 #include "ravctl/line/parse.h"
+#include "ravctl/report/answer_collector.h"
 #include "ravctl/report/machine_facts.h"
+#include "ravctl/report/new_page.h"
 #include "ravctl/report/page.h"
 #include "ravctl/trace/entry_writer.h"
 #include "ravctl/trace/kept_runs.h"
@@ -98,103 +94,6 @@ void RunCommand(std::vector<std::string> words, Output& out) {
   }
 }
 
-// Runs commands as the command line would with --json, each in a child of its own beside the others, and puts their
-// answers into the page in the order in which they were started. Nothing is said on the standard error: a failure and
-// each warning are part of the answer.
-class AnswerCollector {
- public:
-  explicit AnswerCollector(PageWriter& page) : m_Page(page) {
-    const UniqueFd null(::open("/dev/null", O_WRONLY | O_CLOEXEC));
-    if (null) ::dup2(null.Get(), STDERR_FILENO);
-  }
-
-  void SetRoot(const std::string& root) { m_Root = root; }
-
-  void Start(const std::string& id, const std::vector<std::string>& words) {
-    Start(id, [words](Output& out) { RunCommand(words, out); });
-  }
-
-  // A CommandError of what writes the answer becomes the answer.
-  void Start(const std::string& id, const std::function<void(Output& out)>& write) {
-    std::array<int, 2> ends{};
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0) throw SystemFailure("cannot collect the answers", "pipe", errno);
-    Started started{id, UniqueFd(ends[0]), -1};
-    const UniqueFd writer(ends[1]);
-    ::fcntl(writer.Get(), F_SETPIPE_SZ, kPipeSize);  // as far as the system gives it
-    started.child = ::fork();
-    if (started.child < 0) throw SystemFailure("cannot collect the answers", "fork", errno);
-    if (started.child == 0) ::_exit(::dup2(writer.Get(), STDOUT_FILENO) >= 0 && IsWritten(write) ? 0 : 1);
-    m_Started.push_back(std::move(started));
-  }
-
-  size_t Count() const { return m_Started.size(); }
-  // Up to that number of those that were started.
-  void Collect(size_t end) {
-    for (; m_Collected < end; ++m_Collected) {
-      Started& started = m_Started[m_Collected];
-      const std::string head = TakeOver(started);
-      started.reader.Reset();
-      int status = 0;
-      ::waitpid(started.child, &status, 0);
-      if (status != 0) m_Missing.push_back({{"answer", started.id}, {"reason", ReasonIn(head)}});
-    }
-  }
-
-  const Json& Missing() const { return m_Missing; }
-
- private:
-  static constexpr int kPipeSize = 1 << 20;
-
-  struct Started {
-    std::string id;
-    UniqueFd reader;
-    pid_t child;
-  };
-
-  // Its first piece.
-  std::string TakeOver(const Started& started) {
-    std::vector<char> bytes(kPipeSize);
-    std::string head;
-    m_Page.BeginAnswer(started.id);
-    for (ssize_t got = 0; (got = ReadSome(started.reader.Get(), bytes.data(), bytes.size())) > 0;) {
-      const std::string_view piece(bytes.data(), static_cast<size_t>(got));
-      if (head.empty()) head = piece;
-      m_Page.AddJson(piece);
-    }
-    return head;
-  }
-
-  static std::string ReasonIn(const std::string& answer) {
-    std::string why;
-    const std::optional<Json> object = ReadJson(answer, why);
-    const Json error = object && object->is_object() ? object->value("error", Json()) : Json();
-    return error.is_object() ? error["message"].get<std::string>() : "the answer breaks off";
-  }
-
-  // In the child; false when the answer is a failure.
-  bool IsWritten(const std::function<void(Output& out)>& write) const {
-    OutputOptions options;
-    options.json = true;
-    Output out(options);
-    out.SetRoot(m_Root);
-    try {
-      write(out);
-      return true;
-    } catch (const CommandError& error) {
-      out.PrintError(static_cast<int>(error.Code()), error.what());
-    } catch (const std::exception& error) {
-      out.PrintError(static_cast<int>(ExitCode::kInternal), error.what());
-    }
-    return false;
-  }
-
-  PageWriter& m_Page;
-  std::string m_Root = "/";
-  std::vector<Started> m_Started;
-  size_t m_Collected = 0;
-  Json m_Missing = Json::array();
-};
-
 // Where the entries of a file of a run begin and end, by which the page shows what a wrap has overwritten.
 Json SpanOf(const TraceFile& file, size_t& entries) {
   std::string_view first, last;
@@ -242,45 +141,55 @@ size_t CountKeptRuns() try {
   return 0;  // the list of the runs says why
 }
 
-// Of the present run, and of those that were kept.
-void StartTraces(const ReportOptions& options, AnswerCollector& answers) {
-  const size_t kept = CountKeptRuns();
-  for (TraceSource source; source.run <= kept; ++source.run) {
-    answers.Start("trace-" + std::to_string(source.run),
-                  [source, most = options.last](Output& out) { WriteTrace(source, most, out); });
-  }
+void StartCommand(const std::string& id, const std::vector<std::string>& words, AnswerCollector& answers) {
+  answers.Start(id, [words](Output& out) { RunCommand(words, out); });
+}
+
+void StartTrace(size_t run, const ReportOptions& options, AnswerCollector& answers) {
+  answers.Start("trace-" + std::to_string(run), [run, most = options.last](Output& out) {
+    TraceSource source;
+    source.run = run;
+    WriteTrace(source, most, out);
+  });
+}
+
+Json FactsFor(const ReportOptions& options) {
+  Json facts = ReadMachineFacts();
+  facts["against"] = options.against.empty() ? Json() : Json(options.against);
+  facts["of"] = options.tree.empty() ? Json() : Json(options.tree);
+  return facts;
 }
 
 // Entering a tree is for good, and the comparison enters its own: that is started before. The load of this machine is
-// measured before this command makes some.
+// measured before this command makes some, and one trace after the other held in memory.
 Json WritePage(const ReportOptions& options, int fd) {
   PageWriter page(fd, options.out);
   AnswerCollector answers(page);
   const bool isOfTree = !options.tree.empty();
   if (!isOfTree) {
-    answers.Start("perf", SplitList(kLiveLoad, ' '));
-    answers.Collect(answers.Count());
+    StartCommand("perf", SplitList(kLiveLoad, ' '), answers);
+    answers.Collect();
   }
   if (!options.against.empty()) {
-    answers.Start("changes", {"inventory", "diff", options.against, isOfTree ? options.tree : kLive});
+    StartCommand("changes", {"inventory", "diff", options.against, isOfTree ? options.tree : kLive}, answers);
   }
   if (isOfTree) {
     EnterSysroot(options.tree);
     answers.SetRoot(options.tree);
-    answers.Start("perf", {"perf"});
+    StartCommand("perf", {"perf"}, answers);
   }
   for (const AnswerRow& row : kAnswers)
-    answers.Start(row.id, SplitList(row.command, ' '));
-  const size_t small = answers.Count();
-  StartTraces(options, answers);
-  Json facts = ReadMachineFacts();
-  facts["against"] = options.against.empty() ? Json() : Json(options.against);
-  facts["of"] = isOfTree ? Json(options.tree) : Json();
+    StartCommand(row.id, SplitList(row.command, ' '), answers);
+  const Json facts = FactsFor(options);
+  answers.Collect();
   page.BeginAnswer("facts");
   page.AddJson(Dump(facts));
-  answers.Collect(small);
   page.AddScripts();
-  answers.Collect(answers.Count());
+  const size_t kept = CountKeptRuns();
+  for (size_t run = 0; run <= kept; ++run) {
+    StartTrace(run, options, answers);
+    answers.Collect();
+  }
   page.End();
   return {{"bytes", page.Bytes()}, {"answers", answers.Count()}, {"missing", answers.Missing()}};
 }
@@ -295,34 +204,6 @@ int ReportPage(const ReportOptions& options, int fd, int reportFd) {
   const std::string text = Dump(report);
   return ::write(reportFd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : 1;
 }
-
-// A new file that its owner alone can read, for a report shows what root alone may know; it is whole or not there.
-class NewPage {
- public:
-  explicit NewPage(const std::string& path)
-      : m_Path(path), m_File(::open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC | O_NOFOLLOW, 0600)) {
-    if (!m_File && errno == EEXIST) {
-      throw CommandError(ExitCode::kUsage, "the file exists and is not overwritten", path, "choose another name");
-    }
-    if (!m_File) throw SystemFailure("cannot create the report", path, errno);
-  }
-  ~NewPage() {
-    if (!m_IsWhole) ::unlink(m_Path.c_str());
-  }
-  NewPage(const NewPage&) = delete;
-  NewPage& operator=(const NewPage&) = delete;
-
-  int Get() const { return m_File.Get(); }
-  void Finish() {
-    if (::fsync(m_File.Get()) != 0) throw SystemFailure("cannot write the report", m_Path, errno);
-    m_IsWhole = true;
-  }
-
- private:
-  std::string m_Path;
-  UniqueFd m_File;
-  bool m_IsWhole = false;
-};
 
 // Made by a child, which enters the tree; a bundle comes from a stranger and may be meant to bring down who reads it.
 Json MakePage(const ReportOptions& options) {

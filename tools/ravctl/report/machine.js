@@ -93,7 +93,7 @@ function drawChanges(known) {
   section('changes', element('ul', {class: 'changes'}, changes.map((change) => element('li', {class: change.change},
     element('span', {class: 'mark', 'aria-hidden': 'true'}, CHANGES[change.change] ?? '·'),
     element('div', {class: 'what'}, element('strong', null, change.change), ` ${change.kind} `, element('code', null, change.where),
-      change.slot !== null && ` in slot ${change.slot}`, change.name && ` – ${change.name}`, change.field && ` (${change.field})`),
+      change.slot !== null && change.slot !== change.where && ` in slot ${change.slot}`, change.name && ` – ${change.name}`, change.field && ` (${change.field})`),
     element('div', {class: 'before'}, element('small', null, 'before'), change.old ?? '–'),
     element('div', {class: 'after'}, element('small', null, 'after'), change.new ?? '–')))));
 }
@@ -192,7 +192,7 @@ function slotArticle(slot, slots) {
     element('h3', null, name, slot.designation && element('small', null, slot.designation)),
     slotPicture(slot, state, links, drives),
     element('p', {class: 'state'}, element('strong', null, {used: 'in use', free: 'free', conflict: 'conflict'}[state]),
-      ' ', joined(slot.type, slot.width && !slot.type?.endsWith(slot.width) ? slot.width : null, slot.length && `, length ${slot.length}`) ?? ''),
+      ' ', [joined(slot.type, slot.width && !slot.type?.endsWith(slot.width) ? slot.width : null), slot.length && `length ${slot.length}`].filter(Boolean).join(', ')),
     slot.card !== null && element('p', {class: 'cardname'}, slot.card),
     conflicts.map((conflict) => element('p', {class: 'alarm'}, '! ', conflict)),
     links.length + drives.length > 0 && element('ul', {class: 'things'},
@@ -216,7 +216,7 @@ function drawSlots() {
     element('div', {class: 'grid'}, articles));
   const adapters = (answer('inventory').data?.adapters ?? []).filter((adapter) => adapter.address !== null);
   if (adapters.length > 0) {
-    section('slots', element('details', null, element('summary', null, `All ${plural(adapters.length, 'function')} of the PCI buses`),
+    section('slots', element('details', null, element('summary', null, `All ${plural(adapters.length, 'adapter')} of the PCI buses`),
       element('div', {class: 'grid'}, adapters.map((adapter) => functionDetails(adapter, 'h3')))));
   }
 }
@@ -368,7 +368,7 @@ function drawLoad() {
 // ---- where this is from
 
 function drawSources(known) {
-  const bundle = known.bundle;
+  const bundle = known.bundle, missing = Array.isArray(bundle?.missing) ? bundle.missing : [];
   const ids = new Set([...document.querySelectorAll('script[data-answer]')].map((script) => script.dataset.answer));
   const warnings = [...ids].filter((id) => id !== 'facts' && id !== 'perf' && !id.startsWith('trace-'))
     .flatMap((id) => answer(id).warnings.map((each) => joined(each.what, each.where, each.todo && `(${each.todo})`)));
@@ -380,8 +380,8 @@ function drawSources(known) {
       ['Identities', bundle?.redacted ? 'replaced by tokens' : null],
       ['Packages', listed(known.packages)],
     ]),
-    bundle?.missing?.length > 0 && element('details', null, element('summary', null, `${bundle.missing.length} not captured`),
-      element('ul', null, bundle.missing.slice(0, 200).map((each) => element('li', null, element('code', null, each.path), ` ${each.reason}`)))),
+    missing.length > 0 && element('details', null, element('summary', null, `${missing.length} not captured`),
+      element('ul', null, missing.slice(0, 200).map((each) => element('li', null, element('code', null, each?.path), ` ${each?.reason}`)))),
     known.modules.length > 0 && element('details', null, element('summary', null, plural(known.modules.length, 'module and library', 'modules and libraries')),
       element('ul', null, known.modules.slice(0, 200).map((each) => element('li', null, element('code', null, each.path), ` ${each.size} bytes, build ${each.build_id}`)))),
     warnings.length > 0 && element('details', null, element('summary', null, plural(new Set(warnings).size, 'warning') + ' of the commands'),

@@ -3,6 +3,7 @@
 
 const BUCKETS = 240;  // of a timeline
 const MOST_LANES = 8;  // sources of their own in a timeline
+const MOST_SOURCES = 2000;  // to choose from
 const ROW_HEIGHT = 22;  // pixels, as in page.css
 const TALLEST_LIST = 10000000;  // pixels; browsers know no taller element
 const SLICE_MS = 30;
@@ -51,12 +52,17 @@ class Run {
     this.sources = new Uint32Array(count);
     this.gravities = new Uint8Array(count);
     this.names = [];
+    this.totals = [];  // of the names
     this.first = Infinity;
     this.last = -Infinity;
     for (let index = 0; index < count; ++index) {
       const entry = this.entries[index], name = entry.source ?? '–', time = clock(entry.time);
       let id = ids.get(name);
-      if (id === undefined) ids.set(name, id = this.names.push(name) - 1);
+      if (id === undefined) {
+        ids.set(name, id = this.names.push(name) - 1);
+        this.totals.push(0);
+      }
+      ++this.totals[id];
       this.times[index] = time;
       this.sources[index] = id;
       this.gravities[index] = gravityOf(entry.text);
@@ -65,6 +71,11 @@ class Run {
     }
     this.gaps = findGaps(line > 0 ? JSON.parse(text.slice(0, line)) : [], clock);
     this.lowered = null;
+  }
+
+  // The numbers of the sources, those with the most entries first.
+  byCount() {
+    return [...this.totals.keys()].sort((left, right) => this.totals[right] - this.totals[left]);
   }
 
   // So that the first search is as quick as those that follow.
@@ -106,10 +117,7 @@ class Timeline {
 
   // Counts by lane, gravity and bucket: all entries, the sources with the most, and the others in one.
   count() {
-    const {names, sources, gravities, times} = this.run;
-    const totals = new Float64Array(names.length);
-    for (const id of sources) ++totals[id];
-    const order = [...totals.keys()].sort((left, right) => totals[right] - totals[left]);
+    const {names, sources, gravities, times} = this.run, order = this.run.byCount();
     const own = order.length > MOST_LANES + 1 ? order.slice(0, MOST_LANES) : order;
     const laneOf = new Int32Array(names.length).fill(own.length + 1);
     own.forEach((id, index) => laneOf[id] = index + 1);
@@ -270,8 +278,8 @@ class EntryList {
     const index = this.rows[at], entry = this.run.entries[index], gravity = GRAVITIES[this.run.gravities[index]];
     return element('div', {class: 'entry ' + gravity.name, role: 'option', id: 'entry-' + at, 'data-row': at,
       'aria-selected': at === this.selected, 'aria-setsize': this.rows.length, 'aria-posinset': at + 1},
-    element('span', {class: 'mark', role: 'img', 'aria-label': gravity.name}, gravity.mark), element('time', null, entry.time), element('code', null, entry.thread),
-    element('span', {class: 'text'}, entry.text));
+    element('span', {class: 'mark', role: 'img', 'aria-label': gravity.name}, gravity.mark), element('time', null, element('span', {class: 'date'}, entry.time.slice(0, 11)), entry.time.slice(11)),
+    element('code', null, entry.thread), element('span', {class: 'text'}, entry.text));
   }
 
   select(at) {
@@ -344,8 +352,8 @@ class TraceView {
   }
 
   offerSources() {
-    const names = [...this.run.names.entries()].sort(([, left], [, right]) => left < right ? -1 : 1).slice(0, 2000);
-    this.sourceBox.replaceChildren(element('option', {value: ''}, 'all'), ...names.map(([id, name]) => element('option', {value: id}, shown(name, 60))));
+    const {names} = this.run, ids = this.run.byCount().slice(0, MOST_SOURCES).sort((left, right) => names[left] < names[right] ? -1 : 1);
+    this.sourceBox.replaceChildren(element('option', {value: ''}, 'all'), ...ids.map((id) => element('option', {value: id}, shown(names[id], 60))));
   }
 
   choose(run, window, source) {
