@@ -19,10 +19,12 @@
 
 EMBED(ravctl_page_html, "page.html")
 EMBED(ravctl_page_css, "page.css")
-EMBED(ravctl_page_draw, "draw.js")
-EMBED(ravctl_page_pattern, "pattern.js")
-EMBED(ravctl_page_machine, "machine.js")
-EMBED(ravctl_page_trace, "trace.js")
+EMBED(ravctl_draw_js, "draw.js")
+EMBED(ravctl_pattern_js, "pattern.js")
+EMBED(ravctl_summary_js, "summary.js")
+EMBED(ravctl_hardware_js, "hardware.js")
+EMBED(ravctl_timeline_js, "timeline.js")
+EMBED(ravctl_trace_js, "trace.js")
 EMBED(ravctl_page_js, "page.js")
 
 namespace ravctl {
@@ -38,12 +40,15 @@ constexpr std::string_view kStylePlace = "@STYLE@";
 constexpr std::string_view kScriptPlace = "@SCRIPT@";
 constexpr std::string_view kDataPlace = "@DATA@";
 
+// In the order in which they run; the last one draws.
 std::string Scripts() {
   std::string scripts;
-  scripts.append(ravctl_page_draw, ravctl_page_draw_end);
-  scripts.append(ravctl_page_pattern, ravctl_page_pattern_end);
-  scripts.append(ravctl_page_machine, ravctl_page_machine_end);
-  scripts.append(ravctl_page_trace, ravctl_page_trace_end);
+  scripts.append(ravctl_draw_js, ravctl_draw_js_end);
+  scripts.append(ravctl_pattern_js, ravctl_pattern_js_end);
+  scripts.append(ravctl_summary_js, ravctl_summary_js_end);
+  scripts.append(ravctl_hardware_js, ravctl_hardware_js_end);
+  scripts.append(ravctl_timeline_js, ravctl_timeline_js_end);
+  scripts.append(ravctl_trace_js, ravctl_trace_js_end);
   scripts.append(ravctl_page_js, ravctl_page_js_end);
   return scripts;
 }

@@ -5,7 +5,7 @@
 // Known: characters, ., [classes], \d \w \s and their opposites, ^ $ \b \B, groups, |, * + ? {m,n} also with ? behind
 // them. Case does not matter. Back references and look-around are not known.
 
-const MOST_STEPS = 2000;  // of a program
+const MOST_STEPS = 2000; // of a program
 const MOST_STATES = 1000;
 
 const NAMED_CLASSES = {
@@ -66,13 +66,16 @@ class Pattern {
     const reached = this.closure(state, kind);
     let next = null;
     if (!reached.includes(this.program.length - 1)) {
-      const steps = new Set([0]);  // a match may begin anywhere
+      const steps = new Set([0]); // a match may begin anywhere
       for (const at of reached) {
         const step = this.program[at];
         if (step.kind === 'char' && step.has(char)) steps.add(at + 1);
       }
       if (this.states.size > MOST_STATES) this.forget();
-      next = this.state([...steps].sort((left, right) => left - right), kind);
+      next = this.state(
+        [...steps].sort((left, right) => left - right),
+        kind,
+      );
     }
     const code = char.charCodeAt(0);
     if (code < 128) state.ascii[code] = next;
@@ -82,7 +85,8 @@ class Pattern {
 
   // Where the threads of the state get without a character; what comes next is 'word', 'other' or 'end'.
   closure(state, after) {
-    const seen = new Set(), waiting = [...state.steps];
+    const seen = new Set(),
+      waiting = [...state.steps];
     while (waiting.length > 0) {
       const at = waiting.pop();
       if (seen.has(at)) continue;
@@ -105,7 +109,8 @@ class Pattern {
     if (node.kind === 'char' || node.kind === 'assert') this.add(node);
     if (node.kind === 'list') node.items.forEach((item) => this.emit(item));
     if (node.kind === 'choice') {
-      const split = this.add({kind: 'split', to: []}), ends = [];
+      const split = this.add({kind: 'split', to: []}),
+        ends = [];
       for (const item of node.items) {
         this.program[split].to.push(this.program.length);
         this.emit(item);
@@ -156,7 +161,8 @@ class Pattern {
   parseRepeat() {
     let item = this.parseItem();
     for (;;) {
-      let least = 0, most = Infinity;
+      let least = 0,
+        most = Infinity;
       const counts = /^\{(\d{1,4})(,(\d{0,4}))?\}/.exec(this.text.slice(this.at, this.at + 12));
       if (this.takes('+')) least = 1;
       else if (this.takes('?')) most = 1;
@@ -184,7 +190,8 @@ class Pattern {
   }
 
   literal(char) {
-    const lower = char.toLowerCase(), upper = char.toUpperCase();
+    const lower = char.toLowerCase(),
+      upper = char.toUpperCase();
     return {kind: 'char', has: (other) => other === lower || other === upper};
   }
 
@@ -212,7 +219,8 @@ class Pattern {
   }
 
   parseClass() {
-    const isOpposite = this.takes('^'), tests = [];
+    const isOpposite = this.takes('^'),
+      tests = [];
     for (let isFirst = true; isFirst || !this.takes(']'); isFirst = false) {
       if (this.at >= this.text.length) throw new Error('missing ]');
       const from = this.classMember();
