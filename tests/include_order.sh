@@ -27,7 +27,7 @@ BEGIN {
         "never_destroyed owned_text child_start directory_stream text_cursor", names, " ")
   for (i in names) ground[names[i]] = 1
   rank("ground;trace;platform;registry firmware perfmon netif;pci;inventory;daemon", floor)
-  rank("base;answer;line;daemon;tree;registry ini trace hardware network;commands", step)
+  rank("base;answer;line;daemon;tree;registry ini trace hardware network;report;commands", step)
 }
 {
   file = $0; sub(/:.*/, "", file)

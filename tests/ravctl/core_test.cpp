@@ -56,6 +56,9 @@ TEST(CommandLine, FaultsAreOneLineWithTheirStatus) {
       {"bundle /x.zip", 2, "bundle: the name does not tell the packing: /x.zip (end it in .tar.gz or .tar.zst)"},
       {"bundle /no/x.tgz", 4,
        "bundle: cannot create the bundle: /no/x.tgz: No such file or directory (check the path)"},
+      {"report", 2, "--out is required: report (see ravctl report --help)"},
+      {"report -o /old.tgz", 2, "report: the file exists and is not overwritten: /old.tgz (choose another name)"},
+      {"report /no -o /x.html", 4, "report: cannot open the tree: /no: No such file or directory (check the path)"},
       {"doctor --sysroot", 2, "--sysroot: 1 required TREE missing: doctor (see ravctl doctor --help)"},
       {"doctor --sysroot /no", 4, "doctor: cannot open the tree: /no: No such file or directory (check the path)"},
       {"doctor --sysroot /dev/null", 4,
@@ -72,6 +75,7 @@ TEST(CommandLine, FaultsAreOneLineWithTheirStatus) {
   machine.WriteFile("/old.tgz", "old");
   ExpectFaults(machine, "", faults);
   EXPECT_EQ(machine.ReadFile("/old.tgz"), "old");
+  EXPECT_FALSE(machine.Exists("/x.html"));
 }
 
 TEST(CommandLine, ColumnsHeadingsAndColors) {

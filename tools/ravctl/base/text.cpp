@@ -98,18 +98,18 @@ std::string ValidUtf8(std::string_view text) {
 
 void AppendJsonString(std::string& out, std::string_view text) {
   const std::string safe = IsPrintable(text) ? std::string() : ValidUtf8(text);
+  std::string_view rest = safe.empty() ? text : std::string_view(safe);
   out += '"';
-  for (const char character : safe.empty() ? text : std::string_view(safe)) {
+  const auto isSpecial = [](char character) {
     const auto byte = static_cast<unsigned char>(character);
-    if (character == '"' || character == '\\') {
-      out += '\\';
-      out += character;
-    } else if (byte < 0x20 || byte == 0x7F) {
-      out += "\\u00" + HexBytes({&character, 1});
-    } else {
-      out += character;
-    }
+    return byte < 0x20 || byte == 0x7F || character == '"' || character == '\\';
+  };
+  for (auto at = rest.begin(); (at = std::ranges::find_if(rest, isSpecial)) != rest.end();) {
+    out.append(rest.begin(), at);
+    out += *at == '"' || *at == '\\' ? std::string("\\") + *at : "\\u00" + HexBytes({at, 1});
+    rest.remove_prefix(static_cast<size_t>(at - rest.begin()) + 1);
   }
+  out.append(rest);
   out += '"';
 }
 

@@ -12,6 +12,7 @@
 #include "ravctl/commands/pci.h"
 #include "ravctl/commands/perf.h"
 #include "ravctl/commands/registry/group.h"
+#include "ravctl/commands/report.h"
 #include "ravctl/commands/schema.h"
 #include "ravctl/commands/slots.h"
 #include "ravctl/commands/smbios/group.h"
@@ -105,6 +106,7 @@ void AddAllCommands(Command& root) {
   AddIniGroup(root);
   AddBundle(root);
   AddDoctor(root);
+  AddReport(root);
   AddSchema(root);
   AddShellTexts(root);
 }
