@@ -72,6 +72,20 @@ TEST(ModuleCheck, InterfaceAndWriters) {
   }
 }
 
+TEST(ModuleList, ShowsWhatTheSwitchWrote) {
+  const ToolRoot machine;
+  EXPECT_EQ(machine.Ravctl("module list").status, 4);
+  machine.WriteFile("/run/ravd-modules.ini",
+                    "[ravd]\nPid=4711\n[metrics]\nState=running\nSince=1700000000\nVersion=3.12.5\nBuildId=0a1b\n"
+                    "File=/usr/lib/ravd/modules/metrics.so\n[old]\nState=lost\nReason=it threw, at last\n");
+  const nlohmann::json answer = machine.Json("module list", 0, {"TZ=UTC"});
+  EXPECT_EQ(Members(answer["data"][0], "name state since version build_id file reason"),
+            "metrics, running, 2023-11-14 22:13:20, 3.12.5, 0a1b, /usr/lib/ravd/modules/metrics.so, -");
+  EXPECT_EQ(Members(answer["data"][1], "name state version reason"), "old, lost, -, it threw, at last");
+  EXPECT_EQ(answer["data"].size(), 2U);
+  EXPECT_EQ(answer["warnings"][0]["what"], "it is of a daemon that no longer runs");
+}
+
 TEST(ModuleRun, StepsAndTrace) {
   const SwitchRoot machine;
   const nlohmann::json run = machine.Json("module run /switch/libswitch.so -s 1")["data"];

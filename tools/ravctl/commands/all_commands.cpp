@@ -37,7 +37,8 @@ void AddTraceGroup(Command& root) {
 }
 
 void AddModuleGroup(Command& root) {
-  Command& module = root.AddGroup("module", "The module switch library that the daemon loads");
+  Command& module = root.AddGroup("module", "The module switch library that the daemon loads, and its modules");
+  AddModuleList(module);
   AddModuleCheck(module);
   AddModuleRun(module);
 }

@@ -126,6 +126,7 @@ constexpr auto kFiles = std::to_array<FileRow>({
     {"/etc/sysconfig/ravd"},
     // the daemon
     {kPidFile},
+    {"/run/ravd-modules.ini"},
     {"/var/lock/ravd.lock"},
     {"/var/run", CaptureKind::kName},
     {"/var/log/pelrix", CaptureKind::kName},

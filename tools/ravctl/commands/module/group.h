@@ -5,10 +5,14 @@
 namespace ravctl {
 
 // ravctl module ...
+void AddModuleList(Command& module);
 void AddModuleCheck(Command& module);
 void AddModuleRun(Command& module);
 
 // What they answer.
-extern const Schema kModuleCheck, kModuleRun;
+extern const Schema kModuleList, kModuleCheck, kModuleRun;
+
+// What the switch of ravd-modules writes about its modules; modules/switch/module_interface.h describes it.
+inline constexpr const char* kModuleStates = "/run/ravd-modules.ini";
 
 }  // namespace ravctl
