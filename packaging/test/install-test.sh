@@ -118,7 +118,7 @@ fill_root() {
   prepare sh -euc "echo 'APT::Keep-Downloaded-Packages \"true\";' >/etc/apt/apt.conf.d/keep
     apt-get update -qq
     cd /root/source/build/package
-    apt-get install -y -qq --no-install-recommends --download-only ./ravd_*.deb ./ravctl_*.deb ${tools[*]}" >"$work/apt.log" 2>&1 ||
+    apt-get install -y -qq --no-install-recommends --download-only ./ravd_*.deb ./ravd-modules_*.deb ./ravctl_*.deb ${tools[*]}" >"$work/apt.log" 2>&1 ||
     fail "$(tail -n 5 "$work/apt.log")"
   cp -n "$root"/var/cache/apt/archives/*.deb "$work/cache/" 2>/dev/null || true
 }
@@ -359,6 +359,25 @@ distribution_test_passes() {
   say "the test that comes with the packages passes"
 }
 
+# The suite's own switch may take the place of theirs, so they are tried first.
+modules_do_work() {
+  [ -z "$by_hand" ] || return 0
+  documented 'apt-get install -y ./build/package/ravd-modules_*.deb'
+  inside bash -euc 'for _ in $(seq 100); do
+      { exec 3<>/dev/tcp/127.0.0.1/9469 && printf "GET /metrics HTTP/1.0\r\n\r\n" >&3 && cat <&3 >/root/page; } 2>/dev/null || true
+      ! grep -q "^ravd_volume_size_bytes{mountpoint=\"/\"}" /root/page || break
+      sleep 0.1
+    done
+    for module in metrics watch; do grep -F "ravd_module_up{module=\"$module\"} 1" /root/page; done
+    grep "^ravd_volume_size_bytes{mountpoint=\"/\"}" /root/page && rm /root/page
+    ! grep -E "(ERROR|FAILED)" /var/log/pelrix/log.ravd && test -e /usr/share/ravd/ravd.rules.yml' >"$work/modules.log" 2>&1 ||
+    fail "the modules: $(tail -n 20 "$work/modules.log")"
+  documented 'apt-get purge -y ravd-modules'
+  ! inside systemctl -q is-active ravd || fail "the service runs without a switch"
+  inside test -d /usr/lib/ravd || fail "the modules take the directory of the switch along"
+  say "the modules of ravd-modules do their work, and the service ends with them"
+}
+
 put_switch() {
   inside sh -euc 'cp /root/kit/libswitch.so /usr/lib/ravd/
     mkdir -p /usr/lib/ravd/modules && cp /root/kit/my-modules/build/lib/modules/heartbeat.so /usr/lib/ravd/modules/
@@ -386,6 +405,18 @@ service_is_confined() {
   said=$(inside sh -c 'grep -h ^NoNewPrivs:.1 /proc/$(cat /var/run/ravd.pid)/status; ! nsenter -m -t \
     $(cat /var/run/ravd.pid) touch /usr/written 2>/dev/null || echo written')
   [ "$said" = "NoNewPrivs:	1" ] || fail "the running service is not confined: $said"
+}
+
+# What the service manager, the journal and the package tools say comes along in a bundle.
+bundle_tells_of_the_service() {
+  [ -z "$by_hand" ] || return 0
+  inside sh -euc 'mkdir /root/kit/bundle && cd /root/kit/bundle && ravctl bundle b.tar.gz && tar -xzf b.tar.gz ravctl
+    cd ravctl && grep -x "ActiveState=active" unit.txt && grep "Started ravd" journal.txt
+    for package in ravd ravctl libravagent3 libravagent-dev; do grep "^$package '"$version"' installed" packages.txt; done
+    for module in libswitch modules/heartbeat modules/machine_load; do grep "^/usr/lib/ravd/$module.so [0-9]" modules.txt; done
+    grep libravagent.so.3 modules.txt; ls net-list.json perf-sample.json' >"$work/bundle.log" 2>&1 ||
+    fail "the bundle of the running service: $(tail -n 20 "$work/bundle.log")"
+  say "a bundle brings the unit, its journal, packages, modules and the live answers"
 }
 
 documents_hold() {
@@ -511,7 +542,7 @@ timed programs_run my-modules/build
 timed programs_run clang
 # What the packages bring as dependencies is part of the machine before them.
 prepare sh -euc 'apt-get purge -y -qq libravagent-dev libravagent3; cd /root/source/build/package
-  apt-get install -y -qq --no-install-recommends pciutils $(apt-get install -s --no-install-recommends ./ravctl_*.deb |
+  apt-get install -y -qq --no-install-recommends pciutils $(apt-get install -s --no-install-recommends ./ravctl_*.deb ./ravd_*.deb ./ravd-modules_*.deb |
     awk "\$1 == \"Inst\" && \$2 !~ /^rav/ { print \$2 }")' >"$work/apt.log" 2>&1 || fail "$(tail -n 5 "$work/apt.log")"
 timed boot
 snapshot "$work/before"
@@ -522,9 +553,11 @@ timed files_are_right
 timed module_test_runs
 waits_for_its_switch
 timed distribution_test_passes
+timed modules_do_work
 put_switch
 timed service_starts
 timed service_is_confined
+timed bundle_tells_of_the_service
 timed documents_hold
 timed service_stops
 service start

@@ -40,10 +40,12 @@ std::string LinesWith(const std::string& text, std::string_view part) {
 }
 
 std::string Packages() {
-  const std::string debian = RunProgram(kSeconds, "/usr/bin/dpkg-query",
-                                        {"-W", "-f", "${Package} ${Version} ${db:Status-Status}\n", "ravd*", "ravctl*"})
-                                 .report;
-  return debian.empty() ? RunProgram(kSeconds, "/usr/bin/rpm", {"-qa", "ravd*", "ravctl*"}).report : debian;
+  const std::string debian =
+      RunProgram(kSeconds, "/usr/bin/dpkg-query",
+                 {"-W", "-f", "${Package} ${Version} ${db:Status-Status}\n", "ravd*", "ravctl*", "libravagent*"})
+          .report;
+  return debian.empty() ? RunProgram(kSeconds, "/usr/bin/rpm", {"-qa", "ravd*", "ravctl*", "libravagent*"}).report
+                        : debian;
 }
 
 // The shared objects of the module directory, and those that the running daemon has mapped.
