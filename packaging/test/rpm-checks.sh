@@ -89,14 +89,17 @@ requires_what_it_should() { # RPM, pattern
 
 holds_the_same ravd ravd
 holds_the_same ravctl ravctl
+holds_the_same ravd-modules ravd-modules
 holds_the_same libravagent libravagent3
 holds_the_same libravagent-devel libravagent-dev
 holds_the_same ravd-doc ravd-doc
 program_is_the_same ravd /usr/sbin/ravd
 program_is_the_same ravctl /usr/bin/ravctl
+program_is_the_same ravd-modules /usr/lib/ravd/libswitch.so
 configuration_is_kept
 requires_what_it_should ravd 'systemd$'
-requires_what_it_should ravctl 'lib(smartcols|archive|elf|z|re2|cap-ng|pci)\.so\.'
+requires_what_it_should ravctl 'lib(smartcols|archive|elf|z|re2|cap-ng|pci|nettle)\.so\.'
+requires_what_it_should ravd-modules 'ravd = |lib(microhttpd|systemd|ravagent)\.so\.'
 requires_what_it_should libravagent 'nothing'
 requires_what_it_should libravagent-devel '/bin/bash|/usr/bin/(pkg-config|cmake)|cmake-filesystem|libravagent(\.so\.3| = )|pkgconfig\(ravd\)'
 if unshare --map-root-user --mount true 2>/dev/null; then
