@@ -12,6 +12,7 @@ const require = createRequire(directory + '.tools/');
 const {chromium} = require('playwright-core');
 const axe = readFileSync(require.resolve('axe-core/axe.min.js'), 'utf8');
 
+const PATIENCE = 200000; // milliseconds, on a machine that has much else to do
 const asked = []; // what reached the trap
 const trap = createServer((request, response) => {
   asked.push(request.url);
@@ -31,6 +32,7 @@ after(() => Promise.all([browser.close(), new Promise((resolve) => trap.close(re
 // The page once all of it is drawn, and what it said and asked for until then.
 async function open(name, options = {}) {
   const context = await browser.newContext({viewport: {width: 1200, height: 900}, ...options});
+  context.setDefaultTimeout(PATIENCE);
   const page = await context.newPage();
   page.said = [];
   page.requests = [];
