@@ -362,7 +362,7 @@ distribution_test_passes() {
 # The suite's own switch may take the place of theirs, so they are tried first.
 modules_do_work() {
   [ -z "$by_hand" ] || return 0
-  documented 'apt-get install -y ./build/package/ravd-modules_*.deb'
+  documented 'apt-get install -y ./build/package/libravagent3_*.deb ./build/package/ravd-modules_*.deb'
   inside bash -euc 'for _ in $(seq 100); do
       { exec 3<>/dev/tcp/127.0.0.1/9469 && printf "GET /metrics HTTP/1.0\r\n\r\n" >&3 && cat <&3 >/root/page; } 2>/dev/null || true
       ! grep -q "^ravd_volume_size_bytes{mountpoint=\"/\"}" /root/page || break
