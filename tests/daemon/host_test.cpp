@@ -64,7 +64,8 @@ TEST_F(SmbusProbe, AnswerIsTracedFieldByField) {
   RunTraced(root, 2, [](const TraceCapture& trace) {
     ::setenv("QN_SYSTEM", std::string(40, 's').c_str(), 1);
     ::setenv("QN_OS", "Linux %d", 1);
-    const FakeIoctl driver([](const std::string& path, unsigned long request, void* argument) -> std::optional<int> {
+    uint32_t version = 0x00030D00;
+    const FakeIoctl driver([&](const std::string& path, unsigned long request, void* argument) -> std::optional<int> {
       if (path != "/dev/pci/smbus" || request != 0xC00873FF) return std::nullopt;
       uint32_t header[8];
       std::memcpy(header, argument, sizeof header);
@@ -72,8 +73,7 @@ TEST_F(SmbusProbe, AnswerIsTracedFieldByField) {
       char* buffer = nullptr;
       std::memcpy(&buffer, static_cast<char*>(argument) + 16, sizeof buffer);
       EXPECT_STREQ(buffer + 96, "RAVD");
-      const uint32_t newer = 0x00030D00;
-      std::memcpy(buffer + 16, &newer, 4);
+      std::memcpy(buffer + 16, &version, 4);
       buffer[49] = 1;
       std::memset(buffer + 128, 'n', 32);  // fills its field
       std::memcpy(buffer + 928, "all is well", 11);
@@ -90,6 +90,9 @@ TEST_F(SmbusProbe, AnswerIsTracedFieldByField) {
     EXPECT_THAT(lines, Contains("QN_SYSTEM                   : " + std::string(32, 's')));
     EXPECT_THAT(lines, Contains("QN_OS                       : Linux %d"));
     EXPECT_EQ(lines[35], "smbus_ErrorReturnString     : all is well");
+    version = 0x00030C05;
+    DiscoverSmbusDriverInfo();
+    EXPECT_EQ(trace.Count("is less than smbus driver version"), 1) << "the same version is none to warn of";
   });
 }
 
