@@ -6,6 +6,7 @@
 #include <charconv>
 #include <climits>
 #include <cstdlib>
+#include <iterator>
 #include <memory>
 #include <set>
 #include <string_view>
@@ -180,10 +181,16 @@ std::vector<const BlockDevice*> BlockDevices::PartitionsOf(const std::string& di
 }
 
 std::vector<std::string> BlockDevices::WaysTo(const std::string& drive) const {
+  std::vector<std::string> ways;
   for (const auto& [name, device] : m_Devices) {
-    if (device.isMultipath && std::ranges::count(device.slaves, drive) > 0) return device.slaves;
+    if (!device.isMultipath || std::ranges::count(device.slaves, drive) == 0) continue;
+    std::ranges::copy_if(device.slaves, std::back_inserter(ways), [this](const std::string& slave) {
+      const BlockDevice* const way = Find(slave);
+      return way != nullptr && way->isDrive;
+    });
+    break;
   }
-  return {};
+  return ways;
 }
 
 BlockDevices::Foundation BlockDevices::FoundationOf(const BlockDevice& device) const {

@@ -140,7 +140,7 @@ class DriveList {
     Fill(record, "scsi", TextOrNull(details.scsi), "sysfs");
     Fill(record, "size_kb", drive.sizeKb ? Json(*drive.sizeKb) : Json(), "sysfs");
     for (const std::string& way : m_Blocks.WaysTo(drive.name)) {
-      if (const BlockDevice* const device = m_Blocks.Find(way)) record["paths"].push_back(device->Node());
+      record["paths"].push_back(m_Blocks.Find(way)->Node());
       record["is_multipath"] = true;
     }
     for (const BlockDevice* const partition : m_Blocks.PartitionsOf(drive.name)) {

@@ -1,5 +1,7 @@
 #include "ravctl/tree/live_answers.h"
 
+#include <unistd.h>
+
 #include <filesystem>
 
 #include "ravctl/answer/json.h"
@@ -8,6 +10,7 @@
 #include "ravctl/base/files.h"
 #include "ravctl/base/json_reader.h"
 #include "ravctl/base/times.h"
+#include "ravctl/tree/bundle_format.h"
 #include "ravctl/tree/enter.h"
 #include "ravctl/tree/tree_reading.h"
 
@@ -72,7 +75,8 @@ Json CapturedAnswer(const Schema& schema, Output& out) {
     throw CommandError(ExitCode::kInputMissing, "the tree does not hold what only a running machine tells",
                        PathOf(schema), "make a bundle there");
   }
-  out.Warn("this is how it was at the time of the capture", LocalTimeText(PresentTime()));
+  const bool hasTime = ::access((std::string("/") + kManifestPath).c_str(), F_OK) == 0;
+  out.Warn("this is how it was at the time of the capture", hasTime ? LocalTimeText(PresentTime()) : "");
   return std::move(*data);
 }
 

@@ -25,7 +25,7 @@ std::string PlaceOf(const Json& record, const char* place, const char* otherPlac
 
 // What is not known from the files of the tree and was captured. The two places tell which record it is of.
 void FillIn(const Schema& schema, const char* place, const char* otherPlace, Json& records) {
-  std::optional<Json> captured = FindCapturedAnswer(schema);
+  std::optional<Json> captured = records.empty() ? std::nullopt : FindCapturedAnswer(schema);
   if (!captured) return;
   std::map<std::string, Json*> byPlace;
   for (Json& record : *captured)

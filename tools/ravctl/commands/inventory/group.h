@@ -18,7 +18,8 @@ void AddInventoryDiff(Command& inventory);
 void AddInventoryWatch(Command& inventory);
 
 // What they answer.
-extern const Schema kInventory, kInventoryAdapters, kInventoryDrives, kInventoryVolumes, kInventoryDiff, kInventoryWatch;
+extern const Schema kInventory, kInventoryAdapters, kInventoryDrives, kInventoryVolumes, kInventoryDiff,
+    kInventoryWatch;
 
 // The whole answers of the running machine, for a bundle. Throw CommandError.
 Json ReadInventoryAdapters();

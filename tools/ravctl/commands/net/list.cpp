@@ -170,7 +170,8 @@ Json ReadRows(const CounterSample& before) {
 
 ExitCode RunList(const ListOptions& options, Output& out) {
   const bool hasRates = options.rateSeconds > 0.0;
-  if (hasRates && IsInSysroot()) throw CommandError(ExitCode::kUsage, "a captured tree has no rates", "--rates", "");
+  if (hasRates && IsInSysroot())
+    throw CommandError(ExitCode::kUsage, "a captured tree has no rates", "--rates", "leave the option out");
   CounterSample before;
   if (hasRates) {
     before = ReadCounters();
