@@ -199,8 +199,7 @@ TEST(Bundle, TokensAreEqualThroughoutAndReadable) {
   EXPECT_EQ(table.size(), kSmbios.size());
   EXPECT_EQ(machine.ReadFile("/tree/dev/mem").substr(kTable, table.size()), table);
   for (const std::string& command : kCommands)
-    EXPECT_EQ(Answer(machine, command + " --sysroot /tree")["status"], Answer(machine, command)["status"])
-        << command;
+    EXPECT_EQ(Answer(machine, command + " --sysroot /tree")["status"], Answer(machine, command)["status"]) << command;
   EXPECT_EQ(Answer(machine, "slots --sysroot /b.tar.gz"), Answer(machine, "slots"));
   // Another bundle has other tokens.
   machine.Json("bundle --redact /c.tar.gz");
