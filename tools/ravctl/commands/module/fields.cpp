@@ -6,9 +6,13 @@
 
 namespace ravctl {
 
+namespace {
+
 Color StateColor(const Json& value) {
   return value == "running" ? Color::kGreen : value == "failed" || value == "lost" ? Color::kRed : Color::kNone;
 }
+
+}  // namespace
 
 constexpr auto kModuleFields = std::to_array<Field>({
     {"name", kText, "what it is called"},
