@@ -24,7 +24,7 @@ fail() {
 ip link set lo up
 mount -t proc none /proc
 for directory in /run /var/log; do mount -t tmpfs -o mode=0755 none $directory; done
-[ -d /etc/pelrix ] || { mount -t tmpfs none /etc && mkdir /etc/pelrix; }
+[ -d /etc/pelrix ] || { mount -t tmpfs none /etc && mkdir /etc/pelrix && ln -s /proc/self/mounts /etc/mtab; }
 mount -t tmpfs none /etc/pelrix
 mkdir -p /run/lock /var/log/pelrix
 printf '[metrics]\nTextFile=none\nListen=127.0.0.1:9469\nInterval=1\n' >/etc/pelrix/modules.ini
@@ -61,6 +61,6 @@ expect 'up' 1
 expect 'ravd_module_up{module="metrics"}' 1
 expect 'sum(ravd_changes_total)' 0
 expect 'count(ravd_interface_up{device="lo"})' 1
-expect "ravd_memory_total_bytes" "$(awk '/MemTotal/ { printf "%.0f", $2 * 1024 }' /proc/meminfo)"
+expect "ravd_memory_total_bytes" $((1024 * $(sed -n 's/^MemTotal: *\([0-9]*\) kB/\1/p' /proc/meminfo)))
 expect "ravd_volume_size_bytes{mountpoint=\"/\"}" "$(df --output=size -B1 / | tail -n 1 | tr -d ' ')"
 echo "prometheus: passed, $(ask 'scrape_samples_scraped') series"
