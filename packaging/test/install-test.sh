@@ -118,7 +118,7 @@ fill_root() {
   prepare sh -euc "echo 'APT::Keep-Downloaded-Packages \"true\";' >/etc/apt/apt.conf.d/keep
     apt-get update -qq
     cd /root/source/build/package
-    apt-get install -y -qq --no-install-recommends --download-only ./ravd_*.deb ./ravd-modules_*.deb ./ravctl_*.deb ${tools[*]}" >"$work/apt.log" 2>&1 ||
+    apt-get install -y -qq --no-install-recommends --download-only ./ravd_*.deb ./libravagent3_*.deb ./ravd-modules_*.deb ./ravctl_*.deb ${tools[*]}" >"$work/apt.log" 2>&1 ||
     fail "$(tail -n 5 "$work/apt.log")"
   cp -n "$root"/var/cache/apt/archives/*.deb "$work/cache/" 2>/dev/null || true
 }
@@ -542,8 +542,8 @@ timed programs_run my-modules/build
 timed programs_run clang
 # What the packages bring as dependencies is part of the machine before them.
 prepare sh -euc 'apt-get purge -y -qq libravagent-dev libravagent3; cd /root/source/build/package
-  apt-get install -y -qq --no-install-recommends pciutils $(apt-get install -s --no-install-recommends ./ravctl_*.deb ./ravd_*.deb ./ravd-modules_*.deb |
-    awk "\$1 == \"Inst\" && \$2 !~ /^rav/ { print \$2 }")' >"$work/apt.log" 2>&1 || fail "$(tail -n 5 "$work/apt.log")"
+  apt-get install -y -qq --no-install-recommends pciutils $(apt-get install -s --no-install-recommends ./ravctl_*.deb ./ravd_*.deb ./libravagent3_*.deb ./ravd-modules_*.deb |
+    awk "\$1 == \"Inst\" && \$2 !~ /^(lib)?rav/ { print \$2 }")' >"$work/apt.log" 2>&1 || fail "$(tail -n 5 "$work/apt.log")"
 timed boot
 snapshot "$work/before"
 ravd_needs_no_library

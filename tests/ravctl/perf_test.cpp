@@ -1,5 +1,8 @@
 // perf over files of /proc that a test wrote.
 
+#include <poll.h>
+#include <sys/inotify.h>
+
 #include "netif/private_network.h"
 #include "ravctl/ravctl_runner.h"
 
@@ -17,6 +20,22 @@ std::string NetDev(uint64_t received, uint64_t sent) {
          std::to_string(sent) + " 0 0 0 0 0 0 0\n";
 }
 
+// The tool, after the two readings with which its monitor begins, and a moment more for the traffic.
+pid_t StartSampling(const CommandLine& words) {
+  const int readings = ::inotify_init1(IN_CLOEXEC);
+  EXPECT_GE(::inotify_add_watch(readings, "/proc/stat", IN_CLOSE_NOWRITE), 0);
+  const pid_t tool = StartRavctl(words);
+  for (int number = 0; number < 2; ++number) {
+    pollfd reading{readings, POLLIN, 0};
+    inotify_event event;
+    EXPECT_EQ(::poll(&reading, 1, 30000), 1);
+    EXPECT_EQ(::read(readings, &event, sizeof event), static_cast<ssize_t>(sizeof event));
+  }
+  ::close(readings);
+  ::usleep(400000);
+  return tool;
+}
+
 void Fill(const ToolRoot& machine) {
   machine.WriteFile("/proc/stat", kStat);
   machine.WriteFile("/proc/meminfo", kMemInfo);
@@ -31,8 +50,7 @@ TEST(Perf, OnceOverTwoStates) {
   Fill(machine);
   machine.Run(FixtureRoot::kUsr | FixtureRoot::kNetwork, [] {
     Ip("link add eth0 type veth peer name peer");  // a link of 10 Gbit/s
-    const pid_t tool = StartRavctl("perf --interval 2 --json");
-    ::usleep(1200000);  // the first reading takes a quarter of a second
+    const pid_t tool = StartSampling("perf --interval 2 --json");
     WriteWholeFile("/proc/stat", kBusyStat);
     WriteWholeFile("/proc/meminfo", "MemTotal: 8192 kB\nMemFree: 4096 kB\nSwapTotal: 8192 kB\nSwapFree: 8192 kB\n");
     WriteWholeFile("/proc/net/dev", NetDev(1000 + 655360000, 2000 + 262144000));
@@ -60,8 +78,7 @@ TEST(Perf, RowsAndWhatCannotBeRead) {
   const ToolRoot machine;
   Fill(machine);
   machine.Run(FixtureRoot::kUsr, [] {
-    const pid_t tool = StartRavctl("perf --count 2 --interval 1.5 --json");
-    ::usleep(1000000);
+    const pid_t tool = StartSampling("perf --count 2 --interval 1.5 --json");
     WriteWholeFile("/proc/stat", kBusyStat);
     EXPECT_EQ(WaitForRavctl(tool).status, 4);  // nothing changed for the second row
   });
