@@ -383,6 +383,7 @@ put_switch() {
     mkdir -p /usr/lib/ravd/modules && cp /root/kit/my-modules/build/lib/modules/heartbeat.so /usr/lib/ravd/modules/
     cp /root/kit/my-modules/build/lib/library_modules/machine_load.so /root/kit/crashing.so /usr/lib/ravd/modules/'
   documented "sed -i 's/^FileDebugLevel=.*/FileDebugLevel=3/' /etc/norrow/QuennetSuite/TraceConfig/ravd.ini"
+  inside sed -i 's/^FileDebugLevel=3/FileDebugLevel=4/' /etc/norrow/QuennetSuite/TraceConfig/ravd.ini  # the library's, too
 }
 
 service_starts() {
@@ -390,7 +391,7 @@ service_starts() {
   [ -n "$(service_pid)" ] || fail "ready, but there is no PID file"
   traces_soon 'Heartbeat           : beat'
   traces_soon 'MachineLoad         : a sample each 1000 ms'
-  traced 'CPerfMon' || fail "the library does not trace through the daemon"
+  traces_soon 'CPerfMon::Start     : Start performance monitoring'
   traced 'RAVD-MAIN' || fail "the daemon itself does not trace"
   [ -n "$by_hand" ] || [ "$(inside systemctl show -P MainPID ravd)" = "$(service_pid)" ] || fail "the wrong main process"
   say "the service is ready and the module built from the package traces into it"
@@ -483,7 +484,7 @@ upgrade_keeps_it_running() {
   banner=$(echo "$next" | sed -E 's/\.([0-9])$/-0\1/; s/\.([0-9]+)$/-\1/')
   traces_soon "$banner"
   traces_soon 'Heartbeat           : beat'
-  inside grep '^FileDebugLevel=3' /etc/norrow/QuennetSuite/TraceConfig/ravd.ini >/dev/null || fail "configuration lost"
+  inside grep '^FileDebugLevel=4' /etc/norrow/QuennetSuite/TraceConfig/ravd.ini >/dev/null || fail "configuration lost"
   say "upgraded to $next while it ran, configuration kept"
 }
 
