@@ -14,6 +14,7 @@
 #include "ravctl/answer/output.h"
 #include "ravctl/base/error.h"
 #include "ravctl/base/gzip.h"
+#include "ravctl/base/letter_case.h"
 #include "ravctl/base/text.h"
 #include "ravctl/trace/kept_runs.h"
 #include "ravctl/trace/trace_entry.h"
@@ -117,11 +118,7 @@ std::string_view TraceFile::FirstTime() const {
 }
 
 TracePaths PathsOf(const std::string& directory, const std::string& application) {
-  std::string name = application;
-  std::ranges::transform(name, name.begin(), [](char letter) {
-    return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
-  });
-  const std::string log = directory + "/log." + name;
+  const std::string log = directory + "/log." + Lower(application);
   return {log, log + "_i", log + "_i.gz", log + "_a"};
 }
 

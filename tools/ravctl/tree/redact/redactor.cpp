@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 
+#include "ravctl/base/letter_case.h"
 #include "ravctl/base/text.h"
 #include "ravctl/tree/redact/forms.h"
 
@@ -28,10 +29,6 @@ bool IsUpper(char character) {
   return character >= 'A' && character <= 'Z';
 }
 
-char Lower(char character) {
-  return IsUpper(character) ? static_cast<char>(character - 'A' + 'a') : character;
-}
-
 bool IsWord(char character) {
   return IsDigit(character) || (Lower(character) >= 'a' && Lower(character) <= 'z');
 }
@@ -48,12 +45,6 @@ bool HasDigit(std::string_view text) {
 char Cased(char token, char original, bool isRaised) {
   const bool isUpper = IsUpper(original) || (isRaised && IsDigit(original));
   return isUpper && token >= 'a' && token <= 'z' ? static_cast<char>(token - 'a' + 'A') : token;
-}
-
-std::string Lower(std::string_view text) {
-  std::string lower(text);
-  std::ranges::transform(lower, lower.begin(), [](char character) { return Lower(character); });
-  return lower;
 }
 
 std::string Digits(std::string_view spelling) {
