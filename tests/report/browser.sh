@@ -21,4 +21,4 @@ mkdir -p "$directory" "$directory.tools"
 mkdir "$directory/empty"
 "$ravctl" --sysroot "$directory/empty" trace list >"$directory/empty.log" 2>&1 || [ $? -ne 3 ] ||
   skip "no captured tree can be entered: $(tail -n 1 "$directory/empty.log")"
-exec node --test-reporter=spec "$here/browser.mjs" "$ravctl" "$machines" "$directory"
+exec node --test-reporter=tap "$here/browser.mjs" "$ravctl" "$machines" "$directory"
