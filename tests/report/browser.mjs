@@ -132,6 +132,13 @@ test('the pictures show what the answers say', async () => {
     [await page.locator('.slot rect.port').count(), await page.locator('.slot rect.drive').count()],
     [1, 1],
   );
+  // The volume on the drive of slot 6 is full to 95 of 100 parts.
+  const widths = await page
+    .locator('.slot rect.drive + rect.filled')
+    .evaluateAll((all) => all.map((bar) => Number(bar.getAttribute('width'))));
+  assert.deepEqual(widths, [(22 * answerOf('server', 'inventory').volumes[0].used_percent) / 100]);
+  assert.deepEqual([...new Set(await attributes(page, '#drives .bar', 'data-percent'))], ['95']);
+  assert.match((await texts(page, '#drives')).join(), /95 % – nearly full/);
   assert.match((await texts(page, '.slot'))[0], /Slot 3.*in use.*PCIe.*eth7.*igb.*02:00:00:00:00:01.*SMBIOS type 9/s);
   assert.deepEqual(await attributes(page, '.dimm', 'data-state'), ['used', 'used', 'free']);
   assert.equal(await page.locator('.changes > li').count(), answerOf('server', 'changes').length);

@@ -107,6 +107,12 @@ class Server : public ServerMachine {
     WriteFile("/proc/sys/kernel/osrelease", isBefore ? "6.1.0-1\n" : "6.1.0-2\n");
     WriteFile("/proc/meminfo", "MemTotal:       32768000 kB\n");
     WriteFile("/ravctl/modules.txt", "/usr/lib/ravd/modules/libwatch.so 81920 0a1b2c\n");
+    WriteFile(
+        "/ravctl/inventory-volumes.json",
+        R"({"schema":"ravctl/inventory-volumes","version":1,"root":"/","warnings":[],"data":[{"mount_point":"/data",)"
+        R"("device":"/dev/nvme0n1p2","type":"xfs","kind":"local","drive":"/dev/nvme0n1","drives":["/dev/nvme0n1"],)"
+        R"("on":["/dev/nvme0n1p2"],"layers":[],"size_kb":2000000,"available_kb":100000,"used_percent":95,)"
+        R"("blocks":500000,"available_blocks":25000,"block_size":4096,"type_flags":0,"source":"mounted"}]})");
     WriteWrappedTrace(*this);
   }
 };
