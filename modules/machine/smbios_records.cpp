@@ -107,16 +107,39 @@ void AppendMachine(const CSMBios& bios, bool withSerialNumbers, MachineRecords& 
   records.push_back(std::move(record));
 }
 
+// Whether something answers in the slot that the firmware places there. A bridge on a bus that no other bridge leads to
+// is the port in front of the slot: what is behind it counts. Else a serial slot has the bus to itself, and a parallel
+// one a device of it.
+bool IsAnswered(const CPciConfigList& functions, uint32_t segment, uint8_t bus, uint8_t device) {
+  const auto has = [&](const auto& isMeant) {
+    return std::ranges::any_of(functions, [&](const auto& entry) {
+      return entry.first.segment == segment && isMeant(entry.first, entry.second.header);
+    });
+  };
+  const auto isBridgeThere = [&](const CPciAddress& address, const auto& header) {
+    return address.bus == bus && address.device == device && header.IsBridge();
+  };
+  const bool isRootBus =
+      !has([bus](const CPciAddress&, const auto& header) { return header.IsBridge() && header.SecondaryBus() == bus; });
+  if (isRootBus && has(isBridgeThere)) {
+    return has([&](const CPciAddress& port, const auto& header) {
+      const auto isBehind = [&](const CPciAddress& address, const auto&) {
+        return address.bus == header.SecondaryBus();
+      };
+      return isBridgeThere(port, header) && has(isBehind);
+    });
+  }
+  return has([&](const CPciAddress& address, const auto&) {
+    return address.bus == bus && (bus != 0 || address.device == device);
+  });
+}
+
 void AppendSlot(const Structure& slot, const CPciConfigList& functions, bool isDouble, MachineRecords& records) {
   const uint32_t segment = slot.Number(0x0D, 2);
   const uint8_t bus = slot.Byte(0x0F);
   const uint8_t deviceFunction = slot.Byte(0x10);
   const bool hasAddress = slot.Has(0x10) && (bus != 0xFF || deviceFunction != 0xFF);
-  // A serial slot has a bus of its own behind the port, a parallel one a device on a bus: either way one answers there.
-  const bool isAnswered = std::ranges::any_of(functions, [&](const auto& entry) {
-    const CPciAddress& address = entry.first;
-    return address.segment == segment && address.bus == bus && (bus != 0 || address.device == deviceFunction >> 3);
-  });
+  const bool isAnswered = IsAnswered(functions, segment, bus, deviceFunction >> 3);
   const uint8_t usage = slot.Byte(7);
   const bool contradicts = hasAddress && ((usage == kAvailable && isAnswered) || (usage == kInUse && !isAnswered));
   const std::string number = std::to_string(slot.Number(9, 2));

@@ -25,6 +25,9 @@ std::string Hardware(bool withSerialNumbers = false) {
 
 TEST_F(Machine, FirmwareAndFunctionsAreToldWithSlots) {
   AddFunction(root, {.bus = "03", .name = "00.0", .vendor = 0x8086, .device = 0x10d3, .classCode = 0x020000});
+  // Ports that firmware names instead of what is behind them: a card, and nothing.
+  AddFunction(root, {.name = "1c.0", .classCode = 0x060400, .headerType = 0x81, .secondaryBus = 3});
+  AddFunction(root, {.name = "1d.0", .classCode = 0x060400, .headerType = 0x81, .secondaryBus = 0x20});
   SmbiosTable table;
   table.Add(0, std::string("\x01\x02") + std::string(2, '\0') + "\x03", {"Firm", "1.2", "2026/01/02"});
   table.Add(1, std::string("\x01\x02\x00\x03", 4), {"Maker", " Model ", "S-1"});
@@ -32,6 +35,7 @@ TEST_F(Machine, FirmwareAndFunctionsAreToldWithSlots) {
       .AddSlot({.id = 4, .usage = 3, .bus = 3})
       .AddSlot({.id = 4, .usage = 2, .bus = 9});
   table.AddSlot({.id = 5, .usage = 4, .bus = 7});
+  table.AddSlot({.id = 6, .usage = 4, .device = 0x1c}).AddSlot({.id = 7, .usage = 3, .device = 0x1d});
   table.Add(17, MemoryDevice(0x7FFF, 65536), {"DIMM A1", "Bank 0", "Chips", "S-2", "P\t7"})
       .Add(17, MemoryDevice(0), {"DIMM A2"});
   table.Add(17, MemoryDevice(0xFFFF), {"DIMM A3"}).Add(17, std::string(9, '\1'), {"short"});
@@ -44,6 +48,7 @@ TEST_F(Machine, FirmwareAndFunctionsAreToldWithSlots) {
         {"machine\tmachine\tvendor=Maker\tproduct=Model\tbios_version=1.2\tbios_date=2026/01/02\n",
          "address=0000:03:00.0\toccupied=1\tconflict=0\n", "address=0000:03:00.0\toccupied=0\tconflict=1\n",
          "address=0000:09:00.0\tconflict=1\n", "address=0000:07:00.0\toccupied=1\tconflict=1\n",
+         "address=0000:00:1c.0\toccupied=1\tconflict=0\n", "address=0000:00:1d.0\toccupied=0\tconflict=0\n",
          "adapter\t0000:03:00.0\taddress=0000:03:00.0\tslot=3\tslot_source=firmware\tkind=net\tvendor_id=0x8086\tdevice_id=0x10d3\n",
          "dimm\tDIMM A1 Bank 0\tlocator=DIMM A1\tbank=Bank 0\tmanufacturer=Chips\tpart=P\\t7\ttype=DDR4\tsize=68719476736\n",
          "dimm\tDIMM A3 \tlocator=DIMM A3\ttype=DDR4\n"})
