@@ -29,13 +29,6 @@ constexpr const char* kChangeKinds[] = {"adapter", "dimm", "drive", "machine", "
 
 using Clock = std::chrono::steady_clock;
 
-bool IsTime(Clock::time_point& last, unsigned int seconds) {
-  const Clock::time_point now = Clock::now();
-  if (last != Clock::time_point() && now - last < std::chrono::seconds(seconds)) return false;
-  last = now;
-  return true;
-}
-
 }  // namespace
 
 MetricsSettings MetricsSettings::Read() {
@@ -47,11 +40,7 @@ MetricsSettings MetricsSettings::Read() {
   file.GetString(settings.textFile, kSection, "TextFile", hasDirectory ? kTextFile : kNone);
   file.GetString(settings.listen, kSection, "Listen", settings.textFile == kNone ? kListen : kNone);
   settings.isRemoteAllowed = file.GetNumber(kSection, "AllowRemote", 0) != 0;
-  settings.withSerialNumbers = file.GetNumber(kSection, "SerialNumbers", 0) != 0;
-  settings.intervalSeconds = std::max(file.GetNumber(kSection, "Interval", settings.intervalSeconds), 1U);
-  settings.volumeSeconds = std::max(file.GetNumber(kSection, "Volumes", settings.volumeSeconds), 10U);
-  settings.rescanSeconds = std::max(file.GetNumber(kSection, "Rescan", settings.rescanSeconds), 60U);
-  settings.program = MachineQuery::FindProgram();
+  settings.LookSettings::Read(file, kSection);
   return settings;
 }
 

@@ -5,20 +5,16 @@
 #include <string>
 #include <thread>
 
+#include "machine/look_settings.h"
 #include "machine/machine_query.h"
 #include "metrics/figures.h"
 #include "metrics/http_server.h"
 
 // Settings of the section [metrics] of kModulesFile, with what counts where nothing is said.
-struct MetricsSettings {
-  std::string textFile;               // TextFile, a path, or "none": kTextFile where its directory exists
-  std::string listen;                 // Listen, as of HttpServer, or "none": kListen where there is no text file
-  bool isRemoteAllowed = false;       // AllowRemote: others than this machine may reach Listen
-  bool withSerialNumbers = false;     // SerialNumbers: of machine, memory modules and drives
-  unsigned int intervalSeconds = 15;  // Interval: between two samples
-  unsigned int volumeSeconds = 300;   // Volumes: between two looks at the volumes
-  unsigned int rescanSeconds = 3600;  // Rescan: between two looks at the hardware; what comes or goes is seen at once
-  std::string program;                // not a setting: that of MachineQuery
+struct MetricsSettings : LookSettings {
+  std::string textFile;          // TextFile, a path, or "none": kTextFile where its directory exists
+  std::string listen;            // Listen, as of HttpServer, or "none": kListen where there is no text file
+  bool isRemoteAllowed = false;  // AllowRemote: others than this machine may reach Listen
 
   static constexpr const char* kTextFile = "/var/lib/prometheus/node-exporter/ravd.prom";
   static constexpr const char* kListen = "127.0.0.1:9469";

@@ -45,11 +45,7 @@ WatchSettings WatchSettings::Read() {
   CIniFile file;
   file.Open(kModulesFile);
   WatchSettings settings;
-  settings.intervalSeconds = std::max(file.GetNumber(kSection, "Interval", settings.intervalSeconds), 1U);
-  settings.volumeSeconds = std::max(file.GetNumber(kSection, "Volumes", settings.volumeSeconds), 10U);
-  settings.rescanSeconds = std::max(file.GetNumber(kSection, "Rescan", settings.rescanSeconds), 60U);
-  settings.withSerialNumbers = file.GetNumber(kSection, "SerialNumbers", 0) != 0;
-  settings.program = MachineQuery::FindProgram();
+  settings.LookSettings::Read(file, kSection);
   return settings;
 }
 
@@ -79,17 +75,11 @@ void Watch::Run() {
   m_Hardware = LoadLastMachine();
   Clock::time_point volumes, hardware;
   std::string devices;
-  const auto isTime = [](Clock::time_point& last, unsigned int seconds) {
-    const Clock::time_point now = Clock::now();
-    if (last != Clock::time_point() && now - last < std::chrono::seconds(seconds)) return false;
-    last = now;
-    return true;
-  };
   do {
     const std::string devicesNow = ListDevices();
     if (std::exchange(devices, devicesNow) != devicesNow) hardware = Clock::time_point();
-    if (isTime(hardware, m_Settings.rescanSeconds)) LookAtHardware();
-    if (isTime(volumes, m_Settings.volumeSeconds)) LookAtVolumes();
+    if (IsTime(hardware, m_Settings.rescanSeconds)) LookAtHardware();
+    if (IsTime(volumes, m_Settings.volumeSeconds)) LookAtVolumes();
     LookAtLinks();
   } while (!WaitForStop());
 }

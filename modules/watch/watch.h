@@ -7,17 +7,12 @@
 #include <thread>
 #include <vector>
 
+#include "machine/look_settings.h"
 #include "machine/machine_query.h"
 #include "watch/flap_filter.h"
 
 // Settings of the section [watch] of kModulesFile.
-struct WatchSettings {
-  unsigned int intervalSeconds = 15;  // Interval: between two looks at links and at what comes and goes
-  unsigned int volumeSeconds = 300;   // Volumes: between two looks at the volumes
-  unsigned int rescanSeconds = 3600;  // Rescan: between two looks at the hardware; what comes or goes is seen at once
-  bool withSerialNumbers = false;     // SerialNumbers
-  std::string program;                // not a setting: that of MachineQuery
-
+struct WatchSettings : LookSettings {
   static WatchSettings Read();
 };
 
